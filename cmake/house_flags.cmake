@@ -1,0 +1,18 @@
+# Warnings are errors on both platforms; frame pointers and symbols stay, so that a sanitizer's or
+# a field dump's stack can be read.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer)
+
+if(STEWARDRY_SANITIZE)
+  add_compile_options(-fsanitize=${STEWARDRY_SANITIZE} -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${STEWARDRY_SANITIZE})
+endif()
+
+if(WIN32)
+  # Windows 10 is the oldest system served. Everything is linked in, so the .exe runs alone.
+  add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+  add_link_options(-static)
+endif()
+
+if(STEWARDRY_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

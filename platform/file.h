@@ -1,0 +1,47 @@
+// Files, folders and the debug output. Paths are Windows paths on every platform
+// ("C:\ProgramData\..."); the Linux side maps them below the lab folder.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/handle.h"
+
+namespace platform {
+
+void CloseStream(RawHandle raw);
+using Stream = Owned<struct StreamTag, CloseStream>;
+
+// _fsopen(path, mode, _SH_DENYNO): a buffered stream shared with other openers. Modes used: "a+t",
+// "w+t", "a+" and "w", all text modes, in which each '\n' reaches the file as "\r\n". Empty owner
+// on failure; *errorNumber, where given, gets errno. A stream belongs to one thread at a time.
+Stream OpenStream(const char* path, const char* mode, int* errorNumber = nullptr);
+
+// fseek to the end and ftell: the file's size in bytes, -1 on failure.
+std::int64_t SeekToEnd(const Stream& stream);
+
+// fwrite and fflush. True when everything was taken.
+bool WriteStream(const Stream& stream, const char* text, std::size_t size);
+bool FlushStream(const Stream& stream);
+
+// remove and rename, DeleteFileA and MoveFileA: true on success.
+bool RemoveFile(const char* path);
+bool RenameFile(const char* from, const char* to);
+
+// CreateDirectoryA: false with kErrorAlreadyExists when it is there.
+bool CreateDirectoryA(const char* path);
+
+void CloseAppendFile(RawHandle raw);
+using AppendFile = Owned<struct AppendFileTag, CloseAppendFile>;
+
+// CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ, NULL, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+// NULL): each write goes to the end of the file. Empty owner on failure.
+AppendFile OpenAppendFile(const char* path);
+
+// WriteFile on it: true when all `size` bytes were written.
+bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size);
+
+// OutputDebugStringA: `text` zero-terminated. Any thread.
+void OutputDebugStringA(const char* text);
+
+}  // namespace platform

@@ -1,0 +1,230 @@
+// The mailbox device: enumeration of the lab's sockets, handles, requests, completion ports.
+#include "platform/device.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/lab_folder.h"
+#include "platform/linux/mailbox_link.h"
+
+namespace platform {
+
+namespace {
+
+constexpr char kPathPrefix[] = "\\\\?\\mailbox#";
+
+// The interfaces present when the list was made, in the order of their names.
+struct ListState {
+  std::vector<std::string> names;
+};
+
+struct DeviceState {
+  std::shared_ptr<MailboxLink> link;
+  std::uint64_t number = 0;
+  PortState* port = nullptr;
+};
+
+DeviceState& StateOf(const DeviceHandle& device) {
+  return *static_cast<DeviceState*>(device.Raw());
+}
+
+bool IsSocket(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+std::vector<std::string> InterfaceNames() {
+  std::vector<std::string> names;
+  const std::string folder = LabPath("mailbox");
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), ::closedir);
+  if (!dir) return names;
+  while (const dirent* entry = ::readdir(dir.get()))
+    if (IsSocket(folder + "/" + entry->d_name)) names.emplace_back(entry->d_name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace
+
+void CloseDeviceInfoList(RawHandle raw) {
+  gate::Note("SetupDiDestroyDeviceInfoList");
+  delete static_cast<ListState*>(raw);
+}
+
+DeviceInfoList SetupDiGetClassDevsA(const Guid&) {
+  if (gate::Fails("SetupDiGetClassDevsA")) return DeviceInfoList();
+  return DeviceInfoList(new ListState{InterfaceNames()});
+}
+
+bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfaceClass,
+                                 std::uint32_t index, DeviceInterfaceData* data) {
+  if (gate::Fails("SetupDiEnumDeviceInterfaces", "%u", index)) return false;
+  const auto& names = static_cast<ListState*>(list.Raw())->names;
+  if (data->cbSize != sizeof *data) return SetLastError(kErrorInvalidParameter), false;
+  if (index >= names.size()) return SetLastError(kErrorNoMoreItems), false;
+  data->interfaceClass = interfaceClass;
+  data->reserved = index;
+  return true;
+}
+
+bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceInterfaceData& data,
+                                      DeviceInterfaceDetail* detail, std::uint32_t size,
+                                      std::uint32_t* required) {
+  if (gate::Fails("SetupDiGetDeviceInterfaceDetailA", "%s", detail == nullptr ? "size" : "path"))
+    return false;
+  const std::string path =
+      kPathPrefix + static_cast<ListState*>(list.Raw())->names.at(data.reserved);
+  const auto needed = static_cast<std::uint32_t>(offsetof(DeviceInterfaceDetail, devicePath) +
+                                                 path.size() + 1);
+  if (required != nullptr) *required = needed;
+  if (detail == nullptr || size < needed) return SetLastError(kErrorInsufficientBuffer), false;
+  if (detail->cbSize != sizeof *detail) return SetLastError(kErrorInvalidParameter), false;
+  std::memcpy(reinterpret_cast<char*>(detail) + offsetof(DeviceInterfaceDetail, devicePath),
+              path.c_str(), path.size() + 1);
+  return true;
+}
+
+void CloseDevice(RawHandle raw) {
+  gate::Note("CloseHandle");
+  std::unique_ptr<DeviceState> device(static_cast<DeviceState*>(raw));
+  device->link->TellClose(device->number);
+}
+
+DeviceHandle OpenDevice(const char* path, std::uint32_t mode) {
+  if (gate::Fails("CreateFileA", "%s", path)) return DeviceHandle(InvalidHandleValue());
+  static std::atomic<std::uint64_t> opened{0};  // relaxed: only distinct numbers are asked for
+  const std::size_t prefix = sizeof kPathPrefix - 1;
+  if (std::strncmp(path, kPathPrefix, prefix) != 0)
+    return SetLastError(kErrorPathNotFound), DeviceHandle(InvalidHandleValue());
+  auto device = std::make_unique<DeviceState>();
+  device->link = MailboxLink::Open(LabPath("mailbox/") + (path + prefix));
+  if (!device->link) return DeviceHandle(InvalidHandleValue());
+  device->number = opened.fetch_add(1, std::memory_order_relaxed) + 1;
+  device->link->TellOpen(device->number, mode);
+  return DeviceHandle(device.release());
+}
+
+void SetRequestEvent(RequestRecord* record, const Event& event) {
+  StateOf(record).event = event ? &StateOf(event) : nullptr;
+}
+
+namespace {
+
+// A plain call: starts a request of its own and waits for it.
+bool CallPlain(const DeviceHandle& device, std::uint32_t code, const void* input,
+               std::uint32_t inputSize, void* output, std::uint32_t outputSize,
+               std::uint32_t* returned) {
+  RequestRecord record{};
+  EventState finished;
+  StateOf(&record).event = &finished;
+  DeviceState& state = StateOf(device);
+  if (!state.link->Request(state.number, code, input, inputSize, output, outputSize, &record))
+    return false;
+  {
+    // Waiting for the device can't be left while the record is registered: a terminated thread
+    // cancels its request first.
+    struct Canceller {
+      DeviceState& device;
+      RequestRecord* record;
+      ~Canceller() { (void)device.link->Cancel(device.number, record); }  // false: it has finished
+    } canceller{state, &record};
+    std::unique_lock lock(WaitLock());
+    WaitUntil(lock, finished.changed, DeadlineAfter(kInfinite), [&] { return finished.signalled; });
+  }
+  if (returned != nullptr) *returned = StateOf(&record).bytes;
+  if (StateOf(&record).error == 0) return true;
+  return SetLastError(StateOf(&record).error), false;
+}
+
+}  // namespace
+
+bool DeviceIoControl(const DeviceHandle& device, std::uint32_t code, const void* input,
+                     std::uint32_t inputSize, void* output, std::uint32_t outputSize,
+                     std::uint32_t* returned, RequestRecord* record) {
+  const std::uint32_t verdict =
+      gate::Enter("DeviceIoControl", "0x%X, in %u, out %u", code, inputSize, outputSize);
+  if (verdict == gate::kFinishAtOnce) return true;
+  if (verdict != 0) return false;
+  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  if (record == nullptr)
+    return CallPlain(device, code, input, inputSize, output, outputSize, returned);
+  DeviceState& state = StateOf(device);
+  if (state.link->Request(state.number, code, input, inputSize, output, outputSize, record))
+    SetLastError(kErrorIoPending);
+  return false;
+}
+
+bool GetOverlappedResult(const DeviceHandle& device, RequestRecord* record, std::uint32_t* returned,
+                         bool wait) {
+  if (gate::Fails("GetOverlappedResult")) return false;
+  (void)device;  // the record alone says where the request stands
+  std::unique_lock lock(WaitLock());
+  RecordState& state = StateOf(record);
+  if (wait && state.event != nullptr)
+    WaitUntil(lock, state.event->changed, DeadlineAfter(kInfinite),
+              [&] { return state.error != kErrorIoPending; });
+  *returned = state.bytes;
+  if (state.error == 0) return true;
+  return SetLastError(state.error), false;
+}
+
+bool ReadFile(const DeviceHandle& device, void* buffer, std::uint32_t size, RequestRecord* record) {
+  const std::uint32_t verdict = gate::Enter("ReadFile", "%u", size);
+  if (verdict == gate::kFinishAtOnce) return true;
+  if (verdict != 0) return false;
+  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  DeviceState& state = StateOf(device);
+  if (state.link->Read(state.number, buffer, size, record, state.port))
+    SetLastError(kErrorIoPending);
+  return false;
+}
+
+bool CancelIoEx(const DeviceHandle& device, RequestRecord* record) {
+  if (gate::Fails("CancelIoEx")) return false;
+  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  DeviceState& state = StateOf(device);
+  if (state.link->Cancel(state.number, record)) return true;
+  constexpr std::uint32_t kErrorNotFound = 1168;  // ERROR_NOT_FOUND: nothing was in flight
+  return SetLastError(kErrorNotFound), false;
+}
+
+void CloseCompletionPort(RawHandle raw) {
+  gate::Note("CloseHandle");
+  delete static_cast<PortState*>(raw);
+}
+
+CompletionPort CreateIoCompletionPort(const DeviceHandle& device, std::uint64_t key) {
+  if (gate::Fails("CreateIoCompletionPort")) return CompletionPort();
+  if (!device) return SetLastError(kErrorInvalidHandle), CompletionPort();
+  auto* port = new PortState;
+  port->key = key;
+  StateOf(device).port = port;
+  return CompletionPort(port);
+}
+
+bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes, std::uint64_t* key,
+                               RequestRecord** record) {
+  *record = nullptr;
+  if (gate::Fails("GetQueuedCompletionStatus")) return false;
+  PortState& state = *static_cast<PortState*>(port.Raw());
+  std::unique_lock lock(WaitLock());
+  WaitUntil(lock, state.changed, DeadlineAfter(kInfinite), [&] { return !state.queue.empty(); });
+  const PortState::Finished finished = state.queue.front();
+  state.queue.pop_front();
+  *bytes = finished.bytes;
+  *key = state.key;
+  *record = finished.record;
+  if (finished.error == 0) return true;
+  return SetLastError(finished.error), false;
+}
+
+}  // namespace platform

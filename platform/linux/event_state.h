@@ -1,0 +1,22 @@
+// What an event is made of here; requests signal it too. Guarded by WaitLock.
+#pragma once
+
+#include <condition_variable>
+
+#include "platform/event.h"
+#include "platform/linux/wait.h"
+
+namespace platform {
+
+struct EventState {
+  std::condition_variable changed;
+  bool manualReset = false;
+  bool signalled = false;
+};
+
+inline EventState& StateOf(const Event& event) { return *static_cast<EventState*>(event.Raw()); }
+
+// Signals under WaitLock.
+void SignalLocked(EventState& event);
+
+}  // namespace platform

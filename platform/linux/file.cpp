@@ -1,0 +1,149 @@
+// Streams, folders, append files and the debug output.
+#include "platform/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "platform/error.h"
+#include "platform/linux/errno_map.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/lab_folder.h"
+
+namespace platform {
+
+namespace {
+
+struct StreamState {
+  int descriptor;
+  std::string buffer;
+};
+
+StreamState& StateOf(const Stream& stream) { return *static_cast<StreamState*>(stream.Raw()); }
+
+bool WriteAll(int descriptor, const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(descriptor, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool FlushBuffer(StreamState& stream) {
+  const bool whole = WriteAll(stream.descriptor, stream.buffer.data(), stream.buffer.size());
+  stream.buffer.clear();
+  return whole;
+}
+
+int OpenFlags(std::string_view mode) {
+  return O_RDWR | O_CREAT | O_CLOEXEC | (mode[0] == 'a' ? O_APPEND : O_TRUNC);
+}
+
+RawHandle FromDescriptor(int descriptor) {
+  return reinterpret_cast<RawHandle>(static_cast<std::intptr_t>(descriptor));
+}
+int DescriptorOf(RawHandle raw) { return static_cast<int>(reinterpret_cast<std::intptr_t>(raw)); }
+
+}  // namespace
+
+void CloseStream(RawHandle raw) {
+  gate::Note("fclose");
+  auto* stream = static_cast<StreamState*>(raw);
+  FlushBuffer(*stream);
+  ::close(stream->descriptor);
+  delete stream;
+}
+
+Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
+  int descriptor = -1;
+  if (gate::Fails("_fsopen", "%s, %s", path, mode)) {
+    errno = EACCES;
+  } else {
+    descriptor = ::open(NativePath(path).c_str(), OpenFlags(mode), 0644);
+  }
+  if (descriptor < 0) {
+    if (errorNumber != nullptr) *errorNumber = errno;
+    return Stream();
+  }
+  return Stream(new StreamState{descriptor, {}});
+}
+
+std::int64_t SeekToEnd(const Stream& stream) {
+  if (gate::Fails("fseek")) return -1;
+  StreamState& state = StateOf(stream);
+  if (!state.buffer.empty()) FlushBuffer(state);
+  return ::lseek(state.descriptor, 0, SEEK_END);
+}
+
+bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
+  if (gate::Fails("fwrite")) return false;
+  std::string& buffer = StateOf(stream).buffer;
+  std::string_view rest(text, size);
+  for (;;) {
+    const std::size_t end = rest.find('\n');
+    if (end == std::string_view::npos) break;
+    buffer.append(rest.substr(0, end)).append("\r\n");
+    rest.remove_prefix(end + 1);
+  }
+  buffer.append(rest);
+  return true;
+}
+
+bool FlushStream(const Stream& stream) {
+  if (gate::Fails("fflush")) return false;
+  return FlushBuffer(StateOf(stream));
+}
+
+bool RemoveFile(const char* path) {
+  if (gate::Fails("remove", "%s", path)) return false;
+  if (::unlink(NativePath(path).c_str()) == 0) return true;
+  return SetLastErrorFromErrno(errno), false;
+}
+
+bool RenameFile(const char* from, const char* to) {
+  if (gate::Fails("rename", "%s, %s", from, to)) return false;
+  if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
+  return SetLastErrorFromErrno(errno), false;
+}
+
+bool CreateDirectoryA(const char* path) {
+  if (gate::Fails("CreateDirectoryA", "%s", path)) return false;
+  if (::mkdir(NativePath(path).c_str(), 0755) == 0) return true;
+  return SetLastErrorFromErrno(errno), false;
+}
+
+void CloseAppendFile(RawHandle raw) {
+  gate::Note("CloseHandle");
+  ::close(DescriptorOf(raw));
+}
+
+AppendFile OpenAppendFile(const char* path) {
+  if (gate::Fails("CreateFileA", "%s", path)) return AppendFile(InvalidHandleValue());
+  const int descriptor =
+      ::open(NativePath(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (descriptor < 0) return SetLastErrorFromErrno(errno), AppendFile(InvalidHandleValue());
+  return AppendFile(FromDescriptor(descriptor));
+}
+
+bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size) {
+  if (gate::Fails("WriteFile")) return false;
+  return WriteAll(DescriptorOf(file.Raw()), static_cast<const char*>(data), size);
+}
+
+void OutputDebugStringA(const char* text) {
+  gate::Note("OutputDebugStringA");
+  std::string line = text;
+  while (!line.empty() && line.back() == '\n') line.pop_back();
+  AppendLabLine("debug.txt", line);
+}
+
+}  // namespace platform

@@ -1,0 +1,149 @@
+// Mutexes as robust pthread mutexes: a named one lives in a file of the lab folder that every
+// process maps, an unnamed one in a mapping of this process. A holder's death makes the next wait
+// give kWaitAbandoned.
+#include "platform/mutex.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/linux/errno_map.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/lab_folder.h"
+#include "platform/linux/wait.h"
+
+namespace platform {
+
+namespace {
+
+struct SharedMutex {
+  pthread_mutex_t mutex;
+  std::uint32_t made;  // set once the mutex is initialised; under the file's lock
+};
+
+// Owns one mapping of a mutex.
+struct Mapping {
+  SharedMutex* shared = nullptr;
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (shared != nullptr) ::munmap(shared, sizeof *shared);
+  }
+};
+
+using MappingPointer = std::shared_ptr<Mapping>;
+
+void Initialise(SharedMutex* shared) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(&shared->mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  shared->made = 1;
+}
+
+MappingPointer Map(int descriptor, int flags) {
+  auto mapping = std::make_shared<Mapping>();
+  void* at = ::mmap(nullptr, sizeof(SharedMutex), PROT_READ | PROT_WRITE, flags, descriptor, 0);
+  if (at == MAP_FAILED) return nullptr;
+  mapping->shared = static_cast<SharedMutex*>(at);
+  if (mapping->shared->made == 0) Initialise(mapping->shared);
+  return mapping;
+}
+
+// The file's lock makes sure that one process alone initialises the mutex.
+MappingPointer MapNamed(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return SetLastErrorFromErrno(errno), nullptr;
+  ::flock(fd, LOCK_EX);
+  MappingPointer mapping;
+  if (::ftruncate(fd, sizeof(SharedMutex)) == 0) mapping = Map(fd, MAP_SHARED);
+  if (!mapping) SetLastErrorFromErrno(errno);
+  ::close(fd);  // drops the lock
+  return mapping;
+}
+
+// One mapping for each name in the process, so that all its threads lock at one address.
+MappingPointer FindNamed(const std::string& name) {
+  static auto* known = new std::map<std::string, std::weak_ptr<Mapping>>;
+  std::lock_guard guard(WaitLock());
+  MappingPointer mapping = (*known)[name].lock();
+  if (!mapping) (*known)[name] = mapping = MapNamed(LabPath("mutex-" + name));
+  return mapping;
+}
+
+pthread_mutex_t* MutexOf(const Mutex& mutex) {
+  return &(*static_cast<MappingPointer*>(mutex.Raw()))->shared->mutex;
+}
+
+// Locks within 20 ms, so that a terminated thread can leave between two tries.
+int LockForAWhile(pthread_mutex_t* mutex) {
+  timespec until{};
+  ::clock_gettime(CLOCK_REALTIME, &until);
+  until.tv_nsec += 20'000'000;
+  if (until.tv_nsec >= 1'000'000'000) {
+    until.tv_nsec -= 1'000'000'000;
+    ++until.tv_sec;
+  }
+  return ::pthread_mutex_timedlock(mutex, &until);
+}
+
+std::uint32_t ResultOf(pthread_mutex_t* mutex, int status) {
+  if (status == 0) return kWaitObject0;
+  if (status == EOWNERDEAD) {
+    ::pthread_mutex_consistent(mutex);
+    return kWaitAbandoned;
+  }
+  return kWaitFailed;
+}
+
+}  // namespace
+
+void CloseMutex(RawHandle raw) {
+  gate::Note("CloseHandle");
+  delete static_cast<MappingPointer*>(raw);
+}
+
+Mutex CreateMutexA(const char* name) {
+  if (gate::Fails("CreateMutexA", "%s", name != nullptr ? name : "")) return Mutex();
+  MappingPointer mapping =
+      name != nullptr ? FindNamed(name) : Map(-1, MAP_SHARED | MAP_ANONYMOUS);
+  if (!mapping) return Mutex();
+  return Mutex(new MappingPointer(std::move(mapping)));
+}
+
+std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds) {
+  if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
+  if (!mutex) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+  pthread_mutex_t* lock = MutexOf(mutex);
+  int status = ::pthread_mutex_trylock(lock);
+  const Deadline deadline = DeadlineAfter(milliseconds);
+  while (status == EBUSY || status == ETIMEDOUT) {
+    LeaveIfEnded();
+    if (std::chrono::steady_clock::now() >= deadline) return kWaitTimeout;
+    status = LockForAWhile(lock);
+  }
+  return ResultOf(lock, status);
+}
+
+bool ReleaseMutex(const Mutex& mutex) {
+  gate::Note("ReleaseMutex");
+  if (!mutex) return SetLastError(kErrorInvalidHandle), false;
+  return ::pthread_mutex_unlock(MutexOf(mutex)) == 0;
+}
+
+}  // namespace platform

@@ -1,0 +1,299 @@
+// The host's names, connection state, interfaces and addresses. The blocks have a layout of our
+// own, but each entry is as large as Windows' structure: a first block that holds one entry there
+// holds one here, so the way through "too small" is taken on ordinary machines on both sides.
+#include "platform/network.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+#include "platform/error.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/interfaces.h"
+#include "platform/linux/lab_folder.h"
+#include "platform/linux/utf16.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::uint32_t kErrorNoData = 232;            // ERROR_NO_DATA: the list would be empty
+constexpr std::uint32_t kInternetConnectionLan = 0x2;  // INTERNET_CONNECTION_LAN
+constexpr std::uint32_t kOperStatusUp = 1;             // IfOperStatusUp
+constexpr std::uint32_t kOperStatusDown = 2;           // IfOperStatusDown
+constexpr std::uint32_t kIfTypeEthernet = 6;           // IF_TYPE_ETHERNET_CSMACD
+constexpr std::uint32_t kIfTypeLoopback = 24;          // IF_TYPE_SOFTWARE_LOOPBACK
+constexpr std::uint32_t kIfTypeWireless = 71;          // IF_TYPE_IEEE80211
+
+// A MIB_IFROW's size; the table is a count and these.
+struct TableRow {
+  std::uint32_t index;
+  std::uint32_t speed;
+  char description[256];
+  std::uint8_t unused[596];
+};
+static_assert(sizeof(TableRow) == 860);
+
+// An IP_ADAPTER_INFO's size.
+struct AdapterEntry {
+  std::uint32_t more;  // 1 if another entry follows
+  std::uint32_t dhcpEnabled;
+  char description[132];
+  std::uint8_t unused[564];
+};
+static_assert(sizeof(AdapterEntry) == 704);
+
+// An IP_ADAPTER_ADDRESSES' size; the addresses stand behind it, 4 bytes each: unicast, DNS servers,
+// gateways.
+struct AddressesEntry {
+  std::uint32_t more;  // 1 if another entry follows
+  std::uint32_t ifIndex;
+  std::uint32_t operStatus;
+  std::uint32_t ifType;
+  std::uint32_t unicastCount;
+  std::uint32_t dnsCount;
+  std::uint32_t gatewayCount;
+  std::uint32_t physicalLength;
+  std::uint8_t physicalAddress[8];
+  char name[256];
+  std::uint8_t prefixLength;
+  std::uint8_t unused[151];
+};
+static_assert(sizeof(AddressesEntry) == 448);
+
+template <class Entry>
+void AppendBytes(const Entry& entry, std::string* bytes) {
+  bytes->append(reinterpret_cast<const char*>(&entry), sizeof entry);
+}
+
+void AppendAddresses(const std::vector<std::uint32_t>& addresses, std::string* bytes) {
+  for (const std::uint32_t address : addresses) AppendBytes(address, bytes);
+}
+
+// A name as a terminated text of a fixed field, cut to fit.
+template <std::size_t N>
+void PutName(const std::string& name, char (&field)[N]) {
+  std::memcpy(field, name.data(), std::min(name.size(), N - 1));
+}
+
+std::uint32_t GiveBlock(const std::string& bytes, std::uint32_t tooSmall, void* block,
+                        std::uint32_t* size) {
+  const auto needed = static_cast<std::uint32_t>(bytes.size());
+  if (*size < needed) return *size = needed, tooSmall;
+  std::memcpy(block, bytes.data(), needed);
+  return kErrorSuccess;
+}
+
+std::uint32_t CountOf(std::size_t size) { return static_cast<std::uint32_t>(size); }
+
+std::uint32_t IfTypeOf(const Interface& interface) {
+  if (interface.loopback) return kIfTypeLoopback;
+  return interface.wireless ? kIfTypeWireless : kIfTypeEthernet;
+}
+
+std::string DescribeAddresses(const Interface& interface, bool more) {
+  AddressesEntry entry{};
+  entry.more = more ? 1 : 0;
+  entry.ifIndex = interface.index;
+  entry.operStatus = interface.up ? kOperStatusUp : kOperStatusDown;
+  entry.ifType = IfTypeOf(interface);
+  entry.unicastCount = CountOf(interface.addresses.size());
+  entry.dnsCount = CountOf(interface.dnsServers.size());
+  entry.gatewayCount = CountOf(interface.gateways.size());
+  entry.physicalLength = CountOf(interface.hardwareAddress.size());
+  std::copy(interface.hardwareAddress.begin(), interface.hardwareAddress.end(),
+            entry.physicalAddress);
+  PutName(interface.name, entry.name);
+  if (!interface.addresses.empty()) entry.prefixLength = interface.addresses[0].prefixLength;
+  std::string bytes;
+  AppendBytes(entry, &bytes);
+  for (const InterfaceAddress& address : interface.addresses) AppendBytes(address.address, &bytes);
+  AppendAddresses(interface.dnsServers, &bytes);
+  AppendAddresses(interface.gateways, &bytes);
+  return bytes;
+}
+
+// An interface that is up and has no IPv4 address (a bridge's port, say) is what an adapter that
+// IPv4 isn't bound to is on Windows, where a bound one gets an address of its own in any case. So
+// it isn't in the list of the IPv4 family.
+bool HasIpv4(const Interface& interface) { return !interface.up || !interface.addresses.empty(); }
+
+// Takes `count` addresses from *at.
+std::vector<std::uint32_t> TakeAddresses(const char** at, std::uint32_t count) {
+  std::vector<std::uint32_t> addresses(count);
+  for (std::uint32_t& address : addresses) {
+    std::memcpy(&address, *at, sizeof address);
+    *at += sizeof address;
+  }
+  return addresses;
+}
+
+// The host name's tail behind its first dot.
+std::string DomainOfHostName() {
+  char host[256] = {};
+  if (::gethostname(host, sizeof host - 1) != 0) return {};
+  const char* dot = std::strchr(host, '.');
+  return dot != nullptr ? dot + 1 : "";
+}
+
+std::string DomainName() {
+  char domain[256] = {};
+  if (::getdomainname(domain, sizeof domain - 1) != 0) return {};
+  const bool set = domain[0] != 0 && std::string_view(domain) != "(none)";
+  return set ? domain : DomainOfHostName();
+}
+
+}  // namespace
+
+bool GetComputerDnsDomain(char* name, std::uint32_t* size) {
+  if (gate::Fails("GetComputerNameExA")) return false;
+  const std::string domain = DomainName();
+  if (*size < domain.size() + 1) {
+    *size = CountOf(domain.size() + 1);
+    return SetLastError(kErrorMoreData), false;
+  }
+  std::memcpy(name, domain.c_str(), domain.size() + 1);
+  *size = CountOf(domain.size());
+  return true;
+}
+
+// `connected.txt` in the lab folder decides where it is: "no", or the flags as a number. Without it
+// the host counts as connected, by LAN, when any interface is up; the loopback interface counts
+// too, so that a network namespace with nothing else will do for the whole service.
+bool InternetGetConnectedState(std::uint32_t* flags) {
+  *flags = 0;
+  if (gate::Fails("InternetGetConnectedState")) return false;
+  if (std::ifstream lab(LabPath("connected.txt")); lab) return static_cast<bool>(lab >> *flags);
+  const std::vector<Interface> interfaces = ListInterfaces();
+  const bool connected = std::any_of(interfaces.begin(), interfaces.end(),
+                                     [](const Interface& interface) { return interface.up; });
+  if (connected) *flags = kInternetConnectionLan;
+  return connected;
+}
+
+std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std::size_t size) {
+  gate::Note("WideCharToMultiByte");
+  if (size == 0) return 0;
+  std::string narrow = Utf16ToUtf8({text, length});
+  if (narrow.size() >= size) {
+    std::size_t end = size - 1;
+    while (end > 0 && (narrow[end] & 0xC0) == 0x80) --end;  // never half a character
+    narrow.resize(end);
+  }
+  std::memcpy(ansi, narrow.c_str(), narrow.size() + 1);
+  return narrow.size();
+}
+
+std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
+  if (const std::uint32_t error = gate::Enter("GetIfTable")) return error;
+  const std::vector<Interface> interfaces = ListInterfaces();
+  std::string bytes;
+  AppendBytes(CountOf(interfaces.size()), &bytes);
+  for (const Interface& interface : interfaces) {
+    TableRow row{};
+    row.index = interface.index;
+    row.speed = interface.speed;
+    PutName(interface.name, row.description);
+    AppendBytes(row, &bytes);
+  }
+  return GiveBlock(bytes, kErrorInsufficientBuffer, block, size);
+}
+
+std::uint32_t IfTableRows(const void* block) {
+  std::uint32_t count;
+  std::memcpy(&count, block, sizeof count);
+  return count;
+}
+
+IfRow IfTableRow(const void* block, std::uint32_t row) {
+  TableRow entry;
+  std::memcpy(&entry, static_cast<const char*>(block) + sizeof(std::uint32_t) + row * sizeof entry,
+              sizeof entry);
+  return {entry.description, entry.index, entry.speed};
+}
+
+std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size) {
+  if (const std::uint32_t error = gate::Enter("GetAdaptersInfo")) return error;
+  std::vector<Interface> interfaces = ListInterfaces();
+  std::erase_if(interfaces, [](const Interface& i) { return i.loopback; });  // as on Windows
+  if (interfaces.empty()) return kErrorNoData;
+  std::string bytes;
+  for (const Interface& interface : interfaces) {
+    AdapterEntry entry{};
+    entry.more = &interface != &interfaces.back() ? 1 : 0;
+    entry.dhcpEnabled = interface.dynamic ? 1 : 0;
+    PutName(interface.name, entry.description);
+    AppendBytes(entry, &bytes);
+  }
+  return GiveBlock(bytes, kErrorBufferOverflow, block, size);
+}
+
+std::vector<AdapterInfo> ReadAdaptersInfo(const void* block) {
+  std::vector<AdapterInfo> adapters;
+  const char* at = static_cast<const char*>(block);
+  AdapterEntry entry;
+  do {
+    std::memcpy(&entry, at, sizeof entry);
+    at += sizeof entry;
+    adapters.push_back({entry.description, entry.dhcpEnabled != 0});
+  } while (entry.more != 0);
+  return adapters;
+}
+
+std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32_t* size) {
+  if (const std::uint32_t error = gate::Enter("GetAdaptersAddresses", "0x%x", flags)) return error;
+  std::vector<Interface> interfaces = ListInterfaces();
+  std::erase_if(interfaces, [](const Interface& i) { return !HasIpv4(i); });
+  if (interfaces.empty()) return kErrorNoData;
+  std::string bytes;
+  for (const Interface& interface : interfaces)
+    bytes += DescribeAddresses(interface, &interface != &interfaces.back());
+  return GiveBlock(bytes, kErrorBufferOverflow, block, size);
+}
+
+std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
+  std::vector<AdapterAddresses> adapters;
+  const char* at = static_cast<const char*>(block);
+  AddressesEntry entry;
+  do {
+    std::memcpy(&entry, at, sizeof entry);
+    at += sizeof entry;
+    AdapterAddresses adapter;
+    adapter.length = sizeof entry;
+    adapter.ifIndex = entry.ifIndex;
+    adapter.adapterName = entry.name;
+    adapter.operStatus = entry.operStatus;
+    adapter.ifType = entry.ifType;
+    adapter.unicast = TakeAddresses(&at, entry.unicastCount);
+    adapter.prefixLength = entry.prefixLength;
+    adapter.dnsServers = TakeAddresses(&at, entry.dnsCount);
+    adapter.gateways = TakeAddresses(&at, entry.gatewayCount);
+    adapter.physicalAddress.assign(entry.physicalAddress,
+                                   entry.physicalAddress + entry.physicalLength);
+    adapters.push_back(std::move(adapter));
+  } while (entry.more != 0);
+  return adapters;
+}
+
+std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length) {
+  gate::Note("ConvertLengthToIpv4Mask");
+  if (length == 0) return 0;
+  return htonl(length >= 32 ? 0xFFFFFFFF : ~(0xFFFFFFFF >> length));
+}
+
+void InetNtop(std::uint32_t address, char* text, std::size_t size) {
+  gate::Note("inet_ntop");
+  if (size == 0) return;
+  text[0] = 0;  // what a text that doesn't fit leaves
+  in_addr in;
+  in.s_addr = address;
+  ::inet_ntop(AF_INET, &in, text, static_cast<socklen_t>(size));
+}
+
+}  // namespace platform

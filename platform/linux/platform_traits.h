@@ -1,0 +1,9 @@
+// What the contract's inline parts need to know of this platform.
+#pragma once
+
+namespace platform {
+
+constexpr bool kSelectBeforeEachWait = false;  // an epoll selection stands until it is changed
+constexpr bool kAskEachSocket = false;         // the wait tells which sockets have news
+
+}  // namespace platform

@@ -1,0 +1,175 @@
+// The selector's readiness wait: one epoll stands for the event that all sockets share, with an
+// eventfd beside it as the wake event. A selection stands until it is changed, and the wait leaves
+// what it saw in the socket's SocketSelection.
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/linux/errno_map.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/wait.h"
+#include "platform/socket.h"
+
+namespace platform {
+
+namespace {
+
+// What the wake event and the thread's end mark carry where a socket carries its selection.
+SocketSelection gWakeMark{};
+SocketSelection gEndMark{};
+
+struct EventSet {
+  int epoll = -1;
+  int wake = -1;            // the wake event that is in the set
+  int endDescriptor = -1;   // the end mark that is in the set
+};
+
+EventSet& SetOf(const SocketEvent& event) { return *static_cast<EventSet*>(event.Raw()); }
+
+RawHandle FromDescriptor(int descriptor) {
+  return reinterpret_cast<RawHandle>(static_cast<std::intptr_t>(descriptor));
+}
+int DescriptorOf(const WakeEvent& event) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(event.Raw()));
+}
+
+std::uint32_t EpollMask(std::uint32_t events) {
+  std::uint32_t mask = 0;
+  if ((events & (kFdRead | kFdAccept | kFdClose)) != 0) mask |= EPOLLIN | EPOLLRDHUP;
+  if ((events & (kFdWrite | kFdConnect)) != 0) mask |= EPOLLOUT;
+  if ((events & kFdOob) != 0) mask |= EPOLLPRI;
+  return mask;
+}
+
+// Puts `mark`'s descriptor into the set once.
+bool Join(int epoll, int* known, int descriptor, SocketSelection* mark) {
+  if (*known == descriptor || descriptor < 0) return true;
+  if (*known >= 0) ::epoll_ctl(epoll, EPOLL_CTL_DEL, *known, nullptr);
+  epoll_event entry{};
+  entry.events = EPOLLIN;
+  entry.data.ptr = mark;
+  *known = descriptor;
+  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &entry) == 0;
+}
+
+int BytesWaiting(SocketValue sock) {
+  int count = 0;
+  return ::ioctl(static_cast<int>(sock), FIONREAD, &count) == 0 ? count : 0;
+}
+
+// A peer's close comes with EPOLLIN whether data is left or not; Winsock tells the two apart.
+std::uint32_t NetworkEvents(std::uint32_t seen, SocketValue sock) {
+  std::uint32_t events = 0;
+  const bool closed = (seen & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+  if (closed) events |= kFdClose;
+  if ((seen & EPOLLIN) != 0 && (!closed || BytesWaiting(sock) > 0)) events |= kFdRead;
+  if ((seen & EPOLLOUT) != 0) events |= kFdWrite;
+  if ((seen & EPOLLPRI) != 0) events |= kFdOob;
+  return events;
+}
+
+}  // namespace
+
+void CloseSocketEvent(RawHandle raw) {
+  gate::Note("WSACloseEvent");
+  auto* set = static_cast<EventSet*>(raw);
+  ::close(set->epoll);
+  delete set;
+}
+
+void CloseWakeEvent(RawHandle raw) {
+  gate::Note("CloseHandle");
+  ::close(static_cast<int>(reinterpret_cast<std::intptr_t>(raw)));
+}
+
+SocketEvent WSACreateEvent() {
+  if (gate::Fails("WSACreateEvent")) return SocketEvent();
+  const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll < 0) return SetLastErrorFromErrno(errno), SocketEvent();
+  return SocketEvent(new EventSet{epoll, -1, -1});
+}
+
+WakeEvent CreateWakeEvent() {
+  if (gate::Fails("CreateEventA")) return WakeEvent();
+  const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (descriptor < 0) return SetLastErrorFromErrno(errno), WakeEvent();
+  return WakeEvent(FromDescriptor(descriptor));
+}
+
+bool SetEvent(const WakeEvent& event) {
+  if (gate::Fails("SetEvent")) return false;
+  const std::uint64_t one = 1;
+  // A counter at its bound is signalled as it stands.
+  return ::write(DescriptorOf(event), &one, sizeof one) == sizeof one || errno == EAGAIN;
+}
+
+bool ResetEvent(const WakeEvent& event) {
+  if (gate::Fails("ResetEvent")) return false;
+  std::uint64_t count;
+  return ::read(DescriptorOf(event), &count, sizeof count) == sizeof count || errno == EAGAIN;
+}
+
+int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* selection,
+                   std::uint32_t events) {
+  if (gate::Fails("WSAEventSelect", "%d, 0x%X", static_cast<int>(sock), events)) return -1;
+  const bool wasIn = selection->selected != 0;
+  const int fd = static_cast<int>(sock);
+  epoll_event entry{};
+  entry.events = EpollMask(events);
+  entry.data.ptr = selection;
+  const int operation = events == 0 ? EPOLL_CTL_DEL : wasIn ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  if (!wasIn && events == 0) return 0;
+  selection->signalled = 0;
+  selection->selected = events;
+  if (::epoll_ctl(SetOf(event).epoll, operation, fd, &entry) == 0) return 0;
+  selection->selected = 0;
+  // Taking out a socket that its callback has closed already is no failure.
+  return events == 0 ? 0 : (SetLastErrorFromErrno(errno), -1);
+}
+
+int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent&, SocketSelection* selection,
+                         std::uint32_t* events) {
+  if (gate::Fails("WSAEnumNetworkEvents", "%d", static_cast<int>(sock))) return -1;
+  *events = NetworkEvents(selection->signalled, sock);
+  selection->signalled = 0;
+  return 0;
+}
+
+SocketWait WaitForMultipleObjectsEx(const SocketEvent& sockets, const WakeEvent& wake,
+                                    std::uint32_t milliseconds) {
+  if (gate::Fails("WaitForMultipleObjectsEx")) return {kWaitFailed, 0, false};
+  EventSet& set = SetOf(sockets);
+  if (!Join(set.epoll, &set.wake, DescriptorOf(wake), &gWakeMark) ||
+      !Join(set.epoll, &set.endDescriptor, CurrentThread().endDescriptor, &gEndMark))
+    return SetLastErrorFromErrno(errno), SocketWait{kWaitFailed, 0, false};
+  epoll_event seen[64];
+  const int timeout = milliseconds == kInfinite
+                          ? -1
+                          : static_cast<int>(milliseconds > INT_MAX ? INT_MAX : milliseconds);
+  const int count = ::epoll_wait(set.epoll, seen, 64, timeout);
+  if (count < 0 && errno != EINTR)
+    return SetLastErrorFromErrno(errno), SocketWait{kWaitFailed, 0, false};
+  SocketWait result{count > 0 ? kWaitObject0 : kWaitTimeout, 0, false};
+  for (int i = 0; i < count; ++i) {
+    auto* selection = static_cast<SocketSelection*>(seen[i].data.ptr);
+    if (selection == &gWakeMark) {
+      result.woken = true;
+    } else if (selection == &gEndMark) {
+      LeaveIfEnded();
+    } else {
+      selection->signalled = seen[i].events;
+      ++result.signalled;
+    }
+  }
+  return result;
+}
+
+}  // namespace platform

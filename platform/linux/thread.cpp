@@ -1,0 +1,129 @@
+// Threads that leave at their next wait when they are terminated.
+#include "platform/thread.h"
+
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <system_error>
+#include <thread>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/wait.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::chrono::seconds kEndGrace{2};
+
+using RecordPointer = std::shared_ptr<ThreadRecord>;
+
+const RecordPointer& RecordOf(const Thread& thread) {
+  return *static_cast<RecordPointer*>(thread.Raw());
+}
+
+void MarkFinished(ThreadRecord& record, std::uint32_t exitCode) {
+  std::lock_guard guard(WaitLock());
+  record.running = false;
+  if (!record.ended) record.exitCode = exitCode;
+  record.finished.notify_all();
+}
+
+void RunThread(RecordPointer record, ThreadEntry entry, void* parameter) {
+  SetCurrentThread(record);
+  std::uint32_t exitCode = 0;
+  try {
+    exitCode = entry(parameter);
+  } catch (const ThreadEnd&) {
+    // Terminated: the exit code was set by the one who ended it.
+  }
+  MarkFinished(*record, exitCode);
+}
+
+bool Start(const RecordPointer& record, ThreadEntry entry, void* parameter) {
+  try {
+    std::thread(RunThread, record, entry, parameter).detach();
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+void CloseThread(RawHandle raw) {
+  gate::Note("CloseHandle");
+  delete static_cast<RecordPointer*>(raw);
+}
+
+Thread CreateThread(ThreadEntry entry, void* parameter) {
+  if (gate::Fails("CreateThread")) return Thread();
+  auto record = std::make_shared<ThreadRecord>();
+  record->endDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (record->endDescriptor < 0 || !Start(record, entry, parameter))
+    return SetLastError(kErrorNotEnoughMemory), Thread();
+  return Thread(new RecordPointer(std::move(record)));
+}
+
+bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
+  if (gate::Fails("TerminateThread", "exitCode=%u", exitCode)) return false;
+  if (!thread) return SetLastError(kErrorInvalidHandle), false;
+  ThreadRecord& record = *RecordOf(thread);
+  std::unique_lock lock(WaitLock());
+  if (!record.running) return true;
+  record.ended = true;
+  record.exitCode = exitCode;
+  if (record.waitingOn != nullptr) record.waitingOn->notify_all();
+  std::uint64_t one = 1;
+  [[maybe_unused]] ssize_t written = ::write(record.endDescriptor, &one, sizeof one);
+  if (&record == &CurrentThread()) throw ThreadEnd{};
+  record.finished.wait_for(lock, kEndGrace, [&] { return !record.running; });
+  return true;
+}
+
+bool GetExitCodeThread(const Thread& thread, std::uint32_t* exitCode) {
+  if (gate::Fails("GetExitCodeThread")) return false;
+  if (!thread) return SetLastError(kErrorInvalidHandle), false;
+  std::lock_guard guard(WaitLock());
+  ThreadRecord& record = *RecordOf(thread);
+  *exitCode = record.running ? kStillActive : record.exitCode;
+  return true;
+}
+
+std::uint32_t WaitForSingleObject(const Thread& thread, std::uint32_t milliseconds) {
+  if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
+  if (!thread) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+  ThreadRecord& record = *RecordOf(thread);
+  std::unique_lock lock(WaitLock());
+  const bool done = WaitUntil(lock, record.finished, DeadlineAfter(milliseconds),
+                              [&] { return !record.running; });
+  return done ? kWaitObject0 : kWaitTimeout;
+}
+
+std::uint32_t GetCurrentThreadId() {
+  thread_local const auto id = static_cast<std::uint32_t>(::gettid());
+  return id;
+}
+
+std::uint32_t GetCurrentProcessId() {
+  static const auto id = static_cast<std::uint32_t>(::getpid());
+  return id;
+}
+
+void Sleep(std::uint32_t milliseconds) {
+  gate::Note("Sleep");
+  if (milliseconds == 0) {
+    ::sched_yield();
+    return LeaveIfEnded();
+  }
+  std::condition_variable never;
+  std::unique_lock lock(WaitLock());
+  WaitUntil(lock, never, DeadlineAfter(milliseconds), [] { return false; });
+}
+
+}  // namespace platform

@@ -1,0 +1,167 @@
+// The wireless service. It is there if the host has a wireless interface or the lab folder has
+// `wlan.txt`, which then says what the interfaces are: one state number a line. Changes come in as
+// datagrams on the socket `wlan` in the lab folder: "connected", "disconnected", or a source and a
+// code as numbers ("8 10").
+#include "platform/wlan.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "platform/error.h"
+#include "platform/linux/errno_map.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/interfaces.h"
+#include "platform/linux/lab_folder.h"
+#include "platform/linux/wait.h"
+#include "platform/thread.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::uint32_t kConnectionComplete = 10;  // wlan_notification_acm_connection_complete
+constexpr std::uint32_t kDisconnected = 21;        // wlan_notification_acm_disconnected
+constexpr std::uint32_t kStateConnected = 1;       // wlan_interface_state_connected
+constexpr std::uint32_t kStateDisconnected = 4;    // wlan_interface_state_disconnected
+
+// The states of the interfaces; nothing if there is no wireless service.
+std::optional<std::vector<std::uint32_t>> InterfaceStates() {
+  std::vector<std::uint32_t> states;
+  if (std::ifstream lab(LabPath("wlan.txt")); lab) {
+    for (std::uint32_t state; lab >> state;) states.push_back(state);
+    return states;
+  }
+  for (const Interface& interface : ListInterfaces())
+    if (interface.wireless) states.push_back(interface.up ? kStateConnected : kStateDisconnected);
+  if (states.empty()) return std::nullopt;
+  return states;
+}
+
+std::optional<WlanNotification> ReadNotification(const std::string& text) {
+  std::istringstream words(text);
+  std::string word;
+  words >> word;
+  if (word == "connected") return WlanNotification{kWlanNotificationSourceAcm, kConnectionComplete};
+  if (word == "disconnected") return WlanNotification{kWlanNotificationSourceAcm, kDisconnected};
+  std::istringstream numbers(text);
+  WlanNotification notification;
+  if (numbers >> notification.source >> notification.code) return notification;
+  return std::nullopt;
+}
+
+// Everything that was registered for: one callback, and the thread that calls it. The callback
+// may come until the process is gone.
+class Listener {
+ public:
+  // Takes the place of an earlier registration. 0 or an error.
+  std::uint32_t Register(WlanCallback callback, void* context) {
+    std::lock_guard guard(lock_);
+    callback_ = callback;
+    context_ = context;
+    return socket_ >= 0 ? kErrorSuccess : Start();
+  }
+
+ private:
+  std::uint32_t Start() {
+    const std::string path = LabPath("wlan");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return kErrorInvalidParameter;
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ::unlink(path.c_str());  // what an earlier process has left
+    if (socket < 0 || ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+      return GiveUp(socket, errno);
+    socket_ = socket;
+    if (CreateThread(Run, this)) return kErrorSuccess;
+    socket_ = -1;
+    const std::uint32_t error = LastError();
+    ::close(socket);
+    return error;
+  }
+
+  static std::uint32_t GiveUp(int socket, int number) {
+    if (socket >= 0) ::close(socket);
+    SetLastErrorFromErrno(number);
+    return LastError();
+  }
+
+  static std::uint32_t Run(void* self) {
+    auto* listener = static_cast<Listener*>(self);
+    for (;;) listener->Receive();
+  }
+
+  void Receive() {
+    int socket;
+    {
+      std::lock_guard guard(lock_);
+      socket = socket_;
+    }
+    if (!WaitReadable(socket, -1)) return;
+    char text[64];
+    const ssize_t size = ::recv(socket, text, sizeof text, 0);
+    if (size < 0) return;
+    if (const auto notification = ReadNotification({text, static_cast<std::size_t>(size)}))
+      Deliver(*notification);
+  }
+
+  // Also a source that wasn't registered for: who injects one wants to see it dropped.
+  void Deliver(const WlanNotification& notification) {
+    WlanCallback callback;
+    void* context;
+    {
+      std::lock_guard guard(lock_);
+      callback = callback_;
+      context = context_;
+    }
+    callback(notification, context);  // outside the lock: it may take long
+  }
+
+  std::mutex lock_;  // guards all below; held for a few instructions, or while the thread starts
+  WlanCallback callback_ = nullptr;
+  void* context_ = nullptr;
+  int socket_ = -1;
+};
+
+Listener& TheListener() {
+  static ProcessLifetime<Listener> listener;
+  return *listener;
+}
+
+}  // namespace
+
+std::uint32_t WlanOpenHandle(WlanHandle* handle) {
+  if (const std::uint32_t error = gate::Enter("WlanOpenHandle")) return error;
+  if (!InterfaceStates()) return kErrorServiceNotActive;
+  *handle = &TheListener();
+  return kErrorSuccess;
+}
+
+std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
+                                       WlanCallback callback, void* context) {
+  if (const std::uint32_t error = gate::Enter("WlanRegisterNotification", "%u", source))
+    return error;
+  if (handle == nullptr || callback == nullptr) return kErrorInvalidParameter;
+  return static_cast<Listener*>(handle)->Register(callback, context);
+}
+
+std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list) {
+  if (const std::uint32_t error = gate::Enter("WlanEnumInterfaces")) return error;
+  if (handle == nullptr) return kErrorInvalidParameter;
+  auto states = InterfaceStates();
+  if (!states) return kErrorServiceNotActive;
+  list->index = 0;
+  list->states = std::move(*states);
+  return kErrorSuccess;
+}
+
+}  // namespace platform

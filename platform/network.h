@@ -1,0 +1,67 @@
+// The host's names, connection state, interfaces and addresses. Calls that fill a block use the
+// platform's own layout in it; the readers below give each entry in the contract's shape.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// GetComputerNameExA(ComputerNameDnsDomain) into `name` of *size bytes, terminated; false on
+// failure. A machine without a domain gives an empty text.
+bool GetComputerDnsDomain(char* name, std::uint32_t* size);
+
+// InternetGetConnectedState(flags, 0).
+bool InternetGetConnectedState(std::uint32_t* flags);
+
+// Converts 16-bit text to the ANSI code page, at most size-1 bytes and a terminator
+// (WideCharToMultiByte, CP_ACP). Gives the length.
+std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std::size_t size);
+
+// GetIfTable(block, size, FALSE): 0 or an error; kErrorInsufficientBuffer with *size set.
+std::uint32_t GetIfTable(void* block, std::uint32_t* size);
+struct IfRow {
+  std::string description;  // bDescr, dwDescrLen bytes
+  std::uint32_t index;      // dwIndex
+  std::uint32_t speed;      // dwSpeed, bits per second
+};
+std::uint32_t IfTableRows(const void* block);
+IfRow IfTableRow(const void* block, std::uint32_t row);
+
+// GetAdaptersInfo(block, size): 0 or an error; kErrorBufferOverflow with *size set.
+std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size);
+struct AdapterInfo {
+  std::string description;
+  bool dhcpEnabled;
+};
+// The entries of the list in its order.
+std::vector<AdapterInfo> ReadAdaptersInfo(const void* block);
+
+// GetAdaptersAddresses(AF_INET, flags, NULL, block, size): 0 or an error; kErrorBufferOverflow with
+// *size set.
+std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32_t* size);
+struct AdapterAddresses {
+  std::uint32_t length;      // of the platform's own structure
+  std::uint32_t ifIndex;
+  std::string adapterName;
+  std::uint32_t operStatus;  // IfOperStatusUp is 1
+  std::uint32_t ifType;      // IF_TYPE_ETHERNET_CSMACD is 6, IF_TYPE_SOFTWARE_LOOPBACK 24
+  std::vector<std::uint32_t> unicast;  // sin_addr form (network byte order), in list order
+  std::uint8_t prefixLength;           // OnLinkPrefixLength of the first unicast address
+  std::vector<std::uint32_t> dnsServers;
+  std::vector<std::uint32_t> gateways;
+  std::vector<std::uint8_t> physicalAddress;  // at most 8 bytes
+};
+// The entries of the list in its order.
+std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block);
+
+// ConvertLengthToIpv4Mask: the mask in sin_addr form.
+std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length);
+
+// inet_ntop(AF_INET): dotted text of an address in sin_addr form into `text` of `size` bytes (16
+// are enough for any).
+void InetNtop(std::uint32_t address, char* text, std::size_t size);
+
+}  // namespace platform

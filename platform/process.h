@@ -1,0 +1,43 @@
+// The process: its folders, its path, its memory, its end, and the output of a shell command.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/handle.h"
+
+namespace platform {
+
+constexpr std::size_t kMaxPath = 260;  // MAX_PATH
+
+// Run once, before anything else: on Windows narrows the DLL search to the system folder; on Linux
+// ignores SIGPIPE, occupies descriptors 0 to 2 and makes the lab folder. False when it could not.
+bool PrepareProcess();
+
+// SHGetFolderPathA(CSIDL_COMMON_APPDATA): the machine's common application data folder, without a
+// trailing separator, into `path` of kMaxPath bytes. False on failure.
+bool GetCommonAppDataFolder(char (&path)[kMaxPath]);
+
+// GetModuleFileNameA for the process: the executable's full path into `path` of kMaxPath bytes.
+// Gives its length, 0 on failure.
+std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]);
+
+// ExitProcess: ends the process at once, whichever thread calls. No destructor of a static object
+// runs, since other threads still use them.
+[[noreturn]] void ExitProcess(std::uint32_t exitCode);
+
+// K32GetProcessMemoryInfo with the extended counters: PrivateUsage in bytes, 0 on failure.
+std::uint64_t GetPrivateUsage();
+
+void CloseCommandPipe(RawHandle raw);
+using CommandPipe = Owned<struct CommandPipeTag, CloseCommandPipe>;
+
+// _popen(command, "r"): starts a shell command and reads its output. The service runs "ver" only.
+// Empty owner on failure.
+CommandPipe OpenCommandPipe(const char* command);
+
+// fgets: reads one line, at most size-1 characters with its line end, and terminates it. False at
+// the end of the output.
+bool ReadLine(const CommandPipe& pipe, char* line, std::size_t size);
+
+}  // namespace platform

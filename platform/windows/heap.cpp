@@ -1,0 +1,14 @@
+// Blocks of the process heap.
+#include "platform/heap.h"
+
+#include "platform/windows/windows_api.h"
+
+namespace platform {
+
+void HeapFree(RawHandle raw) { ::HeapFree(::GetProcessHeap(), 0, raw); }
+
+HeapBlock HeapAlloc(std::size_t size) {
+  return HeapBlock(::HeapAlloc(::GetProcessHeap(), 0, size));
+}
+
+}  // namespace platform

@@ -1,0 +1,135 @@
+// The host's names, connection state, interfaces and addresses.
+#include "platform/network.h"
+
+#include <algorithm>
+
+#include "platform/windows/windows_api.h"
+// These need windows.h.
+#include <iphlpapi.h>
+#include <wininet.h>
+
+#undef InetNtop  // Windows' name for InetNtopA or InetNtopW
+
+namespace platform {
+
+namespace {
+
+// The IPv4 addresses of any of the address lists, in list order.
+template <class Entry>
+std::vector<std::uint32_t> Ipv4Addresses(const Entry* entry) {
+  std::vector<std::uint32_t> addresses;
+  for (; entry != nullptr; entry = entry->Next) {
+    const sockaddr* address = entry->Address.lpSockaddr;
+    if (address == nullptr || address->sa_family != AF_INET) continue;
+    addresses.push_back(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr);
+  }
+  return addresses;
+}
+
+AdapterAddresses ReadAdapter(const IP_ADAPTER_ADDRESSES& adapter) {
+  AdapterAddresses read{};
+  read.length = adapter.Length;
+  read.ifIndex = adapter.IfIndex;
+  read.adapterName = adapter.AdapterName;
+  read.operStatus = static_cast<std::uint32_t>(adapter.OperStatus);
+  read.ifType = adapter.IfType;
+  read.unicast = Ipv4Addresses(adapter.FirstUnicastAddress);
+  if (adapter.FirstUnicastAddress != nullptr)
+    read.prefixLength = adapter.FirstUnicastAddress->OnLinkPrefixLength;
+  read.dnsServers = Ipv4Addresses(adapter.FirstDnsServerAddress);
+  read.gateways = Ipv4Addresses(adapter.FirstGatewayAddress);
+  const BYTE* bytes = adapter.PhysicalAddress;
+  const ULONG known = std::min<ULONG>(adapter.PhysicalAddressLength, MAX_ADAPTER_ADDRESS_LENGTH);
+  read.physicalAddress.assign(bytes, bytes + known);
+  return read;
+}
+
+}  // namespace
+
+bool GetComputerDnsDomain(char* name, std::uint32_t* size) {
+  DWORD count = *size;
+  const BOOL done = ::GetComputerNameExA(ComputerNameDnsDomain, name, &count);
+  *size = count;
+  return done != FALSE;
+}
+
+bool InternetGetConnectedState(std::uint32_t* flags) {
+  DWORD found = 0;
+  const BOOL connected = ::InternetGetConnectedState(&found, 0);
+  *flags = found;
+  return connected != FALSE;
+}
+
+std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std::size_t size) {
+  if (size == 0) return 0;
+  const auto* wide = reinterpret_cast<const wchar_t*>(text);
+  const int count = static_cast<int>(length);
+  // Whole at first: into a block too small Windows would convert nothing for certain.
+  const int needed = ::WideCharToMultiByte(CP_ACP, 0, wide, count, nullptr, 0, nullptr, nullptr);
+  std::string whole(static_cast<std::size_t>(needed), '\0');
+  ::WideCharToMultiByte(CP_ACP, 0, wide, count, whole.data(), needed, nullptr, nullptr);
+  const std::size_t kept = whole.copy(ansi, size - 1);
+  ansi[kept] = '\0';
+  return kept;
+}
+
+std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
+  ULONG bytes = *size;
+  const DWORD error = ::GetIfTable(static_cast<MIB_IFTABLE*>(block), &bytes, FALSE);
+  *size = bytes;
+  return error;
+}
+
+std::uint32_t IfTableRows(const void* block) {
+  return static_cast<const MIB_IFTABLE*>(block)->dwNumEntries;
+}
+
+IfRow IfTableRow(const void* block, std::uint32_t row) {
+  const MIB_IFROW& entry = static_cast<const MIB_IFTABLE*>(block)->table[row];
+  const DWORD length = std::min<DWORD>(entry.dwDescrLen, MAXLEN_IFDESCR);
+  return {std::string(reinterpret_cast<const char*>(entry.bDescr), length), entry.dwIndex,
+          entry.dwSpeed};
+}
+
+std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size) {
+  ULONG bytes = *size;
+  const ULONG error = ::GetAdaptersInfo(static_cast<IP_ADAPTER_INFO*>(block), &bytes);
+  *size = bytes;
+  return error;
+}
+
+std::vector<AdapterInfo> ReadAdaptersInfo(const void* block) {
+  std::vector<AdapterInfo> adapters;
+  for (auto* entry = static_cast<const IP_ADAPTER_INFO*>(block); entry != nullptr;
+       entry = entry->Next)
+    adapters.push_back({entry->Description, entry->DhcpEnabled != 0});
+  return adapters;
+}
+
+std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32_t* size) {
+  ULONG bytes = *size;
+  const ULONG error = ::GetAdaptersAddresses(AF_INET, flags, nullptr,
+                                             static_cast<IP_ADAPTER_ADDRESSES*>(block), &bytes);
+  *size = bytes;
+  return error;
+}
+
+std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
+  std::vector<AdapterAddresses> adapters;
+  for (auto* entry = static_cast<const IP_ADAPTER_ADDRESSES*>(block); entry != nullptr;
+       entry = entry->Next)
+    adapters.push_back(ReadAdapter(*entry));
+  return adapters;
+}
+
+std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length) {
+  ULONG mask = 0;
+  ::ConvertLengthToIpv4Mask(length, &mask);
+  return mask;
+}
+
+void InetNtop(std::uint32_t address, char* text, std::size_t size) {
+  if (::inet_ntop(AF_INET, &address, text, size) == nullptr && size > 0) text[0] = '\0';
+}
+
+}  // namespace platform

@@ -1,0 +1,9 @@
+// What the contract's inline parts need to know of this platform.
+#pragma once
+
+namespace platform {
+
+constexpr bool kSelectBeforeEachWait = true;  // re-arming makes Winsock's events level-triggered
+constexpr bool kAskEachSocket = true;         // one event for all sockets: each must be asked
+
+}  // namespace platform

@@ -1,0 +1,48 @@
+// The process.
+#include "platform/process.h"
+
+#include <cstdio>
+
+#include "platform/windows/windows_api.h"
+// These need windows.h.
+#include <psapi.h>
+#include <shlobj.h>
+
+namespace platform {
+
+static_assert(kMaxPath == MAX_PATH);
+static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
+
+bool PrepareProcess() {
+  return ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) && ::SetDllDirectoryA("");
+}
+
+bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {
+  return ::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path) ==
+         S_OK;
+}
+
+std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]) {
+  const DWORD length = ::GetModuleFileNameA(nullptr, path, kMaxPath);
+  return length < kMaxPath ? length : 0;  // Windows gives kMaxPath for a path that it had to cut
+}
+
+void ExitProcess(std::uint32_t exitCode) { ::ExitProcess(exitCode); }
+
+std::uint64_t GetPrivateUsage() {
+  PROCESS_MEMORY_COUNTERS_EX counters{};
+  counters.cb = sizeof(counters);
+  auto* plain = reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters);
+  if (!::K32GetProcessMemoryInfo(::GetCurrentProcess(), plain, sizeof(counters))) return 0;
+  return counters.PrivateUsage;
+}
+
+void CloseCommandPipe(RawHandle raw) { ::_pclose(static_cast<FILE*>(raw)); }
+
+CommandPipe OpenCommandPipe(const char* command) { return CommandPipe(::_popen(command, "r")); }
+
+bool ReadLine(const CommandPipe& pipe, char* line, std::size_t size) {
+  return std::fgets(line, static_cast<int>(size), static_cast<FILE*>(pipe.Raw())) != nullptr;
+}
+
+}  // namespace platform

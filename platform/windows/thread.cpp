@@ -1,0 +1,59 @@
+// Threads. Windows wants an entry of its own type, so each thread starts in Run, which owns the
+// record of what to call.
+#include "platform/thread.h"
+
+#include <memory>
+
+#include "platform/windows/windows_api.h"
+
+namespace platform {
+
+static_assert(kStillActive == STILL_ACTIVE);
+
+namespace {
+
+struct Start {
+  ThreadEntry entry;
+  void* parameter;
+};
+
+DWORD WINAPI Run(void* record) {
+  std::unique_ptr<Start> owner(static_cast<Start*>(record));
+  const Start start = *owner;
+  owner.reset();  // now: a terminated thread never comes back here
+  return start.entry(start.parameter);
+}
+
+}  // namespace
+
+void CloseThread(RawHandle raw) { ::CloseHandle(raw); }
+
+Thread CreateThread(ThreadEntry entry, void* parameter) {
+  auto start = std::make_unique<Start>(Start{entry, parameter});
+  Thread thread(::CreateThread(nullptr, 0, Run, start.get(), 0, nullptr));
+  if (thread) static_cast<void>(start.release());  // Run owns it
+  return thread;
+}
+
+bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
+  return ::TerminateThread(thread.Raw(), exitCode) != FALSE;
+}
+
+bool GetExitCodeThread(const Thread& thread, std::uint32_t* exitCode) {
+  DWORD code = 0;
+  if (!::GetExitCodeThread(thread.Raw(), &code)) return false;
+  *exitCode = code;
+  return true;
+}
+
+std::uint32_t WaitForSingleObject(const Thread& thread, std::uint32_t milliseconds) {
+  return ::WaitForSingleObject(thread.Raw(), milliseconds);
+}
+
+std::uint32_t GetCurrentThreadId() { return ::GetCurrentThreadId(); }
+
+std::uint32_t GetCurrentProcessId() { return ::GetCurrentProcessId(); }
+
+void Sleep(std::uint32_t milliseconds) { ::Sleep(milliseconds); }
+
+}  // namespace platform

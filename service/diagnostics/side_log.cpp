@@ -1,0 +1,98 @@
+// The side log.
+#include "service/diagnostics/side_log.h"
+
+#include <cstring>
+
+#include "platform/clock.h"
+#include "platform/error.h"
+#include "platform/file.h"
+#include "service/diagnostics/calendar.h"
+#include "service/diagnostics/log_file.h"
+
+namespace stewardry {
+
+namespace {
+
+constexpr const char* kChannelPaths[] = {
+    STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log",
+    STEWARDRY_FIXED_LOG_FOLDER "tavrinLog.log",
+    STEWARDRY_FIXED_LOG_FOLDER "tavrinMailbox.log",
+    STEWARDRY_FIXED_LOG_FOLDER "tavrinWMI.log",
+};
+
+// The buffer is the call's own, so that the text of two threads doesn't mix.
+constexpr std::size_t kLineSize = 1024;
+
+// One line being built; what doesn't fit is dropped.
+struct Line {
+  char text[kLineSize];
+  std::size_t length = 0;
+
+  void Put(char c) {
+    if (length < sizeof text - 1) text[length++] = c;
+  }
+  void PutFormatted(std::string_view format, const FormatArg& arg) {
+    length += FormatText(text + length, sizeof text - length, format, std::span(&arg, 1));
+  }
+};
+
+// The time as asctime gives it, without its newline.
+void PutTime(Line* line) {
+  const platform::LocalTime t = platform::GetLocalTime();
+  char day[3];
+  FormatTo(day, sizeof day, "%2d", t.day);
+  line->length = FormatTo(line->text, sizeof line->text, "%s %s %s %02d:%02d:%02d %d: ",
+                          kDayNames[t.dayOfWeek % 7], kMonthNames[(t.month + 11) % 12], day, t.hour,
+                          t.minute, t.second, t.year);
+}
+
+void PutConversion(Line* line, char letter, const FormatArg& arg) {
+  const bool isText = letter == 's';
+  if (isText != (arg.kind == FormatArg::Kind::kText)) return;  // not what the format asks for
+  line->PutFormatted(isText ? "%s" : letter == 'd' ? "%d" : "%x", arg);
+}
+
+}  // namespace
+
+void SideLog_Write(std::uint32_t channel, const void* data, std::size_t size) {
+  if (channel >= std::size(kChannelPaths)) return;
+  const platform::AppendFile file = platform::OpenAppendFile(kChannelPaths[channel]);
+  if (!file) return;
+  // The side log doesn't report on itself: a line that can't be written is lost.
+  (void)platform::WriteFile(file, data, static_cast<std::uint32_t>(size));
+}
+
+void SideLog_Format(std::uint32_t channel, std::string_view format,
+                    std::span<const FormatArg> args) {
+  Line line;
+  PutTime(&line);
+  std::size_t used = 0;
+  for (std::size_t i = 0; i < format.size(); ++i) {
+    if (format[i] != '%' || i + 1 == format.size()) {
+      line.Put(format[i]);
+      continue;
+    }
+    const char letter = format[++i];
+    if (std::string_view("dxXs").find(letter) == std::string_view::npos) {
+      line.Put(letter);
+    } else if (used < args.size()) {
+      PutConversion(&line, letter, args[used++]);
+    }
+  }
+  SideLog_Write(channel, line.text, line.length);
+}
+
+void ReportLastError(std::uint32_t channel, const char* text) {
+  const std::uint32_t error = platform::LastError();
+  char systemText[512] = "";
+  platform::FormatMessageA(error, systemText, sizeof systemText);
+  char report[kLineSize];
+  const std::size_t length =
+      FormatTo(report, sizeof report, "%s failed with error %d: %s", text, error,
+               static_cast<const char*>(systemText));
+  platform::OutputDebugStringA(report);
+  // The length of the whole report is written, so that the reason reaches the file.
+  SideLog_Write(channel, report, length);
+}
+
+}  // namespace stewardry

@@ -1,0 +1,42 @@
+// The WMI log: the inventory's own log, with a line format, a private mutex and a rotation of its
+// own. A holder's death is fatal here: the next line ends the process.
+#pragma once
+
+#include <cstdint>
+
+#include "service/diagnostics/format.h"
+
+namespace stewardry {
+
+// The tag of every line of the service.
+inline constexpr char kWmiTag[] = "TAVRIN_WMI";
+
+struct WmiLog;
+
+// The single object, made on first use; ends the process if its mutex can't be made. Any thread.
+WmiLog& WmiLog_Get();
+
+// Starts the log on tavrinWMI.log in the log folder and writes the banner with what "ver" prints.
+// Called once, from the server thread.
+void WmiLog_Start();
+
+// Opens the file and sets the rotation limit in bytes. 0, or -1 when the file can't be opened:
+// lines then go to the debug output.
+int WmiLog_Open(const char* path, std::uint32_t limit);
+
+// Write one line with the level word "INFO:  ", "WARN:  " or "ERROR: ". A long text is cut so that
+// the line keeps its tail. Any thread.
+void WmiLog_Info(const char* tag, const char* text);
+void WmiLog_Warn(const char* tag, const char* text);
+void WmiLog_Error(const char* tag, const char* text);
+
+// WmiLog_Info of a formatted text under kWmiTag, at most 1023 characters.
+template <class... Args>
+void WmiInfo(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
+  char text[1024];
+  const FormatArg list[] = {FormatArg(args)..., FormatArg()};
+  FormatText(text, sizeof text, format.text, std::span(list, sizeof...(Args)));
+  WmiLog_Info(kWmiTag, text);
+}
+
+}  // namespace stewardry

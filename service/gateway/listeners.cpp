@@ -1,0 +1,149 @@
+// Listeners and server loops.
+#include "service/gateway/listeners.h"
+
+#include <memory>
+#include <new>
+
+#include "platform/process.h"
+#include "service/diagnostics/service_log.h"
+
+namespace stewardry {
+
+std::atomic<std::int32_t> gHttpsRebindCount{1};
+std::atomic<std::int32_t> gKvmRebindCount{1};
+
+namespace {
+
+// Written once before any server runs, which orders it.
+std::span<const PortCallback> gPortCallbacks;
+
+constexpr std::uint64_t kRunMicroseconds = 10'000'000;
+
+SelectorCallback CallbackOf(std::uint32_t port) {
+  for (const PortCallback& row : gPortCallbacks)
+    if (row.port == port) return row.callback;
+  return nullptr;
+}
+
+// A listening socket until its handler owns it.
+class Listener {
+ public:
+  explicit Listener(Sock sock) : sock_(sock) {}
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  ~Listener() {
+    if (sock_ != kInvalidSock) (void)Sock_Close(sock_);  // a failed bind leaves nothing open
+  }
+  Sock Release() {
+    const Sock sock = sock_;
+    sock_ = kInvalidSock;
+    return sock;
+  }
+
+ private:
+  Sock sock_;
+};
+
+// The words and numbers in which the two servers differ.
+struct ServerKind {
+  std::uint32_t port;
+  const char* failureLine;
+  const char* proceedLine;
+  std::atomic<std::int32_t>* rebindCount;
+};
+
+const ServerKind kHttpsServer = {kHttpsPort, "HTTPS binding failed",
+                                 "After HTTPS port binding, proceed to selector run",
+                                 &gHttpsRebindCount};
+const ServerKind kKvmServer = {22, "VNC binding failed",
+                               "After KVM port binding, proceeding to selector run",
+                               &gKvmRebindCount};
+
+// Destroys the selector on every way out, also when the thread is ended within a run.
+class OwnedSelector {
+ public:
+  OwnedSelector() { (void)Selector_Init(&selector_); }  // without one the bind and run fail
+  OwnedSelector(const OwnedSelector&) = delete;
+  OwnedSelector& operator=(const OwnedSelector&) = delete;
+  ~OwnedSelector() { Selector_Destroy(&selector_); }
+  Selector* Get() { return &selector_; }
+
+ private:
+  Selector selector_;
+};
+
+// One bind and the runs on it, until a run fails.
+void ServeOnce(const ServerKind& server) {
+  OwnedSelector sel;
+  if (!BindListener(sel.Get(), server.port)) LogInfo("%s", server.failureLine);
+  LogInfo("%s", server.proceedLine);
+  Result result;
+  do {
+    result = Selector_Run(sel.Get(), kRunMicroseconds, false);
+  } while (result == RESULT_OK || result == RESULT_TIME_OUT);
+  LogInfo("Selector run failed");
+  LogInfo("Should not reach here. Distroy selector and rebind.");
+}
+
+// Binds anew until the budget is spent.
+void Serve(const ServerKind& server) {
+  for (;;) {
+    ServeOnce(server);
+    if (server.rebindCount->load(std::memory_order_relaxed) >= kRebindBudget) return;
+    server.rebindCount->fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+}  // namespace
+
+void SetPortCallbacks(std::span<const PortCallback> callbacks) { gPortCallbacks = callbacks; }
+
+bool BindListener(Selector* selector, std::uint32_t port) {
+  LogInfo("Checking");
+  Addr address;
+  Addr_InitAny(&address, static_cast<std::uint16_t>(port));
+  Sock sock;
+  if (Sock_CreateListener(&sock, address) != RESULT_OK) {
+    LogInfo("Sock create failed for %d", port);
+    return false;
+  }
+  Listener listener(sock);
+  if (Sock_SetBlocking(sock, false) != RESULT_OK) {
+    LogInfo("Set blocking failed for %d", port);
+    return false;
+  }
+  std::unique_ptr<Handler> handler(new (std::nothrow) Handler{});
+  LogInfo("Listen socket address %I64x", sock);
+  const SelectorCallback callback = CallbackOf(port);
+  if (callback == nullptr) {
+    LogInfo("Unhandled port used %d", port);
+    return false;
+  }
+  if (!handler) {
+    LogInfo("Add handler failed for %d", port);
+    return false;
+  }
+  handler->sock = sock;
+  handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
+  handler->callback = callback;
+  if (Selector_AddHandler(selector, handler.get()) != RESULT_OK) {
+    LogInfo("Add handler failed for %d", port);
+    return false;
+  }
+  (void)handler.release();  // the selector's now, and with it the socket
+  (void)listener.Release();
+  LogInfo("Bind to port %d successful", port);
+  return true;
+}
+
+void RunServer() {
+  Serve(kHttpsServer);
+  platform::ExitProcess(0);
+}
+
+std::uint32_t RunKVMServer(void*) {
+  Serve(kKvmServer);
+  return 0;
+}
+
+}  // namespace stewardry

@@ -1,0 +1,39 @@
+// The two TCP listeners and the loop around their selectors: binding a port, running its selector,
+// and destroying and binding anew, within a budget, when a run fails. What happens when a peer
+// knocks is the listen callback's affair.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <span>
+
+#include "sock/selector.h"
+
+namespace stewardry {
+
+constexpr std::uint32_t kHttpsPort = 664;
+
+// Rebinds so far, plus one. Each is written by its server's threads; they never go down. Relaxed:
+// only the count matters.
+extern std::atomic<std::int32_t> gHttpsRebindCount;
+extern std::atomic<std::int32_t> gKvmRebindCount;
+constexpr std::int32_t kRebindBudget = 20;
+
+// Which callback serves the listener of a port. The table must outlive the servers.
+struct PortCallback {
+  std::uint32_t port;
+  SelectorCallback callback;
+};
+void SetPortCallbacks(std::span<const PortCallback> callbacks);
+
+// Binds a listener on any local IPv4 address into the selector, which makes the first call of its
+// callback, with SELECTOR_ADD. True on success; after a logged failure nothing stays open.
+bool BindListener(Selector* selector, std::uint32_t port);
+
+// The HTTPS server. Does not come back: when the rebind budget is spent it ends the process.
+void RunServer();
+
+// The KVM server, a thread entry; the parameter is not used. Result 0 when its budget is spent.
+std::uint32_t RunKVMServer(void* parameter);
+
+}  // namespace stewardry

@@ -1,0 +1,66 @@
+// The command table.
+#include "service/host/command_table.h"
+
+#include "service/actions/power_actions.h"
+#include "service/gateway/dash_relay.h"
+#include "service/gateway/listeners.h"
+#include "service/host/resume.h"
+#include "service/kvm/session.h"
+#include "service/mailbox/dispatcher.h"
+
+namespace stewardry {
+
+namespace {
+
+// Notes a power option; the action follows the next DASH reply.
+template <std::uint8_t Option>
+void NotePowerOption(const std::uint8_t*, std::uint32_t) {
+  gPowerOption.store(Option, std::memory_order_relaxed);
+}
+
+void HandleRebootNonDash(const std::uint8_t*, std::uint32_t) { RebootNonDash(); }
+void HandleResume(const std::uint8_t*, std::uint32_t) { ResumeReport(); }
+
+constexpr FirmwareHandler kOnlyLogged = nullptr;
+
+// Code, name, line on arrival, whether an empty payload stops it, handler.
+constexpr FirmwareCommand kCommands[] = {
+    {ORRIN_TAVRIN_CMD_DASH_DATA, "DASH_DATA", nullptr, true, WriteDASHRXdata},
+    {ORRIN_TAVRIN_CMD_KVM_DATA, "KVM_DATA", nullptr, true, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_SOFTWARE_UPGRADE, "SOFTWARE_UPGRADE", "Software upgrade command received",
+     true, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_INDICATION_SUBSCRIBE, "INDICATION_SUBSCRIBE",
+     "Indication subscribe command received", false, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_INDICATION_EVENT, "INDICATION_EVENT", "Indication event command received",
+     true, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_SLEEP, "SLEEP", "Sleep Command received", false,
+     NotePowerOption<kPowerSleep>},
+    {ORRIN_TAVRIN_CMD_REBOOT, "REBOOT", "Reboot Command received", false,
+     NotePowerOption<kPowerReboot>},
+    {ORRIN_TAVRIN_CMD_SHUTDOWN, "SHUTDOWN", "Shutdown Command received", false,
+     NotePowerOption<kPowerShutdown>},
+    {ORRIN_TAVRIN_CMD_HIBERNATE, "HIBERNATE", "Hibernate Command received", false,
+     NotePowerOption<kPowerHibernate>},
+    {ORRIN_TAVRIN_CMD_REBOOT_NONDASH, "REBOOT_NONDASH", "Reboot_Command_Nondash received", false,
+     HandleRebootNonDash},
+    {ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE, "VNC_SOC_CLOSE", "ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE received",
+     false, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_S0i3_RESUME, "S0i3_RESUME",
+     "ORRIN_TAVRIN_CMD_S0i3_RESUME send data to ORRIN upon resume from S0i3", false, HandleResume},
+    {ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS, "KVM_ENABLE_STATUS",
+     "ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS says that KVM is now enabled", false, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, "KVM_IP_PORT_INFO",
+     "ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO gives IP and Port to trust for KVM", true, kOnlyLogged},
+};
+
+constexpr PortCallback kPortCallbacks[] = {{kHttpsPort, ListenHTTPSCallback},
+                                           {kKvmPort, ListenKVMCallback}};
+
+}  // namespace
+
+void ComposeService() {
+  SetFirmwareCommands(kCommands);
+  SetPortCallbacks(kPortCallbacks);
+}
+
+}  // namespace stewardry

@@ -1,0 +1,188 @@
+// Service control handling.
+#include "service/host/control.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/device.h"
+#include "platform/error.h"
+#include "platform/power.h"
+#include "platform/thread.h"
+#include "service/diagnostics/service_log.h"
+#include "service/diagnostics/side_log.h"
+#include "service/host/start_up.h"
+#include "service/inventory/status_report.h"
+#include "service/kvm/session.h"
+#include "service/mailbox/device.h"
+#include "service/mailbox/messages.h"
+
+namespace stewardry {
+
+std::atomic<std::uint32_t> gSessionLogonCount{0};
+std::atomic<std::uint32_t> gBatteryState{3};
+std::atomic<std::uint32_t> gUserPresence{3};
+
+namespace {
+
+enum : std::uint32_t {
+  kControlStop = 1,           // SERVICE_CONTROL_STOP
+  kControlInterrogate = 4,    // SERVICE_CONTROL_INTERROGATE
+  kControlPowerEvent = 13,    // SERVICE_CONTROL_POWEREVENT
+  kControlSessionChange = 14, // SERVICE_CONTROL_SESSIONCHANGE
+  kControlPreshutdown = 15,   // SERVICE_CONTROL_PRESHUTDOWN
+};
+
+enum : std::uint32_t {
+  kSessionLogon = 5,  // WTS_SESSION_LOGON and the three behind it
+  kSessionLogoff = 6,
+  kSessionLock = 7,
+  kSessionUnlock = 8,
+};
+
+// POWERBROADCAST_SETTING.
+struct PowerBroadcastSetting {
+  platform::Guid powerSetting;
+  std::uint32_t dataLength;
+  std::uint8_t data[4];  // as many as dataLength says; one at least is read
+};
+static_assert(sizeof(PowerBroadcastSetting) == 24);
+
+void EndThread(int slot, const char* failureLine) {
+  const platform::Thread& thread = gServiceThreads->thread[slot];
+  std::uint32_t Exitcode = 0;
+  if (!platform::GetExitCodeThread(thread, &Exitcode)) LogInfo("GetExitCodeThread failed");
+  if (!platform::TerminateThread(thread, Exitcode)) LogInfo("%s", failureLine);
+}
+
+void StopService() {
+  LogInfo("SERVICE_CONTROL_STOP recevied\n");
+  ReportSvcStatus(kServiceStopPending, 0, 0);
+  gTavrinRunning.store(0, std::memory_order_relaxed);
+  LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
+  EndThread(kServerThread, "TerminateThread failed");
+  EndThread(kReaderThread, "TerminateThread failed");
+  if (!platform::CancelIoEx(*gRequestDevice, nullptr))
+    LogInfo("CancelIoEx failed. Error status %d", platform::LastError());
+  // Without the event SvcInit goes on waiting: the service manager sees it pending for ever.
+  (void)platform::SetEvent(*gServiceStopEvent);
+  ReportSvcStatus(kServiceStopPending, 0, 0);
+  ServiceLog_Close();
+}
+
+// The service stays SERVICE_RUNNING, with its log open, until the system ends it.
+void PrepareShutdown() {
+  (void)SetS5Status();  // logs its own failure; the steps below are due either way
+  LogInfo("Shutdown Command sent to ORRIN");
+  LogInfo("CancelIO called preshutdown");
+  EndThread(kServerThread, "TerminateThread failed");
+  EndThread(kReaderThread, "Terminatethread failed");
+  if (!platform::CancelIoEx(*gRequestDevice, nullptr))
+    LogInfo("CancelIoEx failed %d", platform::LastError());
+}
+
+void HandleBatteryEvent(const platform::SystemPowerStatus& spsPwr) {
+  constexpr std::uint8_t kLow = 2, kCritical = 4;  // BatteryFlag, exactly
+  LogInfo("GUID_BATTERY_PERCENTAGE_REMAINING Event");
+  if (spsPwr.batteryFlag == kLow) {
+    LogInfo("Battery is Critical %d", spsPwr.batteryLifePercent);
+    gBatteryState.store(1, std::memory_order_relaxed);
+  } else if (spsPwr.batteryFlag == kCritical) {
+    LogInfo("Battery is Drained %d", spsPwr.batteryLifePercent);
+    gBatteryState.store(2, std::memory_order_relaxed);
+  }
+}
+
+// The settings are told apart by their first three fields.
+bool IsSetting(const platform::Guid& guid, const platform::Guid& setting) {
+  return guid.data1 == setting.data1 && guid.data2 == setting.data2 && guid.data3 == setting.data3;
+}
+
+void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
+  if (eventData == nullptr) return;  // an event without a setting has nothing to tell
+  PowerBroadcastSetting event;
+  std::memcpy(&event, eventData, offsetof(PowerBroadcastSetting, data) + 1);
+  const platform::Guid& guid = event.powerSetting;
+  char data4[sizeof guid.data4 + 1] = "";
+  std::memcpy(data4, guid.data4, sizeof guid.data4);
+  LogInfo("GUID Received 0x%x,0x%x,0x%x,0x%x", guid.data1, guid.data2, guid.data3,
+          std::atoi(data4));
+  platform::SystemPowerStatus spsPwr{};
+  if (!platform::GetSystemPowerStatus(&spsPwr)) return;
+  if (IsSetting(guid, kGuidBatteryPercentageRemaining)) HandleBatteryEvent(spsPwr);
+  if (IsSetting(guid, kGuidAcdcPowerSource)) {
+    LogInfo("Size of event %lu,%lu", event.dataLength, eventType);
+    LogInfo("GUID_ACDC_POWER_SOURCE Event %lu", event.data[0]);
+  }
+  if (IsSetting(guid, kGuidGlobalUserPresence))
+    gUserPresence.store(event.data[0], std::memory_order_relaxed);
+}
+
+}  // namespace
+
+std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
+                             void* context) {
+  switch (control) {
+    case kControlStop:
+      StopService();
+      break;
+    case kControlInterrogate:
+      break;
+    case kControlPowerEvent:
+      HandlePowerEvent(eventType, eventData);
+      break;
+    case kControlSessionChange:
+      SideLog(kSideLogKeyboardMouse, "%s:SERVICE_CONTROL_SESSIONCHANGE recevied\n",
+              "SvcCtrlHandler");
+      SvcHandleSessionChange(control, eventType, eventData, context);
+      break;
+    case kControlPreshutdown:
+      PrepareShutdown();
+      break;
+    default:
+      SideLog(kSideLogKeyboardMouse, "%s:SERVICE_CONTROL  %d recevied\n", "SvcCtrlHandler",
+              control);
+  }
+  return 0;
+}
+
+void SvcHandleSessionChange(std::uint32_t, std::uint32_t eventType, void*, void*) {
+  constexpr const char* kName = "SvcHandleSessionChange";
+  if (eventType == kSessionLogon) {
+    const std::uint32_t count = gSessionLogonCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGON gSessionLogonCount %d", kName, count);
+    NotifyKvmTerminationEvents();
+  }
+  if (eventType == kSessionLogoff) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGOFF", kName);
+  if (eventType == kSessionLock) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOCK", kName);
+  if (eventType == kSessionUnlock) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_UNLOCK", kName);
+}
+
+void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
+                     std::uint32_t waitHint) {
+  static std::uint32_t nextCheckPoint = 1;  // the dispatcher's thread only
+  const bool settled = currentState == kServiceRunning || currentState == kServiceStopped;
+  const platform::ServiceStatus status = {
+      kServiceWin32OwnProcessType,
+      currentState,
+      currentState == kServiceStartPending ? 0 : kServiceAcceptStop,
+      win32ExitCode,
+      0,
+      settled ? 0 : nextCheckPoint++,
+      waitHint};
+  gServiceStatus.Store(status);
+  (void)platform::SetServiceStatus(gServiceStatusHandle, status);  // nobody to tell of a failure
+  SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
+}
+
+// A logon neither stops the service nor ends a KVM session here: ending the stop event's wait from
+// this place would leave a service half stopped, with its threads running and its log closed to
+// nobody. The side log keeps the trace of the logon.
+void NotifyKvmTerminationEvents() {
+  const bool ready = gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
+  SideLog(kSideLogKeyboardMouse, "%s: KVM%s", "NotifyKvmTerminationEvents",
+          ready ? "enabled" : "disabled");
+  if (!ready) return;
+  SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", "NotifyKvmTerminationEvents");
+}
+
+}  // namespace stewardry

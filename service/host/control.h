@@ -1,0 +1,43 @@
+// What the service manager calls: stop, preshutdown, power and session events. Stopping is not a
+// cooperative wind-down: the two long-lived threads are ended from outside.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/guid.h"
+
+namespace stewardry {
+
+// The power settings that the service registers for (Winnt.h's names).
+inline constexpr platform::Guid kGuidAcdcPowerSource = {
+    0x5D3E9A59, 0xE9D5, 0x4B00, {0xA6, 0xBD, 0xFF, 0x34, 0xFF, 0x51, 0x65, 0x48}};
+inline constexpr platform::Guid kGuidBatteryPercentageRemaining = {
+    0xA7AD8041, 0xB45A, 0x4CAE, {0x87, 0xA3, 0xEE, 0xCB, 0xB4, 0x68, 0xA9, 0xE1}};
+inline constexpr platform::Guid kGuidGlobalUserPresence = {
+    0x786E8A1D, 0xB427, 0x4344, {0x92, 0x07, 0x09, 0xE7, 0x0B, 0xDC, 0xBE, 0xA9}};
+
+// Logon events since the service started.
+extern std::atomic<std::uint32_t> gSessionLogonCount;
+// The last battery state (1 critical, 2 drained) and user presence seen in a power event; 3 before
+// any. Written by the control handler; relaxed, each stands for itself.
+extern std::atomic<std::uint32_t> gBatteryState;
+extern std::atomic<std::uint32_t> gUserPresence;
+
+// LPHANDLER_FUNCTION_EX. Always 0 (NO_ERROR). Runs on the dispatcher's thread.
+std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
+                             void* context);
+
+// Notes logon, logoff, lock and unlock in the side log.
+void SvcHandleSessionChange(std::uint32_t control, std::uint32_t eventType, void* eventData,
+                            void* context);
+
+// Reports a state; one that isn't running or stopped carries the next check point. Every state but
+// SERVICE_START_PENDING accepts the stop control alone.
+void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
+                     std::uint32_t waitHint);
+
+// Notes a logon's bearing on KVM in the side log.
+void NotifyKvmTerminationEvents();
+
+}  // namespace stewardry

@@ -1,0 +1,28 @@
+// Event log entries.
+#include "service/host/event_entries.h"
+
+#include "platform/error.h"
+#include "platform/service_manager.h"
+#include "service/diagnostics/format.h"
+
+namespace stewardry {
+
+namespace {
+
+// The executable carries no message table: the strings are the whole content of an entry.
+constexpr std::uint32_t kEventId = 0xC0020001;
+
+}  // namespace
+
+void ReportServiceEvent(const char* text, std::uint16_t eventType) {
+  const platform::EventSource source = platform::RegisterEventSourceA(kServiceName);
+  if (!source) return;
+  char Buffer[128] = "";
+  if (eventType == kEventInformation) FormatTo(Buffer, sizeof Buffer, "%s", text);
+  if (eventType == kEventError)
+    FormatTo(Buffer, sizeof Buffer, "%s failed with %d", text, platform::LastError());
+  const char* const strings[] = {kServiceName, Buffer};
+  (void)platform::ReportEventA(source, eventType, kEventId, strings);  // an entry lost is no harm
+}
+
+}  // namespace stewardry

@@ -1,0 +1,48 @@
+// The installer.
+#include "service/host/install.h"
+
+#include <cstdio>
+
+#include "platform/error.h"
+#include "platform/process.h"
+#include "platform/service_manager.h"
+#include "service/host/event_entries.h"
+
+namespace stewardry {
+
+namespace {
+
+constexpr std::uint32_t kServiceAllAccess = 0xF01FF;   // SERVICE_ALL_ACCESS
+constexpr std::uint32_t kServiceWin32OwnProcess = 16;  // SERVICE_WIN32_OWN_PROCESS
+constexpr std::uint32_t kServiceAutoStart = 2;         // SERVICE_AUTO_START
+constexpr std::uint32_t kServiceErrorNormal = 1;       // SERVICE_ERROR_NORMAL
+constexpr char kDescription[] = "Corvane Stewardy Service";
+constexpr char kDependencies[] = "Tcpip\0Tavrin-MailBoxDrv\0";  // the literal adds the second end
+
+}  // namespace
+
+void SvcInstall() {
+  char szPath[platform::kMaxPath];
+  if (platform::GetModuleFileNameA(szPath) == 0) {
+    std::printf("Cannot install service (%u)\n", platform::LastError());
+    return;
+  }
+  const platform::ServiceHandle manager = platform::OpenSCManagerA();
+  if (!manager) {
+    std::printf("OpenSCManager failed with error (%u)\n", platform::LastError());
+    return;
+  }
+  std::printf("OpenSCManager successful\n");
+  const platform::ServiceHandle service = platform::CreateServiceA(
+      manager, {kServiceName, kServiceName, kServiceAllAccess, kServiceWin32OwnProcess,
+                kServiceAutoStart, kServiceErrorNormal, szPath, kDependencies});
+  if (!service) {
+    std::printf("CreateService failed with error (%u)\n", platform::LastError());
+    return;
+  }
+  if (!platform::ChangeServiceDescription(service, kDescription))
+    std::printf("ChangeServiceConfig2 failed");
+  std::printf("Service installed successfully\n");
+}
+
+}  // namespace stewardry

@@ -1,0 +1,52 @@
+// The server thread.
+#include "service/host/server_thread.h"
+
+#include <atomic>
+
+#include "service/diagnostics/service_log.h"
+#include "service/diagnostics/wmi_log.h"
+#include "service/gateway/listeners.h"
+#include "service/host/event_entries.h"
+#include "service/inventory/link_watch.h"
+#include "service/inventory/status_report.h"
+#include "service/kvm/session.h"
+#include "service/mailbox/messages.h"
+#include "sock/sock.h"
+
+namespace stewardry {
+
+namespace {
+
+// The start-up report has been made. The server thread's alone.
+bool gReportDone = false;
+
+void MakeStartupReport() {
+  if (gReportDone) return;
+  gReportDone = true;
+  std::uint8_t status = kOrrinNoAnswer;
+  GetOrrinStatus(&status);  // asked for the firmware's sake; the answer changes nothing here
+  SendSystemInfo(nullptr);
+}
+
+}  // namespace
+
+void ServerStartup() {
+  SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+  (void)Sock_Start();  // without sockets the bind fails and says so
+  WmiLog_Start();
+  MakeStartupReport();
+  (void)WlanRegisterWifiNotification();  // logs its own failure; the link then goes unwatched
+  LogInfo("Initializing KVM IP and Port to 0");
+  gKvmTrustedIP.store(0, std::memory_order_relaxed);
+  gKvmTrustedPort.store(0, std::memory_order_relaxed);
+}
+
+std::uint32_t MyThreadFunction(void*) {
+  LogInfo("%s ln: %d Before RunServer", "MyThreadFunction", 448);
+  ReportServiceEvent("MyThreadFunction-Before ServerMain", kEventInformation);
+  ServerStartup();
+  RunServer();
+  return 0;
+}
+
+}  // namespace stewardry

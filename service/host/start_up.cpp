@@ -1,0 +1,155 @@
+// Process entry and service start-up.
+#include "service/host/start_up.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/error.h"
+#include "platform/file.h"
+#include "platform/process.h"
+#include "service/diagnostics/log_file.h"
+#include "service/diagnostics/service_log.h"
+#include "service/diagnostics/side_log.h"
+#include "service/host/command_table.h"
+#include "service/host/control.h"
+#include "service/host/event_entries.h"
+#include "service/host/install.h"
+#include "service/host/server_thread.h"
+#include "service/inventory/chassis.h"
+#include "service/inventory/service_version.h"
+#include "service/mailbox/device.h"
+#include "service/mailbox/reader.h"
+
+namespace stewardry {
+
+SharedRecord<platform::ServiceStatus> gServiceStatus;
+platform::ServiceStatusHandle gServiceStatusHandle = nullptr;
+platform::ProcessLifetime<platform::Event> gServiceStopEvent;
+platform::ProcessLifetime<ServiceThreads> gServiceThreads;
+
+namespace {
+
+constexpr std::uint32_t kLogLimit = 0xA00000;  // 10 MiB
+constexpr std::size_t kLogPathSize = 256;
+
+// The power settings that the service asks to be told of, in their order.
+constexpr platform::Guid kPowerSettings[] = {kGuidAcdcPowerSource, kGuidBatteryPercentageRemaining,
+                                             kGuidGlobalUserPresence};
+
+bool EqualIgnoringCase(const char* a, const char* b) {
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  for (; *a != 0 && lower(*a) == lower(*b); ++a, ++b) {
+  }
+  return lower(*a) == lower(*b);
+}
+
+// True if the folder is there afterwards.
+bool EnsureFolder(const char* path) {
+  return platform::CreateDirectoryA(path) || platform::LastError() == platform::kErrorAlreadyExists;
+}
+
+void LogBanner() {
+  char buf[128];
+  if (!ReadWindowsVersion(buf, sizeof buf)) {
+    LogInfo("Quillon Stewardry Service %s started...", kServiceVersion);
+    return;
+  }
+  LogInfo("Quillon Stewardry Service %s started on Windows version: %s...", kServiceVersion,
+          static_cast<const char*>(buf));
+}
+
+// What SvcInit reports by hand, without a wait hint.
+void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint32_t exitCode,
+                  std::uint32_t checkPoint) {
+  const platform::ServiceStatus status = {
+      kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0};
+  gServiceStatus.Store(status);
+  // Without a service manager the report goes nowhere.
+  (void)platform::SetServiceStatus(gServiceStatusHandle, status);
+}
+
+void FailStart() { ReportStatus(kServiceStopped, 0, platform::LastError(), 1); }
+
+bool StartThread(int slot, platform::ThreadEntry entry) {
+  platform::Thread& thread = gServiceThreads->thread[slot];
+  thread = platform::CreateThread(entry, nullptr);
+  return static_cast<bool>(thread);
+}
+
+void ServiceMain(std::uint32_t argc, char** argv) {
+  (void)InitServiceLog();  // without a log the service runs all the same
+  gServiceStatusHandle =
+      platform::RegisterServiceCtrlHandlerExA(kServiceName, SvcCtrlHandler, nullptr);
+  if (gServiceStatusHandle == nullptr) {
+    const std::uint32_t error = platform::LastError();
+    ReportServiceEvent("RegisterServiceCtrlHandler", kEventError);
+    char text[256] = "";
+    platform::FormatMessageA(error, text, sizeof text);
+    SideLog(kSideLogKeyboardMouse, "RegisterServiceCtrlHandlerEx:%s",
+            static_cast<const char*>(text));
+    return;
+  }
+  for (const platform::Guid& setting : kPowerSettings)
+    (void)platform::RegisterPowerSettingNotification(gServiceStatusHandle, setting);  // not needed
+  ReportStatus(kServiceStartPending, 0, 0, 0);
+  SvcInit(argc, argv);
+}
+
+}  // namespace
+
+bool InitServiceLog() {
+  char szAllUsersProfile[platform::kMaxPath];
+  if (!platform::GetCommonAppDataFolder(szAllUsersProfile)) return false;
+  char corvanePath[kLogPathSize];
+  FormatTo(corvanePath, sizeof corvanePath, "%s%s", szAllUsersProfile, kCompanyFolder);
+  if (!EnsureFolder(corvanePath))
+    LogInfo("Error %u creating Corvane Folder.\n", platform::LastError());
+  char szLogPath[kLogPathSize];
+  FormatTo(szLogPath, sizeof szLogPath, "%s%s", szAllUsersProfile, kLogFolder);
+  if (!EnsureFolder(szLogPath)) {
+    LogInfo("Error %u creating Tavrin Log Folder.\n", platform::LastError());
+    return false;
+  }
+  char logFile[kLogPathSize];
+  FormatTo(logFile, sizeof logFile, "%s\\tavrinLog.log", szLogPath);
+  if (!ServiceLog_Start(logFile, kLogLimit)) return false;
+  LogBanner();
+  return true;
+}
+
+void SvcInit(std::uint32_t, char**) {
+  DetectChassis();
+  LogInfo("%s line: %d Starting", "SvcInit", 361);
+  *gServiceStopEvent = platform::CreateEventA(true, false);
+  if (!*gServiceStopEvent) return FailStart();
+  LogInfo("Attempting OpenOrrinDevice");
+  (void)OpenOrrinDevice(kRequestMode);  // without a device every request fails and is logged
+  ReportServiceEvent("SvcInit-Before CreateThread", kEventInformation);
+  ComposeService();
+  if (!StartThread(kServerThread, MyThreadFunction)) return FailStart();
+  if (!StartThread(kReaderThread, intThreadFunction)) return FailStart();
+  ReportServiceEvent("SvcInit-After CreateThread", kEventInformation);
+  ReportStatus(kServiceRunning, kServiceAcceptStop | kServiceAcceptPreshutdown, 0, 0);
+  (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
+  ReportStatus(kServiceStopped, 0, 0, 3);
+}
+
+int RunProcess(int argc, char** argv) {
+  (void)InitServiceLog();  // without a log the service runs all the same
+  const char* word = argc > 1 ? argv[1] : "";
+  if (EqualIgnoringCase(word, "ult")) {
+    SvcInit(0, nullptr);
+    return 0;
+  }
+  LogInfo("%s line: %d Starting", "main", 157);
+  if (EqualIgnoringCase(word, "install")) {
+    LogInfo("%s %d SvcInstall", "main", 160);
+    SvcInstall();
+    return 0;
+  }
+  if (!platform::StartServiceCtrlDispatcherA(kServiceName, ServiceMain))
+    ReportServiceEvent("StartServiceCtrlDispatcher", kEventError);
+  return 0;
+}
+
+}  // namespace stewardry

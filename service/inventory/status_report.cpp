@@ -1,0 +1,133 @@
+#include "service/inventory/status_report.h"
+
+#include <string>
+#include <string_view>
+
+#include "platform/network.h"
+#include "platform/socket.h"
+#include "platform/thread.h"
+#include "service/diagnostics/service_log.h"
+#include "service/diagnostics/wmi_log.h"
+#include "service/inventory/ip_config.h"
+#include "service/inventory/link_watch.h"
+#include "service/inventory/network_report.h"
+#include "service/inventory/service_version.h"
+#include "service/inventory/wmi_access.h"
+#include "service/mailbox/messages.h"
+
+namespace stewardry {
+
+std::atomic<std::uint32_t> gTavrinRunning{0};
+
+namespace {
+
+constexpr std::uint32_t kNetworkPollMs = 100;
+// The turn of the wait, about ten seconds in, at which the firmware is told that there is no
+// network yet.
+constexpr std::uint32_t kNoNetworkTurn = 100;
+
+class ServiceLogLines final : public ReportLines {
+  void Take(std::string_view format, std::span<const FormatArg> args) override {
+    ServiceLog_Write(LogHeader::kInfo, format, args);
+  }
+};
+
+void ReportServiceUp() {
+  LogInfo("Setting value to WriteTavrinStatus");
+  (void)WriteTavrinStatus(&kServiceUp);  // logs its own failure
+}
+
+void FillDomain(OperationSysSInfo* record) {
+  char domain[sizeof record->domainName] = {};
+  std::uint32_t size = sizeof domain;
+  if (!platform::GetComputerDnsDomain(domain, &size)) return FillText(record->domainName, "N/A");
+  FillText(record->domainName, TextOf(domain));
+  LogInfo("DNS domain: %s", TextOf(domain));
+}
+
+void LogOperatingSystem(const OperationSysSInfo& record) {
+  LogInfo("OS Name: %ls; OS Version: %ls; OS DomainName: %s;OS Hostname: %s;OS Tavrin Version: %s",
+          TextOf(record.Caption), TextOf(record.Version), TextOf(record.domainName),
+          TextOf(record.hostName), TextOf(record.tavrinVersion));
+}
+
+void ReportOperatingSystem() {
+  NetworkOsInformation scratch{};
+  OperationSysSInfo& record = scratch.operatingSystem;
+  // A part that can't be found out stays zero, and the record goes out all the same.
+  (void)GetOSinformation(&record);
+  (void)platform::gethostname(record.hostName, sizeof record.hostName);
+  FillText(record.tavrinVersion, kServiceVersion);
+  FillDomain(&record);
+  LogOperatingSystem(record);
+  record.endMarker = kEndMarker;
+  WriteOsInfo(&record);
+}
+
+void RefreshFirmwareVersion() {
+  GetTavrinVersion(&gTavrinVersionInfo);
+  const auto version = [] { return TextOf(gTavrinVersionInfo.Load().version); };
+  if (version().empty()) SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+  if (version() != kVersionNotAvailable) gTavrinRunning.store(1, std::memory_order_relaxed);
+}
+
+void ReportNoNetwork() {
+  const NetworkInfo none{};  // the end marker too is zero
+  WriteNwInfo(&none);
+}
+
+void WaitForNetwork() {
+  bool connected = false;
+  for (std::uint32_t turn = 1; !connected; ++turn) {
+    std::uint32_t flags = 0;
+    connected = platform::InternetGetConnectedState(&flags);
+    platform::Sleep(kNetworkPollMs);
+    if (turn == kNoNetworkTurn) ReportNoNetwork();
+  }
+}
+
+void ReportAddress(ReportLines* lines) {
+  const bool wlan = WlanIsConnected() == 0;
+  LogInfo("System is connected to %s", wlan ? "WLAN" : "LAN");
+  LogInfo("Getting value from GetIPCompleteInfomartion");
+  GetIPCompleteInfomartion(&gIPInfo, kReportPort, wlan ? kWirelessAdapter : kAnyAdapter);
+  SendIpReport(lines);
+}
+
+bool ReadOperatingSystem(const platform::WbemObject& row, OperationSysSInfo* record) {
+  FillText(record->Caption, WmiText(row, u"Caption"));
+  record->OSType = static_cast<std::uint16_t>(WmiNumber(row, u"OSType"));
+  const std::u16string architecture = WmiText(row, u"OSArchitecture");
+  WmiInfo("Other type value %zd", ByteLength(architecture));
+  FillText(record->OSArchitecture, architecture);
+  FillText(record->Version, WmiText(row, u"Version"));
+  return false;  // the first row only
+}
+
+}  // namespace
+
+std::uint32_t SendSystemInfo(void*) {
+  ServiceLogLines lines;
+  ReportServiceUp();
+  ReportOperatingSystem();
+  RefreshFirmwareVersion();
+  WaitForNetwork();
+  ReportAddress(&lines);
+  SendSystemBooted();
+  SendAdapterReport(&lines);
+  return 0;
+}
+
+void ResendSystemInfo() {
+  LogInfo("ORRIN is down pass nonDASH commands");
+  (void)SendSystemInfo(nullptr);  // always 0
+}
+
+std::uint32_t GetOSinformation(OperationSysSInfo* record) {
+  const WmiQuery query{u"SELECT * FROM Win32_OperatingSystem", "GetOSinformation"};
+  return ReadWmiRows(query, [record](const platform::WbemObject& row) {
+    return ReadOperatingSystem(row, record);
+  });
+}
+
+}  // namespace stewardry

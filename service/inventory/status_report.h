@@ -1,0 +1,30 @@
+// The report by which the firmware learns that the service is up, what the host runs, and where it
+// is on the network. It goes out at start-up, whenever an accept finds that the firmware has been
+// down, and after a resume.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "service/inventory/records.h"
+
+namespace stewardry {
+
+// 1 once the firmware has given a real version text; 0 again at stop. Shown by the tray pipe, which
+// looks at nothing else because of it, so every access is relaxed.
+extern std::atomic<std::uint32_t> gTavrinRunning;
+
+// Sends the report and gives 0. The parameter isn't used: the routine can be a thread's entry
+// (platform::ThreadEntry). It waits, without a bound, until the host has a network connection.
+// Failures are logged where they happen, and the report goes on with its next step. Sock_Start must
+// have run. Reports of several threads may overlap.
+std::uint32_t SendSystemInfo(void* parameter);
+
+// The report after the firmware was found to have been down.
+void ResendSystemInfo();
+
+// Fills the WMI texts and OSType of *record, which the caller has zeroed. 0, or 1 on a WMI failure,
+// which leaves them as they were. Any thread.
+std::uint32_t GetOSinformation(OperationSysSInfo* record);
+
+}  // namespace stewardry

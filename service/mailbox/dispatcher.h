@@ -1,0 +1,50 @@
+// The dispatcher of firmware commands. It walks one table and knows no handler: service/host
+// composes the table, because it alone knows all rooms. It makes no platform call, so it works on
+// frames from any source.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace stewardry {
+
+// The firmware's vocabulary.
+enum FirmwareCommandCode : std::uint8_t {
+  ORRIN_TAVRIN_CMD_DASH_DATA = 0x08,
+  ORRIN_TAVRIN_CMD_KVM_DATA = 0x09,
+  ORRIN_TAVRIN_CMD_SOFTWARE_UPGRADE = 0x0A,
+  ORRIN_TAVRIN_CMD_INDICATION_SUBSCRIBE = 0x0B,
+  ORRIN_TAVRIN_CMD_INDICATION_EVENT = 0x0C,
+  ORRIN_TAVRIN_CMD_SLEEP = 0x13,
+  ORRIN_TAVRIN_CMD_REBOOT = 0x15,
+  ORRIN_TAVRIN_CMD_SHUTDOWN = 0x16,
+  ORRIN_TAVRIN_CMD_HIBERNATE = 0x17,
+  ORRIN_TAVRIN_CMD_REBOOT_NONDASH = 0x21,
+  ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE = 0x23,
+  ORRIN_TAVRIN_CMD_S0i3_RESUME = 0x25,
+  ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS = 0x26,
+  ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO = 0x27,
+};
+
+// A handler gets the payload, which stays valid until it returns, and its length. A payload that
+// is longer than what the handler fills is the handler's to cut or refuse.
+using FirmwareHandler = void (*)(const std::uint8_t* payload, std::uint32_t length);
+
+struct FirmwareCommand {
+  std::uint8_t code;
+  const char* name;
+  const char* arrivalLine;  // null: nothing is logged
+  bool needsPayload;        // the guard: an empty payload stops the command before its handler
+  FirmwareHandler handler;  // null: the command is only logged
+};
+
+// Sets the table that Processread walks; it must outlive the reader. Before the reader starts.
+void SetFirmwareCommands(std::span<const FirmwareCommand> commands);
+
+// Dispatches one frame of `byteCount` bytes: payload, command code, one byte without a meaning.
+// Logs and drops a code that isn't in the table, and a frame too short to carry one. Runs the
+// handler on the calling thread, the reader's.
+void Processread(std::uint32_t byteCount, const std::uint8_t* buffer);
+
+}  // namespace stewardry

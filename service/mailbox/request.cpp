@@ -1,0 +1,168 @@
+// The request pattern.
+#include "service/mailbox/request.h"
+
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "platform/device.h"
+#include "platform/error.h"
+#include "platform/event.h"
+#include "service/diagnostics/service_log.h"
+#include "service/mailbox/device.h"
+
+namespace stewardry {
+
+namespace {
+
+constexpr std::string_view kEventFailed =
+    "Error creating overlapped event for interrupt thread - with error: %u";
+constexpr std::string_view kEventFailedErro =
+    "Error creating overlapped event for interrupt thread - with erro: %u";
+constexpr std::string_view kStartFailed = "Asynchronous %s command failed with error: %u";
+constexpr std::string_view kStartFailedErro = "Asynchronous %s command failed with erro: %u";
+constexpr std::string_view kWaitFailedText = "WaitForSingleObject unexpected return with error: %u";
+
+// The texts of one operation's log lines: `start` takes the name and the error, `event` the error,
+// `wait` the wait's result.
+struct Wording {
+  Operation operation;
+  const char* name;
+  std::string_view invalidHandle;
+  std::string_view event = kEventFailed;
+  std::string_view start = kStartFailed;
+  std::string_view wait = kWaitFailedText;
+};
+
+constexpr Wording kWording[] = {
+    {Operation::kGetOrrinStatus, "GetOrrinStatus", "Invalid Handle"},
+    {Operation::kGetTavrinVersion, "GetTavrinVersion", "Failed"},
+    {Operation::kWriteTavrinStatus, "WriteTavrinStatus", "Invalid handle"},
+    {Operation::kWriteDASHPacket, "WriteDASHPacket", "Error Invalid Handle", kEventFailed,
+     kStartFailed, "WaitForSingleObject unexpected return code: %u"},
+    {Operation::kWriteKVMPacket, "WriteKVMPacket", "Invalid Handle"},
+    {Operation::kWriteOsInfo, "WriteOsInfo", "Failed: Invalid handle", kEventFailed, kStartFailed,
+     "WaitForSingleObject unexpected return with erro: %u"},
+    {Operation::kWriteNwInfo, "WriteNwInfo", "Failed: Invalid handle",
+     "error creating overlapped event for interrupt thread - with erro: %u", kStartFailed,
+     "WaitForSingleObject unexpected return %u"},
+    {Operation::kSendIPCompleteInfomartion, "SendIPCompleteInfomartion", "Failed: Invalid handle",
+     kEventFailed, kStartFailedErro, "WaitForSingleObject unexpected return with eror: %u"},
+    {Operation::kSendCloseSocketcmd, "SendCloseSocketcmd", "Failed: Invalid handle",
+     kEventFailedErro, kStartFailedErro},
+    {Operation::kSendSystemBooted, "SendSystemBooted", "Failed: Invalid handle", kEventFailed,
+     kStartFailedErro},
+    {Operation::kDeAllocateKVM_KB_MB_Buffers, "DeAllocateKVM_KB_MB_Buffers", "Invalid Handle"},
+    {Operation::kWriteLogBuffer, "WriteLogBuffer", "Invalid Handle"},
+    {Operation::kDeAllocateLogBuffer, "DeAllocateLogBuffer", "Invalid Handle"},
+    // These two have no wording of their own anywhere: the commonest one serves.
+    {Operation::kWriteFanInfo, "WriteFanInfo", "Invalid Handle"},
+    {Operation::kWriteSensorInfo, "WriteSensorInfo", "Invalid Handle"},
+};
+
+constexpr const Wording& WordingOf(Operation operation) {
+  for (const Wording& row : kWording)
+    if (row.operation == operation) return row;
+  return kWording[0];
+}
+
+// Logs a text of the table, which the compiler can't check against its arguments.
+template <class... Args>
+void LogWording(std::string_view text, const Args&... args) {
+  const FormatArg list[] = {FormatArg(args)..., FormatArg()};
+  ServiceLog_Write(LogHeader::kInfo, text, std::span(list, sizeof...(Args)));
+}
+
+// A request in flight, with its event. If its thread is ended while it waits, the request is
+// cancelled and waited for before the record goes away.
+class Flight {
+ public:
+  explicit Flight(platform::Event event) : event_(std::move(event)) {
+    platform::SetRequestEvent(&record_, event_);
+  }
+  Flight(const Flight&) = delete;
+  Flight& operator=(const Flight&) = delete;
+  ~Flight() {
+    if (!started_) return;
+    std::uint32_t bytes;
+    (void)platform::CancelIoEx(*gRequestDevice, &record_);  // it may have finished meanwhile
+    (void)platform::GetOverlappedResult(*gRequestDevice, &record_, &bytes, true);
+  }
+
+  // True if the device has pended the request, the only way it is accepted.
+  bool Start(const ControlCode& code, const void* input, std::uint32_t inputSize, void* output,
+             std::uint32_t outputSize) {
+    const bool finished =
+        platform::DeviceIoControl(*gRequestDevice, code.code, input, inputSize, output, outputSize,
+                                  nullptr, &record_);
+    started_ = !finished && platform::LastError() == platform::kErrorIoPending;
+    return started_;
+  }
+  std::uint32_t Wait() { return platform::WaitForSingleObject(event_, platform::kInfinite); }
+  bool Finish(std::uint32_t* bytes) {
+    const bool done = platform::GetOverlappedResult(*gRequestDevice, &record_, bytes, false);
+    started_ = !done && platform::LastError() == kErrorIoIncomplete;
+    return done;
+  }
+
+ private:
+  static constexpr std::uint32_t kErrorIoIncomplete = 996;  // ERROR_IO_INCOMPLETE
+
+  platform::Event event_;
+  platform::RequestRecord record_{};
+  bool started_ = false;
+};
+
+void AwaitOutcome(Flight* flight, const Wording& wording, RequestOutcome* outcome) {
+  const std::uint32_t waited = flight->Wait();
+  if (waited != platform::kWaitObject0) return LogWording(wording.wait, waited);
+  if (!flight->Finish(&outcome->bytes))
+    return LogInfo("GetOverlappedResult failed for %s with error: %u", wording.name,
+                   platform::LastError());
+  outcome->completed = true;
+  if (outcome->bytes != 0)
+    LogInfo("Asynchronous IO completed for %s readbytes is %d", wording.name, outcome->bytes);
+}
+
+}  // namespace
+
+std::uint32_t RunRequest(Operation operation, const void* input, std::uint32_t inputSize,
+                         void* output, std::uint32_t outputSize, RequestOutcome* outcome) {
+  *outcome = RequestOutcome{};
+  const Wording& wording = WordingOf(operation);
+  if (!*gRequestDevice) {
+    LogWording(wording.invalidHandle);
+    return 1;
+  }
+  platform::Event event = platform::CreateEventA(false, false);
+  if (!event) {
+    LogWording(wording.event, platform::LastError());
+    return 1;
+  }
+  Flight flight(std::move(event));
+  if (!flight.Start(ControlCodeFor(operation), input, inputSize, output, outputSize)) {
+    LogWording(wording.start, wording.name, platform::LastError());
+    return 1;
+  }
+  AwaitOutcome(&flight, wording, outcome);
+  return 0;
+}
+
+std::uint32_t SendRecord(Operation operation, const void* input) {
+  RequestOutcome outcome;
+  return RunRequest(operation, input, ControlCodeFor(operation).inputSize, nullptr, 0, &outcome);
+}
+
+std::uint32_t AskForRecord(Operation operation, void* output, RequestOutcome* outcome) {
+  return RunRequest(operation, nullptr, 0, output, ControlCodeFor(operation).outputSize, outcome);
+}
+
+std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize) {
+  if (!*gRequestDevice) return 1;
+  std::uint32_t returned = 0;
+  const bool done = platform::DeviceIoControl(*gRequestDevice, ControlCodeFor(operation).code,
+                                              input, inputSize, nullptr, 0, &returned, nullptr);
+  return done ? 0 : 1;
+}
+
+}  // namespace stewardry
