@@ -90,7 +90,8 @@ using WakeEvent = Owned<struct WakeEventTag, CloseWakeEvent>;
 // at the start; only the selector's thread touches it, and it stays in place while selected.
 struct SocketSelection {
   std::uint32_t selected;   // network events the socket is selected for
-  std::uint32_t signalled;  // network events seen by the last wait (where the platform tells)
+  std::uint32_t signalled;  // what the last wait saw, in the platform's own terms; 0 for nothing
+  bool listening;           // a listener's news is a knock, not data
 };
 
 SocketEvent WSACreateEvent();

@@ -33,10 +33,12 @@ struct TextRow {
 
 constexpr TextRow kTexts[] = {
     {kErrorFileNotFound, "File not found."},
+    {kErrorPathNotFound, "Path not found."},
     {kErrorAccessDenied, "Access denied."},
     {kErrorInvalidHandle, "Invalid handle."},
     {kErrorInvalidParameter, "Invalid parameter."},
     {kErrorNotEnoughMemory, "Not enough memory."},
+    {kErrorFailedServiceControllerConnect, "The service manager did not start this process."},
     {kErrorServiceNotActive, "The service is not active."},
 };
 
@@ -59,8 +61,7 @@ std::size_t FormatMessageA(std::uint32_t error, char* text, std::size_t size) {
     const int length = std::snprintf(text, size, "%s", row.text);
     return static_cast<std::size_t>(length) < size ? static_cast<std::size_t>(length) : size - 1;
   }
-  const int length = std::snprintf(text, size, "Error %u.", error);
-  return static_cast<std::size_t>(length) < size ? static_cast<std::size_t>(length) : size - 1;
+  return 0;
 }
 
 }  // namespace platform

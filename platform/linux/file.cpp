@@ -44,6 +44,13 @@ bool FlushBuffer(StreamState& stream) {
   return whole;
 }
 
+// A missing folder on the way is another error than a missing file. For the calls that make what
+// they are given, nothing else can be missing.
+void SetErrorOfCreation(int number) {
+  if (number == ENOENT) return SetLastError(kErrorPathNotFound);
+  SetLastErrorFromErrno(number);
+}
+
 int OpenFlags(std::string_view mode) {
   return O_RDWR | O_CREAT | O_CLOEXEC | (mode[0] == 'a' ? O_APPEND : O_TRUNC);
 }
@@ -111,14 +118,17 @@ bool RemoveFile(const char* path) {
 
 bool RenameFile(const char* from, const char* to) {
   if (gate::Fails("rename", "%s, %s", from, to)) return false;
-  if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
+  // As the Windows call, it doesn't replace a file that is there.
+  if (::renameat2(AT_FDCWD, NativePath(from).c_str(), AT_FDCWD, NativePath(to).c_str(),
+                  RENAME_NOREPLACE) == 0)
+    return true;
   return SetLastErrorFromErrno(errno), false;
 }
 
 bool CreateDirectoryA(const char* path) {
   if (gate::Fails("CreateDirectoryA", "%s", path)) return false;
   if (::mkdir(NativePath(path).c_str(), 0755) == 0) return true;
-  return SetLastErrorFromErrno(errno), false;
+  return SetErrorOfCreation(errno), false;
 }
 
 void CloseAppendFile(RawHandle raw) {
@@ -130,7 +140,7 @@ AppendFile OpenAppendFile(const char* path) {
   if (gate::Fails("CreateFileA", "%s", path)) return AppendFile(InvalidHandleValue());
   const int descriptor =
       ::open(NativePath(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (descriptor < 0) return SetLastErrorFromErrno(errno), AppendFile(InvalidHandleValue());
+  if (descriptor < 0) return SetErrorOfCreation(errno), AppendFile(InvalidHandleValue());
   return AppendFile(FromDescriptor(descriptor));
 }
 

@@ -1,3 +1,4 @@
+// The interfaces: those of the kernel, completed from /sys and resolv.conf, or those of the lab.
 #include "platform/linux/interfaces.h"
 
 #include <arpa/inet.h>
@@ -37,8 +38,6 @@ std::optional<std::uint32_t> ParseAddress(const std::string& text) {
   if (::inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
   return address.s_addr;
 }
-
-// --- the real host
 
 std::string SysfsText(const std::string& interface, const char* fact) {
   std::ifstream file("/sys/class/net/" + interface + "/" + fact);
@@ -117,8 +116,6 @@ std::vector<Interface> RealInterfaces() {
   AddAddresses(&interfaces);
   return interfaces;
 }
-
-// --- the host of the lab's file
 
 void ReadHardwareAddress(const std::string& value, Interface* interface) {
   std::istringstream parts(value);

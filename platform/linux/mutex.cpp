@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,6 +21,7 @@
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
 #include "platform/linux/wait.h"
+#include "platform/thread.h"
 
 namespace platform {
 
@@ -90,16 +90,15 @@ pthread_mutex_t* MutexOf(const Mutex& mutex) {
   return &(*static_cast<MappingPointer*>(mutex.Raw()))->shared->mutex;
 }
 
-// Locks within 20 ms, so that a terminated thread can leave between two tries.
-int LockForAWhile(pthread_mutex_t* mutex) {
-  timespec until{};
-  ::clock_gettime(CLOCK_REALTIME, &until);
-  until.tv_nsec += 20'000'000;
-  if (until.tv_nsec >= 1'000'000'000) {
-    until.tv_nsec -= 1'000'000'000;
-    ++until.tv_sec;
+// Tries once a millisecond until the deadline: a bounded wait is rare, and a thread that waits so
+// can be ended between two tries.
+int LockUntil(pthread_mutex_t* mutex, Deadline deadline) {
+  int status = ::pthread_mutex_trylock(mutex);
+  while (status == EBUSY && std::chrono::steady_clock::now() < deadline) {
+    Sleep(1);
+    status = ::pthread_mutex_trylock(mutex);
   }
-  return ::pthread_mutex_timedlock(mutex, &until);
+  return status;
 }
 
 std::uint32_t ResultOf(pthread_mutex_t* mutex, int status) {
@@ -130,13 +129,11 @@ std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
   if (!mutex) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   pthread_mutex_t* lock = MutexOf(mutex);
-  int status = ::pthread_mutex_trylock(lock);
-  const Deadline deadline = DeadlineAfter(milliseconds);
-  while (status == EBUSY || status == ETIMEDOUT) {
-    LeaveIfEnded();
-    if (std::chrono::steady_clock::now() >= deadline) return kWaitTimeout;
-    status = LockForAWhile(lock);
-  }
+  // A wait without a bound is for a mutex that its holders keep for a line of text: it isn't worth
+  // leaving early, so a terminated thread leaves at its next wait.
+  const int status = milliseconds == kInfinite ? ::pthread_mutex_lock(lock)
+                                               : LockUntil(lock, DeadlineAfter(milliseconds));
+  if (status == EBUSY) return kWaitTimeout;
   return ResultOf(lock, status);
 }
 

@@ -1,3 +1,4 @@
+// Dumps over rtnetlink. What the kernel sends is read by copies within bounds, never in place.
 #include "platform/linux/netlink.h"
 
 #include <linux/if.h>

@@ -85,6 +85,14 @@ struct NativeAddress {
   const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
+// Winsock takes a whole send as long as its buffer isn't full already, however long the send is;
+// the service relies on it, since it sends a firmware frame in one call. A buffer of 4 MiB comes
+// near to that. Without the right to exceed the system's bound the kernel's own growth must do.
+void GrowSendBuffer(int fd) {
+  const int size = 4 << 20;
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size);
+}
+
 struct Option {
   int level, option, nativeLevel, nativeOption;
 };
@@ -140,6 +148,7 @@ SocketValue accept(SocketValue sock, SockAddrIn* peer) {
     return ::accept4(listener, reinterpret_cast<sockaddr*>(&address), &size, SOCK_CLOEXEC);
   });
   if (fd < 0) return kInvalidSocket;
+  GrowSendBuffer(fd);
   *peer = SockAddrIn{kAfInet, address.sin_port, address.sin_addr.s_addr, {}};
   return static_cast<SocketValue>(fd);
 }

@@ -60,13 +60,21 @@ bool Join(int epoll, int* known, int descriptor, SocketSelection* mark) {
   return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &entry) == 0;
 }
 
+bool IsListening(SocketValue sock) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  return ::getsockopt(static_cast<int>(sock), SOL_SOCKET, SO_ACCEPTCONN, &value, &size) == 0 &&
+         value != 0;
+}
+
 int BytesWaiting(SocketValue sock) {
   int count = 0;
   return ::ioctl(static_cast<int>(sock), FIONREAD, &count) == 0 ? count : 0;
 }
 
 // A peer's close comes with EPOLLIN whether data is left or not; Winsock tells the two apart.
-std::uint32_t NetworkEvents(std::uint32_t seen, SocketValue sock) {
+std::uint32_t NetworkEvents(std::uint32_t seen, bool listening, SocketValue sock) {
+  if (listening) return (seen & EPOLLIN) != 0 ? kFdAccept : 0;
   std::uint32_t events = 0;
   const bool closed = (seen & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
   if (closed) events |= kFdClose;
@@ -127,6 +135,7 @@ int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* 
   entry.data.ptr = selection;
   const int operation = events == 0 ? EPOLL_CTL_DEL : wasIn ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
   if (!wasIn && events == 0) return 0;
+  if (!wasIn) selection->listening = IsListening(sock);
   selection->signalled = 0;
   selection->selected = events;
   if (::epoll_ctl(SetOf(event).epoll, operation, fd, &entry) == 0) return 0;
@@ -138,7 +147,7 @@ int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* 
 int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent&, SocketSelection* selection,
                          std::uint32_t* events) {
   if (gate::Fails("WSAEnumNetworkEvents", "%d", static_cast<int>(sock))) return -1;
-  *events = NetworkEvents(selection->signalled, sock);
+  *events = NetworkEvents(selection->signalled, selection->listening, sock);
   selection->signalled = 0;
   return 0;
 }

@@ -1,3 +1,4 @@
+// Both directions go character by character through one table of sequences.
 #include "platform/linux/utf16.h"
 
 #include <cstddef>

@@ -82,8 +82,6 @@ Property Number(const char16_t* name, std::uint32_t number) {
   return {name, std::move(value)};
 }
 
-// --- Win32_OperatingSystem
-
 constexpr std::uint32_t kOsTypeLinux = 36;  // CIM_OperatingSystem.OSType
 
 // PRETTY_NAME of os-release, whose values may stand in quotes.
@@ -110,8 +108,6 @@ std::vector<Row> OperatingSystem() {
   return {{Text(u"Caption", PrettyName()), Number(u"OSType", kOsTypeLinux),
            Text(u"OSArchitecture", wide ? "64-bit" : "32-bit"), Text(u"Version", system.release)}};
 }
-
-// --- Win32_NetworkAdapter
 
 constexpr std::uint32_t kStatusEnabled = 3;      // CIM_LogicalDevice.StatusInfo
 constexpr std::uint32_t kNetConnected = 2;       // NetConnectionStatus
@@ -143,8 +139,6 @@ std::vector<Row> NetworkAdapters() {
   }
   return rows;
 }
-
-// --- Win32_SystemEnclosure
 
 // The numbers in the lab's `chassis.txt`, or the one that the machine's firmware gives.
 std::vector<std::uint32_t> ChassisTypes() {

@@ -51,15 +51,21 @@ const platform::Mutex& LogMutex() {
 class LogLock {
  public:
   LogLock() : mutex_(LogMutex()) {
-    while (platform::WaitForSingleObject(mutex_, platform::kInfinite) == platform::kWaitTimeout) {
-    }
+    std::uint32_t result;
+    do {
+      result = platform::WaitForSingleObject(mutex_, platform::kInfinite);
+    } while (result == platform::kWaitTimeout);
+    held_ = result != platform::kWaitFailed;
   }
   LogLock(const LogLock&) = delete;
   LogLock& operator=(const LogLock&) = delete;
-  ~LogLock() { platform::ReleaseMutex(mutex_); }
+  ~LogLock() {
+    if (held_) platform::ReleaseMutex(mutex_);
+  }
 
  private:
   const platform::Mutex& mutex_;
+  bool held_;  // a failed wait has nothing to release
 };
 
 template <class... Args>

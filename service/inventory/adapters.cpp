@@ -1,3 +1,5 @@
+// The search for the connected adapter. The three sources know it by the same name, so nothing here
+// compares anything but whole names.
 #include "service/inventory/adapters.h"
 
 #include <algorithm>

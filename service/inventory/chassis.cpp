@@ -1,3 +1,4 @@
+// The chassis types of the machine, in words.
 #include "service/inventory/chassis.h"
 
 #include <cstdint>

@@ -1,3 +1,5 @@
+// From the adapter list to the IP record. The record is built aside and stored in one go, so that a
+// search that finds nothing leaves the last one standing.
 #include "service/inventory/ip_config.h"
 
 #include <algorithm>

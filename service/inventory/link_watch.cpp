@@ -1,3 +1,5 @@
+// The WLAN service's handle, its notifications and its answers. The handle may be wanted by several
+// threads at once, some of which can be ended from outside.
 #include "service/inventory/link_watch.h"
 
 #include <iterator>

@@ -1,3 +1,4 @@
+// The two network messages, in the order of their lines and sends.
 #include "service/inventory/network_report.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Blocks that grow once.
 #include "service/inventory/sized_block.h"
 
 namespace stewardry {

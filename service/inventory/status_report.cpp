@@ -1,3 +1,4 @@
+// The report, step by step in SendSystemInfo. The firmware relies on the order of the messages.
 #include "service/inventory/status_report.h"
 
 #include <string>

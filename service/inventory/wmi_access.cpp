@@ -1,3 +1,4 @@
+// The steps to WMI's rows. Everything is released before COM ends, on every way out.
 #include "service/inventory/wmi_access.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// The interfaces and addresses of this host, of an empty network namespace, and of the lab's file.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>

@@ -1,3 +1,4 @@
+// The wireless service's stand-in: when it is there, and what it hears.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -77,6 +78,10 @@ TEST_F(LinuxWlanTest, ServiceIsThereWithoutAWirelessInterface) {
 
 TEST_F(LinuxWlanTest, InjectedChangeIsLostOrGoesToAnOldListener) {
   static Heard first, second;  // the listener keeps the last of them for good
+  for (Heard* heard : {&first, &second}) {
+    std::lock_guard guard(heard->lock);
+    heard->all.clear();
+  }
   WlanHandle handle = nullptr;
   Put("wlan.txt", "1\n");
   ASSERT_EQ(WlanOpenHandle(&handle), 0U);

@@ -1,3 +1,4 @@
+// WMI's stand-in: the facts it gives, and that wrong use fails as it does on Windows.
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 

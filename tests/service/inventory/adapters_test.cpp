@@ -1,3 +1,5 @@
+// The adapter's record, the way through WMI with each of its failures, and the other two readers of
+// WMI: operating system and chassis.
 #include "service/inventory/adapters.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// The three things that can happen to the IP record, and the two searches.
 #include "service/inventory/ip_config.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// The wireless network's states and changes, seen from the firmware and in the change log.
 #include "service/inventory/link_watch.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// The status report as it reaches the firmware, and its lines. One case waits for ten seconds,
+// because the report does.
 #include "service/inventory/status_report.h"
 
 #include <gtest/gtest.h>

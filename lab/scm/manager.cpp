@@ -1,0 +1,325 @@
+#include "lab/scm/manager.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace scm {
+namespace {
+
+// How long the service may take for one control, and for its stop.
+constexpr std::chrono::seconds kControlBound{30};
+constexpr std::chrono::seconds kStopBound{30};
+constexpr std::size_t kMaxPeers = 64;
+constexpr std::size_t kMaxHistory = 256;
+constexpr std::uint32_t kControlStop = 1;
+
+void Say(const std::string& words) {
+  std::printf("scm: %s\n", words.c_str());
+  std::fflush(stdout);
+}
+
+std::string Joined(const std::vector<std::uint32_t>& states) {
+  std::string text;
+  for (std::uint32_t state : states) text += (text.empty() ? "" : ", ") + StateName(state);
+  return text.empty() ? "none" : text;
+}
+
+const char* ErrorWords(std::uint32_t error) {
+  switch (error) {
+    case kErrorServiceRequestTimeout:
+      return "the service did not respond in time";
+    case kErrorServiceCannotAcceptCtrl:
+      return "the service cannot accept control messages now";
+    case kErrorServiceNotActive:
+      return "the service has not been started";
+    default:
+      return "refused";
+  }
+}
+
+std::string Refused(std::uint32_t error) {
+  return "error " + std::to_string(error) + ": " + ErrorWords(error);
+}
+
+}  // namespace
+
+int Manager::Run(const std::string& socketPath, const std::vector<std::string>& program) {
+  std::string problem;
+  signals_ = lab::OpenStopSignals();
+  if (!signals_ || !listener_.Open(socketPath, &problem) || !child_.Start(program, &problem)) {
+    Say("cannot start: " + problem);
+    return 1;
+  }
+  Say("started " + program[0] + ", process " + std::to_string(child_.Id()));
+  while (true) {
+    Turn();
+    if (const auto ended = child_.Reap()) return EndOfChild(*ended);
+  }
+}
+
+void Manager::Turn() {
+  std::vector<pollfd> polled = {{child_.Watch(), POLLIN, 0},
+                                {signals_.Get(), POLLIN, 0},
+                                {peers_.size() < kMaxPeers ? listener_.Get() : -1, POLLIN, 0}};
+  const std::size_t first = polled.size();
+  for (const auto& peer : peers_) {
+    const int events = POLLIN | (peer->stream.HasOutput() ? POLLOUT : 0);
+    polled.push_back({peer->stream.Get(), static_cast<short>(events), 0});
+  }
+  if (poll(polled.data(), polled.size(), MillisecondsLeft()) < 0) return;
+  if (polled[1].revents) StopBySignal();
+  for (std::size_t i = first; i < polled.size(); i++) {
+    Peer& peer = *peers_[i - first];
+    if (!(polled[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+    peer.isGone = !peer.stream.Read();
+    TakeLines(peer);
+  }
+  if (polled[2].revents) AcceptPeers();
+  ExpireDeadlines();
+  DropGone();
+}
+
+int Manager::MillisecondsLeft() const {
+  std::optional<Clock::time_point> next;
+  auto consider = [&next](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
+  if (!deliveries_.empty() && deliveries_.front().isSent) consider(deliveries_.front().deadline);
+  for (const auto& peer : peers_) {
+    if (peer->deadline) consider(*peer->deadline);
+  }
+  if (!next) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+  return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+void Manager::AcceptPeers() {
+  while (peers_.size() < kMaxPeers) {
+    lab::Descriptor accepted = lab::AcceptOne(listener_.Get());
+    if (!accepted) return;
+    peers_.push_back(std::make_unique<Peer>(std::move(accepted)));
+  }
+}
+
+void Manager::TakeLines(Peer& peer) {
+  while (auto line = peer.stream.Line()) {
+    switch (peer.role) {
+      case Role::kUnknown:
+        TakeFirstLine(peer, *line);
+        break;
+      case Role::kService:
+        TakeServiceLine(*line);
+        break;
+      case Role::kClient:
+        TakeCommand(peer, *line);
+        break;
+    }
+    if (peer.isGone) return;
+  }
+}
+
+void Manager::TakeFirstLine(Peer& peer, const std::string& line) {
+  const std::vector<std::string> words = Words(line);
+  if (words.size() == 1 && words[0] == "CLIENT") {
+    peer.role = Role::kClient;
+  } else if (words.size() == 2 && words[0] == "SERVICE" && !service_) {
+    peer.role = Role::kService;
+    service_ = &peer;
+    serviceName_ = words[1];
+    settings_.clear();
+    history_.clear();
+    status_ = Status();
+    Say(serviceName_ + " has connected");
+  } else {
+    Say("a connection was refused: \"" + line.substr(0, 80) + "\"");
+    peer.isGone = true;
+  }
+}
+
+void Manager::TakeServiceLine(const std::string& line) {
+  const std::size_t blank = std::min(line.find(' '), line.size());
+  const std::string word = line.substr(0, blank);
+  const std::string rest = line.substr(std::min(blank + 1, line.size()));
+  if (word == "POWERSETTING") {
+    if (settings_.size() < kMaxHistory)
+      settings_.push_back(Words(rest).empty() ? "" : Words(rest)[0]);
+    Say("registered for power setting " + rest);
+  } else if (word == "RESULT") {
+    TakeResult(rest);
+  } else if (const auto status = word == "STATUS" ? ParseStatus(rest) : std::nullopt) {
+    TakeStatus(*status);
+  } else {
+    Say("not understood from the service: \"" + line.substr(0, 80) + "\"");
+  }
+}
+
+void Manager::TakeStatus(const Status& status) {
+  Say("status: " + DescribeStatus(status));
+  // A service that has stopped stays so, whatever a late thread of it still reports.
+  if (status_ && status_->state == kStopped) return;
+  status_ = status;
+  if (history_.size() < kMaxHistory) history_.push_back(status.state);
+  for (const auto& peer : peers_) {
+    if (!peer->waitsForStop) continue;
+    peer->statesSeen.push_back(status.state);
+    FinishStopped(*peer);
+  }
+}
+
+// A client that asked for the stop is served when both the result and SERVICE_STOPPED are there.
+void Manager::FinishStopped(Peer& client) {
+  const bool answered =
+      std::none_of(deliveries_.begin(), deliveries_.end(),
+                   [&](const Delivery& delivery) { return delivery.client == &client; });
+  if (!answered || !status_ || status_->state != kStopped) return;
+  Finish(client, 0, "states: " + Joined(client.statesSeen));
+}
+
+void Manager::TakeResult(const std::string& number) {
+  if (deliveries_.empty() || !deliveries_.front().isSent) return Say("a result that nobody awaits");
+  const Delivery done = deliveries_.front();
+  deliveries_.pop_front();
+  Say("control " + std::to_string(done.control.control) + ": result " + number);
+  SendNext();
+  if (!done.client) return;
+  done.client->deadline.reset();
+  if (done.client->waitsForStop && number == "0") {
+    done.client->stream.Send("RESULT " + number);
+    done.client->deadline = Clock::now() + kStopBound;
+    return FinishStopped(*done.client);
+  }
+  Finish(*done.client, number == "0" ? 0 : 1, "RESULT " + number);
+}
+
+void Manager::TakeCommand(Peer& client, const std::string& line) {
+  const std::vector<std::string> words = Words(line);
+  const bool busy = client.isServed || client.deadline;
+  if (busy) return;  // one command for each client
+  if (words.size() == 1 && words[0] == "status") return ShowStatus(client);
+  const auto control = ParseControl(words);
+  if (!control) return Finish(client, 1, "not understood: " + line.substr(0, 80));
+  if (const std::uint32_t error = Refusal(*control, status_, settings_)) {
+    return Finish(client, 1, Refused(error));
+  }
+  client.waitsForStop = control->control == kControlStop;
+  client.deadline = Clock::now() + kControlBound + kStopBound;
+  Deliver(*control, &client);
+}
+
+void Manager::ShowStatus(Peer& client) {
+  if (!status_) return Finish(client, 1, Refused(kErrorServiceNotActive));
+  client.stream.Send(serviceName_ + ", process " + std::to_string(child_.Id()));
+  client.stream.Send("status: " + DescribeStatus(*status_));
+  for (const std::string& setting : settings_) client.stream.Send("power setting " + setting);
+  Finish(client, 0, "states: " + Joined(history_));
+}
+
+void Manager::Deliver(Control control, Peer* client) {
+  deliveries_.push_back({std::move(control), client, false, {}});
+  SendNext();
+}
+
+void Manager::SendNext() {
+  if (!service_ || deliveries_.empty() || deliveries_.front().isSent) return;
+  Delivery& next = deliveries_.front();
+  next.isSent = true;
+  next.deadline = Clock::now() + kControlBound;
+  const std::string line = "CONTROL " + std::to_string(next.control.control) + " " +
+                           std::to_string(next.control.eventType) + " " + next.control.data;
+  Say("sent " + line);
+  service_->stream.Send(line);
+}
+
+void Manager::Finish(Peer& client, int exitCode, const std::string& words) {
+  if (client.isServed) return;
+  client.stream.Send(words);
+  client.stream.Send("EXIT " + std::to_string(exitCode));
+  client.isServed = true;
+  client.waitsForStop = false;
+  client.deadline.reset();
+}
+
+void Manager::ExpireDeadlines() {
+  const Clock::time_point now = Clock::now();
+  if (!deliveries_.empty() && deliveries_.front().isSent && deliveries_.front().deadline <= now) {
+    Peer* client = std::exchange(deliveries_.front().client, nullptr);
+    // The control stays the first: its result may still come, and must not be taken for another's.
+    deliveries_.front().deadline = now + std::chrono::hours(24);
+    Say("control not answered in time");
+    if (client) Finish(*client, 1, Refused(kErrorServiceRequestTimeout));
+  }
+  for (const auto& peer : peers_) {
+    if (!peer->deadline || *peer->deadline > now) continue;
+    Finish(*peer, 1, "not stopped in time; states: " + Joined(peer->statesSeen));
+  }
+}
+
+// The service's connection has gone: what it still owed is owed no longer.
+void Manager::LoseService() {
+  Say("the service's connection has ended");
+  service_ = nullptr;
+  const bool stopped = status_ && status_->state == kStopped;
+  status_.reset();
+  for (Delivery& delivery : std::exchange(deliveries_, {})) {
+    if (!delivery.client || delivery.client->waitsForStop) continue;
+    Finish(*delivery.client, 1, Refused(kErrorServiceNotActive));
+  }
+  for (const auto& peer : peers_) {
+    if (!peer->waitsForStop) continue;
+    Finish(*peer, stopped ? 0 : 1,
+           (stopped ? "states: " : "the process went without SERVICE_STOPPED; states: ") +
+               Joined(peer->statesSeen));
+  }
+}
+
+void Manager::DropGone() {
+  for (const auto& peer : peers_) {
+    if (!peer->stream.Flush()) peer->isGone = true;
+    if (peer->isServed && !peer->stream.HasOutput()) peer->isGone = true;
+    if (!peer->isGone) continue;
+    for (Delivery& delivery : deliveries_) {
+      if (delivery.client == peer.get()) delivery.client = nullptr;
+    }
+  }
+  if (service_ && service_->isGone) {
+    LoseService();
+    for (const auto& peer : peers_) (void)peer->stream.Flush();  // the process may end next
+  }
+  std::erase_if(peers_, [](const auto& peer) { return peer->isGone; });
+}
+
+void Manager::StopBySignal() {
+  signalfd_siginfo info;
+  // Only emptied: which of the two signals it was doesn't matter.
+  (void)!read(signals_.Get(), &info, sizeof(info));
+  const Control stop{kControlStop, 0, "-", 0, {}, true};
+  if (stopAsked_ || Refusal(stop, status_, settings_) != 0) {
+    Say("kills the service's process");
+    return child_.Kill();
+  }
+  stopAsked_ = true;
+  Say("stops the service");
+  Deliver(stop, nullptr);
+}
+
+int Manager::EndOfChild(int waitStatus) {
+  // Lines that the process left behind are its last words.
+  if (service_) {
+    while (service_->stream.Read() && !service_->isGone) {
+      TakeLines(*service_);
+      pollfd more{service_->stream.Get(), POLLIN, 0};
+      if (poll(&more, 1, 0) <= 0) break;
+    }
+    TakeLines(*service_);
+    service_->isGone = true;
+  }
+  DropGone();
+  const int code = WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+  Say("the service's process has ended with " + std::to_string(code));
+  return code;
+}
+
+}  // namespace scm
