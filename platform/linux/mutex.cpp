@@ -90,12 +90,14 @@ pthread_mutex_t* MutexOf(const Mutex& mutex) {
   return &(*static_cast<MappingPointer*>(mutex.Raw()))->shared->mutex;
 }
 
-// Tries once a millisecond until the deadline: a bounded wait is rare, and a thread that waits so
-// can be ended between two tries.
+// Tries until the deadline, so that a waiting thread can be ended between two tries. The mutexes
+// here are held for a line of text: giving up the processor a few times is mostly enough.
 int LockUntil(pthread_mutex_t* mutex, Deadline deadline) {
+  constexpr int kYields = 200;
   int status = ::pthread_mutex_trylock(mutex);
-  while (status == EBUSY && std::chrono::steady_clock::now() < deadline) {
-    Sleep(1);
+  for (int tries = 0; status == EBUSY; ++tries) {
+    if (deadline != Deadline::max() && std::chrono::steady_clock::now() >= deadline) break;
+    Sleep(tries < kYields ? 0 : 1);
     status = ::pthread_mutex_trylock(mutex);
   }
   return status;
@@ -129,10 +131,7 @@ std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
   if (!mutex) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   pthread_mutex_t* lock = MutexOf(mutex);
-  // A wait without a bound is for a mutex that its holders keep for a line of text: it isn't worth
-  // leaving early, so a terminated thread leaves at its next wait.
-  const int status = milliseconds == kInfinite ? ::pthread_mutex_lock(lock)
-                                               : LockUntil(lock, DeadlineAfter(milliseconds));
+  const int status = LockUntil(lock, DeadlineAfter(milliseconds));
   if (status == EBUSY) return kWaitTimeout;
   return ResultOf(lock, status);
 }

@@ -46,6 +46,14 @@ int FailWith(int number) {
   return -1;
 }
 
+// A send on a socket that never was connected is told as a broken pipe here.
+int SendError(int fd, int number) {
+  sockaddr_storage peer;
+  socklen_t size = sizeof peer;
+  const bool connected = ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+  return number == EPIPE && !connected ? ENOTCONN : number;
+}
+
 // An error that the gate injects is a Winsock number already.
 bool Injected(const char* call, SocketValue sock) {
   const std::uint32_t error = gate::Enter(call, "%d", static_cast<int>(sock));
@@ -68,6 +76,7 @@ int Transfer(SocketValue sock, short events, Call call) {
   for (;;) {
     const ssize_t n = call(fd);
     if (n >= 0) return static_cast<int>(n);
+    if (errno == EPIPE) return FailWith(SendError(fd, errno));
     if (errno != EAGAIN || !IsBlocking(fd)) return FailWith(errno);
     WaitDescriptor(fd, events, -1);
   }

@@ -74,7 +74,7 @@ int BytesWaiting(SocketValue sock) {
 
 // A peer's close comes with EPOLLIN whether data is left or not; Winsock tells the two apart.
 std::uint32_t NetworkEvents(std::uint32_t seen, bool listening, SocketValue sock) {
-  if (listening) return (seen & EPOLLIN) != 0 ? kFdAccept : 0;
+  if (listening) return (seen & EPOLLIN) != 0 ? std::uint32_t{kFdAccept} : 0;
   std::uint32_t events = 0;
   const bool closed = (seen & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
   if (closed) events |= kFdClose;

@@ -59,9 +59,10 @@ constexpr Conversion ReadConversion(std::string_view format, std::size_t at) {
   Conversion c;
   std::size_t i = at + 1;
   auto digits = [&] {
+    constexpr int kEnough = 1000000;  // beyond any buffer; a longer number changes nothing
     int n = 0;
-    while (i < format.size() && format[i] >= '0' && format[i] <= '9' && n < 1000)
-      n = n * 10 + (format[i++] - '0');
+    for (; i < format.size() && format[i] >= '0' && format[i] <= '9'; ++i)
+      if (n < kEnough) n = n * 10 + (format[i] - '0');
     return n;
   };
   if (i < format.size() && format[i] == '0') c.zeroPadded = true;

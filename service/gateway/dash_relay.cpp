@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/socket.h"
 #include "platform/thread.h"
@@ -62,15 +63,42 @@ void Release(Handler* handler) {
   (void)Sock_Close(handler->sock);  // nothing is left to do with it
 }
 
+// An accepted socket until its handler is the selector's. On every other way out, also when the
+// thread is ended in one of its waits, it leaves the slot and is closed.
+class AcceptedSocket {
+ public:
+  AcceptedSocket() = default;
+  AcceptedSocket(const AcceptedSocket&) = delete;
+  AcceptedSocket& operator=(const AcceptedSocket&) = delete;
+  ~AcceptedSocket() { Close(); }
+
+  Result Accept(Sock listener, RemoteAddress* peer) { return Sock_Accept(listener, &sock_, peer); }
+  Sock Get() const { return sock_; }
+  void EnterSlot() {
+    OpenSlot(sock_);
+    inSlot_ = true;
+  }
+  Sock Disown() { return std::exchange(sock_, kInvalidSock); }
+  void Own(Sock sock) { sock_ = sock; }
+  void Close() {
+    if (sock_ == kInvalidSock) return;
+    if (inSlot_) ClearSlot();
+    (void)Sock_Close(Disown());  // nobody serves it
+  }
+
+ private:
+  Sock sock_ = kInvalidSock;
+  bool inSlot_ = false;
+};
+
 // The older connection goes when a new peer has been accepted.
 void ReplaceConnection(Selector* sel) {
-  if (gHttpsSocketState.load(std::memory_order_relaxed) != kOpen || gHttpsHandler == nullptr)
-    return;
-  const std::unique_ptr<Handler> old(gHttpsHandler);
+  Handler* old = gHttpsHandler;
+  if (gHttpsSocketState.load(std::memory_order_relaxed) != kOpen || old == nullptr) return;
   HalfClose(old->sock);
-  Selector_DetachHandler(sel, old.get());
+  Selector_DetachHandler(sel, old);
   ClearSlot();
-  (void)Sock_Close(old->sock);  // nothing is left to do with it
+  Release(old);
   LogInfo("After sock close");
   LogInfo("After freeing the memory");
   SendCloseSocketcmd(kHttpsPort);
@@ -105,18 +133,22 @@ void AnnounceConnection(const RemoteAddress& peer) {
   LogInfo("Response returned for HTTPS DASH Request from Mailbox driver");
 }
 
-bool StartConnection(Selector* sel, Sock sock) {
-  if (Sock_SetBlocking(sock, false) != RESULT_OK) {
+// Hands the socket to a handler of the selector. From the add on the handler is the selector's, even
+// if the thread is ended within the add's first call.
+bool StartConnection(Selector* sel, AcceptedSocket* accepted) {
+  if (Sock_SetBlocking(accepted->Get(), false) != RESULT_OK) {
     LogInfo("Sock_SetBlocking failed");
     return false;
   }
-  std::unique_ptr<Handler> handler(new (std::nothrow) Handler{});
-  if (handler) {
-    handler->sock = sock;
+  auto* handler = new (std::nothrow) Handler{};
+  if (handler != nullptr) {
+    handler->sock = accepted->Disown();
     handler->eventMask = SELECTOR_READ;
     handler->callback = HTTPSCallback;
-    gHttpsHandler = handler.get();
-    if (Selector_AddHandler(sel, handler.get()) == RESULT_OK) return handler.release() != nullptr;
+    gHttpsHandler = handler;
+    if (Selector_AddHandler(sel, handler) == RESULT_OK) return true;
+    accepted->Own(handler->sock);
+    delete handler;
   }
   LogInfo("Selector_AddHandler failed");
   return false;
@@ -126,22 +158,18 @@ bool StartConnection(Selector* sel, Sock sock) {
 // told of the connection is told of its end, so that neither waits for the other.
 bool AcceptConnection(Selector* sel, Handler* listener) {
   LogInfo("%s accept calling", "ListenHTTPSCallback");
-  Sock sock;
+  AcceptedSocket accepted;
   RemoteAddress peer;
-  if (Sock_Accept(listener->sock, &sock, &peer) != RESULT_OK) {
+  if (accepted.Accept(listener->sock, &peer) != RESULT_OK) {
     LogInfo("Sock_Accept failed");
     return false;
   }
   ReplaceConnection(sel);
-  if (!FirmwareIsReady()) {
-    (void)Sock_Close(sock);  // nobody serves it
-    return false;
-  }
-  OpenSlot(sock);
+  if (!FirmwareIsReady()) return false;
+  accepted.EnterSlot();
   AnnounceConnection(peer);
-  if (StartConnection(sel, sock)) return true;
-  ClearSlot();
-  (void)Sock_Close(sock);  // nobody serves it
+  if (StartConnection(sel, &accepted)) return true;
+  accepted.Close();
   SendCloseSocketcmd(kHttpsPort);
   return false;
 }

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/process.h"
 #include "service/diagnostics/service_log.h"
@@ -30,7 +31,10 @@ class Listener {
  public:
   explicit Listener(Sock sock) : sock_(sock) {}
   Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
+  Listener& operator=(Listener&& other) noexcept {
+    std::swap(sock_, other.sock_);
+    return *this;
+  }
   ~Listener() {
     if (sock_ != kInvalidSock) (void)Sock_Close(sock_);  // a failed bind leaves nothing open
   }
@@ -123,15 +127,18 @@ bool BindListener(Selector* selector, std::uint32_t port) {
     LogInfo("Add handler failed for %d", port);
     return false;
   }
-  handler->sock = sock;
   handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
   handler->callback = callback;
-  if (Selector_AddHandler(selector, handler.get()) != RESULT_OK) {
+  // From the add on handler and socket are the selector's, even if the thread is ended within the
+  // add's first call.
+  handler->sock = listener.Release();
+  Handler* added = handler.release();
+  if (Selector_AddHandler(selector, added) != RESULT_OK) {
+    listener = Listener(added->sock);
+    handler.reset(added);
     LogInfo("Add handler failed for %d", port);
     return false;
   }
-  (void)handler.release();  // the selector's now, and with it the socket
-  (void)listener.Release();
   LogInfo("Bind to port %d successful", port);
   return true;
 }

@@ -9,7 +9,7 @@
 #include "service/inventory/records.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
-#include "tests/service/inventory/firmware_peer.h"
+#include "tests/firmware_peer.h"
 #include "tests/service/inventory/inventory_fixture.h"
 
 namespace stewardry {

@@ -1,0 +1,76 @@
+// The formatter behind every log line.
+#include "service/diagnostics/format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace stewardry {
+namespace {
+
+template <class... Args>
+std::string Text(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
+  char out[200];
+  const FormatArg list[] = {FormatArg(args)..., FormatArg()};
+  FormatText(out, sizeof out, format.text, std::span(list, sizeof...(Args)));
+  return out;
+}
+
+TEST(Format, IntegersKeepTheWidthAndSignTheyCameWith) {
+  EXPECT_EQ(Text("%d", -1), "-1");
+  EXPECT_EQ(Text("%d", 0xFFFFFFFFU), "-1");
+  EXPECT_EQ(Text("%u", -1), "4294967295");
+  EXPECT_EQ(Text("%x", -1), "ffffffff");
+  EXPECT_EQ(Text("%d", std::uint8_t{255}), "255");
+  EXPECT_EQ(Text("%d", std::uint16_t{65535}), "65535");
+  EXPECT_EQ(Text("%d", INT32_MIN), "-2147483648");
+  EXPECT_EQ(Text("%d", INT64_MIN), "-9223372036854775808");
+  EXPECT_EQ(Text("%llu", UINT64_MAX), "18446744073709551615");
+  EXPECT_EQ(Text("%I64x", std::uint64_t{0xABCDEF0123}), "abcdef0123");
+  EXPECT_EQ(Text("%zd %zx %lu", std::size_t{7}, std::size_t{31}, 5UL), "7 1f 5");
+}
+
+TEST(Format, WidthPaddingAndPrecisionAreThoseOfTheLineFormats) {
+  EXPECT_EQ(Text("%02u/%02u", 7, 12), "07/12");
+  EXPECT_EQ(Text("%.2X%.2X", 0xA, 0xFF), "0AFF");
+  EXPECT_EQ(Text("[%4d|%04d|%3s]", 42, -7, "x"), "[  42|-007|  x]");
+  EXPECT_EQ(Text("%.3s %%", "abcdef"), "abc %");
+}
+
+TEST(Format, WideTextComesOutAsUtf8AndABrokenPairAsTheReplacementCharacter) {
+  EXPECT_EQ(Text("%ls", u"na\u00EFve \u20AC"), "na\xC3\xAFve \xE2\x82\xAC");
+  EXPECT_EQ(Text("%ls", u"\xD83D\xDE00"), "\xF0\x9F\x98\x80");
+  const char16_t lone[] = {0xD83D, u'x', 0};
+  EXPECT_EQ(Text("%ls", static_cast<const char16_t*>(lone)), "\xEF\xBF\xBDx");
+}
+
+TEST(Format, ANullTextAndMissingArgumentsDoNoHarm) {
+  EXPECT_EQ(Text("%s", static_cast<const char*>(nullptr)), "(null)");
+  char out[20];
+  EXPECT_EQ(FormatText(out, sizeof out, "a%db%s%", {}), 2U);
+  EXPECT_STREQ(out, "ab");
+}
+
+// Each size must end in a terminator inside the buffer and leave the byte behind it alone.
+TEST(Format, NoOutputLeavesItsBuffer) {
+  const std::string text(50, 'y');
+  for (std::size_t size = 1; size < 80; ++size) {
+    std::string out(size + 1, '#');
+    const FormatArg args[] = {FormatArg(text), FormatArg(123456789), FormatArg(u"\u20AC\u20AC")};
+    const std::size_t n = FormatText(out.data(), size, "%s|%200d|%ls", args);
+    EXPECT_LT(n, size);
+    EXPECT_EQ(out[n], 0);
+    EXPECT_EQ(out[size], '#');
+  }
+}
+
+TEST(Format, AHugeWidthIsBoundedByTheBuffer) {
+  char out[8];
+  const FormatArg args[] = {FormatArg(1)};
+  EXPECT_EQ(FormatText(out, sizeof out, "%999999999d", args), 7U);
+  EXPECT_EQ(FormatText(out, sizeof out, "%.999999999d", args), 7U);
+}
+
+}  // namespace
+}  // namespace stewardry

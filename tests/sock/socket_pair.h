@@ -1,0 +1,77 @@
+// A connected pair of loopback sockets, made with the layer under test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "platform/process.h"
+#include "platform/thread.h"
+#include "sock/sock.h"
+
+namespace stewardry {
+
+// Prepares the process and Winsock once.
+class SocketTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    platform::PrepareProcess();
+    ASSERT_EQ(Sock_Start(), RESULT_OK);
+  }
+  static void TearDownTestSuite() { Sock_Stop(); }
+};
+
+// A listener on a free port of the loopback range tried from a base of the process's own.
+struct TestListener {
+  Sock sock = kInvalidSock;
+  std::uint16_t port = 0;
+
+  TestListener() {
+    const auto base = static_cast<std::uint16_t>(20000 + platform::GetCurrentProcessId() % 20000);
+    for (port = base; port < base + 200; ++port) {
+      Addr address;
+      Addr_InitAny(&address, port);
+      if (Sock_Create(&sock, false) != RESULT_OK) break;
+      // Without address reuse: a port in use must be passed over.
+      if (Sock_Bind(sock, address) == RESULT_OK && Sock_Listen(sock) == RESULT_OK) return;
+      (void)Sock_Close(sock);
+    }
+    ADD_FAILURE() << "no free port";
+  }
+  TestListener(const TestListener&) = delete;
+  TestListener& operator=(const TestListener&) = delete;
+  ~TestListener() { (void)Sock_Close(sock); }
+};
+
+struct SocketPair {
+  Sock a = kInvalidSock;  // the accepted end, non-blocking
+  Sock b = kInvalidSock;  // the connecting end
+
+  SocketPair() {
+    TestListener listener;
+    const std::string target = "127.0.0.1:" + std::to_string(listener.port);
+    EXPECT_EQ(Sock_ConnectTo(&b, target.c_str()), RESULT_OK);
+    RemoteAddress peer;
+    EXPECT_EQ(Sock_Accept(listener.sock, &a, &peer), RESULT_OK);
+    EXPECT_EQ(Sock_SetBlocking(a, false), RESULT_OK);
+  }
+  SocketPair(const SocketPair&) = delete;
+  SocketPair& operator=(const SocketPair&) = delete;
+  ~SocketPair() {
+    Close(&a);
+    Close(&b);
+  }
+  static void Close(Sock* sock) {
+    if (*sock != kInvalidSock) (void)Sock_Close(*sock);
+    *sock = kInvalidSock;
+  }
+  // From the connecting end to the accepted one.
+  void Send(const std::string& text) {
+    std::uint64_t count = 0;
+    EXPECT_EQ(Sock_Write(b, text.data(), text.size(), &count), RESULT_OK);
+    EXPECT_EQ(count, text.size());
+  }
+};
+
+}  // namespace stewardry

@@ -1,0 +1,65 @@
+// A console's end of a connection: a plain blocking socket with bounds on its waits.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+class TcpClient {
+ public:
+  explicit TcpClient(std::uint16_t port, int waitMs = 10'000) {
+    sock_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval wait{waitMs / 1000, waitMs % 1000 * 1000};
+    ::setsockopt(sock_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(sock_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+  TcpClient(const TcpClient&) = delete;
+  TcpClient& operator=(const TcpClient&) = delete;
+  ~TcpClient() { ::close(sock_); }
+
+  bool Connected() const { return connected_; }
+  void Send(const std::string& text) {
+    [[maybe_unused]] ssize_t n = ::send(sock_, text.data(), text.size(), MSG_NOSIGNAL);
+  }
+  // What comes, up to `size` bytes; less at the peer's close or after the wait.
+  std::string Receive(std::size_t size) {
+    std::string text(size, '\0');
+    std::size_t got = 0;
+    while (got < size) {
+      const ssize_t n = ::recv(sock_, text.data() + got, size - got, 0);
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    text.resize(got);
+    return text;
+  }
+  // True once the peer has closed or reset the connection.
+  bool SeesEnd() {
+    char byte;
+    const ssize_t n = ::recv(sock_, &byte, 1, 0);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
+  }
+  // Closes with a reset instead of a FIN.
+  void Reset() {
+    const linger now{1, 0};
+    ::setsockopt(sock_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    ::shutdown(sock_, SHUT_RDWR);
+    ::close(sock_);
+    sock_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  }
+
+ private:
+  int sock_ = -1;
+  bool connected_ = false;
+};
