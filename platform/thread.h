@@ -36,4 +36,15 @@ std::uint32_t GetCurrentProcessId();
 // Sleep: suspends the calling thread; 0 gives up the rest of its time slice.
 void Sleep(std::uint32_t milliseconds);
 
+// While one of these lives, the calling thread doesn't leave at a wait although it was terminated:
+// what a destructor waits for must finish. Windows needs none, since it ends a thread where it
+// stands and runs no destructor.
+class StayInThread {
+ public:
+  StayInThread();
+  StayInThread(const StayInThread&) = delete;
+  StayInThread& operator=(const StayInThread&) = delete;
+  ~StayInThread();
+};
+
 }  // namespace platform

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/event.h"
+#include "platform/thread.h"
 
 namespace platform {
 
@@ -15,9 +16,14 @@ namespace {
 
 thread_local std::shared_ptr<ThreadRecord> tRecord;
 
-bool MayLeave() { return std::uncaught_exceptions() == 0; }
+thread_local int tStays = 0;
+
+bool MayLeave() { return tStays == 0 && std::uncaught_exceptions() == 0; }
 
 }  // namespace
+
+StayInThread::StayInThread() { ++tStays; }
+StayInThread::~StayInThread() { --tStays; }
 
 ThreadRecord::~ThreadRecord() {
   if (endDescriptor >= 0) ::close(endDescriptor);

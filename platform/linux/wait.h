@@ -6,7 +6,8 @@
 // 1. WaitLock() guards the state of every waitable object (events, threads, requests, completion
 //    ports) and of every thread's record. It is held for a few instructions only.
 // 2. A waiting thread has noted in its record what it waits on, so that its ender can wake it.
-// 3. A thread that unwinds already doesn't leave again: destructors may wait, and finish.
+// 3. A thread that unwinds already doesn't leave again, nor does one in a StayInThread: destructors
+//    may wait, and finish.
 #pragma once
 
 #include <chrono>

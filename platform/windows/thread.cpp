@@ -56,4 +56,7 @@ std::uint32_t GetCurrentProcessId() { return ::GetCurrentProcessId(); }
 
 void Sleep(std::uint32_t milliseconds) { ::Sleep(milliseconds); }
 
+StayInThread::StayInThread() = default;
+StayInThread::~StayInThread() = default;
+
 }  // namespace platform

@@ -57,11 +57,23 @@ void HalfClose(Sock sock) {
     LogInfo("shutdown error %d", platform::WSAGetLastError());
 }
 
-// A handler whose selector has let go of it. Closing ends the socket's life too.
-void Release(Handler* handler) {
-  std::unique_ptr<Handler> owned(handler);
-  (void)Sock_Close(handler->sock);  // nothing is left to do with it
-}
+// A handler that its selector has let go of: closed and freed on every way out, also when the
+// thread is ended in one of its waits. A slot that still holds it, as after the destruction of a
+// selector, is cleared: nothing may act on a released connection.
+class LettingGo {
+ public:
+  explicit LettingGo(Handler* handler) : handler_(handler) {}
+  LettingGo(const LettingGo&) = delete;
+  LettingGo& operator=(const LettingGo&) = delete;
+  ~LettingGo() {
+    const platform::StayInThread stay;
+    if (gHttpsHandler == handler_.get()) ClearSlot();
+    (void)Sock_Close(handler_->sock);  // nothing is left to do with it
+  }
+
+ private:
+  std::unique_ptr<Handler> handler_;
+};
 
 // An accepted socket until its handler is the selector's. On every other way out, also when the
 // thread is ended in one of its waits, it leaves the slot and is closed.
@@ -82,6 +94,7 @@ class AcceptedSocket {
   void Own(Sock sock) { sock_ = sock; }
   void Close() {
     if (sock_ == kInvalidSock) return;
+    const platform::StayInThread stay;
     if (inSlot_) ClearSlot();
     (void)Sock_Close(Disown());  // nobody serves it
   }
@@ -97,8 +110,7 @@ void ReplaceConnection(Selector* sel) {
   if (gHttpsSocketState.load(std::memory_order_relaxed) != kOpen || old == nullptr) return;
   HalfClose(old->sock);
   Selector_DetachHandler(sel, old);
-  ClearSlot();
-  Release(old);
+  { const LettingGo gone(old); }
   LogInfo("After sock close");
   LogInfo("After freeing the memory");
   SendCloseSocketcmd(kHttpsPort);
@@ -209,19 +221,12 @@ void LogClosedByClient(const Handler* handler) {
   LogInfo("socket address %I64x", handler->sock);
 }
 
-// The selector has let go of the handler. A slot that still holds it, as after the destruction of
-// a selector, is cleared: nothing may act on a released connection.
-void LetGo(Handler* handler) {
-  if (gHttpsHandler == handler) ClearSlot();
-  Release(handler);
-}
-
 }  // namespace
 
 std::uint8_t ListenHTTPSCallback(Selector* sel, Handler* handler, std::uint32_t mask,
                                  std::uint64_t) {
   if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) != 0) {
-    Release(handler);
+    const LettingGo gone(handler);
     return 1;
   }
   if (!IsProvisioned()) {
@@ -246,10 +251,10 @@ std::uint8_t HTTPSCallback(Selector*, Handler* handler, std::uint32_t mask, std:
     return 0;
   }
   if ((mask & SELECTOR_REMOVE) != 0) {
+    const LettingGo gone(handler);
     LogInfo("Selector remove called for HTTPS callback");
-    LetGo(handler);
   } else if ((mask & SELECTOR_DESTROY) != 0) {
-    LetGo(handler);
+    const LettingGo gone(handler);
   }
   if ((mask & SELECTOR_READ_CLOSE) != 0) {
     LogInfo("SELECTOR_READ_CLOSE called");

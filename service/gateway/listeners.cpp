@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/process.h"
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 
 namespace stewardry {
@@ -69,7 +70,10 @@ class OwnedSelector {
   OwnedSelector() { (void)Selector_Init(&selector_); }  // without one the bind and run fail
   OwnedSelector(const OwnedSelector&) = delete;
   OwnedSelector& operator=(const OwnedSelector&) = delete;
-  ~OwnedSelector() { Selector_Destroy(&selector_); }
+  ~OwnedSelector() {
+    const platform::StayInThread stay;
+    Selector_Destroy(&selector_);
+  }
   Selector* Get() { return &selector_; }
 
  private:

@@ -15,6 +15,7 @@
 
 #include "platform/device.h"
 #include "platform/error.h"
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/dispatcher.h"
@@ -63,6 +64,7 @@ class ReadSlots {
 };
 
 ReadSlots::~ReadSlots() {
+  const platform::StayInThread stay;
   if (InFlight() > 0) (void)platform::CancelIoEx(*gInterruptDevice, nullptr);  // or they finished
   while (InFlight() > 0) {
     std::uint32_t bytes;

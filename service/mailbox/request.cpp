@@ -8,6 +8,7 @@
 #include "platform/device.h"
 #include "platform/error.h"
 #include "platform/event.h"
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/device.h"
 
@@ -84,6 +85,7 @@ class Flight {
   Flight& operator=(const Flight&) = delete;
   ~Flight() {
     if (!started_) return;
+    const platform::StayInThread stay;
     std::uint32_t bytes;
     (void)platform::CancelIoEx(*gRequestDevice, &record_);  // it may have finished meanwhile
     (void)platform::GetOverlappedResult(*gRequestDevice, &record_, &bytes, true);
