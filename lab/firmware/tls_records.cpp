@@ -15,7 +15,7 @@ struct TypeWords {
 };
 
 constexpr std::uint8_t kHandshake = 22;
-constexpr TypeWords kContentTypes[] = {{20, "change cipher spec"},
+constexpr TypeWords kContentTypes[] = {{20, "change_cipher_spec"},
                                        {21, "alert"},
                                        {kHandshake, "handshake"},
                                        {23, "application data"},

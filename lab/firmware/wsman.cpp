@@ -167,7 +167,7 @@ HttpResponse AnswerPower(std::string_view envelope) {
   return response;
 }
 
-// SOAP 1.2 part 2 gives a fault of the sender the status 400.
+// The HTTP binding of SOAP 1.2 gives a fault of the sender the status 400.
 HttpResponse AnswerNotSupported(std::string_view envelope) {
   const std::string action = std::string(kAddressing) + "/fault";
   return Soap(

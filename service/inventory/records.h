@@ -103,9 +103,7 @@ static_assert(offsetof(NetworkOsInformation, operatingSystem) == 384);
 // as long as the field leaves no terminator.
 template <class Char, std::size_t N>
 void FillText(Char (&field)[N], std::type_identity_t<std::basic_string_view<Char>> text) {
-  const std::size_t length = std::min(N, text.size());
-  std::copy_n(text.data(), length, field);
-  std::fill(field + length, field + N, Char{});
+  for (std::size_t i = 0; i < N; ++i) field[i] = i < text.size() ? text[i] : Char{};
 }
 
 // The text of a field: up to its first zero, or all of it.

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Formats every source of the project in place. `format.sh --check` only looks, and fails where a
+# file would change.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+folders=()
+for folder in service sock base platform lab tests bench; do
+  [ -d "$folder" ] && folders+=("$folder")
+done
+mapfile -d '' -t sources < <(find "${folders[@]}" -type f \( -name '*.cpp' -o -name '*.h' \
+                                                          -o -name '*.c' \) -print0 | sort -z)
+if [ "${1:-}" = --check ]; then
+  exec clang-format --dry-run -Werror --ferror-limit=1 "${sources[@]}"
+fi
+exec clang-format -i "${sources[@]}"

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs what is missing, and nothing else: a second run looks and is done.
+#   setup.sh          what scripts/test.sh needs
+#   setup.sh bench    that, and the peers and tools of the benchmarks
+#   setup.sh demo     only what scripts/demo.sh needs
+set -euo pipefail
+
+build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
+clients=(curl openssl iproute2 util-linux)
+checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy)
+windows=(g++-mingw-w64-x86-64-posix wine wine64)
+bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev socat haproxy nginx
+       libnginx-mod-stream strace)
+
+case "${1:-}" in
+  demo) wanted=("${build[@]}" "${clients[@]}") ;;
+  bench) wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}" "${bench[@]}") ;;
+  "") wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}") ;;
+  *) echo "usage: setup.sh [bench|demo]" >&2; exit 2 ;;
+esac
+
+missing=()
+for package in "${wanted[@]}"; do
+  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$status" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+echo "setup: installing ${missing[*]}"
+root=()
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "setup: needs root, or sudo, to install them" >&2
+    exit 1
+  fi
+  root=(sudo)
+fi
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+quietly() {
+  # nginx and haproxy are wanted as programs: nothing is started by their installation.
+  if ! "${root[@]}" env DEBIAN_FRONTEND=noninteractive RUNLEVEL=1 "$@" >"$log" 2>&1; then
+    tail -n 30 "$log" >&2
+    echo "setup: failed: $*" >&2
+    exit 1
+  fi
+}
+quietly apt-get update
+quietly apt-get install -y --no-install-recommends "${missing[@]}"

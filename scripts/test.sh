@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Builds and tests everything: Linux plain, with AddressSanitizer and UBSan, with ThreadSanitizer,
+# and the Windows programs under Wine. One ctest runs all of it, so its summary ends the output.
+#   test.sh          everything
+#   test.sh quick    the Linux unit tests only, without sanitizers
+# STEWARDRY_SKIP_WINDOWS=1 leaves the Windows build out, STEWARDRY_SKIP_TIDY=1 clang-tidy.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+began=$SECONDS
+
+say() { printf '== %3d s  %s\n' $((SECONDS - began)) "$*"; }
+
+# What is printed of a build: that it ran, or the end of its log if it failed.
+quietly() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 && return
+  tail -n 60 "$log" >&2
+  say "failed: $*"
+  exit 1
+}
+
+build() {
+  local preset=$1
+  shift
+  local options=("$@")
+  command -v ccache >/dev/null && options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  mkdir -p "build/$preset"
+  say "building preset $preset"
+  quietly "build/$preset/configure.log" cmake --preset "$preset" "${options[@]}"
+  quietly "build/$preset/build.log" cmake --build --preset "$preset" -j "$jobs"
+}
+
+case "${1:-}" in
+  "") ;;
+  quick)
+    scripts/setup.sh
+    build debug
+    exec ctest --test-dir build/debug --output-on-failure -j "$jobs" -E '\.e2e\.'
+    ;;
+  *) echo "usage: test.sh [quick]" >&2; exit 2 ;;
+esac
+
+say "looking for what is missing"
+scripts/setup.sh
+
+presets=(debug asan tsan)
+for preset in "${presets[@]}"; do build "$preset"; done
+
+prefix=
+leave() {
+  [ -n "$prefix" ] || return 0
+  # Ends the Wine of this prefix and no other.
+  wineserver -k 2>/dev/null || true
+  wineserver -w 2>/dev/null || true
+  rm -rf "$prefix"
+}
+trap leave EXIT
+if [ "${STEWARDRY_SKIP_WINDOWS:-}" = 1 ]; then
+  say "skipped: preset windows, STEWARDRY_SKIP_WINDOWS is 1"
+else
+  build windows -DCMAKE_CROSSCOMPILING_EMULATOR="$(command -v wine)"
+  presets+=(windows)
+  prefix=$(mktemp -d)
+  export WINEPREFIX=$prefix WINEDEBUG=-all WINEARCH=win64 DISPLAY=
+  say "preparing Wine"
+  quietly build/windows/wineboot.log timeout 300 wineboot -i
+  wineserver -w
+fi
+
+say "checking the house rules"
+house=0
+scripts/check_house.sh || house=$?
+
+say "testing: ${presets[*]}"
+[ $house -eq 0 ] || say "the house rules are BROKEN (above); the run fails whatever the tests say"
+printf 'subdirs(%s)\n' "${presets[*]}" >build/CTestTestfile.cmake
+# The time-outs of the tests are for a test that hangs; two at a time leave them far away.
+tests=0
+ctest --test-dir build --output-on-failure -j "$jobs" || tests=$?
+exit $((tests != 0 || house != 0))
