@@ -11,6 +11,8 @@ done
 mapfile -d '' -t sources < <(find "${folders[@]}" -type f \( -name '*.cpp' -o -name '*.h' \
                                                           -o -name '*.c' \) -print0 | sort -z)
 if [ "${1:-}" = --check ]; then
-  exec clang-format --dry-run -Werror --ferror-limit=1 "${sources[@]}"
+  found=$(clang-format --dry-run -Werror --ferror-limit=1 "${sources[@]}" 2>&1) && exit
+  sed -nE 's/^([^ ]+):[0-9]+: error: .*/  BROKEN  \1: scripts\/format.sh would change it/p' <<<"$found"
+  exit 1
 fi
 exec clang-format -i "${sources[@]}"

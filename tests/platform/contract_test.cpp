@@ -194,7 +194,10 @@ class FileContract : public Prepared {
   void TearDown() override {
     for (const char* name : {"one.txt", "two.txt"}) RemoveFile(Path(name).c_str());
   }
-  std::string Path(const std::string& name) const { return folder_ + "\\" + name; }
+  // The names are the process's own: other tests use the folder at the same time.
+  std::string Path(const std::string& name) const {
+    return folder_ + "\\" + std::to_string(GetCurrentProcessId()) + "-" + name;
+  }
   // Opens, writes, closes.
   bool Write(const std::string& name, const char* mode, const std::string& text) const {
     const Stream stream = OpenStream(Path(name).c_str(), mode);
