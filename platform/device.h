@@ -28,7 +28,8 @@ struct DeviceInterfaceDetail {
   std::uint32_t cbSize;
   char devicePath[4];
 };
-static_assert(sizeof(DeviceInterfaceDetail) == 8 && offsetof(DeviceInterfaceDetail, devicePath) == 4);
+static_assert(sizeof(DeviceInterfaceDetail) == 8 &&
+              offsetof(DeviceInterfaceDetail, devicePath) == 4);
 
 // SetupDiGetClassDevsA(class, null, null, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE).
 DeviceInfoList SetupDiGetClassDevsA(const Guid& interfaceClass);

@@ -7,11 +7,11 @@
 
 namespace platform {
 
-constexpr std::uint32_t kInfinite = 0xFFFFFFFF;      // INFINITE
-constexpr std::uint32_t kWaitObject0 = 0;            // WAIT_OBJECT_0
-constexpr std::uint32_t kWaitAbandoned = 0x80;       // WAIT_ABANDONED
-constexpr std::uint32_t kWaitTimeout = 258;          // WAIT_TIMEOUT
-constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;    // WAIT_FAILED
+constexpr std::uint32_t kInfinite = 0xFFFFFFFF;    // INFINITE
+constexpr std::uint32_t kWaitObject0 = 0;          // WAIT_OBJECT_0
+constexpr std::uint32_t kWaitAbandoned = 0x80;     // WAIT_ABANDONED
+constexpr std::uint32_t kWaitTimeout = 258;        // WAIT_TIMEOUT
+constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // WAIT_FAILED
 
 void CloseEvent(RawHandle raw);
 using Event = Owned<struct EventTag, CloseEvent>;

@@ -43,11 +43,11 @@ std::vector<AdapterInfo> ReadAdaptersInfo(const void* block);
 // *size set.
 std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32_t* size);
 struct AdapterAddresses {
-  std::uint32_t length;      // of the platform's own structure
+  std::uint32_t length;  // of the platform's own structure
   std::uint32_t ifIndex;
   std::string adapterName;
-  std::uint32_t operStatus;  // IfOperStatusUp is 1
-  std::uint32_t ifType;      // IF_TYPE_ETHERNET_CSMACD is 6, IF_TYPE_SOFTWARE_LOOPBACK 24
+  std::uint32_t operStatus;            // IfOperStatusUp is 1
+  std::uint32_t ifType;                // IF_TYPE_ETHERNET_CSMACD is 6, IF_TYPE_SOFTWARE_LOOPBACK 24
   std::vector<std::uint32_t> unicast;  // sin_addr form (network byte order), in list order
   std::uint8_t prefixLength;           // OnLinkPrefixLength of the first unicast address
   std::vector<std::uint32_t> dnsServers;

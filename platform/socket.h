@@ -14,14 +14,14 @@ using SocketValue = std::uint64_t;
 constexpr SocketValue kInvalidSocket = ~SocketValue{0};  // INVALID_SOCKET
 
 enum : int {
-  kAfInet = 2,         // AF_INET
-  kAfInet6 = 23,       // AF_INET6, Windows' number
-  kSockStream = 1,     // SOCK_STREAM
-  kIpprotoTcp = 6,     // IPPROTO_TCP
-  kSolSocket = 0xFFFF, // SOL_SOCKET, Windows' number
-  kSoReuseAddr = 4,    // SO_REUSEADDR, Windows' number
-  kTcpNoDelay = 1,     // TCP_NODELAY
-  kSdSend = 1,         // SD_SEND
+  kAfInet = 2,          // AF_INET
+  kAfInet6 = 23,        // AF_INET6, Windows' number
+  kSockStream = 1,      // SOCK_STREAM
+  kIpprotoTcp = 6,      // IPPROTO_TCP
+  kSolSocket = 0xFFFF,  // SOL_SOCKET, Windows' number
+  kSoReuseAddr = 4,     // SO_REUSEADDR, Windows' number
+  kTcpNoDelay = 1,      // TCP_NODELAY
+  kSdSend = 1,          // SD_SEND
 };
 
 enum : int {
@@ -97,7 +97,7 @@ struct SocketSelection {
 SocketEvent WSACreateEvent();
 // CreateEventA, manual reset, not signalled.
 WakeEvent CreateWakeEvent();
-bool SetEvent(const WakeEvent& event);    // any thread
+bool SetEvent(const WakeEvent& event);  // any thread
 bool ResetEvent(const WakeEvent& event);
 
 // True when a WSAEventSelect for `events` would change something. Winsock must select anew before

@@ -76,7 +76,20 @@ scripts/check_house.sh || house=$?
 say "testing: ${presets[*]}"
 [ $house -eq 0 ] || say "the house rules are BROKEN (above); the run fails whatever the tests say"
 printf 'subdirs(%s)\n' "${presets[*]}" >build/CTestTestfile.cmake
-# The time-outs of the tests are for a test that hangs; two at a time leave them far away.
+# ctest's summary names the tests that were skipped, but not why; the reasons are printed before it.
+with_reasons() {
+  awk -v log_file=build/Testing/Temporary/LastTest.log '
+    function reasons(  line, words, n, name, take) {
+      while ((getline line < log_file) > 0) {
+        if (line ~ / Testing: /) { n = split(line, words, " "); name = words[n] }
+        if (take) { print "skipped: " name ": " line; take = 0 }
+        if (line ~ /: Skipped$/) take = 1
+        if (line ~ /^skipped: /) print "skipped: " name ": " substr(line, 10)
+      }
+    }
+    /^[0-9]+% tests passed/ { reasons(); print "" }
+    { print; fflush() }'
+}
 tests=0
-ctest --test-dir build --output-on-failure -j "$jobs" || tests=$?
+ctest --test-dir build --output-on-failure -j "$jobs" | with_reasons || tests=$?
 exit $((tests != 0 || house != 0))

@@ -49,8 +49,8 @@ constexpr MaskRow kWantedEvents[] = {
     {SELECTOR_EXCEPTION, platform::kFdOob},
 };
 constexpr MaskRow kReportedMasks[] = {
-    {SELECTOR_READ, platform::kFdAccept | platform::kFdRead | platform::kFdClose |
-                        platform::kFdConnect},
+    {SELECTOR_READ,
+     platform::kFdAccept | platform::kFdRead | platform::kFdClose | platform::kFdConnect},
     {SELECTOR_WRITE, platform::kFdWrite},
     {SELECTOR_EXCEPTION, platform::kFdOob},
 };
@@ -96,8 +96,8 @@ struct Run {
   SelectorState* state;
   bool noReadsMode;
   std::uint64_t timeoutSelectorAt;
-  std::uint64_t breakAt;   // when the coming wait must end
-  bool hasDeadlines;       // a handler of this turn has one
+  std::uint64_t breakAt;  // when the coming wait must end
+  bool hasDeadlines;      // a handler of this turn has one
 };
 
 // Selects every socket for what its handler wants now, and finds the earliest deadline.
@@ -141,7 +141,8 @@ Result RemoveInPass(Run* run, Handler* handler) {
 // which the callback unlinked or appended is respected.
 Result ServeHandler(Run* run, Handler* handler, Handler** following) {
   std::uint32_t mask = 0;
-  const bool mayHaveNews = handler->sock != kInvalidSock && platform::MayHaveNews(handler->selection);
+  const bool mayHaveNews =
+      handler->sock != kInvalidSock && platform::MayHaveNews(handler->selection);
   if (!mayHaveNews && handler->timeoutAt == 0) return RESULT_OK;
   std::uint64_t now;
   if (!PAL_Time(&now)) return Report(SelectorEvent::kTimeInPass, run->selector);
@@ -152,8 +153,8 @@ Result ServeHandler(Run* run, Handler* handler, Handler** following) {
   }
   if (handler->timeoutAt != 0 && now >= handler->timeoutAt) mask |= SELECTOR_TIMEOUT;
   if (mask == 0) return RESULT_OK;
-  const bool keep = (mask & SELECTOR_EXCEPTION) == 0 &&
-                    handler->callback(run->selector, handler, mask, now) != 0;
+  const bool keep =
+      (mask & SELECTOR_EXCEPTION) == 0 && handler->callback(run->selector, handler, mask, now) != 0;
   *following = handler->next;
   return keep ? RESULT_OK : RemoveInPass(run, handler);
 }

@@ -22,10 +22,10 @@ namespace stewardry {
 
 // Event masks. READ, WRITE and EXCEPTION are what a handler may ask for.
 constexpr std::uint32_t SELECTOR_ADD = 1;
-constexpr std::uint32_t SELECTOR_READ = 2;        // data, a knock, a close or a finished connect
+constexpr std::uint32_t SELECTOR_READ = 2;  // data, a knock, a close or a finished connect
 constexpr std::uint32_t SELECTOR_WRITE = 4;
-constexpr std::uint32_t SELECTOR_EXCEPTION = 8;   // out-of-band data: removes the handler
-constexpr std::uint32_t SELECTOR_TIMEOUT = 16;    // timeoutAt has passed
+constexpr std::uint32_t SELECTOR_EXCEPTION = 8;  // out-of-band data: removes the handler
+constexpr std::uint32_t SELECTOR_TIMEOUT = 16;   // timeoutAt has passed
 constexpr std::uint32_t SELECTOR_REMOVE = 32;
 constexpr std::uint32_t SELECTOR_DESTROY = 64;
 constexpr std::uint32_t SELECTOR_READ_CLOSE = 256;  // data and close in one poll, with READ
@@ -47,9 +47,9 @@ using SelectorCallback = std::uint8_t (*)(Selector* selector, Handler* handler, 
 struct Handler {
   Handler* next;  // owned by the selector, as `prev` and `selection` are
   Handler* prev;
-  Sock sock;                 // or the invalid socket for a handler that has only a deadline
-  std::uint32_t eventMask;   // read afresh before every wait
-  std::uint64_t timeoutAt;   // microseconds of PAL_Time; 0 means none; the callback clears it
+  Sock sock;                // or the invalid socket for a handler that has only a deadline
+  std::uint32_t eventMask;  // read afresh before every wait
+  std::uint64_t timeoutAt;  // microseconds of PAL_Time; 0 means none; the callback clears it
   SelectorCallback callback;
   platform::SocketSelection selection;
 };

@@ -166,9 +166,8 @@ Result Sock_Write(Sock sock, const void* buffer, std::uint64_t size, std::uint64
 
 Result Sock_ReadFrom(Sock sock, void* buffer, std::uint64_t size, std::uint64_t* count,
                      void* address, int* addressSize) {
-  return ReadWith(count, [&] {
-    return platform::recvfrom(sock, buffer, Narrow(size), address, addressSize);
-  });
+  return ReadWith(
+      count, [&] { return platform::recvfrom(sock, buffer, Narrow(size), address, addressSize); });
 }
 
 Result Sock_WriteTo(Sock sock, const void* buffer, std::uint64_t size, std::uint64_t* count,

@@ -174,8 +174,7 @@ class FirmwarePeer {
         std::string(reinterpret_cast<const char*>(&head), sizeof head) + body;
     std::lock_guard guard(lock_);
     for (std::size_t sent = 0; link_ >= 0 && sent < message.size();) {
-      const ssize_t n =
-          ::send(link_, message.data() + sent, message.size() - sent, MSG_NOSIGNAL);
+      const ssize_t n = ::send(link_, message.data() + sent, message.size() - sent, MSG_NOSIGNAL);
       if (n <= 0) return;
       sent += static_cast<std::size_t>(n);
     }
@@ -192,7 +191,7 @@ class FirmwarePeer {
   int stop_ = -1;
   std::mutex lock_;
   std::condition_variable changed_;
-  int link_ = -1;                                   // guarded by lock_, as all below
+  int link_ = -1;  // guarded by lock_, as all below
   std::vector<Asked> requests_;
   std::map<std::uint32_t, std::uint32_t> verdicts_;
   std::map<std::uint32_t, std::size_t> kinds_;

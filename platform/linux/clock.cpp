@@ -32,8 +32,8 @@ LocalTime GetLocalTime() {
     knownSecond = now.tv_sec;
   }
   auto word = [](long value) { return static_cast<std::uint16_t>(value); };
-  return LocalTime{word(known.tm_year + 1900), word(known.tm_mon + 1), word(known.tm_wday),
-                   word(known.tm_mday),        word(known.tm_hour),    word(known.tm_min),
+  return LocalTime{word(known.tm_year + 1900), word(known.tm_mon + 1),       word(known.tm_wday),
+                   word(known.tm_mday),        word(known.tm_hour),          word(known.tm_min),
                    word(known.tm_sec),         word(now.tv_nsec / 1'000'000)};
 }
 

@@ -83,8 +83,8 @@ bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceIn
     return false;
   const std::string path =
       kPathPrefix + static_cast<ListState*>(list.Raw())->names.at(data.reserved);
-  const auto needed = static_cast<std::uint32_t>(offsetof(DeviceInterfaceDetail, devicePath) +
-                                                 path.size() + 1);
+  const auto needed =
+      static_cast<std::uint32_t>(offsetof(DeviceInterfaceDetail, devicePath) + path.size() + 1);
   if (required != nullptr) *required = needed;
   if (detail == nullptr || size < needed) return SetLastError(kErrorInsufficientBuffer), false;
   if (detail->cbSize != sizeof *detail) return SetLastError(kErrorInvalidParameter), false;

@@ -20,10 +20,12 @@ struct ErrnoRow {
 };
 
 constexpr ErrnoRow kFileErrors[] = {
-    {ENOENT, kErrorFileNotFound},   {ENOTDIR, kErrorPathNotFound}, {EACCES, kErrorAccessDenied},
-    {EPERM, kErrorAccessDenied},    {EROFS, kErrorAccessDenied},   {EEXIST, kErrorAlreadyExists},
-    {ENOMEM, kErrorNotEnoughMemory}, {EBADF, kErrorInvalidHandle},  {EINVAL, kErrorInvalidParameter},
-    {ENOSPC, kErrorDiskFull},       {EISDIR, kErrorAccessDenied},
+    {ENOENT, kErrorFileNotFound},     {ENOTDIR, kErrorPathNotFound},
+    {EACCES, kErrorAccessDenied},     {EPERM, kErrorAccessDenied},
+    {EROFS, kErrorAccessDenied},      {EEXIST, kErrorAlreadyExists},
+    {ENOMEM, kErrorNotEnoughMemory},  {EBADF, kErrorInvalidHandle},
+    {EINVAL, kErrorInvalidParameter}, {ENOSPC, kErrorDiskFull},
+    {EISDIR, kErrorAccessDenied},
 };
 
 struct TextRow {

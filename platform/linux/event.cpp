@@ -50,8 +50,7 @@ std::uint32_t WaitForSingleObject(const Event& event, std::uint32_t milliseconds
   if (!event) return SetLastError(kErrorInvalidHandle), kWaitFailed;
   EventState& state = StateOf(event);
   std::unique_lock lock(WaitLock());
-  if (!WaitUntil(lock, state.changed, DeadlineAfter(milliseconds),
-                 [&] { return state.signalled; }))
+  if (!WaitUntil(lock, state.changed, DeadlineAfter(milliseconds), [&] { return state.signalled; }))
     return kWaitTimeout;
   if (!state.manualReset) state.signalled = false;
   return kWaitObject0;

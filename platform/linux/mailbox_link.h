@@ -129,9 +129,9 @@ class MailboxLink {
   std::uint64_t nextRequest_ = 1;
   std::uint64_t readsArmed_ = 0;
 
-  std::mutex sendLock_;  // never held together with WaitLock
-  std::string outbox_;   // guarded by sendLock_
-  std::string held_;     // guarded by sendLock_: reads that the firmware isn't told of yet
+  std::mutex sendLock_;     // never held together with WaitLock
+  std::string outbox_;      // guarded by sendLock_
+  std::string held_;        // guarded by sendLock_: reads that the firmware isn't told of yet
   bool holdReads_ = false;  // guarded by sendLock_
   bool stopping_ = false;   // guarded by sendLock_
   std::thread thread_;

@@ -121,8 +121,7 @@ void CloseMutex(RawHandle raw) {
 
 Mutex CreateMutexA(const char* name) {
   if (gate::Fails("CreateMutexA", "%s", name != nullptr ? name : "")) return Mutex();
-  MappingPointer mapping =
-      name != nullptr ? FindNamed(name) : Map(-1, MAP_SHARED | MAP_ANONYMOUS);
+  MappingPointer mapping = name != nullptr ? FindNamed(name) : Map(-1, MAP_SHARED | MAP_ANONYMOUS);
   if (!mapping) return Mutex();
   return Mutex(new MappingPointer(std::move(mapping)));
 }

@@ -119,7 +119,8 @@ void Dispatch(Connection& manager) {
 
 std::uint32_t RunServiceMain(void* name) {
   char* arguments[] = {static_cast<char*>(name), nullptr};
-  Manager().entry(1, arguments);
+  const ServiceMainEntry entry = Manager().entry;  // set before this thread was made
+  if (entry != nullptr) entry(1, arguments);
   return 0;
 }
 

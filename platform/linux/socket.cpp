@@ -30,12 +30,24 @@ struct ErrnoRow {
   int winsock;
 };
 constexpr ErrnoRow kSocketErrors[] = {
-    {EINTR, kWsaEIntr},           {EAGAIN, kWsaEWouldBlock}, {EINPROGRESS, kWsaEWouldBlock},
-    {EINVAL, kWsaEInval},         {EADDRINUSE, kWsaEAddrInUse}, {ENOTCONN, kWsaENotConn},
-    {EBADF, 10038},               {ENOTSOCK, 10038},         {ECONNRESET, 10054},
-    {ECONNREFUSED, 10061},        {EPIPE, 10053},            {EMFILE, 10024},
-    {EACCES, 10013},              {EADDRNOTAVAIL, 10049},    {ETIMEDOUT, 10060},
-    {EISCONN, 10056},             {ENOBUFS, 10055},          {EHOSTUNREACH, 10065},
+    {EINTR, kWsaEIntr},
+    {EAGAIN, kWsaEWouldBlock},
+    {EINPROGRESS, kWsaEWouldBlock},
+    {EINVAL, kWsaEInval},
+    {EADDRINUSE, kWsaEAddrInUse},
+    {ENOTCONN, kWsaENotConn},
+    {EBADF, 10038},
+    {ENOTSOCK, 10038},
+    {ECONNRESET, 10054},
+    {ECONNREFUSED, 10061},
+    {EPIPE, 10053},
+    {EMFILE, 10024},
+    {EACCES, 10013},
+    {EADDRNOTAVAIL, 10049},
+    {ETIMEDOUT, 10060},
+    {EISCONN, 10056},
+    {ENOBUFS, 10055},
+    {EHOSTUNREACH, 10065},
 };
 constexpr int kWsaEFault = 10014;
 
@@ -63,9 +75,7 @@ bool Injected(const char* call, SocketValue sock) {
 
 int Checked(int result) { return result < 0 ? FailWith(errno) : result; }
 
-int Native(SocketValue sock) {
-  return sock > 0x7FFFFFFF ? -1 : static_cast<int>(sock);
-}
+int Native(SocketValue sock) { return sock > 0x7FFFFFFF ? -1 : static_cast<int>(sock); }
 
 bool IsBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) == 0; }
 

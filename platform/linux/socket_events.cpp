@@ -28,8 +28,8 @@ SocketSelection gEndMark{};
 
 struct EventSet {
   int epoll = -1;
-  int wake = -1;            // the wake event that is in the set
-  int endDescriptor = -1;   // the end mark that is in the set
+  int wake = -1;           // the wake event that is in the set
+  int endDescriptor = -1;  // the end mark that is in the set
 };
 
 EventSet& SetOf(const SocketEvent& event) { return *static_cast<EventSet*>(event.Raw()); }

@@ -34,7 +34,7 @@ void MarkFinished(ThreadRecord& record, std::uint32_t exitCode) {
   record.finished.notify_all();
 }
 
-void RunThread(RecordPointer record, ThreadEntry entry, void* parameter) {
+void RunThread(const RecordPointer& record, ThreadEntry entry, void* parameter) {
   SetCurrentThread(record);
   std::uint32_t exitCode = 0;
   try {

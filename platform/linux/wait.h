@@ -22,10 +22,10 @@ namespace platform {
 struct ThreadEnd {};
 
 struct ThreadRecord {
-  std::condition_variable finished;                 // signalled when the thread has left
+  std::condition_variable finished;  // signalled when the thread has left
   std::condition_variable* waitingOn = nullptr;
-  int endDescriptor = -1;                           // readable once the thread is to end
-  bool ended = false;                               // the end mark
+  int endDescriptor = -1;  // readable once the thread is to end
+  bool ended = false;      // the end mark
   bool running = true;
   std::uint32_t exitCode = 0;
   ThreadRecord() = default;

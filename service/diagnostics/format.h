@@ -19,7 +19,7 @@ namespace stewardry {
 struct FormatArg {
   enum class Kind : std::uint8_t { kNone, kInteger, kText, kWideText };
   Kind kind = Kind::kNone;
-  std::uint8_t width = 0;  // bytes of an integer
+  std::uint8_t width = 0;     // bytes of an integer
   std::uint64_t integer = 0;  // sign-extended if it came signed
   const char* text = nullptr;
   const char16_t* wide = nullptr;
@@ -28,10 +28,10 @@ struct FormatArg {
   template <std::integral T>
   FormatArg(T value)  // NOLINT(google-explicit-constructor): an argument is what it is made from
       : kind(Kind::kInteger), width(sizeof(T)), integer(static_cast<std::uint64_t>(value)) {}
-  FormatArg(const char* value) : kind(Kind::kText), text(value) {}           // NOLINT
-  FormatArg(const char16_t* value) : kind(Kind::kWideText), wide(value) {}   // NOLINT
-  FormatArg(const std::string& value) : FormatArg(value.c_str()) {}          // NOLINT
-  FormatArg(const std::u16string& value) : FormatArg(value.c_str()) {}       // NOLINT
+  FormatArg(const char* value) : kind(Kind::kText), text(value) {}          // NOLINT
+  FormatArg(const char16_t* value) : kind(Kind::kWideText), wide(value) {}  // NOLINT
+  FormatArg(const std::string& value) : FormatArg(value.c_str()) {}         // NOLINT
+  FormatArg(const std::u16string& value) : FormatArg(value.c_str()) {}      // NOLINT
 };
 
 template <class T>
@@ -77,7 +77,8 @@ constexpr Conversion ReadConversion(std::string_view format, std::size_t at) {
     ++i;
   }
   if (i < format.size()) {
-    c.letter = std::string_view("diuxXcs%").find(format[i]) == std::string_view::npos ? '\0' : format[i];
+    c.letter =
+        std::string_view("diuxXcs%").find(format[i]) == std::string_view::npos ? '\0' : format[i];
     ++i;
   }
   c.wide = c.wide && c.letter == 's';
@@ -91,7 +92,7 @@ constexpr FormatArg::Kind WantedKind(const Conversion& c) {
 }
 
 // Called only when a format and its arguments don't match: a call of it can't be compiled.
-void FormatMismatch(const char* why);
+[[noreturn]] void FormatMismatch(const char* why);
 
 // A format text checked against the types of its arguments at compile time.
 template <class... Args>
@@ -126,8 +127,8 @@ std::size_t FormatText(char* out, std::size_t size, std::string_view format,
 
 // The same with the check at compile time.
 template <class... Args>
-std::size_t FormatTo(char* out, std::size_t size, CheckedFormat<std::type_identity_t<Args>...> format,
-                     const Args&... args) {
+std::size_t FormatTo(char* out, std::size_t size,
+                     CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
   const FormatArg list[] = {FormatArg(args)..., FormatArg()};
   return FormatText(out, size, format.text, std::span(list, sizeof...(Args)));
 }

@@ -104,11 +104,10 @@ void Exchange(ServiceLog* log) {
 std::size_t FormatLine(char (&line)[kLineSize], LogHeader header, const char* message) {
   const platform::LocalTime t = platform::GetLocalTime();
   const std::uint32_t thread = platform::GetCurrentThreadId();
-  return FormatTo(line, sizeof line,
-                  "%s<%02u/%02u/%02u %02u:%02u:%02u>[%d]-[ %d M ] %s <thread=%d (0x%x)>\n",
-                  kHeaders[static_cast<int>(header)], t.year, t.month, t.day, t.hour, t.minute,
-                  t.second, platform::GetCurrentProcessId(), PrivateMegabytes(), message, thread,
-                  thread);
+  return FormatTo(
+      line, sizeof line, "%s<%02u/%02u/%02u %02u:%02u:%02u>[%d]-[ %d M ] %s <thread=%d (0x%x)>\n",
+      kHeaders[static_cast<int>(header)], t.year, t.month, t.day, t.hour, t.minute, t.second,
+      platform::GetCurrentProcessId(), PrivateMegabytes(), message, thread, thread);
 }
 
 }  // namespace

@@ -41,9 +41,9 @@ void PutTime(Line* line) {
   const platform::LocalTime t = platform::GetLocalTime();
   char day[3];
   FormatTo(day, sizeof day, "%2d", t.day);
-  line->length = FormatTo(line->text, sizeof line->text, "%s %s %s %02d:%02d:%02d %d: ",
-                          kDayNames[t.dayOfWeek % 7], kMonthNames[(t.month + 11) % 12], day, t.hour,
-                          t.minute, t.second, t.year);
+  line->length = FormatTo(
+      line->text, sizeof line->text, "%s %s %s %02d:%02d:%02d %d: ", kDayNames[t.dayOfWeek % 7],
+      kMonthNames[(t.month + 11) % 12], day, t.hour, t.minute, t.second, t.year);
 }
 
 void PutConversion(Line* line, char letter, const FormatArg& arg) {
@@ -87,9 +87,8 @@ void ReportLastError(std::uint32_t channel, const char* text) {
   char systemText[512] = "";
   platform::FormatMessageA(error, systemText, sizeof systemText);
   char report[kLineSize];
-  const std::size_t length =
-      FormatTo(report, sizeof report, "%s failed with error %d: %s", text, error,
-               static_cast<const char*>(systemText));
+  const std::size_t length = FormatTo(report, sizeof report, "%s failed with error %d: %s", text,
+                                      error, static_cast<const char*>(systemText));
   platform::OutputDebugStringA(report);
   // The length of the whole report is written, so that the reason reaches the file.
   SideLog_Write(channel, report, length);

@@ -145,8 +145,8 @@ void AnnounceConnection(const RemoteAddress& peer) {
   LogInfo("Response returned for HTTPS DASH Request from Mailbox driver");
 }
 
-// Hands the socket to a handler of the selector. From the add on the handler is the selector's, even
-// if the thread is ended within the add's first call.
+// Hands the socket to a handler of the selector. From the add on the handler is the selector's,
+// even if the thread is ended within the add's first call.
 bool StartConnection(Selector* sel, AcceptedSocket* accepted) {
   if (Sock_SetBlocking(accepted->Get(), false) != RESULT_OK) {
     LogInfo("Sock_SetBlocking failed");
@@ -250,13 +250,10 @@ std::uint8_t HTTPSCallback(Selector*, Handler* handler, std::uint32_t mask, std:
     LogInfo("Unexpected write event in HTTPS callback");
     return 0;
   }
-  if ((mask & SELECTOR_REMOVE) != 0) {
+  if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) != 0) {
     const LettingGo gone(handler);
-    LogInfo("Selector remove called for HTTPS callback");
-  } else if ((mask & SELECTOR_DESTROY) != 0) {
-    const LettingGo gone(handler);
-  }
-  if ((mask & SELECTOR_READ_CLOSE) != 0) {
+    if ((mask & SELECTOR_REMOVE) != 0) LogInfo("Selector remove called for HTTPS callback");
+  } else if ((mask & SELECTOR_READ_CLOSE) != 0) {
     LogInfo("SELECTOR_READ_CLOSE called");
     LogClosedByClient(handler);
     return CloseSequence(handler);

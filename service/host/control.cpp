@@ -25,11 +25,11 @@ std::atomic<std::uint32_t> gUserPresence{3};
 namespace {
 
 enum : std::uint32_t {
-  kControlStop = 1,           // SERVICE_CONTROL_STOP
-  kControlInterrogate = 4,    // SERVICE_CONTROL_INTERROGATE
-  kControlPowerEvent = 13,    // SERVICE_CONTROL_POWEREVENT
-  kControlSessionChange = 14, // SERVICE_CONTROL_SESSIONCHANGE
-  kControlPreshutdown = 15,   // SERVICE_CONTROL_PRESHUTDOWN
+  kControlStop = 1,            // SERVICE_CONTROL_STOP
+  kControlInterrogate = 4,     // SERVICE_CONTROL_INTERROGATE
+  kControlPowerEvent = 13,     // SERVICE_CONTROL_POWEREVENT
+  kControlSessionChange = 14,  // SERVICE_CONTROL_SESSIONCHANGE
+  kControlPreshutdown = 15,    // SERVICE_CONTROL_PRESHUTDOWN
 };
 
 enum : std::uint32_t {

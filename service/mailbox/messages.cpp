@@ -113,8 +113,7 @@ std::uint32_t DeAllocateKVM_KB_MB_Buffers() {
 
 std::uint32_t SetS5Status() {
   const std::uint16_t goingToS5 = 2;
-  const std::uint32_t result =
-      RunPlainCall(Operation::kSetS5Status, &goingToS5, sizeof goingToS5);
+  const std::uint32_t result = RunPlainCall(Operation::kSetS5Status, &goingToS5, sizeof goingToS5);
   if (result != 0) LogInfo("Error calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS");
   return result;
 }

@@ -33,7 +33,8 @@ struct TavrinVersionInfo {
   std::uint32_t dummy;
   std::uint32_t KVMStatus;  // 1200: the WLAN firmware authentication failed
 };
-static_assert(sizeof(TavrinVersionInfo) == 80 && offsetof(TavrinVersionInfo, provisionStatus) == 64 &&
+static_assert(sizeof(TavrinVersionInfo) == 80 &&
+              offsetof(TavrinVersionInfo, provisionStatus) == 64 &&
               offsetof(TavrinVersionInfo, KVMStatus) == 76);
 
 constexpr std::uint32_t kProvisioned = 2;

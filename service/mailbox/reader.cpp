@@ -70,8 +70,9 @@ ReadSlots::~ReadSlots() {
     std::uint32_t bytes;
     std::uint64_t key;
     platform::RequestRecord* record = nullptr;
-    (void)platform::GetQueuedCompletionStatus(port_, &bytes, &key, &record);  // aborted, most likely
-    if (SlotOf(record) == kSlots) break;  // the port itself has failed
+    (void)platform::GetQueuedCompletionStatus(port_, &bytes, &key,
+                                              &record);  // aborted, most likely
+    if (SlotOf(record) == kSlots) break;                 // the port itself has failed
     inFlight_[SlotOf(record)] = false;
   }
   gInterruptDevice->Reset(platform::InvalidHandleValue());
@@ -113,8 +114,7 @@ bool ReadSlots::Turn() {
   std::uint32_t nobytesret = 0;
   std::uint64_t key = 0;
   platform::RequestRecord* completedOv = nullptr;
-  const bool taken =
-      platform::GetQueuedCompletionStatus(port_, &nobytesret, &key, &completedOv);
+  const bool taken = platform::GetQueuedCompletionStatus(port_, &nobytesret, &key, &completedOv);
   const std::size_t slot = SlotOf(completedOv);
   if (slot < kSlots) inFlight_[slot] = false;
   if (!taken || slot >= kSlots) {

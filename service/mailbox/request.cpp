@@ -94,9 +94,8 @@ class Flight {
   // True if the device has pended the request, the only way it is accepted.
   bool Start(const ControlCode& code, const void* input, std::uint32_t inputSize, void* output,
              std::uint32_t outputSize) {
-    const bool finished =
-        platform::DeviceIoControl(*gRequestDevice, code.code, input, inputSize, output, outputSize,
-                                  nullptr, &record_);
+    const bool finished = platform::DeviceIoControl(*gRequestDevice, code.code, input, inputSize,
+                                                    output, outputSize, nullptr, &record_);
     started_ = !finished && platform::LastError() == platform::kErrorIoPending;
     return started_;
   }

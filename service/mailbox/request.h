@@ -11,8 +11,8 @@ namespace stewardry {
 
 // How a started request ended.
 struct RequestOutcome {
-  bool completed = false;      // the device has finished it without an error
-  std::uint32_t bytes = 0;     // that it reported
+  bool completed = false;   // the device has finished it without an error
+  std::uint32_t bytes = 0;  // that it reported
 };
 
 // Sends one request of mode O and waits for its end without a time-out. `input` and `output` are

@@ -264,7 +264,8 @@ TEST_F(SelectorTest, ASocketThatCannotBeSelectedEndsTheRunAndIsReported) {
   Add("a", other.a, SELECTOR_READ);
   Probe& broken = Add("x", pair.a, SELECTOR_READ);
   SocketPair::Close(&pair.a);
-  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t, const Handler* handler) {
+  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t,
+                       const Handler* handler) {
     gReported = event;
     gReportedHandler = handler;
   };

@@ -22,9 +22,9 @@ class SockFaults : public LabTest {
   }
   std::size_t Calls(const std::string& name) {
     const auto trace = gate::Trace();
-    return static_cast<std::size_t>(std::count_if(trace.begin(), trace.end(), [&](const auto& call) {
-      return call.rfind(name + "(", 0) == 0;
-    }));
+    return static_cast<std::size_t>(
+        std::count_if(trace.begin(), trace.end(),
+                      [&](const auto& call) { return call.rfind(name + "(", 0) == 0; }));
   }
 };
 

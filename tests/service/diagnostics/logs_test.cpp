@@ -164,8 +164,9 @@ TEST_F(Logs, TheSideLogKnowsFourConversionsAndNoMore) {
   SideLog(0, "%s:%d %x %X %% %u|\n", "name", -5, 255, 255);
   SideLog(9, "nowhere");
   const std::string text = FileText(std::string(kFolder) + "tavrinKeyboardMouseLog.log");
-  const std::regex form("[A-Z][a-z]{2} [A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d 20\\d\\d: "
-                        "name:-5 ff ff % u\\|\n");
+  const std::regex form(
+      "[A-Z][a-z]{2} [A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d 20\\d\\d: "
+      "name:-5 ff ff % u\\|\n");
   EXPECT_TRUE(std::regex_match(text, form)) << text;
 }
 
@@ -198,9 +199,10 @@ TEST_F(Logs, AWmiLineKeepsItsTailWhenItsMessageIsCut) {
   WmiLog_Error("TAG", std::string(2000, 'w').c_str());
   const std::string line = FileText(kWmiFile).substr(3 << 20);
   EXPECT_EQ(line.size(), 1024U);  // 1023 characters, of which the newline became two
-  const std::regex tail("[^]*w \\$\\$<TAG><[A-Z][a-z]{2}  [A-Z][a-z]{2} \\d\\d "
-                        "\\d\\d:\\d\\d:\\d\\d\\.\\d+ 20\\d\\d [^>]*><thread=\\d+ "
-                        "\\(0x[0-9a-f]+\\)>\r\n");
+  const std::regex tail(
+      "[^]*w \\$\\$<TAG><[A-Z][a-z]{2}  [A-Z][a-z]{2} \\d\\d "
+      "\\d\\d:\\d\\d:\\d\\d\\.\\d+ 20\\d\\d [^>]*><thread=\\d+ "
+      "\\(0x[0-9a-f]+\\)>\r\n");
   EXPECT_TRUE(std::regex_match(line, tail)) << line.substr(line.size() - 120);
   EXPECT_NE(line.find(" M ] ERROR: www"), std::string::npos);
 }

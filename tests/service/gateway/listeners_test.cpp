@@ -66,8 +66,8 @@ TEST_F(Listeners, AFailedBindSaysItsLineAndLeavesNothingOpen) {
 TEST_F(Listeners, EveryRefusedKnockCostsOneRebindAndTheLastEndsTheKvmThread) {
   const platform::Thread server = platform::CreateThread(RunKVMServer, nullptr);
   for (std::size_t knock = 1; knock <= 20; ++knock) {
-    ASSERT_TRUE(Eventually(
-        [&] { return CountOf(Messages(), "Bind to port 22 successful") == knock; }));
+    ASSERT_TRUE(
+        Eventually([&] { return CountOf(Messages(), "Bind to port 22 successful") == knock; }));
     TcpClient client(22);
     EXPECT_TRUE(client.SeesEnd());
   }

@@ -41,7 +41,7 @@ class Control : public MailboxTest {
   // The platform calls of a control without those of the logs, joined by blanks.
   static std::string ControlCalls() {
     constexpr const char* kKept[] = {"DeviceIoControl", "GetExitCodeThread", "TerminateThread",
-                                     "CancelIoEx", "SetEvent", "SetServiceStatus"};
+                                     "CancelIoEx",      "SetEvent",          "SetServiceStatus"};
     std::string calls;
     for (const std::string& call : gate::Trace())
       for (const char* kept : kKept)

@@ -10,13 +10,13 @@
 #include <string>
 #include <thread>
 
+#include "platform/process.h"
 #include "service/host/control.h"
 #include "service/host/start_up.h"
 #include "tests/firmware_peer.h"
 #include "tests/lab_folder_fixture.h"
 #include "tests/own_network.h"
 #include "tests/tcp_client.h"
-#include "platform/process.h"
 
 namespace stewardry {
 namespace {
@@ -28,7 +28,13 @@ constexpr int kShards = 4;
 constexpr int kHangSeconds = 60;
 
 // What a run of the scenario ends with; 0 is fine.
-enum Outcome { kFine = 0, kNoReplyAfterFault = 3, kStillOpen = 4, kNeverStopped = 5, kNotWhole = 6 };
+enum Outcome {
+  kFine = 0,
+  kNoReplyAfterFault = 3,
+  kStillOpen = 4,
+  kNeverStopped = 5,
+  kNotWhole = 6
+};
 
 bool Exchange(FirmwarePeer* firmware, int waitMs) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
@@ -83,8 +89,8 @@ Outcome RunScenario(std::uint64_t failAt, std::uint64_t* calls) {
   const bool first = Exchange(&firmware, failAt == 0 ? 10'000 : 1'500);
   const std::string hit = gate::Hit();
   // The reader ends for good when its device fails it, and nothing comes back from then on.
-  const bool readerEnded = HitIs(hit, {"ReadFile", "GetQueuedCompletionStatus",
-                                       "CreateIoCompletionPort"});
+  const bool readerEnded =
+      HitIs(hit, {"ReadFile", "GetQueuedCompletionStatus", "CreateIoCompletionPort"});
   const bool second = (first && !readerEnded) ? Exchange(&firmware, 5'000) : false;
   SvcCtrlHandler(1, 0, nullptr, nullptr);
   const std::string hitAtEnd = gate::Hit();

@@ -89,8 +89,9 @@ TEST_F(StartUp, TheLogFoldersAreMadeAndTheirFailureIsSilent) {
   gate::FailNext("CreateDirectoryA", 5, 1);
   EXPECT_FALSE(InitServiceLog());
   EXPECT_TRUE(InitServiceLog());
-  EXPECT_EQ(CountOf(Messages(), "Quillon Stewardry Service 1.0.0.533 started on Windows version: "
-                                "Linux [Version "),
+  EXPECT_EQ(CountOf(Messages(),
+                    "Quillon Stewardry Service 1.0.0.533 started on Windows version: "
+                    "Linux [Version "),
             1U);
   gate::FailNext("_popen", 2);
   EXPECT_TRUE(InitServiceLog());
@@ -119,8 +120,7 @@ TEST_F(StartUp, AServiceThatCannotBeStartedReportsStoppedWithTheError) {
 TEST_F(StartUp, AResumeReportsOnlyForAProvisionedFirmwareAndReplacesAnOlderReport) {
   OpenMailbox();
   ResumeReport();
-  EXPECT_TRUE(
-      Logged("Skip non DASH commands to ORRIN after S0i3 resume for non Provisioned case"));
+  EXPECT_TRUE(Logged("Skip non DASH commands to ORRIN after S0i3 resume for non Provisioned case"));
   EXPECT_FALSE(gServiceThreads->thread[kResumeThread]);
   gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = 2; });
   firmware_->SetVerdict(0x9C41A410, FirmwarePeer::kHold);  // the first report hangs there

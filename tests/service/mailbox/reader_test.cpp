@@ -58,7 +58,8 @@ class Reader : public MailboxTest {
 TEST_F(Reader, FramesArriveWholeInOrderWithTenReadsOutstanding) {
   StartAndArm();
   EXPECT_TRUE(Eventually([&] { return Logged("intThreadFunction before Processread"); }));
-  for (int i = 0; i < 200; ++i) firmware_->SendFrame(std::string(static_cast<std::size_t>(i), 'f'), 0x08);
+  for (int i = 0; i < 200; ++i)
+    firmware_->SendFrame(std::string(static_cast<std::size_t>(i), 'f'), 0x08);
   firmware_->SendFrame(std::string(131070, 'F'), 0x08);
   ASSERT_TRUE(Eventually([&] { return Received() == 201; }));
   for (std::size_t i = 0; i < 200; ++i) EXPECT_EQ(payloads_[i], std::string(i, 'f'));

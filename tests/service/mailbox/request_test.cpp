@@ -36,12 +36,15 @@ TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
   EXPECT_EQ(WriteKVMPacket(&data), 0U);
   EXPECT_EQ(DeAllocateKVM_KB_MB_Buffers(), 0U);
   EXPECT_EQ(SetS5Status(), 0U);
-  const std::vector<Asked> expected = {
-      {0x9C41A410, {"\x01\0\0\0", 4}}, {0x9C41A434, "\x98\x02"},
-      {0x9C41A428, {"\x02\0\0\0", 4}}, {0x9C41A440, "\x04\x03\x02\x01"},
-      {0x9C41A444, std::string(31, '\0') + '\x09'},
-      {0x9C41A400, "tls bytes"},       {0x9C41A43D, "tls bytes"},
-      {0x9C416454, ""},                {0x9C41A460, {"\x02\0", 2}}};
+  const std::vector<Asked> expected = {{0x9C41A410, {"\x01\0\0\0", 4}},
+                                       {0x9C41A434, "\x98\x02"},
+                                       {0x9C41A428, {"\x02\0\0\0", 4}},
+                                       {0x9C41A440, "\x04\x03\x02\x01"},
+                                       {0x9C41A444, std::string(31, '\0') + '\x09'},
+                                       {0x9C41A400, "tls bytes"},
+                                       {0x9C41A43D, "tls bytes"},
+                                       {0x9C416454, ""},
+                                       {0x9C41A460, {"\x02\0", 2}}};
   const std::vector<Asked> sent = firmware_->Requests();
   ASSERT_EQ(sent.size(), expected.size());
   for (std::size_t i = 0; i < sent.size(); ++i) {
@@ -102,11 +105,11 @@ TEST_F(Request, AFailedStepHasTheOperationsWording) {
     std::uint32_t result;
   };
   constexpr Row kRows[] = {
-      {"CreateEventA", 8,
-       "Error creating overlapped event for interrupt thread - with error: 8", 1},
+      {"CreateEventA", 8, "Error creating overlapped event for interrupt thread - with error: 8",
+       1},
       {"DeviceIoControl", 21, "Asynchronous WriteTavrinStatus command failed with error: 21", 1},
-      {"GetOverlappedResult", 995, "GetOverlappedResult failed for WriteTavrinStatus with error: 995",
-       0},
+      {"GetOverlappedResult", 995,
+       "GetOverlappedResult failed for WriteTavrinStatus with error: 995", 0},
   };
   OpenMailbox();
   const std::uint32_t up = kServiceUp;
