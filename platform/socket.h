@@ -123,6 +123,8 @@ struct SocketWait {
   std::uint32_t result;     // kWaitFailed, or any other for "go on"
   std::uint32_t signalled;  // sockets with news, where the platform tells; else all ones
   bool woken;               // the wake event is signalled
+  // The one socket with news, where the platform tells and there is just one; else null.
+  SocketSelection* only = nullptr;
 };
 
 // WaitForMultipleObjectsEx on the two, any of them, not alertable.

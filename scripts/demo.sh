@@ -3,7 +3,7 @@
 # the service's port 664. Runs in a network namespace of its own where it may. Exit code 0 only if
 # every answer was right. STEWARDRY_BUILD names another folder for the build.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 readonly port=664 address=192.0.2.10 gateway=192.0.2.1 # the lab's host, TEST-NET-1
 readonly build=${STEWARDRY_BUILD:-build/demo}
 

@@ -1,7 +1,10 @@
 // The selector's loop.
 #include "sock/selector.h"
 
+#include <array>
+#include <cstddef>
 #include <new>
+#include <type_traits>
 
 #include "platform/error.h"
 #include "platform/event.h"
@@ -55,12 +58,22 @@ constexpr MaskRow kReportedMasks[] = {
     {SELECTOR_EXCEPTION, platform::kFdOob},
 };
 
+// The network events for each set of the three masks, which stand side by side: a turn looks at
+// every handler, so that look is a load and a comparison.
+constexpr std::uint32_t kWantedMasks = SELECTOR_READ | SELECTOR_WRITE | SELECTOR_EXCEPTION;
+static_assert(kWantedMasks == 14);
+constexpr auto kEventsOfMask = [] {
+  std::array<std::uint32_t, kWantedMasks / 2 + 1> events{};
+  for (std::uint32_t mask = 0; mask <= kWantedMasks; mask += 2)
+    for (const MaskRow& row : kWantedEvents)
+      if ((mask & row.mask) != 0) events[mask / 2] |= row.events;
+  return events;
+}();
+
 Result _SetSockEvents(SelectorState* state, Handler* handler, std::uint32_t mask,
                       bool noReadsMode) {
   if (noReadsMode) mask &= ~SELECTOR_READ;
-  std::uint32_t events = 0;
-  for (const MaskRow& row : kWantedEvents)
-    if ((mask & row.mask) != 0) events |= row.events;
+  const std::uint32_t events = kEventsOfMask[(mask & kWantedMasks) / 2];
   if (!platform::MustSelect(handler->selection, events)) return RESULT_OK;
   const int status =
       platform::WSAEventSelect(handler->sock, state->socketEvent, &handler->selection, events);
@@ -159,10 +172,21 @@ Result ServeHandler(Run* run, Handler* handler, Handler** following) {
   return keep ? RESULT_OK : RemoveInPass(run, handler);
 }
 
-// Serves the handlers in list order, again as long as a callback asks for it. `news` counts the
-// sockets that the wait reported: behind the last of them nothing is left to do, unless deadlines
-// must be looked at.
-Result Pass(Run* run, std::uint32_t news) {
+static_assert(std::is_standard_layout_v<Handler>);
+Handler* HandlerOf(platform::SocketSelection* selection) {
+  return reinterpret_cast<Handler*>(reinterpret_cast<char*>(selection) -
+                                    offsetof(Handler, selection));
+}
+
+// Serves the handlers in list order, again as long as a callback asks for it. The wait counts the
+// sockets with news: behind the last of them nothing is left to do, unless deadlines must be looked
+// at. So one socket alone is served without a walk, and a repetition would find nothing more.
+Result Pass(Run* run, const platform::SocketWait& wait) {
+  if (wait.only != nullptr && !run->hasDeadlines) {
+    Handler* following;
+    return ServeHandler(run, HandlerOf(wait.only), &following);
+  }
+  std::uint32_t news = wait.signalled;
   do {
     run->state->repeatPass = false;
     for (Handler* handler = run->state->handlerHead; handler != nullptr;) {
@@ -190,7 +214,7 @@ Result Turn(Run* run) {
     return Report(SelectorEvent::kWait, run->selector, platform::LastError());
   // A signal that comes after this reset wakes the next wait.
   if (wait.woken) (void)platform::ResetEvent(run->state->wakeEvent);  // or the next wait is short
-  return Pass(run, wait.signalled);
+  return Pass(run, wait);
 }
 
 }  // namespace

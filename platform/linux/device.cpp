@@ -207,6 +207,7 @@ CompletionPort CreateIoCompletionPort(const DeviceHandle& device, std::uint64_t 
   if (!device) return SetLastError(kErrorInvalidHandle), CompletionPort();
   auto* port = new PortState;
   port->key = key;
+  port->link = StateOf(device).link;
   StateOf(device).port = port;
   return CompletionPort(port);
 }
@@ -216,8 +217,14 @@ bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes,
   *record = nullptr;
   if (gate::Fails("GetQueuedCompletionStatus")) return false;
   PortState& state = *static_cast<PortState*>(port.Raw());
+  // Stands before the lock: the link's end, if it comes here, waits for a thread that needs it.
+  const std::shared_ptr<MailboxLink> link = state.link.lock();
   std::unique_lock lock(WaitLock());
-  WaitUntil(lock, state.changed, DeadlineAfter(kInfinite), [&] { return !state.queue.empty(); });
+  if (link) {
+    link->AwaitFinished(&state, &lock);
+  } else {
+    WaitUntil(lock, state.changed, DeadlineAfter(kInfinite), [&] { return !state.queue.empty(); });
+  }
   const PortState::Finished finished = state.queue.front();
   state.queue.pop_front();
   *bytes = finished.bytes;

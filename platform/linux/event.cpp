@@ -7,13 +7,9 @@
 
 namespace platform {
 
-void SignalLocked(EventState& event) {
+void SignalLocked(Wakes* wakes, EventState& event) {
   event.signalled = true;
-  if (event.manualReset) {
-    event.changed.notify_all();
-  } else {
-    event.changed.notify_one();
-  }
+  wakes->Add(event.changed);
 }
 
 void CloseEvent(RawHandle raw) {
@@ -32,8 +28,9 @@ Event CreateEventA(bool manualReset, bool signalled) {
 bool SetEvent(const Event& event) {
   if (gate::Fails("SetEvent")) return false;
   if (!event) return SetLastError(kErrorInvalidHandle), false;
+  Wakes wakes;
   std::lock_guard guard(WaitLock());
-  SignalLocked(StateOf(event));
+  SignalLocked(&wakes, StateOf(event));
   return true;
 }
 

@@ -9,14 +9,14 @@
 namespace platform {
 
 struct EventState {
-  std::condition_variable changed;
+  std::condition_variable& changed = SleepingPlace();
   bool manualReset = false;
   bool signalled = false;
 };
 
 inline EventState& StateOf(const Event& event) { return *static_cast<EventState*>(event.Raw()); }
 
-// Signals under WaitLock.
-void SignalLocked(EventState& event);
+// Signals under WaitLock, which is given back before the wakes.
+void SignalLocked(Wakes* wakes, EventState& event);
 
 }  // namespace platform

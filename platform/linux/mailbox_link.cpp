@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/error.h"
 
@@ -21,11 +23,25 @@ namespace {
 
 constexpr std::size_t kPage = 4096;
 constexpr int kHoldReadsMs = 1;
+constexpr long kBackstopNanoseconds = 1'000'000;
 
-// Copies that begin a few bytes into a page are many times slower, so bodies are page-aligned.
-std::byte* AllocateBody() {
-  const std::size_t size = (lablink::kMaxBody + kPage - 1) / kPage * kPage;
-  return static_cast<std::byte*>(std::aligned_alloc(kPage, size));
+// Room for the longest message behind the start of any other. Page-aligned: copies that begin a few
+// bytes into a page are many times slower.
+constexpr std::size_t kInboxSize =
+    (2 * (sizeof(lablink::Head) + lablink::kMaxBody) + kPage - 1) / kPage * kPage;
+
+std::byte* AllocateInbox() {
+  return static_cast<std::byte*>(std::aligned_alloc(kPage, kInboxSize));
+}
+
+void Drain(int descriptor) {
+  std::uint64_t count;
+  [[maybe_unused]] ssize_t n = ::read(descriptor, &count, sizeof count);
+}
+
+void Ring(int descriptor) {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] ssize_t written = ::write(descriptor, &one, sizeof one);
 }
 
 int Dial(const std::string& path) {
@@ -60,18 +76,19 @@ void PlaceRegionAddress(std::uint32_t code, void* output, std::uint32_t bytes) {
   }
 }
 
-void FinishRecord(RequestRecord* record, std::uint32_t error, std::uint32_t bytes) {
+void FinishRecord(Wakes* wakes, RequestRecord* record, std::uint32_t error, std::uint32_t bytes) {
   RecordState& state = StateOf(record);
   state.error = error;
   state.bytes = bytes;
-  if (state.event != nullptr) SignalLocked(*state.event);
+  if (state.event != nullptr) SignalLocked(wakes, *state.event);
 }
 
-void FinishRead(PortState* port, RequestRecord* record, std::uint32_t error, std::uint32_t bytes) {
-  FinishRecord(record, error, bytes);
+void FinishRead(Wakes* wakes, PortState* port, RequestRecord* record, std::uint32_t error,
+                std::uint32_t bytes) {
+  FinishRecord(wakes, record, error, bytes);
   if (port == nullptr) return;
   port->queue.push_back({record, bytes, error});
-  port->changed.notify_one();
+  wakes->Add(port->changed);
 }
 
 }  // namespace
@@ -100,19 +117,17 @@ std::shared_ptr<MailboxLink> MailboxLink::Open(const std::string& path) {
 MailboxLink::MailboxLink(int descriptor)
     : descriptor_(descriptor),
       stopDescriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      body_(AllocateBody(), std::free),
+      outboxDescriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timerDescriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      inbox_(AllocateInbox(), std::free),
       thread_([this] { Run(); }) {}
 
 MailboxLink::~MailboxLink() {
-  {
-    std::lock_guard guard(sendLock_);
-    stopping_ = true;
-  }
-  const std::uint64_t one = 1;
-  [[maybe_unused]] ssize_t written = ::write(stopDescriptor_, &one, sizeof one);
+  stopping_.store(true, std::memory_order_release);
+  Ring(stopDescriptor_);
   thread_.join();
-  ::close(stopDescriptor_);
-  ::close(descriptor_);
+  for (int each : {timerDescriptor_, outboxDescriptor_, stopDescriptor_, descriptor_})
+    ::close(each);
 }
 
 void MailboxLink::TellOpen(std::uint64_t handle, std::uint32_t mode) {
@@ -149,6 +164,7 @@ bool MailboxLink::Read(std::uint64_t handle, void* buffer, std::uint32_t size,
                        RequestRecord* record, PortState* port) {
   std::uint64_t count;
   {
+    Wakes wakes;
     std::lock_guard guard(WaitLock());
     if (gone_) return SetLastError(kErrorDeviceNotConnected), false;
     count = ++readsArmed_;
@@ -158,7 +174,7 @@ bool MailboxLink::Read(std::uint64_t handle, void* buffer, std::uint32_t size,
     if (!waitingFrames_.empty()) {
       const std::vector<std::byte> frame = std::move(waitingFrames_.front());
       waitingFrames_.pop_front();
-      TakeFrame(frame);
+      TakeFrame(&wakes, frame);
     }
   }
   TellRead(count, size);
@@ -193,19 +209,20 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
   std::vector<std::uint64_t> cancelled;
   bool found = false;
   {
+    Wakes wakes;
     std::lock_guard guard(WaitLock());
     auto wanted = [&](std::uint64_t owner, const RequestRecord* candidate) {
       return owner == handle && (record == nullptr || record == candidate);
     };
     std::erase_if(pending_, [&](const auto& entry) {
       if (!wanted(entry.second.handle, entry.second.record)) return false;
-      FinishRecord(entry.second.record, kErrorOperationAborted, 0);
+      FinishRecord(&wakes, entry.second.record, kErrorOperationAborted, 0);
       cancelled.push_back(entry.first);
       return true;
     });
     std::erase_if(armed_, [&](const Armed& read) {
       if (!wanted(read.handle, read.record)) return false;
-      FinishRead(read.port, read.record, kErrorOperationAborted, 0);
+      FinishRead(&wakes, read.port, read.record, kErrorOperationAborted, 0);
       return found = true;
     });
   }
@@ -213,77 +230,151 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
   return found || !cancelled.empty();
 }
 
-void MailboxLink::Run() {
-  lablink::Head head;
-  while (ReadExactly(&head, sizeof head)) {
-    if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody) break;
-    if (!ReadExactly(body_.get(), head.length) || !TakeMessage(head)) break;
+// Leads from here to its end, without WaitLock; whoever leads reads the link. The backstop is told
+// to look after the link if nobody leads for a while.
+class MailboxLink::Leading {
+ public:
+  Leading(MailboxLink* link, std::unique_lock<std::mutex>* lock) : link_(link), lock_(lock) {
+    link_->led_ = true;
+    lock_->unlock();
   }
-  EndLink();
+  Leading(const Leading&) = delete;
+  Leading& operator=(const Leading&) = delete;
+  ~Leading() {
+    lock_->lock();
+    link_->led_ = false;
+    link_->CallBackstop();
+  }
+
+ private:
+  MailboxLink* const link_;
+  std::unique_lock<std::mutex>* const lock_;
+};
+
+// Under WaitLock. One call of the timer serves for all leaders of a millisecond.
+void MailboxLink::CallBackstop() {
+  if (backstopCalled_) return;
+  backstopCalled_ = true;
+  const itimerspec soon{{0, 0}, {0, kBackstopNanoseconds}};
+  ::timerfd_settime(timerDescriptor_, 0, &soon, nullptr);
 }
 
-bool MailboxLink::ReadExactly(void* data, std::size_t size) {
-  auto* at = static_cast<std::byte*>(data);
-  while (size > 0) {
-    const ssize_t n = ::recv(descriptor_, at, size, MSG_DONTWAIT);
-    if (n > 0) {
-      at += n;
-      size -= static_cast<std::size_t>(n);
+void MailboxLink::AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock) {
+  while (port->queue.empty()) {
+    if (led_ || gone_) {
+      follower_ = &port->changed;
+      WaitTurn(*lock, port->changed, Deadline::max());
       continue;
     }
-    if (n == 0) return false;
-    if (errno == EINTR) continue;
-    if ((errno != EAGAIN && errno != EWOULDBLOCK) || !AwaitReadable()) return false;
+    Leading leading(this, lock);
+    if (AwaitReadable(EndDescriptor())) {
+      (void)TakeBatch();  // the link's end finishes the reads too
+    } else {
+      LeaveIfEnded();
+    }
   }
-  return true;
 }
 
-// Waits for the firmware's next bytes, sending what the outbox holds meanwhile. False to stop.
-bool MailboxLink::AwaitReadable() {
+void MailboxLink::Run() {
+  while (!stopping_.load(std::memory_order_acquire)) {
+    while (LeadOnce()) {
+    }
+    AwaitCall();
+  }
+}
+
+// One batch as the backstop. False when somebody else should lead, or nobody.
+bool MailboxLink::LeadOnce() {
+  Wakes wakes;
+  std::unique_lock lock(WaitLock());
+  if (led_ || gone_) return false;
+  {
+    Leading leading(this, &lock);
+    if (!AwaitReadable(stopDescriptor_) || !TakeBatch()) return false;
+  }
+  if (follower_ == nullptr) return true;
+  wakes.Add(*std::exchange(follower_, nullptr));
+  return false;
+}
+
+// Waits until nobody may have led for a while, or for the stop.
+void MailboxLink::AwaitCall() {
+  pollfd fds[2] = {{timerDescriptor_, POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
+  ::poll(fds, 2, -1);
+  Drain(timerDescriptor_);
+  std::lock_guard guard(WaitLock());
+  backstopCalled_ = false;
+}
+
+// The leader's wait for the firmware's next bytes, sending what the outbox holds meanwhile. False
+// when `endDescriptor` became readable instead.
+bool MailboxLink::AwaitReadable(int endDescriptor) {
   for (;;) {
     short events = POLLIN;
     int timeoutMs;
     {
       std::lock_guard guard(sendLock_);
-      if (stopping_) return false;
       if (!outbox_.empty()) events |= POLLOUT;
       timeoutMs = holdReads_ ? kHoldReadsMs : -1;
     }
-    pollfd fds[2] = {{descriptor_, events, 0}, {stopDescriptor_, POLLIN, 0}};
-    const int ready = ::poll(fds, 2, timeoutMs);
-    if (ready < 0 && errno != EINTR) return false;
+    pollfd fds[3] = {
+        {descriptor_, events, 0}, {outboxDescriptor_, POLLIN, 0}, {endDescriptor, POLLIN, 0}};
+    const int ready = ::poll(fds, 3, timeoutMs);
+    if (ready < 0) continue;  // interrupted
     if (ready == 0) HoldReads(false);
-    if (fds[1].revents != 0) {
-      std::uint64_t count;
-      [[maybe_unused]] ssize_t n = ::read(stopDescriptor_, &count, sizeof count);
-    }
+    if (fds[2].revents != 0) return false;
+    if (fds[1].revents != 0) Drain(outboxDescriptor_);
     if ((fds[0].revents & POLLOUT) != 0) FlushOutbox();
     if ((fds[0].revents & ~POLLOUT) != 0) return true;
   }
 }
 
-bool MailboxLink::TakeMessage(const lablink::Head& head) {
+// The leader's: takes what has come, and serves the messages that are whole. Who gets something is
+// woken when all of them have been served. False when the link has ended.
+bool MailboxLink::TakeBatch() {
+  const ssize_t n = ::recv(descriptor_, inbox_.get() + filled_, kInboxSize - filled_, MSG_DONTWAIT);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+  Wakes wakes;
+  if (n <= 0) return EndLink(&wakes), false;
+  filled_ += static_cast<std::size_t>(n);
+  std::size_t at = 0;
+  lablink::Head head;
+  while (filled_ - at >= sizeof head) {
+    std::memcpy(&head, inbox_.get() + at, sizeof head);
+    if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody)
+      return EndLink(&wakes), false;
+    if (filled_ - at < sizeof head + head.length) break;
+    const std::span<const std::byte> body(inbox_.get() + at + sizeof head, head.length);
+    if (!TakeMessage(&wakes, head, body)) return EndLink(&wakes), false;
+    at += sizeof head + head.length;
+  }
+  filled_ -= at;
+  if (at > 0 && filled_ > 0) std::memmove(inbox_.get(), inbox_.get() + at, filled_);
+  return true;
+}
+
+bool MailboxLink::TakeMessage(Wakes* wakes, const lablink::Head& head, Body body) {
   switch (head.kind) {
     case lablink::kComplete:
-      return Complete(head), true;
+      return Complete(wakes, head, body), true;
     case lablink::kFrame: {
       if (head.length > lablink::kMaxFrame) return false;
       HoldReads(true);
       std::lock_guard guard(WaitLock());
-      return TakeFrame({body_.get(), head.length}), true;
+      return TakeFrame(wakes, body), true;
     }
     case lablink::kFailRead:
-      return FailRead(head.word), true;
+      return FailRead(wakes, head.word), true;
     case lablink::kPoke:
-      return Poke(head), true;
+      return Poke(head, body), true;
     case lablink::kPeek:
-      return Peek(head), true;
+      return Peek(head, body), true;
     default:
       return false;
   }
 }
 
-void MailboxLink::Complete(const lablink::Head& head) {
+void MailboxLink::Complete(Wakes* wakes, const lablink::Head& head, Body body) {
   std::lock_guard guard(WaitLock());
   auto found = pending_.find(head.id);
   if (found == pending_.end()) return;  // cancelled meanwhile
@@ -291,46 +382,46 @@ void MailboxLink::Complete(const lablink::Head& head) {
   pending_.erase(found);
   const std::uint32_t bytes = std::min(head.length, request.outputSize);
   if (bytes > 0) {
-    std::memcpy(request.output, body_.get(), bytes);
+    std::memcpy(request.output, body.data(), bytes);
     PlaceRegionAddress(request.code, request.output, bytes);
   }
-  FinishRecord(request.record, head.word, bytes);
+  FinishRecord(wakes, request.record, head.word, bytes);
 }
 
 // Under WaitLock.
-void MailboxLink::TakeFrame(std::span<const std::byte> frame) {
+void MailboxLink::TakeFrame(Wakes* wakes, std::span<const std::byte> frame) {
   if (armed_.empty()) {
     waitingFrames_.emplace_back(frame.begin(), frame.end());
     return;
   }
   const Armed read = armed_.front();
   armed_.pop_front();
-  if (frame.size() > read.size) return FinishRead(read.port, read.record, kErrorMoreData, 0);
+  if (frame.size() > read.size) return FinishRead(wakes, read.port, read.record, kErrorMoreData, 0);
   if (!frame.empty()) std::memcpy(read.buffer, frame.data(), frame.size());
-  FinishRead(read.port, read.record, 0, static_cast<std::uint32_t>(frame.size()));
+  FinishRead(wakes, read.port, read.record, 0, static_cast<std::uint32_t>(frame.size()));
 }
 
-void MailboxLink::FailRead(std::uint32_t error) {
+void MailboxLink::FailRead(Wakes* wakes, std::uint32_t error) {
   std::lock_guard guard(WaitLock());
   if (armed_.empty()) return;
   const Armed read = armed_.front();
   armed_.pop_front();
-  FinishRead(read.port, read.record, error, 0);
+  FinishRead(wakes, read.port, read.record, error, 0);
 }
 
-void MailboxLink::Poke(const lablink::Head& head) {
+void MailboxLink::Poke(const lablink::Head& head, Body body) {
   const std::span<std::byte> region = SharedRegion(head.id);
   if (head.word > region.size() || head.length > region.size() - head.word) return;
   // Byte by byte as atomics: the service's pumps read the region at the same time.
   for (std::uint32_t i = 0; i < head.length; ++i)
-    std::atomic_ref(region[head.word + i]).store(body_.get()[i], std::memory_order_release);
+    std::atomic_ref(region[head.word + i]).store(body[i], std::memory_order_release);
 }
 
-void MailboxLink::Peek(const lablink::Head& head) {
+void MailboxLink::Peek(const lablink::Head& head, Body input) {
   const std::span<std::byte> region = SharedRegion(head.id);
   std::uint32_t count = 0;
   if (head.length < sizeof count) return;
-  std::memcpy(&count, body_.get(), sizeof count);
+  std::memcpy(&count, input.data(), sizeof count);
   if (head.word > region.size()) count = 0;
   count = std::min<std::uint32_t>(count, static_cast<std::uint32_t>(region.size()) - head.word);
   std::vector<std::byte> bytes(count);
@@ -341,12 +432,14 @@ void MailboxLink::Peek(const lablink::Head& head) {
 }
 
 // The device has gone: what is in flight fails, and so does what comes later.
-void MailboxLink::EndLink() {
+void MailboxLink::EndLink(Wakes* wakes) {
   std::lock_guard guard(WaitLock());
   gone_ = true;
-  for (auto& [id, request] : pending_) FinishRecord(request.record, kErrorDeviceNotConnected, 0);
+  for (auto& [id, request] : pending_)
+    FinishRecord(wakes, request.record, kErrorDeviceNotConnected, 0);
   pending_.clear();
-  for (const Armed& read : armed_) FinishRead(read.port, read.record, kErrorDeviceNotConnected, 0);
+  for (const Armed& read : armed_)
+    FinishRead(wakes, read.port, read.record, kErrorDeviceNotConnected, 0);
   armed_.clear();
 }
 
@@ -393,9 +486,7 @@ void MailboxLink::KeepRest(std::span<const iovec> parts, std::size_t sent) {
     sent -= skip;
     outbox_.append(static_cast<const char*>(part.iov_base) + skip, part.iov_len - skip);
   }
-  if (outbox_.size() == before) return;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] ssize_t written = ::write(stopDescriptor_, &one, sizeof one);
+  if (outbox_.size() > before) Ring(outboxDescriptor_);
 }
 
 void MailboxLink::FlushOutbox() {

@@ -1,20 +1,25 @@
 // The mailbox driver's stand-in: one connection to a firmware over the lab link, shared by all
-// handles that this process opens on a device interface. A thread of the link takes what the
-// firmware sends and finishes requests and reads with it.
+// handles that this process opens on a device interface. One thread at a time leads the link: it
+// takes what the firmware sends and finishes requests and reads with it. A thread that waits for a
+// read leads, so a frame reaches it without another thread between them; while none waits the
+// link's own thread, the backstop, leads.
 //
 // Invariants:
-// 1. Everything but the descriptor and the outgoing side is guarded by WaitLock.
+// 1. Everything but the descriptors, the outgoing side and the inbox is guarded by WaitLock. The
+//    inbox is the leader's, and WaitLock hands it from one leader to the next.
 // 2. A request or read that was registered is finished exactly once: by the firmware, by a cancel,
 //    by the close of its handle, or by the end of the link.
 // 3. A request's record, buffers and event are touched only while it is registered, so the caller
 //    may release them once it is finished.
 // 4. Nothing blocks on a firmware that doesn't read: what the socket can't take waits in the
-//    outbox, and the link's thread sends it on.
+//    outbox, and the leader sends it on.
+// 5. When nobody has led for a millisecond the backstop does, so nothing that comes is left lying.
 #pragma once
 
 #include <sys/uio.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -52,9 +57,10 @@ struct PortState {
     std::uint32_t bytes;
     std::uint32_t error;
   };
-  std::condition_variable changed;
+  std::condition_variable& changed = SleepingPlace();
   std::deque<Finished> queue;
   std::uint64_t key = 0;
+  std::weak_ptr<class MailboxLink> link;  // of the handle that is bound to it
 };
 
 class MailboxLink {
@@ -80,6 +86,9 @@ class MailboxLink {
             PortState* port);
   // Ends the request or read of `record`, or with null all of the handle's. False if none ran.
   bool Cancel(std::uint64_t handle, RequestRecord* record);
+  // Waits, under WaitLock, which is given back meanwhile, until the port has a finished read.
+  // Leaves the thread if it was terminated.
+  void AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock);
 
  private:
   struct Pending {
@@ -97,16 +106,22 @@ class MailboxLink {
     PortState* port;
   };
 
+  class Leading;
+  using Body = std::span<const std::byte>;
+
   void Run();
-  bool ReadExactly(void* data, std::size_t size);
-  bool AwaitReadable();
-  bool TakeMessage(const lablink::Head& head);
-  void Complete(const lablink::Head& head);
-  void TakeFrame(std::span<const std::byte> frame);
-  void FailRead(std::uint32_t error);
-  void Poke(const lablink::Head& head);
-  void Peek(const lablink::Head& head);
-  void EndLink();
+  bool LeadOnce();
+  void AwaitCall();
+  void CallBackstop();
+  bool AwaitReadable(int endDescriptor);
+  bool TakeBatch();
+  bool TakeMessage(Wakes* wakes, const lablink::Head& head, Body body);
+  void Complete(Wakes* wakes, const lablink::Head& head, Body body);
+  void TakeFrame(Wakes* wakes, Body frame);
+  void FailRead(Wakes* wakes, std::uint32_t error);
+  void Poke(const lablink::Head& head, Body body);
+  void Peek(const lablink::Head& head, Body input);
+  void EndLink(Wakes* wakes);
 
   using Parts = std::array<iovec, 5>;
 
@@ -119,9 +134,15 @@ class MailboxLink {
   void FlushOutbox();
 
   const int descriptor_;
-  const int stopDescriptor_;  // an eventfd: ends the thread, or tells it of an outbox
-  std::unique_ptr<std::byte, void (*)(void*)> body_;  // of the message being read; page-aligned
+  const int stopDescriptor_;                           // an eventfd: ends the backstop
+  const int outboxDescriptor_;                         // an eventfd: tells the leader of an outbox
+  const int timerDescriptor_;                          // a timerfd: calls the backstop
+  std::unique_ptr<std::byte, void (*)(void*)> inbox_;  // page-aligned; the leader's
+  std::size_t filled_ = 0;                             // bytes in it; the leader's
 
+  bool led_ = false;
+  bool backstopCalled_ = false;
+  std::condition_variable* follower_ = nullptr;  // where a thread waits that would rather lead
   bool gone_ = false;
   std::map<std::uint64_t, Pending> pending_;
   std::deque<Armed> armed_;
@@ -133,7 +154,7 @@ class MailboxLink {
   std::string outbox_;      // guarded by sendLock_
   std::string held_;        // guarded by sendLock_: reads that the firmware isn't told of yet
   bool holdReads_ = false;  // guarded by sendLock_
-  bool stopping_ = false;   // guarded by sendLock_
+  std::atomic<bool> stopping_{false};  // written by the destructor, read by the backstop
   std::thread thread_;
 };
 

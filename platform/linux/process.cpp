@@ -6,10 +6,12 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "platform/error.h"
@@ -41,6 +43,28 @@ bool OccupyStandardDescriptors() {
   return true;
 }
 
+// Milliseconds of a clock that is read without a system call and moves every few of them.
+std::int64_t CoarseMilliseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// The sixth number of /proc/self/statm: pages of data and stack, which is what a process has for
+// itself alone. The descriptor stays open.
+std::uint64_t ReadPrivateUsage() {
+  static const int descriptor = ::open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+  static const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  char text[128];
+  const ssize_t n = ::pread(descriptor, text, sizeof text - 1, 0);
+  if (n <= 0) return 0;
+  text[n] = 0;
+  const char* at = text;
+  for (int field = 1; field < 6 && at != nullptr; ++field)
+    at = std::strchr(at, ' ') != nullptr ? std::strchr(at, ' ') + 1 : nullptr;
+  return at != nullptr ? std::strtoull(at, nullptr, 10) * pageSize : 0;
+}
+
 }  // namespace
 
 bool PrepareProcess() {
@@ -70,20 +94,21 @@ void ExitProcess(std::uint32_t exitCode) {
   ::_exit(static_cast<int>(exitCode));
 }
 
-// The sixth number of /proc/self/statm: pages of data and stack, which is what a process has for
-// itself alone. The descriptor stays open, since every log line asks.
+// Every log line asks, and the kernel takes longer to answer than to write the line, so one answer
+// serves for a tenth of a second.
 std::uint64_t GetPrivateUsage() {
   if (gate::Fails("K32GetProcessMemoryInfo")) return 0;
-  static const int descriptor = ::open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
-  static const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-  char text[128];
-  const ssize_t n = ::pread(descriptor, text, sizeof text - 1, 0);
-  if (n <= 0) return 0;
-  text[n] = 0;
-  const char* at = text;
-  for (int field = 1; field < 6 && at != nullptr; ++field)
-    at = std::strchr(at, ' ') != nullptr ? std::strchr(at, ' ') + 1 : nullptr;
-  return at != nullptr ? std::strtoull(at, nullptr, 10) * pageSize : 0;
+  constexpr std::int64_t kKeepMs = 100;
+  // Threads that find the time up together all ask, and any answer is good. Release and acquire:
+  // who sees the time sees the answer that it was set for.
+  static std::atomic<std::uint64_t> known{0};
+  static std::atomic<std::int64_t> askAgainAt{0};
+  const std::int64_t now = CoarseMilliseconds();
+  if (now >= askAgainAt.load(std::memory_order_acquire)) {
+    known.store(ReadPrivateUsage(), std::memory_order_relaxed);
+    askAgainAt.store(now + kKeepMs, std::memory_order_release);
+  }
+  return known.load(std::memory_order_relaxed);
 }
 
 void CloseCommandPipe(RawHandle raw) {

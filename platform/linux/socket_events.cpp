@@ -175,7 +175,7 @@ SocketWait WaitForMultipleObjectsEx(const SocketEvent& sockets, const WakeEvent&
       LeaveIfEnded();
     } else {
       selection->signalled = seen[i].events;
-      ++result.signalled;
+      result.only = ++result.signalled == 1 ? selection : nullptr;
     }
   }
   return result;

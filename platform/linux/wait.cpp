@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <exception>
 #include <utility>
 
@@ -32,6 +33,13 @@ ThreadRecord::~ThreadRecord() {
 std::mutex& WaitLock() {
   static std::mutex* lock = new std::mutex;  // outlives every thread that may still wait
   return *lock;
+}
+
+std::condition_variable& SleepingPlace() {
+  constexpr std::size_t kPlaces = 64;
+  static auto* places = new std::array<std::condition_variable, kPlaces>;
+  static std::atomic<std::size_t> handedOut{0};  // relaxed: only a spread is asked for
+  return (*places)[handedOut.fetch_add(1, std::memory_order_relaxed) % kPlaces];
 }
 
 ThreadRecord& CurrentThread() {
@@ -72,11 +80,12 @@ bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeu
   return inTime;
 }
 
+int EndDescriptor() { return MayLeave() ? CurrentThread().endDescriptor : -1; }
+
 bool WaitDescriptor(int descriptor, short events, int timeoutMs) {
   LeaveIfEnded();
-  pollfd fds[2] = {{descriptor, events, 0}, {CurrentThread().endDescriptor, POLLIN, 0}};
-  const bool endable = fds[1].fd >= 0 && MayLeave();
-  const int ready = ::poll(fds, endable ? 2 : 1, timeoutMs);
+  pollfd fds[2] = {{descriptor, events, 0}, {EndDescriptor(), POLLIN, 0}};
+  const int ready = ::poll(fds, fds[1].fd >= 0 ? 2 : 1, timeoutMs);
   LeaveIfEnded();
   return ready > 0 && fds[0].revents != 0;
 }

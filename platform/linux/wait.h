@@ -10,8 +10,10 @@
 //    may wait, and finish.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -35,6 +37,34 @@ struct ThreadRecord {
 };
 
 std::mutex& WaitLock();
+
+// Where the waiters of an object sleep. The places are few, shared and never destroyed, so a wake
+// may come when the object has gone; who is woken for another's sake looks and sleeps on.
+std::condition_variable& SleepingPlace();
+
+// Whom to wake once WaitLock has been given back: a thread that is woken under the lock runs
+// straight into it and must be woken again. Stands before the guard that holds the lock, so it ends
+// after it.
+class Wakes {
+ public:
+  Wakes() = default;
+  Wakes(const Wakes&) = delete;
+  Wakes& operator=(const Wakes&) = delete;
+  ~Wakes() {
+    for (std::size_t i = 0; i < count_; ++i) places_[i]->notify_all();
+  }
+  // REQUIRES: a place of SleepingPlace.
+  void Add(std::condition_variable& place) {
+    for (std::size_t i = 0; i < count_; ++i)
+      if (places_[i] == &place) return;
+    if (count_ == places_.size()) return place.notify_all();  // many at once are in no hurry
+    places_[count_++] = &place;
+  }
+
+ private:
+  std::array<std::condition_variable*, 4> places_{};
+  std::size_t count_ = 0;
+};
 
 // The calling thread's record. A thread that platform::CreateThread didn't make has one that is
 // never marked.
@@ -61,6 +91,10 @@ bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake
     if (!WaitTurn(lock, wakeup, deadline)) return ready();
   return true;
 }
+
+// The calling thread's end mark for a poll of its own, which calls LeaveIfEnded when the mark
+// comes; -1 for a thread that can't be terminated or unwinds already.
+int EndDescriptor();
 
 // Waits until the descriptor is readable (WaitReadable) or `events` of poll(2) have come; false on
 // time-out (negative: none) or failure. Leaves the thread if it was terminated.

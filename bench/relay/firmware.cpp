@@ -1,0 +1,222 @@
+// The far end behind a mailbox: the least firmware that serves the stream. It does what the server
+// does for the peers, with the lab link's frames around it, and as sparingly: the bytes of a
+// request are received where they are sent from, and all answers of a request leave in one write.
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "bench/relay/ends.h"
+#include "bench/relay/stream.h"
+#include "platform/linux/lab_link.h"
+#include "service/mailbox/control_codes.h"
+#include "service/mailbox/dispatcher.h"
+#include "service/mailbox/messages.h"
+
+namespace relay {
+
+namespace {
+
+using stewardry::ControlCodeFor;
+using stewardry::Operation;
+
+constexpr std::uint32_t kReadVersion = ControlCodeFor(Operation::kGetTavrinVersion).code;
+constexpr std::uint32_t kReadStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
+constexpr std::uint32_t kNewConnection = ControlCodeFor(Operation::kSendIPCompleteInfomartion).code;
+constexpr std::uint32_t kStreamBytes = ControlCodeFor(Operation::kWriteDASHPacket).code;
+
+constexpr std::uint8_t kTrailer[] = {stewardry::ORRIN_TAVRIN_CMD_DASH_DATA, 0};
+constexpr std::size_t kLongestPayload = lablink::kMaxFrame - sizeof kTrailer;
+constexpr std::uint8_t kUp = 1;  // the status of a firmware that needn't be told everything again
+
+// The messages of one answer, gathered until Flush.
+class Answer {
+ public:
+  explicit Answer(int sock) : sock_(sock) {}
+
+  // REQUIRES: `body` stays as it is until Flush.
+  void Complete(std::uint64_t id, const void* body, std::size_t size) {
+    PutHead(lablink::kComplete, id, size);
+    Put(body, size);
+  }
+  void Frame(const void* payload, std::size_t size) {
+    PutHead(lablink::kFrame, 0, size + sizeof kTrailer);
+    Put(payload, size);
+    Put(kTrailer, sizeof kTrailer);
+  }
+  // The payload in as many frames as it takes.
+  void Frames(const std::byte* payload, std::size_t size) {
+    while (size > 0) {
+      const std::size_t part = std::min(size, kLongestPayload);
+      Frame(payload, part);
+      payload += part;
+      size -= part;
+    }
+  }
+
+  bool Flush() {
+    iovec* at = parts_.data();
+    while (count_ > 0) {
+      msghdr message{};
+      message.msg_iov = at;
+      message.msg_iovlen = count_;
+      const ssize_t n = ::sendmsg(sock_, &message, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return false;
+      Drop(&at, static_cast<std::size_t>(n));
+    }
+    heads_ = 0;
+    return true;
+  }
+
+ private:
+  // A completion, and the frames of the longest round.
+  static constexpr std::size_t kHeads = 4;
+
+  void PutHead(std::uint32_t kind, std::uint64_t id, std::size_t length) {
+    head_[heads_] = {lablink::kMagic, kind, id, 0, static_cast<std::uint32_t>(length)};
+    Put(&head_[heads_++], sizeof(lablink::Head));
+  }
+  void Put(const void* data, std::size_t size) {
+    if (size > 0) parts_.at(count_++) = {const_cast<void*>(data), size};
+  }
+  void Drop(iovec** at, std::size_t sent) {
+    for (; count_ > 0 && sent >= (*at)->iov_len; --count_, ++*at) sent -= (*at)->iov_len;
+    if (count_ == 0) return;
+    (*at)->iov_base = static_cast<std::byte*>((*at)->iov_base) + sent;
+    (*at)->iov_len -= sent;
+  }
+
+  const int sock_;
+  std::array<lablink::Head, kHeads> head_{};
+  std::array<iovec, 3 * kHeads> parts_{};
+  std::size_t heads_ = 0;
+  std::size_t count_ = 0;
+};
+
+// The stream of the connection that the service has announced last.
+class Stream {
+ public:
+  void Begin() {
+    started_ = false;
+    filled_ = 0;
+    taken_ = 0;
+  }
+  // Where the next request's bytes go; null when they would not fit.
+  std::byte* Room(std::size_t size) {
+    return filled_ + size <= room_.Size() ? room_.Data() + filled_ : nullptr;
+  }
+  // So many bytes were put there: the frames that they bring about go into the answer.
+  void Take(std::size_t size, Answer* answer) {
+    filled_ += size;
+    if (!started_ && !TakeHead()) return;
+    if (head_.roundSize == 0) {
+      TakeSink(answer);
+    } else if (filled_ >= head_.roundSize) {
+      answer->Frames(room_.Data(), head_.roundSize);
+      filled_ = 0;  // the client sends the next round behind this one
+    }
+  }
+
+ private:
+  bool TakeHead() {
+    if (filled_ < sizeof head_) return false;
+    std::memcpy(&head_, room_.Data(), sizeof head_);
+    filled_ -= sizeof head_;
+    std::memmove(room_.Data(), room_.Data() + sizeof head_, filled_);
+    started_ = head_.roundSize <= kChunk;
+    return started_;
+  }
+  void TakeSink(Answer* answer) {
+    const bool before = taken_ < head_.total;
+    taken_ += filled_;
+    filled_ = 0;
+    if (before && taken_ >= head_.total) answer->Frame(&taken_, sizeof taken_);
+  }
+
+  PageBuffer room_{2 * kChunk + kPage};
+  StreamHead head_{};
+  bool started_ = false;
+  std::size_t filled_ = 0;
+  std::uint64_t taken_ = 0;
+};
+
+// One mailbox end, from its connect to its close.
+class Mailbox {
+ public:
+  explicit Mailbox(Descriptor sock) : sock_(std::move(sock)), answer_(sock_.Get()) {
+    version_.provisionStatus = stewardry::kProvisioned;
+    std::strcpy(version_.version, "bench");
+  }
+
+  void Serve() {
+    lablink::Head head;
+    while (ReceiveAll(sock_.Get(), &head, sizeof head) && head.magic == lablink::kMagic &&
+           head.length <= lablink::kMaxBody) {
+      if (!(head.kind == lablink::kRequest ? ServeRequest(head) : Skip(head.length))) return;
+    }
+  }
+
+ private:
+  static constexpr std::uint32_t kOutputSize = sizeof(std::uint32_t);
+
+  // The bytes of the stream are received where they are sent from, in the call that takes what
+  // stands before them.
+  bool ServeRequest(const lablink::Head& head) {
+    if (head.length < kOutputSize) return false;
+    const std::size_t size = head.length - kOutputSize;
+    const bool isStream = head.word == kStreamBytes;
+    std::byte* room = isStream ? stream_.Room(size) : unread_.Data();
+    if (room == nullptr || !ReceiveBody(room, size)) return false;
+    if (isStream) {
+      answer_.Complete(head.id, nullptr, 0);
+      stream_.Take(size, &answer_);
+    } else {
+      AnswerQuestion(head);
+    }
+    return answer_.Flush();
+  }
+  void AnswerQuestion(const lablink::Head& head) {
+    if (head.word == kNewConnection) stream_.Begin();
+    if (head.word == kReadVersion) return answer_.Complete(head.id, &version_, sizeof version_);
+    answer_.Complete(head.id, &kUp, head.word == kReadStatus ? sizeof kUp : 0);
+  }
+  bool ReceiveBody(std::byte* room, std::size_t size) {
+    std::uint32_t outputSize;  // the answers' sizes are known without it
+    iovec parts[] = {{&outputSize, kOutputSize}, {room, size}};
+    ssize_t n;
+    do {
+      n = ::readv(sock_.Get(), parts, size > 0 ? 2 : 1);
+    } while (n < 0 && errno == EINTR);
+    if (n < static_cast<ssize_t>(kOutputSize))
+      return false;  // written at once by every mailbox end
+    const std::size_t got = static_cast<std::size_t>(n) - kOutputSize;
+    return ReceiveAll(sock_.Get(), room + got, size - got);
+  }
+  bool Skip(std::size_t size) {
+    return size <= unread_.Size() && ReceiveAll(sock_.Get(), unread_.Data(), size);
+  }
+
+  const Descriptor sock_;
+  Answer answer_;
+  Stream stream_;
+  PageBuffer unread_{lablink::kMaxBody};
+  stewardry::TavrinVersionInfo version_{};
+};
+
+}  // namespace
+
+int RunFirmware(const std::string& unixPath) {
+  const Descriptor listener = ListenUnix(unixPath);
+  if (!listener) return 1;
+  for (;;) {
+    Descriptor sock = Accept(listener);
+    if (sock) Mailbox(std::move(sock)).Serve();
+  }
+}
+
+}  // namespace relay
