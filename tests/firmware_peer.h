@@ -66,6 +66,11 @@ class FirmwarePeer {
     std::lock_guard guard(lock_);
     verdicts_[code] = error;
   }
+  // What the requests of this code are answered with.
+  void SetAnswer(std::uint32_t code, const std::string& record) {
+    std::lock_guard guard(lock_);
+    answers_[code] = record;
+  }
   // One frame: the payload, the command code, one byte without a meaning.
   void SendFrame(const std::string& payload, std::uint8_t command) {
     SendRaw(payload + static_cast<char>(command) + '\0');
@@ -152,15 +157,17 @@ class FirmwarePeer {
   }
   void Finish(const lablink::Head& request, std::string input) {
     std::uint32_t verdict = 0;
+    std::string record;
     {
       std::lock_guard guard(lock_);
       requests_.push_back({request.word, std::move(input)});
       changed_.notify_all();
       auto found = verdicts_.find(request.word);
       if (found != verdicts_.end()) verdict = found->second;
+      auto answer = answers_.find(request.word);
+      if (verdict == 0 && answer != answers_.end()) record = answer->second;
     }
     if (verdict == kHold) return;
-    std::string record;
     if (verdict == 0 && request.word == kReadVersion)
       record = version_ + std::string(80 - version_.size(), '\0');
     if (verdict == 0 && request.word == kReadStatus)
@@ -194,6 +201,7 @@ class FirmwarePeer {
   int link_ = -1;  // guarded by lock_, as all below
   std::vector<Asked> requests_;
   std::map<std::uint32_t, std::uint32_t> verdicts_;
+  std::map<std::uint32_t, std::string> answers_;
   std::map<std::uint32_t, std::size_t> kinds_;
   std::atomic<std::uint8_t> status_{1};
   std::thread thread_;

@@ -9,6 +9,7 @@
 namespace stewardry {
 
 SharedRecord<TavrinVersionInfo> gTavrinVersionInfo;
+std::atomic<std::uint64_t> gLogBufferAddress{0};
 
 namespace {
 
@@ -20,6 +21,14 @@ void CopyVersion(TavrinVersionInfo* target, const char* text) {
   while (n < sizeof target->version - 1 && text[n] != 0) ++n;
   std::memcpy(target->version, text, n);
   target->version[n] = 0;
+}
+
+std::uint32_t AskForLogBuffer(Operation operation) {
+  RequestOutcome outcome;
+  std::uint64_t address = 0;
+  const std::uint32_t result = AskForRecord(operation, &address, &outcome);
+  if (outcome.completed) gLogBufferAddress.store(address, std::memory_order_relaxed);
+  return result;
 }
 
 std::uint32_t WritePacket(Operation operation, packet* data) {
@@ -104,6 +113,10 @@ void WriteSensorInfo(const SensorInfo* info) {
   LogInfo("SensorInfo size:%zd", ReportedSize(Operation::kWriteSensorInfo));
   SendRecord(Operation::kWriteSensorInfo, info);
 }
+
+std::uint32_t WriteLogBuffer() { return AskForLogBuffer(Operation::kWriteLogBuffer); }
+
+std::uint32_t DeAllocateLogBuffer() { return AskForLogBuffer(Operation::kDeAllocateLogBuffer); }
 
 std::uint32_t DeAllocateKVM_KB_MB_Buffers() {
   RequestOutcome outcome;

@@ -70,6 +70,20 @@ TEST_F(Request, ReadsTakeTheAnswerAndAFailureChangesNothing) {
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 31"));
 }
 
+TEST_F(Request, TheLogRingsAddressIsKeptUntilItIsGivenBack) {
+  OpenMailbox();
+  firmware_->SetVerdict(ControlCodeFor(Operation::kWriteLogBuffer).code, 31);
+  EXPECT_EQ(WriteLogBuffer(), 0U);
+  EXPECT_EQ(gLogBufferAddress.load(), 0U);
+  firmware_->SetVerdict(ControlCodeFor(Operation::kWriteLogBuffer).code, 0);
+  firmware_->SetAnswer(ControlCodeFor(Operation::kWriteLogBuffer).code, std::string(8, 'a'));
+  EXPECT_EQ(WriteLogBuffer(), 0U);
+  EXPECT_NE(gLogBufferAddress.load(), 0U);  // the mailbox end puts its own address there
+  firmware_->SetAnswer(ControlCodeFor(Operation::kDeAllocateLogBuffer).code, std::string(8, '\0'));
+  EXPECT_EQ(DeAllocateLogBuffer(), 0U);
+  EXPECT_EQ(gLogBufferAddress.load(), 0U);
+}
+
 // A version text without an end must stop at its field.
 TEST_F(Request, AVersionWithoutAnEndStopsAtItsField) {
   firmware_.reset();
