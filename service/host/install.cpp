@@ -12,10 +12,10 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kServiceAllAccess = 0xF01FF;   // SERVICE_ALL_ACCESS
-constexpr std::uint32_t kServiceWin32OwnProcess = 16;  // SERVICE_WIN32_OWN_PROCESS
-constexpr std::uint32_t kServiceAutoStart = 2;         // SERVICE_AUTO_START
-constexpr std::uint32_t kServiceErrorNormal = 1;       // SERVICE_ERROR_NORMAL
+constexpr std::uint32_t kServiceAllAccess = 0xF01FF;  // SERVICE_ALL_ACCESS
+constexpr std::uint32_t kOwnProcess = 16;         // a service with a process of its own (Winsvc.h)
+constexpr std::uint32_t kServiceAutoStart = 2;    // SERVICE_AUTO_START
+constexpr std::uint32_t kServiceErrorNormal = 1;  // SERVICE_ERROR_NORMAL
 constexpr char kDescription[] = "Corvane Stewardy Service";
 constexpr char kDependencies[] = "Tcpip\0Tavrin-MailBoxDrv\0";  // the literal adds the second end
 
@@ -34,8 +34,8 @@ void SvcInstall() {
   }
   std::printf("OpenSCManager successful\n");
   const platform::ServiceHandle service = platform::CreateServiceA(
-      manager, {kServiceName, kServiceName, kServiceAllAccess, kServiceWin32OwnProcess,
-                kServiceAutoStart, kServiceErrorNormal, szPath, kDependencies});
+      manager, {kServiceName, kServiceName, kServiceAllAccess, kOwnProcess, kServiceAutoStart,
+                kServiceErrorNormal, szPath, kDependencies});
   if (!service) {
     std::printf("CreateService failed with error (%u)\n", platform::LastError());
     return;
