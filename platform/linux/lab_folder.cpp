@@ -2,6 +2,8 @@
 #include "platform/linux/lab_folder.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,6 +27,18 @@ std::string NativePath(const char* windowsPath) {
     if (c == '\\') c = '/';
   if (path.size() >= 3 && path.compare(1, 2, ":/") == 0) return LabPath(path.substr(3));
   return path;
+}
+
+int DialLabSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return -1;
+  path.copy(address.sun_path, path.size());
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+  ::close(fd);
+  return -1;
 }
 
 void AppendLabLine(const std::string& name, const std::string& line) {

@@ -16,6 +16,10 @@ std::string LabPath(const std::string& name);
 // "<lab>/ProgramData/x". Any other path only has its backslashes turned.
 std::string NativePath(const char* windowsPath);
 
+// Connects to the Unix socket `path`. Gives the descriptor, which is the caller's, or -1 if nobody
+// listens there or the path is too long for a socket.
+int DialLabSocket(const std::string& path);
+
 // Appends one line to a text file in the lab folder, whole even with other writers.
 void AppendLabLine(const std::string& name, const std::string& line);
 

@@ -5,7 +5,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include <utility>
 
 #include "platform/error.h"
+#include "platform/linux/lab_folder.h"
 
 namespace platform {
 
@@ -42,18 +42,6 @@ void Drain(int descriptor) {
 void Ring(int descriptor) {
   const std::uint64_t one = 1;
   [[maybe_unused]] ssize_t written = ::write(descriptor, &one, sizeof one);
-}
-
-int Dial(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return -1;
-  path.copy(address.sun_path, path.size());
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
-  ::close(fd);
-  return -1;
 }
 
 // The control codes whose answer is the address of a shared region.
@@ -107,7 +95,7 @@ std::shared_ptr<MailboxLink> MailboxLink::Open(const std::string& path) {
   std::lock_guard guard(*lock);
   std::shared_ptr<MailboxLink> link = (*links)[path].lock();
   if (link) return link;
-  const int fd = Dial(path);
+  const int fd = DialLabSocket(path);
   if (fd < 0) return SetLastError(kErrorFileNotFound), nullptr;
   link = std::make_shared<MailboxLink>(fd);
   (*links)[path] = link;

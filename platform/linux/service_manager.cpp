@@ -9,7 +9,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,19 +52,6 @@ bool SendLine(Connection& manager, const std::string& line) {
   std::lock_guard guard(manager.lock);
   return ::send(manager.descriptor, whole.data(), whole.size(), MSG_NOSIGNAL) ==
          static_cast<ssize_t>(whole.size());
-}
-
-int DialManager() {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = LabPath("scm");
-  if (path.size() >= sizeof address.sun_path) return -1;
-  path.copy(address.sun_path, path.size());
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-    return fd;
-  if (fd >= 0) ::close(fd);
-  return -1;
 }
 
 std::vector<std::uint8_t> FromHex(std::string_view text) {
@@ -129,7 +115,7 @@ std::uint32_t RunServiceMain(void* name) {
 bool StartServiceCtrlDispatcherA(const char* name, ServiceMainEntry entry) {
   if (gate::Fails("StartServiceCtrlDispatcherA", "%s", name)) return false;
   Connection& manager = Manager();
-  manager.descriptor = DialManager();
+  manager.descriptor = DialLabSocket(LabPath("scm"));
   if (manager.descriptor < 0) return SetLastError(kErrorFailedServiceControllerConnect), false;
   manager.stopped = ::eventfd(0, EFD_CLOEXEC);
   manager.entry = entry;
