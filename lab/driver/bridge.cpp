@@ -1,0 +1,141 @@
+// tavrin_bridge: joins the mailbox driver's lab device to a firmware that listens on 127.0.0.1. It
+// is a plain pipe: each read of the device is one message of the lab link, each write too, so all
+// it does is to cut the socket's stream into messages.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+// This needs winsock2.h before it.
+#include <windows.h>
+#include <winioctl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+#include "lab/driver/lab_control.h"
+#include "platform/linux/lab_link.h"
+
+namespace {
+
+constexpr std::size_t kMaxMessage = sizeof(lablink::Head) + lablink::kMaxBody;
+
+struct CloseObject {
+  void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
+
+// What both directions use; the process ends with either, so nothing here is ever closed.
+struct Bridge {
+  HANDLE lab = INVALID_HANDLE_VALUE;
+  SOCKET firmware = INVALID_SOCKET;
+};
+
+[[noreturn]] void Leave(const char* why, unsigned long error) {
+  std::printf("ended: %s (%lu)\n", why, error);
+  std::fflush(stdout);
+  ExitProcess(1);  // the other direction waits where nothing could wake it
+}
+
+// One transfer with the device, which is open for overlapped use: both directions wait in it.
+DWORD Transfer(HANDLE lab, bool isRead, void* bytes, DWORD size, HANDLE event) {
+  OVERLAPPED request{};
+  request.hEvent = event;
+  const BOOL started = isRead ? ReadFile(lab, bytes, size, nullptr, &request)
+                              : WriteFile(lab, bytes, size, nullptr, &request);
+  DWORD moved = 0;
+  if ((!started && GetLastError() != ERROR_IO_PENDING) ||
+      !GetOverlappedResult(lab, &request, &moved, TRUE))
+    Leave(isRead ? "the driver gives nothing more" : "the driver refused a message",
+          GetLastError());
+  return moved;
+}
+
+Object MakeEvent() {
+  Object event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  if (!event) Leave("no event", GetLastError());
+  return event;
+}
+
+bool IsMessage(const lablink::Head& head) {
+  return head.magic == lablink::kMagic && head.length <= lablink::kMaxBody;
+}
+
+DWORD WINAPI DriverToFirmware(void* parameter) {
+  const Bridge& bridge = *static_cast<const Bridge*>(parameter);
+  const Object event = MakeEvent();
+  std::vector<char> message(kMaxMessage);
+  for (;;) {
+    const DWORD size =
+        Transfer(bridge.lab, true, message.data(), static_cast<DWORD>(message.size()), event.get());
+    lablink::Head head{};
+    if (size >= sizeof head) std::memcpy(&head, message.data(), sizeof head);
+    if (!IsMessage(head) || head.length != size - sizeof head)
+      Leave("the driver gave what is no message", size);
+    for (DWORD sent = 0; sent < size;) {
+      const int n = send(bridge.firmware, message.data() + sent, static_cast<int>(size - sent), 0);
+      if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
+      sent += static_cast<DWORD>(n);
+    }
+  }
+}
+
+void ReceiveAll(SOCKET firmware, char* bytes, std::size_t size) {
+  while (size > 0) {
+    const int n = recv(firmware, bytes, static_cast<int>(size), 0);
+    if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
+  }
+}
+
+[[noreturn]] void FirmwareToDriver(const Bridge& bridge) {
+  const Object event = MakeEvent();
+  std::vector<char> message(kMaxMessage);
+  for (;;) {
+    lablink::Head head;
+    ReceiveAll(bridge.firmware, message.data(), sizeof head);
+    std::memcpy(&head, message.data(), sizeof head);
+    if (!IsMessage(head)) Leave("the firmware sent what is no message", head.magic);
+    ReceiveAll(bridge.firmware, message.data() + sizeof head, head.length);
+    Transfer(bridge.lab, false, message.data(), static_cast<DWORD>(sizeof head + head.length),
+             event.get());
+  }
+}
+
+SOCKET Dial(unsigned long port) {
+  WSADATA data;
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) Leave("no sockets", 0);
+  const SOCKET firmware = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<u_short>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(firmware, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    Leave("no firmware on that port", static_cast<unsigned long>(WSAGetLastError()));
+  const BOOL noDelay = TRUE;  // a request is one small message, and its answer is waited for
+  setsockopt(firmware, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&noDelay),
+             sizeof noDelay);
+  return firmware;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  const unsigned long port = count == 2 ? std::strtoul(words[1], nullptr, 10) : 0;
+  if (port == 0 || port > 65535) {
+    std::printf("usage: tavrin_bridge PORT\n");
+    return 2;
+  }
+  Bridge bridge;
+  bridge.firmware = Dial(port);
+  bridge.lab = CreateFileA(TAVRIN_LAB_PATH, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_OVERLAPPED, nullptr);
+  if (bridge.lab == INVALID_HANDLE_VALUE) Leave("the driver is not there", GetLastError());
+  const Object thread(CreateThread(nullptr, 0, DriverToFirmware, &bridge, 0, nullptr));
+  if (!thread) Leave("no thread", GetLastError());
+  std::printf("joined\n");
+  std::fflush(stdout);
+  FirmwareToDriver(bridge);
+}

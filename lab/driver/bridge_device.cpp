@@ -1,0 +1,149 @@
+// The lab device, as the bridge uses it: each of its reads takes one whole message of the lab link,
+// each of its writes brings one.
+#include "lab/driver/mailbox.h"
+
+namespace tavrin {
+
+namespace {
+
+constexpr ULONG kMaxMessage = sizeof(lablink::Head) + lablink::kMaxBody;
+
+FILE_OBJECT* FileOf(IRP* irp) { return IoGetCurrentIrpStackLocation(irp)->FileObject; }
+
+void Free(LIST_ENTRY* blocks) {
+  while (!IsListEmpty(blocks))
+    ExFreePoolWithTag(CONTAINING_RECORD(RemoveHeadList(blocks), Block, link), kPoolTag);
+}
+
+// Moves all entries of `from` to the empty list `to`.
+void Move(LIST_ENTRY* from, LIST_ENTRY* to) {
+  while (!IsListEmpty(from)) InsertTailList(to, RemoveHeadList(from));
+}
+
+// What the firmware may send.
+NTSTATUS Act(const lablink::Head& head, const UCHAR* body) {
+  switch (head.kind) {
+    case lablink::kComplete:
+      return Complete(head, body);
+    case lablink::kFrame:
+      return TakeFrame(body, head.length);
+    case lablink::kFailRead:
+      FailRead(head.word);
+      return STATUS_SUCCESS;
+    case lablink::kPoke:
+      return Poke(head.id, head.word, body, head.length) ? STATUS_SUCCESS
+                                                         : STATUS_INVALID_PARAMETER;
+    case lablink::kPeek: {
+      UINT32 count = 0;
+      if (head.length < sizeof count) return STATUS_INVALID_PARAMETER;
+      RtlCopyMemory(&count, body, sizeof count);
+      return Peek(head.id, head.word, count) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
+    }
+    default:
+      return STATUS_INVALID_PARAMETER;
+  }
+}
+
+}  // namespace
+
+void CancelBridgeReads(FILE_OBJECT* file) {
+  for (;;) {
+    IRP* irp = nullptr;
+    {
+      Lock lock;
+      if (gMailbox.bridge != file) return;
+      irp = TakeFirst(&gMailbox.bridgeReads);
+    }
+    if (irp == nullptr) return;
+    Finish(irp, STATUS_CANCELLED, 0);
+  }
+}
+
+void CloseBridge(FILE_OBJECT* file) {
+  CancelBridgeReads(file);
+  LIST_ENTRY unheard;
+  InitializeListHead(&unheard);
+  {
+    Lock lock;
+    if (gMailbox.bridge != file) return;
+    gMailbox.bridge = nullptr;
+    gMailbox.eventBytes = 0;
+    Move(&gMailbox.events, &unheard);
+  }
+  Free(&unheard);
+  UnmapBridge();
+}
+
+bool Tell(UINT32 kind, UINT64 id, UINT32 word, const void* first, ULONG firstSize,
+          const void* second, ULONG secondSize) {
+  if (gMailbox.bridge == nullptr) return true;
+  const lablink::Head head{lablink::kMagic, kind, id, word, firstSize + secondSize};
+  const ULONG size = static_cast<ULONG>(sizeof head) + firstSize + secondSize;
+  if (size > kMaxMessage || gMailbox.eventBytes + size > kMaxEventBytes) return false;
+  auto* block =
+      static_cast<Block*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Block) + size, kPoolTag));
+  if (block == nullptr) return false;
+  block->size = size;
+  RtlCopyMemory(block->bytes, &head, sizeof head);
+  if (firstSize > 0) RtlCopyMemory(block->bytes + sizeof head, first, firstSize);
+  if (secondSize > 0) RtlCopyMemory(block->bytes + sizeof head + firstSize, second, secondSize);
+  InsertTailList(&gMailbox.events, &block->link);
+  gMailbox.eventBytes += size;
+  return true;
+}
+
+void DeliverEvents() {
+  for (;;) {
+    IRP* irp;
+    Block* block;
+    {
+      Lock lock;
+      if (IsListEmpty(&gMailbox.events)) return;
+      irp = TakeFirst(&gMailbox.bridgeReads);
+      if (irp == nullptr) return;
+      block = CONTAINING_RECORD(RemoveHeadList(&gMailbox.events), Block, link);
+      gMailbox.eventBytes -= block->size;
+    }
+    // ReadEvents has refused every buffer that could be too small.
+    RtlCopyMemory(irp->AssociatedIrp.SystemBuffer, block->bytes, block->size);
+    Finish(irp, STATUS_SUCCESS, block->size);
+    ExFreePoolWithTag(block, kPoolTag);
+  }
+}
+
+NTSTATUS ReadEvents(IRP* irp) {
+  if (IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length < kMaxMessage)
+    return Finish(irp, STATUS_BUFFER_TOO_SMALL, 0);
+  NTSTATUS status = STATUS_PENDING;
+  {
+    Lock lock;
+    if (gMailbox.bridge == nullptr) {
+      gMailbox.bridge = FileOf(irp);
+      TellAll();
+    }
+    if (gMailbox.bridge != FileOf(irp)) {
+      status = STATUS_SHARING_VIOLATION;  // one bridge at a time
+    } else if (!Pend(&gMailbox.bridgeReads, irp)) {
+      status = STATUS_CANCELLED;
+    }
+  }
+  if (status != STATUS_PENDING) return Finish(irp, status, 0);
+  DeliverEvents();
+  return STATUS_PENDING;
+}
+
+NTSTATUS WriteMessage(IRP* irp) {
+  const ULONG size = IoGetCurrentIrpStackLocation(irp)->Parameters.Write.Length;
+  const auto* bytes = static_cast<const UCHAR*>(irp->AssociatedIrp.SystemBuffer);
+  lablink::Head head;
+  if (size < sizeof head) return Finish(irp, STATUS_INVALID_PARAMETER, 0);
+  RtlCopyMemory(&head, bytes, sizeof head);
+  if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody ||
+      head.length != size - sizeof head)
+    return Finish(irp, STATUS_INVALID_PARAMETER, 0);
+  const NTSTATUS status = Act(head, bytes + sizeof head);
+  DeliverEvents();
+  return Finish(irp, status, status == STATUS_SUCCESS ? size : 0);
+}
+
+}  // namespace tavrin

@@ -1,0 +1,148 @@
+// The memory that firmware and service share: two sections, mapped into the service's process when
+// the firmware's answer says so, and into the bridge's for the firmware's reads and writes.
+#include <atomic>
+
+#include "lab/driver/mailbox.h"
+
+namespace tavrin {
+
+namespace {
+
+struct Region {
+  ULONG size;
+  ULONG askCode;       // its answer carries the address
+  ULONG giveBackCode;  // its answer ends the view
+};
+constexpr Region kRegion[kRegions] = {
+    {lablink::kKeyboardMouseRegionSize, 0x9C416450, 0x9C416454},
+    {lablink::kLogRegionSize, 0x9C416448, 0x9C41644C},
+};
+static_assert(lablink::kKeyboardMouseRegion == 0 && lablink::kLogRegion == 1);
+
+HANDLE gSections[kRegions];
+// Where the bridge's process sees each region. Used by the bridge's own calls only, which come one
+// at a time.
+PVOID gBridgeViews[kRegions];
+
+PVOID Map(ULONG region, HANDLE process) {
+  PVOID base = nullptr;
+  SIZE_T size = 0;
+  LARGE_INTEGER offset{};
+  const NTSTATUS status = ZwMapViewOfSection(gSections[region], process, &base, 0, 0, &offset,
+                                             &size, ViewUnmap, 0, PAGE_READWRITE);
+  return NT_SUCCESS(status) ? base : nullptr;
+}
+
+// The process of that id; null if it has gone. The caller closes it.
+HANDLE OpenProcess(HANDLE id) {
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+  CLIENT_ID client{id, nullptr};
+  HANDLE process = nullptr;
+  const NTSTATUS status = ZwOpenProcess(&process, PROCESS_ALL_ACCESS, &attributes, &client);
+  return NT_SUCCESS(status) ? process : nullptr;
+}
+
+// The bytes of a region for the bridge's call; null beyond its bounds.
+UCHAR* BridgeBytes(UINT64 region, UINT32 offset, ULONG size) {
+  if (region >= kRegions) return nullptr;
+  if (offset > kRegion[region].size || size > kRegion[region].size - offset) return nullptr;
+  PVOID& view = gBridgeViews[region];
+  if (view == nullptr) view = Map(static_cast<ULONG>(region), ZwCurrentProcess());
+  return view == nullptr ? nullptr : static_cast<UCHAR*>(view) + offset;
+}
+
+}  // namespace
+
+NTSTATUS CreateRegions() {
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+  for (ULONG i = 0; i < kRegions; ++i) {
+    LARGE_INTEGER size;
+    size.QuadPart = kRegion[i].size;
+    const NTSTATUS status = ZwCreateSection(&gSections[i], SECTION_ALL_ACCESS, &attributes, &size,
+                                            PAGE_READWRITE, SEC_COMMIT, nullptr);
+    if (!NT_SUCCESS(status)) return CloseRegions(), status;
+  }
+  return STATUS_SUCCESS;
+}
+
+void CloseRegions() {
+  for (HANDLE& section : gSections) {
+    if (section != nullptr) ZwClose(section);
+    section = nullptr;
+  }
+}
+
+ULONG RegionAskedFor(ULONG code) {
+  for (ULONG i = 0; i < kRegions; ++i)
+    if (kRegion[i].askCode == code) return i;
+  return kRegions;
+}
+
+ULONG RegionGivenBack(ULONG code) {
+  for (ULONG i = 0; i < kRegions; ++i)
+    if (kRegion[i].giveBackCode == code) return i;
+  return kRegions;
+}
+
+PVOID MapFor(Handle* handle, HANDLE process, ULONG region) {
+  if (handle->views[region] != nullptr && handle->process == process) return handle->views[region];
+  const HANDLE owner = OpenProcess(process);
+  if (owner == nullptr) return nullptr;
+  handle->views[region] = Map(region, owner);
+  handle->process = process;
+  ZwClose(owner);
+  return handle->views[region];
+}
+
+void UnmapFor(Handle* handle, ULONG region) {
+  PVOID view = handle->views[region];
+  handle->views[region] = nullptr;
+  if (view == nullptr) return;
+  const HANDLE owner = OpenProcess(handle->process);
+  if (owner == nullptr) return;  // its views went with the process
+  ZwUnmapViewOfSection(owner, view);
+  ZwClose(owner);
+}
+
+bool Poke(UINT64 region, UINT32 offset, const UCHAR* bytes, ULONG size) {
+  UCHAR* to = BridgeBytes(region, offset, size);
+  if (to == nullptr) return false;
+  // Whole words where both ends allow: the service reads an index while it is written.
+  ULONG at = 0;
+  for (; offset % 4 == 0 && size - at >= 4; at += 4) {
+    ULONG word;
+    RtlCopyMemory(&word, bytes + at, sizeof word);
+    *reinterpret_cast<volatile ULONG*>(to + at) = word;
+  }
+  for (; at < size; ++at) *static_cast<volatile UCHAR*>(to + at) = bytes[at];
+  std::atomic_thread_fence(std::memory_order_release);  // what is poked next is seen later
+  return true;
+}
+
+bool Peek(UINT64 region, UINT32 offset, ULONG count) {
+  const UCHAR* from = BridgeBytes(region, offset, count);
+  if (from == nullptr) return false;
+  // Copied before the lock: the view is ordinary memory and may fault.
+  auto* copy =
+      static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, count == 0 ? 1 : count, kPoolTag));
+  if (copy == nullptr) return false;
+  RtlCopyMemory(copy, from, count);
+  bool told;
+  {
+    Lock lock;
+    told = Tell(lablink::kMemory, region, offset, copy, count);
+  }
+  ExFreePoolWithTag(copy, kPoolTag);
+  return told;
+}
+
+void UnmapBridge() {
+  for (PVOID& view : gBridgeViews) {
+    if (view != nullptr) ZwUnmapViewOfSection(ZwCurrentProcess(), view);
+    view = nullptr;
+  }
+}
+
+}  // namespace tavrin
