@@ -219,8 +219,8 @@ NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
   MailboxDevice* mailbox = ExtensionOf(device);
   RtlZeroMemory(mailbox, sizeof *mailbox);
   IoInitializeRemoveLock(&mailbox->removeLock, kPoolTag, 0, 0);
-  status =
-      IoRegisterDeviceInterface(physical, &kMailboxInterfaceClass, nullptr, &mailbox->interfaceName);
+  status = IoRegisterDeviceInterface(physical, &kMailboxInterfaceClass, nullptr,
+                                     &mailbox->interfaceName);
   if (NT_SUCCESS(status)) {
     mailbox->lower = IoAttachDeviceToDeviceStack(device, physical);
     if (mailbox->lower == nullptr) {

@@ -115,8 +115,8 @@ void InitializeMailbox() {
 }
 
 NTSTATUS OpenHandle(IRP* irp) {
-  auto* handle = static_cast<Handle*>(
-      ExAllocatePoolWithTag(NonPagedPool, sizeof(Handle), kPoolTag));
+  auto* handle =
+      static_cast<Handle*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Handle), kPoolTag));
   if (handle == nullptr) return Finish(irp, STATUS_INSUFFICIENT_RESOURCES, 0);
   RtlZeroMemory(handle, sizeof *handle);
   handle->file = FileOf(irp);
@@ -251,8 +251,8 @@ NTSTATUS Complete(const lablink::Head& head, const UCHAR* body) {
 
 NTSTATUS TakeFrame(const UCHAR* frame, ULONG size) {
   if (size > lablink::kMaxFrame) return STATUS_INVALID_BUFFER_SIZE;
-  auto* waiting = static_cast<Block*>(
-      ExAllocatePoolWithTag(NonPagedPool, sizeof(Block) + size, kPoolTag));
+  auto* waiting =
+      static_cast<Block*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Block) + size, kPoolTag));
   if (waiting == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
   waiting->size = size;
   RtlCopyMemory(waiting->bytes, frame, size);

@@ -49,7 +49,7 @@ struct Handle {
   bool told;       // the bridge knows of it
   bool isRequest;  // first used for a request; else for a read
   bool used;
-  HANDLE process;        // of the last caller who asked for a region
+  HANDLE process;         // of the last caller who asked for a region
   PVOID views[kRegions];  // where that process sees each region
 };
 

@@ -39,9 +39,7 @@ bool Pend(LIST_ENTRY* list, IRP* irp) {
   return true;
 }
 
-IRP* PacketOf(LIST_ENTRY* entry) {
-  return CONTAINING_RECORD(entry, IRP, Tail.Overlay.ListEntry);
-}
+IRP* PacketOf(LIST_ENTRY* entry) { return CONTAINING_RECORD(entry, IRP, Tail.Overlay.ListEntry); }
 
 bool Take(IRP* irp) {
   RemoveEntryList(&irp->Tail.Overlay.ListEntry);
