@@ -76,16 +76,31 @@ scripts/check_house.sh || house=$?
 say "testing: ${presets[*]}"
 [ $house -eq 0 ] || say "the house rules are BROKEN (above); the run fails whatever the tests say"
 printf 'subdirs(%s)\n' "${presets[*]}" >build/CTestTestfile.cmake
-# ctest's summary names the tests that were skipped, but not why; the reasons are printed before it.
+# ctest's summary names the tests that were skipped, but not why; the reasons are printed before it,
+# and how many tests ran as Windows programs. A Python program counts as its cases.
 with_reasons() {
   awk -v log_file=build/Testing/Temporary/LastTest.log '
-    function reasons(  line, words, n, name, take) {
+    function reasons(  line, words, n, name, take, ran, skipped, cases) {
       while ((getline line < log_file) > 0) {
-        if (line ~ / Testing: /) { n = split(line, words, " "); name = words[n] }
+        if (line ~ / Testing: /) { n = split(line, words, " "); name = words[n]; cases = 0 }
         if (take) { print "skipped: " name ": " line; take = 0 }
-        if (line ~ /: Skipped$/) take = 1
-        if (line ~ /^skipped: /) print "skipped: " name ": " substr(line, 10)
+        if (line ~ /: Skipped$/) { take = 1; skipped += name ~ /^windows\./ }
+        if (line ~ /^skipped: /) {
+          print "skipped: " name ": " substr(line, 10)
+          skipped += name ~ /^windows\./
+        }
+        if (line ~ /^ *test_.* \.\.\. skipped /) {
+          split(line, words, " ")
+          print "skipped: " name ": " words[1] ": " substr(line, index(line, "skipped ") + 8)
+        }
+        if (name !~ /^windows\./) continue
+        if (line ~ /^Ran [0-9]+ tests? in /) { split(line, words, " "); cases = words[2]; ran += cases }
+        if (match(line, /^(OK|FAILED) .*skipped=[0-9]+/)) {
+          sub(/.*skipped=/, "", line); ran -= line + 0; skipped += line + 0
+        }
+        if (line ~ /^Test (Passed|Failed)/ && cases == 0) ++ran
       }
+      print "as Windows programs under Wine: " ran + 0 " tests run, " skipped + 0 " skipped"
     }
     /^[0-9]+% tests passed/ { reasons(); print "" }
     { print; fflush() }'

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "platform/windows/delay_imports.h"
 #include "platform/windows/windows_api.h"
 // These need windows.h.
 #include <psapi.h>
@@ -14,7 +15,10 @@ static_assert(kMaxPath == MAX_PATH);
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
 
 bool PrepareProcess() {
-  return ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) && ::SetDllDirectoryA("");
+  const bool isNarrow =
+      ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) && ::SetDllDirectoryA("");
+  BindDelayImports();
+  return isNarrow;
 }
 
 bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {

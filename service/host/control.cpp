@@ -55,6 +55,7 @@ void EndThread(int slot, const char* failureLine) {
 }
 
 void StopService() {
+  gStopPathRuns.store(true, std::memory_order_relaxed);  // the stop event's signal publishes it
   LogInfo("SERVICE_CONTROL_STOP recevied\n");
   ReportSvcStatus(kServiceStopPending, 0, 0);
   gTavrinRunning.store(0, std::memory_order_relaxed);
@@ -67,6 +68,7 @@ void StopService() {
   (void)platform::SetEvent(*gServiceStopEvent);
   ReportSvcStatus(kServiceStopPending, 0, 0);
   ServiceLog_Close();
+  gStopPathRuns.store(false, std::memory_order_release);
 }
 
 // The service stays SERVICE_RUNNING, with its log open, until the system ends it.
@@ -161,16 +163,9 @@ void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint) {
   static std::uint32_t nextCheckPoint = 1;  // the dispatcher's thread only
   const bool settled = currentState == kServiceRunning || currentState == kServiceStopped;
-  const platform::ServiceStatus status = {
-      kServiceWin32OwnProcessType,
-      currentState,
-      currentState == kServiceStartPending ? 0 : kServiceAcceptStop,
-      win32ExitCode,
-      0,
-      settled ? 0 : nextCheckPoint++,
-      waitHint};
-  gServiceStatus.Store(status);
-  (void)platform::SetServiceStatus(gServiceStatusHandle, status);  // nobody to tell of a failure
+  SetReportedStatus({kServiceWin32OwnProcessType, currentState,
+                     currentState == kServiceStartPending ? 0 : kServiceAcceptStop, win32ExitCode,
+                     0, settled ? 0 : nextCheckPoint++, waitHint});
   SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
 }
 

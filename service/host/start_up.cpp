@@ -7,6 +7,7 @@
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/process.h"
+#include "platform/thread.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
@@ -25,6 +26,7 @@ namespace stewardry {
 SharedRecord<platform::ServiceStatus> gServiceStatus;
 platform::ServiceStatusHandle gServiceStatusHandle = nullptr;
 platform::ProcessLifetime<platform::Event> gServiceStopEvent;
+std::atomic<bool> gStopPathRuns{false};
 platform::ProcessLifetime<ServiceThreads> gServiceThreads;
 
 namespace {
@@ -61,11 +63,18 @@ void LogBanner() {
 // What SvcInit reports by hand, without a wait hint.
 void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint32_t exitCode,
                   std::uint32_t checkPoint) {
-  const platform::ServiceStatus status = {
-      kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0};
-  gServiceStatus.Store(status);
-  // Without a service manager the report goes nowhere.
-  (void)platform::SetServiceStatus(gServiceStatusHandle, status);
+  SetReportedStatus(
+      {kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0});
+}
+
+// Lets the control handler come to its end, so that SERVICE_STOPPED is the last report: a pending
+// one behind it would stand for ever, or make the manager take the end of the process for a
+// failure. A lock around each report won't do, since a manager may let no other report through
+// while it waits for the handler. A handler that hangs is given up.
+void AwaitStopPath() {
+  constexpr int kPatienceMilliseconds = 5000;
+  for (int i = 0; i < kPatienceMilliseconds && gStopPathRuns.load(std::memory_order_acquire); ++i)
+    platform::Sleep(1);
 }
 
 void FailStart() { ReportStatus(kServiceStopped, 0, platform::LastError(), 1); }
@@ -96,6 +105,12 @@ void ServiceMain(std::uint32_t argc, char** argv) {
 }
 
 }  // namespace
+
+void SetReportedStatus(const platform::ServiceStatus& status) {
+  gServiceStatus.Store(status);
+  // Without a service manager the report goes nowhere.
+  (void)platform::SetServiceStatus(gServiceStatusHandle, status);
+}
 
 bool InitServiceLog() {
   char szAllUsersProfile[platform::kMaxPath];
@@ -131,6 +146,7 @@ void SvcInit(std::uint32_t, char**) {
   ReportServiceEvent("SvcInit-After CreateThread", kEventInformation);
   ReportStatus(kServiceRunning, kServiceAcceptStop | kServiceAcceptPreshutdown, 0, 0);
   (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
+  AwaitStopPath();
   ReportStatus(kServiceStopped, 0, 0, 3);
 }
 

@@ -2,6 +2,7 @@
 // order in which the parts of the system come up.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/event.h"
@@ -28,6 +29,11 @@ extern SharedRecord<platform::ServiceStatus> gServiceStatus;
 // Null in a foreground run. Written by the service main before any report, which every later
 // report on another thread follows.
 extern platform::ServiceStatusHandle gServiceStatusHandle;
+// Keeps the status and reports it to the service manager. Any thread.
+void SetReportedStatus(const platform::ServiceStatus& status);
+// True while the control handler stops the service. Written by the handler, read by SvcInit; its
+// release and SvcInit's acquire put the handler's last report before SERVICE_STOPPED.
+extern std::atomic<bool> gStopPathRuns;
 // Manual reset; signalled by the stop path, waited for by SvcInit.
 extern platform::ProcessLifetime<platform::Event> gServiceStopEvent;
 

@@ -134,6 +134,7 @@ class Dash(LabTest):
             with self.subTest(name):
                 before = len(self.orrin.text())
                 peer = connect()
+                self.orrin.saw(ANNOUNCED, before)  # a peer that is reset earlier fails the accept
                 if data:
                     peer.sendall(data)
                     self.orrin.saw("WriteDASHPacket: 5 bytes", before)

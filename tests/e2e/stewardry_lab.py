@@ -78,10 +78,12 @@ class Process:
     def __init__(self, lab, name, *words):
         self.out, self.err = (os.path.join(lab.folder, name + end) for end in (".out", ".err"))
         with open(self.out, "ab") as out, open(self.err, "ab") as err:
-            self.child = subprocess.Popen(
-                [os.path.join(BIN, words[0]), *words[1:]], stdin=subprocess.PIPE, stdout=out,
-                stderr=err, env=dict(os.environ, STEWARDRY_LAB=lab.folder))
-        self.given = None
+            self.child = self.start(lab, words, out, err)
+
+    def start(self, lab, words, out, err):
+        return subprocess.Popen(
+            [os.path.join(BIN, words[0]), *words[1:]], stdin=subprocess.PIPE, stdout=out,
+            stderr=err, env=dict(os.environ, STEWARDRY_LAB=lab.folder))
 
     def text(self):
         with open(self.out, encoding="utf-8", errors="replace") as file:
@@ -109,8 +111,10 @@ class Process:
 
 
 class Orrin(Process):
-    def __init__(self, lab, socket_name):
-        super().__init__(lab, "orrin-" + socket_name, "orrin", "--socket", socket_name)
+    """`where` says what it listens on, as its command line takes it."""
+
+    def __init__(self, lab, *where):
+        super().__init__(lab, "orrin-" + where[-1], "orrin", *where)
         self.marks = 0
         self.saw("listening on ")
 
@@ -174,7 +178,7 @@ class LabTest(unittest.TestCase):
         return process
 
     def start_orrin(self, socket_name="mailbox0", *commands):
-        orrin = Orrin(self, socket_name)
+        orrin = Orrin(self, "--socket", socket_name)
         self.processes.append(orrin)
         if commands:
             orrin.tell(*commands)
