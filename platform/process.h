@@ -12,7 +12,7 @@ constexpr std::size_t kMaxPath = 260;  // MAX_PATH
 
 // Run once, before anything else: on Windows narrows the DLL search to the system folder and loads
 // from there every DLL that the program uses; on Linux ignores SIGPIPE, occupies descriptors 0 to 2
-// and makes the lab folder. False when it could not narrow the search, or make the folder.
+// and makes the lab folder. False when the search stays wide, or the descriptors free.
 bool PrepareProcess();
 
 // SHGetFolderPathA(CSIDL_COMMON_APPDATA): the machine's common application data folder, without a

@@ -36,6 +36,13 @@ std::uint32_t GetCurrentProcessId();
 // Sleep: suspends the calling thread; 0 gives up the rest of its time slice.
 void Sleep(std::uint32_t milliseconds);
 
+// YieldProcessor: tells the processor that the calling thread spins.
+void PauseProcessor();
+
+// SwitchToThread: the rest of the time slice goes to another thread that is ready, if there is one;
+// no pause otherwise. On Linux a terminated thread leaves here, too.
+void SwitchToThread();
+
 // While one of these lives, the calling thread doesn't leave at a wait although it was terminated:
 // what a destructor waits for must finish. Windows needs none, since it ends a thread where it
 // stands and runs no destructor.

@@ -19,7 +19,7 @@
 namespace lab {
 namespace {
 
-constexpr int kBacklog = 16;
+constexpr int kBacklog = SOMAXCONN;  // an agent gets a connection for each event
 
 bool MakeAddress(const std::string& path, sockaddr_un* address) {
   *address = {};

@@ -77,6 +77,15 @@ void NoteArmed(const char* call) {
   gate.trace.push_back(std::string(call) + "()");
 }
 
+bool SkipsArmed(const char* call, std::uint32_t milliseconds) {
+  std::string entry = std::string(call) + "(" + std::to_string(milliseconds) + ")";
+  State& gate = Gate();
+  std::lock_guard guard(gate.lock);
+  const bool skips = RuleFor(gate, entry) == kFinishAtOnce;
+  gate.trace.push_back(std::move(entry));
+  return skips;
+}
+
 std::string Arguments(const char* format, ...) {
   char text[256];
   va_list list;

@@ -42,6 +42,14 @@ inline void Note(const char* call) {
   if (gArmed.load(std::memory_order_relaxed)) NoteArmed(call);
 }
 
+// Records a wait of so many milliseconds as "Name(milliseconds)". True if a test wants it over at
+// once, which it says with FailNext or FailEvery of those words and kFinishAtOnce. It doesn't count
+// for FailNth.
+bool SkipsArmed(const char* call, std::uint32_t milliseconds);
+inline bool Skips(const char* call, std::uint32_t milliseconds) {
+  return gArmed.load(std::memory_order_relaxed) && SkipsArmed(call, milliseconds);
+}
+
 // For tests. Arm starts a fresh trace with nothing set to fail; Disarm lets every call pass again.
 void Arm();
 void Disarm();

@@ -79,6 +79,37 @@ void FinishRead(Wakes* wakes, PortState* port, RequestRecord* record, std::uint3
   wakes->Add(port->changed);
 }
 
+// The service reads and writes a region at the same time: an index, which is an aligned word, is
+// moved whole, and what is moved first is seen first.
+constexpr std::size_t kWord = sizeof(std::uint32_t);
+
+std::size_t WholeWords(const std::byte* shared, std::size_t size) {
+  return reinterpret_cast<std::uintptr_t>(shared) % kWord == 0 ? size / kWord * kWord : 0;
+}
+
+void StoreShared(std::span<std::byte> shared, std::span<const std::byte> from) {
+  const std::size_t words = WholeWords(shared.data(), from.size());
+  for (std::size_t i = 0; i < words; i += kWord) {
+    std::uint32_t word;
+    std::memcpy(&word, &from[i], kWord);
+    std::atomic_ref(*reinterpret_cast<std::uint32_t*>(&shared[i]))
+        .store(word, std::memory_order_release);
+  }
+  for (std::size_t i = words; i < from.size(); ++i)
+    std::atomic_ref(shared[i]).store(from[i], std::memory_order_release);
+}
+
+void LoadShared(std::span<std::byte> to, std::span<std::byte> shared) {
+  const std::size_t words = WholeWords(shared.data(), to.size());
+  for (std::size_t i = 0; i < words; i += kWord) {
+    const std::uint32_t word = std::atomic_ref(*reinterpret_cast<std::uint32_t*>(&shared[i]))
+                                   .load(std::memory_order_acquire);
+    std::memcpy(&to[i], &word, kWord);
+  }
+  for (std::size_t i = words; i < to.size(); ++i)
+    to[i] = std::atomic_ref(shared[i]).load(std::memory_order_acquire);
+}
+
 }  // namespace
 
 std::span<std::byte> SharedRegion(std::uint64_t region) {
@@ -400,9 +431,7 @@ void MailboxLink::FailRead(Wakes* wakes, std::uint32_t error) {
 void MailboxLink::Poke(const lablink::Head& head, Body body) {
   const std::span<std::byte> region = SharedRegion(head.id);
   if (head.word > region.size() || head.length > region.size() - head.word) return;
-  // Byte by byte as atomics: the service's pumps read the region at the same time.
-  for (std::uint32_t i = 0; i < head.length; ++i)
-    std::atomic_ref(region[head.word + i]).store(body[i], std::memory_order_release);
+  StoreShared(region.subspan(head.word, head.length), body);
 }
 
 void MailboxLink::Peek(const lablink::Head& head, Body input) {
@@ -413,8 +442,7 @@ void MailboxLink::Peek(const lablink::Head& head, Body input) {
   if (head.word > region.size()) count = 0;
   count = std::min<std::uint32_t>(count, static_cast<std::uint32_t>(region.size()) - head.word);
   std::vector<std::byte> bytes(count);
-  for (std::uint32_t i = 0; i < count; ++i)
-    bytes[i] = std::atomic_ref(region[head.word + i]).load(std::memory_order_acquire);
+  LoadShared(bytes, region.subspan(head.word, count));
   const iovec body[] = {{bytes.data(), bytes.size()}};
   Send(lablink::kMemory, head.id, head.word, body);
 }

@@ -6,4 +6,7 @@ namespace platform {
 constexpr bool kSelectBeforeEachWait = false;  // an epoll selection stands until it is changed
 constexpr bool kAskEachSocket = false;         // the wait tells which sockets have news
 
+constexpr char kPathSeparator = '/';   // in the path of the executable
+constexpr char kProgramSuffix[] = "";  // of an executable's name
+
 }  // namespace platform

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 
+#include "platform/error.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
 
@@ -12,17 +13,19 @@ namespace platform {
 
 namespace {
 
-int gTokenMark;  // a token needs no content here, only an address
-
 const char* YesNo(bool value) { return value ? "true" : "false"; }
 
 }  // namespace
 
-void CloseToken(RawHandle) { gate::Note("CloseHandle"); }
+// A token needs no content here; that it is given back is seen by the leak check.
+void CloseToken(RawHandle raw) {
+  gate::Note("CloseHandle");
+  delete static_cast<char*>(raw);
+}
 
 Token OpenProcessToken() {
   if (gate::Fails("OpenProcessToken")) return Token();
-  return Token(&gTokenMark);
+  return Token(new char(0));
 }
 
 bool LookupPrivilegeValueA(const char* name, Luid* luid) {
@@ -32,7 +35,9 @@ bool LookupPrivilegeValueA(const char* name, Luid* luid) {
 }
 
 bool AdjustTokenPrivileges(const Token&, const Luid& luid) {
-  return !gate::Fails("AdjustTokenPrivileges", "%u", luid.low);
+  if (gate::Fails("AdjustTokenPrivileges", "%u", luid.low)) return false;
+  SetLastError(0);  // every privilege asked for is held
+  return true;
 }
 
 bool InitiateSystemShutdownExA(const char* message, std::uint32_t timeoutSeconds, bool forceClose,

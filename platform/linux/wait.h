@@ -11,6 +11,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -27,7 +28,9 @@ struct ThreadRecord {
   std::condition_variable finished;  // signalled when the thread has left
   std::condition_variable* waitingOn = nullptr;
   int endDescriptor = -1;  // readable once the thread is to end
-  bool ended = false;      // the end mark
+  // The end mark. Written under WaitLock; relaxed: who sees it without the lock looks again with
+  // it.
+  std::atomic<bool> ended{false};
   bool running = true;
   std::uint32_t exitCode = 0;
   ThreadRecord() = default;

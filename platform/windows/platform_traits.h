@@ -6,4 +6,7 @@ namespace platform {
 constexpr bool kSelectBeforeEachWait = true;  // re-arming makes Winsock's events level-triggered
 constexpr bool kAskEachSocket = true;         // one event for all sockets: each must be asked
 
+constexpr char kPathSeparator = '\\';      // in the path of the executable
+constexpr char kProgramSuffix[] = ".exe";  // of an executable's name
+
 }  // namespace platform

@@ -56,6 +56,10 @@ std::uint32_t GetCurrentProcessId() { return ::GetCurrentProcessId(); }
 
 void Sleep(std::uint32_t milliseconds) { ::Sleep(milliseconds); }
 
+void PauseProcessor() { YieldProcessor(); }
+
+void SwitchToThread() { ::SwitchToThread(); }
+
 StayInThread::StayInThread() = default;
 StayInThread::~StayInThread() = default;
 

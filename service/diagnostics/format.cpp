@@ -148,4 +148,11 @@ std::size_t FormatText(char* out, std::size_t size, std::string_view format,
   return output.Finish();
 }
 
+bool EqualIgnoringCase(const char* a, const char* b) {
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  for (; *a != 0 && lower(*a) == lower(*b); ++a, ++b) {
+  }
+  return lower(*a) == lower(*b);
+}
+
 }  // namespace stewardry

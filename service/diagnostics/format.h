@@ -133,4 +133,7 @@ std::size_t FormatTo(char* out, std::size_t size,
   return FormatText(out, size, format.text, std::span(list, sizeof...(Args)));
 }
 
+// True if the zero-terminated texts are the same but for the case of the letters A to Z.
+bool EqualIgnoringCase(const char* a, const char* b);
+
 }  // namespace stewardry

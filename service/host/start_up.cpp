@@ -38,13 +38,6 @@ constexpr std::size_t kLogPathSize = 256;
 constexpr platform::Guid kPowerSettings[] = {kGuidAcdcPowerSource, kGuidBatteryPercentageRemaining,
                                              kGuidGlobalUserPresence};
 
-bool EqualIgnoringCase(const char* a, const char* b) {
-  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-  for (; *a != 0 && lower(*a) == lower(*b); ++a, ++b) {
-  }
-  return lower(*a) == lower(*b);
-}
-
 // True if the folder is there afterwards.
 bool EnsureFolder(const char* path) {
   return platform::CreateDirectoryA(path) || platform::LastError() == platform::kErrorAlreadyExists;

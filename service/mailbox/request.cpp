@@ -33,6 +33,7 @@ struct Wording {
   std::string_view event = kEventFailed;
   std::string_view start = kStartFailed;
   std::string_view wait = kWaitFailedText;
+  bool finishIsNamed = true;  // whether the line of a failed completion says the name
 };
 
 constexpr Wording kWording[] = {
@@ -53,6 +54,9 @@ constexpr Wording kWording[] = {
      kEventFailedErro, kStartFailedErro},
     {Operation::kSendSystemBooted, "SendSystemBooted", "Failed: Invalid handle", kEventFailed,
      kStartFailedErro},
+    {Operation::kInitializeKeyboardMousePointers, "InitializeKeyboardMousePointers",
+     "Invalid Handle", "Error creating event for interrupt thread - GetLastError: %u", kStartFailed,
+     kWaitFailedText, false},
     {Operation::kDeAllocateKVM_KB_MB_Buffers, "DeAllocateKVM_KB_MB_Buffers", "Invalid Handle"},
     {Operation::kWriteLogBuffer, "WriteLogBuffer", "Invalid Handle"},
     {Operation::kDeAllocateLogBuffer, "DeAllocateLogBuffer", "Invalid Handle"},
@@ -117,9 +121,11 @@ class Flight {
 void AwaitOutcome(Flight* flight, const Wording& wording, RequestOutcome* outcome) {
   const std::uint32_t waited = flight->Wait();
   if (waited != platform::kWaitObject0) return LogWording(wording.wait, waited);
-  if (!flight->Finish(&outcome->bytes))
-    return LogInfo("GetOverlappedResult failed for %s with error: %u", wording.name,
-                   platform::LastError());
+  if (!flight->Finish(&outcome->bytes)) {
+    const std::uint32_t error = platform::LastError();
+    if (!wording.finishIsNamed) return LogInfo("GetOverlappedResult failed with error: %u", error);
+    return LogInfo("GetOverlappedResult failed for %s with error: %u", wording.name, error);
+  }
   outcome->completed = true;
   if (outcome->bytes != 0)
     LogInfo("Asynchronous IO completed for %s readbytes is %d", wording.name, outcome->bytes);

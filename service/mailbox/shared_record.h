@@ -22,7 +22,7 @@ class SharedRecord {
   using Words = std::array<std::uint32_t, sizeof(Record) / 4>;
 
  public:
-  SharedRecord() { Store(Record{}); }
+  explicit SharedRecord(const Record& record = {}) { Store(record); }
 
   Record Load() const {
     Words words;

@@ -1,0 +1,245 @@
+// Processes are real here; sessions, tokens and environment blocks stand in. There is one session,
+// 1, and the process list has a winlogon.exe with this process's own id at its end. The lab's
+// processes.txt holds other rows instead of that one: an id and a name, one a line.
+#include "platform/user_session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/lab_folder.h"
+#include "platform/linux/wait.h"
+#include "platform/thread.h"
+
+extern char** environ;
+
+namespace platform {
+
+namespace {
+
+constexpr std::uint32_t kConsoleSession = 1;
+
+struct SnapshotRows {
+  std::vector<ProcessEntry> rows;
+  std::size_t next = 0;
+};
+
+struct ProcessRecord {
+  int descriptor;  // a pidfd
+  pid_t id;
+  bool isChild;
+};
+
+ProcessRecord& RecordOf(const Process& process) {
+  return *static_cast<ProcessRecord*>(process.Raw());
+}
+
+ProcessEntry Entry(std::uint32_t id, const std::string& name) {
+  ProcessEntry entry{};
+  entry.processId = id;
+  name.copy(entry.executable, sizeof entry.executable - 1);
+  return entry;
+}
+
+void AddRealProcesses(std::vector<ProcessEntry>* rows) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator at("/proc", error), end; !error && at != end;
+       at.increment(error)) {
+    const std::string folder = at->path().filename();
+    if (folder.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string name;
+    std::getline(std::ifstream(at->path() / "comm"), name);
+    if (!name.empty()) rows->push_back(Entry(static_cast<std::uint32_t>(std::stoul(folder)), name));
+  }
+}
+
+void AddLabProcesses(std::vector<ProcessEntry>* rows) {
+  std::ifstream file(LabPath("processes.txt"));
+  if (!file) {
+    rows->push_back(Entry(static_cast<std::uint32_t>(::getpid()), "winlogon.exe"));
+    return;
+  }
+  std::uint32_t id;
+  for (std::string name; file >> id >> name;) rows->push_back(Entry(id, name));
+}
+
+bool HasEnded(const ProcessRecord& record) {
+  pollfd fd{record.descriptor, POLLIN, 0};
+  return ::poll(&fd, 1, 0) > 0;
+}
+
+// Children whose handle was closed while they ran. Nobody else would take their exit status.
+std::mutex gAbandonedLock;
+std::vector<pid_t>& Abandoned() {
+  static auto* children = new std::vector<pid_t>;
+  return *children;
+}
+
+bool Reap(pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; }
+
+void ReapAbandoned() {
+  const std::lock_guard guard(gAbandonedLock);
+  std::erase_if(Abandoned(), Reap);
+}
+
+Process OpenById(pid_t id, bool isChild) {
+  const int fd = static_cast<int>(::syscall(SYS_pidfd_open, id, 0));
+  if (fd < 0) return SetLastError(kErrorInvalidParameter), Process();
+  return Process(new ProcessRecord{fd, id, isChild});
+}
+
+// In a session of its own, with nothing of this process but its output and environment.
+pid_t Spawn(const char* path) {
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_t actions;
+  ::posix_spawnattr_init(&attributes);
+  ::posix_spawn_file_actions_init(&actions);
+  sigset_t none, all;
+  ::sigemptyset(&none);
+  ::sigfillset(&all);
+  ::posix_spawnattr_setsigmask(&attributes, &none);
+  ::posix_spawnattr_setsigdefault(&attributes, &all);
+  ::posix_spawnattr_setflags(
+      &attributes,
+      static_cast<short>(POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  char* const words[] = {const_cast<char*>(path), nullptr};
+  pid_t child = 0;
+  const int error = ::posix_spawn(&child, path, &actions, &attributes, words, environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  ::posix_spawnattr_destroy(&attributes);
+  return error == 0 ? child : -1;
+}
+
+}  // namespace
+
+std::uint32_t WTSGetActiveConsoleSessionId() {
+  return gate::Fails("WTSGetActiveConsoleSessionId") ? 0xFFFFFFFF : kConsoleSession;
+}
+
+void CloseSnapshot(RawHandle raw) {
+  gate::Note("CloseHandle");
+  delete static_cast<SnapshotRows*>(raw);
+}
+
+ProcessSnapshot CreateToolhelp32Snapshot() {
+  if (gate::Fails("CreateToolhelp32Snapshot")) return ProcessSnapshot(InvalidHandleValue());
+  auto* snapshot = new SnapshotRows;
+  AddRealProcesses(&snapshot->rows);
+  AddLabProcesses(&snapshot->rows);
+  return ProcessSnapshot(snapshot);
+}
+
+bool Process32First(const ProcessSnapshot& snapshot, ProcessEntry* entry) {
+  static_cast<SnapshotRows*>(snapshot.Raw())->next = 0;
+  return !gate::Fails("Process32First") && Process32Next(snapshot, entry);
+}
+
+// Passes no gate: a trace would be as long as the process list.
+bool Process32Next(const ProcessSnapshot& snapshot, ProcessEntry* entry) {
+  auto* rows = static_cast<SnapshotRows*>(snapshot.Raw());
+  if (rows->next == rows->rows.size()) return SetLastError(kErrorNoMoreFiles), false;
+  *entry = rows->rows[rows->next++];
+  return true;
+}
+
+void CloseProcess(RawHandle raw) {
+  gate::Note("CloseHandle");
+  auto* record = static_cast<ProcessRecord*>(raw);
+  ::close(record->descriptor);
+  if (record->isChild && !Reap(record->id)) {
+    const std::lock_guard guard(gAbandonedLock);
+    Abandoned().push_back(record->id);
+  }
+  delete record;
+}
+
+Process OpenProcess(std::uint32_t access, std::uint32_t processId) {
+  ReapAbandoned();
+  if (gate::Fails("OpenProcess", "0x%x,%u", access, processId)) return Process();
+  if (processId == 0) return SetLastError(kErrorInvalidParameter), Process();
+  return OpenById(static_cast<pid_t>(processId), false);
+}
+
+std::uint32_t WaitForSingleObject(const Process& process, std::uint32_t milliseconds) {
+  if (gate::Fails("WaitForSingleObject", "process")) return kWaitFailed;
+  if (HasEnded(RecordOf(process))) return kWaitObject0;
+  if (milliseconds == 0) return kWaitTimeout;
+  const int timeout = milliseconds == kInfinite ? -1 : static_cast<int>(milliseconds);
+  return WaitReadable(RecordOf(process).descriptor, timeout) ? kWaitObject0 : kWaitTimeout;
+}
+
+bool GetExitCodeProcess(const Process& process, std::uint32_t* exitCode) {
+  if (gate::Fails("GetExitCodeProcess")) return false;
+  *exitCode = HasEnded(RecordOf(process)) ? 0 : kStillActive;
+  return true;
+}
+
+// Returns when it has ended, so that its end is seen by whoever looks next.
+bool TerminateProcess(const Process& process, std::uint32_t) {
+  if (gate::Fails("TerminateProcess")) return false;
+  const ProcessRecord& record = RecordOf(process);
+  if (::syscall(SYS_pidfd_send_signal, record.descriptor, SIGKILL, nullptr, 0) != 0)
+    return SetLastError(kErrorAccessDenied), false;
+  pollfd fd{record.descriptor, POLLIN, 0};
+  ::poll(&fd, 1, 1000);
+  return true;
+}
+
+std::uint32_t GetProcessId(const Process& process) {
+  if (gate::Fails("GetProcessId")) return 0;
+  return static_cast<std::uint32_t>(RecordOf(process).id);
+}
+
+// A token needs no content here, see power.cpp.
+Token OpenProcessToken(const Process&) {
+  return gate::Fails("OpenProcessToken", "process") ? Token() : Token(new char(0));
+}
+
+Token DuplicateTokenEx(const Token&) {
+  return gate::Fails("DuplicateTokenEx") ? Token() : Token(new char(0));
+}
+
+bool SetTokenSessionId(const Token&, std::uint32_t sessionId) {
+  return !gate::Fails("SetTokenInformation", "%u", sessionId);
+}
+
+void DestroyEnvironmentBlock(RawHandle raw) {
+  gate::Note("DestroyEnvironmentBlock");
+  delete static_cast<char*>(raw);
+}
+
+EnvironmentBlock CreateEnvironmentBlock(const Token&) {
+  if (gate::Fails("CreateEnvironmentBlock")) return EnvironmentBlock();
+  return EnvironmentBlock(new char(0));
+}
+
+Process CreateProcessAsUserA(const Token&, const char* commandLine, std::uint32_t flags,
+                             const EnvironmentBlock& environment,
+                             const StartupInformation& startup) {
+  ReapAbandoned();
+  if (gate::Fails("CreateProcessAsUserA", "%s,0x%x,%s,%s,%u", commandLine, flags,
+                  environment ? "block" : "none", startup.desktop, startup.showWindow))
+    return Process();
+  const pid_t child = Spawn(commandLine);
+  if (child < 0) return SetLastError(kErrorFileNotFound), Process();
+  return OpenById(child, true);
+}
+
+}  // namespace platform
