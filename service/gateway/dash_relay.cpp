@@ -5,14 +5,11 @@
 #include <new>
 #include <utility>
 
-#include "platform/socket.h"
 #include "platform/thread.h"
 #include "service/actions/power_actions.h"
 #include "service/diagnostics/service_log.h"
+#include "service/gateway/connection.h"
 #include "service/gateway/listeners.h"
-#include "service/inventory/ip_config.h"
-#include "service/inventory/records.h"
-#include "service/inventory/status_report.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -25,19 +22,16 @@ namespace {
 
 constexpr std::uint16_t kOpen = 1;
 constexpr std::uint16_t kClosed = 2;
-constexpr std::uint32_t kReadSize = 131072;  // the mailbox's frame limit
 
-// Set by the reader thread around its write. Sequentially consistent on both sides: either the
-// writer sees the slot closed, or the closer sees the writer and waits for it.
-std::atomic<bool> gHttpsWriting{false};
+// Around the reader thread's write (invariant 3).
+SlotMark gHttpsSlotMark;
 
-class WritingMark {
- public:
-  WritingMark() { gHttpsWriting.store(true, std::memory_order_seq_cst); }
-  WritingMark(const WritingMark&) = delete;
-  WritingMark& operator=(const WritingMark&) = delete;
-  ~WritingMark() { gHttpsWriting.store(false, std::memory_order_release); }
-};
+const RelayKind kDashRelay = {kHttpsPort,
+                              "New HTTPS DASH request arrived at Tavrin",
+                              "Forwarding HTTPS DASH request to Mailbox driver",
+                              "Response returned for HTTPS DASH Request from Mailbox driver",
+                              "Sockread failed or client closed the connection for HTTPS callback",
+                              WriteDASHPacket};
 
 void OpenSlot(Sock sock) {
   gHttpsSocket.store(sock, std::memory_order_relaxed);
@@ -48,13 +42,8 @@ void OpenSlot(Sock sock) {
 void ClearSlot() {
   gHttpsSocketState.store(kClosed, std::memory_order_seq_cst);
   gHttpsHandler = nullptr;
-  while (gHttpsWriting.load(std::memory_order_seq_cst)) platform::Sleep(0);
+  gHttpsSlotMark.AwaitEndOfUse();
   gHttpsSocket.store(0, std::memory_order_relaxed);
-}
-
-void HalfClose(Sock sock) {
-  if (Sock_ShutdownSend(sock) != RESULT_OK)
-    LogInfo("shutdown error %d", platform::WSAGetLastError());
 }
 
 // A handler that its selector has let go of: closed and freed on every way out, also when the
@@ -116,35 +105,6 @@ void ReplaceConnection(Selector* sel) {
   SendCloseSocketcmd(kHttpsPort);
 }
 
-// True if the firmware is there. One that has been down is told everything again first.
-bool FirmwareIsReady() {
-  std::uint8_t OrrinStatus = kOrrinNoAnswer;
-  GetOrrinStatus(&OrrinStatus);
-  if (OrrinStatus == kOrrinNoAnswer) {
-    LogInfo("ORRIN Status return failed");
-    return false;
-  }
-  if (OrrinStatus == kOrrinDown) ResendSystemInfo();
-  return true;
-}
-
-// Tells the firmware of the peer, before the first byte of its connection can reach it.
-void AnnounceConnection(const RemoteAddress& peer) {
-  gIPInfo.Update([&](IPInfo& info) {
-    info.localPort = kHttpsPort;
-    info.remoteAddress = peer.address;
-    info.remotePort = peer.port;
-    info.endMarker = kEndMarker;
-  });
-  LogInfo("New HTTPS DASH request arrived at Tavrin");
-  LogInfo("Remote address 0x%x", peer.address);
-  LogInfo("Remote port 0x%x", std::uint32_t{peer.port});
-  LogInfo("Forwarding HTTPS DASH request to Mailbox driver");
-  const IPInfo info = gIPInfo.Load();
-  SendIPCompleteInfomartion(&info);
-  LogInfo("Response returned for HTTPS DASH Request from Mailbox driver");
-}
-
 // Hands the socket to a handler of the selector. From the add on the handler is the selector's,
 // even if the thread is ended within the add's first call.
 bool StartConnection(Selector* sel, AcceptedSocket* accepted) {
@@ -179,7 +139,7 @@ bool AcceptConnection(Selector* sel, Handler* listener) {
   ReplaceConnection(sel);
   if (!FirmwareIsReady()) return false;
   accepted.EnterSlot();
-  AnnounceConnection(peer);
+  AnnounceConnection(kDashRelay, peer);
   if (StartConnection(sel, &accepted)) return true;
   accepted.Close();
   SendCloseSocketcmd(kHttpsPort);
@@ -196,24 +156,10 @@ std::uint8_t CloseSequence(Handler* handler) {
   return 0;
 }
 
-enum class ReadOutcome { kNothing, kForwarded, kEnded };
-
-// Reads once and hands the bytes to the firmware. The receive buffer is page-aligned: a copy that
-// begins a few bytes into a page is many times slower on common processors.
-ReadOutcome ForwardOneRead(Handler* handler) {
-  alignas(4096) std::uint8_t receivebuffer[kReadSize];
-  std::uint64_t numberOfBytesSentByClient = 0;
-  const Result result =
-      Sock_Read(handler->sock, receivebuffer, sizeof receivebuffer, &numberOfBytesSentByClient);
-  if (result == RESULT_WOULD_BLOCK) return ReadOutcome::kNothing;
-  if (result != RESULT_OK)
-    LogInfo("Sockread failed or client closed the connection for HTTPS callback");
-  if (numberOfBytesSentByClient == 0) return ReadOutcome::kEnded;
-  packet data{handler->sock, receivebuffer, static_cast<std::uint32_t>(numberOfBytesSentByClient),
-              nullptr, 0};
-  LogInfo(" read size %d", data.sendSize);
-  WriteDASHPacket(&data);
-  return ReadOutcome::kForwarded;
+ReadOutcome ForwardToFirmware(Handler* handler) {
+  ReceiveBuffer receivebuffer;
+  std::uint32_t size;
+  return ForwardOneRead(kDashRelay, handler->sock, &receivebuffer, &size);
 }
 
 void LogClosedByClient(const Handler* handler) {
@@ -239,7 +185,7 @@ std::uint8_t ListenHTTPSCallback(Selector* sel, Handler* handler, std::uint32_t 
 
 std::uint8_t HTTPSCallback(Selector*, Handler* handler, std::uint32_t mask, std::uint64_t) {
   if ((mask & SELECTOR_READ) != 0) {
-    const ReadOutcome outcome = ForwardOneRead(handler);
+    const ReadOutcome outcome = ForwardToFirmware(handler);
     if (outcome == ReadOutcome::kNothing) return 1;
     if (outcome == ReadOutcome::kEnded) {
       LogClosedByClient(handler);
@@ -266,7 +212,7 @@ void WriteDASHRXdata(const std::uint8_t* data, std::uint32_t length) {
   std::uint64_t written = 0;
   Result result;
   {
-    WritingMark mark;
+    const SlotMark::Use use(&gHttpsSlotMark);
     if (gHttpsSocketState.load(std::memory_order_seq_cst) != kOpen) {
       LogInfo("Socket is closed");
       return;

@@ -19,6 +19,11 @@ namespace {
 // Written once before any server runs, which orders it.
 std::span<const PortCallback> gPortCallbacks;
 
+// A KVM server has a listener on port 22 or is about to bind one. Whoever sets it binds; cleared
+// when the listener has been closed or the bind has failed. Acquire and release: who takes the port
+// finds it free.
+std::atomic<bool> gKvmPortTaken{false};
+
 constexpr std::uint64_t kRunMicroseconds = 10'000'000;
 
 SelectorCallback CallbackOf(std::uint32_t port) {
@@ -55,14 +60,25 @@ struct ServerKind {
   const char* failureLine;
   const char* proceedLine;
   std::atomic<std::int32_t>* rebindCount;
+  std::atomic<bool>* portTaken;  // null: nobody else ever wants the port
 };
 
 const ServerKind kHttpsServer = {kHttpsPort, "HTTPS binding failed",
                                  "After HTTPS port binding, proceed to selector run",
-                                 &gHttpsRebindCount};
+                                 &gHttpsRebindCount, nullptr};
 const ServerKind kKvmServer = {22, "VNC binding failed",
                                "After KVM port binding, proceeding to selector run",
-                               &gKvmRebindCount};
+                               &gKvmRebindCount, &gKvmPortTaken};
+
+// True if the calling server is the one that binds from now on.
+bool TakePort(const ServerKind& server) {
+  return server.portTaken == nullptr ||
+         !server.portTaken->exchange(true, std::memory_order_acq_rel);
+}
+
+void LeavePort(const ServerKind& server) {
+  if (server.portTaken != nullptr) server.portTaken->store(false, std::memory_order_release);
+}
 
 // Destroys the selector on every way out, also when the thread is ended within a run.
 class OwnedSelector {
@@ -83,7 +99,10 @@ class OwnedSelector {
 // One bind and the runs on it, until a run fails.
 void ServeOnce(const ServerKind& server) {
   OwnedSelector sel;
-  if (!BindListener(sel.Get(), server.port)) LogInfo("%s", server.failureLine);
+  if (!BindListener(sel.Get(), server.port)) {
+    LogInfo("%s", server.failureLine);
+    LeavePort(server);
+  }
   LogInfo("%s", server.proceedLine);
   Result result;
   do {
@@ -93,11 +112,12 @@ void ServeOnce(const ServerKind& server) {
   LogInfo("Should not reach here. Distroy selector and rebind.");
 }
 
-// Binds anew until the budget is spent.
+// Binds anew until the budget is spent, or the port is another server's.
 void Serve(const ServerKind& server) {
   for (;;) {
     ServeOnce(server);
     if (server.rebindCount->load(std::memory_order_relaxed) >= kRebindBudget) return;
+    if (!TakePort(server)) return;
     server.rebindCount->fetch_add(1, std::memory_order_relaxed);
   }
 }
@@ -156,5 +176,13 @@ std::uint32_t RunKVMServer(void*) {
   Serve(kKvmServer);
   return 0;
 }
+
+void StartKVMServer() {
+  if (!TakePort(kKvmServer)) return;
+  const platform::Thread server = platform::CreateThread(RunKVMServer, nullptr);
+  if (!server) LeavePort(kKvmServer);  // the firmware's next command tries again
+}
+
+void LeaveKVMPort() { LeavePort(kKvmServer); }
 
 }  // namespace stewardry

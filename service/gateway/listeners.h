@@ -33,7 +33,20 @@ bool BindListener(Selector* selector, std::uint32_t port);
 // The HTTPS server. Does not come back: when the rebind budget is spent it ends the process.
 void RunServer();
 
-// The KVM server, a thread entry; the parameter is not used. Result 0 when its budget is spent.
+// The KVM server, a thread entry; the parameter is not used. Result 0 when its budget is spent, or
+// when another server has taken the port while this one had no listener. Started by StartKVMServer.
 std::uint32_t RunKVMServer(void* parameter);
+
+// Sees to a listener on port 22: starts a server on a new thread, whose handle isn't kept, unless
+// one has a listener already or is about to bind one. The reader thread.
+//
+// A server may run without a listener, while it serves a connection whose listener a second viewer
+// has knocked away. It stays as it is then, the new one binds, and the old one ends with its last
+// connection. So there is at most one listener on the port, a command of the firmware always finds
+// or makes it, and no thread outlives its last connection but the one that listens.
+void StartKVMServer();
+
+// The listener on port 22 has been closed. Called by its listen callback, after the close.
+void LeaveKVMPort();
 
 }  // namespace stewardry

@@ -5,6 +5,7 @@
 #include "service/gateway/dash_relay.h"
 #include "service/gateway/listeners.h"
 #include "service/host/resume.h"
+#include "service/kvm/relay.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/dispatcher.h"
 
@@ -20,13 +21,14 @@ void NotePowerOption(const std::uint8_t*, std::uint32_t) {
 
 void HandleRebootNonDash(const std::uint8_t*, std::uint32_t) { RebootNonDash(); }
 void HandleResume(const std::uint8_t*, std::uint32_t) { ResumeReport(); }
+void HandleVncClose(const std::uint8_t*, std::uint32_t) { FinishKVMSession(); }
 
 constexpr FirmwareHandler kOnlyLogged = nullptr;
 
 // Code, name, line on arrival, whether an empty payload stops it, handler.
 constexpr FirmwareCommand kCommands[] = {
     {ORRIN_TAVRIN_CMD_DASH_DATA, "DASH_DATA", nullptr, true, WriteDASHRXdata},
-    {ORRIN_TAVRIN_CMD_KVM_DATA, "KVM_DATA", nullptr, true, kOnlyLogged},
+    {ORRIN_TAVRIN_CMD_KVM_DATA, "KVM_DATA", nullptr, true, WriteKVMRXdata},
     {ORRIN_TAVRIN_CMD_SOFTWARE_UPGRADE, "SOFTWARE_UPGRADE", "Software upgrade command received",
      true, kOnlyLogged},
     {ORRIN_TAVRIN_CMD_INDICATION_SUBSCRIBE, "INDICATION_SUBSCRIBE",
@@ -44,13 +46,13 @@ constexpr FirmwareCommand kCommands[] = {
     {ORRIN_TAVRIN_CMD_REBOOT_NONDASH, "REBOOT_NONDASH", "Reboot_Command_Nondash received", false,
      HandleRebootNonDash},
     {ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE, "VNC_SOC_CLOSE", "ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE received",
-     false, kOnlyLogged},
+     false, HandleVncClose},
     {ORRIN_TAVRIN_CMD_S0i3_RESUME, "S0i3_RESUME",
      "ORRIN_TAVRIN_CMD_S0i3_RESUME send data to ORRIN upon resume from S0i3", false, HandleResume},
     {ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS, "KVM_ENABLE_STATUS",
-     "ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS says that KVM is now enabled", false, kOnlyLogged},
+     "ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS says that KVM is now enabled", false, SetKVMEnabled},
     {ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, "KVM_IP_PORT_INFO",
-     "ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO gives IP and Port to trust for KVM", true, kOnlyLogged},
+     "ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO gives IP and Port to trust for KVM", true, SetKVMIPAndPort},
 };
 
 constexpr PortCallback kPortCallbacks[] = {{kHttpsPort, ListenHTTPSCallback},

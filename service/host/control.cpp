@@ -13,6 +13,7 @@
 #include "service/host/start_up.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
+#include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
 
@@ -119,6 +120,11 @@ void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
     gUserPresence.store(event.data[0], std::memory_order_relaxed);
 }
 
+std::uint32_t EndKvmSession(void*) {
+  FinishKVMSession();
+  return 0;
+}
+
 }  // namespace
 
 std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
@@ -169,15 +175,24 @@ void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
   SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
 }
 
-// A logon neither stops the service nor ends a KVM session here: ending the stop event's wait from
-// this place would leave a service half stopped, with its threads running and its log closed to
-// nobody. The side log keeps the trace of the logon.
+// A logon during a KVM session ends the session as any other end does, so that the firmware is told
+// and the agent goes. Nothing else stops, and no reboot follows: the words of the last line are
+// what the side log has always said here. The end waits for the firmware, and a service manager
+// doesn't wait for its handler, so it has a thread of its own.
 void NotifyKvmTerminationEvents() {
+  constexpr const char* kName = "NotifyKvmTerminationEvents";
   const bool ready = gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
-  SideLog(kSideLogKeyboardMouse, "%s: KVM%s", "NotifyKvmTerminationEvents",
-          ready ? "enabled" : "disabled");
+  SideLog(kSideLogKeyboardMouse, "%s: KVM%s", kName, ready ? "enabled" : "disabled");
   if (!ready) return;
-  SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", "NotifyKvmTerminationEvents");
+  SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", kName);
+  if (KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) == 0) {
+    SideLog(kSideLogKeyboardMouse, "Keyboard ring buffer invalid\n");
+  } else {
+    SideLog(kSideLogKeyboardMouse, "Requested Terminate KVM session\n");
+  }
+  // Its handle isn't kept. Without the thread the session goes on, and the logon disturbs nothing.
+  (void)platform::CreateThread(EndKvmSession, nullptr);
+  SideLog(kSideLogKeyboardMouse, "%s: KVM session terminated and Reboot initiated\n", kName);
 }
 
 }  // namespace stewardry

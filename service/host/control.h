@@ -37,7 +37,8 @@ void SvcHandleSessionChange(std::uint32_t control, std::uint32_t eventType, void
 void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint);
 
-// Notes a logon's bearing on KVM in the side log.
+// What a user's logon means to KVM: ends a session that is up, on a thread of its own, with its
+// lines in the side log. Nothing without a session.
 void NotifyKvmTerminationEvents();
 
 }  // namespace stewardry

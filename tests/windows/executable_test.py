@@ -16,10 +16,11 @@ VERSION = os.environ["STEWARDRY_VERSION"]
 AT_LOAD = ["KERNEL32.dll", "msvcrt.dll"]
 # Loaded once the search has been narrowed.
 DELAYED = {
-    "advapi32.dll": "AdjustTokenPrivileges ChangeServiceConfig2A CloseServiceHandle CreateServiceA "
-                    "DeregisterEventSource InitiateSystemShutdownExA LookupPrivilegeValueA "
-                    "OpenProcessToken OpenSCManagerA RegisterEventSourceA "
-                    "RegisterServiceCtrlHandlerExA ReportEventA SetServiceStatus "
+    "advapi32.dll": "AdjustTokenPrivileges ChangeServiceConfig2A CloseServiceHandle "
+                    "CreateProcessAsUserA CreateServiceA DeregisterEventSource DuplicateTokenEx "
+                    "InitiateSystemShutdownExA LookupPrivilegeValueA OpenProcessToken "
+                    "OpenSCManagerA RegisterEventSourceA RegisterServiceCtrlHandlerExA "
+                    "ReportEventA SetServiceStatus SetTokenInformation "
                     "StartServiceCtrlDispatcherA",
     "iphlpapi.dll": "ConvertLengthToIpv4Mask GetAdaptersAddresses GetAdaptersInfo GetIfTable",
     "ole32.dll": "CoCreateInstance CoInitializeEx CoInitializeSecurity CoSetProxyBlanket "
@@ -30,7 +31,9 @@ DELAYED = {
     "setupapi.dll": "SetupDiDestroyDeviceInfoList SetupDiEnumDeviceInterfaces "
                     "SetupDiGetClassDevsA SetupDiGetDeviceInterfaceDetailA",
     "shell32.dll": "SHGetFolderPathA",
-    "user32.dll": "RegisterPowerSettingNotification",
+    "user32.dll": "GetAsyncKeyState GetKeyState GetSystemMetrics MapVirtualKeyA "
+                  "RegisterPowerSettingNotification ToAscii VkKeyScanA",
+    "userenv.dll": "CreateEnvironmentBlock DestroyEnvironmentBlock",
     "wininet.dll": "InternetGetConnectedState",
     "wlanapi.dll": "WlanEnumInterfaces WlanFreeMemory WlanOpenHandle WlanRegisterNotification",
     "ws2_32.dll": "WSACleanup WSACloseEvent WSACreateEvent WSAEnumNetworkEvents WSAEventSelect "

@@ -17,6 +17,7 @@ namespace {
 std::uint8_t RefuseAll(Selector*, Handler* handler, std::uint32_t mask, std::uint64_t) {
   if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) == 0) return 0;
   (void)Sock_Close(handler->sock);
+  LeaveKVMPort();
   delete handler;
   return 1;
 }

@@ -10,6 +10,8 @@
 #include "service/host/start_up.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
+#include "service/kvm/shared_region.h"
+#include "service/mailbox/control_codes.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -154,16 +156,42 @@ TEST_F(Control, PowerEventsAreToldApartAndKeepTheirValues) {
   SvcCtrlHandler(13, 0, nullptr, nullptr);  // without data nothing is read
 }
 
-TEST_F(Control, ALogonIsNotedAndNeverHalfStopsTheService) {
+TEST_F(Control, ALogonWithoutAKvmSessionIsOnlyNoted) {
   for (std::uint32_t event = 4; event <= 9; ++event) SvcCtrlHandler(14, event, nullptr, nullptr);
-  std::string side = FileText(kSideLog);
+  const std::string side = FileText(kSideLog);
   EXPECT_NE(side.find("WTS_SESSION_LOGON gSessionLogonCount 1"), std::string::npos);
   for (const char* name : {"LOGOFF", "LOCK", "UNLOCK"})
     EXPECT_EQ(CountOf(side, std::string("SvcHandleSessionChange: WTS_SESSION_") + name), 1U);
   EXPECT_NE(side.find("NotifyKvmTerminationEvents: KVMdisabled"), std::string::npos);
-  gKeyboardMouseReady = 1;
-  for (int i = 0; i < 3; ++i) SvcCtrlHandler(14, 5, nullptr, nullptr);
-  gKeyboardMouseReady = 0;
+  EXPECT_EQ(CountOf(side, "terminated"), 0U);
+  EXPECT_TRUE(firmware_->Requests().empty());
+}
+
+TEST_F(Control, ALogonDuringAKvmSessionEndsItForTheFirmwareTooAndNeverHalfStopsTheService) {
+  constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+  };
+  const std::ptrdiff_t before = threads();
+  for (std::size_t logon = 1; logon <= 3; ++logon) {
+    gKeyboardMouseReady = 1;
+    KeyBoardBufferVirtualAddress = logon == 3 ? 0 : 0x10000;
+    gKvmSocketState = kKvmSessionUp;
+    gKvmEnabled = 1;
+    SvcCtrlHandler(14, 5, nullptr, nullptr);
+    ASSERT_TRUE(firmware_->Await(kGone, logon));
+    ASSERT_TRUE(Eventually([&] { return threads() == before; })) << "the end is through";
+    EXPECT_EQ(gKvmSocketState.load(), kKvmSessionFinished);
+    EXPECT_EQ(gKvmEnabled.load(), 0);
+    EXPECT_EQ(gKeyboardMouseReady.load(), 0) << "the region was given back";
+  }
+  const std::string side = FileText(kSideLog);
+  EXPECT_EQ(CountOf(side, "NotifyKvmTerminationEvents:KVM enabled\n"), 3U);
+  EXPECT_EQ(CountOf(side, "Requested Terminate KVM session\n"), 2U);
+  EXPECT_EQ(CountOf(side, "Keyboard ring buffer invalid\n"), 1U);
+  EXPECT_EQ(
+      CountOf(side, "NotifyKvmTerminationEvents: KVM session terminated and Reboot initiated\n"),
+      3U);
   EXPECT_EQ(platform::WaitForSingleObject(*gServiceStopEvent, 0), 258U);
   std::uint32_t code = 0;
   EXPECT_TRUE(platform::GetExitCodeThread(gServiceThreads->thread[kServerThread], &code));

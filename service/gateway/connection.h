@@ -1,0 +1,80 @@
+// What the DASH and the KVM relay do alike with a connection: look whether the firmware is there,
+// tell it of the peer, pass a read on, half-close, and keep a write of one thread apart from the
+// close of another. The steps that differ, and their order, are each relay's own.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "sock/sock.h"
+
+namespace stewardry {
+
+struct packet;  // service/mailbox/messages.h
+
+constexpr std::uint32_t kReadSize = 131072;  // bytes; the mailbox's frame limit
+
+// The words, the port and the message in which the two relays differ.
+struct RelayKind {
+  std::uint16_t port;
+  const char* arrivedLine;
+  const char* forwardingLine;
+  const char* returnedLine;
+  const char* readFailedLine;
+  std::uint32_t (*write)(packet* data);  // hands one read to the firmware
+};
+
+// True if the firmware answers. One that says that it has been down is told everything again first.
+// Waits for the firmware without a time-out; a server thread.
+bool FirmwareIsReady();
+
+// Tells the firmware of the peer, before the first byte of its connection can reach it. Waits for
+// the firmware without a time-out; a server thread.
+void AnnounceConnection(const RelayKind& relay, const RemoteAddress& peer);
+
+// Half-closes the sending side; a failure is logged. Any thread.
+void HalfClose(Sock sock);
+
+// What one read leaves in memory. Page-aligned: a copy that begins a few bytes into a page is many
+// times slower on common processors.
+struct alignas(4096) ReceiveBuffer {
+  std::uint8_t bytes[kReadSize];
+};
+
+enum class ReadOutcome { kNothing, kForwarded, kEnded };
+
+// Reads once into the buffer and hands the bytes to the firmware; what comes of that isn't looked
+// at. *size gets their number. kEnded stands for the peer's close and, after a logged line, for a
+// read that failed. A server thread.
+ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buffer,
+                           std::uint32_t* size);
+
+// Keeps apart the reader thread, which writes to the socket in a slot, and the thread that closes
+// that socket. The writer holds a Use from before it reads the slot until its write is over; the
+// closer clears the slot and then awaits the end of a use. All of it is sequentially consistent:
+// either the writer finds the slot cleared, or the closer finds the mark and waits. So the writer
+// never meets a socket number that has been given to somebody else.
+class SlotMark {
+ public:
+  // One at a time: the reader thread's.
+  class Use {
+   public:
+    explicit Use(SlotMark* mark) : mark_(mark) {
+      mark_->used_.store(true, std::memory_order_seq_cst);
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+    ~Use() { mark_->used_.store(false, std::memory_order_release); }
+
+   private:
+    SlotMark* mark_;
+  };
+
+  // Returns once a use that may have seen the slot's old value is over; a use doesn't block.
+  void AwaitEndOfUse() const;
+
+ private:
+  std::atomic<bool> used_{false};
+};
+
+}  // namespace stewardry

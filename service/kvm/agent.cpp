@@ -1,0 +1,208 @@
+// The agent's launch, watch and messages.
+#include "service/kvm/agent.h"
+
+#include <cstring>
+#include <utility>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/file.h"
+#include "platform/pipe.h"
+#include "platform_traits.h"
+#include "service/diagnostics/format.h"
+#include "service/diagnostics/service_log.h"
+#include "service/diagnostics/side_log.h"
+
+namespace stewardry {
+
+std::atomic<std::uint32_t> gKvmAgentPid{0};
+platform::ProcessLifetime<platform::Process> gKvmAgentProcess;
+
+namespace {
+
+constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default", 5};  // SW_SHOW
+constexpr std::uint32_t kWatchMilliseconds = 2000;
+constexpr std::uint32_t kLookMilliseconds = 50;  // between two looks at the stop mark
+
+template <class... Args>
+void Note(std::string_view format, const Args&... args) {
+  SideLog(kSideLogKeyboardMouse, format, args...);
+}
+
+// A trace line for a debugger.
+template <class... Args>
+void Trace(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
+  char line[256];
+  FormatTo(line, sizeof line, format, args...);
+  platform::OutputDebugStringA(line);
+}
+
+// The agent's path, beside the service's executable. False if that has no folder; a path that can't
+// be had counts as an empty folder.
+bool BuildAgentPath(char (&appPath)[platform::kMaxPath]) {
+  char workDir[platform::kMaxPath] = {};
+  if (platform::GetModuleFileNameA(workDir) != 0) {
+    char* separator = std::strrchr(workDir, platform::kPathSeparator);
+    if (separator == nullptr) return false;
+    *separator = 0;
+  }
+  FormatTo(appPath, sizeof appPath, "%s%c%s%s", static_cast<const char*>(workDir),
+           platform::kPathSeparator, "KVM_Agent", platform::kProgramSuffix);
+  return true;
+}
+
+// Records a started agent, and says so.
+void KeepAgent(platform::Process process, bool hasEnvironment) {
+  const std::uint32_t error = platform::LastError();
+  *gKvmAgentProcess = std::move(process);
+  const std::uint32_t id = platform::GetProcessId(*gKvmAgentProcess);
+  gKvmAgentPid.store(id, std::memory_order_relaxed);
+  Trace(" ++++++ CreateProcessAsUser winlogon %d\n", error);
+  if (!hasEnvironment)
+    return Note(" ++++++ CreateProcessAsUser winlogon 2 getlastError: %d\n", error);
+  Note("CreateProcessAsUser success\n");
+  LogInfo("KVM_Agent PID: %d", id);
+}
+
+// What a failed start counts as. 233: the session can't take a process yet, and will later.
+bool JudgeFailedStart(bool hasEnvironment) {
+  const std::uint32_t error = platform::LastError();
+  if (hasEnvironment) {
+    Note(" ++++++ CreateProcessAsUser failed %d\n", error);
+    Trace(" ++++++ CreateProcessAsUser failed %d\n", error);
+  } else {
+    Note(" ++++++ CreateProcessAsUser no env failed %d\n", error);
+    Trace(" ++++++ CreateProcessAsUser no env failed %d\n", error);
+  }
+  if (error != platform::kErrorPipeNotConnected) return false;
+  Note("skip skip skip\n");
+  return true;
+}
+
+// Starts the agent with the environment of the token's user, or, if that can't be had, without.
+bool StartAgent(const platform::Token& token, const char* appPath) {
+  platform::EnvironmentBlock environment = platform::CreateEnvironmentBlock(token);
+  const bool hasEnvironment = static_cast<bool>(environment);
+  if (hasEnvironment) Note("CreateEnvironmentBlock success\n");
+  platform::SetLastError(0);
+  platform::Process process = platform::CreateProcessAsUserA(
+      token, appPath,
+      platform::kDetachedProcess | (hasEnvironment ? platform::kCreateUnicodeEnvironment : 0),
+      environment, kStartupInformation);
+  bool started = true;
+  if (process) {
+    KeepAgent(std::move(process), hasEnvironment);
+  } else {
+    started = JudgeFailedStart(hasEnvironment);
+  }
+  if (hasEnvironment) {
+    environment.Reset();
+    Note("Destroy Environment Block success\n");
+  }
+  return started;
+}
+
+// Sleeps for one turn of the watch, or until the thread shall leave.
+void SleepBetweenLooks() {
+  for (std::uint32_t slept = 0; slept < kWatchMilliseconds; slept += kLookMilliseconds) {
+    if (gStopKVMAgentThread.load(std::memory_order_relaxed)) return;
+    platform::Sleep(kLookMilliseconds);
+  }
+}
+
+}  // namespace
+
+bool LaunchKVMAgent() {
+  char appPath[platform::kMaxPath] = {};
+  if (!BuildAgentPath(appPath)) return false;
+  Note("Application %s\n", static_cast<const char*>(appPath));
+  const std::uint32_t sessionId = platform::WTSGetActiveConsoleSessionId();
+  Note("Session Id 0x%x\n", sessionId);
+  (void)EnableTcbPrivilege();  // the steps that need it find out for themselves
+  platform::Token token;
+  if (!Getsessionusertokenwin(&token, sessionId)) {
+    Trace(" ++++++ Getsessionusertokenwin failed %d\n", platform::LastError());
+    return false;
+  }
+  return StartAgent(token, appPath);
+}
+
+std::uint32_t WatchKVMAgent(void*) {
+  while (!gStopKVMAgentThread.load(std::memory_order_relaxed)) {
+    const std::uint32_t id = gKvmAgentPid.load(std::memory_order_relaxed);
+    if (IsProcessRunning(id)) {
+      LogInfo("KVM Agent PID: %d", id);
+    } else {
+      (void)LaunchKVMAgent();  // tried again in the next turn
+      LogInfo("KVM Agent Launched again");
+    }
+    SleepBetweenLooks();
+  }
+  return 0;
+}
+
+bool IsProcessRunning(std::uint32_t processId) {
+  const platform::Process process = platform::OpenProcess(platform::kSynchronize, processId);
+  return process && platform::WaitForSingleObject(process, 0) == platform::kWaitTimeout;
+}
+
+bool EnableTcbPrivilege() {
+  {
+    const platform::Process self =
+        platform::OpenProcess(platform::kProcessAllAccess, platform::GetCurrentProcessId());
+    if (!self) return Note("Step 1 Open Process failed\n"), false;
+    const platform::Token token = platform::OpenProcessToken(self);
+    if (!token) return Note("Step 2 Open Process Token failed\n"), false;
+    platform::Luid luid;
+    if (!platform::LookupPrivilegeValueA("SeTcbPrivilege", &luid))
+      return Note("Step 3 Lookup Privilege Value failed\n"), false;
+    if (!platform::AdjustTokenPrivileges(token, luid))
+      return Note("Step 4 Adjust Token Privileges Value failed\n"), false;
+  }
+  return platform::LastError() == 0;  // a privilege that isn't held is told by the error alone
+}
+
+bool Getsessionusertokenwin(platform::Token* token, std::uint32_t sessionId) {
+  if (token == nullptr) return Note("User Token is NULL\n"), false;
+  return GetWinlogonToken(token, sessionId);
+}
+
+bool GetWinlogonToken(platform::Token* token, std::uint32_t sessionId) {
+  const std::uint32_t windowsLogonPid = FindWinlogonPid();
+  Note("WindowsLogonPID 0x%x\n", windowsLogonPid);
+  const platform::Process process =
+      platform::OpenProcess(platform::kProcessAllAccess, windowsLogonPid);
+  if (!process) return false;
+  Note("Process Handle retrieved successfully using Windows Logon PID: 0x%x\n", windowsLogonPid);
+  const platform::Token source = platform::OpenProcessToken(process);
+  if (source) *token = platform::DuplicateTokenEx(source);
+  // A token that stays in its own session starts an agent that the console doesn't see; the start
+  // is tried all the same.
+  if (*token) (void)platform::SetTokenSessionId(*token, sessionId);
+  return static_cast<bool>(*token);
+}
+
+std::uint32_t FindWinlogonPid() {
+  const platform::ProcessSnapshot snapshot = platform::CreateToolhelp32Snapshot();
+  if (!snapshot) return 0;
+  std::uint32_t found = 0;
+  platform::ProcessEntry entry;
+  for (bool more = platform::Process32First(snapshot, &entry); more;
+       more = platform::Process32Next(snapshot, &entry))
+    if (EqualIgnoringCase(entry.executable, "winlogon.exe")) found = entry.processId;
+  return found;
+}
+
+void WriteToAgentPipe(const char* pipe, const void* message, std::uint32_t length) {
+  const platform::Pipe connection = platform::OpenPipe(pipe, 0);
+  if (!connection) return;
+  std::uint32_t written = 0;
+  (void)platform::WriteFile(connection, message, length, &written);  // lost without a word
+}
+
+void TerminateAgentOverPipe() {
+  constexpr char kTerminate[] = "Terminate";
+  WriteToAgentPipe(kAgentPipe, kTerminate, sizeof kTerminate - 1);
+}
+
+}  // namespace stewardry

@@ -1,0 +1,84 @@
+// From the mouse ring to the agent's mouse pipe.
+#include "service/kvm/mouse_pump.h"
+
+#include "platform/keyboard.h"
+#include "service/kvm/agent.h"
+#include "service/kvm/session_threads.h"
+
+namespace stewardry {
+
+mouseBufferRingData gLastMouseRingData{};
+
+namespace {
+
+// GetSystemMetrics.
+enum : int { kScreenWidth = 0, kScreenHeight = 1, kSwapButton = 23 };
+
+// Bits of an entry's mask.
+enum : std::uint32_t { kLeft = 1, kMiddle = 2, kRight = 4, kWheelUp = 8, kWheelDown = 16 };
+
+constexpr std::int32_t kWheelDelta = 120;  // WHEEL_DELTA
+
+bool ButtonsAreSwapped() { return platform::GetSystemMetrics(kSwapButton) != 0; }
+
+struct ButtonFlags {
+  std::uint32_t down, up;
+};
+constexpr ButtonFlags kLeftFlags = {kMouseLeftDown, kMouseLeftUp};
+constexpr ButtonFlags kMiddleFlags = {kMouseMiddleDown, kMouseMiddleUp};
+constexpr ButtonFlags kRightFlags = {kMouseRightDown, kMouseRightUp};
+
+// x * 65535 / (size - 1) in wrapping signed 32-bit arithmetic. The one quotient that would not fit,
+// of the least number by -1, can't arise: size is above 1.
+std::uint32_t Scale(std::uint32_t pixels, std::int32_t size) {
+  const auto product = static_cast<std::int32_t>(pixels * 65535u);
+  return static_cast<std::uint32_t>(product / (size - 1));
+}
+
+}  // namespace
+
+std::int32_t TranslateMouseButtons(std::uint32_t* flags, const mouseBufferRingData& entry,
+                                   bool (*swapped)()) {
+  const mouseBufferRingData& last = gLastMouseRingData;
+  const std::uint32_t changed = entry.buttonMask ^ last.buttonMask;
+  const auto add = [&](std::uint32_t bit, const ButtonFlags& button) {
+    *flags |= (entry.buttonMask & bit) != 0 ? button.down : button.up;
+  };
+  if (entry.x != last.x || entry.y != last.y) *flags |= kMouseMove;
+  if ((changed & kLeft) != 0) add(kLeft, swapped() ? kRightFlags : kLeftFlags);
+  if ((changed & kMiddle) != 0) add(kMiddle, kMiddleFlags);
+  if ((changed & kRight) != 0) add(kRight, swapped() ? kLeftFlags : kRightFlags);
+  // Each entry with a wheel bit is one notch: the wheel isn't compared with the entry before.
+  if ((entry.buttonMask & (kWheelUp | kWheelDown)) == 0) return 0;
+  *flags |= kMouseWheel;
+  return (entry.buttonMask & kWheelDown) != 0 ? -kWheelDelta : kWheelDelta;
+}
+
+mouseInfo TranslateMouseEntry(const mouseBufferRingData& entry, std::int32_t width,
+                              std::int32_t height, bool (*swapped)()) {
+  mouseInfo message{};
+  message.flags = kMouseAbsolute;
+  message.dwData = TranslateMouseButtons(&message.flags, entry, swapped);
+  message.dx = Scale(entry.x, width);
+  message.dy = Scale(entry.y, height);
+  return message;
+}
+
+std::uint32_t ProcessMouseEvents(void*) {
+  auto* ring =
+      reinterpret_cast<MouseRing*>(MouseBufferVirtualAddress.load(std::memory_order_relaxed));
+  if (ring == nullptr) return 1;
+  const int width = platform::GetSystemMetrics(kScreenWidth);
+  const int height = platform::GetSystemMetrics(kScreenHeight);
+  if (width <= 1 || height <= 1) return 1;
+  const auto send = [&](const mouseBufferRingData& entry) {
+    const mouseInfo message = TranslateMouseEntry(entry, width, height, ButtonsAreSwapped);
+    WriteToAgentPipe(kAgentMousePipe, &message, sizeof message);
+    gLastMouseRingData = entry;
+  };
+  while (!gStopMouseThread.load(std::memory_order_relaxed))
+    if (!DrainRing(ring, gStopMouseThread, send)) SpinOnce();
+  return 1;
+}
+
+}  // namespace stewardry

@@ -1,0 +1,73 @@
+// The region of a session: asked for and forgotten.
+#include "service/kvm/shared_region.h"
+
+#include "platform/thread.h"
+#include "service/diagnostics/side_log.h"
+#include "service/mailbox/request.h"
+
+namespace stewardry {
+
+std::atomic<std::uint64_t> KeyBoardBufferVirtualAddress{0};
+std::atomic<std::uint64_t> MouseBufferVirtualAddress{0};
+std::atomic<std::uint8_t> gKeyboardMouseReady{0};
+std::atomic<std::uint8_t> gKeyboardTailReset{0};
+
+namespace {
+
+// The driver's answer.
+struct KeyboardMouseBuffer {
+  std::uint64_t address;
+  std::uint64_t unread;
+};
+static_assert(sizeof(KeyboardMouseBuffer) == 16);
+
+// A whole address, on which the indexes are words of their own.
+bool IsAddress(const KeyboardMouseBuffer& buffer, std::uint32_t bytes) {
+  return bytes >= sizeof buffer.address && buffer.address != 0 &&
+         buffer.address % alignof(SharedRegion) == 0;
+}
+
+void KeepRegion(std::uint64_t address) {
+  KeyBoardBufferVirtualAddress.store(address, std::memory_order_relaxed);
+  if (gKeyboardTailReset.exchange(1, std::memory_order_relaxed) == 0) {
+    auto* region = reinterpret_cast<SharedRegion*>(address);
+    std::atomic_ref(region->keyboard.readIndex).store(0, std::memory_order_release);
+  }
+  SideLog(kSideLogKeyboardMouse, "KeyBoardBufferVirtualAddress High 0x%x low 0x%x \n",
+          static_cast<std::uint32_t>(address >> 32), static_cast<std::uint32_t>(address));
+  MouseBufferVirtualAddress.store(address + offsetof(SharedRegion, mouse),
+                                  std::memory_order_relaxed);
+}
+
+}  // namespace
+
+bool InitializeKeyboardMousePointers() {
+  KeyboardMouseBuffer buffer{};
+  RequestOutcome outcome;
+  KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  if (AskForRecord(Operation::kInitializeKeyboardMousePointers, &buffer, &outcome) != 0)
+    return false;
+  if (outcome.completed && !IsAddress(buffer, outcome.bytes)) {
+    SideLog(kSideLogKeyboardMouse, "Invalid keyboard and mouse buffer address\n");
+    return false;
+  }
+  if (outcome.completed) KeepRegion(buffer.address);
+  gKeyboardMouseReady.store(1, std::memory_order_relaxed);
+  return true;
+}
+
+void UninitializeKeyboardMousePointers() {
+  KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  gKeyboardMouseReady.store(0, std::memory_order_relaxed);
+  SideLog(kSideLogKeyboardMouse, "Exit UninitializeKeyboardMousePointers\n");
+}
+
+void SpinOnce() {
+  constexpr int kHints = 32;
+  for (int i = 0; i < kHints; ++i) platform::PauseProcessor();
+  platform::SwitchToThread();
+}
+
+}  // namespace stewardry

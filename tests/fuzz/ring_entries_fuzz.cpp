@@ -1,0 +1,69 @@
+// Fuzz target: a shared region as a firmware might leave it, whatever the indexes and entries say,
+// through both consumers with a keyboard that answers from the same bytes. The region stands alone
+// on the heap, where a look beyond it is seen.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "service/kvm/key_translation.h"
+#include "service/kvm/mouse_pump.h"
+#include "service/kvm/shared_region.h"
+
+namespace stewardry {
+namespace {
+
+std::uint32_t gAnswers;  // what the layout answers next
+
+std::uint32_t Answer() { return gAnswers = gAnswers * 1664525 + 1013904223; }
+
+constexpr KeyboardHost kHost = {
+    [](std::uint8_t) { return static_cast<std::uint16_t>(Answer() >> 16); },
+    [](std::uint8_t) { return static_cast<std::uint8_t>(Answer() >> 24); },
+    [](std::uint8_t, const KeyStates&) { return static_cast<int>(Answer()); },
+    [] { return (Answer() >> 31) != 0; },
+    [](std::uint8_t) { return (Answer() >> 31) != 0; },
+    [](std::uint8_t, std::uint8_t, std::uint32_t flags) {
+      if ((flags & ~(kKeyExtended | kKeyUp)) != 0) std::abort();
+    },
+    [](const char*) {},
+};
+
+}  // namespace
+}  // namespace stewardry
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
+
+// The input: four indexes, then the entries of both rings in turn, repeated over the region.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace stewardry;
+  constexpr std::size_t kIndexes = 16;
+  if (size < kIndexes + 4) return 0;
+  const auto region = std::make_unique<SharedRegion>();
+  auto* bytes = reinterpret_cast<std::uint8_t*>(region.get());
+  for (std::size_t at = 0; at < sizeof(SharedRegion); at += size - kIndexes)
+    std::memcpy(bytes + at, data + kIndexes, std::min(size - kIndexes, sizeof(SharedRegion) - at));
+  std::uint32_t indexes[4];
+  std::memcpy(indexes, data, kIndexes);
+  region->keyboard.writeIndex = indexes[0];
+  region->keyboard.readIndex = indexes[1];
+  region->mouse.writeIndex = indexes[2];
+  region->mouse.readIndex = indexes[3];
+  std::memcpy(&gAnswers, data + kIndexes, sizeof gAnswers);
+
+  static const std::atomic<bool> stop{false};
+  gLastMouseRingData = {};
+  DrainRing(&region->keyboard, stop, [](std::uint32_t entry) {
+    ResetDeadKeys(kHost);
+    KeyboardActionEvent(kHost, entry & 0xFFFF, (entry & 0x80000000) != 0);
+  });
+  DrainRing(&region->mouse, stop, [](const mouseBufferRingData& entry) {
+    (void)TranslateMouseEntry(entry, 1024, 768, [] { return (Answer() >> 31) != 0; });
+    gLastMouseRingData = entry;
+  });
+  if (region->keyboard.readIndex >= KeyboardRing::kEntries &&
+      region->keyboard.writeIndex < KeyboardRing::kEntries - 1)
+    std::abort();
+  return 0;
+}

@@ -1,0 +1,152 @@
+// Key translation on three layouts. What comes out stands as text, see TestKeyboard::Type.
+#include "service/kvm/key_translation.h"
+
+#include <gtest/gtest.h>
+
+#include "service/kvm/key_table.h"
+#include "service/kvm/special_key.h"
+#include "tests/service/kvm/test_keyboard.h"
+
+namespace stewardry {
+namespace {
+
+constexpr std::int32_t kGrave = 0xFE50, kAcute = 0xFE51, kTilde = 0xFE53, kRing = 0xFE58,
+                       kCedilla = 0xFE5B;
+
+struct Case {
+  const char* name;
+  std::initializer_list<std::int32_t> keysyms;
+  const char* events;
+};
+
+void ExpectAll(TestKeyboard* keyboard, std::initializer_list<Case> cases) {
+  for (const Case& each : cases) EXPECT_EQ(keyboard->Type(each.keysyms), each.events) << each.name;
+}
+
+TEST(KeyTranslation, ATableKeyIsAnotherOneOrLacksItsFlag) {
+  TestKeyboard keyboard(UsLayout());
+  ExpectAll(&keyboard,
+            {{"Return", {0xFF0D, -0xFF0D}, "0D+ 0D-"},
+             {"KP_Enter", {0xFF8D, -0xFF8D}, "0Dx+ 0Dx-"},
+             {"Ctrl+Alt+Del",
+              {0xFFE3, 0xFFE9, 0xFFFF, -0xFFFF, -0xFFE9, -0xFFE3},
+              "11+ 12+ 2Ex+ 2Ex- 12- 11-"},
+             {"right-hand modifiers", {0xFFE2, 0xFFE4, 0xFFEA, 0xFFEC}, "A1+ 11x+ A5x+ 5C+"},
+             {"first and last of the runs",
+              {0xFFBE, 0xFFD5, 0xFFB0, 0xFFB9, 0xFF51, 0xFF54, 0xFF96},
+              "70+ 87+ 60+ 69+ 25x+ 28x+ 25+"},
+             {"lock keys, holes and strangers",
+              {0xFFE5, 0xFF7F, 0xFF14, 0x7F, 0x80, 0x9F, 0x1F, 0x100, 0xFE61, 0xFE4F, 0xFF0A,
+               0xFFD6, 0xFFFE},
+              ""}});
+}
+
+TEST(KeyTranslation, ACharacterComesWithoutItsModifiersOrWithTheWrongOnes) {
+  TestKeyboard us(UsLayout());
+  ExpectAll(&us, {{"small letter", {'a', -'a'}, "41+ 41-"},
+                  {"capital", {'A', -'A'}, "10+ 41+ 10- 41-"},
+                  {"digit and sign", {'1', '!'}, "31+ 10+ 31+ 10-"},
+                  {"space", {' '}, "20+"}});
+  us.capsLock = true;
+  ExpectAll(&us, {{"caps: small letter", {'a'}, "10+ 41+ 10-"},
+                  {"caps: capital", {'A'}, "41+"},
+                  {"caps: digit", {'1'}, "10+ 31+ 10-"},
+                  {"caps: release", {-'a'}, "41-"}});
+  TestKeyboard german(GermanLayout());
+  ExpectAll(&german, {{"umlaut", {0xFC, 0xDC}, "BA+ 10+ BA+ 10-"},
+                      {"AltGr", {'@', '{'}, "11+ 12+ 51+ 11- 12- 11+ 12+ 37+ 11- 12-"}});
+  TestKeyboard french(FrenchLayout());
+  ExpectAll(&french, {{"digit with Shift", {'1', '&'}, "10+ 31+ 10- 31+"},
+                      {"AltGr", {'#'}, "11+ 12+ 33+ 11- 12-"}});
+}
+
+TEST(KeyTranslation, ModifiersThatTheHostHoldsAreLostOrPressedTwice) {
+  TestKeyboard keyboard(UsLayout());
+  keyboard.down = {0x10, 0xA0};  // a left Shift
+  ExpectAll(&keyboard, {{"a capital has its Shift", {'A'}, "41+"},
+                        {"a small letter is freed of it", {'a'}, "A0- 41+ A0+"},
+                        {"the space bar isn't", {' '}, "20+"},
+                        {"nor is a release", {-'a'}, "41-"}});
+  keyboard.down = {0xA0, 0xA1};
+  ExpectAll(&keyboard, {{"both", {'a'}, "A0- A1- 41+ A0+ A1+"},
+                        {"a code on the keypad",
+                         {0xE9},
+                         "A0- A1- 12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12- A0+ A1+"}});
+}
+
+TEST(KeyTranslation, ADeadKeyIsSentKeptTooLongOrComposesWrongly) {
+  TestKeyboard keyboard(UsLayout());
+  ExpectAll(
+      &keyboard,
+      {{"acute, e", {kAcute, -kAcute, 'e', -'e'}, "12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12- 45-"},
+       {"acute, b, e", {kAcute, 'b', 'e'}, "42+ 45+"},
+       {"ring, a", {kRing, 'a'}, "41+"},
+       {"acute, Return, e: the key table doesn't use it up",
+        {kAcute, 0xFF0D, 'e'},
+        "0D+ 12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12-"},
+       {"acute, release of x, e",
+        {kAcute, -'x', 'e'},
+        "58- 12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12-"},
+       {"the last dead key counts",
+        {kGrave, kAcute, 'e'},
+        "12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12-"},
+       {"bounds", {0xFE60, 'e'}, "45+"}});
+  for (const auto& [dead, letter, result] :
+       {std::tuple<std::uint32_t, char, std::uint32_t>{kTilde, 'N', 0xD1},
+        {kTilde, 'A', 0xC3},
+        {kGrave, 'u', 0xF9},
+        {kAcute, 'y', 0xFD},
+        {0xFE52, 'I', 0xCE},
+        {0xFE57, 'y', 0xFF},
+        {kCedilla, 'c', 0xE7},
+        {kCedilla, 'a', 'a'},
+        {0xFE57, 'Y', 'Y'}})
+    EXPECT_EQ(ComposeDeadKey(dead, static_cast<std::uint32_t>(letter)), result) << letter;
+  // On a layout that has the letter, it is one key.
+  TestKeyboard french(FrenchLayout());
+  EXPECT_EQ(french.Type({kAcute, 'e'}), "32+");
+}
+
+TEST(KeyTranslation, ADeadKeyStaysInTheLayout) {
+  for (const Layout* layout : {&UsLayout(), &GermanLayout(), &FrenchLayout()}) {
+    TestKeyboard keyboard(*layout);
+    EXPECT_EQ(keyboard.Type({'a'}), "41+");
+    EXPECT_EQ(keyboard.deadInLayout, 0);
+    EXPECT_EQ(keyboard.notes.find("Found dead key") != std::string::npos, layout != &UsLayout());
+  }
+}
+
+TEST(KeyTranslation, ACharacterThatTheLayoutLacksIsLost) {
+  TestKeyboard keyboard(UsLayout());
+  EXPECT_EQ(keyboard.Type({0xA0, -0xA0}), "12+ 60+ 60- 61+ 61- 66+ 66- 60+ 60- 12-");
+  EXPECT_NE(keyboard.notes.find("Unhandled Keydown Event\n"), std::string::npos);
+  EXPECT_EQ(keyboard.Type({0xFF}), "12+ 60+ 60- 62+ 62- 65+ 65- 65+ 65- 12-");
+}
+
+TEST(SpecialKeys, RestoreUndoesWhatWasntDone) {
+  TestKeyboard keyboard(UsLayout());
+  const auto run = [&](std::int32_t virtualKey, auto step) {
+    SpecialKey key;
+    SpecialKey_Init(&key, virtualKey);
+    step(&key);
+    SpecialKey_Restore(keyboard.Host(), key);
+    return keyboard.Type({0xFF0D});  // an event that ends the text
+  };
+  const auto press = [&](SpecialKey* key) { SpecialKey_Press(keyboard.Host(), key); };
+  const auto release = [&](SpecialKey* key) { SpecialKey_Release(keyboard.Host(), key); };
+  (void)run(0x10, [](SpecialKey*) {});
+  EXPECT_EQ(keyboard.notes.find("Special Key"), std::string::npos);
+  (void)run(0x10, press);
+  EXPECT_NE(keyboard.notes.find("earlier pressed now performing release"), std::string::npos);
+  keyboard.notes.clear();
+  (void)run(0x10, release);  // it is up
+  EXPECT_EQ(keyboard.notes.find("Special Key"), std::string::npos);
+  for (const std::int32_t virtualKey : {-1, 256, 0x7FFFFFFF}) {
+    keyboard.notes.clear();
+    (void)run(virtualKey, press);
+    EXPECT_NE(keyboard.notes.find("Harmful Keysymbol received\n"), std::string::npos) << virtualKey;
+  }
+}
+
+}  // namespace
+}  // namespace stewardry
