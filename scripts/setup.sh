@@ -7,7 +7,8 @@ set -euo pipefail
 
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
 clients=(curl openssl iproute2 util-linux)
-checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy)
+checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy pkg-config
+        libvncserver-dev gvncviewer)
 windows=(g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev socat haproxy nginx
        libnginx-mod-stream strace)

@@ -27,12 +27,13 @@ constexpr std::size_t kMaxShownBytes = 1024;
 }  // namespace
 
 Firmware::Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls)
-    : trace_(trace), link_(link), tls_(tls) {}
+    : trace_(trace), link_(link), tls_(tls), kvm_(*this) {}
 
 void Firmware::MailboxArrived() {
   hasMailbox_ = true;
   readsArmed_ = readsSpent_ = 0;
   saidArmed_ = false;
+  kvm_.HostArrived();
   trace_.Note("a mailbox end has connected");
 }
 
@@ -41,6 +42,8 @@ void Firmware::MailboxLeft(const std::string& why) {
   held_.clear();
   heldBytes_ = 0;
   dash_.reset();
+  kvm_.HostLeft();
+  peeks_.clear();
   link_.Clear();
   trace_.Note("the mailbox end has gone: " + why);
 }
@@ -76,6 +79,8 @@ void Firmware::TakeHandle(const lablink::Head& head) {
                                isRequestHandle ? "request" : "interrupt",
                                static_cast<unsigned long long>(head.id)));
   if (isRequestHandle) {
+    // A new process behind an old link has a new region too.
+    if (opens) kvm_.HostArrived();
     // Nobody waits any longer for what that handle asked.
     if (!opens) held_.clear();
     if (!opens) heldBytes_ = 0;
@@ -106,6 +111,9 @@ void Firmware::TakeCancel(const lablink::Head& head) {
 }
 
 void Firmware::TakeMemory(const LinkMessage& message) {
+  const bool isForConsole = !peeks_.empty() && peeks_.front();
+  if (!peeks_.empty()) peeks_.pop_front();
+  if (isForConsole) return kvm_.InputMemory(message.body);
   const ByteView shown = message.body.first(std::min(message.body.size(), kMaxShownBytes));
   trace_.HostToFirmware(Format("memory of region %llu at offset %u, %zu bytes: ",
                                static_cast<unsigned long long>(message.head.id), message.head.word,
@@ -251,7 +259,23 @@ bool Firmware::Peek(std::uint64_t region, std::uint32_t offset, std::uint32_t co
   if (!hasMailbox_) return false;
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&count);
   link_.Send(lablink::kPeek, region, offset, {bytes, sizeof(count)});
+  peeks_.push_back(false);
   return true;
+}
+
+void Firmware::SendKvmBytes(ByteView bytes) {
+  const Bytes frame = MakeFrame(kKvmData, bytes);
+  (void)SendFrame(frame, DescribeFrame(frame));
+}
+
+// Input goes into the rings at the rate of its events: the console says what it was, once, and the
+// words of the messages would only repeat it.
+void Firmware::PokeInput(std::uint32_t offset, ByteView bytes) {
+  if (hasMailbox_) link_.Send(lablink::kPoke, lablink::kKeyboardMouseRegion, offset, bytes);
+}
+
+void Firmware::PeekInput(std::uint32_t offset, std::uint32_t count) {
+  if (Peek(lablink::kKeyboardMouseRegion, offset, count)) peeks_.back() = true;
 }
 
 void Firmware::SendDashBytes(ByteView bytes) {
@@ -272,6 +296,7 @@ void Firmware::Say(const std::string& words) { trace_.Note(words); }
 
 void Firmware::Pump() {
   if (dash_ && dash_->IsWaitingForRoom() && HasRoom()) dash_->Pump();
+  if (hasMailbox_) kvm_.Pump();
 }
 
 }  // namespace orrin

@@ -14,6 +14,7 @@
 
 #include "lab/firmware/dash_session.h"
 #include "lab/firmware/inventory.h"
+#include "lab/firmware/kvm_console.h"
 #include "lab/firmware/link.h"
 #include "lab/firmware/operations.h"
 #include "lab/firmware/records.h"
@@ -37,7 +38,7 @@ struct Failure {
 };
 
 // One thread. What it is given outlives it.
-class Firmware : public DashOutput {
+class Firmware : public DashOutput, public KvmOutput {
  public:
   Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls);
 
@@ -47,12 +48,15 @@ class Firmware : public DashOutput {
   bool HasMailbox() const { return hasMailbox_; }
   // One message of the mailbox end. False: it is malformed, and the link must be dropped.
   bool Take(const LinkMessage& message);
-  // Makes more of a long answer while there is room.
+  // Makes more of a long answer while there is room, and asks again what has waited long enough.
   void Pump();
+  // Milliseconds until Pump has something to do of itself; -1: nothing.
+  int MillisecondsLeft() const { return kvm_.MillisecondsLeft(); }
 
   // --- the prompt ---
   FirmwareFacts& Facts() { return facts_; }
   const Inventory& Reported() const { return inventory_; }
+  KvmConsole& Kvm() { return kvm_; }
   // Leaves a command for the host; false (said in the trace) without a mailbox end or when the
   // payload is too long for a frame.
   bool SendCommandFrame(std::uint8_t code, ByteView payload);
@@ -68,8 +72,11 @@ class Firmware : public DashOutput {
   void SetFailure(const Operation* operation, std::uint32_t error,
                   std::optional<std::uint64_t> count);
 
-  // --- DashOutput ---
+  // --- DashOutput, KvmOutput ---
   void SendDashBytes(ByteView bytes) override;
+  void SendKvmBytes(ByteView bytes) override;
+  void PokeInput(std::uint32_t offset, ByteView bytes) override;
+  void PeekInput(std::uint32_t offset, std::uint32_t count) override;
   void SendCommand(std::uint8_t code) override;
   bool HasRoom() const override;
   void Say(const std::string& words) override;
@@ -124,12 +131,15 @@ class Firmware : public DashOutput {
   void ActOnIp(ByteView input);
   void ActOnClose(ByteView input);
   void ActOnDash(ByteView input);
+  void ActOnKvm(ByteView input);
+  void ActOnReturnedBuffers(ByteView input);
   void BeginDash();
   void EndDash(const std::string& why);
 
   Bytes AnswerVersion(ByteView input);
   Bytes AnswerStatus(ByteView input);
   Bytes AnswerRegion(ByteView input);
+  Bytes AnswerInputRegion(ByteView input);
   Bytes AnswerEcho(ByteView input);
 
   Trace& trace_;
@@ -150,9 +160,12 @@ class Firmware : public DashOutput {
   std::deque<Request> held_;
   std::size_t heldBytes_ = 0;
 
-  // The session of the connection announced last for port 664. A session for port 22 has its place
-  // beside it: begun by ActOnIp, fed by an action of kWriteKvmPacket, ended by ActOnClose.
+  // Who asked for memory: true the console's rings, false the prompt. Answers come in order.
+  std::deque<bool> peeks_;
+
+  // The session of the connection announced last for port 664, and what stands behind port 22.
   std::unique_ptr<DashSession> dash_;
+  KvmConsole kvm_;
   TlsRecordWatch fromPeer_;
   TlsRecordWatch toPeer_;
 };

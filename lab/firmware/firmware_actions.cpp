@@ -30,11 +30,11 @@ const Firmware::Action Firmware::kActions[] = {
     {kSendIpInfo, &Firmware::DescribeIp, &Firmware::ActOnIp, nullptr},
     {kSendCloseSocket, &Firmware::DescribeClose, &Firmware::ActOnClose, nullptr},
     {kWriteNwInfo, &Firmware::DescribeNetwork, &Firmware::ActOnNetwork, nullptr},
-    {kWriteKvmPacket, &Firmware::DescribeKvm, nullptr, nullptr},
+    {kWriteKvmPacket, &Firmware::DescribeKvm, &Firmware::ActOnKvm, nullptr},
     {kWriteLogBuffer, nullptr, nullptr, &Firmware::AnswerRegion},
     {kDeAllocateLogBuffer, nullptr, nullptr, &Firmware::AnswerRegion},
-    {kInitializePointers, nullptr, nullptr, &Firmware::AnswerRegion},
-    {kDeAllocateKvmBuffers, nullptr, nullptr, &Firmware::AnswerRegion},
+    {kInitializePointers, nullptr, nullptr, &Firmware::AnswerInputRegion},
+    {kDeAllocateKvmBuffers, nullptr, &Firmware::ActOnReturnedBuffers, &Firmware::AnswerRegion},
     {kGetOrrinStatus, nullptr, nullptr, &Firmware::AnswerStatus},
     {kSetS5Status, &Firmware::DescribeS5, nullptr, nullptr},
     {kUnnamedFunction002, nullptr, nullptr, &Firmware::AnswerEcho},
@@ -120,19 +120,24 @@ void Firmware::ActOnNetwork(ByteView input) {
 void Firmware::ActOnIp(ByteView input) {
   const auto record = ReadRecord<IpRecord>(input);
   if (record->localPort == kDashPort) return BeginDash();
-  if (record->localPort == kKvmPort) return;  // a KVM session begins here
+  if (record->localPort == kKvmPort) return kvm_.Begin();
   inventory_.ip = record;
   inventory_.reports.ip++;
 }
 
 void Firmware::ActOnClose(ByteView input) {
   if (U16(input) == kDashPort) EndDash("the host says that it has gone");
+  if (U16(input) == kKvmPort) kvm_.End("the host says that it has gone");
 }
 
 void Firmware::ActOnDash(ByteView input) {
   if (!dash_) return trace_.Note("DASH: no connection was announced; the bytes are dropped");
   dash_->Receive(input);
 }
+
+void Firmware::ActOnKvm(ByteView input) { kvm_.Receive(input); }
+
+void Firmware::ActOnReturnedBuffers(ByteView) { kvm_.RegionReturned(); }
 
 void Firmware::BeginDash() {
   if (dash_) EndDash("another connection takes its place");
@@ -158,6 +163,12 @@ Bytes Firmware::AnswerVersion(ByteView) {
 Bytes Firmware::AnswerStatus(ByteView) { return {facts_.orrinStatus}; }
 
 Bytes Firmware::AnswerRegion(ByteView) { return BytesOf(RegionRecord{kSomeAddress, 0}); }
+
+// Rings that the host hasn't seen yet are emptied before it has their address.
+Bytes Firmware::AnswerInputRegion(ByteView) {
+  kvm_.RegionWanted();
+  return BytesOf(RegionRecord{kvm_.Withholds() ? 0 : kSomeAddress, 0});
+}
 
 Bytes Firmware::AnswerEcho(ByteView input) { return {input.begin(), input.end()}; }
 

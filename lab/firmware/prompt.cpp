@@ -102,9 +102,9 @@ const Prompt::Command Prompt::kCommands[] = {
     {"unsubscribe", "", "takes the subscription back", &Prompt::Unsubscribe},
     {"indication", "TEXT", "an indication event", &Prompt::Indication},
     {"upgrade", "TEXT", "a software upgrade text", &Prompt::Upgrade},
-    {"kvm", "on", "KVM is now enabled", &Prompt::Kvm},
-    {"trust", "IP PORT", "the peer to trust for KVM", &Prompt::Trust},
-    {"close", "", "closes the KVM connection", &Prompt::CloseKvm},
+    {"kvm", "COMMAND ...", "the console behind port 22", &Prompt::Kvm},
+    {"trust", "IP PORT", "kvm trust", &Prompt::Trust},
+    {"close", "", "kvm close", &Prompt::CloseKvm},
     {"resume", "", "resume from S0i3", &Prompt::Resume},
     {"drop", "", "closes the link: the device goes away", &Prompt::Drop},
     {"inventory", "", "what the host has reported, as JSON", &Prompt::ShowInventory},
@@ -186,13 +186,20 @@ void Prompt::RunLine(std::string_view line) {
   std::string_view arguments = line;
   const std::string_view word = TakeWord(&arguments);
   if (word.empty() || word.starts_with('#')) return;
-  for (const Command& command : kCommands) {
-    if (command.word != word) continue;
-    if ((this->*command.run)(arguments)) return;
-    return trace_.Note("wrong arguments; usage: " + std::string(command.word) + " " +
-                       std::string(command.usage));
+  const Command* command = Find(kCommands, word);
+  if (!command) {
+    return trace_.Note("unknown command \"" + Printable(word, 80) + "\"; help lists them");
   }
-  trace_.Note("unknown command \"" + Printable(word, 80) + "\"; help lists them");
+  if ((this->*command->run)(arguments)) return;
+  trace_.Note("wrong arguments; usage: " + std::string(command->word) + " " +
+              std::string(command->usage));
+}
+
+const Prompt::Command* Prompt::Find(std::span<const Command> commands, std::string_view word) {
+  for (const Command& command : commands) {
+    if (command.word == word) return &command;
+  }
+  return nullptr;
 }
 
 // Commands to the host say for themselves what became of them, so their results don't matter here:
@@ -204,11 +211,16 @@ bool Prompt::SendEmpty(std::uint8_t code, std::string_view arguments) {
 }
 
 bool Prompt::Help(std::string_view) {
-  for (const Command& command : kCommands) {
-    const std::string call = std::string(command.word) + " " + std::string(command.usage);
+  ShowHelp("", kCommands);
+  ShowKvmHelp();
+  return true;
+}
+
+void Prompt::ShowHelp(const char* prefix, std::span<const Command> commands) {
+  for (const Command& command : commands) {
+    const std::string call = prefix + std::string(command.word) + " " + std::string(command.usage);
     trace_.Plain(Format("  %-42s  ", call.c_str()) + std::string(command.meaning));
   }
-  return true;
 }
 
 bool Prompt::Provision(std::string_view arguments) {
@@ -319,22 +331,6 @@ bool Prompt::Upgrade(std::string_view arguments) {
   (void)firmware_.SendCommandFrame(kSoftwareUpgrade, ViewOf(arguments));
   return true;
 }
-
-bool Prompt::Kvm(std::string_view arguments) {
-  return arguments == "on" && SendEmpty(kKvmEnableStatus, {});
-}
-
-bool Prompt::Trust(std::string_view arguments) {
-  TrustRecord record{};
-  const std::string address(TakeWord(&arguments));
-  const auto port = Number(arguments, UINT32_MAX);
-  if (!port || inet_pton(AF_INET, address.c_str(), record.address) != 1) return false;
-  record.port = static_cast<std::uint32_t>(*port);
-  (void)firmware_.SendCommandFrame(kKvmIpPortInfo, BytesOf(record));
-  return true;
-}
-
-bool Prompt::CloseKvm(std::string_view arguments) { return SendEmpty(kVncSocketClose, arguments); }
 
 bool Prompt::Resume(std::string_view arguments) { return SendEmpty(kS0i3Resume, arguments); }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <deque>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -46,9 +47,12 @@ class Prompt {
     bool (Prompt::*run)(std::string_view arguments);  // false: the arguments are wrong
   };
   static const Command kCommands[];
+  static const Command kKvmCommands[];
 
   bool IsHeld();
   void RunLine(std::string_view line);
+  static const Command* Find(std::span<const Command> commands, std::string_view word);
+  void ShowHelp(const char* prefix, std::span<const Command> commands);
   bool SendEmpty(std::uint8_t code, std::string_view arguments);
 
   bool Help(std::string_view arguments);
@@ -67,7 +71,16 @@ class Prompt {
   bool Unsubscribe(std::string_view arguments);
   bool Indication(std::string_view arguments);
   bool Upgrade(std::string_view arguments);
+  // The commands that begin with "kvm", in kvm_prompt.cpp.
   bool Kvm(std::string_view arguments);
+  void ShowKvmHelp();
+  bool KvmOn(std::string_view arguments);
+  bool KvmSave(std::string_view arguments);
+  bool KvmPaint(std::string_view arguments);
+  bool KvmFlood(std::string_view arguments);
+  bool KvmStall(std::string_view arguments);
+  bool KvmRegion(std::string_view arguments);
+  bool KvmIndex(std::string_view arguments);
   bool Trust(std::string_view arguments);
   bool CloseKvm(std::string_view arguments);
   bool Resume(std::string_view arguments);

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -18,6 +19,12 @@ constexpr std::size_t kMaxUnread = std::size_t{16} << 20;
 // Only a plain file name: the socket stays within the mailbox folder.
 bool IsSocketName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+// The sooner of two poll times, where -1 is never.
+int Sooner(int one, int other) {
+  if (one < 0 || other < 0) return std::max(one, other);
+  return std::min(one, other);
 }
 
 }  // namespace
@@ -120,7 +127,8 @@ void Simulator::Wait() {
       {mailbox_.Get(), linkEvents, 0},
       {inputEnded_ || !prompt_.HasRoom() ? -1 : input_, POLLIN, 0},
   };
-  if (poll(polled, std::size(polled), prompt_.MillisecondsLeft()) <= 0) return;
+  const int milliseconds = Sooner(prompt_.MillisecondsLeft(), firmware_.MillisecondsLeft());
+  if (poll(polled, std::size(polled), milliseconds) <= 0) return;
   if (polled[0].revents) stops_ = true;
   if (polled[1].revents) AcceptMailbox();
   if (polled[2].revents & (POLLIN | POLLHUP | POLLERR)) ReadLink();

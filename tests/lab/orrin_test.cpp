@@ -143,7 +143,7 @@ TEST_F(OrrinTest, AnswersWithNoMoreThanTheRequestTakes) {
   EXPECT_EQ(record->kvmStatus, 1200u);
   EXPECT_EQ(Answer(&end, orrin::kGetTavrinVersion, 10).body.size(), 10u);
   EXPECT_EQ(Answer(&end, orrin::kGetOrrinStatus, 1).body, Bytes{2});
-  const Message region = Answer(&end, orrin::kInitializePointers, 16);
+  const Message region = Answer(&end, orrin::kWriteLogBuffer, 16);
   EXPECT_EQ(region.body.size(), 16u);
   EXPECT_NE(Bytes(region.body.begin(), region.body.begin() + 8), Bytes(8));
   EXPECT_EQ(Answer(&end, orrin::kWriteDashPacket, 99, Bytes(3)).body.size(), 0u);
@@ -151,6 +151,46 @@ TEST_F(OrrinTest, AnswersWithNoMoreThanTheRequestTakes) {
   EXPECT_TRUE(orrin.Prints("unknown control code 0x9c41a404"));
   EXPECT_EQ(Answer(&end, orrin::kWriteOsInfo, 0, Bytes(803)).head.word, 87u);
   EXPECT_TRUE(orrin.Prints("WriteOsInfo: wrong input size, 803 bytes for 804"));
+}
+
+TEST_F(OrrinTest, ViewerSeesTheScreenAndItsKeysGoIntoTheRing) {
+  MailboxEnd end(folder);
+  end.Send(lablink::kOpen, 1, 1);
+  end.Request(1, orrin::kInitializePointers, 16, {});
+  for (const std::uint32_t ring : {0u, 32768u}) {
+    const auto poke = end.Next();
+    ASSERT_TRUE(poke && poke->head.kind == lablink::kPoke && poke->head.word == ring);
+    EXPECT_EQ(poke->body, Bytes(8));
+  }
+  EXPECT_NE(end.Next().value_or(Message{}).body, Bytes(16));
+  orrin::IpRecord announcement{};
+  announcement.localPort = orrin::kKvmPort;
+  (void)Answer(&end, orrin::kSendIpInfo, 0, orrin::BytesOf(announcement));
+  const Bytes version = end.Next().value_or(Message{}).body;
+  EXPECT_EQ(Bytes(version.end() - 2, version.end()), (Bytes{orrin::kKvmData, 0}));
+  EXPECT_EQ(orrin::TextOf(ByteView(version).first(version.size() - 2)), "RFB 003.008\n");
+
+  const std::string_view says("RFB 003.008\n\1\1\4\1\0\0\0\0\0A", 22);
+  (void)Answer(&end, orrin::kWriteKvmPacket, 0, orrin::ViewOf(says));
+  std::vector<Message> pokes;
+  while (pokes.size() < 2) {
+    const auto message = end.Next();
+    ASSERT_TRUE(message);
+    if (message->head.kind == lablink::kPoke) pokes.push_back(*message);
+  }
+  EXPECT_EQ(pokes[0].head.word, 8u);
+  EXPECT_EQ(pokes[0].body, (Bytes{0x41, 0, 0, 0x80}));
+  EXPECT_EQ(pokes[1].head.word, 0u);
+  EXPECT_EQ(pokes[1].body, (Bytes{1, 0, 0, 0}));
+  EXPECT_TRUE(orrin.Prints("key 0x0041 'A' pressed"));
+
+  const std::uint16_t port = orrin::kKvmPort;
+  (void)Answer(&end, orrin::kSendCloseSocket, 0, orrin::BytesOf(port));
+  EXPECT_TRUE(orrin.Prints("KVM: session ended"));
+  orrin.Type("kvm region withhold");
+  orrin.Type("kvm index keyboard");
+  EXPECT_TRUE(orrin.Prints("keyboard writes at 1 next, 0 events wait"));
+  EXPECT_EQ(Answer(&end, orrin::kInitializePointers, 16).body, Bytes(16));
 }
 
 TEST_F(OrrinTest, SilenceHoldsAndFailureCounts) {
