@@ -4,6 +4,7 @@
 //   no-pipes   serve none
 //   hang       serve them, but take nothing
 //   die N      end after N events
+// It ends by itself when the lab folder has gone, so that no run of a test leaves one behind.
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 
 namespace {
 
+constexpr int kLookMilliseconds = 500;  // between two looks at the lab folder
 constexpr int kMessagePatience = 2000;  // milliseconds for a connected peer to say its message
 
 struct Options {
@@ -79,6 +81,8 @@ bool Serve(const Pipe& pipe) {
   return false;
 }
 
+bool LabIsThere() { return ::access(lab::LabFolder().c_str(), F_OK) == 0; }
+
 int Run(const Options& options) {
   Pipe pipes[] = {{"KVMAgentPipe", nullptr, {}},
                   {"KVMAgentKeyboard", lab_agent::DescribeKey, {}},
@@ -86,12 +90,14 @@ int Run(const Options& options) {
   for (Pipe& pipe : pipes)
     if (options.pipes && !Open(&pipe)) return 1;
   Say("agent " + std::to_string(::getpid()) + " runs");
-  if (!options.pipes || options.hang)
-    for (;;) ::pause();
+  while ((!options.pipes || options.hang) && LabIsThere()) ::poll(nullptr, 0, kLookMilliseconds);
   for (long served = 0; options.events < 0 || served < options.events;) {
     pollfd fds[3];
     for (int i = 0; i < 3; ++i) fds[i] = {pipes[i].listener.Get(), POLLIN, 0};
-    if (::poll(fds, 3, -1) < 0) continue;
+    if (::poll(fds, 3, kLookMilliseconds) <= 0) {
+      if (!LabIsThere()) return 0;
+      continue;
+    }
     for (int i = 0; i < 3; ++i) {
       if ((fds[i].revents & POLLIN) == 0) continue;
       if (!Serve(pipes[i])) return 0;

@@ -71,11 +71,14 @@ class Kvm(LabTest):
         return viewer
 
     def agent_lines(self):
-        return self.read(self.path("agent.txt")).splitlines()
+        return self.read(self.agent_path()).splitlines()
 
     def agents(self):
         return [int(number) for number in
-                re.findall(r"^agent (\d+) runs$", self.read(self.path("agent.txt")), re.M)]
+                re.findall(r"^agent (\d+) runs$", self.read(self.agent_path()), re.M)]
+
+    def kill_agent(self, number):
+        os.kill(number, signal.SIGKILL)
 
     def played(self, kind="key"):
         return [line for line in self.agent_lines() if line.startswith(kind + " ")]
@@ -222,7 +225,7 @@ class Mishaps(Kvm):
     def test_a_dead_agent_stays_dead(self):
         self.enable()
         viewer = self.viewer()
-        os.kill(self.agents()[-1], signal.SIGKILL)
+        self.kill_agent(self.agents()[-1])
         until(lambda: len(self.agents()) == 2, "another agent")
         viewer.tell("type z")
         self.assert_played(typed("z"))

@@ -213,6 +213,10 @@ class LabTest(unittest.TestCase):
         with open(self.path(*names), "w", encoding="utf-8") as file:
             file.write(text)
 
+    def agent_path(self):
+        """Where the agent writes down what it would play."""
+        return self.path("agent.txt")
+
     def log(self):
         return self.read(self.log_path())
 

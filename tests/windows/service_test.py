@@ -11,6 +11,7 @@ import wine_lab
 from wine_lab import RUNNING, SERVICE, STOPPED, WineLabTest, prefix, program, setup
 
 import dash_test  # noqa: E402  from the Linux lab, whose path wine_lab adds
+import kvm_test
 import power_test
 from stewardry_lab import ADAPTER, BOUND, connect, curl, knock_is_dropped, receive, until
 
@@ -153,6 +154,32 @@ class Dash(WineLabTest, dash_test.Dash):
     """Everything that the Linux lab asks of the relay."""
 
     test_inventory_differs_from_the_host = None  # Report has this host's
+
+
+class Kvm(WineLabTest, kvm_test.Kvm):
+    """A session with a foreign viewer, and the agent started with winlogon.exe's token."""
+
+    def test_a_viewer_sees_other_pixels_than_the_firmware_painted(self):
+        self.enable("kvm paint 4711")
+        shot = kvm_test.capture(self.path("shot.png"))
+        self.assertEqual(shot, self.painted())
+        self.ended()
+        self.logged("KVM_Agent PID: ")
+        self.assert_order(self.side_log(), [
+            "KVM_Agent.exe\n", "Session Id 0x1\n", "CreateEnvironmentBlock success\n",
+            "CreateProcessAsUser success\n", "KeyBoardBufferVirtualAddress High"])
+
+    def test_a_screen_that_changes_reaches_its_viewer_torn(self):
+        self.enable()
+        viewer = self.viewer()
+        for _ in range(10):
+            self.orrin.tell("kvm paint")
+            viewer.tell("changed", "save " + self.path("seen.ppm"))
+            self.assertEqual(kvm_test.pixels(self.path("seen.ppm")), self.painted())
+
+    @unittest.skip("the test agent loses events under Wine, whose pipes drop a client that has gone")
+    def test_typed_text_arrives_as_other_keys(self):
+        pass
 
 
 class Power(WineLabTest):

@@ -42,8 +42,8 @@ class Prefix:
         atexit.register(self.end)
         self.run("wineboot", "-i")
         # Without a program of its own in it, Wine ends its services with each command.
-        self.keeper = subprocess.Popen([*HARMLESS, "wine", "cmd"], env=self.env,
-                                       stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+        self.keeper = subprocess.Popen([*HARMLESS, "wine", program("winlogon.exe")], env=self.env,
+                                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                        stderr=subprocess.DEVNULL)
 
     def run(self, *words):
@@ -104,6 +104,7 @@ class WineLabTest(LabTest):
         super()._open()
         self.logs = os.path.join(prefix().folder, "ProgramData", "Corvane", "Stewardry")
         shutil.rmtree(self.logs, ignore_errors=True)
+        pathlib.Path(self.agent_path()).unlink(missing_ok=True)
 
     def _close(self):
         try:
@@ -112,6 +113,12 @@ class WineLabTest(LabTest):
                 self.await_state(STOPPED)
         finally:
             super()._close()
+
+    def agent_path(self):
+        return os.path.join(prefix().folder, "ProgramData", "KVM_Agent.txt")
+
+    def kill_agent(self, number):
+        prefix().run("taskkill", "/f", "/pid", str(number))
 
     def start_wine(self, name, *words):
         process = WineProcess(self, "%s-%d" % (name, len(self.processes)), *words)

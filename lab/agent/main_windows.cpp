@@ -1,0 +1,107 @@
+// KVM_Agent.exe, the stand-in of the program that plays a viewer's input into the console, for
+// Windows test machines and Wine: it serves the three pipes and appends each event in words to
+// KVM_Agent.txt in the common application data folder. It takes no arguments, since its launcher
+// gives none.
+#include <windows.h>
+// This needs windows.h.
+#include <shlobj.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "lab/agent/events.h"
+
+namespace {
+
+struct CloseObject {
+  void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
+
+std::string OutputPath() {
+  char folder[MAX_PATH] = "";
+  (void)SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, folder);
+  return std::string(folder) + "\\KVM_Agent.txt";
+}
+
+void Say(const std::string& line) {
+  static std::mutex lock;
+  const std::lock_guard guard(lock);
+  const Object file(CreateFileA(OutputPath().c_str(), FILE_APPEND_DATA,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_ALWAYS, 0, nullptr));
+  const std::string text = line + "\n";
+  DWORD written;
+  (void)WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+struct Pipe {
+  const char* name;
+  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to go
+  Object first;                                 // the instance that the first client meets
+};
+
+HANDLE MakeInstance(const Pipe& pipe) {
+  return CreateNamedPipeA((std::string("\\\\.\\pipe\\") + pipe.name).c_str(), PIPE_ACCESS_DUPLEX,
+                          PIPE_TYPE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, 1024, 1024, 0,
+                          nullptr);
+}
+
+// All that one connection says until its end; cut behind what any message has.
+std::vector<std::uint8_t> TakeMessage(HANDLE instance) {
+  std::vector<std::uint8_t> message(1024);
+  DWORD size = 0, n = 0;
+  while (size < message.size() &&
+         ReadFile(instance, message.data() + size, static_cast<DWORD>(message.size() - size), &n,
+                  nullptr) &&
+         n > 0)
+    size += n;
+  message.resize(size);
+  return message;
+}
+
+void Serve(const Pipe& pipe, HANDLE instance) {
+  const std::vector<std::uint8_t> message = TakeMessage(instance);
+  if (pipe.describe != nullptr) return Say(pipe.describe(message));
+  if (!lab_agent::IsTerminate(message)) return Say("an order that is none");
+  Say("told to go");
+  ExitProcess(0);
+}
+
+// A client may have come before the wait for one, and may have said its message and gone.
+bool HasHadClient(DWORD error) { return error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA; }
+
+// The next instance is there before the one that has a client is served, so that one is always
+// free; one thread a pipe keeps the order.
+DWORD WINAPI RunPipe(void* parameter) {
+  Pipe& pipe = *static_cast<Pipe*>(parameter);
+  Object instance = std::move(pipe.first);
+  for (;;) {
+    if (!ConnectNamedPipe(instance.get(), nullptr) && !HasHadClient(GetLastError())) {
+      Say(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
+      return 1;
+    }
+    Object next(MakeInstance(pipe));
+    Serve(pipe, instance.get());
+    instance = std::move(next);
+  }
+}
+
+}  // namespace
+
+int main() {
+  static Pipe pipes[] = {{"KVMAgentPipe", nullptr, {}},
+                         {"KVMAgentKeyboard", lab_agent::DescribeKey, {}},
+                         {"KVMAgentMouse", lab_agent::DescribeMouse, {}}};
+  for (Pipe& pipe : pipes) pipe.first.reset(MakeInstance(pipe));
+  HANDLE threads[3];
+  for (int i = 0; i < 3; ++i) threads[i] = CreateThread(nullptr, 0, RunPipe, &pipes[i], 0, nullptr);
+  Say("agent " + std::to_string(GetCurrentProcessId()) + " runs");
+  WaitForMultipleObjects(3, threads, TRUE, INFINITE);
+  return 1;
+}
