@@ -27,8 +27,6 @@
 #include "platform/linux/wait.h"
 #include "platform/thread.h"
 
-extern char** environ;
-
 namespace platform {
 
 namespace {

@@ -8,7 +8,9 @@
 // 3. Nothing in the region is trusted: an index never leads outside it (DrainRing).
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -70,13 +72,13 @@ void UninitializeKeyboardMousePointers();
 // Copies an entry word by word, each atomic: the firmware may write it at the same time.
 template <class Entry>
 Entry LoadEntry(Entry* entry) {
-  static_assert(sizeof(Entry) % sizeof(std::uint32_t) == 0);
-  Entry copy;
+  constexpr std::size_t kWords = sizeof(Entry) / 4;
+  static_assert(sizeof(Entry) == kWords * 4);
+  std::array<std::uint32_t, kWords> words;
   auto* from = reinterpret_cast<std::uint32_t*>(entry);
-  auto* to = reinterpret_cast<std::uint32_t*>(&copy);
-  for (std::size_t i = 0; i < sizeof(Entry) / sizeof(std::uint32_t); ++i)
-    to[i] = std::atomic_ref(from[i]).load(std::memory_order_relaxed);
-  return copy;
+  for (std::size_t i = 0; i < kWords; ++i)
+    words[i] = std::atomic_ref(from[i]).load(std::memory_order_relaxed);
+  return std::bit_cast<Entry>(words);
 }
 
 // Hands the entries from readIndex up to the writeIndex found at the call to handle(entry), and
