@@ -179,6 +179,7 @@ TEST_F(KvmRelay, TheLastWordsOfAViewerReachTheFirmwareBeforeTheEnd) {
   ASSERT_TRUE(firmware_->Await(kKvmBytes));
   viewer_->Send("last words");
   viewer_.reset();
+  ASSERT_TRUE(ViewerHasClosed());
   firmware_->SetVerdict(kKvmBytes, 0);
   platform::CancelIoEx(*gRequestDevice, nullptr);
   ASSERT_TRUE(firmware_->Await(kGone));

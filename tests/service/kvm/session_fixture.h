@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -95,14 +96,25 @@ class KvmTest : public MailboxTest {
   static void CloseByFirmware() { Command(ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE); }
   static void Data(const std::string& bytes) { Command(ORRIN_TAVRIN_CMD_KVM_DATA, bytes); }
 
-  // Waits for a listener; the server binds on its own thread.
-  static bool Listening() {
-    return Eventually([] {
+  // Waits for a socket of port 22 in a state of TCP, as /proc/net/tcp numbers them.
+  static bool PortReaches(const std::string& state) {
+    return Eventually([&] {
       std::ifstream table("/proc/net/tcp");
-      const std::string text{std::istreambuf_iterator<char>(table), {}};
-      return text.find(":0016 00000000:0000 0A") != std::string::npos;
+      std::string line;
+      while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string number, local, remote, found;
+        fields >> number >> local >> remote >> found;
+        if (local.size() > 5 && local.substr(local.size() - 5) == ":0016" && found == state)
+          return true;
+      }
+      return false;
     });
   }
+  // Waits for a listener; the server binds on its own thread.
+  static bool Listening() { return PortReaches("0A"); }
+  // Waits until the viewer's close has reached the service's end, behind all of its bytes.
+  static bool ViewerHasClosed() { return PortReaches("08"); }
   // Waits until the session of a viewer who has connected is up and its connection served.
   bool Served(std::size_t announcements = 1) {
     return firmware_->Await(kAnnounce, announcements) && Eventually([&] {

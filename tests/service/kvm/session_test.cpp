@@ -2,6 +2,7 @@
 #include "service/kvm/session.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "platform/linux/lab_link.h"
 #include "service/inventory/ip_config.h"
@@ -250,12 +251,17 @@ TEST_F(KvmSession, FailuresOfTheEndAreSaidAndTheEndGoesOn) {
   ASSERT_TRUE(Listening());
   TcpClient viewer(22);
   ASSERT_TRUE(Served());
+  // Only an agent that listens goes by its own; this one isn't ended by force.
+  ASSERT_TRUE(Eventually([] { return LabText("agent.txt").find(" runs\n") != std::string::npos; }));
   gate::FailNext("shutdown", 10057);
   gate::FailEvery("GetExitCodeThread", 6);
   gate::FailNext("GetExitCodeProcess", 6);
   firmware_->SetVerdict(kRegionBack, 31);
   CloseByFirmware();
   EXPECT_TRUE(Logged("shutdown error 10057"));
+  const auto agent = static_cast<pid_t>(gKvmAgentPid.load());
+  EXPECT_TRUE(Eventually([&] { return ::waitpid(agent, nullptr, WNOHANG) != 0; }))
+      << "the agent goes by its own";
   EXPECT_EQ(CountOf(Messages(), "GetExitCodeThread failed\n"), 3U);
   EXPECT_EQ(Sequence(), "ASIRC");
   EXPECT_EQ(gKvmEnabled.load(), 0);
