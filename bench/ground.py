@@ -13,6 +13,7 @@ import time
 
 PATIENCE = 20.0  # seconds; a bound on a hang, never part of a result
 SERVICE_PORT = 664
+KVM_PORT = 22
 HZ = os.sysconf("SC_CLK_TCK")
 PAGE = os.sysconf("SC_PAGE_SIZE")
 
@@ -110,11 +111,11 @@ class Ground:
         self.running.append(child)
         return child
 
-    def start_firmware(self, lab):
-        """A far end behind the mailbox of a lab folder, which is made."""
+    def start_firmware(self, lab, *words):
+        """A far end behind the mailbox of a lab folder, which is made. `words` are its options."""
         os.makedirs(os.path.join(lab, "mailbox"))
         socket = os.path.join(lab, "mailbox", "bench")
-        self.firmware = self.start(program("relay_ends"), "firmware", socket, lab=lab)
+        self.firmware = self.start(program("relay_ends"), "firmware", socket, *words, lab=lab)
         until(lambda: os.path.exists(socket), "the firmware's socket")
 
     def start_service(self, lab):

@@ -43,4 +43,13 @@ MARKS = (
      {"socat": "relay/socat/chunk", "nginx": "relay/nginx/chunk",
       "haproxy": "relay/haproxy/chunk"},
      "relay/floor/chunk", ("socat", 1.0), ("floor", 1.15)),
+    ("KVM relay, one way", "MB/s", "more", "relay/kvm/tput",
+     {"socat": "relay/socat/tput", "nginx": "relay/nginx/tput", "haproxy": "relay/haproxy/tput"},
+     "relay/floor/tput", ("socat", 1.0), ("floor", 1 / 1.15)),
+    ("KVM relay, 64-byte trip", "us", "less", "relay/kvm/rtt",
+     {"socat": "relay/socat/rtt", "nginx": "relay/nginx/rtt", "haproxy": "relay/haproxy/rtt"},
+     "relay/floor/rtt", ("socat", 1.0), ("floor", 1.15)),
+    ("KVM relay, pictures down", "MB/s", "more", "relay/kvm/down",
+     {"socat": "relay/socat/down", "nginx": "relay/nginx/down", "haproxy": "relay/haproxy/down"},
+     "relay/floor/down", ("socat", 1.0), ("floor", 1 / 1.15)),
 )

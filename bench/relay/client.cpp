@@ -69,6 +69,24 @@ int MeasureRounds(int sock, std::size_t size, std::uint64_t rounds) {
   return 0;
 }
 
+// What is asked for goes out when the last answer is in, so no more than one answer is under way
+// and nothing is lost on the way.
+int MeasureAnswers(int sock, std::uint64_t rounds) {
+  PageBuffer room(kPicture);
+  const StreamHead head{kSmallRound, kPicture};
+  if (!SendAll(sock, &head, sizeof head)) return Broken();
+  const std::uint64_t warmUp = rounds / 10;
+  Clock::time_point began;
+  for (std::uint64_t i = 0; i < warmUp + rounds; ++i) {
+    if (i == warmUp) began = Clock::now();
+    if (!SendAll(sock, room.Data(), kSmallRound)) return Broken();
+    if (!ReceiveAll(sock, room.Data(), kPicture)) return Broken();
+  }
+  const double microseconds = Microseconds(Clock::now() - began).count();
+  std::printf("MBps %.1f\n", static_cast<double>(rounds * kPicture) / microseconds);
+  return 0;
+}
+
 }  // namespace
 
 int RunClient(std::uint16_t port, const std::string& mode, std::uint64_t n) {
@@ -77,6 +95,7 @@ int RunClient(std::uint16_t port, const std::string& mode, std::uint64_t n) {
   if (mode == "tput") return MeasureThroughput(sock.Get(), n);
   if (mode == "rtt") return MeasureRounds(sock.Get(), kSmallRound, n);
   if (mode == "chunk") return MeasureRounds(sock.Get(), kChunk, n);
+  if (mode == "down") return MeasureAnswers(sock.Get(), n);
   std::fprintf(stderr, "no mode %s\n", mode.c_str());
   return 2;
 }

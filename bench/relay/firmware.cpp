@@ -13,6 +13,7 @@
 #include "bench/relay/ends.h"
 #include "bench/relay/stream.h"
 #include "platform/linux/lab_link.h"
+#include "service/inventory/records.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
 #include "service/mailbox/messages.h"
@@ -27,10 +28,21 @@ using stewardry::Operation;
 constexpr std::uint32_t kReadVersion = ControlCodeFor(Operation::kGetTavrinVersion).code;
 constexpr std::uint32_t kReadStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
 constexpr std::uint32_t kNewConnection = ControlCodeFor(Operation::kSendIPCompleteInfomartion).code;
-constexpr std::uint32_t kStreamBytes = ControlCodeFor(Operation::kWriteDASHPacket).code;
+constexpr std::uint32_t kDashBytes = ControlCodeFor(Operation::kWriteDASHPacket).code;
+constexpr std::uint32_t kKvmBytes = ControlCodeFor(Operation::kWriteKVMPacket).code;
+constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
+constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardMousePointers).code;
 
-constexpr std::uint8_t kTrailer[] = {stewardry::ORRIN_TAVRIN_CMD_DASH_DATA, 0};
-constexpr std::size_t kLongestPayload = lablink::kMaxFrame - sizeof kTrailer;
+constexpr std::uint16_t kKvmPort = 22;
+
+// What stands behind a frame's payload: the command code and one byte.
+using Trailer = std::uint8_t[2];
+constexpr Trailer kDashData = {stewardry::ORRIN_TAVRIN_CMD_DASH_DATA, 0};
+constexpr Trailer kKvmData = {stewardry::ORRIN_TAVRIN_CMD_KVM_DATA, 0};
+constexpr Trailer kKvmOn = {stewardry::ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS, 0};
+constexpr std::size_t kLongestPayload = lablink::kMaxFrame - sizeof(Trailer);
+constexpr std::uint32_t kGeneralFailure = 31;     // ERROR_GEN_FAILURE
+constexpr std::uint64_t kSomeAddress[] = {1, 0};  // the mailbox end puts its own there
 constexpr std::uint8_t kUp = 1;  // the status of a firmware that needn't be told everything again
 
 // The messages of one answer, gathered until Flush.
@@ -43,16 +55,17 @@ class Answer {
     PutHead(lablink::kComplete, id, size);
     Put(body, size);
   }
-  void Frame(const void* payload, std::size_t size) {
-    PutHead(lablink::kFrame, 0, size + sizeof kTrailer);
+  void Fail(std::uint64_t id, std::uint32_t error) { PutHead(lablink::kComplete, id, 0, error); }
+  void Frame(const Trailer& trailer, const void* payload, std::size_t size) {
+    PutHead(lablink::kFrame, 0, size + sizeof trailer);
     Put(payload, size);
-    Put(kTrailer, sizeof kTrailer);
+    Put(trailer, sizeof trailer);
   }
   // The payload in as many frames as it takes.
-  void Frames(const std::byte* payload, std::size_t size) {
+  void Frames(const Trailer& trailer, const std::byte* payload, std::size_t size) {
     while (size > 0) {
       const std::size_t part = std::min(size, kLongestPayload);
-      Frame(payload, part);
+      Frame(trailer, payload, part);
       payload += part;
       size -= part;
     }
@@ -74,11 +87,11 @@ class Answer {
   }
 
  private:
-  // A completion, and the frames of the longest round.
-  static constexpr std::size_t kHeads = 4;
+  // A completion, and the frames of the longest answer.
+  static constexpr std::size_t kHeads = 2 + (kPicture + kLongestPayload - 1) / kLongestPayload;
 
-  void PutHead(std::uint32_t kind, std::uint64_t id, std::size_t length) {
-    head_[heads_] = {lablink::kMagic, kind, id, 0, static_cast<std::uint32_t>(length)};
+  void PutHead(std::uint32_t kind, std::uint64_t id, std::size_t length, std::uint32_t word = 0) {
+    head_[heads_] = {lablink::kMagic, kind, id, word, static_cast<std::uint32_t>(length)};
     Put(&head_[heads_++], sizeof(lablink::Head));
   }
   void Put(const void* data, std::size_t size) {
@@ -98,9 +111,11 @@ class Answer {
   std::size_t count_ = 0;
 };
 
-// The stream of the connection that the service has announced last.
+// The stream of the connection that the service has announced last on a port.
 class Stream {
  public:
+  // REQUIRES: `trailer` outlives the stream.
+  explicit Stream(const Trailer& trailer) : trailer_(trailer) {}
   void Begin() {
     started_ = false;
     filled_ = 0;
@@ -117,7 +132,7 @@ class Stream {
     if (head_.roundSize == 0) {
       TakeSink(answer);
     } else if (filled_ >= head_.roundSize) {
-      answer->Frames(room_.Data(), head_.roundSize);
+      answer->Frames(trailer_, room_.Data(), head_.total != 0 ? head_.total : head_.roundSize);
       filled_ = 0;  // the client sends the next round behind this one
     }
   }
@@ -128,17 +143,18 @@ class Stream {
     std::memcpy(&head_, room_.Data(), sizeof head_);
     filled_ -= sizeof head_;
     std::memmove(room_.Data(), room_.Data() + sizeof head_, filled_);
-    started_ = head_.roundSize <= kChunk;
+    started_ = head_.roundSize <= kChunk && (head_.roundSize == 0 || head_.total <= kPicture);
     return started_;
   }
   void TakeSink(Answer* answer) {
     const bool before = taken_ < head_.total;
     taken_ += filled_;
     filled_ = 0;
-    if (before && taken_ >= head_.total) answer->Frame(&taken_, sizeof taken_);
+    if (before && taken_ >= head_.total) answer->Frame(trailer_, &taken_, sizeof taken_);
   }
 
-  PageBuffer room_{2 * kChunk + kPage};
+  const Trailer& trailer_;
+  PageBuffer room_{kPicture};
   StreamHead head_{};
   bool started_ = false;
   std::size_t filled_ = 0;
@@ -148,12 +164,15 @@ class Stream {
 // One mailbox end, from its connect to its close.
 class Mailbox {
  public:
-  explicit Mailbox(Descriptor sock) : sock_(std::move(sock)), answer_(sock_.Get()) {
+  Mailbox(Descriptor sock, bool withInput)
+      : sock_(std::move(sock)), withInput_(withInput), answer_(sock_.Get()) {
     version_.provisionStatus = stewardry::kProvisioned;
     std::strcpy(version_.version, "bench");
   }
 
   void Serve() {
+    EnableKvm();
+    if (!answer_.Flush()) return;
     lablink::Head head;
     while (ReceiveAll(sock_.Get(), &head, sizeof head) && head.magic == lablink::kMagic &&
            head.length <= lablink::kMaxBody) {
@@ -169,21 +188,36 @@ class Mailbox {
   bool ServeRequest(const lablink::Head& head) {
     if (head.length < kOutputSize) return false;
     const std::size_t size = head.length - kOutputSize;
-    const bool isStream = head.word == kStreamBytes;
-    std::byte* room = isStream ? stream_.Room(size) : unread_.Data();
+    Stream* stream = StreamOf(head.word);
+    std::byte* room = stream != nullptr ? stream->Room(size) : unread_.Data();
     if (room == nullptr || !ReceiveBody(room, size)) return false;
-    if (isStream) {
+    if (stream != nullptr) {
       answer_.Complete(head.id, nullptr, 0);
-      stream_.Take(size, &answer_);
+      stream->Take(size, &answer_);
     } else {
       AnswerQuestion(head);
     }
     return answer_.Flush();
   }
+  Stream* StreamOf(std::uint32_t code) {
+    return code == kDashBytes ? &dash_ : code == kKvmBytes ? &kvm_ : nullptr;
+  }
+  void EnableKvm() { answer_.Frame(kKvmOn, nullptr, 0); }
   void AnswerQuestion(const lablink::Head& head) {
-    if (head.word == kNewConnection) stream_.Begin();
+    if (head.word == kNewConnection) (AnnouncesKvm() ? kvm_ : dash_).Begin();
     if (head.word == kReadVersion) return answer_.Complete(head.id, &version_, sizeof version_);
+    if (head.word == kRegion && !withInput_) return answer_.Fail(head.id, kGeneralFailure);
+    if (head.word == kRegion) return answer_.Complete(head.id, kSomeAddress, sizeof kSomeAddress);
     answer_.Complete(head.id, &kUp, head.word == kReadStatus ? sizeof kUp : 0);
+    // A session's end turns KVM off.
+    if (head.word == kGone && *reinterpret_cast<std::uint16_t*>(unread_.Data()) == kKvmPort)
+      EnableKvm();
+  }
+  // The request's body announces a connection to port 22.
+  bool AnnouncesKvm() {
+    stewardry::IPInfo info;
+    std::memcpy(&info, unread_.Data(), sizeof info);
+    return info.localPort == kKvmPort;
   }
   bool ReceiveBody(std::byte* room, std::size_t size) {
     std::uint32_t outputSize;  // the answers' sizes are known without it
@@ -202,20 +236,22 @@ class Mailbox {
   }
 
   const Descriptor sock_;
+  const bool withInput_;
   Answer answer_;
-  Stream stream_;
+  Stream dash_{kDashData};
+  Stream kvm_{kKvmData};
   PageBuffer unread_{lablink::kMaxBody};
   stewardry::TavrinVersionInfo version_{};
 };
 
 }  // namespace
 
-int RunFirmware(const std::string& unixPath) {
+int RunFirmware(const std::string& unixPath, bool withInput) {
   const Descriptor listener = ListenUnix(unixPath);
   if (!listener) return 1;
   for (;;) {
     Descriptor sock = Accept(listener);
-    if (sock) Mailbox(std::move(sock)).Serve();
+    if (sock) Mailbox(std::move(sock), withInput).Serve();
   }
 }
 

@@ -22,11 +22,11 @@ import ground  # noqa: E402  (the path above leads to it)
 CHUNK = 131072
 FAR_PORT = 7000
 PORTS = {"direct": FAR_PORT, "floor": 7101, "socat": 7102, "nginx": 7103, "haproxy": 7104,
-         "service": ground.SERVICE_PORT}
+         "service": ground.SERVICE_PORT, "kvm": ground.KVM_PORT}
 # Mode, how much of it, how much of it under strace; and the word of the client that counts.
 MODES = (("tput", 1_000_000_000, 128 * 1024 * 1024, "MBps"), ("rtt", 4000, 500, "p50"),
-         ("chunk", 1500, 500, "p50"))
-BEST = {"tput": max, "rtt": min, "chunk": min}
+         ("chunk", 1500, 500, "p50"), ("down", 500, 100, "MBps"))
+BEST = {"tput": max, "rtt": min, "chunk": min, "down": max}
 
 NGINX = """load_module /usr/share/nginx/modules/ngx_stream_module.so;
 worker_processes 1; daemon off; master_process off; pid {folder}/nginx.pid;
@@ -49,14 +49,15 @@ listen relay
 """
 
 
-def start_peers(place):
-    """Every relay, before one far end; the service has its own. Gives name -> process."""
+def start_peers(place, with_input=True):
+    """Every relay, before one far end; the service has its own. Gives name -> process; "service" and
+    "kvm" are the two relays of one."""
     far = place.path("far.sock")
     names = {"folder": place.folder, "far": far}
     place.start(ground.program("relay_ends"), "server", str(FAR_PORT), far)
     ground.until(lambda: os.path.exists(far), "the far end")
     socat_listens = "TCP-LISTEN:%d,bind=127.0.0.1,reuseaddr,fork,nodelay" % PORTS["socat"]
-    place.start_firmware(place.path("lab"))
+    place.start_firmware(place.path("lab"), *([] if with_input else ["noinput"]))
     nginx = place.write("nginx.conf", NGINX.format(port=PORTS["nginx"], **names))
     haproxy = place.write("haproxy.cfg", HAPROXY.format(port=PORTS["haproxy"], **names))
     peers = {
@@ -66,6 +67,7 @@ def start_peers(place):
         "haproxy": place.start("haproxy", "-db", "-f", haproxy),
         "service": place.start_service(place.path("lab")),
     }
+    peers["kvm"] = peers["service"]
     for name, port in PORTS.items():
         ground.until(lambda: ground.is_listening(port), name)
     # The service binds before it has an answer to every question of its start.
@@ -84,21 +86,27 @@ def run_client(name, mode, amount):
     return dict(zip(words[::2], map(float, words[1::2])))
 
 
+def settle(name):
+    """A forked relay is reaped, and the far end sees the close; the end of a KVM session takes its
+    threads and its agent, and the firmware has to enable the next one."""
+    time.sleep(0.3 if name == "kvm" else 0.03)
+
+
 def measure_once(peers, name, taken):
     for mode, amount, _, word in MODES:
         before = ground.processor_seconds(peers[name]) if name in peers else 0.0
         numbers = run_client(name, mode, amount)
-        time.sleep(0.03)  # a forked relay is reaped, and the far end sees the close
+        settle(name)
         taken[name][mode].append(numbers[word])
         if mode == "tput" and name in peers:
             used = ground.processor_seconds(peers[name]) - before
             taken[name]["seconds"].append(used / amount * 1e9)
 
 
-def measure(rounds):
-    taken = {name: {"tput": [], "rtt": [], "chunk": [], "seconds": []} for name in PORTS}
+def measure(rounds, with_input):
+    taken = {name: dict({mode: [] for mode, *_ in MODES}, seconds=[]) for name in PORTS}
     with ground.Ground() as place:
-        peers = start_peers(place)
+        peers = start_peers(place, with_input)
         for number in range(rounds):
             order = list(PORTS)
             random.Random(number).shuffle(order)
@@ -121,8 +129,8 @@ def spread(values, form):
 
 def print_table(taken, rounds):
     print("relay, everything on one processor, %d shuffled rounds: median (range)" % rounds)
-    form = "%-8s %-20s %-7s %-22s %-19s %-20s %s"
-    print(form % ("", "MB/s", "s/GB", "64-byte trip us", "128 KiB trip us",
+    form = "%-8s %-20s %-7s %-22s %-19s %-20s %-20s %s"
+    print(form % ("", "MB/s", "s/GB", "64-byte trip us", "128 KiB trip us", "MB/s down",
                   "better than socat", "than the floor"))
     for name in PORTS:
         of = taken[name]
@@ -130,7 +138,7 @@ def print_table(taken, rounds):
                    for other in ("socat", "floor")]
         seconds = "%.3f" % statistics.median(of["seconds"]) if of["seconds"] else "-"
         print(form % (name, spread(of["tput"], "%.0f"), seconds, spread(of["rtt"], "%.1f"),
-                      spread(of["chunk"], "%.0f"), *against))
+                      spread(of["chunk"], "%.0f"), spread(of["down"], "%.0f"), *against))
 
 
 def count_calls(place, child, run):
@@ -158,8 +166,9 @@ def print_calls():
         for mode, _, amount, _ in MODES:
             units = amount / CHUNK if mode == "tput" else amount * 1.1  # with the warm-up
             print("system calls a %s" % {"tput": "128 KiB chunk, one way", "chunk":
-                                         "128 KiB trip", "rtt": "64-byte trip"}[mode])
-            for name in ("floor", "socat", "service"):
+                                         "128 KiB trip", "rtt": "64-byte trip",
+                                         "down": "1 MiB answer"}[mode])
+            for name in ("floor", "socat", "service", "kvm"):
                 calls = count_calls(place, peers[name], lambda: run_client(name, mode, amount))
                 most = sorted(calls.items(), key=lambda item: -item[1])
                 shown = ["%s %.2f" % (call, n / units) for call, n in most if n / units >= 0.02]
@@ -170,12 +179,14 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("rounds", nargs="?", type=int, default=7)
     parser.add_argument("--calls", action="store_true")
+    parser.add_argument("--no-input", action="store_true",
+                        help="KVM sessions without the region, so that no pump polls it")
     parser.add_argument("--json", help="a file for the numbers of every round")
     wanted = parser.parse_args()
     ground.enter()
     if wanted.calls:
         return print_calls()
-    taken = measure(wanted.rounds)
+    taken = measure(wanted.rounds, not wanted.no_input)
     print_table(taken, wanted.rounds)
     if wanted.json:
         with open(wanted.json, "w") as file:

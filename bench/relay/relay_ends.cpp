@@ -18,9 +18,9 @@ std::uint16_t PortOf(const std::string& text) {
 
 int Usage() {
   std::fputs(
-      "relay_ends client 127.0.0.1:PORT tput|rtt|chunk N\n"
+      "relay_ends client 127.0.0.1:PORT tput|rtt|chunk|down N\n"
       "relay_ends server PORT UNIXPATH\n"
-      "relay_ends firmware UNIXPATH\n",
+      "relay_ends firmware UNIXPATH [noinput]\n",
       stderr);
   return 2;
 }
@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
   if (role == "client" && argc == 5)
     return relay::RunClient(PortOf(argv[2]), argv[3], std::strtoull(argv[4], nullptr, 10));
   if (role == "server" && argc == 4) return relay::RunServer(PortOf(argv[2]), argv[3]);
-  if (role == "firmware" && argc == 3) return relay::RunFirmware(argv[2]);
+  if (role == "firmware" && (argc == 3 || (argc == 4 && std::strcmp(argv[3], "noinput") == 0)))
+    return relay::RunFirmware(argv[2], argc == 3);
   return Usage();
 }

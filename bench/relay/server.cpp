@@ -1,6 +1,7 @@
 // The far end of the peers that relay bytes.
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -25,9 +26,10 @@ void TakeAll(int sock, std::uint64_t total) {
   (void)SendAll(sock, &taken, sizeof taken);  // a client that has gone needs no answer
 }
 
-void EchoRounds(int sock, std::size_t size) {
-  PageBuffer round(size);
-  while (ReceiveAll(sock, round.Data(), size) && SendAll(sock, round.Data(), size)) {
+void AnswerRounds(int sock, const StreamHead& head) {
+  const std::size_t answer = head.total != 0 ? head.total : head.roundSize;
+  PageBuffer round(std::max<std::size_t>(head.roundSize, answer));
+  while (ReceiveAll(sock, round.Data(), head.roundSize) && SendAll(sock, round.Data(), answer)) {
   }
 }
 
@@ -35,7 +37,7 @@ void ServeStream(const Descriptor& sock) {
   StreamHead head;
   if (!ReceiveAll(sock.Get(), &head, sizeof head) || head.roundSize > kRoom) return;
   if (head.roundSize == 0) return TakeAll(sock.Get(), head.total);
-  EchoRounds(sock.Get(), head.roundSize);
+  if (head.total <= kPicture) AnswerRounds(sock.Get(), head);
 }
 
 void ServeListener(const Descriptor& listener) {

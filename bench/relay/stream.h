@@ -14,7 +14,8 @@ namespace relay {
 
 // What a client says first, little-endian as this machine has it. With a `roundSize` of 0 `total`
 // bytes follow, which the far end takes in and answers with their number in 8 bytes. Else the far
-// end sends each round of `roundSize` bytes back, until the client closes.
+// end answers each round of `roundSize` bytes, until the client closes: with `total` bytes, or with
+// the round itself if that is 0.
 struct StreamHead {
   std::uint64_t roundSize;
   std::uint64_t total;
@@ -23,7 +24,8 @@ static_assert(sizeof(StreamHead) == 16);
 
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kSmallRound = 64;
-constexpr std::size_t kChunk = 131072;  // the mailbox's frame limit, and every peer's buffer
+constexpr std::size_t kChunk = 131072;     // the mailbox's frame limit, and every peer's buffer
+constexpr std::size_t kPicture = 1 << 20;  // what a far end answers at most
 
 // Owns a descriptor; -1 is none.
 class Descriptor {
