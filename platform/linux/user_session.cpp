@@ -196,7 +196,7 @@ bool TerminateProcess(const Process& process, std::uint32_t) {
   if (::syscall(SYS_pidfd_send_signal, record.descriptor, SIGKILL, nullptr, 0) != 0)
     return SetLastError(kErrorAccessDenied), false;
   pollfd fd{record.descriptor, POLLIN, 0};
-  ::poll(&fd, 1, 1000);
+  ::poll(&fd, 1, 10'000);  // a big process on a busy machine takes its time
   return true;
 }
 
