@@ -1,9 +1,19 @@
 #!/usr/bin/env bash
-# Shows the product at work: a management console (curl) talks DASH to the firmware (orrin) through
-# the service's port 664. Runs in a network namespace of its own where it may. Exit code 0 only if
-# every answer was right. STEWARDRY_BUILD names another folder for the build.
+# Shows the product at work. Without an argument a management console (curl) talks DASH to the
+# firmware (orrin) through the service's port 664; with `kvm` a viewer sees the firmware's screen
+# through port 22, types and drags. Runs in a network namespace of its own where it may. Exit code 0
+# only if every answer was right. STEWARDRY_BUILD names another folder for the build.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
+readonly show=${1:-dash}
+case "$show" in
+  dash) ports=(664) packages=demo targets=(quillonsvc orrin) ;;
+  kvm) ports=(664 22) packages=kvm targets=(quillonsvc orrin KVM_Agent vnc_viewer) ;;
+  *)
+    echo "usage: scripts/demo.sh [kvm]" >&2
+    exit 2
+    ;;
+esac
 readonly port=664 address=192.0.2.10 gateway=192.0.2.1 # the lab's host, TEST-NET-1
 readonly build=${STEWARDRY_BUILD:-build/demo}
 
@@ -47,14 +57,15 @@ prepare() {
   local log
   log=$(mktemp)
   local options=(-DSTEWARDRY_TESTS=OFF -DSTEWARDRY_BENCH=OFF)
-  if ! { scripts/setup.sh demo && cmake --preset release -B "$build" "${options[@]}" &&
-         cmake --build "$build" -j "$(nproc)" --target quillonsvc orrin; } >"$log" 2>&1; then
+  if ! { scripts/setup.sh "$packages" && cmake --preset release -B "$build" "${options[@]}" &&
+         cmake --build "$build" -j "$(nproc)" --target "${targets[@]}"; } >"$log" 2>&1; then
     tail -n 40 "$log" >&2
     rm -f "$log"
     give_up "the build failed"
   fi
   rm -f "$log"
-  printf '  %s/bin: quillonsvc, orrin\n' "$build"
+  local words=${targets[*]}
+  printf '  %s/bin: %s\n' "$build" "${words// /, }"
 }
 
 # 2. A place for the ports.
@@ -63,7 +74,7 @@ enter_namespace() { # runs the rest of the demo in it, if one can be made
   local way
   for way in "unshare --net" "unshare --user --map-root-user --net"; do
     $way ip link add trial0 type veth 2>/dev/null || continue
-    STEWARDRY_DEMO_PLACE=namespace exec $way bash scripts/demo.sh
+    STEWARDRY_DEMO_PLACE=namespace exec $way bash scripts/demo.sh "$show"
   done
 }
 make_network() {
@@ -80,16 +91,18 @@ case "${STEWARDRY_DEMO_PLACE:-}" in
   "")
     prepare
     enter_namespace
-    STEWARDRY_DEMO_PLACE=host exec bash scripts/demo.sh
+    STEWARDRY_DEMO_PLACE=host exec bash scripts/demo.sh "$show"
     ;;
   namespace)
     make_network
     printf '  running in a network namespace of its own: the machine'"'"'s ports are left alone\n'
     ;;
   host)
-    printf '  no network namespace can be made here: the machine'"'"'s own port %d is used\n' $port
-    [ -z "$(ss -Hltn "sport = :$port")" ] || give_up "port $port is in use"
-    [ "$(id -u)" -eq 0 ] || give_up "port $port needs root"
+    for one in "${ports[@]}"; do
+      printf '  no network namespace can be made here: the machine'"'"'s own port %d is used\n' "$one"
+      [ -z "$(ss -Hltn "sport = :$one")" ] || give_up "port $one is in use"
+      [ "$(id -u)" -eq 0 ] || give_up "port $one needs root"
+    done
     ;;
   *) give_up "STEWARDRY_DEMO_PLACE is this script's own" ;;
 esac
@@ -100,27 +113,72 @@ STEWARDRY_LAB=$(mktemp -d)
 export STEWARDRY_LAB
 readonly trace=$STEWARDRY_LAB/orrin.txt
 readonly log=$STEWARDRY_LAB/ProgramData/Corvane/Stewardry/tavrinLog.log
-firmware='' service=''
+firmware='' service='' viewer=''
 # shellcheck disable=SC2317  # called by the trap
 clean_up() {
   local process
-  for process in $service $firmware; do
+  for process in $viewer $service $firmware; do
     kill "$process" 2>/dev/null && wait "$process" 2>/dev/null
   done
+  # An agent outlives a service that is ended within a session.
+  process=$(sed -n 's/^agent \([0-9]*\) runs$/\1/p' "$STEWARDRY_LAB/agent.txt" 2>/dev/null | tail -1)
+  [ "$(cat "/proc/${process:-0}/comm" 2>/dev/null)" = KVM_Agent ] && kill "$process"
   rm -rf "$STEWARDRY_LAB"
 }
 trap clean_up EXIT
 trap 'exit 130' INT TERM
 
-"$build/bin/orrin" </dev/null >"$trace" 2>&1 &
+# Its prompt stays open: a reader and a writer of one pipe.
+mkfifo "$STEWARDRY_LAB/prompt"
+exec 3<>"$STEWARDRY_LAB/prompt"
+"$build/bin/orrin" <&3 >"$trace" 2>&1 &
 firmware=$!
 wait_for "$trace" "listening on"
-"$build/bin/quillonsvc" ult </dev/null >"$STEWARDRY_LAB/service.txt" 2>&1 &
+"$build/bin/quillonsvc" ult </dev/null >"$STEWARDRY_LAB/service.txt" 2>&1 3>&- &
 service=$!
 wait_for "$log" "Bind to port $port successful"
 printf '  orrin (firmware) is process %d, quillonsvc (service) process %d\n' $firmware $service
 
-# 4. A console's requests.
+# 4. The inside, told at the end.
+
+# Runs of lines about bulk data are shown by their first two and their number.
+fold() {
+  awk -v bulk="$1" '
+    function flush() {
+      if (run == 3) print last
+      if (run > 3) printf "            ... and %d lines more about bytes on their way\n", run - 2
+      run = 0
+    }
+    $0 ~ bulk { last = $0; if (++run <= 2) print; next }
+    { flush(); print }
+    END { flush() }'
+}
+show_inside() { # show_inside TRACE-BULK LOG-BULK
+  heading "What crossed the mailbox, in orrin's words"
+  sed -E 's/ (host|firmware) > (firmware|host)  /  \1 > \2  /' "$trace" | cut -c1-150 |
+    fold "$1" | indent
+
+  heading "What the service log says ($(wc -l <"$log") lines; here without process, memory and thread)"
+  tr -d '\r' <"$log" |
+    sed -E 's/^[A-Z]+: +<[^ ]+ ([0-9:]+)>\[[0-9]+\]-\[ [0-9]+ M \] (.*) <thread=[0-9]+ \(0x[0-9a-f]+\)>$/\1  \2/' |
+    cut -c1-150 | fold "$2" | indent
+}
+say_verdict() { # ends the demo
+  check "the service is still at work" kill -0 "$service"
+  if [ $wrong -eq 0 ]; then
+    printf '\n%sEvery answer was right.%s\n' "$green$bold" "$plain"
+  else
+    printf '\n%sSomething was wrong, see above.%s\n' "$red$bold" "$plain"
+  fi
+  exit $wrong
+}
+
+if [ "$show" = kvm ]; then
+  # shellcheck source=scripts/demo_kvm.sh
+  . scripts/demo_kvm.sh
+fi
+
+# 5. A console's requests.
 
 readonly answer=$STEWARDRY_LAB/answer url=https://127.0.0.1:$port
 readonly soap='Content-Type: application/soap+xml;charset=UTF-8'
@@ -166,34 +224,6 @@ check "the restart was asked for once, behind the answer, in the lab's power.txt
 check "this machine was not touched: up for $(cut -d. -f1 /proc/uptime) s, no restart under way" \
   test ! -e /run/systemd/shutdown/scheduled
 
-# 5. The inside.
-
-# Runs of lines about bulk data are shown by their first two and their number.
-fold() {
-  awk -v bulk="$1" '
-    function flush() {
-      if (run == 3) print last
-      if (run > 3) printf "            ... and %d lines more about bytes on their way\n", run - 2
-      run = 0
-    }
-    $0 ~ bulk { last = $0; if (++run <= 2) print; next }
-    { flush(); print }
-    END { flush() }'
-}
-heading "What crossed the mailbox, in orrin's words"
-sed -E 's/ (host|firmware) > (firmware|host)  /  \1 > \2  /' "$trace" | cut -c1-150 |
-  fold '(WriteDASHPacket|DASH_DATA)' | indent
-
-heading "What the service log says ($(wc -l <"$log") lines; here without process, memory and thread)"
-tr -d '\r' <"$log" |
-  sed -E 's/^[A-Z]+: +<[^ ]+ ([0-9:]+)>\[[0-9]+\]-\[ [0-9]+ M \] (.*) <thread=[0-9]+ \(0x[0-9a-f]+\)>$/\1  \2/' |
-  cut -c1-150 | fold '(read size|Exiting HTTPS Callback|Size written is)' | indent
+show_inside '(WriteDASHPacket|DASH_DATA)' '(read size|Exiting HTTPS Callback|Size written is)'
 check "the service was asked to restart the host" grep -qF "Reboot initiated" "$log"
-check "the service is still at work" kill -0 "$service"
-
-if [ $wrong -eq 0 ]; then
-  printf '\n%sEvery answer was right.%s\n' "$green$bold" "$plain"
-else
-  printf '\n%sSomething was wrong, see above.%s\n' "$red$bold" "$plain"
-fi
-exit $wrong
+say_verdict

@@ -3,21 +3,23 @@
 #   setup.sh          what scripts/test.sh needs
 #   setup.sh bench    that, and the peers and tools of the benchmarks
 #   setup.sh demo     only what scripts/demo.sh needs
+#   setup.sh kvm      that, and the viewers of scripts/demo.sh kvm
 set -euo pipefail
 
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
 clients=(curl openssl iproute2 util-linux)
-checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy pkg-config
-        libvncserver-dev gvncviewer)
+viewers=(pkg-config libvncserver-dev gvncviewer)
+checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy "${viewers[@]}")
 windows=(g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev socat haproxy nginx
        libnginx-mod-stream strace)
 
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;
+  kvm) wanted=("${build[@]}" "${clients[@]}" "${viewers[@]}") ;;
   bench) wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}" "${bench[@]}") ;;
   "") wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}") ;;
-  *) echo "usage: setup.sh [bench|demo]" >&2; exit 2 ;;
+  *) echo "usage: setup.sh [bench|demo|kvm]" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -1,7 +1,7 @@
-// A viewer without a window, on a VNC client library: the far end of the end-to-end tests. It reads
-// commands from standard input, one a line, and answers each with "done" or "failed" when it has
-// been sent or, where it waits for the screen, when that has come. At the end of the input it
-// leaves as a viewer does, by closing.
+// A viewer without a window, on a VNC client library: the far end of a KVM session for tests and
+// for shows. It reads commands from standard input, one a line, and answers each with "done" or
+// "failed" when it has been sent or, where it waits for the screen, when that has come. At the end
+// of the input it leaves as a viewer does, by closing.
 //
 //   connect HOST PORT     shakes hands; the first whole picture is asked for and awaited
 //   save FILE             the picture as it was last seen, as a PPM
