@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -43,8 +44,12 @@ void Say(const std::string& line) {
 struct Pipe {
   const char* name;
   std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to go
-  Object first;                                 // the instance that the first client meets
+  std::deque<Object> instances;                 // free ones, the oldest first
 };
+
+// The service never waits for an instance: what comes while none is free is lost. This many take the
+// events of a typed sentence in one go.
+constexpr std::size_t kFreeInstances = 200;
 
 HANDLE MakeInstance(const Pipe& pipe) {
   return CreateNamedPipeA((std::string("\\\\.\\pipe\\") + pipe.name).c_str(), PIPE_ACCESS_DUPLEX,
@@ -76,19 +81,18 @@ void Serve(const Pipe& pipe, HANDLE instance) {
 // A client may have come before the wait for one, and may have said its message and gone.
 bool HasHadClient(DWORD error) { return error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA; }
 
-// The next instance is there before the one that has a client is served, so that one is always
-// free; one thread a pipe keeps the order.
+// A client meets the instance that has waited longest, so that one thread a pipe, which serves them
+// by their age, keeps the order of the messages.
 DWORD WINAPI RunPipe(void* parameter) {
   Pipe& pipe = *static_cast<Pipe*>(parameter);
-  Object instance = std::move(pipe.first);
-  for (;;) {
-    if (!ConnectNamedPipe(instance.get(), nullptr) && !HasHadClient(GetLastError())) {
+  for (;; pipe.instances.pop_front()) {
+    HANDLE instance = pipe.instances.front().get();
+    if (!ConnectNamedPipe(instance, nullptr) && !HasHadClient(GetLastError())) {
       Say(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
       return 1;
     }
-    Object next(MakeInstance(pipe));
-    Serve(pipe, instance.get());
-    instance = std::move(next);
+    Serve(pipe, instance);
+    pipe.instances.emplace_back(MakeInstance(pipe));
   }
 }
 
@@ -98,7 +102,8 @@ int main() {
   static Pipe pipes[] = {{"KVMAgentPipe", nullptr, {}},
                          {"KVMAgentKeyboard", lab_agent::DescribeKey, {}},
                          {"KVMAgentMouse", lab_agent::DescribeMouse, {}}};
-  for (Pipe& pipe : pipes) pipe.first.reset(MakeInstance(pipe));
+  for (Pipe& pipe : pipes)
+    while (pipe.instances.size() < kFreeInstances) pipe.instances.emplace_back(MakeInstance(pipe));
   HANDLE threads[3];
   for (int i = 0; i < 3; ++i) threads[i] = CreateThread(nullptr, 0, RunPipe, &pipes[i], 0, nullptr);
   Say("agent " + std::to_string(GetCurrentProcessId()) + " runs");
