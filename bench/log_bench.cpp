@@ -14,10 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <memory>
 #include <string>
 
+#include "bench/lab_folder.h"
 #include "service/diagnostics/service_log.h"
 
 namespace {
@@ -25,27 +25,6 @@ namespace {
 constexpr std::uint32_t kLimit = 10 << 20;  // the service's own
 constexpr int kPort = 664;
 constexpr std::uint32_t kBytes = 131072;
-
-// A lab folder of this run's own, chosen before anything asks for it, and removed at the end.
-class LabFolder {
- public:
-  LabFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "stewardry-log-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    path_ = pattern;
-    ::setenv("STEWARDRY_LAB", path_.c_str(), 1);
-  }
-  LabFolder(const LabFolder&) = delete;
-  LabFolder& operator=(const LabFolder&) = delete;
-  ~LabFolder() {
-    std::error_code ignored;  // what can't be removed stays in the temporary folder
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::string& Path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 std::string gFolder;
 
@@ -140,7 +119,7 @@ BENCHMARK(FloorLine)->Name("log/shared_mutex")->Apply(Cases);
 }  // namespace
 
 int main(int argc, char** argv) {
-  const LabFolder folder;
+  const bench::LabFolder folder;
   gFolder = folder.Path();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

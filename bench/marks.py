@@ -2,7 +2,8 @@
 is the one place for them; bench/README.md tells how to read them.
 
 A mark is (peer, factor): no worse than `factor` times the peer of the same run, or an absolute
-value (None, value). "less" says that less is better.
+value (None, value); None alone where a piece has a floor to be seen beside and no mark. "less" says
+that less is better.
 """
 
 MARKS = (
@@ -52,4 +53,14 @@ MARKS = (
     ("KVM relay, pictures down", "MB/s", "more", "relay/kvm/down",
      {"socat": "relay/socat/down", "nginx": "relay/nginx/down", "haproxy": "relay/haproxy/down"},
      "relay/floor/down", ("socat", 1.0), ("floor", 1 / 1.15)),
+    *(("keys, " + kind, "M entries/s", "more", "keys/translation/" + kind, {},
+       "keys/hash_map/" + kind, None, None)
+      for kind in ("letters", "capitals", "missing", "control")),
+    *(("%s to the agent, %s" % (kind, words), unit, better, "pump/%s" % (ours % kind), {},
+       "pump/%s" % (floor % kind), None, None)
+      for kind in ("keys", "pointer")
+      for words, unit, better, ours, floor in (
+          ("median", "us", "less", "latency/%s/p50_us", "latency_plain/%s/p50_us"),
+          ("99th percentile", "us", "less", "latency/%s/p99_us", "latency_plain/%s/p99_us"),
+          ("sustained", "k events/s", "more", "sustained/%s", "sustained_plain/%s"))),
 )

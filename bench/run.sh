@@ -30,6 +30,7 @@ micro() {
 
 micro selector
 micro log
+micro kvm
 echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """One table of what bench/run.sh has measured, against the marks. `summary.py FOLDER`, which holds
-Google Benchmark's selector.json and log.json and the relay's relay.json; what is missing is left
+Google Benchmark's selector.json, log.json and kvm.json and the relay's relay.json; what is missing is left
 out. Nothing here fails: a time says nothing without the peer beside it."""
 import collections
 import json
@@ -13,7 +13,9 @@ import marks  # noqa: E402  (the path above leads to it)
 
 # A program's items a second in the unit of its pieces.
 IN_UNIT = {"turns": lambda rate: rate / 1e3, "wake": lambda rate: 1e6 / rate,
-           "log": lambda rate: 1e6 / rate}
+           "log": lambda rate: 1e6 / rate, "keys": lambda rate: rate / 1e6,
+           "pump": lambda rate: rate / 1e3}
+COUNTERS = ("p50_us", "p99_us")
 # Between two runs a difference below this says nothing.
 TIE = 0.15
 
@@ -26,7 +28,13 @@ def read_benchmarks(path, found):
             continue
         name = "/".join(part for part in run["run_name"].split("/")
                         if part not in ("real_time", "process_time"))
+        if "error_occurred" in run:
+            print("%s: %s" % (name, run["error_message"]))
+            continue
         found[name].append(IN_UNIT[name.split("/")[0]](run["items_per_second"]))
+        for counter in COUNTERS:
+            if counter in run:
+                found[name + "/" + counter].append(run[counter])
 
 
 def read_relay(path, found):
@@ -39,7 +47,7 @@ def read_relay(path, found):
 def read_all(folder):
     found = collections.defaultdict(list)
     for name, read in (("selector", read_benchmarks), ("log", read_benchmarks),
-                       ("relay", read_relay)):
+                       ("kvm", read_benchmarks), ("relay", read_relay)):
         path = os.path.join(folder, name + ".json")
         if os.path.exists(path):
             read(path, found)
@@ -69,10 +77,11 @@ def row(mark, medians):
     if floor_name:
         peers["floor"] = medians[floor_name]
     shown = ", ".join("%s %.4g" % pair for pair in peers.items() if pair[0] != "floor")
-    bounds = [limit(each, peers) for each in (must, good)]
+    bounds = [each and limit(each, peers) for each in (must, good)]
     return (piece, unit, "%.4g" % ours, shown, "%.4g" % peers["floor"] if floor_name else "-",
             "%.2f" % (ours / peers["floor"]) if floor_name else "-",
-            *("%.4g %s" % (bound, verdict(ours, bound, less)) for bound in bounds))
+            *("%.4g %s" % (bound, verdict(ours, bound, less)) if bound else "-"
+              for bound in bounds))
 
 
 def main():

@@ -48,6 +48,7 @@ class Viewer {
     if (!client_) return false;
     client_->GotFrameBufferUpdate = &Viewer::CountUpdate;
     client_->canHandleNewFBSize = FALSE;
+    free(client_->serverHost);  // what the library put there it does not free itself
     client_->serverHost = strdup(host.c_str());
     client_->serverPort = port;
     rfbClientSetClientData(client_.get(), Tag(), this);
