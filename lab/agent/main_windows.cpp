@@ -47,8 +47,8 @@ struct Pipe {
   std::deque<Object> instances;                 // free ones, the oldest first
 };
 
-// The service never waits for an instance: what comes while none is free is lost. This many take the
-// events of a typed sentence in one go.
+// The service never waits for an instance: what comes while none is free is lost. This many take
+// the events of a typed sentence in one go.
 constexpr std::size_t kFreeInstances = 200;
 
 HANDLE MakeInstance(const Pipe& pipe) {

@@ -176,7 +176,7 @@ Process OpenProcess(std::uint32_t access, std::uint32_t processId) {
 }
 
 std::uint32_t WaitForSingleObject(const Process& process, std::uint32_t milliseconds) {
-  if (gate::Fails("WaitForSingleObject", "process")) return kWaitFailed;
+  if (gate::Fails("WaitForSingleObject", "%s", "process")) return kWaitFailed;
   if (HasEnded(RecordOf(process))) return kWaitObject0;
   if (milliseconds == 0) return kWaitTimeout;
   const int timeout = milliseconds == kInfinite ? -1 : static_cast<int>(milliseconds);
@@ -207,7 +207,7 @@ std::uint32_t GetProcessId(const Process& process) {
 
 // A token needs no content here, see power.cpp.
 Token OpenProcessToken(const Process&) {
-  return gate::Fails("OpenProcessToken", "process") ? Token() : Token(new char(0));
+  return gate::Fails("OpenProcessToken", "%s", "process") ? Token() : Token(new char(0));
 }
 
 Token DuplicateTokenEx(const Token&) {
