@@ -19,7 +19,7 @@ constexpr std::uint32_t kMaxCutText = 1u << 20;
 // 3.3, and those after 3.8 as 3.8 (RFC 6143, section 7.1.1).
 std::optional<int> MinorVersion(std::string_view text) {
   if (!text.starts_with("RFB ") || text[7] != '.' || text[11] != '\n') return std::nullopt;
-  for (const std::size_t place : {4, 5, 6, 8, 9, 10}) {
+  for (const std::size_t place : {4u, 5u, 6u, 8u, 9u, 10u}) {
     if (text[place] < '0' || text[place] > '9') return std::nullopt;
   }
   const std::string_view number = text.substr(4, 7);

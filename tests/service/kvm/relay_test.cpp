@@ -76,7 +76,7 @@ TEST_F(KvmRelay, AReadOfTheFullBufferIsPassedOnWholeAndTheRestWithTheNext) {
   sender.join();
   Handler handler{};
   handler.sock = static_cast<Sock>(ends[0]);
-  for (const std::size_t size : {131072, 10}) {
+  for (const std::size_t size : {131072u, 10u}) {
     EXPECT_EQ(KVMCallback(nullptr, &handler, SELECTOR_READ, 0), 1);
     EXPECT_EQ(firmware_->Requests().back().input.size(), size);
   }

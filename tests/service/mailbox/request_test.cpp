@@ -16,7 +16,6 @@ namespace {
 class Request : public MailboxTest {};
 
 constexpr std::uint32_t kStatusCode = ControlCodeFor(Operation::kGetOrrinStatus).code;
-constexpr std::uint32_t kWriteStatusCode = ControlCodeFor(Operation::kWriteTavrinStatus).code;
 constexpr std::uint32_t kCloseCode = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
 
 TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
