@@ -1,6 +1,7 @@
 // The command table.
 #include "service/host/command_table.h"
 
+#include "service/actions/indications.h"
 #include "service/actions/power_actions.h"
 #include "service/gateway/dash_relay.h"
 #include "service/gateway/listeners.h"
@@ -32,9 +33,9 @@ constexpr FirmwareCommand kCommands[] = {
     {ORRIN_TAVRIN_CMD_SOFTWARE_UPGRADE, "SOFTWARE_UPGRADE", "Software upgrade command received",
      true, kOnlyLogged},
     {ORRIN_TAVRIN_CMD_INDICATION_SUBSCRIBE, "INDICATION_SUBSCRIBE",
-     "Indication subscribe command received", false, kOnlyLogged},
+     "Indication subscribe command received", false, IndicationSubscribe},
     {ORRIN_TAVRIN_CMD_INDICATION_EVENT, "INDICATION_EVENT", "Indication event command received",
-     true, kOnlyLogged},
+     true, IndicationEvent},
     {ORRIN_TAVRIN_CMD_SLEEP, "SLEEP", "Sleep Command received", false,
      NotePowerOption<kPowerSleep>},
     {ORRIN_TAVRIN_CMD_REBOOT, "REBOOT", "Reboot Command received", false,

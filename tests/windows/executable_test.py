@@ -34,6 +34,8 @@ DELAYED = {
     "user32.dll": "GetAsyncKeyState GetKeyState GetSystemMetrics MapVirtualKeyA "
                   "RegisterPowerSettingNotification ToAscii VkKeyScanA",
     "userenv.dll": "CreateEnvironmentBlock DestroyEnvironmentBlock",
+    "winhttp.dll": "WinHttpAddRequestHeaders WinHttpCloseHandle WinHttpConnect WinHttpOpen "
+                   "WinHttpOpenRequest WinHttpSendRequest WinHttpSetOption WinHttpSetTimeouts",
     "wininet.dll": "InternetGetConnectedState",
     "wlanapi.dll": "WlanEnumInterfaces WlanFreeMemory WlanOpenHandle WlanRegisterNotification",
     "ws2_32.dll": "WSACleanup WSACloseEvent WSACreateEvent WSAEnumNetworkEvents WSAEventSelect "

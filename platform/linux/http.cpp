@@ -1,0 +1,278 @@
+// HTTP requests through libcurl. A transfer is driven step by step, so that it can be left as soon
+// as the request is out, and so that the thread's end mark is seen while it waits.
+#include "platform/http.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/error.h"
+#include "platform/linux/gate.h"
+#include "platform/linux/utf16.h"
+#include "platform/linux/wait.h"
+
+namespace platform {
+
+namespace {
+
+// What stands behind each handle; the kind of a handle decides which of the members are used.
+struct HttpState {
+  std::string agent;
+  long resolveMs = 0;  // no limit, as WinHTTP has it
+  long connectMs = 60'000;
+  long sendMs = 30'000;
+  std::string host;
+  std::uint16_t port = 0;
+  std::string verb, path;
+  bool isSecure = false;
+  bool trustsAnyone = false;
+  curl_slist* headers = nullptr;
+
+  HttpState() = default;
+  HttpState(const HttpState&) = delete;
+  HttpState& operator=(const HttpState&) = delete;
+  ~HttpState() { curl_slist_free_all(headers); }
+};
+
+HttpState& StateOf(RawHandle raw) { return *static_cast<HttpState*>(raw); }
+
+// A handle below another, with what that one knows.
+std::unique_ptr<HttpState> Inherit(RawHandle above) {
+  const HttpState& from = StateOf(above);
+  auto state = std::make_unique<HttpState>();
+  state->agent = from.agent;
+  state->resolveMs = from.resolveMs;
+  state->connectMs = from.connectMs;
+  state->sendMs = from.sendMs;
+  state->host = from.host;
+  state->port = from.port;
+  return state;
+}
+
+struct CleanUpEasy {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct CleanUpMulti {
+  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+using Easy = std::unique_ptr<CURL, CleanUpEasy>;
+using Multi = std::unique_ptr<CURLM, CleanUpMulti>;
+
+struct ErrorRow {
+  CURLcode code;
+  std::uint32_t error;
+};
+constexpr ErrorRow kErrors[] = {
+    {CURLE_URL_MALFORMAT, kErrorWinHttpInvalidUrl},
+    {CURLE_COULDNT_RESOLVE_HOST, kErrorWinHttpNameNotResolved},
+    {CURLE_COULDNT_RESOLVE_PROXY, kErrorWinHttpNameNotResolved},
+    {CURLE_COULDNT_CONNECT, kErrorWinHttpCannotConnect},
+    {CURLE_OPERATION_TIMEDOUT, kErrorWinHttpTimeout},
+    {CURLE_SSL_CONNECT_ERROR, kErrorWinHttpSecureFailure},
+    {CURLE_PEER_FAILED_VERIFICATION, kErrorWinHttpSecureFailure},
+    {CURLE_OUT_OF_MEMORY, kErrorNotEnoughMemory},
+};
+
+std::uint32_t ErrorOf(CURLcode code) {
+  for (const ErrorRow& row : kErrors)
+    if (row.code == code) return row.error;
+  return kErrorWinHttpConnectionError;
+}
+
+std::string UrlOf(const HttpState& state) {
+  const bool isIpv6 = state.host.find(':') != std::string::npos && state.host.front() != '[';
+  return (state.isSecure ? "https://" : "http://") +
+         (isIpv6 ? "[" + state.host + "]" : state.host) + ":" + std::to_string(state.port) + "/";
+}
+
+// An answer isn't read; this is for what comes before the request is out.
+std::size_t Discard(char*, std::size_t size, std::size_t count, void*) { return size * count; }
+
+void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t size) {
+  const long checked = state.trustsAnyone ? 0 : 1;
+  curl_easy_setopt(easy, CURLOPT_URL, UrlOf(state).c_str());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REQUEST_TARGET, state.path.c_str());
+  curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, state.verb.c_str());
+  curl_easy_setopt(easy, CURLOPT_USERAGENT, state.agent.c_str());
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{size});
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, state.headers);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, checked);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2 * checked);
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, state.resolveMs + state.connectMs);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, state.resolveMs + state.connectMs + state.sendMs);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Discard);
+}
+
+// A resource as it stands in the request line: WinHTTP escapes blanks.
+std::string Escaped(const std::string& path) {
+  std::string escaped;
+  for (const char c : path) escaped += c == ' ' ? std::string("%20") : std::string(1, c);
+  return escaped;
+}
+
+// Everything has been given to the connection.
+bool IsOut(CURL* easy, std::uint32_t size) {
+  long head = 0;
+  curl_off_t sent = 0;
+  curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &head);
+  curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+  return head > 0 && sent >= curl_off_t{size};
+}
+
+// Waits for the connection or for the thread's end mark; leaves the thread by the latter.
+void AwaitMore(CURLM* multi) {
+  constexpr int kTurnMs = 1000;  // libcurl shortens it to its own next deadline
+  const int mark = EndDescriptor();
+  curl_waitfd extra{mark, CURL_WAIT_POLLIN, 0};
+  curl_multi_poll(multi, &extra, mark < 0 ? 0 : 1, kTurnMs, nullptr);
+  LeaveIfEnded();
+}
+
+// How the transfer ended, which is before or after the request was out.
+CURLcode ResultOf(CURLM* multi) {
+  int left = 0;
+  const CURLMsg* message = curl_multi_info_read(multi, &left);
+  return message == nullptr ? CURLE_SEND_ERROR : message->data.result;
+}
+
+CURLcode Drive(CURLM* multi, CURL* easy, std::uint32_t size) {
+  for (int running = 1;;) {
+    if (curl_multi_perform(multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
+    if (IsOut(easy, size)) return CURLE_OK;
+    if (running == 0) return ResultOf(multi);
+    AwaitMore(multi);
+  }
+}
+
+// Takes a transfer out of its driver before either ends.
+class Attached {
+ public:
+  Attached(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {
+    isDone_ = curl_multi_add_handle(multi, easy) == CURLM_OK;
+  }
+  Attached(const Attached&) = delete;
+  Attached& operator=(const Attached&) = delete;
+  ~Attached() {
+    if (isDone_) curl_multi_remove_handle(multi_, easy_);
+  }
+  explicit operator bool() const { return isDone_; }
+
+ private:
+  CURLM* multi_;
+  CURL* easy_;
+  bool isDone_;
+};
+
+CURLcode Send(const HttpState& state, const char* body, std::uint32_t size) {
+  const Multi multi(curl_multi_init());
+  const Easy easy(curl_easy_init());
+  if (!multi || !easy) return CURLE_OUT_OF_MEMORY;
+  SetUp(easy.get(), state, body, size);
+  const Attached attached(multi.get(), easy.get());
+  return attached ? Drive(multi.get(), easy.get(), size) : CURLE_FAILED_INIT;
+}
+
+// The name of a header line, with its colon.
+std::string_view NameOf(std::string_view line) { return line.substr(0, line.find(':') + 1); }
+
+bool HasHeader(const curl_slist* headers, std::string_view name) {
+  for (; headers != nullptr; headers = headers->next)
+    if (NameOf(headers->data) == name) return true;
+  return false;
+}
+
+bool AddHeader(curl_slist** headers, const std::string& line) {
+  curl_slist* longer = curl_slist_append(*headers, line.c_str());
+  if (longer == nullptr) return SetLastError(kErrorNotEnoughMemory), false;
+  *headers = longer;
+  return true;
+}
+
+}  // namespace
+
+void WinHttpCloseHandle(RawHandle raw) {
+  gate::Note("WinHttpCloseHandle");
+  delete static_cast<HttpState*>(raw);
+}
+
+HttpSession WinHttpOpen(const char16_t* agent) {
+  const std::string name = Utf16ToUtf8(agent);
+  if (gate::Fails("WinHttpOpen", "%s", name.c_str())) return HttpSession();
+  static const CURLcode started = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (started != CURLE_OK) return SetLastError(kErrorNotEnoughMemory), HttpSession();
+  auto state = std::make_unique<HttpState>();
+  state->agent = name;
+  return HttpSession(state.release());
+}
+
+bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, int send,
+                        int receive) {
+  if (gate::Fails("WinHttpSetTimeouts", "%d,%d,%d,%d", resolve, connect, send, receive))
+    return false;
+  HttpState& state = StateOf(session.Raw());
+  state.resolveMs = resolve;
+  state.connectMs = connect;
+  state.sendMs = send;
+  return true;
+}
+
+HttpConnection WinHttpConnect(const HttpSession& session, const char16_t* host,
+                              std::uint16_t port) {
+  const std::string name = Utf16ToUtf8(host);
+  if (gate::Fails("WinHttpConnect", "%s,%u", name.c_str(), port)) return HttpConnection();
+  if (name.empty()) return SetLastError(kErrorWinHttpInvalidUrl), HttpConnection();
+  auto state = Inherit(session.Raw());
+  state->host = name;
+  state->port = port;
+  return HttpConnection(state.release());
+}
+
+HttpRequest WinHttpOpenRequest(const HttpConnection& connection, const char16_t* verb,
+                               const char16_t* path, std::uint32_t flags) {
+  const std::string resource = Utf16ToUtf8(path);
+  if (gate::Fails("WinHttpOpenRequest", "%s,%s,0x%x", Utf16ToUtf8(verb).c_str(), resource.c_str(),
+                  flags))
+    return HttpRequest();
+  auto state = Inherit(connection.Raw());
+  state->verb = Utf16ToUtf8(verb);
+  state->path = Escaped(resource.starts_with('/') ? resource : "/" + resource);
+  state->isSecure = (flags & kWinHttpFlagSecure) != 0;
+  return HttpRequest(state.release());
+}
+
+bool WinHttpAddRequestHeaders(const HttpRequest& request, const char16_t* headers) {
+  const std::string text = Utf16ToUtf8(headers);
+  if (gate::Fails("WinHttpAddRequestHeaders", "%s", text.c_str())) return false;
+  HttpState& state = StateOf(request.Raw());
+  // Without this libcurl would ask the listener's leave before a long body.
+  if (!HasHeader(state.headers, "Expect:") && !AddHeader(&state.headers, "Expect:")) return false;
+  for (std::size_t at = 0, end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+    const std::string line = text.substr(at, end - at);
+    if (!HasHeader(state.headers, NameOf(line)) && !AddHeader(&state.headers, line)) return false;
+  }
+  return true;
+}
+
+bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
+  if (gate::Fails("WinHttpSetOption", "31,0x%x", flags)) return false;
+  constexpr std::uint32_t kAll = kIgnoreUnknownCa | kIgnoreCertCnInvalid | kIgnoreCertDateInvalid;
+  StateOf(request.Raw()).trustsAnyone = (flags & kAll) == kAll;  // libcurl knows no parts of it
+  return true;
+}
+
+bool WinHttpSendRequest(const HttpRequest& request, const char16_t*, const char* body,
+                        std::uint32_t size) {
+  if (gate::Fails("WinHttpSendRequest", "%u", size)) return false;
+  const CURLcode code = Send(StateOf(request.Raw()), body, size);
+  if (code == CURLE_OK) return true;
+  SetLastError(ErrorOf(code));
+  return false;
+}
+
+}  // namespace platform
