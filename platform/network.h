@@ -57,6 +57,30 @@ struct AdapterAddresses {
 // The entries of the list in its order.
 std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block);
 
+// GetIpAddrTable(block, size, FALSE): 0 or an error; kErrorInsufficientBuffer with *size set.
+std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size);
+// MIB_IPADDRROW; addresses in sin_addr form.
+struct IpAddrRow {
+  std::uint32_t address;         // dwAddr
+  std::uint32_t index;           // dwIndex, of its interface
+  std::uint32_t mask;            // dwMask
+  std::uint32_t broadcast;       // dwBCastAddr: 1 for an all-ones broadcast address
+  std::uint32_t reassemblySize;  // dwReasmSize, bytes
+  std::uint16_t unused;
+  std::uint16_t type;  // wType, kMibIpAddr bits
+};
+static_assert(sizeof(IpAddrRow) == 24 && offsetof(IpAddrRow, type) == 22);
+constexpr std::uint16_t kMibIpAddrPrimary = 0x01;       // MIB_IPADDR_PRIMARY
+constexpr std::uint16_t kMibIpAddrDynamic = 0x04;       // MIB_IPADDR_DYNAMIC
+constexpr std::uint16_t kMibIpAddrDisconnected = 0x08;  // MIB_IPADDR_DISCONNECTED
+constexpr std::uint16_t kMibIpAddrDeleted = 0x40;       // MIB_IPADDR_DELETED
+constexpr std::uint16_t kMibIpAddrTransient = 0x80;     // MIB_IPADDR_TRANSIENT
+std::uint32_t IpAddrTableRows(const void* block);
+IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row);
+
+// gethostbyname: the first IPv4 address of a host, in sin_addr form. False if it has none.
+bool GetHostByName(const char* name, std::uint32_t* address);
+
 // ConvertLengthToIpv4Mask: the mask in sin_addr form.
 std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length);
 

@@ -3,13 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "platform/guid.h"
 #include "platform/handle.h"
 
 namespace platform {
 
-// A client handle of the WLAN service; null is none. Kept for the process's life.
+// A client handle of the WLAN service; null is none. The one that notifications come over is kept
+// for the process's life.
 using WlanHandle = RawHandle;
 
 constexpr std::uint32_t kWlanNotificationSourceAcm = 8;  // WLAN_NOTIFICATION_SOURCE_ACM
@@ -23,6 +26,8 @@ using WlanCallback = void (*)(const WlanNotification& data, void* context);
 
 // WlanOpenHandle with client version 2: 0 or an error.
 std::uint32_t WlanOpenHandle(WlanHandle* handle);
+// WlanCloseHandle: 0 or an error.
+std::uint32_t WlanCloseHandle(WlanHandle handle);
 // WlanRegisterNotification(handle, source, TRUE, callback, context, NULL, NULL): the callback runs
 // on a thread of the platform's until the process ends. 0 or an error.
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
@@ -31,8 +36,22 @@ std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
 struct WlanInterfaceList {
   std::uint32_t index = 0;            // dwIndex
   std::vector<std::uint32_t> states;  // isState of each interface; 1 is connected
+  std::vector<Guid> guids;            // InterfaceGuid of each
 };
 // WlanEnumInterfaces, and WlanFreeMemory of what it gave: 0 or an error.
 std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list);
+
+constexpr std::uint32_t kWlanProfileGroupPolicy = 1;  // WLAN_PROFILE_GROUP_POLICY
+constexpr std::uint32_t kWlanProfileUser = 2;         // WLAN_PROFILE_USER
+struct WlanProfile {
+  std::u16string name;  // strProfileName
+  std::uint32_t flags;  // dwFlags
+};
+// WlanGetProfileList of one interface, and WlanFreeMemory of what it gave: 0 or an error.
+std::uint32_t WlanGetProfileList(WlanHandle handle, const Guid& interfaceGuid,
+                                 std::vector<WlanProfile>* profiles);
+// WlanGetProfile, and WlanFreeMemory of what it gave: the profile's XML text. 0 or an error.
+std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
+                             const std::u16string& name, std::u16string* xml);
 
 }  // namespace platform

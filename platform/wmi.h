@@ -1,12 +1,13 @@
 // COM and WMI, one call each. HRESULTs are Windows': negative means failure. On Linux the classes
-// Win32_OperatingSystem, Win32_NetworkAdapter and Win32_SystemEnclosure are answered from
-// os-release, uname, sysfs and DMI.
+// Win32_OperatingSystem, Win32_NetworkAdapter, Win32_SystemEnclosure and Win32_Battery are answered
+// from os-release, uname, sysfs and DMI.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "platform/guid.h"
 #include "platform/handle.h"
 
 namespace platform {
@@ -48,5 +49,55 @@ struct WbemValue {
 };
 // IWbemClassObject::Get(name, 0, &value, 0, 0). On failure *value is kNull.
 HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* value);
+
+// A VARIANT as it lies in memory, for records that carry it as it is. A value that lies elsewhere
+// (a text, an array) keeps its type and has zero for its address, which would mean nothing to a
+// reader and tell where this process has its memory.
+struct RawVariant {
+  std::uint16_t type;  // VARTYPE: 0 empty, 1 null, 3 VT_I4, 8 VT_BSTR...
+  std::uint16_t reserved[3];
+  std::uint64_t value;
+  std::uint64_t second;  // used by records only
+};
+static_assert(sizeof(RawVariant) == 24);
+// The same Get. On failure *value is empty, all zero.
+HResult GetRawProperty(const WbemObject& row, const char16_t* name, RawVariant* value);
+
+// Another reference to an object that somebody else owns.
+WbemObject ShareObject(RawHandle object);
+
+// Unknwn.h, Wbemcli.h.
+inline constexpr Guid kIidUnknown = {0, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+inline constexpr Guid kIidWbemObjectSink = {
+    0x7C857801, 0x7381, 0x11CF, {0x88, 0x4D, 0x00, 0xAA, 0x00, 0x4B, 0x2E, 0x24}};
+constexpr HResult kNoInterface = static_cast<HResult>(0x80004002);  // E_NOINTERFACE
+constexpr HResult kPointer = static_cast<HResult>(0x80004003);      // E_POINTER
+
+constexpr std::int32_t kWbemStatusComplete = 0;  // WBEM_STATUS_COMPLETE
+constexpr std::int32_t kWbemStatusProgress = 2;  // WBEM_STATUS_PROGRESS
+
+// IWbemObjectSink: takes the rows of an asynchronous query. WMI calls it through its table of
+// functions, so their order and their arguments are Windows', and no destructor stands among them.
+class ObjectSink {
+ public:
+  // 0 and another reference for IUnknown and IWbemObjectSink; kNoInterface and null for any other.
+  virtual HResult QueryInterface(const Guid& interfaceId, void** object) = 0;
+  // Give the new count. The last Release ends the object.
+  virtual std::uint32_t AddRef() = 0;
+  virtual std::uint32_t Release() = 0;
+  // `count` rows, which stay WMI's; called again and again, on threads of WMI's.
+  virtual HResult Indicate(std::int32_t count, RawHandle* rows) = 0;
+  // kWbemStatusComplete is the last call, with the query's result; `text` (a BSTR) and `object` may
+  // be null and stay WMI's.
+  virtual HResult SetStatus(std::int32_t flags, HResult result, char16_t* text,
+                            RawHandle object) = 0;
+
+ protected:
+  ~ObjectSink() = default;
+};
+
+// ExecQueryAsync("WQL", query, WBEM_FLAG_SEND_STATUS, null, sink): the sink is called from then on,
+// perhaps before this returns; it gets a reference of WMI's own for as long.
+HResult ExecQueryAsync(const WbemServices& services, const char16_t* query, ObjectSink* sink);
 
 }  // namespace platform

@@ -11,7 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/battery.h"
 #include "platform/error.h"
+#include "platform/linux/batteries.h"
+#include "platform/linux/device_paths.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
 #include "platform/linux/mailbox_link.h"
@@ -20,11 +23,9 @@ namespace platform {
 
 namespace {
 
-constexpr char kPathPrefix[] = "\\\\?\\mailbox#";
-
-// The interfaces present when the list was made, in the order of their names.
+// The paths of the interfaces present when the list was made, in the order of their names.
 struct ListState {
-  std::vector<std::string> names;
+  std::vector<std::string> paths;
 };
 
 struct DeviceState {
@@ -42,15 +43,27 @@ bool IsSocket(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-std::vector<std::string> InterfaceNames() {
-  std::vector<std::string> names;
+std::vector<std::string> MailboxPaths() {
+  std::vector<std::string> paths;
   const std::string folder = LabPath("mailbox");
   std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), ::closedir);
-  if (!dir) return names;
+  if (!dir) return paths;
   while (const dirent* entry = ::readdir(dir.get()))
-    if (IsSocket(folder + "/" + entry->d_name)) names.emplace_back(entry->d_name);
-  std::sort(names.begin(), names.end());
-  return names;
+    if (IsSocket(folder + "/" + entry->d_name))
+      paths.push_back(std::string(kMailboxPathPrefix) + entry->d_name);
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+std::vector<std::string> BatteryPaths() {
+  std::vector<std::string> paths;
+  for (const BatteryFacts& battery : ListBatteries())
+    paths.push_back(kBatteryPathPrefix + battery.name);
+  return paths;
+}
+
+bool IsBatteryClass(const Guid& interfaceClass) {
+  return std::memcmp(&interfaceClass, &kBatteryInterfaceClass, sizeof interfaceClass) == 0;
 }
 
 }  // namespace
@@ -60,17 +73,18 @@ void CloseDeviceInfoList(RawHandle raw) {
   delete static_cast<ListState*>(raw);
 }
 
-DeviceInfoList SetupDiGetClassDevsA(const Guid&) {
-  if (gate::Fails("SetupDiGetClassDevsA")) return DeviceInfoList();
-  return DeviceInfoList(new ListState{InterfaceNames()});
+DeviceInfoList SetupDiGetClassDevsA(const Guid& interfaceClass) {
+  if (gate::Fails("SetupDiGetClassDevsA")) return DeviceInfoList(InvalidHandleValue());
+  return DeviceInfoList(
+      new ListState{IsBatteryClass(interfaceClass) ? BatteryPaths() : MailboxPaths()});
 }
 
 bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfaceClass,
                                  std::uint32_t index, DeviceInterfaceData* data) {
   if (gate::Fails("SetupDiEnumDeviceInterfaces", "%u", index)) return false;
-  const auto& names = static_cast<ListState*>(list.Raw())->names;
+  const auto& paths = static_cast<ListState*>(list.Raw())->paths;
   if (data->cbSize != sizeof *data) return SetLastError(kErrorInvalidParameter), false;
-  if (index >= names.size()) return SetLastError(kErrorNoMoreItems), false;
+  if (index >= paths.size()) return SetLastError(kErrorNoMoreItems), false;
   data->interfaceClass = interfaceClass;
   data->reserved = index;
   return true;
@@ -81,8 +95,7 @@ bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceIn
                                       std::uint32_t* required) {
   if (gate::Fails("SetupDiGetDeviceInterfaceDetailA", "%s", detail == nullptr ? "size" : "path"))
     return false;
-  const std::string path =
-      kPathPrefix + static_cast<ListState*>(list.Raw())->names.at(data.reserved);
+  const std::string& path = static_cast<ListState*>(list.Raw())->paths.at(data.reserved);
   const auto needed =
       static_cast<std::uint32_t>(offsetof(DeviceInterfaceDetail, devicePath) + path.size() + 1);
   if (required != nullptr) *required = needed;
@@ -102,8 +115,8 @@ void CloseDevice(RawHandle raw) {
 DeviceHandle OpenDevice(const char* path, std::uint32_t mode) {
   if (gate::Fails("CreateFileA", "%s", path)) return DeviceHandle(InvalidHandleValue());
   static std::atomic<std::uint64_t> opened{0};  // relaxed: only distinct numbers are asked for
-  const std::size_t prefix = sizeof kPathPrefix - 1;
-  if (std::strncmp(path, kPathPrefix, prefix) != 0)
+  const std::size_t prefix = sizeof kMailboxPathPrefix - 1;
+  if (std::strncmp(path, kMailboxPathPrefix, prefix) != 0)
     return SetLastError(kErrorPathNotFound), DeviceHandle(InvalidHandleValue());
   auto device = std::make_unique<DeviceState>();
   device->link = MailboxLink::Open(LabPath("mailbox/") + (path + prefix));

@@ -17,4 +17,14 @@ HeapBlock HeapAlloc(std::size_t size) {
   return HeapBlock(std::malloc(size));
 }
 
+void LocalFree(RawHandle raw) {
+  gate::Note("LocalFree");
+  std::free(raw);
+}
+
+LocalBlock LocalAlloc(std::size_t size) {
+  if (gate::Fails("LocalAlloc", "%zu", size)) return LocalBlock();
+  return LocalBlock(std::calloc(1, size));
+}
+
 }  // namespace platform

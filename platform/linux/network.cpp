@@ -4,6 +4,7 @@
 #include "platform/network.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
@@ -117,6 +118,11 @@ std::string DescribeAddresses(const Interface& interface, bool more) {
   AppendAddresses(interface.dnsServers, &bytes);
   AppendAddresses(interface.gateways, &bytes);
   return bytes;
+}
+
+std::uint32_t MaskOf(std::uint32_t length) {
+  if (length == 0) return 0;
+  return htonl(length >= 32 ? 0xFFFFFFFF : ~(0xFFFFFFFF >> length));
 }
 
 // An interface that is up and has no IPv4 address (a bridge's port, say) is what an adapter that
@@ -281,10 +287,55 @@ std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
   return adapters;
 }
 
+// A count, and a row for each address of each interface.
+std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size) {
+  if (const std::uint32_t error = gate::Enter("GetIpAddrTable", "%u", *size)) return error;
+  constexpr std::uint32_t kReassemblySize = 65535;  // the greatest IPv4 datagram
+  std::string rows;
+  std::uint32_t count = 0;
+  for (const Interface& interface : ListInterfaces()) {
+    for (const InterfaceAddress& address : interface.addresses) {
+      int type = &address == &interface.addresses[0] ? kMibIpAddrPrimary : 0;
+      if (interface.dynamic) type |= kMibIpAddrDynamic;
+      if (!interface.up) type |= kMibIpAddrDisconnected;
+      AppendBytes(IpAddrRow{address.address, interface.index, MaskOf(address.prefixLength), 1,
+                            kReassemblySize, 0, static_cast<std::uint16_t>(type)},
+                  &rows);
+      ++count;
+    }
+  }
+  std::string bytes;
+  AppendBytes(count, &bytes);
+  return GiveBlock(bytes + rows, kErrorInsufficientBuffer, block, size);
+}
+
+std::uint32_t IpAddrTableRows(const void* block) {
+  std::uint32_t count;
+  std::memcpy(&count, block, sizeof count);
+  return count;
+}
+
+IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row) {
+  IpAddrRow read;
+  std::memcpy(&read, static_cast<const char*>(block) + sizeof row + row * sizeof read, sizeof read);
+  return read;
+}
+
+// Not the C library's gethostbyname, whose answer all threads share.
+bool GetHostByName(const char* name, std::uint32_t* address) {
+  if (gate::Fails("gethostbyname", "%s", name)) return false;
+  addrinfo wanted{};
+  wanted.ai_family = AF_INET;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(name, nullptr, &wanted, &found) != 0) return false;
+  *address = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
+  ::freeaddrinfo(found);
+  return true;
+}
+
 std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length) {
   gate::Note("ConvertLengthToIpv4Mask");
-  if (length == 0) return 0;
-  return htonl(length >= 32 ? 0xFFFFFFFF : ~(0xFFFFFFFF >> length));
+  return MaskOf(length);
 }
 
 void InetNtop(std::uint32_t address, char* text, std::size_t size) {

@@ -1,7 +1,8 @@
 // The wireless service. It is there if the host has a wireless interface or the lab folder has
 // `wlan.txt`, which then says what the interfaces are: one state number a line. Changes come in as
 // datagrams on the socket `wlan` in the lab folder: "connected", "disconnected", or a source and a
-// code as numbers ("8 10").
+// code as numbers ("8 10"). `wlan_profiles.txt` holds the profiles, one a line: the interface's
+// number from 0 on, flags, the name without blanks, and its XML text.
 #include "platform/wlan.h"
 
 #include <sys/socket.h>
@@ -21,6 +22,7 @@
 #include "platform/linux/gate.h"
 #include "platform/linux/interfaces.h"
 #include "platform/linux/lab_folder.h"
+#include "platform/linux/utf16.h"
 #include "platform/linux/wait.h"
 #include "platform/thread.h"
 
@@ -44,6 +46,31 @@ std::optional<std::vector<std::uint32_t>> InterfaceStates() {
     if (interface.wireless) states.push_back(interface.up ? kStateConnected : kStateDisconnected);
   if (states.empty()) return std::nullopt;
   return states;
+}
+
+// The GUID of the n-th interface.
+Guid GuidOf(std::size_t number) {
+  Guid guid{0x5754, 0x4C41, 0x4E00, {0x80}};
+  guid.data4[7] = static_cast<std::uint8_t>(number);
+  return guid;
+}
+
+struct LabProfile {
+  WlanProfile profile;
+  std::u16string xml;
+};
+
+// The profiles of one interface, in the order of their lines.
+std::vector<LabProfile> ProfilesOf(const Guid& interfaceGuid) {
+  std::vector<LabProfile> profiles;
+  std::ifstream file(LabPath("wlan_profiles.txt"));
+  std::uint32_t interface = 0;
+  std::uint32_t flags = 0;
+  for (std::string name, xml; file >> interface >> flags >> name && std::getline(file, xml);)
+    if (interface == interfaceGuid.data4[7])
+      profiles.push_back({{Utf8ToUtf16(name), flags},
+                          Utf8ToUtf16(xml.substr(std::min<std::size_t>(1, xml.size())))});
+  return profiles;
 }
 
 std::optional<WlanNotification> ReadNotification(const std::string& text) {
@@ -146,6 +173,11 @@ std::uint32_t WlanOpenHandle(WlanHandle* handle) {
   return kErrorSuccess;
 }
 
+std::uint32_t WlanCloseHandle(WlanHandle handle) {
+  if (const std::uint32_t error = gate::Enter("WlanCloseHandle")) return error;
+  return handle != nullptr ? kErrorSuccess : kErrorInvalidParameter;
+}
+
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
                                        WlanCallback callback, void* context) {
   if (const std::uint32_t error = gate::Enter("WlanRegisterNotification", "%u", source))
@@ -161,7 +193,33 @@ std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list) {
   if (!states) return kErrorServiceNotActive;
   list->index = 0;
   list->states = std::move(*states);
+  list->guids.clear();
+  for (std::size_t i = 0; i < list->states.size(); ++i) list->guids.push_back(GuidOf(i));
   return kErrorSuccess;
+}
+
+std::uint32_t WlanGetProfileList(WlanHandle handle, const Guid& interfaceGuid,
+                                 std::vector<WlanProfile>* profiles) {
+  profiles->clear();
+  if (const std::uint32_t error = gate::Enter("WlanGetProfileList")) return error;
+  if (handle == nullptr) return kErrorInvalidParameter;
+  for (LabProfile& known : ProfilesOf(interfaceGuid)) profiles->push_back(std::move(known.profile));
+  return kErrorSuccess;
+}
+
+std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
+                             const std::u16string& name, std::u16string* xml) {
+  xml->clear();
+  if (const std::uint32_t error = gate::Enter("WlanGetProfile", "%s", Utf16ToUtf8(name).c_str()))
+    return error;
+  if (handle == nullptr) return kErrorInvalidParameter;
+  for (LabProfile& known : ProfilesOf(interfaceGuid)) {
+    if (known.profile.name != name) continue;
+    *xml = std::move(known.xml);
+    return kErrorSuccess;
+  }
+  constexpr std::uint32_t kErrorNotFound = 1168;  // ERROR_NOT_FOUND
+  return kErrorNotFound;
 }
 
 }  // namespace platform

@@ -5,17 +5,22 @@
 
 #include <sys/utsname.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string_view>
 #include <utility>
 
+#include "platform/error.h"
+#include "platform/linux/batteries.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/interfaces.h"
 #include "platform/linux/lab_folder.h"
 #include "platform/linux/utf16.h"
+#include "platform/thread.h"
 
 namespace platform {
 
@@ -25,7 +30,6 @@ constexpr HResult kOk = 0;
 constexpr HResult kFalse = 1;  // S_FALSE; WBEM_S_FALSE
 
 constexpr HResult Code(std::uint32_t value) { return static_cast<HResult>(value); }
-constexpr HResult kPointer = Code(0x80004003);           // E_POINTER
 constexpr HResult kNotInitialized = Code(0x800401F0);    // CO_E_NOTINITIALIZED
 constexpr HResult kNotFound = Code(0x80041002);          // WBEM_E_NOT_FOUND
 constexpr HResult kInvalidNamespace = Code(0x8004100E);  // WBEM_E_INVALID_NAMESPACE
@@ -42,9 +46,10 @@ HResult Pass(const char* call, Args... args) {
   return Code(0x80070000 | (error & 0xFFFF));  // HRESULT_FROM_WIN32
 }
 
-// What a handle points to.
+// What a handle points to. The last reference ends it.
 struct Unknown {
   virtual ~Unknown() = default;
+  std::atomic<std::uint32_t> references{1};  // acquire and release: who ends it sees all of it
 };
 
 struct Property {
@@ -140,6 +145,9 @@ std::vector<Row> NetworkAdapters() {
   return rows;
 }
 
+constexpr std::uint32_t kOnLinePower = 2;  // Win32_Battery.Availability: running
+constexpr std::uint32_t kOnBattery = 3;    // warning: the mains have gone
+
 // The numbers in the lab's `chassis.txt`, or the one that the machine's firmware gives.
 std::vector<std::uint32_t> ChassisTypes() {
   std::ifstream file(LabPath("chassis.txt"));
@@ -156,6 +164,20 @@ std::vector<Row> SystemEnclosure() {
   return {{{u"ChassisTypes", types}}};
 }
 
+std::vector<Row> Batteries() {
+  std::vector<Row> rows;
+  for (const BatteryFacts& battery : ListBatteries())
+    rows.push_back({Text(u"Name", battery.name),
+                    Number(u"Availability", battery.online ? kOnLinePower : kOnBattery),
+                    Number(u"BatteryStatus", BatteryStatusOf(battery)),
+                    Number(u"Chemistry", ChemistryNumber(battery.chemistry)),
+                    Number(u"ExpectedLife", MinutesLeft(battery, battery.fullMilliwattHours)),
+                    Number(u"EstimatedRunTime", MinutesLeft(battery, battery.milliwattHours)),
+                    Text(u"Status", "OK"), Number(u"StatusInfo", kStatusEnabled),
+                    Number(u"TimeToFullCharge", MinutesToFull(battery))});
+  return rows;
+}
+
 struct WmiClass {
   std::u16string_view name;
   std::vector<Row> (*rows)();
@@ -164,6 +186,7 @@ constexpr WmiClass kClasses[] = {
     {u"Win32_OperatingSystem", OperatingSystem},
     {u"Win32_NetworkAdapter", NetworkAdapters},
     {u"Win32_SystemEnclosure", SystemEnclosure},
+    {u"Win32_Battery", Batteries},
 };
 
 HResult RowsOf(std::u16string_view query, std::vector<Row>* rows) {
@@ -177,11 +200,44 @@ HResult RowsOf(std::u16string_view query, std::vector<Row>* rows) {
   return kInvalidClass;
 }
 
+constexpr std::uint16_t kVtNull = 1;        // VT_NULL
+constexpr std::uint16_t kVtI4 = 3;          // VT_I4
+constexpr std::uint16_t kVtBstr = 8;        // VT_BSTR
+constexpr std::uint16_t kVtArray = 0x2000;  // VT_ARRAY
+
+// The types of WbemValue's kinds, in their order.
+constexpr std::uint16_t kTypeOfKind[] = {kVtNull, kVtBstr, kVtI4, kVtArray | kVtI4};
+
+// An asynchronous query under way. It holds a reference to its sink.
+struct Asked {
+  explicit Asked(ObjectSink* to) : sink(to) { sink->AddRef(); }
+  Asked(const Asked&) = delete;
+  Asked& operator=(const Asked&) = delete;
+  ~Asked() { sink->Release(); }
+  ObjectSink* sink;
+  HResult result = kOk;
+  std::vector<Row> rows;
+};
+
+std::uint32_t Deliver(void* parameter) {
+  const std::unique_ptr<Asked> asked(static_cast<Asked*>(parameter));
+  for (Row& row : asked->rows) {
+    auto object = std::make_unique<Object>();
+    object->row = std::move(row);
+    const WbemObject owner(Hand(std::move(object)));
+    RawHandle raw = owner.Raw();
+    (void)asked->sink->Indicate(1, &raw);  // WMI goes on, whatever the sink says
+  }
+  (void)asked->sink->SetStatus(kWbemStatusComplete, asked->result, nullptr, nullptr);
+  return 0;
+}
+
 }  // namespace
 
 void ReleaseUnknown(RawHandle raw) {
   gate::Note("Release");
-  std::unique_ptr<Unknown>(static_cast<Unknown*>(raw)).reset();
+  std::unique_ptr<Unknown> object(static_cast<Unknown*>(raw));
+  if (object->references.fetch_sub(1, std::memory_order_acq_rel) > 1) (void)object.release();
 }
 
 HResult CoInitializeEx() {
@@ -252,6 +308,35 @@ HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* valu
     return kOk;
   }
   return kNotFound;
+}
+
+HResult GetRawProperty(const WbemObject& row, const char16_t* name, RawVariant* value) {
+  *value = {};
+  WbemValue read;
+  const HResult result = GetProperty(row, name, &read);
+  if (Failed(result)) return result;
+  value->type = kTypeOfKind[read.kind];
+  if (read.kind == WbemValue::kNumber) value->value = read.number;
+  return result;
+}
+
+WbemObject ShareObject(RawHandle object) {
+  gate::Note("AddRef");
+  if (object != nullptr)
+    static_cast<Unknown*>(object)->references.fetch_add(1, std::memory_order_relaxed);
+  return WbemObject(object);
+}
+
+// Its errors come out of the status call, as WMI's do.
+HResult ExecQueryAsync(const WbemServices& services, const char16_t* query, ObjectSink* sink) {
+  if (const HResult failure = Pass("ExecQueryAsync", "%s", Utf16ToUtf8(query).c_str()))
+    return failure;
+  if (!services || sink == nullptr) return kPointer;
+  auto asked = std::make_unique<Asked>(sink);
+  asked->result = RowsOf(query, &asked->rows);
+  if (!CreateThread(Deliver, asked.get())) return Code(0x80070000 | (LastError() & 0xFFFF));
+  (void)asked.release();  // the thread's
+  return kOk;
 }
 
 }  // namespace platform

@@ -11,4 +11,8 @@ HeapBlock HeapAlloc(std::size_t size) {
   return HeapBlock(::HeapAlloc(::GetProcessHeap(), 0, size));
 }
 
+void LocalFree(RawHandle raw) { ::LocalFree(raw); }
+
+LocalBlock LocalAlloc(std::size_t size) { return LocalBlock(::LocalAlloc(LPTR, size)); }
+
 }  // namespace platform

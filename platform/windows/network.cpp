@@ -2,6 +2,8 @@
 #include "platform/network.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 #include "platform/windows/windows_api.h"
 // These need windows.h.
@@ -120,6 +122,36 @@ std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
        entry = entry->Next)
     adapters.push_back(ReadAdapter(*entry));
   return adapters;
+}
+
+static_assert(sizeof(IpAddrRow) == sizeof(MIB_IPADDRROW) &&
+              offsetof(IpAddrRow, type) == offsetof(MIB_IPADDRROW, wType));
+static_assert(kMibIpAddrPrimary == MIB_IPADDR_PRIMARY && kMibIpAddrDynamic == MIB_IPADDR_DYNAMIC &&
+              kMibIpAddrDisconnected == MIB_IPADDR_DISCONNECTED &&
+              kMibIpAddrDeleted == MIB_IPADDR_DELETED &&
+              kMibIpAddrTransient == MIB_IPADDR_TRANSIENT);
+
+std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size) {
+  ULONG bytes = *size;
+  const DWORD error = ::GetIpAddrTable(static_cast<MIB_IPADDRTABLE*>(block), &bytes, FALSE);
+  *size = bytes;
+  return error;
+}
+
+std::uint32_t IpAddrTableRows(const void* block) {
+  return static_cast<const MIB_IPADDRTABLE*>(block)->dwNumEntries;
+}
+
+IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row) {
+  return std::bit_cast<IpAddrRow>(static_cast<const MIB_IPADDRTABLE*>(block)->table[row]);
+}
+
+bool GetHostByName(const char* name, std::uint32_t* address) {
+  const hostent* host = ::gethostbyname(name);
+  if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr)
+    return false;
+  std::memcpy(address, host->h_addr_list[0], sizeof *address);
+  return true;
 }
 
 std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length) {

@@ -3,15 +3,20 @@
 #include "platform/wlan.h"
 
 #include <atomic>
+#include <bit>
+#include <cwchar>
 #include <memory>
 
+#include "platform/windows/guid_cast.h"
 #include "platform/windows/windows_api.h"
 // This needs windows.h.
 #include <wlanapi.h>
 
 namespace platform {
 
-static_assert(kWlanNotificationSourceAcm == WLAN_NOTIFICATION_SOURCE_ACM);
+static_assert(kWlanNotificationSourceAcm == WLAN_NOTIFICATION_SOURCE_ACM &&
+              kWlanProfileGroupPolicy == WLAN_PROFILE_GROUP_POLICY &&
+              kWlanProfileUser == WLAN_PROFILE_USER);
 
 namespace {
 
@@ -35,6 +40,8 @@ std::uint32_t WlanOpenHandle(WlanHandle* handle) {
   return ::WlanOpenHandle(2, nullptr, &negotiated, handle);
 }
 
+std::uint32_t WlanCloseHandle(WlanHandle handle) { return ::WlanCloseHandle(handle, nullptr); }
+
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
                                        WlanCallback callback, void* context) {
   gCallback.store(callback, std::memory_order_release);
@@ -48,8 +55,43 @@ std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list) {
   if (error != ERROR_SUCCESS) return error;
   list->index = found->dwIndex;
   list->states.clear();
-  for (DWORD i = 0; i < found->dwNumberOfItems; ++i)
-    list->states.push_back(static_cast<std::uint32_t>(found->InterfaceInfo[i].isState));
+  list->guids.clear();
+  for (DWORD i = 0; i < found->dwNumberOfItems; ++i) {
+    const WLAN_INTERFACE_INFO& row = found->InterfaceInfo[i];
+    list->states.push_back(static_cast<std::uint32_t>(row.isState));
+    list->guids.push_back(std::bit_cast<Guid>(row.InterfaceGuid));
+  }
+  return error;
+}
+
+std::uint32_t WlanGetProfileList(WlanHandle handle, const Guid& interfaceGuid,
+                                 std::vector<WlanProfile>* profiles) {
+  const GUID guid = WindowsGuid(interfaceGuid);
+  WLAN_PROFILE_INFO_LIST* raw = nullptr;
+  const DWORD error = ::WlanGetProfileList(handle, &guid, nullptr, &raw);
+  const std::unique_ptr<WLAN_PROFILE_INFO_LIST, FreeWlanMemory> found(raw);
+  profiles->clear();
+  if (error != ERROR_SUCCESS) return error;
+  for (DWORD i = 0; i < found->dwNumberOfItems; ++i) {
+    const WLAN_PROFILE_INFO& row = found->ProfileInfo[i];
+    const auto* name = reinterpret_cast<const char16_t*>(row.strProfileName);
+    profiles->push_back(
+        {std::u16string(name, ::wcsnlen(row.strProfileName, WLAN_MAX_NAME_LENGTH)), row.dwFlags});
+  }
+  return error;
+}
+
+std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
+                             const std::u16string& name, std::u16string* xml) {
+  const GUID guid = WindowsGuid(interfaceGuid);
+  wchar_t* raw = nullptr;
+  DWORD flags = 0;
+  const DWORD error =
+      ::WlanGetProfile(handle, &guid, reinterpret_cast<const wchar_t*>(name.c_str()), nullptr, &raw,
+                       &flags, nullptr);
+  const std::unique_ptr<wchar_t, FreeWlanMemory> text(raw);
+  xml->clear();
+  if (error == ERROR_SUCCESS) *xml = reinterpret_cast<const char16_t*>(text.get());
   return error;
 }
 

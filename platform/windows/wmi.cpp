@@ -1,6 +1,9 @@
 // COM and WMI. Handles hold the IUnknown of what they own.
 #include "platform/wmi.h"
 
+#include <cstddef>
+#include <cstring>
+
 #include "platform/windows/windows_api.h"
 // These need windows.h.
 #include <oleauto.h>
@@ -8,6 +11,11 @@
 
 namespace platform {
 
+static_assert(sizeof(RawVariant) == sizeof(VARIANT) &&
+              offsetof(RawVariant, value) == offsetof(VARIANT, llVal));
+static_assert(kNoInterface == E_NOINTERFACE && kPointer == E_POINTER &&
+              kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
+              kWbemStatusProgress == WBEM_STATUS_PROGRESS);
 static_assert(sizeof(HResult) == sizeof(HRESULT) && sizeof(char16_t) == sizeof(OLECHAR));
 
 namespace {
@@ -36,7 +44,7 @@ class Variant {
   const VARIANT& operator*() const { return raw_; }
 
  private:
-  VARIANT raw_;
+  VARIANT raw_{};  // zero where a value is smaller than its room
 };
 
 template <class Interface, class Owner>
@@ -105,6 +113,31 @@ WbemValue ReadVariant(const VARIANT& variant) {
   }
 }
 
+// What a VARIANT of this type holds in itself: a number, a date, a truth value.
+bool IsPlain(VARTYPE type) {
+  switch (type) {
+    case VT_I1:
+    case VT_I2:
+    case VT_I4:
+    case VT_I8:
+    case VT_UI1:
+    case VT_UI2:
+    case VT_UI4:
+    case VT_UI8:
+    case VT_INT:
+    case VT_UINT:
+    case VT_R4:
+    case VT_R8:
+    case VT_CY:
+    case VT_DATE:
+    case VT_BOOL:
+    case VT_ERROR:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 void ReleaseUnknown(RawHandle raw) { static_cast<IUnknown*>(raw)->Release(); }
@@ -168,6 +201,30 @@ HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* valu
       Held<IWbemClassObject>(row)->Get(Wide(name), 0, variant.Raw(), nullptr, nullptr);
   *value = FAILED(result) ? WbemValue{} : ReadVariant(*variant);
   return result;
+}
+
+HResult GetRawProperty(const WbemObject& row, const char16_t* name, RawVariant* value) {
+  *value = {};
+  Variant variant;
+  const HRESULT result =
+      Held<IWbemClassObject>(row)->Get(Wide(name), 0, variant.Raw(), nullptr, nullptr);
+  if (FAILED(result)) return result;
+  value->type = (*variant).vt;
+  if (IsPlain(value->type)) std::memcpy(value, variant.Raw(), sizeof *value);
+  return result;
+}
+
+WbemObject ShareObject(RawHandle object) {
+  if (object != nullptr) static_cast<IUnknown*>(object)->AddRef();
+  return WbemObject(object);
+}
+
+HResult ExecQueryAsync(const WbemServices& services, const char16_t* query, ObjectSink* sink) {
+  const Bstr language(L"WQL");
+  const Bstr text(Wide(query));
+  return Held<IWbemServices>(services)->ExecQueryAsync(language.Raw(), text.Raw(),
+                                                       WBEM_FLAG_SEND_STATUS, nullptr,
+                                                       reinterpret_cast<IWbemObjectSink*>(sink));
 }
 
 }  // namespace platform

@@ -62,7 +62,8 @@ std::uint64_t Negated(const FormatArg& arg) {
 
 void PutInteger(Output* out, const Conversion& c, const FormatArg& arg) {
   const bool isDecimal = c.letter == 'd' || c.letter == 'i' || c.letter == 'u';
-  const bool negative = (c.letter == 'd' || c.letter == 'i') && IsNegative(arg);
+  const bool isSigned = c.letter == 'd' || c.letter == 'i';
+  const bool negative = isSigned && IsNegative(arg);
   std::uint64_t value = negative ? Negated(arg) : Truncated(arg);
   const char* digits = c.letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
   const unsigned base = isDecimal ? 10 : 16;
@@ -73,7 +74,8 @@ void PutInteger(Output* out, const Conversion& c, const FormatArg& arg) {
     *--at = digits[value % base];
     value /= base;
   } while (++count < 60 && (value != 0 || count < c.precision));
-  PutPadded(out, c, negative ? "-" : "", {at, static_cast<std::size_t>(count)});
+  const char* sign = negative ? "-" : isSigned && c.blankSign ? " " : "";
+  PutPadded(out, c, sign, {at, static_cast<std::size_t>(count)});
 }
 
 // UTF-8 of one code point; a lone surrogate becomes the replacement character.

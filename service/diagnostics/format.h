@@ -47,7 +47,8 @@ constexpr FormatArg::Kind KindOf() {
 // behind it.
 struct Conversion {
   bool zeroPadded = false;
-  bool wide = false;  // %ls
+  bool blankSign = false;  // a blank where a negative number has its sign
+  bool wide = false;       // %ls
   int width = 0;
   int precision = -1;
   char letter = 0;
@@ -65,7 +66,8 @@ constexpr Conversion ReadConversion(std::string_view format, std::size_t at) {
       if (n < kEnough) n = n * 10 + (format[i] - '0');
     return n;
   };
-  if (i < format.size() && format[i] == '0') c.zeroPadded = true;
+  for (; i < format.size() && (format[i] == '0' || format[i] == ' '); ++i)
+    (format[i] == '0' ? c.zeroPadded : c.blankSign) = true;
   c.width = digits();
   if (i < format.size() && format[i] == '.') {
     ++i;

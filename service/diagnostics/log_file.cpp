@@ -53,7 +53,7 @@ std::uint32_t PrivateMegabytes() {
   return static_cast<std::uint32_t>(platform::GetPrivateUsage() >> 20);
 }
 
-bool ReadWindowsVersion(char* line, std::size_t size) {
+bool ReadVerLine(char* line, std::size_t size) {
   line[0] = 0;
   const platform::CommandPipe pipe = platform::OpenCommandPipe("ver");
   if (!pipe) return false;

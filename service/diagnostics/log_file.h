@@ -53,6 +53,6 @@ inline constexpr char kLogFolder[] = "\\Corvane\\Stewardry";
 
 // The last line of what "ver" prints, without its line end, into `line` of `size` bytes. False,
 // with an empty line, when it can't be run.
-bool ReadWindowsVersion(char* line, std::size_t size);
+bool ReadVerLine(char* line, std::size_t size);
 
 }  // namespace stewardry

@@ -108,7 +108,7 @@ void WmiLog_Start() {
   (void)platform::GetCommonAppDataFolder(folder);  // without it the file just can't be opened
   WmiLog_Open((std::string(folder) + kLogFolder + "\\tavrinWMI.log").c_str(), kLimit);
   char version[128];
-  if (ReadWindowsVersion(version, sizeof version))
+  if (ReadVerLine(version, sizeof version))
     return WmiInfo("Tavrin WMI started on %s", static_cast<const char*>(version));
   WmiLog_Warn(kWmiTag, "Get OS version failed.");
   WmiLog_Info(kWmiTag, "Tavrin WMI Logging started.");

@@ -11,6 +11,8 @@
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
 #include "service/host/start_up.h"
+#include "service/inventory/address_watch.h"
+#include "service/inventory/battery_report.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"
@@ -20,8 +22,6 @@
 namespace stewardry {
 
 std::atomic<std::uint32_t> gSessionLogonCount{0};
-std::atomic<std::uint32_t> gBatteryState{3};
-std::atomic<std::uint32_t> gUserPresence{3};
 
 namespace {
 
@@ -60,6 +60,7 @@ void StopService() {
   LogInfo("SERVICE_CONTROL_STOP recevied\n");
   ReportSvcStatus(kServiceStopPending, 0, 0);
   gTavrinRunning.store(0, std::memory_order_relaxed);
+  UnregisterNetworkEvent();
   LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
   EndThread(kServerThread, "TerminateThread failed");
   EndThread(kReaderThread, "TerminateThread failed");
@@ -88,10 +89,10 @@ void HandleBatteryEvent(const platform::SystemPowerStatus& spsPwr) {
   LogInfo("GUID_BATTERY_PERCENTAGE_REMAINING Event");
   if (spsPwr.batteryFlag == kLow) {
     LogInfo("Battery is Critical %d", spsPwr.batteryLifePercent);
-    gBatteryState.store(1, std::memory_order_relaxed);
+    gBatteryState.store(kBatteryIsCritical, std::memory_order_relaxed);
   } else if (spsPwr.batteryFlag == kCritical) {
     LogInfo("Battery is Drained %d", spsPwr.batteryLifePercent);
-    gBatteryState.store(2, std::memory_order_relaxed);
+    gBatteryState.store(kBatteryIsDrained, std::memory_order_relaxed);
   }
 }
 

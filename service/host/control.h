@@ -19,10 +19,6 @@ inline constexpr platform::Guid kGuidGlobalUserPresence = {
 
 // Logon events since the service started.
 extern std::atomic<std::uint32_t> gSessionLogonCount;
-// The last battery state (1 critical, 2 drained) and user presence seen in a power event; 3 before
-// any. Written by the control handler; relaxed, each stands for itself.
-extern std::atomic<std::uint32_t> gBatteryState;
-extern std::atomic<std::uint32_t> gUserPresence;
 
 // LPHANDLER_FUNCTION_EX. Always 0 (NO_ERROR). Runs on the dispatcher's thread.
 std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,

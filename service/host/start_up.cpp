@@ -45,7 +45,7 @@ bool EnsureFolder(const char* path) {
 
 void LogBanner() {
   char buf[128];
-  if (!ReadWindowsVersion(buf, sizeof buf)) {
+  if (!ReadVerLine(buf, sizeof buf)) {
     LogInfo("Quillon Stewardry Service %s started...", kServiceVersion);
     return;
   }

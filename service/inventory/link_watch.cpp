@@ -24,7 +24,7 @@ constexpr std::uint32_t kDisconnected = 21;        // wlan_notification_acm_disc
 constexpr std::uint32_t kStateConnected = 1;       // wlan_interface_state_connected
 
 // WLAN_INTERFACE_STATE, in its order.
-constexpr const char* kStateLines[] = {
+constexpr const char* kStateTexts[] = {
     "Not ready",
     "Connected",
     "First node in a ad hoc network",
@@ -34,7 +34,7 @@ constexpr const char* kStateLines[] = {
     "Auto configuration is discovering settings for the network",
     "In process of authenticating",
 };
-static_assert(std::size(kStateLines) == 8);
+static_assert(std::size(kStateTexts) == 8);
 
 // InternetGetConnectedState: INTERNET_CONNECTION_LAN, and the same with INTERNET_RAS_INSTALLED.
 constexpr std::uint32_t kFlagsLan = 0x02;
@@ -80,12 +80,6 @@ platform::WlanHandle OpenWlan() {
   }
   gWlanHandle.store(handle, std::memory_order_release);
   return handle;
-}
-
-void LogInterface(std::uint32_t index, std::uint32_t state) {
-  LogInfo("Interface Index[%u]", index);
-  if (state < std::size(kStateLines)) return LogInfo("%s", kStateLines[state]);
-  LogInfo("Unknown state %ld", state);
 }
 
 // Open for one event. A log that can't be opened takes nothing, and the event is dealt with all
@@ -164,10 +158,18 @@ std::uint32_t WlanIsConnected() {
   LogInfo("Current Index: %lu", list.index);
   std::uint32_t result = 1;
   for (std::uint32_t i = 0; i < list.states.size(); ++i) {
-    LogInterface(i, list.states[i]);
+    LogInfo("Interface Index[%u]", i);
+    LogInfo("%s", WlanStateText(list.states[i]));
     if (list.states[i] == kStateConnected) result = 0;
   }
   return result;
+}
+
+std::string WlanStateText(std::uint32_t state) {
+  if (state < std::size(kStateTexts)) return kStateTexts[state];
+  char text[32];
+  FormatTo(text, sizeof text, "Unknown state %ld", state);
+  return text;
 }
 
 void SendSystemBooted() {

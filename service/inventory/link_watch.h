@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "platform/wlan.h"
 
@@ -31,6 +32,9 @@ void WlanNotificationCallback(const platform::WlanNotification& data, void* cont
 // 0 if a wireless interface is connected, 1 if none is or it can't be found out. Note the sense:
 // zero means wireless. Any thread.
 std::uint32_t WlanIsConnected();
+
+// What the logs say of a wireless interface's state (WLAN_INTERFACE_STATE).
+std::string WlanStateText(std::uint32_t state);
 
 // Works out the connection word (none, LAN or WLAN) and sends it to the firmware; sends nothing if
 // the host has no connection at all. Any thread.

@@ -9,7 +9,6 @@
 namespace stewardry {
 
 SharedRecord<TavrinVersionInfo> gTavrinVersionInfo;
-std::atomic<std::uint64_t> gLogBufferAddress{0};
 
 namespace {
 
@@ -21,14 +20,6 @@ void CopyVersion(TavrinVersionInfo* target, const char* text) {
   while (n < sizeof target->version - 1 && text[n] != 0) ++n;
   std::memcpy(target->version, text, n);
   target->version[n] = 0;
-}
-
-std::uint32_t AskForLogBuffer(Operation operation) {
-  RequestOutcome outcome;
-  std::uint64_t address = 0;
-  const std::uint32_t result = AskForRecord(operation, &address, &outcome);
-  if (outcome.completed) gLogBufferAddress.store(address, std::memory_order_relaxed);
-  return result;
 }
 
 std::uint32_t WritePacket(Operation operation, packet* data) {
@@ -114,10 +105,6 @@ void WriteSensorInfo(const SensorInfo* info) {
   SendRecord(Operation::kWriteSensorInfo, info);
 }
 
-std::uint32_t WriteLogBuffer() { return AskForLogBuffer(Operation::kWriteLogBuffer); }
-
-std::uint32_t DeAllocateLogBuffer() { return AskForLogBuffer(Operation::kDeAllocateLogBuffer); }
-
 std::uint32_t DeAllocateKVM_KB_MB_Buffers() {
   RequestOutcome outcome;
   std::uint64_t unread = 0;
@@ -126,7 +113,9 @@ std::uint32_t DeAllocateKVM_KB_MB_Buffers() {
 
 std::uint32_t SetS5Status() {
   const std::uint16_t goingToS5 = 2;
-  const std::uint32_t result = RunPlainCall(Operation::kSetS5Status, &goingToS5, sizeof goingToS5);
+  std::uint32_t returned;
+  const std::uint32_t result =
+      RunPlainCall(Operation::kSetS5Status, &goingToS5, sizeof goingToS5, &returned);
   if (result != 0) LogInfo("Error calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS");
   return result;
 }

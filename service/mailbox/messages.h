@@ -4,7 +4,6 @@
 // about its outcome.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -87,13 +86,6 @@ struct SensorInfo {
   std::uint8_t bytes[32];
 };
 void WriteSensorInfo(const SensorInfo* info);
-// The address of the firmware's log ring in this process, 0 before it was asked for. Written by the
-// two requests below; relaxed, the address alone is passed on.
-extern std::atomic<std::uint64_t> gLogBufferAddress;
-// Ask for the log ring, and give it back: 8 bytes from the firmware into gLogBufferAddress, which
-// stays as it was on failure. 0 or 1. No flow of the service sends them.
-std::uint32_t WriteLogBuffer();
-std::uint32_t DeAllocateLogBuffer();
 // Gives the keyboard and mouse region back to the driver. 0 or 1.
 std::uint32_t DeAllocateKVM_KB_MB_Buffers();
 // The host is going to S5: a plain call, so the firmware has it when this returns. 0 or 1.

@@ -23,9 +23,12 @@ constexpr std::string_view kEventFailedErro =
 constexpr std::string_view kStartFailed = "Asynchronous %s command failed with error: %u";
 constexpr std::string_view kStartFailedErro = "Asynchronous %s command failed with erro: %u";
 constexpr std::string_view kWaitFailedText = "WaitForSingleObject unexpected return with error: %u";
+constexpr std::string_view kFinishFailed = "GetOverlappedResult failed for %s with error: %u";
+constexpr std::string_view kFinishFailedUnnamed = "GetOverlappedResult failed with error: %u";
+constexpr std::string_view kFinished = "Asynchronous IO completed for %s readbytes is %d";
 
-// The texts of one operation's log lines: `start` takes the name and the error, `event` the error,
-// `wait` the wait's result.
+// The texts of one operation's log lines: `start` and `finishFailed` take the name and the error,
+// `event` the error, `wait` the wait's result, `finished` the name and the byte count.
 struct Wording {
   Operation operation;
   const char* name;
@@ -33,8 +36,21 @@ struct Wording {
   std::string_view event = kEventFailed;
   std::string_view start = kStartFailed;
   std::string_view wait = kWaitFailedText;
-  bool finishIsNamed = true;  // whether the line of a failed completion says the name
+  std::string_view finishFailed = kFinishFailed;  // empty: kFinishFailedUnnamed, without the name
+  std::string_view finished = kFinished;
 };
+
+// Critical and drained differ in the code alone.
+constexpr Wording BatteryWording(Operation operation) {
+  return {operation,
+          "batteryinfo",
+          "Failed",
+          kEventFailedErro,
+          "Asynchronous %s for battery command failed for battery with error: %u",
+          "WaitForSingleObject unexpected return for battery %u",
+          "GetOverlappedResult failed for %s with error: %u for battery",
+          "Asynchronous IO completed readbytes for %s for battery is %d"};
+}
 
 constexpr Wording kWording[] = {
     {Operation::kGetOrrinStatus, "GetOrrinStatus", "Invalid Handle"},
@@ -54,12 +70,23 @@ constexpr Wording kWording[] = {
      kEventFailedErro, kStartFailedErro},
     {Operation::kSendSystemBooted, "SendSystemBooted", "Failed: Invalid handle", kEventFailed,
      kStartFailedErro},
-    {Operation::kInitializeKeyboardMousePointers, "InitializeKeyboardMousePointers",
-     "Invalid Handle", "Error creating event for interrupt thread - GetLastError: %u", kStartFailed,
-     kWaitFailedText, false},
+    {Operation::kInitializeKeyboardMousePointers,
+     "InitializeKeyboardMousePointers",
+     "Invalid Handle",
+     "Error creating event for interrupt thread - GetLastError: %u",
+     kStartFailed,
+     kWaitFailedText,
+     {}},
     {Operation::kDeAllocateKVM_KB_MB_Buffers, "DeAllocateKVM_KB_MB_Buffers", "Invalid Handle"},
     {Operation::kWriteLogBuffer, "WriteLogBuffer", "Invalid Handle"},
     {Operation::kDeAllocateLogBuffer, "DeAllocateLogBuffer", "Invalid Handle"},
+    {Operation::kUserPresence, "userinfo", "Failed", kEventFailed,
+     "Asynchronous %s command failed for userlogged with error: %u",
+     "WaitForSingleObject unexpected return for userlogged %u",
+     "GetOverlappedResult failed for %s with error: %u for userlogged",
+     "Asynchronous IO completed for %s readbytes is %d for userlogged"},
+    BatteryWording(Operation::kBatteryCritical),
+    BatteryWording(Operation::kBatteryDrained),
     // These two have no wording of their own anywhere: the commonest one serves.
     {Operation::kWriteFanInfo, "WriteFanInfo", "Invalid Handle"},
     {Operation::kWriteSensorInfo, "WriteSensorInfo", "Invalid Handle"},
@@ -123,12 +150,11 @@ void AwaitOutcome(Flight* flight, const Wording& wording, RequestOutcome* outcom
   if (waited != platform::kWaitObject0) return LogWording(wording.wait, waited);
   if (!flight->Finish(&outcome->bytes)) {
     const std::uint32_t error = platform::LastError();
-    if (!wording.finishIsNamed) return LogInfo("GetOverlappedResult failed with error: %u", error);
-    return LogInfo("GetOverlappedResult failed for %s with error: %u", wording.name, error);
+    if (wording.finishFailed.empty()) return LogWording(kFinishFailedUnnamed, error);
+    return LogWording(wording.finishFailed, wording.name, error);
   }
   outcome->completed = true;
-  if (outcome->bytes != 0)
-    LogInfo("Asynchronous IO completed for %s readbytes is %d", wording.name, outcome->bytes);
+  if (outcome->bytes != 0) LogWording(wording.finished, wording.name, outcome->bytes);
 }
 
 }  // namespace
@@ -164,11 +190,12 @@ std::uint32_t AskForRecord(Operation operation, void* output, RequestOutcome* ou
   return RunRequest(operation, nullptr, 0, output, ControlCodeFor(operation).outputSize, outcome);
 }
 
-std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize) {
+std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize,
+                           std::uint32_t* returned) {
+  *returned = 0;
   if (!*gRequestDevice) return 1;
-  std::uint32_t returned = 0;
   const bool done = platform::DeviceIoControl(*gRequestDevice, ControlCodeFor(operation).code,
-                                              input, inputSize, nullptr, 0, &returned, nullptr);
+                                              input, inputSize, nullptr, 0, returned, nullptr);
   return done ? 0 : 1;
 }
 

@@ -26,7 +26,9 @@ std::uint32_t SendRecord(Operation operation, const void* input);
 // Asks for `output` of the size that the table gives.
 std::uint32_t AskForRecord(Operation operation, void* output, RequestOutcome* outcome);
 
-// A plain call, mode S. 0 for success, 1 for an invalid handle or a failure. Logs nothing.
-std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize);
+// A plain call, mode S. 0 for success, 1 for an invalid handle or a failure. *returned gets the
+// device's byte count, 0 if it wasn't asked. Logs nothing.
+std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize,
+                           std::uint32_t* returned);
 
 }  // namespace stewardry

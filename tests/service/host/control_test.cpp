@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "service/host/start_up.h"
+#include "service/inventory/address_watch.h"
+#include "service/inventory/battery_report.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"

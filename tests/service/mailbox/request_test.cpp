@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/event.h"
+#include "service/mailbox/firmware_log.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {

@@ -1,0 +1,35 @@
+// Changes of the host's interfaces. Windows wants a callback of its own type, so it calls Notify
+// here, which passes on to the one callback of this process.
+#include "platform/address_change.h"
+
+#include <atomic>
+
+#include "platform/windows/windows_api.h"
+// This needs windows.h.
+#include <iphlpapi.h>
+
+namespace platform {
+
+static_assert(kMibParameterNotification == MibParameterNotification &&
+              kMibAddInstance == MibAddInstance && kMibDeleteInstance == MibDeleteInstance);
+
+namespace {
+
+// Written before the registration, read on a thread of Windows': release and acquire, since how
+// Windows orders the two is not ours to know.
+std::atomic<IpChangeCallback> gCallback{nullptr};
+
+void NETIOAPI_API_ Notify(void* context, MIB_IPINTERFACE_ROW* row, MIB_NOTIFICATION_TYPE type) {
+  gCallback.load(std::memory_order_acquire)(context, row, static_cast<std::uint32_t>(type));
+}
+
+}  // namespace
+
+std::uint32_t NotifyIpInterfaceChange(IpChangeCallback callback, void* context, RawHandle* handle) {
+  gCallback.store(callback, std::memory_order_release);
+  return ::NotifyIpInterfaceChange(AF_INET, Notify, context, FALSE, handle);
+}
+
+std::uint32_t CancelMibChangeNotify2(RawHandle handle) { return ::CancelMibChangeNotify2(handle); }
+
+}  // namespace platform
