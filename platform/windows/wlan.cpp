@@ -14,8 +14,8 @@
 
 namespace platform {
 
+// WLAN_PROFILE_GROUP_POLICY is missing in mingw-w64's header.
 static_assert(kWlanNotificationSourceAcm == WLAN_NOTIFICATION_SOURCE_ACM &&
-              kWlanProfileGroupPolicy == WLAN_PROFILE_GROUP_POLICY &&
               kWlanProfileUser == WLAN_PROFILE_USER);
 
 namespace {

@@ -35,6 +35,7 @@ TEST(Format, WidthPaddingAndPrecisionAreThoseOfTheLineFormats) {
   EXPECT_EQ(Text("%02u/%02u", 7, 12), "07/12");
   EXPECT_EQ(Text("%.2X%.2X", 0xA, 0xFF), "0AFF");
   EXPECT_EQ(Text("[%4d|%04d|%3s]", 42, -7, "x"), "[  42|-007|  x]");
+  EXPECT_EQ(Text("[% d|% ld|% u|% 04d]", 5, -5, 5u, 5), "[ 5|-5|5| 005]");
   EXPECT_EQ(Text("%.3s %%", "abcdef"), "abc %");
 }
 

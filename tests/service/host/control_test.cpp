@@ -79,6 +79,15 @@ TEST_F(Control, StopEndsTheThreadsInItsOrderSaysNothingToTheFirmwareAndClosesThe
   EXPECT_EQ(CountOf(FileText(kSideLog), "ReportSvcStatus: CurrentServiceState 3\n"), 2U);
 }
 
+TEST_F(Control, AStopKeepsTheWatchOnTheHostsAddresses) {
+  ASSERT_EQ(RegisterNetworkEvent(), 1U);
+  SvcCtrlHandler(1, 0, nullptr, nullptr);
+  EXPECT_EQ(gIpChangeHandle.load(), nullptr);
+  const std::string lines = Messages();
+  const std::size_t given = lines.find("CancelMibChangeNotify2 Passed\n");
+  EXPECT_LT(given, lines.find("CancelIO called service stop. Error status "));
+}
+
 TEST_F(Control, PreshutdownTellsTheFirmwareAndLeavesTheServiceRunning) {
   gTavrinRunning = 1;
   SvcCtrlHandler(15, 0, nullptr, nullptr);

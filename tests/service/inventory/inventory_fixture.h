@@ -111,7 +111,8 @@ class InventoryTest : public LabTest {
   }
 
   void RemoveFiles() {
-    for (const char* name : {"adapters.txt", "wlan.txt", "connected.txt", "chassis.txt"})
+    for (const char* name : {"adapters.txt", "wlan.txt", "wlan_profiles.txt", "connected.txt",
+                             "chassis.txt", "batteries.txt"})
       std::filesystem::remove(platform::LabPath(name));
     for (const char* path : {kServiceLog, kWmiLog, kChangeLogPath})
       std::filesystem::remove(platform::NativePath(path));
