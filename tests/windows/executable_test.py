@@ -22,7 +22,8 @@ DELAYED = {
                     "OpenSCManagerA RegisterEventSourceA RegisterServiceCtrlHandlerExA "
                     "ReportEventA SetServiceStatus SetTokenInformation "
                     "StartServiceCtrlDispatcherA",
-    "iphlpapi.dll": "ConvertLengthToIpv4Mask GetAdaptersAddresses GetAdaptersInfo GetIfTable",
+    "iphlpapi.dll": "CancelMibChangeNotify2 ConvertLengthToIpv4Mask GetAdaptersAddresses "
+                    "GetAdaptersInfo GetIfTable GetIpAddrTable NotifyIpInterfaceChange",
     "ole32.dll": "CoCreateInstance CoInitializeEx CoInitializeSecurity CoSetProxyBlanket "
                  "CoUninitialize",
     "oleaut32.dll": "SafeArrayGetDim SafeArrayGetElement SafeArrayGetLBound SafeArrayGetUBound "
@@ -37,11 +38,12 @@ DELAYED = {
     "winhttp.dll": "WinHttpAddRequestHeaders WinHttpCloseHandle WinHttpConnect WinHttpOpen "
                    "WinHttpOpenRequest WinHttpSendRequest WinHttpSetOption WinHttpSetTimeouts",
     "wininet.dll": "InternetGetConnectedState",
-    "wlanapi.dll": "WlanEnumInterfaces WlanFreeMemory WlanOpenHandle WlanRegisterNotification",
+    "wlanapi.dll": "WlanCloseHandle WlanEnumInterfaces WlanFreeMemory WlanGetProfile "
+                   "WlanGetProfileList WlanOpenHandle WlanRegisterNotification",
     "ws2_32.dll": "WSACleanup WSACloseEvent WSACreateEvent WSAEnumNetworkEvents WSAEventSelect "
                   "WSAGetLastError WSAStartup accept bind closesocket connect freeaddrinfo "
-                  "getaddrinfo gethostname inet_ntop ioctlsocket listen recv recvfrom send sendto "
-                  "setsockopt shutdown socket",
+                  "getaddrinfo gethostbyname gethostname inet_ntop ioctlsocket listen recv "
+                  "recvfrom send sendto setsockopt shutdown socket",
 }
 STRINGS = {
     "CompanyName": "Corvane",

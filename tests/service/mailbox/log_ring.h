@@ -51,7 +51,7 @@ inline std::string CapturedText() {
     unsigned part[6];
     if (std::sscanf(text.c_str() + at, "%4u/%2u/%2u %2u:%2u:%2u\n", &part[0], &part[1], &part[2],
                     &part[3], &part[4], &part[5]) == 6)
-      text.replace(at, 19, "T");
+      text.erase(at, 18)[at] = 'T';
   }
   return text;
 }
