@@ -208,7 +208,10 @@ bool GetUserObjectInformationA(UserObject object, int index, void* buffer, std::
 
 bool GetUserNameA(char* name, std::uint32_t* size) {
   if (gate::Fails("GetUserNameA")) return false;
-  const passwd* user = ::getpwuid(::geteuid());
+  passwd entry{};
+  char texts[1024];
+  passwd* user = nullptr;
+  ::getpwuid_r(::geteuid(), &entry, texts, sizeof texts, &user);  // null without a row
   const std::string text = user != nullptr ? user->pw_name : std::to_string(::geteuid());
   const auto needed = static_cast<std::uint32_t>(text.size() + 1);
   const bool fits = needed <= *size;
