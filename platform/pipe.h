@@ -8,6 +8,7 @@
 
 namespace platform {
 
+constexpr std::uint32_t kErrorBrokenPipe = 109;        // ERROR_BROKEN_PIPE
 constexpr std::uint32_t kErrorPipeBusy = 231;          // ERROR_PIPE_BUSY
 constexpr std::uint32_t kErrorPipeNotConnected = 233;  // ERROR_PIPE_NOT_CONNECTED
 
@@ -21,5 +22,10 @@ Pipe OpenPipe(const char* name, std::uint32_t shareMode);
 // WriteFile, synchronously; *written gets the count. Windows waits while the pipe's buffer is full;
 // Linux fails with kErrorPipeBusy instead.
 bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uint32_t* written);
+
+// ReadFile, synchronously: waits until there is something, then gives up to `size` bytes of it;
+// *read gets the count. False, with 0 and kErrorBrokenPipe, once the server has hung up and all
+// that it had said was read.
+bool ReadFile(const Pipe& pipe, void* buffer, std::uint32_t size, std::uint32_t* read);
 
 }  // namespace platform

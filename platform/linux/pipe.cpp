@@ -1,5 +1,6 @@
 // Named pipes as Unix stream sockets in the lab folder. Neither connecting nor writing waits: a
-// server that hangs makes them fail, as a pipe without a free instance does.
+// server that hangs makes them fail, as a pipe without a free instance does. A read waits, and a
+// terminated thread leaves there.
 #include "platform/pipe.h"
 
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 #include "platform/linux/descriptor_handle.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
+#include "platform/linux/wait.h"
 
 namespace platform {
 
@@ -63,6 +65,20 @@ bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uin
     return false;
   }
   *written = static_cast<std::uint32_t>(n);
+  return true;
+}
+
+bool ReadFile(const Pipe& pipe, void* buffer, std::uint32_t size, std::uint32_t* read) {
+  *read = 0;
+  if (gate::Fails("ReadFile", "pipe,%u", size)) return false;
+  const int fd = DescriptorOf(pipe.Raw());
+  ssize_t n;
+  do {
+    WaitReadable(fd, -1);  // false on a signal: the receive below says what there is
+    n = ::recv(fd, buffer, size, MSG_DONTWAIT);
+  } while (n < 0 && (errno == EAGAIN || errno == EINTR));
+  if (n <= 0) return SetLastError(kErrorBrokenPipe), false;
+  *read = static_cast<std::uint32_t>(n);
   return true;
 }
 

@@ -5,6 +5,7 @@
 
 namespace platform {
 
+static_assert(kErrorBrokenPipe == ERROR_BROKEN_PIPE);
 static_assert(kErrorPipeBusy == ERROR_PIPE_BUSY);
 static_assert(kErrorPipeNotConnected == ERROR_PIPE_NOT_CONNECTED);
 
@@ -19,6 +20,13 @@ bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uin
   DWORD count = 0;
   const BOOL done = ::WriteFile(pipe.Raw(), bytes, size, &count, nullptr);
   *written = count;
+  return done != FALSE;
+}
+
+bool ReadFile(const Pipe& pipe, void* buffer, std::uint32_t size, std::uint32_t* read) {
+  DWORD count = 0;
+  const BOOL done = ::ReadFile(pipe.Raw(), buffer, size, &count, nullptr);
+  *read = count;
   return done != FALSE;
 }
 

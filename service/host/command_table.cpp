@@ -3,6 +3,7 @@
 
 #include "service/actions/indications.h"
 #include "service/actions/power_actions.h"
+#include "service/actions/upgrade.h"
 #include "service/gateway/dash_relay.h"
 #include "service/gateway/listeners.h"
 #include "service/host/resume.h"
@@ -31,7 +32,7 @@ constexpr FirmwareCommand kCommands[] = {
     {ORRIN_TAVRIN_CMD_DASH_DATA, "DASH_DATA", nullptr, true, WriteDASHRXdata},
     {ORRIN_TAVRIN_CMD_KVM_DATA, "KVM_DATA", nullptr, true, WriteKVMRXdata},
     {ORRIN_TAVRIN_CMD_SOFTWARE_UPGRADE, "SOFTWARE_UPGRADE", "Software upgrade command received",
-     true, kOnlyLogged},
+     true, SoftwareUpgradeCommand},
     {ORRIN_TAVRIN_CMD_INDICATION_SUBSCRIBE, "INDICATION_SUBSCRIBE",
      "Indication subscribe command received", false, IndicationSubscribe},
     {ORRIN_TAVRIN_CMD_INDICATION_EVENT, "INDICATION_EVENT", "Indication event command received",

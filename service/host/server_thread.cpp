@@ -3,10 +3,12 @@
 
 #include <atomic>
 
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
 #include "service/gateway/listeners.h"
 #include "service/host/event_entries.h"
+#include "service/host/pipe_threads.h"
 #include "service/inventory/link_watch.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
@@ -20,6 +22,14 @@ namespace {
 // The start-up report has been made. The server thread's alone.
 bool gReportDone = false;
 
+// The handles aren't kept: the threads run to the process's end. One that can't be started leaves
+// its pipe without a client, and the service goes on.
+void StartPipeThreads() {
+  for (const platform::ThreadEntry entry :
+       {TrayPipeThread, SoftwareUpgradePipeThread, ServiceToTrayUIThread})
+    (void)platform::CreateThread(entry, nullptr);
+}
+
 void MakeStartupReport() {
   if (gReportDone) return;
   gReportDone = true;
@@ -32,6 +42,7 @@ void MakeStartupReport() {
 
 void ServerStartup() {
   SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+  StartPipeThreads();
   (void)Sock_Start();  // without sockets the bind fails and says so
   WmiLog_Start();
   MakeStartupReport();

@@ -9,8 +9,9 @@ namespace stewardry {
 // doesn't come back: the thread is ended from outside.
 std::uint32_t MyThreadFunction(void* parameter);
 
-// Sockets, WMI log, the first status report, which waits for as long as the host has no network
-// connection, and the watch on the wireless link. Nothing is bound before it has finished.
+// The pipes' threads, sockets, WMI log, the first status report, which waits for as long as the
+// host has no network connection, and the watch on the wireless link. Nothing is bound before it
+// has finished.
 void ServerStartup();
 
 }  // namespace stewardry
