@@ -3,8 +3,8 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <span>
 #include <string>
-#include <string_view>
 
 #include "lab/tray/command_line.h"
 #include "lab/tray/served_pipe.h"
@@ -41,19 +41,41 @@ void Print(const Question& question, const std::string& answer) {
   std::printf("%2d  %-16s  %s", question.number, question.about, answer.c_str());
   if (question.isAddress) std::printf("  %s", Dotted(answer).c_str());
   std::printf("\n");
+  std::fflush(stdout);
 }
 
-template <std::size_t N>
-bool AskAll(const char* pipeName, const Question (&questions)[N], lab::Deadline deadline) {
-  std::string problem, answer;
+struct Pipe {
+  const char* name;
+  std::span<const Question> questions;
   lab::ServedPipe pipe;
-  bool answered = pipe.Open(pipeName, &problem);
-  for (std::size_t i = 0; i < N && answered; ++i) {
-    answered = pipe.Ask(std::to_string(questions[i].number), deadline, &answer, &problem);
-    if (answered) Print(questions[i], answer);
+
+  // False after a complaint.
+  bool Open() {
+    std::string problem;
+    return pipe.Open(name, &problem) || Complain(problem);
   }
-  if (!answered) std::fprintf(stderr, "tray: %s: %s\n", pipeName, problem.c_str());
-  return answered;
+  bool AskAll(lab::Deadline deadline) {
+    std::string problem, answer;
+    for (const Question& question : questions) {
+      if (!pipe.Ask(std::to_string(question.number), deadline, &answer, &problem))
+        return Complain(problem);
+      Print(question, answer);
+    }
+    return true;
+  }
+  bool Complain(const std::string& problem) const {
+    std::fprintf(stderr, "tray: %s: %s\n", name, problem.c_str());
+    return false;
+  }
+};
+
+// Both pipes are there before the first question, because the service looks for each of them only
+// every two seconds.
+int Run(bool ui, long seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  Pipe tray{"TrayPipe", kTrayQuestions, {}}, window{"ServiceToTrayUI", kUiQuestions, {}};
+  if (!tray.Open() || (ui && !window.Open())) return 1;
+  return tray.AskAll(deadline) && (!ui || window.AskAll(deadline)) ? 0 : 1;
 }
 
 int Usage() {
@@ -72,7 +94,5 @@ int main(int argc, char** argv) {
   if (!lab::TakeSeconds(&words, &seconds)) return Usage();
   const bool ui = words.size() == 1 && words[0] == "--ui";
   if (!words.empty() && !ui) return Usage();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  if (!AskAll("TrayPipe", kTrayQuestions, deadline)) return 1;
-  return !ui || AskAll("ServiceToTrayUI", kUiQuestions, deadline) ? 0 : 1;
+  return Run(ui, seconds);
 }

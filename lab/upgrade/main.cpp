@@ -18,7 +18,9 @@ int Poll(long count, long seconds) {
   bool answered = pipe.Open(kPipe, &problem);
   for (long i = 0; i < count && answered; ++i) {
     answered = pipe.Ask(kPoll, deadline, &answer, &problem);
-    if (answered) std::printf("%s\n", answer.c_str());
+    if (!answered) break;
+    std::printf("%s\n", answer.c_str());
+    std::fflush(stdout);
   }
   if (!answered) std::fprintf(stderr, "upgrade: %s: %s\n", kPipe, problem.c_str());
   return answered ? 0 : 1;

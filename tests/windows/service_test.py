@@ -13,6 +13,7 @@ from wine_lab import RUNNING, SERVICE, STOPPED, WineLabTest, prefix, program, se
 import dash_test  # noqa: E402  from the Linux lab, whose path wine_lab adds
 import indications_test
 import kvm_test
+import pipes_test
 import power_test
 from stewardry_lab import ADAPTER, BOUND, connect, curl, knock_is_dropped, receive, until
 
@@ -181,6 +182,15 @@ class KvmDoors(WineLabTest, kvm_test.Doors):
 
 class KvmMishaps(WineLabTest, kvm_test.Mishaps):
     FLOOD = 180  # the pipe's free instances hold these; the agent takes them slower than they come
+
+
+class Pipes(WineLabTest, pipes_test.Pipes):
+    """The tray and the upgrade tool as Windows programs, on the platform's own named pipes."""
+
+    addresses = {8: "127.0.0.1", 9: "255.0.0.0"}  # Wine lists the loopback adapter first
+
+    def start_program(self, name, *words):
+        return self.start_wine(name, name + ".exe", *words)
 
 
 class Power(WineLabTest):
