@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
 #include <thread>
 
 #include "lab/tray/served_pipe.h"
@@ -14,53 +16,50 @@ namespace {
 
 constexpr std::uint32_t kShareWrite = 2;
 
-TEST(PipeContract, APipeThatNobodyServesOpens) {
+// A pipe that the lab serves, and the service's end of it.
+class PipeContract : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(server_.Open(name_, &problem_)) << problem_; }
+  Pipe Open() const { return OpenPipe(("\\\\.\\pipe\\" + name_).c_str(), kShareWrite); }
+  bool Ask(const std::string& question, std::chrono::milliseconds patience) {
+    return server_.Ask(question, std::chrono::steady_clock::now() + patience, &answer_, &problem_);
+  }
+
+  const std::string name_ = "StewardryTest" + std::to_string(GetCurrentProcessId());
+  lab::ServedPipe server_;
+  std::string answer_, problem_;
+};
+
+TEST_F(PipeContract, APipeThatNobodyServesOpens) {
   EXPECT_FALSE(OpenPipe(R"(\\.\pipe\StewardryNobody)", kShareWrite));
   EXPECT_EQ(LastError(), kErrorFileNotFound);
 }
 
-TEST(PipeContract, AReadLosesBytesTakesTooManyOrMissesTheEnd) {
-  const std::string name = "StewardryTest" + std::to_string(GetCurrentProcessId());
-  std::string problem, answer;
-  lab::ServedPipe server;
-  ASSERT_TRUE(server.Open(name, &problem)) << problem;
-  const std::string longQuestion(10'000, 'q');
-  for (const std::string& question : {std::string("5"), std::string(), longQuestion}) {
-    std::thread asker([&] {
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-      EXPECT_TRUE(server.Ask(question, deadline, &answer, &problem)) << problem;
-    });
-    const Pipe pipe = OpenPipe(("\\\\.\\pipe\\" + name).c_str(), kShareWrite);
-    EXPECT_TRUE(pipe);
+TEST_F(PipeContract, AReadLosesBytesTakesTooManyOrMissesTheEnd) {
+  for (const std::string& question :
+       {std::string("5"), std::string(), std::string(10'000, 'q'), std::string("again")}) {
+    Pipe pipe = Open();
+    ASSERT_TRUE(pipe);
+    std::thread asker([&] { EXPECT_TRUE(Ask(question, std::chrono::seconds(20))) << problem_; });
     std::string heard;
     std::uint32_t count = 0;
     char next[4] = {'#', '#', '#', '#'};
-    while (pipe && ReadFile(pipe, next, 3, &count)) {
-      ASSERT_LE(count, 3U);
-      heard.append(next, count);
-      if (heard.back() == 0) break;
-    }
+    while ((heard.empty() || heard.back() != 0) && ReadFile(pipe, next, 3, &count))
+      heard.append(next, std::min(count, 3U));
     EXPECT_EQ(heard, question + '\0');
     EXPECT_EQ(next[3], '#');
     EXPECT_TRUE(WriteFile(pipe, "yes\r\n", 5, &count));
     EXPECT_EQ(count, 5U);
-    const_cast<Pipe&>(pipe).Reset();
+    pipe.Reset();
     asker.join();
-    EXPECT_EQ(answer, "yes");
+    EXPECT_EQ(answer_, "yes");
   }
 }
 
-TEST(PipeContract, AServerThatHasHungUpIsWaitedFor) {
-  const std::string name = "StewardryTest" + std::to_string(GetCurrentProcessId());
-  std::string problem, answer;
-  lab::ServedPipe server;
-  ASSERT_TRUE(server.Open(name, &problem)) << problem;
-  std::thread asker([&] {  // gives up at once, and with that hangs up
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
-    EXPECT_FALSE(server.Ask("5", deadline, &answer, &problem));
-  });
-  const Pipe pipe = OpenPipe(("\\\\.\\pipe\\" + name).c_str(), kShareWrite);
-  asker.join();
+TEST_F(PipeContract, AServerThatHasHungUpIsWaitedFor) {
+  const Pipe pipe = Open();
+  ASSERT_TRUE(pipe);
+  EXPECT_FALSE(Ask("5", std::chrono::milliseconds(100))) << "asks, gives up and hangs up";
   char all[8];
   std::uint32_t count = 77;
   EXPECT_TRUE(ReadFile(pipe, all, sizeof all, &count)) << "what was said before is still there";
