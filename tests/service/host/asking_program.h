@@ -36,7 +36,9 @@ class AskingProgram {
   bool Meet() {
     HangUp();
     if (Comes(listener_, 10'000)) peer_ = ::accept(listener_, nullptr, nullptr);
-    return peer_ >= 0;
+    // Little room on the way, so that a long question isn't said before it is read.
+    const int room = 2048;
+    return peer_ >= 0 && ::setsockopt(peer_, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) == 0;
   }
   // False when the service has hung up already.
   bool Say(const std::string& bytes) {

@@ -32,7 +32,11 @@ class PipeThreads : public MailboxTest {
   void SetUp() override {
     MailboxTest::SetUp();
     ComposeService();
+    gTavrinVersionInfo.Store({});
     SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+    gTavrinRunning.store(0);
+    gKvmSessionStatus.Store({"NO"});
+    gIPInfo.Store({});
   }
   void TearDown() override {
     for (auto& [name, thread] : threads_) EndThread(&thread);
