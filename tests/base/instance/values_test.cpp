@@ -167,7 +167,7 @@ TEST_F(ValuesTest, EqualIsFoundWhereItIsnt) {
     EXPECT_EQ(equal(type, nullptr, nullptr), comparable);
     EXPECT_EQ(equal(type, &value, &value), comparable);
     EXPECT_FALSE(equal(type, &value, nullptr));
-    if (type < CIM_STRING) EXPECT_FALSE(equal(type, &value, &other));
+    EXPECT_FALSE(type < CIM_STRING && equal(type, &value, &other));
   }
   CimValue zero = {}, minusZero = {}, nan = {};
   EXPECT_FALSE(equal(CIM_UINT32, &zero, nullptr));
@@ -207,7 +207,7 @@ TEST_F(ValuesTest, AnElementIsStoredInAnothersPlace) {
     }
     CimValue raw;
     CimValue_FromRaw(type, data + size, &raw);
-    if (type < CIM_STRING) EXPECT_EQ(std::memcmp(&raw, &value, sizeof raw), 0);
+    EXPECT_TRUE(type >= CIM_STRING || std::memcmp(&raw, &value, sizeof raw) == 0);
     const CimValue empty = {};
     EXPECT_EQ(ArrayValue_StoreAt(&batch_, type, data, 0, &empty), RESULT_OK);
     EXPECT_EQ(data[0], 0);
