@@ -36,7 +36,8 @@ const ClassDef* MethodDef_AsClass(const MethodDef* method) {
 ClassDef ClassDef_CommonPart(const ClassDef* def) {
   static_assert(offsetof(ClassDef, superclassName) == offsetof(MethodDef, returnType));
   ClassDef part{};
-  std::memcpy(&part, static_cast<const void*>(def), offsetof(ClassDef, superclassName));
+  std::memcpy(static_cast<void*>(&part), static_cast<const void*>(def),
+              offsetof(ClassDef, superclassName));
   return part;
 }
 

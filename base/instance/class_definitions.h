@@ -24,87 +24,88 @@ struct SchemaDef;
 
 // What every definition but a qualifier begins with.
 struct DefinitionHead {
-  std::uint32_t flags;  // element flags, FLAG_...
-  std::uint32_t nameCode;
-  const char16_t* name;
+  std::uint32_t flags = 0;  // element flags, FLAG_...
+  std::uint32_t nameCode = 0;
+  const char16_t* name = nullptr;
 };
 
 struct QualifierDef {
-  const char16_t* name;
-  std::uint32_t type;    // CIM type code
-  std::uint32_t flavor;  // bits of the schema's, see Qualifier_IsListed
-  const void* value;     // the stored value, or empty
+  const char16_t* name = nullptr;
+  std::uint32_t type = 0;       // CIM type code
+  std::uint32_t flavor = 0;     // bits of the schema's, see Qualifier_IsListed
+  const void* value = nullptr;  // the stored value, or empty
 };
 
 struct ParameterDef {
-  std::uint32_t flags;
-  std::uint32_t nameCode;
-  const char16_t* name;
-  const QualifierDef* const* qualifiers;
-  std::uint32_t qualifierCount;
-  std::uint32_t type;  // CIM type code
-  const char16_t* referenceClass;
-  std::uint32_t maxSize;
-  std::uint32_t offset;  // bytes from the body's start to the value slot
+  std::uint32_t flags = 0;
+  std::uint32_t nameCode = 0;
+  const char16_t* name = nullptr;
+  const QualifierDef* const* qualifiers = nullptr;
+  std::uint32_t qualifierCount = 0;
+  std::uint32_t type = 0;  // CIM type code
+  const char16_t* referenceClass = nullptr;
+  std::uint32_t maxSize = 0;
+  std::uint32_t offset = 0;  // bytes from the body's start to the value slot
 };
 
 struct PropertyDef {
-  std::uint32_t flags;  // FLAG_KEY marks a key
-  std::uint32_t nameCode;
-  const char16_t* name;
-  const QualifierDef* const* qualifiers;
-  std::uint32_t qualifierCount;
-  std::uint32_t type;  // CIM type code
-  const char16_t* referenceClass;
-  std::uint32_t maxSize;
-  std::uint32_t offset;  // bytes from the body's start to the value slot
-  const char16_t* originClass;
-  const char16_t* propagatorClass;
+  std::uint32_t flags = 0;  // FLAG_KEY marks a key
+  std::uint32_t nameCode = 0;
+  const char16_t* name = nullptr;
+  const QualifierDef* const* qualifiers = nullptr;
+  std::uint32_t qualifierCount = 0;
+  std::uint32_t type = 0;  // CIM type code
+  const char16_t* referenceClass = nullptr;
+  std::uint32_t maxSize = 0;
+  std::uint32_t offset = 0;  // bytes from the body's start to the value slot
+  const char16_t* originClass = nullptr;
+  const char16_t* propagatorClass = nullptr;
   // The default in its stored form, or empty: a scalar in place, a STRING, REFERENCE or INSTANCE as
   // a cell that holds the pointer, an array as an ArrayValue.
-  const void* value;
+  const void* value = nullptr;
 };
 
 struct MethodDef {
-  std::uint32_t flags;  // FLAG_METHOD
-  std::uint32_t nameCode;
-  const char16_t* name;
-  const QualifierDef* const* qualifiers;
-  std::uint32_t qualifierCount;
-  const ParameterDef* const* parameters;  // element 0 describes the return value
-  std::uint32_t parameterCount;           // the return value included
-  std::uint32_t size;                     // bytes of an instance of the parameters, head included
-  std::uint32_t returnType;
-  const char16_t* originClass;
-  const char16_t* propagatorClass;
-  const SchemaDef* schema;  // empty in copies
-  std::uintptr_t invoke;    // the schema's own, copied as it is
+  std::uint32_t flags = 0;  // FLAG_METHOD
+  std::uint32_t nameCode = 0;
+  const char16_t* name = nullptr;
+  const QualifierDef* const* qualifiers = nullptr;
+  std::uint32_t qualifierCount = 0;
+  const ParameterDef* const* parameters = nullptr;  // element 0 describes the return value
+  std::uint32_t parameterCount = 0;                 // the return value included
+  std::uint32_t size = 0;  // bytes of an instance of the parameters, head included
+  std::uint32_t returnType = 0;
+  const char16_t* originClass = nullptr;
+  const char16_t* propagatorClass = nullptr;
+  const SchemaDef* schema = nullptr;  // empty in copies
+  std::uintptr_t invoke = 0;          // the schema's own, copied as it is
 };
 
 struct ClassDef {
-  std::uint32_t flags;  // the kind of class: FLAG_CLASS, FLAG_KIND_10 or FLAG_KIND_20
-  std::uint32_t nameCode;
-  const char16_t* name;
-  const QualifierDef* const* qualifiers;
-  std::uint32_t qualifierCount;
-  const PropertyDef* const* properties;  // in slot order
-  std::uint32_t propertyCount;
-  std::uint32_t size;  // bytes of an instance, its 64 bytes of head included
-  const char16_t* superclassName;
-  const ClassDef* superclass;
-  const MethodDef* const* methods;
-  std::uint32_t methodCount;
-  const SchemaDef* schema;   // empty in copies
-  std::uintptr_t extension;  // the schema's own, copied as it is
-  std::uintptr_t owner;      // kOwnerNone, kOwnerDynamic, or the address of the ClassObject
+  std::uint32_t flags = 0;  // the kind of class: FLAG_CLASS, FLAG_KIND_10 or FLAG_KIND_20
+  std::uint32_t nameCode = 0;
+  const char16_t* name = nullptr;
+  const QualifierDef* const* qualifiers = nullptr;
+  std::uint32_t qualifierCount = 0;
+  const PropertyDef* const* properties = nullptr;  // in slot order
+  std::uint32_t propertyCount = 0;
+  std::uint32_t size = 0;  // bytes of an instance, its 64 bytes of head included
+  const char16_t* superclassName = nullptr;
+  const ClassDef* superclass = nullptr;
+  const MethodDef* const* methods = nullptr;
+  std::uint32_t methodCount = 0;
+  const SchemaDef* schema = nullptr;  // empty in copies
+  std::uintptr_t extension = 0;       // the schema's own, copied as it is
+  std::uintptr_t owner = 0;  // kOwnerNone, kOwnerDynamic, or the address of the ClassObject
 };
 
 // What the library reads of a schema.
 struct SchemaDef {
-  const ClassDef* const* classes;
-  std::uint32_t classCount;
-  const DefinitionHead* const* seconds;  // records of another kind that begin like definitions
-  std::uint32_t secondCount;
+  const ClassDef* const* classes = nullptr;
+  std::uint32_t classCount = 0;
+  // Records of another kind that begin like definitions.
+  const DefinitionHead* const* seconds = nullptr;
+  std::uint32_t secondCount = 0;
 };
 
 // `owner` of a static or deep-copied definition.

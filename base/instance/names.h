@@ -3,7 +3,9 @@
 // code's make-up and every definition that a schema has written out stops being found.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace stewardry {
 
@@ -14,17 +16,35 @@ constexpr std::int64_t kNoIndex = -1;
 // an empty text or pointer.
 bool Name_IsValid(const char16_t* name);
 
+// A-Z as a-z, every other unit as it is: names hold nothing else that has a case, and every
+// platform agrees on these.
+constexpr char16_t Name_Fold(char16_t unit) {
+  return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit;
+}
+
 // The name's code: (first << 16) | (last << 8) | length, with the low bytes of the first and the
 // last unit folded to lower case. A length of 256 and more spills into the bits above. 0 for an
-// empty text or pointer. Names that differ only in the case of A-Z have one code.
-std::uint32_t Name_Code(const char16_t* name);
+// empty text or pointer. Names that differ only in the case of A-Z have one code. A constant
+// expression for a constant name, so that a schema needs no start-up code.
+constexpr std::uint32_t Name_Code(const char16_t* name) {
+  if (name == nullptr || *name == 0) return 0;
+  const std::size_t length = std::char_traits<char16_t>::length(name);
+  const std::uint32_t first = Name_Fold(static_cast<char16_t>(name[0] & 0xFF));
+  const std::uint32_t last = Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF));
+  return (first << 16) | (last << 8) | static_cast<std::uint32_t>(length);
+}
 
 // The length of `name` in units. `code` is the code of the name, or of one that the name is longer
 // than: what its low byte says is taken on trust and counted on from.
 std::uint32_t Name_Length(const char16_t* name, std::uint32_t code);
 
 // True when both texts are equal but for the case of A-Z. Neither pointer may be empty.
-bool Name_Equal(const char16_t* a, const char16_t* b);
+constexpr bool Name_Equal(const char16_t* a, const char16_t* b) {
+  for (; *a == *b || Name_Fold(*a) == Name_Fold(*b); ++a, ++b) {
+    if (*a == 0) return true;
+  }
+  return false;
+}
 
 // The index of the first of `count` definitions from `first` on with that name and code, or
 // kNoIndex. Definitions are read only while they stand; any thread may search shared ones.
