@@ -1,0 +1,189 @@
+// The writer of a PackBuf: a heap block that doubles, filled from its start.
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <string>
+
+#include "base/heap.h"
+#include "base/instance/pack_buffer.h"
+
+namespace stewardry {
+namespace {
+
+BatchPage* BlockOf(const PackBuf* buffer) {
+  return buffer->data == nullptr ? nullptr : reinterpret_cast<BatchPage*>(buffer->data) - 1;
+}
+
+// Puts a block of `capacity` bytes behind its header in place of the present one.
+Result Resize(PackBuf* buffer, std::uint32_t capacity) {
+  const std::size_t bytes = sizeof(BatchPage) + std::size_t{capacity};
+  auto* block = static_cast<BatchPage*>(Heap_Reallocate(BlockOf(buffer), bytes));
+  if (block == nullptr) return RESULT_FAILED;
+  *block = {nullptr, 0, capacity & 0x7FFFFFFF, 0};
+  buffer->data = reinterpret_cast<std::uint8_t*>(block + 1);
+  buffer->capacity = capacity;
+  return RESULT_OK;
+}
+
+// Moves `size` to the next multiple of `alignment`, a power of two, and on by `bytes`, which start
+// at *place. False, and nothing moved, when there is no room to be had.
+inline bool Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t bytes,
+                   std::uint8_t** place) {
+  const std::uint64_t start = (std::uint64_t{buffer->size} + alignment - 1) & ~(alignment - 1ULL);
+  const std::uint64_t end = start + bytes;
+  if (end > buffer->capacity) {
+    if (end > kMaxPackCapacity) return false;
+    if (PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) != RESULT_OK) return false;
+  }
+  *place = buffer->data + start;
+  buffer->size = static_cast<std::uint32_t>(end);
+  return true;
+}
+
+template <class Number>
+Result PutNumber(PackBuf* buffer, Number value) {
+  std::uint8_t* place = nullptr;
+  if (!Extend(buffer, sizeof value, sizeof value, &place)) return RESULT_FAILED;
+  std::memcpy(place, &value, sizeof value);
+  return RESULT_OK;
+}
+
+Result PutAligned(PackBuf* buffer, std::uint32_t alignment, const void* bytes,
+                  std::uint64_t length) {
+  std::uint8_t* place = nullptr;
+  if (!Extend(buffer, alignment, length, &place)) return RESULT_FAILED;
+  if (length != 0) std::memcpy(place, bytes, static_cast<std::size_t>(length));
+  return RESULT_OK;
+}
+
+Result Align(PackBuf* buffer, std::uint32_t alignment) {
+  return PutAligned(buffer, alignment, nullptr, 0);
+}
+
+// An array is put whole or not at all: a count without its elements would be read as one.
+template <class Element>
+Result PutArray(PackBuf* buffer, const Element* elements, std::uint32_t count) {
+  if (count != 0 && elements == nullptr) return RESULT_FAILED;
+  constexpr std::uint32_t kAlignment = std::max<std::uint32_t>(alignof(Element), 1);
+  const std::uint32_t before = buffer->size;
+  if (PutNumber(buffer, count) != RESULT_OK) return RESULT_FAILED;
+  if (count == 0) return RESULT_OK;
+  const std::uint64_t bytes = std::uint64_t{count} * sizeof(Element);
+  const Result result = PutAligned(buffer, kAlignment, elements, bytes);
+  if (result != RESULT_OK) buffer->size = before;
+  return result;
+}
+
+// How many texts have their length kept from the table's making to the copying.
+constexpr std::uint32_t kKeptLengths = 64;
+
+std::uint64_t BytesOf(const char16_t* text) {
+  return (std::char_traits<char16_t>::length(text) + 1) * sizeof(char16_t);
+}
+
+// The table of offsets and then the texts.
+Result PutTexts(PackBuf* buffer, const char16_t* const* texts, std::uint32_t count) {
+  if (Align(buffer, 8) != RESULT_OK) return RESULT_FAILED;
+  std::array<std::uint64_t, kKeptLengths> kept;
+  std::uint64_t end = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (texts[i] == nullptr || PutNumber(buffer, end) != RESULT_OK) return RESULT_FAILED;
+    const std::uint64_t bytes = BytesOf(texts[i]);
+    if (i < kKeptLengths) kept[i] = bytes;
+    end += bytes;
+  }
+  std::uint8_t* place = nullptr;
+  if (PutNumber(buffer, end) != RESULT_OK || !Extend(buffer, 1, end, &place)) return RESULT_FAILED;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const auto bytes = static_cast<std::size_t>(i < kKeptLengths ? kept[i] : BytesOf(texts[i]));
+    std::memcpy(place, texts[i], bytes);
+    place += bytes;
+  }
+  return RESULT_OK;
+}
+
+}  // namespace
+
+Result PackBuf_Init(PackBuf* buffer, std::uint32_t capacity) {
+  *buffer = {nullptr, 0, 0, 0};
+  if (capacity > kMaxPackCapacity) return RESULT_FAILED;
+  return Resize(buffer, std::max(capacity, kMinPackCapacity));
+}
+
+void PackBuf_Destroy(PackBuf* buffer) { Heap_Free(PackBuf_TakeBlock(buffer)); }
+
+Result PackBuf_Reserve(PackBuf* buffer, std::uint32_t capacity) {
+  if (buffer->data != nullptr && capacity <= buffer->capacity) return RESULT_OK;
+  if (capacity > kMaxPackCapacity) return RESULT_FAILED;
+  return Resize(buffer, std::bit_ceil(capacity));
+}
+
+BatchPage* PackBuf_TakeBlock(PackBuf* buffer) {
+  BatchPage* block = BlockOf(buffer);
+  buffer->data = nullptr;
+  buffer->capacity = 0;  // the next thing put asks for a block
+  return block;
+}
+
+Result PackBuf_PutU8(PackBuf* buffer, std::uint8_t value) { return PutNumber(buffer, value); }
+Result PackBuf_PutU16(PackBuf* buffer, std::uint16_t value) { return PutNumber(buffer, value); }
+Result PackBuf_PutU32(PackBuf* buffer, std::uint32_t value) { return PutNumber(buffer, value); }
+Result PackBuf_PutU64(PackBuf* buffer, std::uint64_t value) { return PutNumber(buffer, value); }
+
+Result PackBuf_Align4(PackBuf* buffer) { return Align(buffer, 4); }
+Result PackBuf_Align8(PackBuf* buffer) { return Align(buffer, 8); }
+
+Result PackBuf_PutRaw(PackBuf* buffer, const void* bytes, std::uint32_t length) {
+  return PutAligned(buffer, 1, bytes, length);
+}
+
+Result PackBuf_PutStr(PackBuf* buffer, const char16_t* text) {
+  if (text == nullptr) return PutNumber(buffer, std::uint32_t{0});
+  const std::size_t length = std::char_traits<char16_t>::length(text);
+  if (length >= kMaxPackCapacity) return RESULT_FAILED;
+  return PackBuf_PutStrLen(buffer, text, static_cast<std::uint32_t>(length));
+}
+
+Result PackBuf_PutStrLen(PackBuf* buffer, const char16_t* text, std::uint32_t length) {
+  if (text == nullptr) return PutNumber(buffer, std::uint32_t{0});
+  const std::uint32_t count = length + 1;
+  const std::uint64_t bytes = std::uint64_t{length} * sizeof(char16_t);
+  std::uint8_t* place = nullptr;
+  if (!Extend(buffer, 4, sizeof count + bytes + sizeof(char16_t), &place)) return RESULT_FAILED;
+  std::memcpy(place, &count, sizeof count);
+  std::memcpy(place + sizeof count, text, static_cast<std::size_t>(bytes));
+  std::memset(place + sizeof count + bytes, 0, sizeof(char16_t));
+  return RESULT_OK;
+}
+
+Result PackBuf_PutU8A(PackBuf* buffer, const std::uint8_t* elements, std::uint32_t count) {
+  return PutArray(buffer, elements, count);
+}
+Result PackBuf_PutU16A(PackBuf* buffer, const std::uint16_t* elements, std::uint32_t count) {
+  return PutArray(buffer, elements, count);
+}
+Result PackBuf_PutU32A(PackBuf* buffer, const std::uint32_t* elements, std::uint32_t count) {
+  return PutArray(buffer, elements, count);
+}
+Result PackBuf_PutU64A(PackBuf* buffer, const std::uint64_t* elements, std::uint32_t count) {
+  return PutArray(buffer, elements, count);
+}
+
+Result PackBuf_PutDatetime(PackBuf* buffer, const CimDatetime* value) {
+  return PutAligned(buffer, alignof(CimDatetime), value, sizeof *value);
+}
+Result PackBuf_PutDatetimeA(PackBuf* buffer, const CimDatetime* elements, std::uint32_t count) {
+  return PutArray(buffer, elements, count);
+}
+
+Result PackBuf_PutStrA(PackBuf* buffer, const char16_t* const* texts, std::uint32_t count) {
+  if (count != 0 && texts == nullptr) return RESULT_FAILED;
+  const std::uint32_t before = buffer->size;
+  if (PutNumber(buffer, count) != RESULT_OK) return RESULT_FAILED;
+  const Result result = count == 0 ? RESULT_OK : PutTexts(buffer, texts, count);
+  if (result != RESULT_OK) buffer->size = before;
+  return result;
+}
+
+}  // namespace stewardry

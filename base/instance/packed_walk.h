@@ -1,0 +1,85 @@
+// A walk over a packed instance where it lies: nothing is built and nothing is changed, so the same
+// bytes may be walked any number of times. Instance_Unpack walks in these steps too.
+//
+//   PackedHead head;
+//   Packed_ReadHead(&reader, &head);
+//   for (i = 0; i < head.propertyCount; ++i) {
+//     Packed_ReadProperty(&reader, &property);
+//     if (property.present) ... one of the value calls below, by property.type
+//   }
+//   Packed_ReadTail(&reader);
+//
+// A REFERENCE or INSTANCE is a packed instance again, and an array of them a count before as many.
+// The walk keeps no depth: whoever follows nested ones bounds them by kMaxPackedDepth.
+//
+// The reader's bytes lie at an address aligned to 8. Texts and arrays that come out point into
+// them. RESULT_FAILED wherever they end too soon or don't hold what they must.
+#pragma once
+
+#include <cstdint>
+
+#include "base/instance/pack_buffer.h"
+
+namespace stewardry {
+
+constexpr std::uint32_t INSTANCE_PACK_HEAD = 0x462B9957;
+constexpr std::uint32_t INSTANCE_PACK_TAIL = 0x76F474E3;
+
+// Instances within instances that are read: more is taken for an attack on the stack.
+constexpr std::uint32_t kMaxPackedDepth = 64;
+
+// The least bytes of a packed instance: head, flags, a class name of one letter, no name space, no
+// properties, tail. No count of instances can be more than the bytes behind it divided by this.
+constexpr std::uint32_t kMinPackedInstance = 28;
+
+struct PackedHead {
+  std::uint32_t classFlags;
+  const char16_t* className;      // empty when the bytes have none
+  const char16_t* namespaceName;  // or empty
+  std::uint32_t propertyCount;    // as the bytes say
+};
+
+struct PackedProperty {
+  std::uint32_t flags;
+  const char16_t* name;  // empty when the bytes have none
+  std::uint32_t type;    // at most 31
+  bool present;          // a value follows
+};
+
+// Texts as they lie packed. Each has its terminator.
+struct PackedTexts {
+  std::uint32_t count;
+  const std::uint64_t*
+      offsets;            // count + 1 of them, in bytes; rising, to be counted from the first
+  const char16_t* texts;  // the first text
+
+  // The text at `index`, below the count, and its units without the terminator.
+  const char16_t* At(std::uint32_t index) const {
+    return texts + (offsets[index] - offsets[0]) / sizeof(char16_t);
+  }
+  std::uint32_t Length(std::uint32_t index) const {
+    return static_cast<std::uint32_t>((offsets[index + 1] - offsets[index]) / sizeof(char16_t)) - 1;
+  }
+};
+
+// The beginning of an instance, up to its properties.
+Result Packed_ReadHead(PackBuf* reader, PackedHead* head);
+
+// A property up to its value. RESULT_FAILED also for a type above 31.
+Result Packed_ReadProperty(PackBuf* reader, PackedProperty* property);
+
+// A value of the types up to STRING, or an array of the types up to DATETIMEA. For the other types
+// RESULT_INVALID_PARAMETER.
+Result Packed_ReadValue(PackBuf* reader, std::uint32_t type, CimValue* value);
+
+// The value of a STRINGA. No texts are {0, empty, empty}.
+Result Packed_ReadTexts(PackBuf* reader, PackedTexts* texts);
+
+// The count before the instances of a REFERENCEA or INSTANCEA. RESULT_FAILED also when the bytes
+// left can't hold as many.
+Result Packed_ReadInstanceCount(PackBuf* reader, std::uint32_t* count);
+
+// The end of an instance. RESULT_INVALID_PARAMETER for another number than INSTANCE_PACK_TAIL.
+Result Packed_ReadTail(PackBuf* reader);
+
+}  // namespace stewardry
