@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -297,12 +298,12 @@ class KindsTest : public ::testing::TestWithParam<int> {
 INSTANTIATE_TEST_SUITE_P(All, KindsTest, ::testing::Range(0, 4));
 
 TEST_P(KindsTest, ACopyLeansOnItsSource) {
+  auto text = std::make_unique<u16string>(u"lent");
   const u16string number = GetParam() == 2 ? u"return" : u"ID";
   const CimValue seven = Number(7);
   ASSERT_EQ(Instance_StoreProperty(source_.instance, number.c_str(), &seven, CIM_UINT32, 0), 0u);
   if (GetParam() != 2) {
-    u16string text = u"lent";
-    const CimValue lent = Text(text.c_str());
+    const CimValue lent = Text(text->c_str());
     ASSERT_EQ(Instance_StoreProperty(source_.instance, u"Name", &lent, CIM_STRING, FLAG_BORROW),
               0u);
   }
@@ -312,6 +313,7 @@ TEST_P(KindsTest, ACopyLeansOnItsSource) {
   EXPECT_EQ(copy.instance->body->def->flags, GetParam() < 2 ? flags : 0u);
   EXPECT_EQ(Instance_IsWrapped(copy.instance), GetParam() == 3);
   source_.End();
+  text.reset();
   // A copy of the copy, which must not lean on it either.
   ASSERT_EQ(Instance_Clone(copy.instance, &second.instance), RESULT_OK);
   copy.End();
@@ -388,8 +390,8 @@ TEST_P(KindsTest, AnInstanceInTheCallersMemoryTouchesWhatIsntIts) {
 }
 
 TEST(InstanceTest, AFailedChangeLosesTheOldContent) {
-  Owned made;
   OwnBatch batch(0);
+  Owned made;
   MakeDynamic(&made, &batch);
   ASSERT_EQ(Instance_SetNamespace(made.instance, u"old"), RESULT_OK);
   ASSERT_EQ(Instance_SetHostName(made.instance, u"old"), RESULT_OK);
