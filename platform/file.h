@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "platform/handle.h"
 
@@ -23,6 +24,10 @@ std::int64_t SeekToEnd(const Stream& stream);
 // fwrite and fflush. True when everything was taken.
 bool WriteStream(const Stream& stream, const char* text, std::size_t size);
 bool FlushStream(const Stream& stream);
+
+// _wfsopen(path, "a", _SH_DENYNO): a buffered text stream at the end of a file of the host itself,
+// which isn't mapped. Null on failure. The caller closes it with std::fclose; any thread may write.
+std::FILE* OpenAppendStream(const char16_t* path);
 
 // remove and rename, DeleteFileA and MoveFileA: true on success.
 bool RemoveFile(const char* path);

@@ -74,12 +74,12 @@ Result DecodeOctets(const char16_t* text, OctetSink* sink) {
   std::transform(units.begin(), units.end(), narrow.get(),
                  [](char16_t unit) { return static_cast<std::uint8_t>(unit); });
   if (Base64Dec(narrow.get(), units.size(), OctetSink_Append, sink) < 0) {
-    LibLog_Base64DecFailed(u"", 0);
+    LibLog_Base64DecFailed("", 0);
     return RESULT_FAILED;
   }
   // Nothing decoded: the empty octet string, which is its length alone.
   if (sink->data == nullptr && OctetSink_Append(narrow.get(), 0, sink) != 0) {
-    LibLog_OutOfMemory(u"", 0);
+    LibLog_OutOfMemory("", 0);
     return RESULT_FAILED;
   }
   return RESULT_OK;

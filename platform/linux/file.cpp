@@ -15,6 +15,7 @@
 #include "platform/linux/errno_map.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
+#include "platform/linux/utf16.h"
 
 namespace platform {
 
@@ -82,6 +83,12 @@ Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
     return Stream();
   }
   return Stream(new StreamState{descriptor, {}});
+}
+
+std::FILE* OpenAppendStream(const char16_t* path) {
+  const std::string name = Utf16ToUtf8(path);
+  if (gate::Fails("_wfsopen", "%s", name.c_str())) return nullptr;
+  return std::fopen(name.c_str(), "ae");
 }
 
 std::int64_t SeekToEnd(const Stream& stream) {

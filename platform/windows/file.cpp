@@ -24,6 +24,10 @@ Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
   return stream;
 }
 
+std::FILE* OpenAppendStream(const char16_t* path) {
+  return ::_wfsopen(reinterpret_cast<const wchar_t*>(path), L"a", _SH_DENYNO);
+}
+
 std::int64_t SeekToEnd(const Stream& stream) {
   return std::fseek(File(stream), 0, SEEK_END) == 0 ? ::_ftelli64(File(stream)) : -1;
 }

@@ -1,0 +1,29 @@
+// The "C" locale for the length of a call.
+#pragma once
+
+#include <array>
+#include <clocale>
+
+#include "base/text.h"
+
+namespace stewardry {
+
+// Sets the process's locale to "C" and, at its end, back to what it was. There is no lock: the
+// locale belongs to the whole process, so another thread's locale-dependent work doesn't go with
+// it.
+class CLocale {
+ public:
+  CLocale() {
+    const char* name = std::setlocale(LC_ALL, nullptr);
+    (void)Text_CopyNarrow(name_.data(), name != nullptr ? name : "C", name_.size());
+    (void)std::setlocale(LC_ALL, "C");  // always there
+  }
+  CLocale(const CLocale&) = delete;
+  CLocale& operator=(const CLocale&) = delete;
+  ~CLocale() { (void)std::setlocale(LC_ALL, name_.data()); }
+
+ private:
+  std::array<char, 128> name_;  // a longer name is cut, and then not found again
+};
+
+}  // namespace stewardry
