@@ -3,6 +3,7 @@
 Google Benchmark's selector.json, log.json and kvm.json and the relay's relay.json; what is missing is left
 out. Nothing here fails: a time says nothing without the peer beside it."""
 import collections
+import glob
 import json
 import os
 import statistics

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace stewardry {
@@ -46,14 +47,32 @@ constexpr bool Name_Equal(const char16_t* a, const char16_t* b) {
   return false;
 }
 
+// Name_Equal of two names that both have the code `code`, and so at least as many units as its low
+// byte says.
+inline bool Name_EqualOfCode(const char16_t* a, const char16_t* b, std::uint32_t code) {
+  const std::size_t known = code & 0xFF;
+  if (std::memcmp(a, b, known * sizeof(char16_t)) != 0) return Name_Equal(a, b);
+  return Name_Equal(a + known, b + known);
+}
+
+// True when none of the next four definitions has the code. The four tests don't wait for each
+// other, which a branch between them would make them do.
+template <class Definition>
+bool Names_NoneOfFour(const Definition* const* next, std::uint32_t code) {
+  return (next[0]->nameCode != code) & (next[1]->nameCode != code) & (next[2]->nameCode != code) &
+         (next[3]->nameCode != code);
+}
+
 // The index of the first of `count` definitions from `first` on with that name and code, or
 // kNoIndex. Definitions are read only while they stand; any thread may search shared ones.
 template <class Definition>
 std::int64_t Names_FindFrom(const Definition* const* definitions, std::uint32_t first,
                             std::uint32_t count, const char16_t* name, std::uint32_t code) {
   for (std::uint32_t i = first; i < count; ++i) {
+    while (count - i >= 4 && Names_NoneOfFour(definitions + i, code)) i += 4;
+    if (i == count) break;
     const Definition* definition = definitions[i];
-    if (definition->nameCode == code && Name_Equal(definition->name, name)) return i;
+    if (definition->nameCode == code && Name_EqualOfCode(definition->name, name, code)) return i;
   }
   return kNoIndex;
 }
