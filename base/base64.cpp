@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <cstring>
 #include <string_view>
 
 namespace stewardry {
@@ -15,32 +13,30 @@ constexpr std::string_view kAlphabet =
 constexpr std::uint32_t kPad = 64;  // the value of `=`
 constexpr std::uint32_t kBad = 0xFFFFFFFF;
 
-// Both tables answer for two characters at once or for one in its place, so that the bulk of the
+// The tables answer for two characters at once, or for one in its place, so that the bulk of the
 // work is a few loads and no branch.
 using PairTable = std::array<std::uint16_t, 4096>;
-using ValueTable = std::array<std::uint32_t, 128>;
+using ValueTable = std::array<std::uint32_t, 256>;
 
-constexpr std::uint16_t StoredPair(std::uint32_t first, std::uint32_t second) {
-  const bool little = std::endian::native == std::endian::little;
-  return static_cast<std::uint16_t>(little ? first | (second << 8) : (first << 8) | second);
-}
-
+// Two characters of the alphabet by their twelve bits, the first in the upper byte.
 constexpr PairTable MakePairs() {
   PairTable pairs{};
   for (std::uint32_t i = 0; i < pairs.size(); ++i) {
-    pairs[i] = StoredPair(static_cast<std::uint8_t>(kAlphabet[i >> 6]),
-                          static_cast<std::uint8_t>(kAlphabet[i & 63]));
+    pairs[i] = static_cast<std::uint16_t>((static_cast<std::uint32_t>(kAlphabet[i >> 6]) << 8) |
+                                          static_cast<std::uint32_t>(kAlphabet[i & 63]));
   }
   return pairs;
 }
 
+// The value of a character, whatever its top bit.
 constexpr ValueTable MakeValues() {
   ValueTable values{};
   values.fill(kBad);
-  for (std::uint32_t i = 0; i < kAlphabet.size(); ++i) {
-    values[static_cast<std::uint8_t>(kAlphabet[i])] = i;
+  for (const std::uint32_t top : {0u, 128u}) {
+    for (std::uint32_t i = 0; i < kAlphabet.size(); ++i)
+      values[static_cast<std::uint8_t>(kAlphabet[i]) + top] = i;
+    values['=' + top] = kPad;
   }
-  values['='] = kPad;
   return values;
 }
 
@@ -85,30 +81,48 @@ class Chunk {
   std::uint8_t buffer_[kBufferSize];
 };
 
-std::uint32_t PlacedGroup(const std::uint8_t* in) {
-  return kPlaced[0][in[0] & 0x7F] | kPlaced[1][in[1] & 0x7F] | kPlaced[2][in[2] & 0x7F] |
-         kPlaced[3][in[3] & 0x7F];
+// Written out, which is what compilers turn into one load or store.
+std::uint64_t LoadBigEndian(const std::uint8_t* in) {
+  return (std::uint64_t{in[0]} << 56) | (std::uint64_t{in[1]} << 48) |
+         (std::uint64_t{in[2]} << 40) | (std::uint64_t{in[3]} << 32) |
+         (std::uint64_t{in[4]} << 24) | (std::uint64_t{in[5]} << 16) | (std::uint64_t{in[6]} << 8) |
+         in[7];
 }
 
-void StoreThree(std::uint32_t group, std::uint8_t* out) {
+void StoreBigEndian(std::uint64_t bits, std::uint8_t* out) {
+  out[0] = static_cast<std::uint8_t>(bits >> 56);
+  out[1] = static_cast<std::uint8_t>(bits >> 48);
+  out[2] = static_cast<std::uint8_t>(bits >> 40);
+  out[3] = static_cast<std::uint8_t>(bits >> 32);
+  out[4] = static_cast<std::uint8_t>(bits >> 24);
+  out[5] = static_cast<std::uint8_t>(bits >> 16);
+  out[6] = static_cast<std::uint8_t>(bits >> 8);
+  out[7] = static_cast<std::uint8_t>(bits);
+}
+
+std::uint64_t PlacedGroup(const std::uint8_t* in) {
+  return kPlaced[0][in[0]] | kPlaced[1][in[1]] | kPlaced[2][in[2]] | kPlaced[3][in[3]];
+}
+
+void StoreThree(std::uint64_t group, std::uint8_t* out) {
   out[0] = static_cast<std::uint8_t>(group >> 16);
   out[1] = static_cast<std::uint8_t>(group >> 8);
   out[2] = static_cast<std::uint8_t>(group);
 }
 
-// Decodes up to `groups` plain groups of four into `out`; stops in front of the first that holds
-// anything but the alphabet. Gives how many it did.
+// Decodes up to `groups` plain groups of four into `out`, which has three bytes for each; stops in
+// front of the first that holds anything but the alphabet. Gives how many it did. Two groups are
+// stored as eight bytes, of which the last two are overwritten by a third group's.
 std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
   std::size_t done = 0;
-  for (; done + 2 <= groups; done += 2, in += 8, out += 6) {
-    const std::uint32_t first = PlacedGroup(in);
-    const std::uint32_t second = PlacedGroup(in + 4);
+  for (; done + 3 <= groups; done += 2, in += 8, out += 6) {
+    const std::uint64_t first = PlacedGroup(in);
+    const std::uint64_t second = PlacedGroup(in + 4);
     if (((first | second) & kSlow) != 0) break;
-    StoreThree(first, out);
-    StoreThree(second, out + 3);
+    StoreBigEndian((first << 40) | (second << 16), out);
   }
   for (; done < groups; ++done, in += 4, out += 3) {
-    const std::uint32_t group = PlacedGroup(in);
+    const std::uint64_t group = PlacedGroup(in);
     if ((group & kSlow) != 0) break;
     StoreThree(group, out);
   }
@@ -117,10 +131,10 @@ std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::u
 
 // One group of any kind. False for a character that is none, and when the sink fails.
 bool DecodeGroup(const std::uint8_t* in, Chunk* chunk) {
-  const std::uint32_t a = kValues[in[0] & 0x7F];
-  const std::uint32_t b = kValues[in[1] & 0x7F];
-  const std::uint32_t c = kValues[in[2] & 0x7F];
-  const std::uint32_t d = kValues[in[3] & 0x7F];
+  const std::uint32_t a = kValues[in[0]];
+  const std::uint32_t b = kValues[in[1]];
+  const std::uint32_t c = kValues[in[2]];
+  const std::uint32_t d = kValues[in[3]];
   if (a == kBad || b == kBad || c == kBad || d == kBad) return false;
   if (chunk->Room() < 3 && !chunk->Flush()) return false;
   chunk->Put((a << 2) | (b >> 4));
@@ -129,38 +143,31 @@ bool DecodeGroup(const std::uint8_t* in, Chunk* chunk) {
   return true;
 }
 
-std::uint64_t LoadBigEndian6(const std::uint8_t* in) {
-  return (std::uint64_t{in[0]} << 40) | (std::uint64_t{in[1]} << 32) |
-         (std::uint64_t{in[2]} << 24) | (std::uint64_t{in[3]} << 16) | (std::uint64_t{in[4]} << 8) |
-         in[5];
+std::uint64_t Pair(std::uint64_t twelveBits) { return kPairs[twelveBits & 0xFFF]; }
+
+// Three bytes, given in 24 bits, as four characters.
+void EncodeGroup(std::uint32_t bits, std::uint8_t* out) {
+  const std::uint64_t characters = (Pair(bits >> 12) << 16) | Pair(bits);
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(characters >> (24 - 8 * i));
 }
 
-void StorePair(std::uint64_t twelveBits, std::uint8_t* out) {
-  const std::uint16_t pair = kPairs[twelveBits & 0xFFF];
-  std::memcpy(out, &pair, sizeof pair);
-}
-
-// Encodes `groups` whole groups of three bytes into four times as many characters.
+// Encodes `groups` whole groups of three bytes into four times as many characters. Two groups are
+// loaded as eight bytes, of which the last two are a third group's.
 void EncodeGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
-  for (; groups >= 2; groups -= 2, in += 6, out += 8) {
-    const std::uint64_t bits = LoadBigEndian6(in);
-    StorePair(bits >> 36, out);
-    StorePair(bits >> 24, out + 2);
-    StorePair(bits >> 12, out + 4);
-    StorePair(bits, out + 6);
+  for (; groups >= 3; groups -= 2, in += 6, out += 8) {
+    const std::uint64_t bits = LoadBigEndian(in);
+    StoreBigEndian((Pair(bits >> 52) << 48) | (Pair(bits >> 40) << 32) | (Pair(bits >> 28) << 16) |
+                       Pair(bits >> 16),
+                   out);
   }
-  if (groups == 0) return;
-  const std::uint32_t bits = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
-  StorePair(bits >> 12, out);
-  StorePair(bits, out + 2);
+  for (; groups > 0; --groups, in += 3, out += 4)
+    EncodeGroup((std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2], out);
 }
 
 // The one or two bytes that are left of the input, padded.
 void EncodeTail(const std::uint8_t* in, std::size_t length, std::uint8_t* out) {
   const std::uint32_t second = length == 2 ? in[1] : 0;
-  const std::uint32_t bits = (std::uint32_t{in[0]} << 16) | (second << 8);
-  StorePair(bits >> 12, out);
-  StorePair(bits, out + 2);
+  EncodeGroup((std::uint32_t{in[0]} << 16) | (second << 8), out);
   if (length == 1) out[2] = '=';
   out[3] = '=';
 }

@@ -1,7 +1,9 @@
 #include "base/datetime.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "base/number_scan.h"
 
@@ -37,8 +39,8 @@ constexpr FixedField<Interval> kIntervalFields[] = {
     {12, 2, &Interval::seconds}, {15, 6, &Interval::microseconds},
 };
 
-// The road of a field that isn't plain digits: asterisks, or a number with a blank or a sign, which
-// is read from a copy so that the text behind the field stays out of it.
+// Any field: asterisks or a number, which is read from a copy, so that the text behind the field
+// stays out of it.
 int ReadOddField(const char16_t* field, std::size_t width, std::uint32_t* value) {
   *value = 0;
   char16_t copy[kMaxFieldWidth + 1] = {};
@@ -52,19 +54,40 @@ int ReadOddField(const char16_t* field, std::size_t width, std::uint32_t* value)
   return 0;
 }
 
-template <class Record, std::size_t Count>
-bool ReadFields(const char16_t* text, const FixedField<Record> (&fields)[Count], Record* record) {
-  for (const FixedField<Record>& field : fields) {
-    if (Datetime_ReadField(text, field.position, field.width, &(record->*field.member)) != 0)
-      return false;
+// Plain digits, which is what nearly every field is.
+inline bool ReadPlainField(const char16_t* field, std::size_t width, std::uint32_t* value) {
+  std::uint32_t number = 0;
+  bool plain = true;
+  for (std::size_t i = 0; i < width; ++i) {
+    plain &= IsDigitUnit(field[i]);
+    number = number * 10 + static_cast<std::uint32_t>(field[i]) - u'0';
   }
-  return true;
+  *value = number;
+  return plain;
+}
+
+template <class Record>
+inline bool ReadFixedField(const char16_t* text, const FixedField<Record>& field, Record* record) {
+  std::uint32_t* value = &(record->*field.member);
+  const char16_t* start = text + field.position;
+  return ReadPlainField(start, field.width, value) || ReadOddField(start, field.width, value) == 0;
+}
+
+// All fields of a text of the right length. The table is a constant, so that each width is one too.
+template <const auto& Fields, class Record, std::size_t... Index>
+bool ReadFields(const char16_t* text, Record* record, std::index_sequence<Index...>) {
+  return (ReadFixedField(text, Fields[Index], record) && ...);
+}
+
+template <const auto& Fields, class Record>
+bool ReadFields(const char16_t* text, Record* record) {
+  return ReadFields<Fields>(text, record, std::make_index_sequence<std::size(Fields)>());
 }
 
 int ParseFixedInterval(const char16_t* text, CimDatetime* value) {
   value->timestampForm = 0;
   value->interval = Interval{};
-  if (!ReadFields(text, kIntervalFields, &value->interval)) return -1;
+  if (!ReadFields<kIntervalFields>(text, &value->interval)) return -1;
   const std::u16string_view tail(text + kOffsetPosition, kOffsetWidth);
   return tail == u"000" ? 0 : -1;
 }
@@ -72,12 +95,19 @@ int ParseFixedInterval(const char16_t* text, CimDatetime* value) {
 int ParseFixedTimestamp(const char16_t* text, CimDatetime* value) {
   value->timestampForm = 1;
   value->timestamp = Timestamp{};
-  if (!ReadFields(text, kTimestampFields, &value->timestamp)) return -1;
+  if (!ReadFields<kTimestampFields>(text, &value->timestamp)) return -1;
   std::uint32_t offset = 0;
   if (Datetime_ReadField(text, kOffsetPosition, kOffsetWidth, &offset) != 0) return -1;
   const bool west = text[kSignPosition] == u'-';
   value->timestamp.utcOffset = static_cast<std::int32_t>(west ? 0 - offset : offset);
   return 0;
+}
+
+bool BeginsWithDigits(const char16_t* text, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!IsDigitUnit(text[i])) return false;  // the terminator is none
+  }
+  return true;
 }
 
 // A place in a schema form. Each read moves it on and gives false, in an undefined place, when what
@@ -108,6 +138,10 @@ class Cursor {
   // A number of exactly `width` units.
   bool Number(std::uint32_t* value, std::ptrdiff_t width) {
     const char16_t* start = at_;
+    if (BeginsWithDigits(start, static_cast<std::size_t>(width)) && !IsDigitUnit(start[width])) {
+      at_ += width;
+      return ReadPlainField(start, static_cast<std::size_t>(width), value);
+    }
     return Number(value) && at_ - start == width;
   }
 
@@ -213,13 +247,6 @@ int ParseDuration(Cursor cursor, CimDatetime* value) {
   value->timestampForm = 0;
   value->interval = Carry(duration);
   return 0;
-}
-
-bool BeginsWithDigits(const char16_t* text, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!IsDigitUnit(text[i])) return false;  // the terminator is none
-  }
-  return true;
 }
 
 // A text that grows up to a limit and is cut there; a terminator always follows.
@@ -335,14 +362,7 @@ void PutSchemaInterval(const Interval& interval, BoundedText* out) {
 int Datetime_ReadField(const char16_t* text, std::size_t position, std::size_t width,
                        std::uint32_t* value) {
   if (text == nullptr || value == nullptr || width > kMaxFieldWidth) return -1;
-  const char16_t* field = text + position;
-  std::uint64_t number = 0;
-  for (std::size_t i = 0; i < width; ++i) {
-    if (!IsDigitUnit(field[i]) || i >= 9) return ReadOddField(field, width, value);
-    number = number * 10 + static_cast<std::uint32_t>(field[i] - u'0');
-  }
-  *value = static_cast<std::uint32_t>(number);
-  return width == 0 ? -1 : 0;
+  return ReadOddField(text + position, width, value);
 }
 
 int Datetime_ParseFixed(const char16_t* text, CimDatetime* value) {

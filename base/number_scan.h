@@ -30,22 +30,38 @@ constexpr std::uint32_t DigitValue(char16_t unit) {
   return unit < 128 && letter < 26 ? letter + 10 : 36;
 }
 
+template <std::uint32_t Base>
+constexpr std::uint32_t DigitOf(char16_t unit) {
+  return Base == 10 ? static_cast<std::uint32_t>(unit) - u'0' : DigitValue(unit);
+}
+
+// The number of digits of `Base` that always fit 64 bits.
+template <std::uint32_t Base>
+constexpr int SafeDigits() {
+  int count = 0;
+  for (std::uint64_t left = ~std::uint64_t{0}; left >= Base; left /= Base) ++count;
+  return count;
+}
+
 // The digits of `Base` from `text` on, which may be none.
 template <std::uint32_t Base>
 constexpr ScannedNumber ScanDigits(const char16_t* text) {
   constexpr std::uint64_t kMost = ~std::uint64_t{0};
-  constexpr std::uint64_t kSafe = (kMost - (Base - 1)) / Base;  // takes any further digit
   ScannedNumber number{0, false, false, text};
-  for (;; ++number.end) {
-    const std::uint32_t digit =
-        Base == 10 ? static_cast<std::uint32_t>(*number.end) - u'0' : DigitValue(*number.end);
+  for (int i = 0; i < SafeDigits<Base>(); ++i, ++number.end) {
+    const std::uint32_t digit = DigitOf<Base>(*number.end);
     if (digit >= Base) return number;
-    if (number.magnitude > kSafe && number.magnitude > (kMost - digit) / Base) {
+    number.magnitude = number.magnitude * Base + digit;
+  }
+  for (;; ++number.end) {
+    const std::uint32_t digit = DigitOf<Base>(*number.end);
+    if (digit >= Base) return number;
+    if (!number.overflow && number.magnitude <= (kMost - digit) / Base) {
+      number.magnitude = number.magnitude * Base + digit;
+    } else {
       number.overflow = true;
       number.magnitude = kMost;
-      continue;
     }
-    number.magnitude = number.magnitude * Base + digit;
   }
 }
 

@@ -28,17 +28,18 @@ int ConvertWhole(const char16_t* text, Value* value) {
 // The text of a real number in narrow characters, which is what std::from_chars reads.
 class NarrowNumber {
  public:
-  // Cut at the terminator. Empty when a unit is no ASCII, or when a long text finds no memory.
+  // Without digits when a unit is no ASCII, or when a long text finds no memory.
   explicit NarrowNumber(const char16_t* text) {
-    const std::u16string_view units(text);
-    const bool ascii = std::all_of(units.begin(), units.end(), [](char16_t u) { return u < 128; });
-    if (!ascii) return;
-    if (units.size() > sizeof buffer_) block_ = static_cast<char*>(Heap_Allocate(units.size()));
-    char* out = units.size() > sizeof buffer_ ? block_ : buffer_;
-    if (out == nullptr) return;
-    std::transform(units.begin(), units.end(), out,
-                   [](char16_t u) { return static_cast<char>(u); });
-    digits_ = std::string_view(out, units.size());
+    std::size_t length = 0;
+    while (length < sizeof buffer_ && text[length] != 0) {
+      buffer_[length] = static_cast<char>(text[length]);
+      seen_ |= text[length++];
+    }
+    if (length == sizeof buffer_) {
+      TakeLong(text);
+    } else if (seen_ < 128) {
+      digits_ = std::string_view(buffer_, length);
+    }
   }
   NarrowNumber(const NarrowNumber&) = delete;
   NarrowNumber& operator=(const NarrowNumber&) = delete;
@@ -47,7 +48,19 @@ class NarrowNumber {
   std::string_view Digits() const { return digits_; }
 
  private:
+  void TakeLong(const char16_t* text) {
+    const std::u16string_view units(text);
+    block_ = static_cast<char*>(Heap_Allocate(units.size()));
+    if (block_ == nullptr) return;
+    for (std::size_t i = 0; i < units.size(); ++i) {
+      block_[i] = static_cast<char>(units[i]);
+      seen_ |= units[i];
+    }
+    if (seen_ < 128) digits_ = std::string_view(block_, units.size());
+  }
+
   char buffer_[120];
+  std::uint32_t seen_ = 0;  // the bits of all units
   char* block_ = nullptr;
   std::string_view digits_;
 };

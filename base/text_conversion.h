@@ -9,8 +9,8 @@
 namespace stewardry {
 
 // All give 0, or -1 for a text that is not a value of the type and for an empty pointer, and then
-// leave the value alone. Any thread. They allocate nothing, but for a real number of more than 120
-// units, where a heap that fails gives -1.
+// leave the value alone. Any thread. They allocate nothing, but for a real number of 120 units
+// and more, where a heap that fails gives -1.
 
 // "true" gives 1 and "false" 0, in any case.
 int Text_ToBoolean(const char16_t* text, std::uint8_t* value);
