@@ -122,7 +122,8 @@ bool IsAligned(const void* bytes) { return reinterpret_cast<std::uintptr_t>(byte
 Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy) {
   if (made == nullptr || reader == nullptr) return RESULT_INVALID_PARAMETER;
   *made = nullptr;
-  if (reader->data == nullptr || !IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
+  if (!IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
+  if (reader->data == nullptr && reader->size != 0) return RESULT_INVALID_PARAMETER;
   Unpacking call = {reader, batch, copy, 0};
   Instance* instance = nullptr;
   const Result result = UnpackInstance(call, &instance);

@@ -20,7 +20,7 @@ namespace {
 
 using namespace packed_bytes;
 
-// 0 to 43 of an instance of "Fan" with one property "V", up to the property's type.
+// An instance of "Fan" with one property "V", up to the property's type: bytes 0 to 39.
 const std::string kBefore =
     "57 99 2B 46  01 00 00 00  04 00 00 00 'Fan' 00 00  00 00 00 00  01 00 00 00 "
     "00 00 00 00  02 00 00 00 'V' 00 00 ";
