@@ -229,6 +229,12 @@ bool Batch_FromPageSizes(Batch** batch, const BatchPageInfo* list, std::size_t c
 
 bool Batch_TranslatePointer(const Batch* batch, const BatchPageInfo* list, std::size_t count,
                             void** pointer) {
+  std::size_t left;
+  return Batch_TranslateRange(batch, list, count, pointer, &left);
+}
+
+bool Batch_TranslateRange(const Batch* batch, const BatchPageInfo* list, std::size_t count,
+                          void** pointer, std::size_t* left) {
   const std::size_t blocks = Batch_PageCount(batch);
   if (blocks < count) return false;
   BatchPage* page = batch->pages;
@@ -236,8 +242,10 @@ bool Batch_TranslatePointer(const Batch* batch, const BatchPageInfo* list, std::
   const auto address = reinterpret_cast<std::uintptr_t>(*pointer);
   for (std::size_t i = 0; i < count; ++i, page = page->next) {
     const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(list[i].data);
-    if (offset >= list[i].size || offset >= page->size) continue;
+    const std::uint64_t size = std::min<std::uint64_t>(list[i].size, page->size);
+    if (offset >= size) continue;
     *pointer = PayloadOf(page) + offset;
+    *left = static_cast<std::size_t>(size - offset);
     return true;
   }
   return false;

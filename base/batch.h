@@ -133,6 +133,10 @@ bool Batch_FromPageSizes(Batch** batch, const BatchPageInfo* list, std::size_t c
 bool Batch_TranslatePointer(const Batch* batch, const BatchPageInfo* list, std::size_t count,
                             void** pointer);
 
+// The same, and *left is the number of bytes from there to the end of the page.
+bool Batch_TranslateRange(const Batch* batch, const BatchPageInfo* list, std::size_t count,
+                          void** pointer, std::size_t* left);
+
 // Takes over a block of Heap_Allocate that begins with a BatchPage whose `size` is set.
 void Batch_AttachPage(Batch* batch, BatchPage* page);
 

@@ -16,6 +16,17 @@ namespace stewardry {
 
 SelectorReport gSelectorReport = nullptr;
 
+// The posted calls that the run thread hasn't taken yet.
+struct PendingCalls {
+  PostedCall* head = nullptr;
+  PostedCall* tail = nullptr;
+  // Written by whoever holds the list. The run thread looks at it without holding it: relaxed,
+  // since a post that it misses signals wakeEvent afterwards, and so ends the wait that follows.
+  std::atomic<std::uint32_t> count{0};
+  // Written by each post, with one value; relaxed, since the list's guard orders it before its use.
+  std::atomic<void (*)(Message*)> drop{nullptr};
+};
+
 struct SelectorState {
   Handler* handlerHead = nullptr;
   Handler* handlerTail = nullptr;
@@ -28,6 +39,10 @@ struct SelectorState {
   // thread's next look, so release and acquire are the weakest that do.
   std::atomic<bool> keepRunning{false};
   std::atomic<bool> keepRunningNoReads{false};
+  PendingCalls pending;
+  // Points at `pending` while that is free, and is null while a thread holds it. Taken with acquire
+  // and given back with release, so that each holder sees what the one before it did.
+  std::atomic<PendingCalls*> pendingList{&pending};
   bool repeatPass = false;  // run thread only
   bool allowEmptyList = false;
 };
@@ -101,6 +116,44 @@ void ClearSockEvents(SelectorState* state, Handler* handler) {
 
 void Unlink(SelectorState* state, Handler* handler) {
   DList_Remove(&state->handlerHead, &state->handlerTail, handler);
+}
+
+PendingCalls* TakePendingList(SelectorState* state) {
+  PendingCalls* list;
+  while ((list = state->pendingList.exchange(nullptr, std::memory_order_acquire)) == nullptr)
+    platform::Sleep(0);  // it is held for a few instructions
+  return list;
+}
+
+void GiveBack(SelectorState* state, PendingCalls* list) {
+  state->pendingList.store(list, std::memory_order_release);
+}
+
+// Empties the list, and gives its calls in the order of their posts.
+PostedCall* TakePosted(SelectorState* state) {
+  PendingCalls* list = TakePendingList(state);
+  PostedCall* first = list->head;
+  list->head = list->tail = nullptr;
+  list->count.store(0, std::memory_order_relaxed);
+  GiveBack(state, list);
+  return first;
+}
+
+// Gives the messages of `call` and those behind it back, after their callbacks if they shall run. A
+// call lies in its message, so it isn't touched after that.
+void FinishPosted(SelectorState* state, PostedCall* call, bool runs) {
+  while (call != nullptr) {
+    PostedCall* next = call->next;
+    Message* message = call->message;
+    if (runs) call->callback(call->callbackData, message);
+    state->pending.drop.load(std::memory_order_relaxed)(message);
+    call = next;
+  }
+}
+
+void RunPosted(SelectorState* state) {
+  if (state->pending.count.load(std::memory_order_relaxed) == 0) return;
+  FinishPosted(state, TakePosted(state), true);
 }
 
 // One run's view of the selector.
@@ -181,14 +234,17 @@ Handler* HandlerOf(platform::SocketSelection* selection) {
 // Serves the handlers in list order, again as long as a callback asks for it. The wait counts the
 // sockets with news: behind the last of them nothing is left to do, unless deadlines must be looked
 // at. So one socket alone is served without a walk, and a repetition would find nothing more.
+// Posted calls come first, and may take any handler out of the list.
 Result Pass(Run* run, const platform::SocketWait& wait) {
-  if (wait.only != nullptr && !run->hasDeadlines) {
+  const bool hasPosted = run->state->pending.count.load(std::memory_order_relaxed) != 0;
+  if (wait.only != nullptr && !run->hasDeadlines && !hasPosted) {
     Handler* following;
     return ServeHandler(run, HandlerOf(wait.only), &following);
   }
   std::uint32_t news = wait.signalled;
   do {
     run->state->repeatPass = false;
+    RunPosted(run->state);
     for (Handler* handler = run->state->handlerHead; handler != nullptr;) {
       if (news == 0 && !run->hasDeadlines) break;
       if (handler->selection.signalled != 0 && news > 0) --news;
@@ -242,6 +298,7 @@ void Selector_Destroy(Selector* selector) {
     (void)handler->callback(selector, handler, SELECTOR_DESTROY, 0);  // nothing is left to keep
     handler = following;
   }
+  FinishPosted(state, TakePosted(state), false);
   delete state;
   selector->state = nullptr;
 }
@@ -313,6 +370,16 @@ void Selector_Wakeup(Selector* selector, bool repeat) {
     return;
   }
   (void)platform::SetEvent(selector->state->wakeEvent);  // a failure leaves the wait to its bound
+}
+
+void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(Message* message)) {
+  SelectorState* state = selector->state;
+  PendingCalls* list = TakePendingList(state);
+  DList_Append(&list->head, &list->tail, call);
+  list->count.fetch_add(1, std::memory_order_relaxed);
+  list->drop.store(drop, std::memory_order_relaxed);
+  GiveBack(state, list);
+  (void)platform::SetEvent(state->wakeEvent);  // a failure leaves the wait to its bound
 }
 
 void Selector_StopRunning(Selector* selector) {

@@ -4,7 +4,8 @@
 //
 // Invariants:
 // 1. One thread at a time runs the selector, and only it touches the handler list, the handlers
-//    and the sockets' selection. Selector_Wakeup and the stop calls alone are open to others.
+//    and the sockets' selection. Selector_Post, Selector_Wakeup and the stop calls alone are open
+//    to others.
 // 2. A callback called with SELECTOR_REMOVE or SELECTOR_DESTROY owns the handler and its socket
 //    from then on; the selector never touches the handler after that call.
 // 3. A handler's socket is taken out of the shared event before that call, so no later wait can
@@ -39,6 +40,20 @@ struct Selector {
 
 struct Handler;
 
+// The object library's; here only handed through.
+struct Message;
+
+// A callback that another thread wants to be run on the run thread. It lies where its message does,
+// which lives as long as the call is listed.
+struct PostedCall {
+  PostedCall* next;
+  PostedCall* prev;
+  void (*callback)(void* callbackData, Message* message);
+  void* callbackData;
+  Message* message;
+};
+static_assert(sizeof(PostedCall) == 40);
+
 // Non-zero keeps the handler, zero asks for its removal; counts only in calls from a pass.
 using SelectorCallback = std::uint8_t (*)(Selector* selector, Handler* handler, std::uint32_t mask,
                                           std::uint64_t currentTimeUsec);
@@ -57,8 +72,9 @@ struct Handler {
 // Makes a selector with an empty list. 0, or 1 with nothing left behind.
 Result Selector_Init(Selector* selector);
 
-// Calls every handler's callback with SELECTOR_DESTROY and time 0, and frees the selector. The
-// selector must not be running. Does nothing for one that was never made.
+// Calls every handler's callback with SELECTOR_DESTROY and time 0, gives the messages of posted
+// calls back, and frees the selector. It must not be running, and nobody may post any more. Does
+// nothing for one that was never made.
 void Selector_Destroy(Selector* selector);
 
 // Appends the handler and calls its callback with SELECTOR_ADD. 0, 1, or 11 if it is in already.
@@ -95,6 +111,12 @@ void Selector_Wakeup(Selector* selector, bool repeat);
 // before the run has begun is lost.
 void Selector_StopRunning(Selector* selector);
 void Selector_StopRunningNoReads(Selector* selector);
+
+// Lists a call, which the run thread takes at the head of its next pass, and wakes that thread.
+// `drop` gives the message back, once the callback has run or when the selector is destroyed
+// without that; it is the same for all calls of a selector. Any thread; not while the selector is
+// destroyed.
+void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(Message* message));
 
 // The library log's numbers for what the selector has to report.
 enum class SelectorEvent : std::uint32_t {
