@@ -10,8 +10,13 @@ namespace stewardry {
 namespace {
 
 template <class Record>
-Record* AllocRecords(Batch* batch, std::uint64_t count) {
-  return static_cast<Record*>(Batch_AllocZero(batch, count * sizeof(Record)));
+Record* AllocRecord(Batch* batch) {
+  return static_cast<Record*>(Batch_AllocZero(batch, sizeof(Record)));
+}
+
+template <class Record>
+const Record** AllocTable(Batch* batch, std::uint64_t count) {
+  return static_cast<const Record**>(Batch_AllocZero(batch, count * sizeof(void*)));
 }
 
 // An empty text stays empty. False when memory fails.
@@ -34,12 +39,12 @@ bool CloneArray(Batch* batch, const Definition* const* source, std::uint32_t cou
                 const Definition* const** copy, std::uint32_t* copyCount,
                 bool (*fill)(Batch*, Definition*, const Definition&)) {
   if (source == nullptr || count == 0) return true;
-  auto** table = AllocRecords<const Definition*>(batch, count);
+  auto** table = AllocTable<Definition>(batch, count);
   if (table == nullptr) return false;
   *copy = table;
   *copyCount = count;
   for (std::uint32_t i = 0; i < count; ++i) {
-    auto* record = AllocRecords<Definition>(batch, 1);
+    auto* record = AllocRecord<Definition>(batch);
     if (record == nullptr) return false;
     table[i] = record;
     if (!fill(batch, record, *source[i])) return false;
@@ -112,7 +117,7 @@ bool FillClassChain(Batch* batch, ClassDef* copy, const ClassDef* source) {
   while (FillClass(batch, copy, *source)) {
     source = source->superclass;
     if (source == nullptr) return true;
-    auto* up = AllocRecords<ClassDef>(batch, 1);
+    auto* up = AllocRecord<ClassDef>(batch);
     if (up == nullptr) return false;
     if (source->owner != kOwnerNone) up->owner = kOwnerDynamic;
     copy->superclass = up;
@@ -212,7 +217,7 @@ void DeleteAt(const void* place) {
 }  // namespace
 
 ClassDef* ClassDef_Clone(Batch* batch, const ClassDef* def) {
-  auto* copy = AllocRecords<ClassDef>(batch, 1);
+  auto* copy = AllocRecord<ClassDef>(batch);
   if (copy == nullptr) return nullptr;
   if (FillClassChain(batch, copy, def)) return copy;
   ClassDef_Release(copy);
@@ -261,9 +266,8 @@ std::uint64_t DynamicDef_Capacity(std::uint32_t count) {
 
 ClassDef* DynamicDef_Copy(const ClassDef* def, Batch* batch) {
   const ClassDef source = ClassDef_CommonPart(def);
-  auto* copy = AllocRecords<ClassDef>(batch, 1);
-  auto** properties =
-      AllocRecords<const PropertyDef*>(batch, DynamicDef_Capacity(source.propertyCount));
+  auto* copy = AllocRecord<ClassDef>(batch);
+  auto** properties = AllocTable<PropertyDef>(batch, DynamicDef_Capacity(source.propertyCount));
   if (copy == nullptr || properties == nullptr) return nullptr;
   if (!CloneText(batch, source.name, &copy->name)) return nullptr;
   copy->nameCode = source.nameCode;
@@ -279,14 +283,14 @@ ClassDef* DynamicDef_Copy(const ClassDef* def, Batch* batch) {
 }
 
 PropertyDef* PropertyDef_CopyShallow(Batch* batch, const ParameterDef& source) {
-  auto* copy = AllocRecords<PropertyDef>(batch, 1);
+  auto* copy = AllocRecord<PropertyDef>(batch);
   if (copy == nullptr || !CloneText(batch, source.name, &copy->name)) return nullptr;
   copy->nameCode = source.nameCode;
   copy->flags = source.flags;
   copy->type = source.type;
   copy->offset = source.offset;
   if (source.qualifiers == nullptr || source.qualifierCount == 0) return copy;
-  auto** qualifiers = AllocRecords<const QualifierDef*>(batch, source.qualifierCount);
+  auto** qualifiers = AllocTable<QualifierDef>(batch, source.qualifierCount);
   if (qualifiers == nullptr) return nullptr;
   copy->qualifiers = qualifiers;
   copy->qualifierCount = source.qualifierCount;
@@ -298,7 +302,7 @@ PropertyDef* PropertyDef_CopyShallow(Batch* batch, const ParameterDef& source) {
 }
 
 QualifierDef* QualifierDef_CopyShallow(Batch* batch, const QualifierDef* source) {
-  auto* copy = AllocRecords<QualifierDef>(batch, 1);
+  auto* copy = AllocRecord<QualifierDef>(batch);
   if (copy == nullptr || !CloneText(batch, source->name, &copy->name)) return nullptr;
   copy->type = source->type;
   copy->flavor = source->flavor;

@@ -145,7 +145,7 @@ std::uint32_t KindOf(std::uint32_t flags) {
 ClassDef* MakeDynamicDef(Batch* batch, const char16_t* className, std::uint32_t flags) {
   auto* def = static_cast<ClassDef*>(Batch_AllocZero(batch, sizeof(ClassDef)));
   const char16_t* name = Batch_DupText(batch, className);
-  void* properties = Batch_AllocZero(batch, INSTANCE_MIN_CAPACITY * sizeof(PropertyDef*));
+  void* properties = Batch_AllocZero(batch, INSTANCE_MIN_CAPACITY * sizeof(void*));
   if (def == nullptr || name == nullptr || properties == nullptr) return nullptr;
   def->owner = kOwnerDynamic;
   def->flags = KindOf(flags);

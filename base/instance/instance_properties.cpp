@@ -154,7 +154,7 @@ Instance* MakeRoom(Instance* wrapper, ClassDef* def) {
   Instance* body = wrapper->body;
   const std::uint32_t count = def->propertyCount;
   if (count < DynamicDef_Capacity(count)) return body;
-  const std::uint64_t oldTable = std::uint64_t{count} * sizeof(PropertyDef*);
+  const std::uint64_t oldTable = std::uint64_t{count} * sizeof(void*);
   void* table = Batch_Realloc(body->batch, def->properties, oldTable, 2 * oldTable);
   if (table == nullptr) return nullptr;
   const std::uint64_t oldSize = DynamicBodySize(count) + sizeof(InstanceHeader);
