@@ -26,7 +26,7 @@ ARROWS = {
     "service/diagnostics": ["platform"],
     "base": ["sock", "platform"],
     "sock": ["platform"],
-    "lab": ["platform"],
+    "lab": ["base", "sock", "platform"],
     "platform": [],
 }
 PLATFORM_WORD = re.compile(

@@ -1,0 +1,48 @@
+// The request that this example ships: "CreateInstanceReq", which asks for a new instance in a name
+// space. Every kind of message is a record of its own behind the common head; whoever uses one
+// writes the record down, with the offsets of the message table.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/instance/instance.h"
+#include "base/message.h"
+
+namespace cim {
+
+constexpr std::uint32_t kCreateInstanceTag =
+    stewardry::kCreateInstanceReq | stewardry::kTagIsRequest;
+
+struct CreateInstanceRequest {
+  stewardry::Message head;
+  std::uint64_t requestWords[2];
+  const char16_t* requestText;  // here: the language that errors should come in
+  std::uint64_t requestWord;
+  stewardry::Instance* requestInstance;
+  void* requestPacked;
+  std::uint32_t requestPackedSize;
+  const char16_t* nameSpace;  // required
+  stewardry::Instance* instance;
+  void* packed;
+  std::uint32_t packedSize;
+  std::uint32_t filler[3];
+};
+static_assert(offsetof(CreateInstanceRequest, requestText) == 96 &&
+              offsetof(CreateInstanceRequest, requestInstance) == 112 &&
+              offsetof(CreateInstanceRequest, requestPacked) == 120 &&
+              offsetof(CreateInstanceRequest, requestPackedSize) == 128 &&
+              offsetof(CreateInstanceRequest, nameSpace) == 136 &&
+              offsetof(CreateInstanceRequest, instance) == 144 &&
+              offsetof(CreateInstanceRequest, packed) == 152 &&
+              offsetof(CreateInstanceRequest, packedSize) == 160 &&
+              sizeof(CreateInstanceRequest) == 176);
+
+// A request for a fan with every sort of property, in the name space and of the name given. Empty
+// when memory fails. The caller gives it back with Message_Drop on its head.
+CreateInstanceRequest* MakeCreateRequest(std::uint64_t correlationId, const char16_t* name);
+
+// The message as such a request; empty if it is another kind of message.
+const CreateInstanceRequest* AsCreateRequest(const stewardry::Message* message);
+
+}  // namespace cim

@@ -1,0 +1,105 @@
+// cim_ship: the object library between two processes. One makes a request that holds an instance
+// and ships it; the other restores it and prints the instance. Both run on Linux and on Windows.
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "base/text.h"
+#include "lab/cim/create_request.h"
+#include "lab/cim/description.h"
+#include "lab/cim/shipment.h"
+#include "platform/process.h"
+
+namespace {
+
+using namespace stewardry;
+
+int Fail(const char* what) {
+  std::fprintf(stderr, "cim_ship: %s\n", what);
+  return 1;
+}
+
+int Usage() { return Fail("usage: cim_ship receive PORT | cim_ship send PORT [NAME]"); }
+
+std::uint16_t PortOf(std::string_view text) {
+  std::uint16_t port = 0;
+  const auto read = std::from_chars(text.data(), text.data() + text.size(), port);
+  return read.ec == std::errc() && read.ptr == text.data() + text.size() ? port : 0;
+}
+
+// Arguments are UTF-8.
+std::u16string ToText(std::string_view utf8) {
+  std::u16string text;
+  for (std::size_t at = 0; at < utf8.size();) {
+    char16_t units[2];
+    text.append(units, Text_Encode(Text_NextCodePoint(utf8.data(), utf8.size(), &at), units));
+  }
+  return text;
+}
+
+// A socket that closes at the end of its block.
+struct Closing {
+  Sock sock = kInvalidSock;
+  ~Closing() {
+    if (sock != kInvalidSock) (void)Sock_Close(sock);  // nothing is left to be told
+  }
+};
+
+int Print(const Message* message) {
+  const cim::CreateInstanceRequest* request = cim::AsCreateRequest(message);
+  if (request == nullptr || request->instance == nullptr) return Fail("no CreateInstanceReq");
+  std::printf("%s %llu\n", Message_TagName(message->tag),
+              static_cast<unsigned long long>(message->correlationId));
+  std::fputs(cim::Describe(request->instance).c_str(), stdout);
+  return 0;
+}
+
+int Receive(std::uint16_t port) {
+  Addr address;
+  Closing listener, peer;
+  if (Addr_Resolve(&address, "127.0.0.1", port, false) != RESULT_OK ||
+      Sock_CreateListener(&listener.sock, address) != RESULT_OK)
+    return Fail("can't listen on this port");
+  std::puts("waiting for a shipment");
+  std::fflush(stdout);
+  RemoteAddress from;
+  if (Sock_Accept(listener.sock, &peer.sock, &from) != RESULT_OK) return Fail("nobody came");
+  Message* message = nullptr;
+  if (const char* fault = cim::Shipment_Receive(peer.sock, &message)) return Fail(fault);
+  const int code = Print(message);
+  Message_Drop(message);
+  return code;
+}
+
+int Send(std::uint16_t port, const std::u16string& name) {
+  const std::string target = "127.0.0.1:" + std::to_string(port);
+  Closing peer;
+  if (Sock_ConnectTo(&peer.sock, target.c_str()) != RESULT_OK) return Fail("nobody listens there");
+  cim::CreateInstanceRequest* request = cim::MakeCreateRequest(7, name.c_str());
+  if (request == nullptr) return Fail("there is no memory");
+  const bool sent = cim::Shipment_Send(peer.sock, &request->head);
+  Message_Drop(&request->head);
+  return sent ? 0 : Fail("the shipment didn't leave");
+}
+
+int Run(int count, char** arguments) {
+  if (count < 3) return Usage();
+  const std::string_view command = arguments[1];
+  const std::uint16_t port = PortOf(arguments[2]);
+  if (port == 0) return Usage();
+  if (command == "receive" && count == 3) return Receive(port);
+  if (command != "send" || count > 4) return Usage();
+  return Send(port, ToText(count == 4 ? arguments[3] : "fan-1"));
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  (void)platform::PrepareProcess();  // a descriptor left free would only be a strange socket
+  if (Sock_Start() != RESULT_OK) return Fail("there are no sockets");
+  const int code = Run(count, arguments);
+  Sock_Stop();
+  return code;
+}
