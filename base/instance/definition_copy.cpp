@@ -209,7 +209,7 @@ bool CloneArrayCell(Batch* batch, std::uint32_t type, const void* value, void* c
 
 void DeleteAt(const void* place) {
   Instance* instance = nullptr;
-  std::memcpy(&instance, place, sizeof instance);
+  std::memcpy(&instance, place, sizeof(void*));
   if (instance != nullptr)
     static_cast<void>(Instance_Delete(instance));  // nothing else can be done
 }
