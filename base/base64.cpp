@@ -100,33 +100,34 @@ void StoreBigEndian(std::uint64_t bits, std::uint8_t* out) {
   out[7] = static_cast<std::uint8_t>(bits);
 }
 
-std::uint64_t PlacedGroup(const std::uint8_t* in) {
+void StoreBigEndian(std::uint32_t bits, std::uint8_t* out) {
+  out[0] = static_cast<std::uint8_t>(bits >> 24);
+  out[1] = static_cast<std::uint8_t>(bits >> 16);
+  out[2] = static_cast<std::uint8_t>(bits >> 8);
+  out[3] = static_cast<std::uint8_t>(bits);
+}
+
+std::uint32_t PlacedGroup(const std::uint8_t* in) {
   return kPlaced[0][in[0]] | kPlaced[1][in[1]] | kPlaced[2][in[2]] | kPlaced[3][in[3]];
 }
 
-void StoreThree(std::uint64_t group, std::uint8_t* out) {
+// Decodes up to `groups` plain groups of four into `out`, which has three bytes for each; stops in
+// front of the first that holds anything but the alphabet. Gives how many it did. Each but the last
+// is stored as four bytes, of which the next group overwrites one.
+std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
+  std::size_t done = 0;
+  for (; done + 1 < groups; ++done, in += 4, out += 3) {
+    const std::uint32_t group = PlacedGroup(in);
+    if ((group & kSlow) != 0) return done;
+    StoreBigEndian(group << 8, out);
+  }
+  if (done == groups) return done;
+  const std::uint32_t group = PlacedGroup(in);
+  if ((group & kSlow) != 0) return done;
   out[0] = static_cast<std::uint8_t>(group >> 16);
   out[1] = static_cast<std::uint8_t>(group >> 8);
   out[2] = static_cast<std::uint8_t>(group);
-}
-
-// Decodes up to `groups` plain groups of four into `out`, which has three bytes for each; stops in
-// front of the first that holds anything but the alphabet. Gives how many it did. Two groups are
-// stored as eight bytes, of which the last two are overwritten by a third group's.
-std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
-  std::size_t done = 0;
-  for (; done + 3 <= groups; done += 2, in += 8, out += 6) {
-    const std::uint64_t first = PlacedGroup(in);
-    const std::uint64_t second = PlacedGroup(in + 4);
-    if (((first | second) & kSlow) != 0) break;
-    StoreBigEndian((first << 40) | (second << 16), out);
-  }
-  for (; done < groups; ++done, in += 4, out += 3) {
-    const std::uint64_t group = PlacedGroup(in);
-    if ((group & kSlow) != 0) break;
-    StoreThree(group, out);
-  }
-  return done;
+  return done + 1;
 }
 
 // One group of any kind. False for a character that is none, and when the sink fails.
@@ -147,8 +148,7 @@ std::uint64_t Pair(std::uint64_t twelveBits) { return kPairs[twelveBits & 0xFFF]
 
 // Three bytes, given in 24 bits, as four characters.
 void EncodeGroup(std::uint32_t bits, std::uint8_t* out) {
-  const std::uint64_t characters = (Pair(bits >> 12) << 16) | Pair(bits);
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(characters >> (24 - 8 * i));
+  StoreBigEndian(static_cast<std::uint32_t>((Pair(bits >> 12) << 16) | Pair(bits)), out);
 }
 
 // Encodes `groups` whole groups of three bytes into four times as many characters. Two groups are
