@@ -222,6 +222,7 @@ TEST(InstanceTest, AGrownInstanceLosesValuesOrItsHandle) {
   MakeDynamic(&made);
   ASSERT_EQ(Instance_SetHostName(made.instance, u"host"), RESULT_OK);
   const Instance* first = made.instance->body;
+  EXPECT_EQ(made.instance->hostName, first->hostName);
   for (std::uint32_t i = 0; i < 150; ++i) {
     ASSERT_EQ(Add(made.instance, Numbered(u"P", i), CIM_UINT32, Number(i), FLAG_KEY), RESULT_OK);
     const Instance* body = made.instance->body;
@@ -237,6 +238,12 @@ TEST(InstanceTest, AGrownInstanceLosesValuesOrItsHandle) {
     EXPECT_EQ(property.index, i);
     EXPECT_EQ(property.flags, FLAG_KEY | FLAG_NOT_MODIFIED);
   }
+  Owned copy;  // grows on from where the source has come to
+  ASSERT_EQ(Instance_Clone(made.instance, &copy.instance), RESULT_OK);
+  for (std::uint32_t i = 150; i < 300; ++i)
+    ASSERT_EQ(Add(copy.instance, Numbered(u"P", i), CIM_UINT32, Number(i)), RESULT_OK);
+  for (std::uint32_t i = 0; i < 300; ++i)
+    EXPECT_EQ(Read(copy.instance, Numbered(u"P", i)).value.uint32, i);
   EXPECT_EQ(TextOf(made.instance, Instance_HostNameOf), u"host");
   EXPECT_EQ(RefsOf(made.instance) + MagicOf(made.instance->body), 1u + 0xB26AEA60u);
 }
@@ -334,6 +341,9 @@ TEST_P(KindsTest, ACopyLeansOnItsSource) {
 TEST_P(KindsTest, AFailedStepLeaksOrSpoilsTheInstance) {
   const u16string longText(600, u'x');
   const CimValue text = Text(longText.c_str()), nested = Pointer(source_.instance);
+  if (GetParam() != 2) {
+    EXPECT_EQ(Instance_StoreProperty(source_.instance, u"Name", &text, CIM_STRING, 0), RESULT_OK);
+  }
   const std::vector<std::function<Result(Batch*, Owned*)>> kSteps = {
       [&](Batch* batch, Owned* made) {
         return Instance_Copy(source_.instance, &made->instance, batch);
@@ -352,15 +362,16 @@ TEST_P(KindsTest, AFailedStepLeaksOrSpoilsTheInstance) {
   for (const std::uint64_t limit : {std::uint64_t{0}, kNoPageLimit}) {
     for (std::size_t step = 0; step < kSteps.size(); ++step) {
       SCOPED_TRACE(step);
-      for (std::uint64_t failAt = 1, requests = failAt; requests >= failAt; ++failAt) {
+      bool hasFailed = true;
+      for (std::uint64_t failAt = 1; hasFailed; ++failAt) {
         OwnBatch batch(limit);
         Owned made;
         const std::uint64_t before = RefsOfClass();
         heap_gate::Arm(failAt);
         const Result result = kSteps[step](&batch, &made);
         heap_gate::Disarm();
-        requests = heap_gate::Requests();
-        EXPECT_EQ(result, requests >= failAt ? RESULT_FAILED : RESULT_OK) << failAt;
+        hasFailed = heap_gate::Requests() >= failAt;
+        EXPECT_EQ(result, hasFailed ? RESULT_FAILED : RESULT_OK) << failAt;
         made.End();
         EXPECT_EQ(RefsOfClass(), before) << failAt;
       }
@@ -485,6 +496,7 @@ TEST(InstanceTest, TheDefinitionOfADynamicInstanceEndsWithIt) {
   EXPECT_EQ(view.def, dynamic.instance->body->def);
   dynamic.End();
   ASSERT_EQ(Instance_Clone(fixed.instance, &copy.instance), RESULT_OK);
+  EXPECT_NE(copy.instance->def, fixed.instance->def);
   fixed.End();
   const CimValue two = Number(2);
   EXPECT_EQ(Instance_StoreProperty(copy.instance, u"SPEED", &two, CIM_UINT32, 0), RESULT_OK);
