@@ -31,6 +31,9 @@ micro() {
 micro selector
 micro log
 micro kvm
+micro name_search
+micro base64
+micro text
 echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """One table of what bench/run.sh has measured, against the marks. `summary.py FOLDER`, which holds
-Google Benchmark's selector.json, log.json and kvm.json and the relay's relay.json; what is missing is left
-out. Nothing here fails: a time says nothing without the peer beside it."""
+Google Benchmark's files and the relay's relay.json; what is missing is left out. Nothing here fails:
+a time says nothing without the peer beside it."""
 import collections
 import glob
 import json
@@ -15,7 +15,10 @@ import marks  # noqa: E402  (the path above leads to it)
 # A program's items a second in the unit of its pieces.
 IN_UNIT = {"turns": lambda rate: rate / 1e3, "wake": lambda rate: 1e6 / rate,
            "log": lambda rate: 1e6 / rate, "keys": lambda rate: rate / 1e6,
-           "pump": lambda rate: rate / 1e3}
+           "pump": lambda rate: rate / 1e3,
+           "name": lambda rate: 1e9 / rate,
+           "base64": lambda rate: rate / 1e9, "datetime": lambda rate: 1e9 / rate,
+           "number": lambda rate: 1e9 / rate}
 COUNTERS = ("p50_us", "p99_us")
 # Between two runs a difference below this says nothing.
 TIE = 0.15
@@ -47,11 +50,9 @@ def read_relay(path, found):
 
 def read_all(folder):
     found = collections.defaultdict(list)
-    for name, read in (("selector", read_benchmarks), ("log", read_benchmarks),
-                       ("kvm", read_benchmarks), ("relay", read_relay)):
-        path = os.path.join(folder, name + ".json")
-        if os.path.exists(path):
-            read(path, found)
+    for path in glob.glob(os.path.join(folder, "*.json")):
+        read = read_relay if os.path.basename(path) == "relay.json" else read_benchmarks
+        read(path, found)
     return {name: statistics.median(values) for name, values in found.items() if values}
 
 
