@@ -14,56 +14,12 @@
 #include "base/heap.h"
 #include "base/instance/definition_copy.h"
 #include "tests/base/instance/fan_schema.h"
+#include "tests/base/instance/owned_instance.h"
 
 namespace stewardry {
 namespace {
 
 using std::u16string;
-
-// Ends an instance with its scope.
-struct Owned {
-  Instance* instance = nullptr;
-  Owned() = default;
-  Owned(const Owned&) = delete;
-  Owned& operator=(const Owned&) = delete;
-  ~Owned() { End(); }
-  void End() {
-    if (instance == nullptr) return;
-    EXPECT_EQ(Instance_Delete(instance), RESULT_OK);
-    instance = nullptr;
-  }
-};
-
-// A batch of the test's own; with a limit of 0 each request is one of the heap's.
-struct OwnBatch : Batch {
-  explicit OwnBatch(std::uint64_t limit = kNoPageLimit) : Batch{} { Batch_Init(this, limit); }
-  OwnBatch(const OwnBatch&) = delete;
-  OwnBatch& operator=(const OwnBatch&) = delete;
-  ~OwnBatch() { Batch_Destroy(this); }
-};
-
-CimValue Number(std::uint32_t number) {
-  CimValue value = {};
-  value.uint32 = number;
-  return value;
-}
-
-CimValue Text(const char16_t* text) {
-  CimValue value = {};
-  value.string = text;
-  return value;
-}
-
-CimValue Pointer(Instance* instance) {
-  CimValue value = {};
-  value.instance = instance;
-  return value;
-}
-
-Result Add(Instance* instance, const u16string& name, std::uint32_t type, const CimValue& value,
-           std::uint32_t flags = 0) {
-  return Instance_AddProperty(instance, name.c_str(), &value, type, flags);
-}
 
 u16string Numbered(const char16_t* stem, unsigned number) {
   u16string name = stem;
@@ -87,10 +43,6 @@ u16string TextOf(const Instance* instance, Result (*read)(const Instance*, const
   const char16_t* text = nullptr;
   EXPECT_EQ(read(instance, &text), RESULT_OK);
   return text == nullptr ? u"(none)" : text;
-}
-
-void MakeDynamic(Owned* made, Batch* batch = nullptr) {
-  ASSERT_EQ(Instance_CreateDynamic(&made->instance, u"Fan", 0, batch), RESULT_OK);
 }
 
 std::uint32_t MagicOf(const Instance* instance) {
@@ -558,73 +510,6 @@ TEST(InstanceTest, AForeignInstanceIsCopiedAsOurs) {
   Instance* copy = made.instance;
   EXPECT_EQ(Instance_Copy(made.instance, &copy, nullptr), RESULT_NOT_FOUND);
   EXPECT_EQ(copy, nullptr);
-}
-
-TEST(InstanceKeysTest, KeysAreTakenForEqualOrComplete) {
-  struct Key {
-    const char16_t* name;
-    std::uint32_t type;
-    CimValue value;
-    std::uint32_t flags = FLAG_KEY;
-  };
-  Owned one, same, other;
-  for (Owned* each : {&one, &same, &other}) {
-    MakeDynamic(each);
-    const CimValue id = Number(each == &other ? 2 : 1);
-    ASSERT_EQ(Add(each->instance, u"Id", CIM_UINT32, id, FLAG_KEY), RESULT_OK);
-  }
-  const Key number = {u"Id", CIM_UINT32, Number(1)}, name = {u"Name", CIM_STRING, Text(u"x")};
-  const Key plain = {u"Plain", CIM_UINT32, Number(3), 0};
-  const Key null = {u"Null", CIM_STRING, {}, FLAG_KEY | FLAG_NULL};
-  const struct {
-    std::vector<Key> a, b;
-    bool equal, complete;
-  } kCases[] = {
-      {{}, {}, false, true},
-      {{plain}, {plain}, false, true},
-      {{number, plain}, {number}, true, true},
-      {{number, name}, {{u"NAME", CIM_STRING, Text(u"x")}, number}, true, true},
-      {{number, name}, {number}, false, true},
-      {{number}, {number, name}, false, true},
-      {{number}, {{u"Id", CIM_UINT32, Number(2)}}, false, true},
-      {{number}, {{u"Id", CIM_SINT32, Number(1)}}, false, true},
-      {{number}, {{u"Other", CIM_UINT32, Number(1)}}, false, true},
-      {{number, plain},
-       {{u"Id", CIM_UINT32, Number(1), 0}, {u"Plain", CIM_UINT32, Number(3)}},
-       false,
-       true},
-      {{name}, {{u"Name", CIM_STRING, Text(u"X")}}, false, true},
-      {{null}, {null}, true, false},
-      {{number, null}, {number, {u"Null", CIM_STRING, Text(u"")}}, false, false},
-      {{{u"Ref", CIM_REFERENCE, Pointer(one.instance)}},
-       {{u"Ref", CIM_REFERENCE, Pointer(same.instance)}},
-       true,
-       true},
-      {{{u"Ref", CIM_REFERENCE, Pointer(one.instance)}},
-       {{u"Ref", CIM_REFERENCE, Pointer(other.instance)}},
-       false,
-       true},
-      {{{u"In", CIM_INSTANCE, Pointer(one.instance), FLAG_KEY | FLAG_BORROW}},
-       {{u"In", CIM_INSTANCE, Pointer(one.instance), FLAG_KEY | FLAG_BORROW}},
-       false,
-       true},
-  };
-  for (std::size_t i = 0; i < std::size(kCases); ++i) {
-    SCOPED_TRACE(i);
-    Owned a, b;
-    for (auto [owned, keys] : {std::pair{&a, &kCases[i].a}, std::pair{&b, &kCases[i].b}}) {
-      MakeDynamic(owned);
-      for (const Key& key : *keys)
-        ASSERT_EQ(Add(owned->instance, key.name, key.type, key.value, key.flags), RESULT_OK);
-    }
-    EXPECT_EQ(Instance_KeysEqual(a.instance, b.instance), kCases[i].equal);
-    EXPECT_EQ(Instance_KeysEqual(b.instance, a.instance), kCases[i].equal);
-    EXPECT_EQ(Instance_KeysComplete(a.instance), kCases[i].complete);
-    EXPECT_FALSE(Instance_KeysEqual(a.instance, nullptr));
-  }
-  EXPECT_EQ(Instance_KeyCount(one.instance), 1u);
-  EXPECT_EQ(Instance_KeyCount(nullptr), 0u);
-  EXPECT_FALSE(Instance_KeysComplete(nullptr));
 }
 
 }  // namespace
