@@ -3,8 +3,6 @@
 
 #include <array>
 #include <charconv>
-#include <cstring>
-#include <type_traits>
 
 #include "base/datetime.h"
 #include "base/text.h"
@@ -19,14 +17,6 @@ constexpr std::size_t kIndent = 2;
 
 std::string DescribeAt(const Instance* instance, std::size_t indent);
 
-// The element at `raw`, which has its element size and perhaps no alignment.
-template <class Element>
-Element At(const void* raw) {
-  Element element;
-  std::memcpy(&element, raw, sizeof element);
-  return element;
-}
-
 std::string ToUtf8(const char16_t* text) {
   if (text == nullptr) return {};
   const std::size_t units = std::char_traits<char16_t>::length(text);
@@ -39,76 +29,82 @@ std::string ToUtf8(const char16_t* text) {
   return utf8;
 }
 
-template <class Number>
-std::string NumberAt(const void* raw, std::size_t) {
+std::string Quoted(const char16_t* text, char quote) {
+  std::string quoted(1, quote);
+  quoted += ToUtf8(text);
+  quoted += quote;
+  return quoted;
+}
+
+template <auto Form>
+std::string Number(const CimValue& value, std::size_t) {
   char digits[32];
-  const auto number = At<Number>(raw);
-  // A char would come out as a letter.
-  using Shown = std::conditional_t<sizeof(Number) == 1, int, Number>;
-  const auto end = std::to_chars(digits, digits + sizeof digits, static_cast<Shown>(number)).ptr;
+  const auto end = std::to_chars(digits, digits + sizeof digits, value.*Form).ptr;
   return {digits, end};
 }
 
-std::string BooleanAt(const void* raw, std::size_t) {
-  return At<std::uint8_t>(raw) != 0 ? "true" : "false";
+std::string Boolean(const CimValue& value, std::size_t) {
+  return value.boolean != 0 ? "true" : "false";
 }
 
-std::string CharAt(const void* raw, std::size_t) {
-  const char16_t text[] = {At<char16_t>(raw), 0};
-  return "'" + ToUtf8(text) + "'";
+std::string Char(const CimValue& value, std::size_t) {
+  const char16_t text[] = {value.char16, 0};
+  return Quoted(text, '\'');
 }
 
-std::string DatetimeAt(const void* raw, std::size_t) {
-  const auto value = At<CimDatetime>(raw);
+std::string Datetime(const CimValue& value, std::size_t) {
   char16_t text[kFixedDatetimeSize];
-  Datetime_ToFixed(&value, text);
+  Datetime_ToFixed(&value.datetime, text);
   return ToUtf8(text);
 }
 
-std::string StringAt(const void* raw, std::size_t) {
-  return '"' + ToUtf8(At<const char16_t*>(raw)) + '"';
+std::string String(const CimValue& value, std::size_t) { return Quoted(value.string, '"'); }
+
+std::string Nested(const CimValue& value, std::size_t indent) {
+  std::string text = "\n";
+  text += DescribeAt(value.instance, indent + kIndent);
+  text.pop_back();  // whoever asked ends the line
+  return text;
 }
 
-std::string InstanceAt(const void* raw, std::size_t indent) {
-  std::string text = DescribeAt(At<const Instance*>(raw), indent + kIndent);
-  if (!text.empty()) text.pop_back();  // whoever asked ends the line
-  return "\n" + text;
-}
-
-using Writer = std::string (*)(const void* raw, std::size_t indent);
+using Writer = std::string (*)(const CimValue& value, std::size_t indent);
 constexpr std::array<Writer, CIM_ARRAY> kWriters = {
-    BooleanAt,
-    NumberAt<std::uint8_t>,
-    NumberAt<std::int8_t>,
-    NumberAt<std::uint16_t>,
-    NumberAt<std::int16_t>,
-    NumberAt<std::uint32_t>,
-    NumberAt<std::int32_t>,
-    NumberAt<std::uint64_t>,
-    NumberAt<std::int64_t>,
-    NumberAt<float>,
-    NumberAt<double>,
-    CharAt,
-    DatetimeAt,
-    StringAt,
-    InstanceAt,
-    InstanceAt,
+    Boolean,
+    Number<&CimValue::uint8>,
+    Number<&CimValue::sint8>,
+    Number<&CimValue::uint16>,
+    Number<&CimValue::sint16>,
+    Number<&CimValue::uint32>,
+    Number<&CimValue::sint32>,
+    Number<&CimValue::uint64>,
+    Number<&CimValue::sint64>,
+    Number<&CimValue::real32>,
+    Number<&CimValue::real64>,
+    Char,
+    Datetime,
+    String,
+    Nested,
+    Nested,
 };
 
-std::string ArrayAt(const ArrayValue& array, std::uint32_t elementType, std::size_t indent) {
-  const auto* element = static_cast<const std::uint8_t*>(array.data);
+std::string Array(const ArrayValue& array, std::uint32_t elementType, std::size_t indent) {
+  const auto* raw = static_cast<const std::uint8_t*>(array.data);
   std::string text = "{";
-  for (std::uint32_t i = 0; i < array.size; ++i, element += kElementSizes[elementType])
-    text += (i > 0 ? ", " : "") + kWriters[elementType](element, indent);
+  for (std::uint32_t i = 0; i < array.size; ++i, raw += kElementSizes[elementType]) {
+    CimValue element;
+    CimValue_FromRaw(elementType, raw, &element);
+    if (i > 0) text += ", ";
+    text += kWriters[elementType](element, indent);
+  }
   return text + "}";
 }
 
-std::string ValueAt(const CimValue& value, std::uint32_t type, std::size_t indent) {
-  if (CimType_IsArray(type)) return ArrayAt(value.array, CimType_Element(type), indent);
-  return kWriters[type](value.bytes, indent);
+std::string Value(const CimValue& value, std::uint32_t type, std::size_t indent) {
+  if (CimType_IsArray(type)) return Array(value.array, CimType_Element(type), indent);
+  return kWriters[type](value, indent);
 }
 
-std::string PropertyAt(const Instance* instance, std::uint32_t index, std::size_t indent) {
+std::string Property(const Instance* instance, std::uint32_t index, std::size_t indent) {
   const char16_t* name;
   CimValue value;
   std::uint32_t type, flags;
@@ -116,7 +112,7 @@ std::string PropertyAt(const Instance* instance, std::uint32_t index, std::size_
   const bool isNull = (flags & FLAG_NULL) != 0;
   return std::string(indent, ' ') + ToUtf8(name) + " (" + kCimTypeNames[type] +
          ((flags & FLAG_KEY) != 0 ? ", key" : "") +
-         ") = " + (isNull ? "null" : ValueAt(value, type, indent)) + "\n";
+         ") = " + (isNull ? "null" : Value(value, type, indent)) + "\n";
 }
 
 std::string DescribeAt(const Instance* instance, std::size_t indent) {
@@ -130,7 +126,7 @@ std::string DescribeAt(const Instance* instance, std::size_t indent) {
   std::string text = std::string(indent, ' ') + ToUtf8(className);
   if (nameSpace != nullptr) text += " in " + ToUtf8(nameSpace);
   text += "\n";
-  for (std::uint32_t i = 0; i < count; ++i) text += PropertyAt(instance, i, indent + kIndent);
+  for (std::uint32_t i = 0; i < count; ++i) text += Property(instance, i, indent + kIndent);
   return text;
 }
 

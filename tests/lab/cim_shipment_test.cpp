@@ -82,7 +82,7 @@ class CimShipment : public SocketTest {
     Message* message = nullptr;
     if (const char* fault = Shipment_Receive(pair_.a, &message)) return fault;
     const CreateInstanceRequest* request = AsCreateRequest(message);
-    const std::string text = request == nullptr ? "another message" : Describe(request->instance);
+    std::string text = request == nullptr ? "another message" : Describe(request->instance);
     Message_Drop(message);
     return text;
   }
