@@ -3,10 +3,10 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <string>
 
 #include "base/heap.h"
 #include "base/instance/pack_buffer.h"
+#include "base/instance/pack_steps.h"
 
 namespace stewardry {
 namespace {
@@ -26,25 +26,10 @@ Result Resize(PackBuf* buffer, std::uint32_t capacity) {
   return RESULT_OK;
 }
 
-// Moves `size` to the next multiple of `alignment`, a power of two, and on by `bytes`, which start
-// at *place. False, and nothing moved, when there is no room to be had.
-inline bool Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t bytes,
-                   std::uint8_t** place) {
-  const std::uint64_t start = (std::uint64_t{buffer->size} + alignment - 1) & ~(alignment - 1ULL);
-  const std::uint64_t end = start + bytes;
-  if (end > buffer->capacity) {
-    if (end > kMaxPackCapacity) return false;
-    if (PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) != RESULT_OK) return false;
-  }
-  *place = buffer->data + start;
-  buffer->size = static_cast<std::uint32_t>(end);
-  return true;
-}
-
 template <class Number>
 Result PutNumber(PackBuf* buffer, Number value) {
   std::uint8_t* place = nullptr;
-  if (!Extend(buffer, sizeof value, sizeof value, &place)) return RESULT_FAILED;
+  if (!Pack_Extend(buffer, sizeof value, sizeof value, &place)) return RESULT_FAILED;
   std::memcpy(place, &value, sizeof value);
   return RESULT_OK;
 }
@@ -52,7 +37,7 @@ Result PutNumber(PackBuf* buffer, Number value) {
 Result PutAligned(PackBuf* buffer, std::uint32_t alignment, const void* bytes,
                   std::uint64_t length) {
   std::uint8_t* place = nullptr;
-  if (!Extend(buffer, alignment, length, &place)) return RESULT_FAILED;
+  if (!Pack_Extend(buffer, alignment, length, &place)) return RESULT_FAILED;
   if (length != 0) std::memcpy(place, bytes, static_cast<std::size_t>(length));
   return RESULT_OK;
 }
@@ -79,7 +64,7 @@ Result PutArray(PackBuf* buffer, const Element* elements, std::uint32_t count) {
 constexpr std::uint32_t kKeptLengths = 64;
 
 std::uint64_t BytesOf(const char16_t* text) {
-  return (std::char_traits<char16_t>::length(text) + 1) * sizeof(char16_t);
+  return (Pack_TextLength(text) + 1) * sizeof(char16_t);
 }
 
 // The table of offsets and then the texts.
@@ -94,10 +79,11 @@ Result PutTexts(PackBuf* buffer, const char16_t* const* texts, std::uint32_t cou
     end += bytes;
   }
   std::uint8_t* place = nullptr;
-  if (PutNumber(buffer, end) != RESULT_OK || !Extend(buffer, 1, end, &place)) return RESULT_FAILED;
+  if (PutNumber(buffer, end) != RESULT_OK || !Pack_Extend(buffer, 1, end, &place))
+    return RESULT_FAILED;
   for (std::uint32_t i = 0; i < count; ++i) {
     const auto bytes = static_cast<std::size_t>(i < kKeptLengths ? kept[i] : BytesOf(texts[i]));
-    std::memcpy(place, texts[i], bytes);
+    Pack_CopyShort(place, texts[i], bytes);
     place += bytes;
   }
   return RESULT_OK;
@@ -140,7 +126,7 @@ Result PackBuf_PutRaw(PackBuf* buffer, const void* bytes, std::uint32_t length) 
 
 Result PackBuf_PutStr(PackBuf* buffer, const char16_t* text) {
   if (text == nullptr) return PutNumber(buffer, std::uint32_t{0});
-  const std::size_t length = std::char_traits<char16_t>::length(text);
+  const std::size_t length = Pack_TextLength(text);
   if (length >= kMaxPackCapacity) return RESULT_FAILED;
   return PackBuf_PutStrLen(buffer, text, static_cast<std::uint32_t>(length));
 }
@@ -150,9 +136,10 @@ Result PackBuf_PutStrLen(PackBuf* buffer, const char16_t* text, std::uint32_t le
   const std::uint32_t count = length + 1;
   const std::uint64_t bytes = std::uint64_t{length} * sizeof(char16_t);
   std::uint8_t* place = nullptr;
-  if (!Extend(buffer, 4, sizeof count + bytes + sizeof(char16_t), &place)) return RESULT_FAILED;
+  if (!Pack_Extend(buffer, 4, sizeof count + bytes + sizeof(char16_t), &place))
+    return RESULT_FAILED;
   std::memcpy(place, &count, sizeof count);
-  std::memcpy(place + sizeof count, text, static_cast<std::size_t>(bytes));
+  Pack_CopyShort(place + sizeof count, text, static_cast<std::size_t>(bytes));
   std::memset(place + sizeof count + bytes, 0, sizeof(char16_t));
   return RESULT_OK;
 }

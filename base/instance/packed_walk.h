@@ -72,6 +72,9 @@ Result Packed_ReadProperty(PackBuf* reader, PackedProperty* property);
 // RESULT_INVALID_PARAMETER.
 Result Packed_ReadValue(PackBuf* reader, std::uint32_t type, CimValue* value);
 
+// A STRING with its units, terminator not counted. No text is {empty, 0}.
+Result Packed_ReadText(PackBuf* reader, const char16_t** text, std::uint32_t* length);
+
 // The value of a STRINGA. No texts are {0, empty, empty}.
 Result Packed_ReadTexts(PackBuf* reader, PackedTexts* texts);
 

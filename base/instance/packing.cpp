@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/instance/instance_body.h"
+#include "base/instance/pack_steps.h"
 
 namespace stewardry {
 namespace {
@@ -26,12 +27,41 @@ struct Selection {
   }
 };
 
-Result PackName(const PropertyDef& property, PackBuf* buffer) {
+const char16_t* NameOf(const PropertyDef& property) {
   const char16_t* name = property.name;
-  if ((property.flags & kOutParameter) == kOutParameter && name[0] == kResultParameter[0] &&
-      name == kResultParameter)
-    name = kResultName;
-  return PackBuf_PutStrLen(buffer, name, Name_Length(name, property.nameCode));
+  if ((property.flags & kOutParameter) != kOutParameter) return name;
+  return name[0] == kResultParameter[0] && name == kResultParameter ? kResultName : name;
+}
+
+// Name_Length, which seldom has more to do than this.
+std::uint32_t LengthOf(const char16_t* name, std::uint32_t code) {
+  const std::uint32_t known = code & 0xFF;
+  return name[known] == 0 ? known : Name_Length(name, code);
+}
+
+// Flags, name, type and `present` of a property, with one look at the room there is.
+Result PackPropertyHead(const PropertyDef& property, std::uint8_t present, PackBuf* buffer) {
+  const char16_t* name = NameOf(property);
+  const std::uint32_t count = LengthOf(name, property.nameCode) + 1;
+  const std::uint64_t nameBytes = std::uint64_t{count} * sizeof(char16_t);
+  const std::uint64_t typeAt = Pack_Align(8 + nameBytes, 4);
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, 4, typeAt + 5, &place)) return RESULT_FAILED;
+  std::memcpy(place, &property.flags, 4);
+  std::memcpy(place + 4, &count, 4);
+  Pack_CopyShort(place + 8, name, static_cast<std::size_t>(nameBytes));
+  std::memcpy(place + typeAt, &property.type, 4);
+  place[typeAt + 4] = present;
+  return RESULT_OK;
+}
+
+// The slot's value, of the width of Number.
+template <class Number>
+Result PackNumber(const std::uint8_t* slot, PackBuf* buffer) {
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, sizeof(Number), sizeof(Number), &place)) return RESULT_FAILED;
+  std::memcpy(place, slot, sizeof(Number));
+  return RESULT_OK;
 }
 
 // By the width of the elements; signed and floating-point ones have the form of unsigned ones.
@@ -68,48 +98,47 @@ Result PackNestedArray(std::uint32_t type, const ArrayValue& array, PackBuf* buf
   return result;
 }
 
-Result PackScalar(std::uint32_t type, const CimValue& value, PackBuf* buffer) {
-  if (type == CIM_DATETIME) return PackBuf_PutDatetime(buffer, &value.datetime);
+Result PackScalar(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
   switch (kElementSizes[type]) {
     case 1:
-      return PackBuf_PutU8(buffer, value.uint8);
+      return PackNumber<std::uint8_t>(slot, buffer);
     case 2:
-      return PackBuf_PutU16(buffer, value.uint16);
+      return PackNumber<std::uint16_t>(slot, buffer);
     case 4:
-      return PackBuf_PutU32(buffer, value.uint32);
+      return PackNumber<std::uint32_t>(slot, buffer);
+    case 8:
+      return PackNumber<std::uint64_t>(slot, buffer);
     default:
-      return PackBuf_PutU64(buffer, value.uint64);
+      const auto value = Pack_Load<CimDatetime>(slot);
+      return PackBuf_PutDatetime(buffer, &value);
   }
 }
 
-Result PackPresent(std::uint32_t type, const CimValue& value, PackBuf* buffer) {
-  if (type < CIM_STRING) return PackScalar(type, value, buffer);
-  if (type == CIM_STRING) return PackBuf_PutStr(buffer, value.string);
-  if (!CimType_IsArray(type)) return PackNested(value.instance, type, buffer);
-  if (type < CIM_STRINGA) return PackPlainArray(type, value.array, buffer);
-  if (type > CIM_STRINGA) return PackNestedArray(type, value.array, buffer);
-  return PackBuf_PutStrA(buffer, static_cast<const char16_t**>(value.array.data), value.array.size);
+Result PackArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
+  if (type < CIM_STRINGA) return PackPlainArray(type, array, buffer);
+  if (type > CIM_STRINGA) return PackNestedArray(type, array, buffer);
+  return PackBuf_PutStrA(buffer, static_cast<const char16_t**>(array.data), array.size);
 }
 
-// The `present` byte of the slot, and the value unless that is 0.
-Result PackValue(const ValueSlot* slot, std::uint32_t type, PackBuf* buffer) {
-  if (type >= kCimTypes) return RESULT_FAILED;
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(slot);
-  const std::uint8_t present = bytes[kElementSizes[type]];
-  if (present == 0) return PackBuf_PutU8(buffer, present);
-  CimValue value;
-  std::memcpy(&value, bytes, kElementSizes[type]);
-  const bool isInstance = type == CIM_REFERENCE || type == CIM_INSTANCE;
-  if (isInstance && value.instance == nullptr) return RESULT_FAILED;
-  if (PackBuf_PutU8(buffer, present) != RESULT_OK) return RESULT_FAILED;
-  return PackPresent(type, value, buffer);
+Result PackPresent(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
+  if (type < CIM_STRING) return PackScalar(type, slot, buffer);
+  if (type == CIM_STRING) return PackBuf_PutStr(buffer, Pack_Load<const char16_t*>(slot));
+  if (CimType_IsArray(type)) return PackArray(type, Pack_Load<ArrayValue>(slot), buffer);
+  return PackNested(Pack_Load<const Instance*>(slot), type, buffer);
 }
 
+bool IsInstance(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
+
+// The property's head, and the value of its slot unless `present` is 0.
 Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* buffer) {
-  if (PackBuf_PutU32(buffer, property.flags) != RESULT_OK ||
-      PackName(property, buffer) != RESULT_OK || PackBuf_PutU32(buffer, property.type) != RESULT_OK)
+  const std::uint32_t type = property.type;
+  if (type >= kCimTypes) return RESULT_FAILED;
+  const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Slot(body, property));
+  const std::uint8_t present = slot[kElementSizes[type]];
+  if (present != 0 && IsInstance(type) && Pack_Load<const Instance*>(slot) == nullptr)
     return RESULT_FAILED;
-  return PackValue(Instance_Slot(body, property), property.type, buffer);
+  if (PackPropertyHead(property, present, buffer) != RESULT_OK) return RESULT_FAILED;
+  return present == 0 ? RESULT_OK : PackPresent(type, slot, buffer);
 }
 
 // The properties, and before them how many they are, which only the last of them tells: a filter is

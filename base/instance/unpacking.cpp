@@ -1,5 +1,7 @@
 // Instance_Unpack: the walk over the bytes, and the instance that is built on the way.
+#include <array>
 #include <cstring>
+#include <new>
 
 #include "base/instance/instance_body.h"
 #include "base/instance/packing.h"
@@ -11,8 +13,11 @@ namespace {
 struct Unpacking {
   PackBuf* reader;
   Batch* batch;         // empty until the outermost instance has made its own
-  bool copy;            // of texts and arrays
+  bool copy;            // of names, texts and arrays
   std::uint32_t depth;  // instances that are being read, one inside the other
+  // What is left of the block of records that is being used up.
+  PropertyDef* records;
+  std::uint32_t recordsLeft;
 };
 
 bool HoldsInstances(std::uint32_t type) { return CimType_Element(type) >= CIM_REFERENCE; }
@@ -52,41 +57,94 @@ Result UnpackValue(Unpacking& call, std::uint32_t type, CimValue* value) {
   return UnpackInstance(call, &value->instance);
 }
 
-// The flags of the definition, which also tell how the value is stored. What the bytes say about
-// that doesn't count: an instance that had borrowed was packed with FLAG_BORROW.
-std::uint32_t FlagsOf(const Unpacking& call, const PackedProperty& property) {
-  std::uint32_t flags = property.flags & ~FLAG_BORROW;
-  if (property.present) flags &= ~FLAG_NULL;
-  return call.copy ? flags : flags | FLAG_BORROW;
+// The codes of the names that an instance has so far: a bit that isn't set tells that a name is
+// new. A bit that is set may be another name's.
+class NamesSeen {
+ public:
+  // False when no name with this code was marked before.
+  bool Mark(std::uint32_t code) {
+    const std::uint32_t hash = (code * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
+    std::uint64_t& word = words_[hash / 64];
+    const std::uint64_t bit = std::uint64_t{1} << (hash % 64);
+    const bool wasSet = (word & bit) != 0;
+    word |= bit;
+    return wasSet;
+  }
+
+ private:
+  std::array<std::uint64_t, 4> words_{};
+};
+
+// A zeroed record. Seven of them lie in a block that one page serves, behind a word: no record is
+// the start of a block, so none is taken for a block that can be released.
+PropertyDef* TakeRecord(Unpacking& call) {
+  constexpr std::uint32_t kRecords = (kMaxInPage - 8) / sizeof(PropertyDef);
+  if (call.recordsLeft == 0) {
+    auto* block =
+        static_cast<std::uint8_t*>(Batch_Alloc(call.batch, 8 + kRecords * sizeof(PropertyDef)));
+    if (block == nullptr) return nullptr;
+    call.records = reinterpret_cast<PropertyDef*>(block + 8);
+    call.recordsLeft = kRecords;
+  }
+  --call.recordsLeft;
+  return new (call.records++) PropertyDef{};
 }
 
-// Stores instances that were built for this very slot in its batch: the slot owns them as if it had
-// copied them.
-Result AddOwned(Instance* instance, const PackedProperty& property, const CimValue& value,
-                std::uint32_t flags) {
-  const Result result =
-      Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
-  if (result != RESULT_OK) return result;
-  Instance* body = Instance_Body(instance);
-  ValueSlot* slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
-  // Nothing is copied and so nothing fails.
-  (void)ValueSlot_Set(slot, property.type, &value, FLAG_BORROW, body->batch);
-  reinterpret_cast<std::uint8_t*>(slot)[kElementSizes[property.type] + 1] = 0;
+// AddProperty without a value, into a body that has room, of a name that is valid and new. A name
+// is borrowed like a text.
+Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& property,
+                  std::uint32_t nameCode, std::uint32_t flags) {
+  ClassDef* def = Instance_PrivateDef(body);
+  PropertyDef* record = TakeRecord(call);
+  if (record == nullptr) return RESULT_FAILED;
+  record->name = call.copy ? Batch_DupText(call.batch, property.name) : property.name;
+  if (record->name == nullptr) return RESULT_FAILED;
+  record->nameCode = nameCode;
+  record->flags = flags;
+  record->type = property.type;
+  record->offset = static_cast<std::uint32_t>(DynamicBodySize(def->propertyCount));
+  const_cast<const PropertyDef**>(def->properties)[def->propertyCount++] = record;
+  def->size += DYNAMIC_SLOT_SIZE;  // the slot is zero since the body was made
   return RESULT_OK;
 }
 
-Result UnpackProperty(Unpacking& call, Instance* instance) {
+// Adds the property as a null. Those that the first body has room for, which are all of most
+// instances, have a shorter way than AddProperty, with the same results.
+Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& property,
+               NamesSeen* seen) {
+  // What the bytes say of borrowing doesn't count: it is how the sender's instance was made.
+  std::uint32_t flags = property.flags & ~FLAG_BORROW;
+  if (!call.copy) flags |= FLAG_BORROW;
+  Instance* body = Instance_Body(instance);
+  if (body->def->propertyCount >= INSTANCE_MIN_CAPACITY)
+    return Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
+  if (!Name_IsValid(property.name)) return RESULT_INVALID_PARAMETER;
+  const std::uint32_t code = Name_Code(property.name);
+  if (seen->Mark(code) && ClassDef_FindProperty(body->def, property.name) != kNoIndex)
+    return RESULT_ALREADY_EXISTS;
+  return AppendNull(call, body, property, code, flags);
+}
+
+// Instances were built for this very slot, in its batch: with `copy` the slot owns them as if it
+// had copied them.
+Result StoreLast(const Unpacking& call, Instance* body, std::uint32_t type, const CimValue& value) {
+  ValueSlot* slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
+  const bool isOwned = call.copy && HoldsInstances(type);
+  const std::uint32_t flags = call.copy && !isOwned ? 0 : FLAG_BORROW;
+  const Result result = ValueSlot_Set(slot, type, &value, flags, body->batch);
+  if (isOwned) reinterpret_cast<std::uint8_t*>(slot)[kElementSizes[type] + 1] = 0;
+  return result;
+}
+
+Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
   PackedProperty property;
   Result result = Packed_ReadProperty(call.reader, &property);
   if (result != RESULT_OK) return result;
-  const std::uint32_t flags = FlagsOf(call, property);
-  if (!property.present)
-    return Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
-  CimValue value{};
-  result = UnpackValue(call, property.type, &value);
-  if (result != RESULT_OK) return result;
-  if (call.copy && HoldsInstances(property.type)) return AddOwned(instance, property, value, flags);
-  return Instance_AddProperty(instance, property.name, &value, property.type, flags);
+  CimValue value;
+  if (property.present) result = UnpackValue(call, property.type, &value);
+  if (result == RESULT_OK) result = AddNull(call, instance, property, seen);
+  if (result != RESULT_OK || !property.present) return result;
+  return StoreLast(call, Instance_Body(instance), property.type, value);
 }
 
 Result UnpackContent(Unpacking& call, const PackedHead& head, Instance* instance) {
@@ -94,8 +152,9 @@ Result UnpackContent(Unpacking& call, const PackedHead& head, Instance* instance
     const Result result = Instance_SetNamespace(instance, head.namespaceName);
     if (result != RESULT_OK) return result;
   }
+  NamesSeen seen;
   for (std::uint32_t i = 0; i < head.propertyCount; ++i) {
-    const Result result = UnpackProperty(call, instance);
+    const Result result = UnpackProperty(call, instance, &seen);
     if (result != RESULT_OK) return result;
   }
   return Packed_ReadTail(call.reader);
@@ -124,7 +183,7 @@ Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy
   *made = nullptr;
   if (!IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
   if (reader->data == nullptr && reader->size != 0) return RESULT_INVALID_PARAMETER;
-  Unpacking call = {reader, batch, copy, 0};
+  Unpacking call = {reader, batch, copy, 0, nullptr, 0};
   Instance* instance = nullptr;
   const Result result = UnpackInstance(call, &instance);
   if (result == RESULT_OK) {

@@ -147,6 +147,26 @@ TEST(UnpackingTest, InstancesWithoutEndBreakTheStack) {
   EXPECT_EQ(Unpack(Bytes(Repeat(20000, level))), RESULT_FAILED);
 }
 
+// Up to 32 properties, and from there on, each road has its own way to find a name that is there.
+TEST(UnpackingTest, APropertyTwiceGoesUnseenAmongMany) {
+  const auto property = [](std::uint32_t number, char letter) {
+    const std::string name = {'\'', letter, static_cast<char>('a' + number / 26),
+                              static_cast<char>('a' + number % 26), '\''};
+    return "00 00 00 00 04 00 00 00 " + name + " 00 00 01 00 00 00 01 05 -- -- ";
+  };
+  std::string properties;
+  for (std::uint32_t count = 0; count < 70; ++count) {
+    const std::string head = kHead + static_cast<char>('0' + (count + 1) / 16 % 10) +
+                             "0123456789ABCDEF"[(count + 1) % 16] + " 00 00 00 ";
+    properties += property(count, 'P');
+    EXPECT_EQ(Unpack(Bytes(head + properties + kTail)), RESULT_OK) << count;
+  }
+  for (std::uint32_t twice = 0; twice < 70; ++twice) {
+    const std::string bytes = kHead + "47 00 00 00 " + properties + property(twice, 'p') + kTail;
+    EXPECT_EQ(Unpack(Bytes(bytes)), RESULT_ALREADY_EXISTS) << twice;
+  }
+}
+
 // An instance with a value of each form of the packed data.
 class RichTest : public ::testing::Test {
  protected:
