@@ -54,34 +54,39 @@ int ReadOddField(const char16_t* field, std::size_t width, std::uint32_t* value)
   return 0;
 }
 
-// Plain digits, which is what nearly every field is.
-inline bool ReadPlainField(const char16_t* field, std::size_t width, std::uint32_t* value) {
+// Plain digits, which is what nearly every field is; false, with no defined value, for any other.
+template <std::size_t... Place>
+bool ReadDigits(const char16_t* field, std::uint32_t* value, std::index_sequence<Place...>) {
   std::uint32_t number = 0;
-  bool plain = true;
-  for (std::size_t i = 0; i < width; ++i) {
-    plain &= IsDigitUnit(field[i]);
-    number = number * 10 + static_cast<std::uint32_t>(field[i]) - u'0';
-  }
+  ((number = number * 10 + static_cast<std::uint32_t>(field[Place]) - u'0'), ...);
   *value = number;
-  return plain;
+  return (IsDigitUnit(field[Place]) & ...);
 }
 
-template <class Record>
-inline bool ReadFixedField(const char16_t* text, const FixedField<Record>& field, Record* record) {
-  std::uint32_t* value = &(record->*field.member);
-  const char16_t* start = text + field.position;
-  return ReadPlainField(start, field.width, value) || ReadOddField(start, field.width, value) == 0;
+// One field of a text of the right length. The table is a constant, so that the width is one too.
+template <const auto& Fields, std::size_t Index, class Record>
+bool ReadFixedField(const char16_t* text, Record* record) {
+  constexpr auto kField = Fields[Index];
+  const char16_t* start = text + kField.position;
+  std::uint32_t* value = &(record->*kField.member);
+  return ReadDigits(start, value, std::make_index_sequence<kField.width>()) ||
+         ReadOddField(start, kField.width, value) == 0;
 }
 
-// All fields of a text of the right length. The table is a constant, so that each width is one too.
 template <const auto& Fields, class Record, std::size_t... Index>
 bool ReadFields(const char16_t* text, Record* record, std::index_sequence<Index...>) {
-  return (ReadFixedField(text, Fields[Index], record) && ...);
+  return (ReadFixedField<Fields, Index>(text, record) && ...);
 }
 
 template <const auto& Fields, class Record>
 bool ReadFields(const char16_t* text, Record* record) {
   return ReadFields<Fields>(text, record, std::make_index_sequence<std::size(Fields)>());
+}
+
+// Looks no further than the terminator.
+template <std::size_t... Place>
+bool HasFixedLength(const char16_t* text, std::index_sequence<Place...>) {
+  return ((text[Place] != 0) && ...) && text[kFixedLength] == 0;
 }
 
 int ParseFixedInterval(const char16_t* text, CimDatetime* value) {
@@ -135,14 +140,15 @@ class Cursor {
     return true;
   }
 
-  // A number of exactly `width` units.
-  bool Number(std::uint32_t* value, std::ptrdiff_t width) {
+  // A number of exactly `Width` units.
+  template <std::size_t Width>
+  bool Number(std::uint32_t* value) {
     const char16_t* start = at_;
-    if (BeginsWithDigits(start, static_cast<std::size_t>(width)) && !IsDigitUnit(start[width])) {
-      at_ += width;
-      return ReadPlainField(start, static_cast<std::size_t>(width), value);
+    if (BeginsWithDigits(start, Width) && !IsDigitUnit(start[Width])) {
+      at_ += Width;
+      return ReadDigits(start, value, std::make_index_sequence<Width>());
     }
-    return Number(value) && at_ - start == width;
+    return Number(value) && at_ - start == Width;
   }
 
   // The digits behind the point, as microseconds. There may be none.
@@ -168,7 +174,7 @@ bool ParseZone(Cursor* cursor, Timestamp* timestamp) {
   if (!west && !cursor->Take(u'+')) return false;
   std::uint32_t hours = 0;
   std::uint32_t minutes = 0;
-  if (!cursor->Number(&hours, 2) || !cursor->Take(u':') || !cursor->Number(&minutes, 2))
+  if (!cursor->Number<2>(&hours) || !cursor->Take(u':') || !cursor->Number<2>(&minutes))
     return false;
   const std::uint32_t offset = hours * 60 + minutes;
   timestamp->utcOffset = static_cast<std::int32_t>(west ? 0 - offset : offset);
@@ -176,16 +182,16 @@ bool ParseZone(Cursor* cursor, Timestamp* timestamp) {
 }
 
 bool ParseDate(Cursor* cursor, Timestamp* timestamp) {
-  if (!cursor->Number(&timestamp->year, 4) || !cursor->Take(u'-')) return false;
-  if (!cursor->Number(&timestamp->month, 2) || !cursor->Take(u'-')) return false;
-  if (!cursor->Number(&timestamp->day, 2)) return false;
+  if (!cursor->Number<4>(&timestamp->year) || !cursor->Take(u'-')) return false;
+  if (!cursor->Number<2>(&timestamp->month) || !cursor->Take(u'-')) return false;
+  if (!cursor->Number<2>(&timestamp->day)) return false;
   return !cursor->AtZone() || ParseZone(cursor, timestamp);
 }
 
 bool ParseTime(Cursor* cursor, Timestamp* timestamp) {
-  if (!cursor->Number(&timestamp->hour, 2) || !cursor->Take(u':')) return false;
-  if (!cursor->Number(&timestamp->minute, 2) || !cursor->Take(u':')) return false;
-  if (!cursor->Number(&timestamp->second, 2)) return false;
+  if (!cursor->Number<2>(&timestamp->hour) || !cursor->Take(u':')) return false;
+  if (!cursor->Number<2>(&timestamp->minute) || !cursor->Take(u':')) return false;
+  if (!cursor->Number<2>(&timestamp->second)) return false;
   if (cursor->Take(u'.')) timestamp->microseconds = cursor->Fraction();
   return !cursor->AtZone() || ParseZone(cursor, timestamp);
 }
@@ -367,8 +373,8 @@ int Datetime_ReadField(const char16_t* text, std::size_t position, std::size_t w
 
 int Datetime_ParseFixed(const char16_t* text, CimDatetime* value) {
   if (text == nullptr || value == nullptr) return -1;
-  const char16_t* end = std::find(text, text + kFixedLength, u'\0');
-  if (end != text + kFixedLength || *end != 0 || text[kPointPosition] != u'.') return -1;
+  if (!HasFixedLength(text, std::make_index_sequence<kFixedLength>())) return -1;
+  if (text[kPointPosition] != u'.') return -1;
   switch (text[kSignPosition]) {
     case u'+':
     case u'-':

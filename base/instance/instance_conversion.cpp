@@ -144,7 +144,7 @@ Result ConvertNestedArray(Instance* made, const char16_t* name, std::uint32_t ty
   if (source.data == nullptr || source.size == 0)
     return StoreNestedArray(made, name, type, ArrayValue{});
   std::size_t size = 0;
-  if (Size_Mul(source.size, sizeof(Instance*), &size) != 0) return RESULT_SERVER_LIMITS_EXCEEDED;
+  if (Size_Mul(source.size, sizeof(void*), &size) != 0) return RESULT_SERVER_LIMITS_EXCEEDED;
   auto* table = static_cast<Instance**>(Batch_Alloc(how.batch, size));
   if (table == nullptr) return RESULT_SERVER_LIMITS_EXCEEDED;
 
