@@ -1,4 +1,4 @@
-// malloc behind a gate, and the pages that a thread keeps.
+// malloc behind a gate, and the pages that are kept.
 #include "base/heap.h"
 
 #include <array>
@@ -19,7 +19,7 @@ constexpr std::size_t kKeptPages = 0;
 constexpr std::size_t kKeptPages = 128;
 #endif
 #else
-constexpr std::size_t kKeptPages = 128;  // 128 KiB a thread: the pages of one large message
+constexpr std::size_t kKeptPages = 128;  // 128 KiB: the pages of one large message
 #endif
 
 // Relaxed: the test that arms the gate makes the requests too, or waits for the threads that do.
@@ -33,29 +33,35 @@ bool IsRefused() {
          gFailAt.load(std::memory_order_relaxed);
 }
 
+// A thread that finds them busy takes the heap's road instead: nobody waits here. They aren't kept
+// by thread, since not every runtime ends a thread's own objects before it frees their memory.
 class KeptPages {
  public:
-  KeptPages() = default;
-  KeptPages(const KeptPages&) = delete;
-  KeptPages& operator=(const KeptPages&) = delete;
-  ~KeptPages() {
-    while (void* page = Take()) std::free(page);
-    isOver_ = true;  // objects that live longer than this one may still free pages
+  void* Take() {
+    if (!TryLock()) return nullptr;
+    void* page = count_ == 0 ? nullptr : pages_[--count_];
+    Unlock();
+    return page;
   }
-  void* Take() { return count_ == 0 ? nullptr : pages_[--count_]; }
   bool Keep(void* page) {
-    if (isOver_ || count_ == kKeptPages) return false;
-    pages_[count_++] = page;
-    return true;
+    if (!TryLock()) return false;
+    const bool hasRoom = count_ < kKeptPages;
+    if (hasRoom) pages_[count_++] = page;
+    Unlock();
+    return hasRoom;
   }
 
  private:
+  // Acquire and release: each holder sees what the one before it left.
+  bool TryLock() { return !isBusy_.exchange(true, std::memory_order_acquire); }
+  void Unlock() { isBusy_.store(false, std::memory_order_release); }
+
+  std::atomic<bool> isBusy_{false};
   std::size_t count_ = 0;
-  bool isOver_ = false;
-  std::array<void*, kKeptPages + 1> pages_;  // + 1, since no array is empty
+  std::array<void*, kKeptPages + 1> pages_{};  // + 1, since no array is empty
 };
 
-thread_local KeptPages gKeptPages;
+constinit KeptPages gKeptPages;
 
 }  // namespace
 

@@ -21,8 +21,8 @@ void* Heap_Reallocate(void* block, std::size_t size);
 // Gives a block of the two above back; an empty one does nothing. Any thread.
 void Heap_Free(void* block);
 
-// A block of kPageBlockSize bytes, else as Heap_Allocate: one that this thread has freed, if it has
-// kept any. Heap_Free takes it as well.
+// A block of kPageBlockSize bytes, else as Heap_Allocate: a kept one, if there is any. Heap_Free
+// takes it as well. Any thread.
 void* Heap_AllocatePage();
 
 // Frees a block that has at least kPageBlockSize bytes, whichever operation gave it, or keeps it

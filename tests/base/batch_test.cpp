@@ -116,7 +116,8 @@ TEST_F(BatchTest, AGrownBlockKeepsOtherBytes) {
 }
 
 TEST_F(BatchTest, AShippedPointerLeadsElsewhere) {
-  std::uint8_t sent[100];
+  std::vector<std::uint8_t> sender(2048);  // addresses, as the sender had them
+  std::uint8_t* sent = sender.data() + 8;
   const BatchPageInfo list[] = {{sent, 40}, {sent + 40, 10}, {sent + 50, 1008}};
   Batch* batch = nullptr;
   ASSERT_TRUE(Batch_FromPageSizes(&batch, list, 3));
