@@ -34,6 +34,7 @@ micro kvm
 micro name_search
 micro base64
 micro text
+micro packing
 echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls

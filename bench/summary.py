@@ -18,7 +18,8 @@ IN_UNIT = {"turns": lambda rate: rate / 1e3, "wake": lambda rate: 1e6 / rate,
            "pump": lambda rate: rate / 1e3,
            "name": lambda rate: 1e9 / rate,
            "base64": lambda rate: rate / 1e9, "datetime": lambda rate: 1e9 / rate,
-           "number": lambda rate: 1e9 / rate}
+           "number": lambda rate: 1e9 / rate, "pack": lambda rate: 1e9 / rate,
+           "unpack": lambda rate: 1e9 / rate, "walk": lambda rate: 1e9 / rate}
 COUNTERS = ("p50_us", "p99_us")
 # Between two runs a difference below this says nothing.
 TIE = 0.15

@@ -12,6 +12,7 @@ viewers=(pkg-config libvncserver-dev gvncviewer)
 checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy "${viewers[@]}")
 windows=(g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
+       libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
        socat haproxy nginx libnginx-mod-stream strace)
 
 case "${1:-}" in
