@@ -60,7 +60,7 @@ bool ReadDigits(const char16_t* field, std::uint32_t* value, std::index_sequence
   std::uint32_t number = 0;
   ((number = number * 10 + static_cast<std::uint32_t>(field[Place]) - u'0'), ...);
   *value = number;
-  return (IsDigitUnit(field[Place]) & ...);
+  return (IsDigitUnit(field[Place]) && ...);
 }
 
 // One field of a text of the right length. The table is a constant, so that the width is one too.

@@ -5,10 +5,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "base/heap.h"
+#include "base/log.h"
 #include "tests/base/instance/dynamic_instance.h"
 #include "tests/base/instance/rack_schema.h"
 
@@ -136,6 +141,24 @@ TEST(TypedInstanceTest, AnOctetStringIsMistakenForNumbersOrTheOtherWay) {
     }
     EXPECT_EQ(Instance_Delete(disk), RESULT_OK);
   }
+}
+
+TEST(TypedInstanceTest, ABadOctetStringIsNotReported) {
+  const auto path = std::filesystem::temp_directory_path() /
+                    ("stewardry-octets-" + std::to_string(std::random_device{}()) + ".log");
+  ASSERT_EQ(LibLog_Attach(path.u16string().c_str()), 0);
+  Instance* disk = nullptr;
+  ASSERT_EQ(Instance_Create(&disk, &rack_schema::kDisk, nullptr), RESULT_OK);
+  EXPECT_EQ(Instance_SetFromText(disk, u"Data", u"YW!j", kTextOctetString), RESULT_FAILED);
+  EXPECT_EQ(Instance_Delete(disk), RESULT_OK);
+  LibLog_Detach();
+  std::string lines;
+  {
+    std::ifstream file(path);
+    lines.assign(std::istreambuf_iterator<char>(file), {});
+  }
+  EXPECT_NE(lines.find("Base64Dec failed"), std::string::npos) << lines;
+  std::filesystem::remove(path);
 }
 
 TEST(TypedInstanceTest, ALongOctetStringLosesAChunkOrItsLength) {
