@@ -39,15 +39,19 @@ inline std::uint8_t* Pack_Take(PackBuf* reader, std::uint32_t alignment, std::ui
   return reader->data + start;
 }
 
-// std::memcpy for the few bytes of a name or a short text, without the call.
+// std::memcpy for the few bytes of a name or a short text, without the call: two pieces, which may
+// overlap, from both ends. A loop would cost more in guesses at its last turn.
 inline void Pack_CopyShort(std::uint8_t* to, const void* from, std::size_t bytes) {
-  if (bytes < 8 || bytes > 64) {
-    std::memcpy(to, from, bytes);
-    return;
-  }
   const auto* source = static_cast<const std::uint8_t*>(from);
-  for (std::size_t i = 0; i < bytes - 8; i += 8) std::memcpy(to + i, source + i, 8);
-  std::memcpy(to + bytes - 8, source + bytes - 8, 8);  // the rest, and some of it once more
+  if (bytes < 8 || bytes > 32) {
+    std::memcpy(to, from, bytes);
+  } else if (bytes <= 16) {
+    std::memcpy(to, source, 8);
+    std::memcpy(to + bytes - 8, source + bytes - 8, 8);
+  } else {
+    std::memcpy(to, source, 16);
+    std::memcpy(to + bytes - 16, source + bytes - 16, 16);
+  }
 }
 
 // The length of a text in units, four tests for each turn of the loop.
