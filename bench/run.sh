@@ -31,6 +31,7 @@ micro() {
 micro selector
 micro log
 micro kvm
+micro batch
 micro name_search
 micro base64
 micro text

@@ -3,7 +3,8 @@
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer)
 
 if(STEWARDRY_SANITIZE)
-  add_compile_options(-fsanitize=${STEWARDRY_SANITIZE} -fno-sanitize-recover=all)
+  # A report needs files and lines; variables would double the time of a build.
+  add_compile_options(-fsanitize=${STEWARDRY_SANITIZE} -fno-sanitize-recover=all -g1)
   add_link_options(-fsanitize=${STEWARDRY_SANITIZE})
   # g++ 12 sees this one inside std::regex once a sanitizer has been woven in; plain builds keep it.
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
