@@ -124,7 +124,7 @@ Result PackPresent(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer
   if (type < CIM_STRING) return PackScalar(type, slot, buffer);
   if (type == CIM_STRING) return PackBuf_PutStr(buffer, Pack_Load<const char16_t*>(slot));
   if (CimType_IsArray(type)) return PackArray(type, Pack_Load<ArrayValue>(slot), buffer);
-  return PackNested(Pack_Load<const Instance*>(slot), type, buffer);
+  return PackNested(static_cast<const Instance*>(Pack_Load<const void*>(slot)), type, buffer);
 }
 
 bool IsInstance(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
@@ -135,7 +135,7 @@ Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* 
   if (type >= kCimTypes) return RESULT_FAILED;
   const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Slot(body, property));
   const std::uint8_t present = slot[kElementSizes[type]];
-  if (present != 0 && IsInstance(type) && Pack_Load<const Instance*>(slot) == nullptr)
+  if (present != 0 && IsInstance(type) && Pack_Load<const void*>(slot) == nullptr)
     return RESULT_FAILED;
   if (PackPropertyHead(property, present, buffer) != RESULT_OK) return RESULT_FAILED;
   return present == 0 ? RESULT_OK : PackPresent(type, slot, buffer);

@@ -32,7 +32,7 @@ Result UnpackInstances(Unpacking& call, ArrayValue* array) {
   std::uint32_t count = 0;
   if (Packed_ReadInstanceCount(call.reader, &count) != RESULT_OK) return RESULT_FAILED;
   if (count == 0) return RESULT_OK;
-  auto** table = static_cast<Instance**>(Batch_Alloc(call.batch, count * sizeof(Instance*)));
+  auto** table = static_cast<Instance**>(Batch_Alloc(call.batch, count * sizeof(void*)));
   if (table == nullptr) return RESULT_FAILED;
   for (std::uint32_t i = 0; i < count; ++i) {
     const Result result = UnpackInstance(call, &table[i]);
