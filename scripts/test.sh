@@ -98,6 +98,12 @@ with_reasons() {
         if (match(line, /^(OK|FAILED) .*skipped=[0-9]+/)) {
           sub(/.*skipped=/, "", line); ran -= line + 0; skipped += line + 0
         }
+        # Several cases of one GoogleTest process: "[==========] 9 tests from 2 test suites ran."
+        if (line ~ /^\[=+\] [0-9]+ tests from .* ran\./) {
+          split(line, words, " ")
+          cases = words[2]
+          ran += cases
+        }
         if (line ~ /^Test (Passed|Failed)/ && cases == 0) ++ran
       }
       print "as Windows programs under Wine: " ran + 0 " tests run, " skipped + 0 " skipped"
