@@ -34,6 +34,7 @@ constexpr std::uint32_t kPackCapacity = 16384;
 // of a REFERENCEA or INSTANCEA. RESULT_FAILED when memory fails; for a present REFERENCE or
 // INSTANCE without an instance; and for a present array without data, save a STRINGA, REFERENCEA or
 // INSTANCEA of size 0. After a failure the buffer's content is undefined.
+// Instances more than kMaxPackedDepth inside one another are packed, but not read back.
 Result Instance_Pack(const Instance* instance, bool keysOnly, PackFilter filter, void* filterData,
                      PackBuf* buffer);
 
@@ -44,8 +45,8 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
                             Batch* batch, void** bytes, std::uint32_t* size);
 
 // Reads one instance from the reader's position and makes it a dynamic one in `batch`, or, if that
-// is empty, in one of its own with everything nested in it. Without `copy` texts and arrays are
-// borrowed from the bytes, and each property's flags get FLAG_BORROW; with it they lose it. The
+// is empty, in one of its own with everything nested in it. Without `copy` names, texts and arrays
+// are borrowed from the bytes, and each property's flags get FLAG_BORROW; with it they lose it. The
 // texts of a STRINGA are made pointers in place: bytes that hold one are read once.
 // RESULT_INVALID_PARAMETER for an empty argument, bytes that aren't aligned to 8, a wrong tail, a
 // bad class name or property name; RESULT_ALREADY_EXISTS for a property twice; RESULT_FAILED when
