@@ -68,9 +68,7 @@ struct Arrived {
   }
   Arrived(const Arrived&) = delete;
   Arrived& operator=(const Arrived&) = delete;
-  ~Arrived() {
-    message != nullptr ? Message_Drop(message) : Batch_Destroy(batch);
-  }
+  ~Arrived() { message != nullptr ? Message_Drop(message) : Batch_Destroy(batch); }
   Result Restore(bool skipUnpack = false) {
     return Message_Restore(batch, address, list.data(), list.size(), skipUnpack, &message);
   }
