@@ -84,7 +84,8 @@ std::uint32_t ErrorOf(CURLcode code) {
 std::string UrlOf(const HttpState& state) {
   const bool isIpv6 = state.host.find(':') != std::string::npos && state.host.front() != '[';
   return (state.isSecure ? "https://" : "http://") +
-         (isIpv6 ? "[" + state.host + "]" : state.host) + ":" + std::to_string(state.port) + "/";
+         (isIpv6 ? "[" + state.host + "]" : state.host) + ":" + std::to_string(state.port) +
+         state.path;
 }
 
 // An answer isn't read; this is for what comes before the request is out.
@@ -94,7 +95,7 @@ void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t s
   const long checked = state.trustsAnyone ? 0 : 1;
   curl_easy_setopt(easy, CURLOPT_URL, UrlOf(state).c_str());
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REQUEST_TARGET, state.path.c_str());
+  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
   curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, state.verb.c_str());
   curl_easy_setopt(easy, CURLOPT_USERAGENT, state.agent.c_str());
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
@@ -109,20 +110,22 @@ void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t s
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Discard);
 }
 
-// A resource as it stands in the request line: WinHTTP escapes blanks.
+// A resource as it stands in the request line: WinHTTP escapes blanks. A # would end it in a URL.
 std::string Escaped(const std::string& path) {
   std::string escaped;
-  for (const char c : path) escaped += c == ' ' ? std::string("%20") : std::string(1, c);
+  for (const char c : path)
+    escaped += c == ' ' ? std::string("%20") : c == '#' ? std::string("%23") : std::string(1, c);
   return escaped;
 }
 
-// Everything has been given to the connection.
+// Everything has been given to the connection. What went to a proxy to get there doesn't count.
 bool IsOut(CURL* easy, std::uint32_t size) {
   long head = 0;
-  curl_off_t sent = 0;
+  curl_off_t sent = 0, connectedAt = 0;
   curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &head);
   curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
-  return head > 0 && sent >= curl_off_t{size};
+  curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME_T, &connectedAt);
+  return head > 0 && connectedAt > 0 && sent >= curl_off_t{size};
 }
 
 // Waits for the connection or for the thread's end mark; leaves the thread by the latter.

@@ -1,6 +1,7 @@
 """Indications: what the firmware has to tell reaches a listener that nobody here wrote, Python's
 HTTP server, plain and behind TLS with a certificate that nobody should trust."""
 import http.server
+import os
 import queue
 import socket
 import ssl
@@ -58,7 +59,7 @@ def untrusted(test):
     return context
 
 
-class Indications(LabTest):
+class Subscribed(LabTest):
     def subscribe(self, port, path="/events", scheme="http", host=HOST):
         count = self.log().count("so subscribing to")
         self.orrin.tell("subscribe %s %d %s %s" % (host, port, path, scheme))
@@ -81,6 +82,8 @@ class Indications(LabTest):
         self.assertLessEqual({name for name, _ in headers} - set(given),
                              {"Connection"})  # the layer's own
 
+
+class Indications(Subscribed):
     def test_an_event_reaches_its_listener_altered_or_not_at_all(self):
         self.start_both()
         self.send(EVENT, "Not Posting Indication Alert")  # nobody has subscribed
@@ -129,6 +132,20 @@ class Indications(LabTest):
         self.subscribe(listener.port)
         self.send(EVENT)
         self.assert_posted(listener, "/events", EVENT)
+
+
+class Proxies(Subscribed):
+    def test_a_proxy_is_passed_by_or_asked_for_another_place(self):
+        proxy = Listener(self)
+        os.environ["http_proxy"] = "http://%s:%d" % (HOST, proxy.port)
+        self.addCleanup(os.environ.pop, "http_proxy")
+        self.start_both()
+        self.subscribe(8080, "/a%20b/../c#d", host="console.example")
+        self.send(EVENT)
+        target, _, headers, body = proxy.posts.get(timeout=30)
+        self.assertEqual(target, "http://console.example:8080/a%20b/../c%23d")
+        self.assertEqual(dict(headers)["Host"], "console.example:8080")
+        self.assertEqual(body.decode(), EVENT)
 
 
 if __name__ == "__main__":
