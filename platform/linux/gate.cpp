@@ -25,6 +25,7 @@ struct State {
   std::vector<std::string> trace;
   std::multimap<std::string, Rule> rules;
   std::uint64_t calls = 0;
+  std::vector<std::string> names;  // of those calls
   std::uint64_t failAt = 0;
   std::uint32_t failWith = 0;
   std::string hit;
@@ -49,6 +50,7 @@ std::uint32_t RuleFor(State& gate, const std::string& call) {
 }
 
 std::uint32_t Verdict(State& gate, const std::string& call, const std::string& entry) {
+  gate.names.push_back(call);
   if (++gate.calls == gate.failAt) {
     gate.hit = entry;
     return gate.failWith;
@@ -100,6 +102,7 @@ void Arm() {
   std::lock_guard guard(gate.lock);
   gate.trace.clear();
   gate.rules.clear();
+  gate.names.clear();
   gate.calls = gate.failAt = 0;
   gate.hit.clear();
   gArmed.store(true, std::memory_order_relaxed);
@@ -111,6 +114,7 @@ void FailNth(std::uint64_t n, std::uint32_t error) {
   State& gate = Gate();
   std::lock_guard guard(gate.lock);
   gate.calls = 0;
+  gate.names.clear();
   gate.failAt = n;
   gate.failWith = error;
   gate.hit.clear();
@@ -132,6 +136,12 @@ std::uint64_t Calls() {
   State& gate = Gate();
   std::lock_guard guard(gate.lock);
   return gate.calls;
+}
+
+std::vector<std::string> CallNames() {
+  State& gate = Gate();
+  std::lock_guard guard(gate.lock);
+  return gate.names;
 }
 
 std::string Hit() {

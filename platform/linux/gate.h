@@ -58,8 +58,9 @@ void FailNth(std::uint64_t n, std::uint32_t error);
 // The next call of that name fails, after `skip` that pass; or each one from now on.
 void FailNext(const char* call, std::uint32_t error, std::uint64_t skip = 0);
 void FailEvery(const char* call, std::uint32_t error);
-// Calls that could have failed since Arm or FailNth, whichever was later.
+// Calls that could have failed since Arm or FailNth, whichever was later, and their names in order.
 std::uint64_t Calls();
+std::vector<std::string> CallNames();
 // The call that FailNth hit, with its arguments; empty if it wasn't reached.
 std::string Hit();
 // One "Name(arguments)" for each call since Arm, in their order over all threads.

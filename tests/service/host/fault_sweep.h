@@ -1,18 +1,22 @@
-// The machinery of a fault sweep: a scenario runs once for every platform call in it, with that
-// call failing. Each time is a process of its own, so that a crash, a hang, a leak or a sanitizer's
-// finding is that call's alone.
+// The machinery of a fault sweep: a scenario runs once for each place where it calls the platform,
+// with that call failing. Each time is a process of its own, so that a crash, a hang, a leak or a
+// sanitizer's finding is that call's alone.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <map>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/process.h"
 #include "service/host/control.h"
@@ -37,6 +41,8 @@ enum Outcome {
   kNotWhole = 6,
   kSessionLeft = 7
 };
+
+using Calls = std::vector<std::string>;
 
 inline bool HitIs(const std::string& hit, std::initializer_list<const char*> calls) {
   for (const char* call : calls)
@@ -79,12 +85,12 @@ class Service {
       returned_ = true;
     });
   }
-  // Stops it; false if its body never returns. *hit gets the call that failed, and *calls the
-  // number of calls until then; from then on every call passes.
-  bool Stop(std::string* hit, std::uint64_t* calls) {
+  // Stops it; false if its body never returns. *hit gets the call that failed, and *calls the names
+  // of the calls until then; from then on every call passes.
+  bool Stop(std::string* hit, Calls* calls) {
     SvcCtrlHandler(1, 0, nullptr, nullptr);
     *hit = gate::Hit();
-    *calls = gate::Calls();
+    *calls = gate::CallNames();
     gate::Disarm();
     if (!Join()) return false;
     std::filesystem::remove_all(lab_);
@@ -110,20 +116,37 @@ class Service {
   std::atomic<bool> returned_{false};
 };
 
-// Runs the scenario with its n-th call failing (0: none), and tells how many calls it made.
-using Scenario = Outcome (*)(std::uint64_t failAt, std::uint64_t* calls);
+// Runs the scenario with its n-th call failing (0: none), and tells what it called.
+using Scenario = Outcome (*)(std::uint64_t failAt, Calls* calls);
+
+// One name a line, as far as a pipe takes them without a reader.
+inline void Write(int to, const Calls& calls) {
+  std::string text;
+  for (const std::string& call : calls) text += call + "\n";
+  ASSERT_LT(text.size(), 60'000u);
+  [[maybe_unused]] const ssize_t n = ::write(to, text.data(), text.size());
+}
+
+inline Calls Read(int from) {
+  std::string text(65'536, '\0');
+  const ssize_t size = ::read(from, text.data(), text.size());
+  std::istringstream lines(text.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0));
+  Calls calls;
+  for (std::string line; std::getline(lines, line);) calls.push_back(line);
+  return calls;
+}
 
 // Runs the scenario in a child; its exit status, or -1 if it had to be killed.
-inline int RunInChild(Scenario scenario, std::uint64_t failAt, std::uint64_t* calls) {
+inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
   int ends[2];
   if (::pipe(ends) != 0) return -1;
   std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(ends[0]);
-    std::uint64_t made = 0;
+    Calls made;
     const Outcome outcome = scenario(failAt, &made);
-    [[maybe_unused]] ssize_t n = ::write(ends[1], &made, sizeof made);
+    Write(ends[1], made);
     std::exit(outcome);  // with the leak check
   }
   ::close(ends[1]);
@@ -137,33 +160,47 @@ inline int RunInChild(Scenario scenario, std::uint64_t failAt, std::uint64_t* ca
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
   }
-  std::uint64_t made = 0;
-  if (::read(ends[0], &made, sizeof made) == sizeof made) *calls = made;
+  *calls = Read(ends[0]);
   ::close(ends[0]);
   return status;
 }
 
+// Which calls fail: of those that are made often, as the log's are, the first and the last few and
+// some in between, since the same line of code makes them.
+inline std::vector<std::uint64_t> Choose(const Calls& calls) {
+  constexpr std::size_t kEnds = 3, kBetween = 10;
+  std::map<std::string, std::vector<std::uint64_t>> places;
+  for (std::size_t i = 0; i < calls.size(); ++i) places[calls[i]].push_back(i + 1);
+  std::vector<std::uint64_t> chosen;
+  for (const auto& [name, all] : places)
+    for (std::size_t i = 0; i < all.size(); ++i)
+      if (i < kEnds || i + kEnds >= all.size() || i % kBetween == 0) chosen.push_back(all[i]);
+  std::sort(chosen.begin(), chosen.end());
+  return chosen;
+}
+
 // One part of the kShards of a scenario's sweep. It is whole under AddressSanitizer; elsewhere
-// every eighth call will do.
+// every eighth of the chosen calls will do.
 inline void Sweep(Scenario scenario, int part) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "a failed wait is no synchronisation: the sweep is for AddressSanitizer";
 #endif
 #if defined(__SANITIZE_ADDRESS__)
-  const std::uint64_t step = kShards;
+  const std::size_t step = kShards;
 #else
-  const std::uint64_t step = kShards * 8;
+  const std::size_t step = kShards * 8;
 #endif
   if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
-  std::uint64_t total = 0, ignored = 0, failed = 0;
-  ASSERT_EQ(RunInChild(scenario, 0, &total), 0) << "the scenario itself";
-  for (std::uint64_t n = 1 + static_cast<std::uint64_t>(part); n <= total; n += step) {
-    const int status = RunInChild(scenario, n, &ignored);
-    EXPECT_EQ(status, 0) << "call " << n << (status == -1 ? " hung" : " failed");
-    ++failed;
+  Calls calls, ignored;
+  ASSERT_EQ(RunInChild(scenario, 0, &calls), 0) << "the scenario itself";
+  const std::vector<std::uint64_t> chosen = Choose(calls);
+  std::size_t failed = 0;
+  for (std::size_t i = static_cast<std::size_t>(part); i < chosen.size(); i += step, ++failed) {
+    const int status = RunInChild(scenario, chosen[i], &ignored);
+    EXPECT_EQ(status, 0) << "call " << chosen[i] << (status == -1 ? " hung" : " failed");
   }
-  std::printf("fault sweep, part %d: %llu of %llu calls failed, one at a time\n", part,
-              static_cast<unsigned long long>(failed), static_cast<unsigned long long>(total));
+  std::printf("fault sweep, part %d: %zu of %zu chosen calls failed, one at a time, of %zu\n", part,
+              failed, chosen.size(), calls.size());
 }
 
 }  // namespace stewardry::sweep

@@ -1,5 +1,5 @@
 // The fault sweep of DASH: the service from its start through its report and one DASH exchange to
-// its stop, once for every platform call in it, with that call failing.
+// its stop, once for each platform call that is chosen of it, with that call failing.
 #include <gtest/gtest.h>
 
 #include "tests/service/host/fault_sweep.h"
@@ -26,7 +26,7 @@ bool Exchange(FirmwarePeer* firmware, int waitMs) {
   return false;
 }
 
-Outcome RunScenario(std::uint64_t failAt, std::uint64_t* calls) {
+Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   sweep::Service service;
   platform::gate::FailNth(failAt, 5);
   service.Start();

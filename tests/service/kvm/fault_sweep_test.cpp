@@ -1,6 +1,6 @@
-// The fault sweep of KVM: an enable, a session with bytes both ways and its end, once for every
-// platform call in them, with that call failing. The service runs whole and has started before; its
-// start is swept with DASH.
+// The fault sweep of KVM: an enable, a session with bytes both ways and its end, once for each
+// platform call that is chosen of them, with that call failing. The service runs whole and has
+// started before; its start is swept with DASH.
 #include <gtest/gtest.h>
 
 #include "service/kvm/session.h"
@@ -59,7 +59,7 @@ void EndChildren() {
   }
 }
 
-Outcome RunScenario(std::uint64_t failAt, std::uint64_t* calls) {
+Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   sweep::Service service;
   FirmwarePeer& firmware = service.Firmware();
   firmware.SetAnswer(kRegion, std::string(16, '\1'));
