@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <regex>
 #include <string>
 
@@ -18,9 +19,10 @@ namespace {
 
 class LogTest : public ::testing::Test {
  protected:
-  LogTest() : path_(std::filesystem::temp_directory_path() / "stewardry-log-\u00E4.txt") {
-    std::filesystem::remove(path_);
-  }
+  LogTest()
+      : path_(std::filesystem::temp_directory_path() /
+              (std::filesystem::path(u"stewardry-log-\u00E4-") +=
+               std::to_string(std::random_device{}()))) {}
   ~LogTest() override {
     LibLog_Detach();
     LibLog_SetLevel(LIBLOG_INFO);

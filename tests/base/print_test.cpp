@@ -88,7 +88,9 @@ TEST(Format, ANumberIsPrintedOtherwiseThanByTheRuntime) {
         for (const char letter : std::string("diuoxX"))
           for (const int value : {0, 7, -7, 123456789})
             ExpectAsRuntime((head + letter).c_str(), value);
-        for (const char letter : std::string("feEgGaA"))
+        // The runtime of the Windows build pads %-0a with zeros. C lets '-' win (7.21.6.1 p. 6).
+        const bool hexadecimal = std::string(flags) != "-0";
+        for (const char letter : std::string(hexadecimal ? "feEgGaA" : "feEgG"))
           for (const double value : {0.0, -1.5, 1e-7, 123456.789, 1e300})
             ExpectAsRuntime((head + letter).c_str(), value);
       }

@@ -23,7 +23,7 @@ BANNER = "Quillon Stewardry Service %s started" % os.environ["STEWARDRY_VERSION"
 # Not in any table of the program's: what the DLLs of its tables, or Windows itself, load in turn.
 OTHERS = ("apphelp bcrypt credui cryptbase cryptsp dbghelp dhcpcsvc dnsapi fwpuclnt imm32 mswsock "
           "netapi32 ntmarta profapi rasadhlp secur32 sspicli urlmon uxtheme version "
-          "wbemcomn winhttp winmm wtsapi32").split()
+          "wbemcomn winmm wtsapi32").split()
 NAMES = sorted([*DELAYED, *(name + ".dll" for name in OTHERS)])
 # Wine would take its own DLL instead of most of the planted ones. Windows wouldn't.
 AS_WINDOWS = {name: "n,b" for name in NAMES}
