@@ -132,7 +132,7 @@ std::uint32_t WatchKVMAgent(void*) {
     const std::uint32_t id = gKvmAgentPid.load(std::memory_order_relaxed);
     if (IsProcessRunning(id)) {
       LogInfo("KVM Agent PID: %d", id);
-    } else {
+    } else if (!gStopKVMAgentThread.load(std::memory_order_relaxed)) {
       (void)LaunchKVMAgent();  // tried again in the next turn
       LogInfo("KVM Agent Launched again");
     }

@@ -97,6 +97,7 @@ class HostSide {
   ~HostSide() {
     if (kept_) return;
     const platform::StayInThread stay;
+    StopKVMAgentWatch();
     TerminateAgentOverPipe();
     EndSessionThreads();
     if (gKeyboardMouseReady.load(std::memory_order_relaxed) != 0) GiveRegionBack();
@@ -127,6 +128,7 @@ void ShutDoor() {
 // answer to that may be the enable of the next session, which this end must not undo.
 void EndSession() {
   LogInfo("Finish KVM Session");
+  StopKVMAgentWatch();
   TerminateAgentOverPipe();
   gKvmSessionStatus.Store(kStatusNo);
   EndSessionThreads();

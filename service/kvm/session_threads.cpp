@@ -31,6 +31,10 @@ void EndSessionThread(platform::Thread* thread, std::atomic<bool>* stop, const c
 
 }  // namespace
 
+void StopKVMAgentWatch() {
+  if (*gKvmAgentThread) gStopKVMAgentThread.store(true, std::memory_order_relaxed);
+}
+
 void TerminateKVMAgentThread() {
   EndSessionThread(&*gKvmAgentThread, &gStopKVMAgentThread, "TerminateThread for KVM Agent failed");
 }

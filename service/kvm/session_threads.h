@@ -15,11 +15,15 @@ extern platform::ProcessLifetime<platform::Thread> gKvmAgentThread;
 extern platform::ProcessLifetime<platform::Thread> gKeyboardThread;
 extern platform::ProcessLifetime<platform::Thread> gMouseThread;
 
-// True while the thread of that name shall leave. Set and cleared by the three ends below, read by
+// True while the thread of that name shall leave. Set and cleared by the functions below, read by
 // the thread; relaxed, nothing else is published with it.
 extern std::atomic<bool> gStopKVMAgentThread;
 extern std::atomic<bool> gStopKeyboardThread;
 extern std::atomic<bool> gStopMouseThread;
+
+// Marks the agent's watch to leave, if it runs, before the agent is told to go: the watch would take
+// that for a crash and start another one. TerminateKVMAgentThread follows.
+void StopKVMAgentWatch();
 
 // Each ends its thread and forgets the handle; nothing if there is none. When it returns, the
 // thread has left, or a failure to end it was logged. Not on the thread itself.
