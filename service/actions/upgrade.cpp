@@ -21,7 +21,8 @@ namespace stewardry {
 
 namespace {
 
-struct UpgradeState {
+// One word for the processor, so that an atomic of it needs no lock.
+struct alignas(8) UpgradeState {
   std::uint32_t number = 0;             // of the last notice; the last bit is its place
   std::uint16_t gUpgradePending = 0;    // 1 while the text is on offer
   std::uint16_t gUpgradeReadCount = 0;  // how many times it has been handed out

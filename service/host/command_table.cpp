@@ -25,8 +25,6 @@ void HandleRebootNonDash(const std::uint8_t*, std::uint32_t) { RebootNonDash(); 
 void HandleResume(const std::uint8_t*, std::uint32_t) { ResumeReport(); }
 void HandleVncClose(const std::uint8_t*, std::uint32_t) { FinishKVMSession(); }
 
-constexpr FirmwareHandler kOnlyLogged = nullptr;
-
 // Code, name, line on arrival, whether an empty payload stops it, handler.
 constexpr FirmwareCommand kCommands[] = {
     {ORRIN_TAVRIN_CMD_DASH_DATA, "DASH_DATA", nullptr, true, WriteDASHRXdata},

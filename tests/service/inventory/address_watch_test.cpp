@@ -192,7 +192,7 @@ TEST_F(AddressDumps, AFailedTableIsReadOrNotTold) {
   const std::vector<std::string> lines = ServiceMessages();
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], "GetIpAddrTable failed with error 50");
-  for (const std::uint64_t skip : {0, 1}) {
+  for (const std::uint64_t skip : {0u, 1u}) {
     StartServiceLog();
     FailNext("HeapAlloc", 8, skip);
     EXPECT_EQ(DumpIpAddrTable(), 1U);

@@ -62,7 +62,7 @@ TEST_F(FirmwareLogFaults, TheMemoryBesideTheRingIsTouched) {
 
 TEST_F(FirmwareLogFaults, AFileThatCantBeOpenedTakesTheLinesOutOfTheRing) {
   GuardedRing guarded(true);
-  for (const std::uint64_t opened : {0, 1}) {  // to be emptied, to be written
+  for (const std::uint64_t opened : {0u, 1u}) {  // to be emptied, to be written
     gLogFileCreated = 0;
     UseRing(guarded.Ring(), 3, 9, true);
     gate::FailNext("_fsopen", 5, opened);
