@@ -158,15 +158,6 @@ ClassDef* MakeDynamicDef(Batch* batch, const char16_t* className, std::uint32_t 
 
 }  // namespace
 
-Instance* Instance_Body(Instance* instance) {
-  if (instance == nullptr) return nullptr;
-  return instance->body != nullptr ? instance->body : instance;
-}
-
-const Instance* Instance_Body(const Instance* instance) {
-  return Instance_Body(const_cast<Instance*>(instance));  // comes out const again
-}
-
 bool Instance_IsWrapped(const Instance* instance) { return Instance_Body(instance) != instance; }
 
 Instance* Instance_AllocBody(Batch* batch, std::uint64_t size) {

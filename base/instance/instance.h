@@ -161,8 +161,13 @@ void Instance_Retain(Instance* instance);
 void Instance_Drop(Instance* instance);
 
 // The body of a handle; empty for an empty one.
-Instance* Instance_Body(Instance* instance);
-const Instance* Instance_Body(const Instance* instance);
+inline Instance* Instance_Body(Instance* instance) {
+  if (instance == nullptr) return nullptr;
+  return instance->body != nullptr ? instance->body : instance;
+}
+inline const Instance* Instance_Body(const Instance* instance) {
+  return Instance_Body(const_cast<Instance*>(instance));  // comes out const again
+}
 
 // True for a handle that is not its own body, that is for a dynamic instance.
 bool Instance_IsWrapped(const Instance* instance);

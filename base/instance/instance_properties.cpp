@@ -114,13 +114,14 @@ Result PropertyAt(const Instance* self, std::uint32_t index, const char16_t** na
   const Instance* body = Instance_LiveBody(self);
   if (body == nullptr || index >= body->def->propertyCount) return RESULT_INVALID_PARAMETER;
   const PropertyDef& property = *body->def->properties[index];
+  StoreOut(name, property.name);
+  StoreOut(type, property.type);
+  if (value == nullptr && flags == nullptr) return RESULT_OK;
   bool present = false;
   std::uint8_t slotFlags = 0;
   CimValue unwanted;
   ValueSlot_Read(Instance_Slot(body, property), property.type, value != nullptr ? value : &unwanted,
                  &present, &slotFlags);
-  StoreOut(name, property.name);
-  StoreOut(type, property.type);
   StoreOut(flags, FlagsOf(property, present, slotFlags));
   return RESULT_OK;
 }

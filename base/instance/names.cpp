@@ -1,22 +1,34 @@
 #include "base/instance/names.h"
 
+#include <array>
 #include <string>
 
 namespace stewardry {
 namespace {
 
-constexpr bool IsUpper(char16_t unit) { return unit >= u'A' && unit <= u'Z'; }
-constexpr bool IsLower(char16_t unit) { return unit >= u'a' && unit <= u'z'; }
+// What a unit below 128 may do in a name.
+constexpr std::uint8_t kNothing = 0, kContinues = 1, kStarts = 2;
 
-bool StartsName(char16_t unit) { return IsUpper(unit) || IsLower(unit) || unit == u'_'; }
-bool ContinuesName(char16_t unit) { return StartsName(unit) || (unit >= u'0' && unit <= u'9'); }
+constexpr std::array<std::uint8_t, 128> MakeNameUnits() {
+  std::array<std::uint8_t, 128> units{};
+  for (std::size_t unit = 0; unit < 26; ++unit) units['A' + unit] = units['a' + unit] = kStarts;
+  for (std::size_t unit = '0'; unit <= '9'; ++unit) units[unit] = kContinues;
+  units['_'] = kStarts;
+  return units;
+}
+constexpr std::array<std::uint8_t, 128> kNameUnits = MakeNameUnits();
+
+std::uint8_t UseOf(char16_t unit) { return unit < kNameUnits.size() ? kNameUnits[unit] : kNothing; }
 
 }  // namespace
 
-bool Name_IsValid(const char16_t* name) {
-  if (name == nullptr || !StartsName(*name)) return false;
-  while (ContinuesName(*name)) ++name;
-  return *name == 0;
+bool Name_IsValid(const char16_t* name) { return Name_CodeIfValid(name) != 0; }
+
+std::uint32_t Name_CodeIfValid(const char16_t* name) {
+  if (name == nullptr || UseOf(*name) != kStarts) return 0;
+  const char16_t* end = name + 1;
+  while (UseOf(*end) != kNothing) ++end;
+  return *end == 0 ? Name_CodeOfLength(name, static_cast<std::size_t>(end - name)) : 0;
 }
 
 std::uint32_t Name_Length(const char16_t* name, std::uint32_t code) {

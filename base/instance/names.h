@@ -17,10 +17,20 @@ constexpr std::int64_t kNoIndex = -1;
 // an empty text or pointer.
 bool Name_IsValid(const char16_t* name);
 
+// Name_Code of a name for which Name_IsValid is true, else 0, which is no valid name's code.
+std::uint32_t Name_CodeIfValid(const char16_t* name);
+
 // A-Z as a-z, every other unit as it is: names hold nothing else that has a case, and every
 // platform agrees on these.
 constexpr char16_t Name_Fold(char16_t unit) {
   return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit;
+}
+
+// Name_Code of a text whose length, not 0, is known.
+constexpr std::uint32_t Name_CodeOfLength(const char16_t* name, std::size_t length) {
+  const std::uint32_t first = Name_Fold(static_cast<char16_t>(name[0] & 0xFF));
+  const std::uint32_t last = Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF));
+  return (first << 16) | (last << 8) | static_cast<std::uint32_t>(length);
 }
 
 // The name's code: (first << 16) | (last << 8) | length, with the low bytes of the first and the
@@ -29,10 +39,7 @@ constexpr char16_t Name_Fold(char16_t unit) {
 // expression for a constant name, so that a schema needs no start-up code.
 constexpr std::uint32_t Name_Code(const char16_t* name) {
   if (name == nullptr || *name == 0) return 0;
-  const std::size_t length = std::char_traits<char16_t>::length(name);
-  const std::uint32_t first = Name_Fold(static_cast<char16_t>(name[0] & 0xFF));
-  const std::uint32_t last = Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF));
-  return (first << 16) | (last << 8) | static_cast<std::uint32_t>(length);
+  return Name_CodeOfLength(name, std::char_traits<char16_t>::length(name));
 }
 
 // The length of `name` in units. `code` is the code of the name, or of one that the name is longer

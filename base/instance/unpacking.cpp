@@ -4,6 +4,8 @@
 #include <new>
 
 #include "base/instance/instance_body.h"
+#include "base/instance/names.h"
+#include "base/instance/pack_steps.h"
 #include "base/instance/packing.h"
 
 namespace stewardry {
@@ -57,13 +59,15 @@ Result UnpackValue(Unpacking& call, std::uint32_t type, CimValue* value) {
   return UnpackInstance(call, &value->instance);
 }
 
-// The codes of the names that an instance has so far: a bit that isn't set tells that a name is
-// new. A bit that is set may be another name's.
+// The names that an instance has so far: a bit that isn't set tells that a name is new. A bit that
+// is set may be another name's.
 class NamesSeen {
  public:
-  // False when no name with this code was marked before.
-  bool Mark(std::uint32_t code) {
-    const std::uint32_t hash = (code * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
+  // False when no name like this one was marked before. `code` is the name's.
+  bool Mark(const char16_t* name, std::uint32_t code) {
+    // A code tells neighbours like Port and Part from others only; the second unit tells them apart.
+    const std::uint32_t key = code + (std::uint32_t{Name_Fold(name[1])} << 24);
+    const std::uint32_t hash = (key * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
     std::uint64_t& word = words_[hash / 64];
     const std::uint64_t bit = std::uint64_t{1} << (hash % 64);
     const bool wasSet = (word & bit) != 0;
@@ -118,22 +122,35 @@ Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& proper
   Instance* body = Instance_Body(instance);
   if (body->def->propertyCount >= INSTANCE_MIN_CAPACITY)
     return Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
-  if (!Name_IsValid(property.name)) return RESULT_INVALID_PARAMETER;
-  const std::uint32_t code = Name_Code(property.name);
-  if (seen->Mark(code) && ClassDef_FindProperty(body->def, property.name) != kNoIndex)
+  const std::uint32_t code = Name_CodeIfValid(property.name);
+  if (code == 0) return RESULT_INVALID_PARAMETER;
+  if (seen->Mark(property.name, code) && Names_FindFrom(body->def->properties, 0, body->def->propertyCount,
+                                         property.name, code) != kNoIndex)
     return RESULT_ALREADY_EXISTS;
   return AppendNull(call, body, property, code, flags);
+}
+
+// ValueSlot_Set of a value that is kept as it is, into a dynamic slot that is all zeros. `value`,
+// beyond what its type uses, is zeros too.
+void KeepValue(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::uint8_t flags) {
+  const bool isPointer = type >= CIM_STRING;
+  const bool isEmpty = isPointer && Pack_Load<const void*>(&value) == nullptr;
+  if (isEmpty && !CimType_IsArray(type)) return;
+  static_assert(sizeof value == DYNAMIC_SLOT_SIZE);
+  std::memcpy(static_cast<void*>(slot), &value, sizeof value);
+  auto* bytes = reinterpret_cast<std::uint8_t*>(slot);
+  bytes[kElementSizes[type]] = 1;
+  bytes[kElementSizes[type] + 1] = isPointer && !isEmpty ? flags : 0;
 }
 
 // Instances were built for this very slot, in its batch: with `copy` the slot owns them as if it
 // had copied them.
 Result StoreLast(const Unpacking& call, Instance* body, std::uint32_t type, const CimValue& value) {
   ValueSlot* slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
-  const bool isOwned = call.copy && HoldsInstances(type);
-  const std::uint32_t flags = call.copy && !isOwned ? 0 : FLAG_BORROW;
-  const Result result = ValueSlot_Set(slot, type, &value, flags, body->batch);
-  if (isOwned) reinterpret_cast<std::uint8_t*>(slot)[kElementSizes[type] + 1] = 0;
-  return result;
+  if (call.copy && !HoldsInstances(type))
+    return ValueSlot_Set(slot, type, &value, 0, body->batch);
+  KeepValue(slot, type, value, call.copy ? 0 : SLOT_BORROWED);
+  return RESULT_OK;
 }
 
 Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
@@ -141,6 +158,7 @@ Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
   Result result = Packed_ReadProperty(call.reader, &property);
   if (result != RESULT_OK) return result;
   CimValue value;
+  std::memset(&value, 0, sizeof value);
   if (property.present) result = UnpackValue(call, property.type, &value);
   if (result == RESULT_OK) result = AddNull(call, instance, property, seen);
   if (result != RESULT_OK || !property.present) return result;

@@ -20,9 +20,6 @@ namespace {
 constexpr std::uint8_t kPoison = 0xDD;
 
 std::uint8_t* BytesOf(ValueSlot* slot) { return reinterpret_cast<std::uint8_t*>(slot); }
-const std::uint8_t* BytesOf(const ValueSlot* slot) {
-  return reinterpret_cast<const std::uint8_t*>(slot);
-}
 
 // A slot may lie at any address that its type allows, and a stored value anywhere.
 template <class T>
@@ -34,10 +31,25 @@ T Load(const void* from) {
 
 bool IsInstanceType(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
 
+// std::memset with zeros. CimValue_CopyBytes tells why in pieces of known sizes.
+void Zero(ValueSlot* slot, std::uint32_t type) {
+  std::uint8_t* bytes = BytesOf(slot);
+  const std::size_t size = kSlotSizes[type];
+  if (size >= 8) {
+    std::memset(bytes, 0, 8);
+    if (size > 8) std::memset(bytes + 8, 0, 8);
+    if (size > 16) std::memset(bytes + 16, 0, 8);
+    if (size > 24) std::memset(bytes + 24, 0, kMaxSlotSize - 24);
+  } else {
+    std::memset(bytes, 0, 3);
+    if (size == 4) bytes[3] = 0;
+  }
+}
+
 // Stores the value's bytes and marks the slot as having one.
 void Fill(ValueSlot* slot, std::uint32_t type, const void* value, std::uint8_t flags) {
   const std::size_t size = kElementSizes[type];
-  std::memcpy(BytesOf(slot), value, size);
+  CimValue_CopyBytes(BytesOf(slot), value, size);
   BytesOf(slot)[size] = 1;
   BytesOf(slot)[size + 1] = flags;
 }
@@ -194,7 +206,7 @@ Result StoreInstance(Batch* batch, const Instance* instance, Instance** cell) {
 Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
                      std::uint32_t flags, Batch* batch) {
   if (type >= kCimTypes) return RESULT_OK;  // such a slot has no size
-  std::memset(BytesOf(slot), 0, kSlotSizes[type]);
+  Zero(slot, type);
   if ((flags & FLAG_NULL) != 0 || value == nullptr) return RESULT_OK;
   if (CimType_IsArray(type)) return SetArray(slot, type, value->array, flags, batch);
   if (type >= CIM_STRING) return SetPointer(slot, type, *value, flags, batch);
@@ -231,18 +243,7 @@ void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch) {
 
 void ValueSlot_Clear(ValueSlot* slot, std::uint32_t type, Batch* batch) {
   ValueSlot_Destroy(slot, type, batch);
-  if (type < kCimTypes) std::memset(BytesOf(slot), 0, kSlotSizes[type]);
-}
-
-void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value, bool* present,
-                    std::uint8_t* flags) {
-  *present = false;
-  *flags = 0;
-  if (type >= kCimTypes) return;
-  const std::size_t size = kElementSizes[type];
-  std::memcpy(value, BytesOf(slot), size);
-  *present = BytesOf(slot)[size] != 0;
-  *flags = BytesOf(slot)[size + 1];
+  if (type < kCimTypes) Zero(slot, type);
 }
 
 bool ValueSlot_Equal(const ValueSlot* a, const ValueSlot* b, std::uint32_t type) {
