@@ -72,4 +72,59 @@ Number Pack_Load(const void* bytes) {
   return number;
 }
 
+// What the reader's calls are made of, in a header because a walk is made of nothing else.
+
+template <class Number>
+inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
+  const std::uint8_t* place = Pack_Take(reader, sizeof *value, sizeof *value);
+  if (place == nullptr) return RESULT_FAILED;
+  std::memcpy(value, place, sizeof *value);
+  return RESULT_OK;
+}
+
+// An array of plain elements of `width` bytes, aligned to `alignment`. Elements of 64 bits alone
+// can want an alignment that the count hasn't.
+inline Result Pack_GetElements(PackBuf* reader, std::uint32_t width, std::uint32_t alignment,
+                               void** data, std::uint32_t* count) {
+  const std::uint32_t before = reader->offset;
+  std::uint32_t found = 0;
+  if (Pack_GetNumber(reader, &found) != RESULT_OK) return RESULT_FAILED;
+  void* place = nullptr;
+  if (found != 0) {
+    place = Pack_Take(reader, alignment, std::uint64_t{found} * width);
+    if (place == nullptr) return reader->offset = before, RESULT_FAILED;
+  }
+  *data = place;
+  *count = found;
+  return RESULT_OK;
+}
+
+inline Result Pack_GetText(PackBuf* reader, const char16_t** text, std::uint32_t* length) {
+  const std::uint32_t before = reader->offset;
+  std::uint32_t count = 0;
+  if (Pack_GetNumber(reader, &count) != RESULT_OK) return RESULT_FAILED;
+  if (count == 0) return *text = nullptr, *length = 0, RESULT_OK;
+  // Aligned to 2, since the count before it was aligned to 4.
+  const auto* units = reinterpret_cast<const char16_t*>(
+      Pack_Take(reader, 1, std::uint64_t{count} * sizeof(char16_t)));
+  if (units == nullptr || units[count - 1] != 0) return reader->offset = before, RESULT_FAILED;
+  *text = units;
+  *length = count - 1;
+  return RESULT_OK;
+}
+
+// A scalar value at the alignment of its width; a date and time at that of its words.
+inline Result Pack_GetScalar(PackBuf* reader, std::uint32_t type, CimValue* value) {
+  if (type == CIM_DATETIME) return PackBuf_GetDatetime(reader, &value->datetime);
+  const std::uint32_t width = kElementSizes[type];
+  const std::uint8_t* place = Pack_Take(reader, width, width);
+  if (place == nullptr) return RESULT_FAILED;
+  // Mostly eight bytes follow, of which the low ones are the value: no call to copy a few bytes.
+  if (place + 8 <= reader->data + reader->size)
+    value->uint64 = Pack_Load<std::uint64_t>(place) & (~0ULL >> (64 - 8 * width));
+  else
+    std::memcpy(value, place, width);
+  return RESULT_OK;
+}
+
 }  // namespace stewardry

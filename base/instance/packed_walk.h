@@ -19,6 +19,7 @@
 #include <cstdint>
 
 #include "base/instance/pack_buffer.h"
+#include "base/instance/pack_steps.h"
 
 namespace stewardry {
 
@@ -84,5 +85,42 @@ Result Packed_ReadInstanceCount(PackBuf* reader, std::uint32_t* count);
 
 // The end of an instance. RESULT_INVALID_PARAMETER for another number than INSTANCE_PACK_TAIL.
 Result Packed_ReadTail(PackBuf* reader);
+
+// One comparison with the end covers all that a property begins with: flags and the count of its
+// name, the name, and its type and `present` behind it.
+inline Result Packed_ReadProperty(PackBuf* reader, PackedProperty* property) {
+  constexpr std::uint64_t kBeforeName = 8, kBehindName = 5;
+  const std::uint64_t start = Pack_Align(reader->offset, 4);
+  if (start + kBeforeName > reader->size) return RESULT_FAILED;
+  const std::uint8_t* bytes = reader->data + start;
+  const auto count = Pack_Load<std::uint32_t>(bytes + 4);
+  const std::uint64_t name = std::uint64_t{count} * sizeof(char16_t);
+  const std::uint64_t typeAt = Pack_Align(kBeforeName + name, 4);
+  if (start + typeAt + kBehindName > reader->size) return RESULT_FAILED;
+  const auto* units = reinterpret_cast<const char16_t*>(bytes + kBeforeName);
+  if (count != 0 && units[count - 1] != 0) return RESULT_FAILED;
+  const auto type = Pack_Load<std::uint32_t>(bytes + typeAt);
+  if (type >= kCimTypes) return RESULT_FAILED;
+  property->flags = Pack_Load<std::uint32_t>(bytes);
+  property->name = count == 0 ? nullptr : units;
+  property->type = type;
+  property->present = bytes[typeAt + 4] != 0;
+  reader->offset = static_cast<std::uint32_t>(start + typeAt + kBehindName);
+  return RESULT_OK;
+}
+
+inline Result Packed_ReadValue(PackBuf* reader, std::uint32_t type, CimValue* value) {
+  if (type < CIM_STRING) return Pack_GetScalar(reader, type, value);
+  if (type == CIM_STRING) return PackBuf_GetStr(reader, &value->string);
+  if (type < CIM_BOOLEANA || type > CIM_DATETIMEA) return RESULT_INVALID_PARAMETER;
+  const std::uint32_t width = kElementSizes[CimType_Element(type)];
+  const std::uint32_t alignment = width == 8 ? 8 : 1;  // the count before it has left 4
+  value->array.filler = 0;
+  return Pack_GetElements(reader, width, alignment, &value->array.data, &value->array.size);
+}
+
+inline Result Packed_ReadText(PackBuf* reader, const char16_t** text, std::uint32_t* length) {
+  return Pack_GetText(reader, text, length);
+}
 
 }  // namespace stewardry

@@ -65,7 +65,8 @@ class NamesSeen {
  public:
   // False when no name like this one was marked before. `code` is the name's.
   bool Mark(const char16_t* name, std::uint32_t code) {
-    // A code tells neighbours like Port and Part from others only; the second unit tells them apart.
+    // A code tells neighbours like Port and Part from others only; the second unit tells them
+    // apart.
     const std::uint32_t key = code + (std::uint32_t{Name_Fold(name[1])} << 24);
     const std::uint32_t hash = (key * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
     std::uint64_t& word = words_[hash / 64];
@@ -124,8 +125,9 @@ Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& proper
     return Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
   const std::uint32_t code = Name_CodeIfValid(property.name);
   if (code == 0) return RESULT_INVALID_PARAMETER;
-  if (seen->Mark(property.name, code) && Names_FindFrom(body->def->properties, 0, body->def->propertyCount,
-                                         property.name, code) != kNoIndex)
+  if (seen->Mark(property.name, code) &&
+      Names_FindFrom(body->def->properties, 0, body->def->propertyCount, property.name, code) !=
+          kNoIndex)
     return RESULT_ALREADY_EXISTS;
   return AppendNull(call, body, property, code, flags);
 }
@@ -147,8 +149,7 @@ void KeepValue(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::
 // had copied them.
 Result StoreLast(const Unpacking& call, Instance* body, std::uint32_t type, const CimValue& value) {
   ValueSlot* slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
-  if (call.copy && !HoldsInstances(type))
-    return ValueSlot_Set(slot, type, &value, 0, body->batch);
+  if (call.copy && !HoldsInstances(type)) return ValueSlot_Set(slot, type, &value, 0, body->batch);
   KeepValue(slot, type, value, call.copy ? 0 : SLOT_BORROWED);
   return RESULT_OK;
 }

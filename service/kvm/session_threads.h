@@ -21,8 +21,8 @@ extern std::atomic<bool> gStopKVMAgentThread;
 extern std::atomic<bool> gStopKeyboardThread;
 extern std::atomic<bool> gStopMouseThread;
 
-// Marks the agent's watch to leave, if it runs, before the agent is told to go: the watch would take
-// that for a crash and start another one. TerminateKVMAgentThread follows.
+// Marks the agent's watch to leave, if it runs, before the agent is told to go: the watch would
+// take that for a crash and start another one. TerminateKVMAgentThread follows.
 void StopKVMAgentWatch();
 
 // Each ends its thread and forgets the handle; nothing if there is none. When it returns, the
