@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "platform/error.h"
+#include "platform/linux/descriptor.h"
 #include "platform/linux/errno_map.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
@@ -50,20 +51,6 @@ constexpr Word kWords[] = {
     {"add", kMibAddInstance},
     {"delete", kMibDeleteInstance},
     {"change", kMibParameterNotification},
-};
-
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  ~Descriptor() {
-    if (value_ >= 0) ::close(value_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int Value() const { return value_; }
-
- private:
-  const int value_;
 };
 
 bool HearKernel(int socket) {

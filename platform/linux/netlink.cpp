@@ -12,25 +12,13 @@
 #include <cstring>
 #include <functional>
 
+#include "platform/linux/descriptor.h"
+
 namespace platform {
 
 namespace {
 
 constexpr std::size_t kDumpPart = 65536;  // more than the kernel puts into one answer
-
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  ~Descriptor() {
-    if (value_ >= 0) ::close(value_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int Value() const { return value_; }
-
- private:
-  int value_;
-};
 
 // One message of an answer: its fixed part and the attributes behind it. All reads are copies
 // within its bounds, so neither alignment nor a wrong length matters.
