@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds preset release and runs every benchmark beside its peers with short settings, in less than
+# Builds preset release with the benchmarks and runs every benchmark beside its peers with short settings, in less than
 # four minutes after the build; one table ends the output.
 #   run.sh           builds, then runs
 #   run.sh --built   runs what is built already; STEWARDRY_BIN names another folder of programs
@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 if [ "${1:-}" != --built ]; then
-  options=()
+  options=(-DSTEWARDRY_BENCH=ON)
   command -v ccache >/dev/null && options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   cmake --preset release "${options[@]}" >/dev/null
   cmake --build --preset release --target benches >/dev/null

@@ -56,7 +56,7 @@ prepare() {
   heading "Stewardry: building the service and the firmware simulator"
   local log
   log=$(mktemp)
-  local options=(-DSTEWARDRY_TESTS=OFF -DSTEWARDRY_BENCH=OFF)
+  local options=(-DSTEWARDRY_TESTS=OFF)
   if ! { scripts/setup.sh "$packages" && cmake --preset release -B "$build" "${options[@]}" &&
          cmake --build "$build" -j "$(nproc)" --target "${targets[@]}"; } >"$log" 2>&1; then
     tail -n 40 "$log" >&2
