@@ -56,8 +56,7 @@ prepare() {
   heading "Stewardry: building the service and the firmware simulator"
   local log
   log=$(mktemp)
-  local options=(-DSTEWARDRY_TESTS=OFF)
-  if ! { scripts/setup.sh "$packages" && cmake --preset release -B "$build" "${options[@]}" &&
+  if ! { scripts/setup.sh "$packages" && cmake --preset release -B "$build" &&
          cmake --build "$build" -j "$(nproc)" --target "${targets[@]}"; } >"$log" 2>&1; then
     tail -n 40 "$log" >&2
     rm -f "$log"

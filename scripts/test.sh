@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and tests everything: Linux plain, with AddressSanitizer and UBSan, with ThreadSanitizer,
-# and the Windows programs under Wine. One ctest runs all of it, so its summary ends the output.
+# Builds what users build, and builds and tests everything: Linux plain, with AddressSanitizer and
+# UBSan, with ThreadSanitizer, and the Windows programs under Wine. One ctest runs all of it, so its
+# summary ends the output.
 #   test.sh          everything
 #   test.sh quick    the Linux unit tests only, without sanitizers
 # STEWARDRY_SKIP_WINDOWS=1 leaves the Windows build out, STEWARDRY_SKIP_TIDY=1 clang-tidy.
@@ -45,6 +46,7 @@ esac
 say "looking for what is missing"
 scripts/setup.sh
 
+build release  # what users build; without tests
 presets=(debug asan tsan)
 for preset in "${presets[@]}"; do build "$preset"; done
 

@@ -112,8 +112,8 @@ TEST_F(RfbSessionTest, EachVersionHasItsOwnHandshake) {
 TEST_F(RfbSessionTest, HostileBytesCloseItOnceAndNothingAfterCounts) {
   const Bytes key = {4, 1, 0, 0, 0, 0, 0, 'a'};
   const auto hello = [](std::initializer_list<Bytes> rest) {
-    Bytes all(kVersion38.begin(), kVersion38.end());
-    all.insert(all.end(), {1, 1});
+    Bytes all = {1, 1};
+    all.insert(all.begin(), kVersion38.begin(), kVersion38.end());
     for (const Bytes& part : rest) all.insert(all.end(), part.begin(), part.end());
     return all;
   };

@@ -197,7 +197,7 @@ TEST_F(PackingTest, AResultComesBackUnderTheWrongName) {
     Writer packed;
     ASSERT_EQ(Instance_Pack(fan, false, nullptr, nullptr, &packed), RESULT_OK);
     PackedHead head;
-    PackedProperty property;
+    PackedProperty property{};
     PackBuf reader = {packed.data, packed.size, 0, 0};
     ASSERT_EQ(Packed_ReadHead(&reader, &head), RESULT_OK);
     ASSERT_EQ(Packed_ReadProperty(&reader, &property), RESULT_OK);
