@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 #include "base/instance/instance.h"
 
@@ -31,19 +32,30 @@ T Load(const void* from) {
 
 bool IsInstanceType(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
 
-// std::memset with zeros. CimValue_CopyBytes tells why in pieces of known sizes.
-void Zero(ValueSlot* slot, std::uint32_t type) {
-  std::uint8_t* bytes = BytesOf(slot);
+// Calls piece(offset, size) for the pieces of a slot of this type, each with a size that the
+// compiler knows once all is in line. CimValue_CopyBytes tells why.
+template <class Piece>
+void ForPieces(std::uint32_t type, Piece piece) {
+  using std::integral_constant;
   const std::size_t size = kSlotSizes[type];
-  if (size >= 8) {
-    std::memset(bytes, 0, 8);
-    if (size > 8) std::memset(bytes + 8, 0, 8);
-    if (size > 16) std::memset(bytes + 16, 0, 8);
-    if (size > 24) std::memset(bytes + 24, 0, kMaxSlotSize - 24);
-  } else {
-    std::memset(bytes, 0, 3);
-    if (size == 4) bytes[3] = 0;
+  if (size < 8) {
+    piece(0, integral_constant<std::size_t, 3>());
+    if (size == 4) piece(3, integral_constant<std::size_t, 1>());
+    return;
   }
+  piece(0, integral_constant<std::size_t, 8>());
+  if (size > 8) piece(8, integral_constant<std::size_t, 8>());
+  if (size > 16) piece(16, integral_constant<std::size_t, 8>());
+  if (size > 24) piece(24, integral_constant<std::size_t, kMaxSlotSize - 24>());
+}
+
+void FillSlot(ValueSlot* slot, std::uint32_t type, std::uint8_t byte) {
+  ForPieces(type, [=](std::size_t at, auto size) { std::memset(BytesOf(slot) + at, byte, size); });
+}
+
+void CopySlot(ValueSlot* to, std::uint32_t type, const std::uint8_t* from) {
+  ForPieces(type,
+            [=](std::size_t at, auto size) { std::memcpy(BytesOf(to) + at, from + at, size); });
 }
 
 // Stores the value's bytes and marks the slot as having one.
@@ -206,7 +218,7 @@ Result StoreInstance(Batch* batch, const Instance* instance, Instance** cell) {
 Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
                      std::uint32_t flags, Batch* batch) {
   if (type >= kCimTypes) return RESULT_OK;  // such a slot has no size
-  Zero(slot, type);
+  FillSlot(slot, type, 0);
   if ((flags & FLAG_NULL) != 0 || value == nullptr) return RESULT_OK;
   if (CimType_IsArray(type)) return SetArray(slot, type, value->array, flags, batch);
   if (type >= CIM_STRING) return SetPointer(slot, type, *value, flags, batch);
@@ -222,7 +234,7 @@ Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* val
       ValueSlot_Set(reinterpret_cast<ValueSlot*>(made), type, value, flags, batch);
   if (result != RESULT_OK) return result;
   ValueSlot_Destroy(slot, type, batch);
-  std::memcpy(BytesOf(slot), made, kSlotSizes[type]);
+  CopySlot(slot, type, made);
   return RESULT_OK;
 }
 
@@ -238,12 +250,12 @@ Result ValueSlot_Copy(ValueSlot* destination, std::uint32_t type, const ValueSlo
 void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch) {
   if (type >= kCimTypes) return;
   if (type >= CIM_STRING) ReleaseValue(slot, type, batch);
-  std::memset(BytesOf(slot), kPoison, kSlotSizes[type]);
+  FillSlot(slot, type, kPoison);
 }
 
 void ValueSlot_Clear(ValueSlot* slot, std::uint32_t type, Batch* batch) {
   ValueSlot_Destroy(slot, type, batch);
-  if (type < kCimTypes) Zero(slot, type);
+  if (type < kCimTypes) FillSlot(slot, type, 0);
 }
 
 bool ValueSlot_Equal(const ValueSlot* a, const ValueSlot* b, std::uint32_t type) {
