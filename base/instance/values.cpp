@@ -139,14 +139,15 @@ void* CopyElements(std::uint32_t type, const ArrayValue& array, Batch* batch) {
 
 Result SetArray(ValueSlot* slot, std::uint32_t type, const ArrayValue& array, std::uint32_t flags,
                 Batch* batch) {
-  ArrayValue stored = {nullptr, array.size, 0};
+  CimValue stored;
+  stored.array = {nullptr, array.size, 0};
   if (array.data == nullptr) {
-    stored.size = 0;
+    stored.array.size = 0;
   } else if ((flags & FLAG_BORROW) != 0) {
     return Fill(slot, type, &array, SLOT_BORROWED), RESULT_OK;
   } else if (array.size != 0 || CimType_Element(type) >= CIM_STRING) {
-    stored.data = CopyElements(type, array, batch);
-    if (stored.data == nullptr) return RESULT_FAILED;
+    stored.array.data = CopyElements(type, array, batch);
+    if (stored.array.data == nullptr) return RESULT_FAILED;
   }
   Fill(slot, type, &stored, 0);
   return RESULT_OK;
