@@ -2,6 +2,7 @@
 // where it likes.
 #pragma once
 
+#include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -43,7 +44,8 @@ class AskingProgram {
   // False when the service has hung up already.
   bool Say(const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
-      const ssize_t n = ::send(peer_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      const ssize_t n =
+          TEMP_FAILURE_RETRY(::send(peer_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL));
       if (n <= 0) return false;
       sent += static_cast<std::size_t>(n);
     }
@@ -72,9 +74,10 @@ class AskingProgram {
   }
 
  private:
+  // A signal, such as a fuzzer's alarm, ends no wait: the wait starts anew.
   static bool Comes(int descriptor, int milliseconds) {
     pollfd ready{descriptor, POLLIN, 0};
-    return ::poll(&ready, 1, milliseconds) > 0;
+    return TEMP_FAILURE_RETRY(::poll(&ready, 1, milliseconds)) > 0;
   }
 
   std::string path_;
