@@ -28,13 +28,19 @@ BatchPage* AddBlock(Batch* batch, void* block, std::size_t payload, bool isStand
   return page;
 }
 
+// Blocks of their own are larger than a page, as a rule; those that fit a kept block have one.
+constexpr bool IsBody(std::size_t rounded) {
+  return rounded > kPagePayload && sizeof(BatchPage) + rounded <= kBodyBlockSize;
+}
+
 void* AllocStandalone(Batch* batch, std::size_t rounded) {
-  void* block = Heap_Allocate(sizeof(BatchPage) + rounded);
+  void* block = IsBody(rounded) ? Heap_AllocateKept(kBodyBlockSize)
+                                : Heap_Allocate(sizeof(BatchPage) + rounded);
   return block == nullptr ? nullptr : PayloadOf(AddBlock(batch, block, rounded, true));
 }
 
 void* AllocFromNewPage(Batch* batch, std::size_t rounded) {
-  void* block = Heap_AllocatePage();
+  void* block = Heap_AllocateKept(kPageBlockSize);
   if (block == nullptr) return nullptr;
   BatchPage* page = AddBlock(batch, block, kPagePayload, false);
   batch->nextFree = PayloadOf(page) + rounded;
@@ -45,7 +51,8 @@ void* AllocFromNewPage(Batch* batch, std::size_t rounded) {
 
 // A block that tells the payload of a page has the room of one, whoever made it.
 void FreeBlock(BatchPage* page) {
-  if (!page->standalone && page->size == kPagePayload) return Heap_FreePage(page);
+  if (!page->standalone && page->size == kPagePayload) return Heap_FreeKept(page, kPageBlockSize);
+  if (page->standalone && IsBody(page->size)) return Heap_FreeKept(page, kBodyBlockSize);
   Heap_Free(page);
 }
 
@@ -153,7 +160,7 @@ void Batch_Release(Batch* batch, const void* pointer) {
     if (PayloadOf(page) != pointer) continue;
     if (!page->standalone) return;
     *link = page->next;
-    Heap_Free(page);
+    FreeBlock(page);
     return;
   }
 }

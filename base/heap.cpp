@@ -1,4 +1,4 @@
-// malloc behind a gate, and the pages that are kept.
+// malloc behind a gate, and the blocks that are kept.
 #include "base/heap.h"
 
 #include <array>
@@ -9,17 +9,17 @@ namespace stewardry {
 
 namespace {
 
-// A freed page that is used once more is what a sanitizer must see, so none is kept under one.
+// A freed block that is used once more is what a sanitizer must see, so none is kept under one.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr std::size_t kKeptPages = 0;
+constexpr std::size_t kKeptBlocks = 0;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-constexpr std::size_t kKeptPages = 0;
+constexpr std::size_t kKeptBlocks = 0;
 #else
-constexpr std::size_t kKeptPages = 128;
+constexpr std::size_t kKeptBlocks = 128;
 #endif
 #else
-constexpr std::size_t kKeptPages = 128;  // 128 KiB: the pages of one large message
+constexpr std::size_t kKeptBlocks = 128;  // of each size: the pages of one large message
 #endif
 
 // Relaxed: the test that arms the gate makes the requests too, or waits for the threads that do.
@@ -35,18 +35,18 @@ bool IsRefused() {
 
 // A thread that finds them busy takes the heap's road instead: nobody waits here. They aren't kept
 // by thread, since not every runtime ends a thread's own objects before it frees their memory.
-class KeptPages {
+class KeptBlocks {
  public:
   void* Take() {
     if (!TryLock()) return nullptr;
-    void* page = count_ == 0 ? nullptr : pages_[--count_];
+    void* block = count_ == 0 ? nullptr : blocks_[--count_];
     Unlock();
-    return page;
+    return block;
   }
-  bool Keep(void* page) {
+  bool Keep(void* block) {
     if (!TryLock()) return false;
-    const bool hasRoom = count_ < kKeptPages;
-    if (hasRoom) pages_[count_++] = page;
+    const bool hasRoom = count_ < kKeptBlocks;
+    if (hasRoom) blocks_[count_++] = block;
     Unlock();
     return hasRoom;
   }
@@ -58,10 +58,13 @@ class KeptPages {
 
   std::atomic<bool> isBusy_{false};
   std::size_t count_ = 0;
-  std::array<void*, kKeptPages + 1> pages_{};  // + 1, since no array is empty
+  std::array<void*, kKeptBlocks + 1> blocks_{};  // + 1, since no array is empty
 };
 
-constinit KeptPages gKeptPages;
+constinit KeptBlocks gKeptPages;
+constinit KeptBlocks gKeptBodies;
+
+KeptBlocks& KeptOf(std::size_t size) { return size == kPageBlockSize ? gKeptPages : gKeptBodies; }
 
 }  // namespace
 
@@ -73,14 +76,14 @@ void* Heap_Reallocate(void* block, std::size_t size) {
 
 void Heap_Free(void* block) { std::free(block); }
 
-void* Heap_AllocatePage() {
+void* Heap_AllocateKept(std::size_t size) {
   if (IsRefused()) return nullptr;
-  void* kept = gKeptPages.Take();
-  return kept != nullptr ? kept : std::malloc(kPageBlockSize);
+  void* kept = KeptOf(size).Take();
+  return kept != nullptr ? kept : std::malloc(size);
 }
 
-void Heap_FreePage(void* block) {
-  if (block != nullptr && !gKeptPages.Keep(block)) std::free(block);
+void Heap_FreeKept(void* block, std::size_t size) {
+  if (block != nullptr && !KeptOf(size).Keep(block)) std::free(block);
 }
 
 namespace heap_gate {

@@ -1,6 +1,6 @@
 // The heap behind the library: every block that it takes comes from here and goes back here. So a
-// test can let the n-th request fail, whichever operation makes it, and blocks of one page, of
-// which batches take and free the most, are kept for the next batch of the same thread.
+// test can let the n-th request fail, whichever operation makes it, and blocks of the two sizes
+// that batches take and free the most are kept for the next batch of any thread.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,10 @@
 
 namespace stewardry {
 
-// The size of a batch's page, header included.
+// The sizes of blocks that are kept: a batch's page, header included, and what holds the body of a
+// dynamic instance, for which malloc takes a long road.
 constexpr std::size_t kPageBlockSize = 1024;
+constexpr std::size_t kBodyBlockSize = 1536;
 
 // At least `size` bytes, aligned for any object, not zeroed; empty when there are none. Any thread.
 void* Heap_Allocate(std::size_t size);
@@ -21,13 +23,13 @@ void* Heap_Reallocate(void* block, std::size_t size);
 // Gives a block of the two above back; an empty one does nothing. Any thread.
 void Heap_Free(void* block);
 
-// A block of kPageBlockSize bytes, else as Heap_Allocate: a kept one, if there is any. Heap_Free
-// takes it as well. Any thread.
-void* Heap_AllocatePage();
+// A block of `size` bytes, one of the two above, else as Heap_Allocate: a kept one, if there is
+// any. Heap_Free takes it as well. Any thread.
+void* Heap_AllocateKept(std::size_t size);
 
-// Frees a block that has at least kPageBlockSize bytes, whichever operation gave it, or keeps it
-// for this thread's next page. At its end a thread frees what it keeps.
-void Heap_FreePage(void* block);
+// Frees a block that has at least `size` bytes, one of the two above, whichever operation gave it,
+// or keeps it for the next that asks. Any thread.
+void Heap_FreeKept(void* block, std::size_t size);
 
 // For tests. One scenario at a time; the requests of all threads count.
 namespace heap_gate {
