@@ -6,29 +6,33 @@
 namespace stewardry {
 namespace {
 
-// What a unit below 128 may do in a name.
-constexpr std::uint8_t kNothing = 0, kContinues = 1, kStarts = 2;
-
-constexpr std::array<std::uint8_t, 128> MakeNameUnits() {
+// The units below 128 that names hold, folded to lower case; 0 for the others.
+constexpr std::array<std::uint8_t, 128> MakeFoldedUnits() {
   std::array<std::uint8_t, 128> units{};
-  for (std::size_t unit = 0; unit < 26; ++unit) units['A' + unit] = units['a' + unit] = kStarts;
-  for (std::size_t unit = '0'; unit <= '9'; ++unit) units[unit] = kContinues;
-  units['_'] = kStarts;
+  for (std::uint8_t unit = 'a'; unit <= 'z'; ++unit) units[unit] = units[unit - 'a' + 'A'] = unit;
+  for (std::uint8_t unit = '0'; unit <= '9'; ++unit) units[unit] = unit;
+  units['_'] = '_';
   return units;
 }
-constexpr std::array<std::uint8_t, 128> kNameUnits = MakeNameUnits();
+constexpr std::array<std::uint8_t, 128> kFoldedUnits = MakeFoldedUnits();
 
-std::uint8_t UseOf(char16_t unit) { return unit < kNameUnits.size() ? kNameUnits[unit] : kNothing; }
+std::uint32_t Folded(char16_t unit) { return unit < kFoldedUnits.size() ? kFoldedUnits[unit] : 0; }
+
+constexpr bool IsDigit(std::uint32_t folded) { return folded <= '9'; }  // or 0
 
 }  // namespace
 
 bool Name_IsValid(const char16_t* name) { return Name_CodeIfValid(name) != 0; }
 
 std::uint32_t Name_CodeIfValid(const char16_t* name) {
-  if (name == nullptr || UseOf(*name) != kStarts) return 0;
+  if (name == nullptr) return 0;
+  const std::uint32_t first = Folded(*name);
+  if (IsDigit(first)) return 0;
+  std::uint32_t last = first;
   const char16_t* end = name + 1;
-  while (UseOf(*end) != kNothing) ++end;
-  return *end == 0 ? Name_CodeOfLength(name, static_cast<std::size_t>(end - name)) : 0;
+  for (; const std::uint32_t next = Folded(*end); ++end) last = next;
+  if (*end != 0) return 0;
+  return Name_MakeCode(first, last, static_cast<std::size_t>(end - name));
 }
 
 std::uint32_t Name_Length(const char16_t* name, std::uint32_t code) {

@@ -26,10 +26,8 @@ constexpr char16_t Name_Fold(char16_t unit) {
   return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit;
 }
 
-// Name_Code of a text whose length, not 0, is known.
-constexpr std::uint32_t Name_CodeOfLength(const char16_t* name, std::size_t length) {
-  const std::uint32_t first = Name_Fold(static_cast<char16_t>(name[0] & 0xFF));
-  const std::uint32_t last = Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF));
+// A code's make-up: the first and the last unit, folded, and the length, not 0.
+constexpr std::uint32_t Name_MakeCode(std::uint32_t first, std::uint32_t last, std::size_t length) {
   return (first << 16) | (last << 8) | static_cast<std::uint32_t>(length);
 }
 
@@ -39,7 +37,9 @@ constexpr std::uint32_t Name_CodeOfLength(const char16_t* name, std::size_t leng
 // expression for a constant name, so that a schema needs no start-up code.
 constexpr std::uint32_t Name_Code(const char16_t* name) {
   if (name == nullptr || *name == 0) return 0;
-  return Name_CodeOfLength(name, std::char_traits<char16_t>::length(name));
+  const std::size_t length = std::char_traits<char16_t>::length(name);
+  return Name_MakeCode(Name_Fold(static_cast<char16_t>(name[0] & 0xFF)),
+                       Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF)), length);
 }
 
 // The length of `name` in units. `code` is the code of the name, or of one that the name is longer

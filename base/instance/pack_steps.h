@@ -1,5 +1,6 @@
-// The two steps on which every write to a PackBuf and every read from one rests. Nothing else moves
-// `size` on or `offset`, and nothing else compares with a bound.
+// The steps of packing and unpacking, in a header because packing and a walk are made of little
+// else. Pack_Extend and Pack_Take are the two on which every write to a PackBuf and every read from
+// one rests: little else moves `size` on or `offset`, or compares with a bound.
 #pragma once
 
 #include <cstddef>
@@ -64,6 +65,52 @@ inline std::size_t Pack_TextLength(const char16_t* text) {
   }
 }
 
+// A number at the alignment of its width.
+template <class Number>
+inline Result Pack_PutNumber(PackBuf* buffer, Number value) {
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, sizeof value, sizeof value, &place)) return RESULT_FAILED;
+  std::memcpy(place, &value, sizeof value);
+  return RESULT_OK;
+}
+
+// A count and elements of `width` bytes, as Pack_GetElements reads them. All or nothing: a count
+// without its elements would be read as one.
+inline Result Pack_PutElements(PackBuf* buffer, std::uint32_t width, std::uint32_t alignment,
+                               const void* elements, std::uint32_t count) {
+  if (count != 0 && elements == nullptr) return RESULT_FAILED;
+  const std::uint64_t start = Pack_Align(buffer->size, sizeof count);
+  const std::uint64_t behindCount = start + sizeof count;
+  const std::uint64_t at = (count == 0 ? behindCount : Pack_Align(behindCount, alignment)) - start;
+  const std::uint64_t bytes = std::uint64_t{count} * width;
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, sizeof count, at + bytes, &place)) return RESULT_FAILED;
+  std::memcpy(place, &count, sizeof count);
+  if (count != 0) Pack_CopyShort(place + at, elements, static_cast<std::size_t>(bytes));
+  return RESULT_OK;
+}
+
+// A count of units, `length` units and a terminator.
+inline Result Pack_PutUnits(PackBuf* buffer, const char16_t* units, std::uint32_t length) {
+  const std::uint32_t count = length + 1;
+  const std::uint64_t bytes = std::uint64_t{length} * sizeof(char16_t);
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, 4, sizeof count + bytes + sizeof(char16_t), &place))
+    return RESULT_FAILED;
+  std::memcpy(place, &count, sizeof count);
+  Pack_CopyShort(place + sizeof count, units, static_cast<std::size_t>(bytes));
+  std::memset(place + sizeof count + bytes, 0, sizeof(char16_t));
+  return RESULT_OK;
+}
+
+// A text item; an empty pointer is the count 0.
+inline Result Pack_PutText(PackBuf* buffer, const char16_t* text) {
+  if (text == nullptr) return Pack_PutNumber(buffer, std::uint32_t{0});
+  const std::size_t length = Pack_TextLength(text);
+  if (length >= kMaxPackCapacity) return RESULT_FAILED;
+  return Pack_PutUnits(buffer, text, static_cast<std::uint32_t>(length));
+}
+
 // A number at any address.
 template <class Number>
 Number Pack_Load(const void* bytes) {
@@ -72,7 +119,7 @@ Number Pack_Load(const void* bytes) {
   return number;
 }
 
-// What the reader's calls are made of, in a header because a walk is made of nothing else.
+// What the reader's calls are made of.
 
 template <class Number>
 inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
@@ -113,18 +160,28 @@ inline Result Pack_GetText(PackBuf* reader, const char16_t** text, std::uint32_t
   return RESULT_OK;
 }
 
-// A scalar value at the alignment of its width; a date and time at that of its words.
+// A scalar value at the alignment of its width; a date and time at that of its words. What follows
+// lies where the value ends: a branch on the type lets the processor go on there before it has
+// loaded the type, where a width from a table would be waited for.
 inline Result Pack_GetScalar(PackBuf* reader, std::uint32_t type, CimValue* value) {
-  if (type == CIM_DATETIME) return PackBuf_GetDatetime(reader, &value->datetime);
-  const std::uint32_t width = kElementSizes[type];
-  const std::uint8_t* place = Pack_Take(reader, width, width);
-  if (place == nullptr) return RESULT_FAILED;
-  // Mostly eight bytes follow, of which the low ones are the value: no call to copy a few bytes.
-  if (place + 8 <= reader->data + reader->size)
-    value->uint64 = Pack_Load<std::uint64_t>(place) & (~0ULL >> (64 - 8 * width));
-  else
-    std::memcpy(value, place, width);
-  return RESULT_OK;
+  switch (type) {
+    case CIM_BOOLEAN:
+    case CIM_UINT8:
+    case CIM_SINT8:
+      return Pack_GetNumber(reader, &value->uint8);
+    case CIM_UINT16:
+    case CIM_SINT16:
+    case CIM_CHAR16:
+      return Pack_GetNumber(reader, &value->uint16);
+    case CIM_UINT32:
+    case CIM_SINT32:
+    case CIM_REAL32:
+      return Pack_GetNumber(reader, &value->uint32);
+    case CIM_DATETIME:
+      return PackBuf_GetDatetime(reader, &value->datetime);
+    default:
+      return Pack_GetNumber(reader, &value->uint64);
+  }
 }
 
 }  // namespace stewardry

@@ -1,6 +1,5 @@
 // The writer of a PackBuf: a heap block that doubles, filled from its start.
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstring>
 
@@ -26,14 +25,6 @@ Result Resize(PackBuf* buffer, std::uint32_t capacity) {
   return RESULT_OK;
 }
 
-template <class Number>
-Result PutNumber(PackBuf* buffer, Number value) {
-  std::uint8_t* place = nullptr;
-  if (!Pack_Extend(buffer, sizeof value, sizeof value, &place)) return RESULT_FAILED;
-  std::memcpy(place, &value, sizeof value);
-  return RESULT_OK;
-}
-
 Result PutAligned(PackBuf* buffer, std::uint32_t alignment, const void* bytes,
                   std::uint64_t length) {
   std::uint8_t* place = nullptr;
@@ -46,45 +37,30 @@ Result Align(PackBuf* buffer, std::uint32_t alignment) {
   return PutAligned(buffer, alignment, nullptr, 0);
 }
 
-// An array is put whole or not at all: a count without its elements would be read as one.
 template <class Element>
 Result PutArray(PackBuf* buffer, const Element* elements, std::uint32_t count) {
-  if (count != 0 && elements == nullptr) return RESULT_FAILED;
-  constexpr std::uint32_t kAlignment = std::max<std::uint32_t>(alignof(Element), 1);
-  const std::uint32_t before = buffer->size;
-  if (PutNumber(buffer, count) != RESULT_OK) return RESULT_FAILED;
-  if (count == 0) return RESULT_OK;
-  const std::uint64_t bytes = std::uint64_t{count} * sizeof(Element);
-  const Result result = PutAligned(buffer, kAlignment, elements, bytes);
-  if (result != RESULT_OK) buffer->size = before;
-  return result;
-}
-
-// How many texts have their length kept from the table's making to the copying.
-constexpr std::uint32_t kKeptLengths = 64;
-
-std::uint64_t BytesOf(const char16_t* text) {
-  return (Pack_TextLength(text) + 1) * sizeof(char16_t);
+  return Pack_PutElements(buffer, sizeof(Element), alignof(Element), elements, count);
 }
 
 // The table of offsets and then the texts.
 Result PutTexts(PackBuf* buffer, const char16_t* const* texts, std::uint32_t count) {
-  if (Align(buffer, 8) != RESULT_OK) return RESULT_FAILED;
-  std::array<std::uint64_t, kKeptLengths> kept;
+  const std::uint64_t tableBytes = (std::uint64_t{count} + 1) * sizeof(std::uint64_t);
+  std::uint8_t* table = nullptr;
+  std::uint8_t* place = nullptr;
+  if (!Pack_Extend(buffer, 8, tableBytes, &table)) return RESULT_FAILED;
   std::uint64_t end = 0;
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (texts[i] == nullptr || PutNumber(buffer, end) != RESULT_OK) return RESULT_FAILED;
-    const std::uint64_t bytes = BytesOf(texts[i]);
-    if (i < kKeptLengths) kept[i] = bytes;
-    end += bytes;
+    if (texts[i] == nullptr) return RESULT_FAILED;
+    std::memcpy(table + i * sizeof end, &end, sizeof end);
+    end += (Pack_TextLength(texts[i]) + 1) * sizeof(char16_t);
   }
-  std::uint8_t* place = nullptr;
-  if (PutNumber(buffer, end) != RESULT_OK || !Pack_Extend(buffer, 1, end, &place))
-    return RESULT_FAILED;
+  std::memcpy(table + count * sizeof end, &end, sizeof end);
+  if (!Pack_Extend(buffer, 1, end, &place)) return RESULT_FAILED;
+  table = place - tableBytes;  // where it is now
   for (std::uint32_t i = 0; i < count; ++i) {
-    const auto bytes = static_cast<std::size_t>(i < kKeptLengths ? kept[i] : BytesOf(texts[i]));
-    Pack_CopyShort(place, texts[i], bytes);
-    place += bytes;
+    const auto from = Pack_Load<std::uint64_t>(table + i * sizeof end);
+    const auto to = Pack_Load<std::uint64_t>(table + (i + 1) * sizeof end);
+    Pack_CopyShort(place + from, texts[i], static_cast<std::size_t>(to - from));
   }
   return RESULT_OK;
 }
@@ -112,10 +88,16 @@ BatchPage* PackBuf_TakeBlock(PackBuf* buffer) {
   return block;
 }
 
-Result PackBuf_PutU8(PackBuf* buffer, std::uint8_t value) { return PutNumber(buffer, value); }
-Result PackBuf_PutU16(PackBuf* buffer, std::uint16_t value) { return PutNumber(buffer, value); }
-Result PackBuf_PutU32(PackBuf* buffer, std::uint32_t value) { return PutNumber(buffer, value); }
-Result PackBuf_PutU64(PackBuf* buffer, std::uint64_t value) { return PutNumber(buffer, value); }
+Result PackBuf_PutU8(PackBuf* buffer, std::uint8_t value) { return Pack_PutNumber(buffer, value); }
+Result PackBuf_PutU16(PackBuf* buffer, std::uint16_t value) {
+  return Pack_PutNumber(buffer, value);
+}
+Result PackBuf_PutU32(PackBuf* buffer, std::uint32_t value) {
+  return Pack_PutNumber(buffer, value);
+}
+Result PackBuf_PutU64(PackBuf* buffer, std::uint64_t value) {
+  return Pack_PutNumber(buffer, value);
+}
 
 Result PackBuf_Align4(PackBuf* buffer) { return Align(buffer, 4); }
 Result PackBuf_Align8(PackBuf* buffer) { return Align(buffer, 8); }
@@ -124,24 +106,11 @@ Result PackBuf_PutRaw(PackBuf* buffer, const void* bytes, std::uint32_t length) 
   return PutAligned(buffer, 1, bytes, length);
 }
 
-Result PackBuf_PutStr(PackBuf* buffer, const char16_t* text) {
-  if (text == nullptr) return PutNumber(buffer, std::uint32_t{0});
-  const std::size_t length = Pack_TextLength(text);
-  if (length >= kMaxPackCapacity) return RESULT_FAILED;
-  return PackBuf_PutStrLen(buffer, text, static_cast<std::uint32_t>(length));
-}
+Result PackBuf_PutStr(PackBuf* buffer, const char16_t* text) { return Pack_PutText(buffer, text); }
 
 Result PackBuf_PutStrLen(PackBuf* buffer, const char16_t* text, std::uint32_t length) {
-  if (text == nullptr) return PutNumber(buffer, std::uint32_t{0});
-  const std::uint32_t count = length + 1;
-  const std::uint64_t bytes = std::uint64_t{length} * sizeof(char16_t);
-  std::uint8_t* place = nullptr;
-  if (!Pack_Extend(buffer, 4, sizeof count + bytes + sizeof(char16_t), &place))
-    return RESULT_FAILED;
-  std::memcpy(place, &count, sizeof count);
-  Pack_CopyShort(place + sizeof count, text, static_cast<std::size_t>(bytes));
-  std::memset(place + sizeof count + bytes, 0, sizeof(char16_t));
-  return RESULT_OK;
+  return text == nullptr ? Pack_PutNumber(buffer, std::uint32_t{0})
+                         : Pack_PutUnits(buffer, text, length);
 }
 
 Result PackBuf_PutU8A(PackBuf* buffer, const std::uint8_t* elements, std::uint32_t count) {
@@ -167,7 +136,7 @@ Result PackBuf_PutDatetimeA(PackBuf* buffer, const CimDatetime* elements, std::u
 Result PackBuf_PutStrA(PackBuf* buffer, const char16_t* const* texts, std::uint32_t count) {
   if (count != 0 && texts == nullptr) return RESULT_FAILED;
   const std::uint32_t before = buffer->size;
-  if (PutNumber(buffer, count) != RESULT_OK) return RESULT_FAILED;
+  if (Pack_PutNumber(buffer, count) != RESULT_OK) return RESULT_FAILED;
   const Result result = count == 0 ? RESULT_OK : PutTexts(buffer, texts, count);
   if (result != RESULT_OK) buffer->size = before;
   return result;

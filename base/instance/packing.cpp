@@ -39,47 +39,32 @@ std::uint32_t LengthOf(const char16_t* name, std::uint32_t code) {
   return name[known] == 0 ? known : Name_Length(name, code);
 }
 
-// Flags, name, type and `present` of a property, with one look at the room there is.
-Result PackPropertyHead(const PropertyDef& property, std::uint8_t present, PackBuf* buffer) {
+// Flags, name, type and `present` of a property, and behind them a number's `width` bytes, in one
+// extension of the buffer. `width` is 0 when no number follows.
+Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uint8_t present,
+                std::uint32_t width, PackBuf* buffer) {
   const char16_t* name = NameOf(property);
   const std::uint32_t count = LengthOf(name, property.nameCode) + 1;
   const std::uint64_t nameBytes = std::uint64_t{count} * sizeof(char16_t);
   const std::uint64_t typeAt = Pack_Align(8 + nameBytes, 4);
+  const std::uint64_t start = Pack_Align(buffer->size, 4);
+  const std::uint64_t valueAt = Pack_Align(start + typeAt + 5, width == 0 ? 1 : width) - start;
   std::uint8_t* place = nullptr;
-  if (!Pack_Extend(buffer, 4, typeAt + 5, &place)) return RESULT_FAILED;
+  if (!Pack_Extend(buffer, 4, valueAt + width, &place)) return RESULT_FAILED;
   std::memcpy(place, &property.flags, 4);
   std::memcpy(place + 4, &count, 4);
   Pack_CopyShort(place + 8, name, static_cast<std::size_t>(nameBytes));
   std::memcpy(place + typeAt, &property.type, 4);
   place[typeAt + 4] = present;
-  return RESULT_OK;
-}
-
-// The slot's value, of the width of Number.
-template <class Number>
-Result PackNumber(const std::uint8_t* slot, PackBuf* buffer) {
-  std::uint8_t* place = nullptr;
-  if (!Pack_Extend(buffer, sizeof(Number), sizeof(Number), &place)) return RESULT_FAILED;
-  std::memcpy(place, slot, sizeof(Number));
+  if (width != 0) CimValue_CopyBytes(place + valueAt, value, width);
   return RESULT_OK;
 }
 
 // By the width of the elements; signed and floating-point ones have the form of unsigned ones.
 Result PackPlainArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   if (array.data == nullptr) return RESULT_FAILED;
-  const std::uint32_t element = CimType_Element(type);
-  if (element == CIM_DATETIME)
-    return PackBuf_PutDatetimeA(buffer, static_cast<CimDatetime*>(array.data), array.size);
-  switch (kElementSizes[element]) {
-    case 1:
-      return PackBuf_PutU8A(buffer, static_cast<std::uint8_t*>(array.data), array.size);
-    case 2:
-      return PackBuf_PutU16A(buffer, static_cast<std::uint16_t*>(array.data), array.size);
-    case 4:
-      return PackBuf_PutU32A(buffer, static_cast<std::uint32_t*>(array.data), array.size);
-    default:
-      return PackBuf_PutU64A(buffer, static_cast<std::uint64_t*>(array.data), array.size);
-  }
+  const std::uint32_t width = kElementSizes[CimType_Element(type)];
+  return Pack_PutElements(buffer, width, width == 8 ? 8 : 1, array.data, array.size);
 }
 
 Result PackInstance(const Instance* instance, const Selection& selection, PackBuf* buffer);
@@ -91,27 +76,11 @@ Result PackNested(const Instance* instance, std::uint32_t type, PackBuf* buffer)
 
 Result PackNestedArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   if (array.size != 0 && array.data == nullptr) return RESULT_FAILED;
-  Result result = PackBuf_PutU32(buffer, array.size);
+  Result result = Pack_PutNumber(buffer, array.size);
   const auto* instances = static_cast<const Instance* const*>(array.data);
   for (std::uint32_t i = 0; i < array.size && result == RESULT_OK; ++i)
     result = PackNested(instances[i], type, buffer);
   return result;
-}
-
-Result PackScalar(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
-  switch (kElementSizes[type]) {
-    case 1:
-      return PackNumber<std::uint8_t>(slot, buffer);
-    case 2:
-      return PackNumber<std::uint16_t>(slot, buffer);
-    case 4:
-      return PackNumber<std::uint32_t>(slot, buffer);
-    case 8:
-      return PackNumber<std::uint64_t>(slot, buffer);
-    default:
-      const auto value = Pack_Load<CimDatetime>(slot);
-      return PackBuf_PutDatetime(buffer, &value);
-  }
 }
 
 Result PackArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
@@ -120,35 +89,41 @@ Result PackArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   return PackBuf_PutStrA(buffer, static_cast<const char16_t**>(array.data), array.size);
 }
 
-Result PackPresent(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
-  if (type < CIM_STRING) return PackScalar(type, slot, buffer);
-  if (type == CIM_STRING) return PackBuf_PutStr(buffer, Pack_Load<const char16_t*>(slot));
+// A value of another type than those of numbers.
+Result PackValue(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
+  if (type == CIM_STRING) return Pack_PutText(buffer, Pack_Load<const char16_t*>(slot));
   if (CimType_IsArray(type)) return PackArray(type, Pack_Load<ArrayValue>(slot), buffer);
-  return PackNested(static_cast<const Instance*>(Pack_Load<const void*>(slot)), type, buffer);
+  if (type == CIM_DATETIME) {
+    const auto value = Pack_Load<CimDatetime>(slot);
+    return PackBuf_PutDatetime(buffer, &value);
+  }
+  const auto* nested = Pack_Load<const Instance*>(slot);
+  return nested == nullptr ? RESULT_FAILED : PackNested(nested, type, buffer);
 }
-
-bool IsInstance(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
 
 // The property's head, and the value of its slot unless `present` is 0.
 Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* buffer) {
   const std::uint32_t type = property.type;
   if (type >= kCimTypes) return RESULT_FAILED;
   const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Slot(body, property));
-  const std::uint8_t present = slot[kElementSizes[type]];
-  if (present != 0 && IsInstance(type) && Pack_Load<const void*>(slot) == nullptr)
-    return RESULT_FAILED;
-  if (PackPropertyHead(property, present, buffer) != RESULT_OK) return RESULT_FAILED;
-  return present == 0 ? RESULT_OK : PackPresent(type, slot, buffer);
+  const std::uint32_t size = kElementSizes[type];
+  const std::uint8_t present = slot[size];
+  const bool isNumber = type < CIM_DATETIME;
+  const std::uint32_t width = present != 0 && isNumber ? size : 0;
+  if (PackHead(property, slot, present, width, buffer) != RESULT_OK) return RESULT_FAILED;
+  return present == 0 || isNumber ? RESULT_OK : PackValue(type, slot, buffer);
 }
 
 // The properties, and before them how many they are, which only the last of them tells: a filter is
 // asked once about each.
 Result PackProperties(const Instance* body, const Selection& selection, PackBuf* buffer) {
-  if (PackBuf_PutU32(buffer, 0) != RESULT_OK) return RESULT_FAILED;
+  if (Pack_PutNumber(buffer, std::uint32_t{0}) != RESULT_OK) return RESULT_FAILED;
   const std::uint32_t countAt = buffer->size - static_cast<std::uint32_t>(sizeof(std::uint32_t));
   std::uint32_t count = 0;
-  for (std::uint32_t i = 0; i < body->def->propertyCount; ++i) {
-    const PropertyDef& property = *body->def->properties[i];
+  const PropertyDef* const* properties = body->def->properties;
+  const std::uint32_t propertyCount = body->def->propertyCount;
+  for (std::uint32_t i = 0; i < propertyCount; ++i) {
+    const PropertyDef& property = *properties[i];
     if (!selection.Takes(property)) continue;
     const Result result = PackProperty(body, property, buffer);
     if (result != RESULT_OK) return result;
@@ -162,13 +137,13 @@ Result PackInstance(const Instance* instance, const Selection& selection, PackBu
   const Instance* body = Instance_LiveBody(instance);
   if (body == nullptr) return RESULT_INVALID_PARAMETER;
   const ClassDef& def = *body->def;
-  if (PackBuf_PutU32(buffer, INSTANCE_PACK_HEAD) != RESULT_OK ||
-      PackBuf_PutU32(buffer, def.flags) != RESULT_OK ||
+  if (Pack_PutNumber(buffer, INSTANCE_PACK_HEAD) != RESULT_OK ||
+      Pack_PutNumber(buffer, def.flags) != RESULT_OK ||
       PackBuf_PutStrLen(buffer, def.name, Name_Length(def.name, def.nameCode)) != RESULT_OK ||
-      PackBuf_PutStr(buffer, body->namespaceName) != RESULT_OK)
+      Pack_PutText(buffer, body->namespaceName) != RESULT_OK)
     return RESULT_FAILED;
   const Result result = PackProperties(body, selection, buffer);
-  return result == RESULT_OK ? PackBuf_PutU32(buffer, INSTANCE_PACK_TAIL) : result;
+  return result == RESULT_OK ? Pack_PutNumber(buffer, INSTANCE_PACK_TAIL) : result;
 }
 
 }  // namespace

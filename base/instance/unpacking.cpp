@@ -67,7 +67,7 @@ class NamesSeen {
   bool Mark(const char16_t* name, std::uint32_t code) {
     // A code tells neighbours like Port and Part from others only; the second unit tells them
     // apart.
-    const std::uint32_t key = code + (std::uint32_t{Name_Fold(name[1])} << 24);
+    const std::uint32_t key = code + ((name[1] | 0x20u) << 24);  // in one case
     const std::uint32_t hash = (key * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
     std::uint64_t& word = words_[hash / 64];
     const std::uint64_t bit = std::uint64_t{1} << (hash % 64);
@@ -98,7 +98,7 @@ PropertyDef* TakeRecord(Unpacking& call) {
 // AddProperty without a value, into a body that has room, of a name that is valid and new. A name
 // is borrowed like a text.
 Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& property,
-                  std::uint32_t nameCode, std::uint32_t flags) {
+                  std::uint32_t nameCode, std::uint32_t flags, ValueSlot** slot) {
   ClassDef* def = Instance_PrivateDef(body);
   PropertyDef* record = TakeRecord(call);
   if (record == nullptr) return RESULT_FAILED;
@@ -110,26 +110,37 @@ Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& propert
   record->offset = static_cast<std::uint32_t>(DynamicBodySize(def->propertyCount));
   const_cast<const PropertyDef**>(def->properties)[def->propertyCount++] = record;
   def->size += DYNAMIC_SLOT_SIZE;  // the slot is zero since the body was made
+  *slot = Instance_Slot(body, *record);
+  return RESULT_OK;
+}
+
+Result AppendNullAnywhere(Instance* instance, const PackedProperty& property, std::uint32_t flags,
+                          ValueSlot** slot) {
+  const Result result =
+      Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
+  if (result != RESULT_OK) return result;
+  Instance* body = Instance_Body(instance);  // it may have moved
+  *slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
   return RESULT_OK;
 }
 
 // Adds the property as a null. Those that the first body has room for, which are all of most
 // instances, have a shorter way than AddProperty, with the same results.
-Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& property,
-               NamesSeen* seen) {
+Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& property, NamesSeen* seen,
+               ValueSlot** slot) {
   // What the bytes say of borrowing doesn't count: it is how the sender's instance was made.
   std::uint32_t flags = property.flags & ~FLAG_BORROW;
   if (!call.copy) flags |= FLAG_BORROW;
   Instance* body = Instance_Body(instance);
   if (body->def->propertyCount >= INSTANCE_MIN_CAPACITY)
-    return Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
+    return AppendNullAnywhere(instance, property, flags, slot);
   const std::uint32_t code = Name_CodeIfValid(property.name);
   if (code == 0) return RESULT_INVALID_PARAMETER;
   if (seen->Mark(property.name, code) &&
       Names_FindFrom(body->def->properties, 0, body->def->propertyCount, property.name, code) !=
           kNoIndex)
     return RESULT_ALREADY_EXISTS;
-  return AppendNull(call, body, property, code, flags);
+  return AppendNull(call, body, property, code, flags, slot);
 }
 
 // ValueSlot_Set of a value that is kept as it is, into a dynamic slot that is all zeros. `value`,
@@ -147,9 +158,8 @@ void KeepValue(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::
 
 // Instances were built for this very slot, in its batch: with `copy` the slot owns them as if it
 // had copied them.
-Result StoreLast(const Unpacking& call, Instance* body, std::uint32_t type, const CimValue& value) {
-  ValueSlot* slot = Instance_Slot(body, *body->def->properties[body->def->propertyCount - 1]);
-  if (call.copy && !HoldsInstances(type)) return ValueSlot_Set(slot, type, &value, 0, body->batch);
+Result Store(const Unpacking& call, ValueSlot* slot, std::uint32_t type, const CimValue& value) {
+  if (call.copy && !HoldsInstances(type)) return ValueSlot_Set(slot, type, &value, 0, call.batch);
   KeepValue(slot, type, value, call.copy ? 0 : SLOT_BORROWED);
   return RESULT_OK;
 }
@@ -160,10 +170,11 @@ Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
   if (result != RESULT_OK) return result;
   CimValue value;
   std::memset(&value, 0, sizeof value);
+  ValueSlot* slot = nullptr;
   if (property.present) result = UnpackValue(call, property.type, &value);
-  if (result == RESULT_OK) result = AddNull(call, instance, property, seen);
+  if (result == RESULT_OK) result = AddNull(call, instance, property, seen, &slot);
   if (result != RESULT_OK || !property.present) return result;
-  return StoreLast(call, Instance_Body(instance), property.type, value);
+  return Store(call, slot, property.type, value);
 }
 
 Result UnpackContent(Unpacking& call, const PackedHead& head, Instance* instance) {
