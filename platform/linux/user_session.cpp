@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -91,6 +92,10 @@ std::vector<pid_t>& Abandoned() {
 
 bool Reap(pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; }
 
+// Of a child that has ended. Someone who traces it, such as a leak check at its end, may keep it
+// from its parent for a moment.
+void AwaitAndReap(pid_t child) { (void)TEMP_FAILURE_RETRY(::waitpid(child, nullptr, 0)); }
+
 void ReapAbandoned() {
   const std::lock_guard guard(gAbandonedLock);
   std::erase_if(Abandoned(), Reap);
@@ -159,13 +164,13 @@ bool Process32Next(const ProcessSnapshot& snapshot, ProcessEntry* entry) {
 
 void CloseProcess(RawHandle raw) {
   gate::Note("CloseHandle");
-  auto* record = static_cast<ProcessRecord*>(raw);
+  const std::unique_ptr<ProcessRecord> record(static_cast<ProcessRecord*>(raw));
+  const bool hasEnded = HasEnded(*record);
   ::close(record->descriptor);
-  if (record->isChild && !Reap(record->id)) {
-    const std::lock_guard guard(gAbandonedLock);
-    Abandoned().push_back(record->id);
-  }
-  delete record;
+  if (!record->isChild) return;
+  if (hasEnded) return AwaitAndReap(record->id);
+  const std::lock_guard guard(gAbandonedLock);
+  Abandoned().push_back(record->id);
 }
 
 Process OpenProcess(std::uint32_t access, std::uint32_t processId) {
