@@ -117,15 +117,15 @@ class WineLabTest(LabTest):
             super()._close()
 
     def end_programs(self):
-        """Ends what runs under Wine while the firmware holds its breath: the cancel of a request that
-        is answered after its program's end reaches Wine's driver host all the same, which writes to
-        the request's freed memory and sooner or later dies of it."""
+        """Ends what runs under Wine one after the other, while the firmware holds its breath. The
+        cancel of a request that is answered after its program's end reaches Wine's driver host all
+        the same, which writes to the request's freed memory and sooner or later dies of it."""
         firmwares = [p.child for p in self.processes if isinstance(p, Orrin) and p.is_running]
         for firmware in firmwares:
             firmware.send_signal(signal.SIGSTOP)
-        time.sleep(0.1)  # the bridge passes on what it has heard so far
         for process in reversed(self.processes):
-            if isinstance(process, WineProcess):
+            if isinstance(process, WineProcess) and process.is_running:
+                time.sleep(0.1)  # the driver passes on what it has heard of the one before
                 process.end()
         for firmware in firmwares:
             firmware.send_signal(signal.SIGCONT)
