@@ -62,7 +62,11 @@ trap leave EXIT
 if [ "${STEWARDRY_SKIP_WINDOWS:-}" = 1 ]; then
   say "skipped: preset windows, STEWARDRY_SKIP_WINDOWS is 1"
 else
-  build windows -DCMAKE_CROSSCOMPILING_EMULATOR="$(command -v wine)"
+  emulator=$(command -v wine)
+  # Without random addresses, where the system allows it: Wine wants one page at a fixed address, and
+  # one start in some thousands finds its heap there.
+  if setarch -R true 2>/dev/null; then emulator="setarch;-R;$emulator"; fi
+  build windows -DCMAKE_CROSSCOMPILING_EMULATOR="$emulator"
   presets+=(windows)
   prefix=$(mktemp -d)
   export WINEPREFIX=$prefix WINEDEBUG=-all WINEARCH=win64 DISPLAY=
