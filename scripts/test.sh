@@ -114,8 +114,11 @@ with_reasons() {
       }
       print "as Windows programs under Wine: " ran + 0 " tests run, " skipped + 0 " skipped"
     }
-    /^[0-9]+% tests passed/ { reasons(); print "" }
-    { print; fflush() }'
+    # The log is whole once ctest has ended; the summary waits for it.
+    /^[0-9]+% tests passed/ { held = 1 }
+    held { summary = summary $0 "\n"; next }
+    { print; fflush() }
+    END { reasons(); printf "\n%s", summary }'
 }
 tests=0
 # Most tests wait most of the time, so twice as many run as there are processors.

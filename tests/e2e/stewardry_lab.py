@@ -94,6 +94,12 @@ class Process:
         found = until(lambda: self.text().find(text, after) + 1, repr(text))
         return found - 1 + len(text)
 
+    def saw_all(self, texts, after=0):
+        """Waits until the output behind an offset holds the texts in their order. What a program
+        has caused may be seen before what it says of it."""
+        for text in texts:
+            after = self.saw(text, after)
+
     def exit_code(self):
         """Waits for the program's own end."""
         return self.child.wait(PATIENCE)

@@ -136,7 +136,7 @@ class Report(WineLabTest):
         self.assertEqual(told["os"]["hostName"].upper(), host.upper())
         self.assertEqual([told["serviceStatus"], told["networkStatus"], told["serviceVersion"]],
                          [1, 1, "1.0.0.533"])
-        self.assert_order(self.orrin.text(), [
+        self.orrin.saw_all([
             "GetOrrinStatus", "WriteTavrinStatus: the service is up (1)", "WriteOsInfo",
             "GetTavrinVersion", "SendSystemBooted", "WriteNwInfo"])
         self.assertIn(BANNER + "Microsoft Windows " + version, self.log())
@@ -205,8 +205,7 @@ class Power(WineLabTest):
                 answer = curl("/wsman", data=request).decode()
                 self.assertIn("<p:ReturnValue>0</p:ReturnValue>", answer)
                 self.logged(lines[-1])
-                self.assert_order(self.orrin.text(),
-                                  ["firmware > host  %s, payload 0" % frame, "DASH_DATA"])
+                self.orrin.saw_all(["firmware > host  %s, payload 0" % frame, "DASH_DATA"])
                 self.assert_order(self.log(), lines)
                 self.assertIsNone(re.search("Returned error|Power option failed", self.log()))
                 self.assertTrue(self.service.is_running)
