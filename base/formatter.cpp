@@ -140,8 +140,8 @@ class Formatter {
       case 'o':
       case 'x':
       case 'X': {
-        const char spec[] = {'l', 'l', c.letter, 0};
-        return PutNumber(c, spec, Unsigned(c.length, arguments));
+        const char ending[] = {'l', 'l', c.letter, 0};
+        return PutNumber(c, ending, Unsigned(c.length, arguments));
       }
       case 'p':
         return PutPointer(c, va_arg(arguments->list, void*));
@@ -160,11 +160,11 @@ class Formatter {
     constexpr std::string_view kReals = "fFeEgGaA";
     if (c.letter == 0 || kReals.find(c.letter) == std::string_view::npos) return false;
     if (c.length == Length::kLongDouble) {
-      const char spec[] = {'L', c.letter, 0};
-      return PutNumber(c, spec, va_arg(arguments->list, long double));
+      const char ending[] = {'L', c.letter, 0};
+      return PutNumber(c, ending, va_arg(arguments->list, long double));
     }
-    const char spec[] = {c.letter, 0};
-    return PutNumber(c, spec, va_arg(arguments->list, double));
+    const char ending[] = {c.letter, 0};
+    return PutNumber(c, ending, va_arg(arguments->list, double));
   }
 
   static long long Signed(Length length, Arguments* arguments) {
@@ -198,15 +198,15 @@ class Formatter {
     }
   }
 
-  // The runtime's own number, without a width.
+  // The runtime's own number, without a width. `ending` is what stands behind the precision.
   template <class Number>
-  bool PutNumber(const Conversion& c, const char* spec, Number value) {
+  bool PutNumber(const Conversion& c, const char* ending, Number value) {
     char format[24] = "%";
     std::size_t size = 1;
     for (const char flag : c.flags())
       if (flag != '-' && flag != '0') format[size++] = flag;
     if (c.precision >= 0) format[size++] = '.', format[size++] = '*';
-    std::copy_n(spec, std::char_traits<char>::length(spec) + 1, format + size);
+    std::copy_n(ending, std::char_traits<char>::length(ending) + 1, format + size);
     char text[kNumberRoom];
     const int length = c.precision >= 0
                            ? std::snprintf(text, sizeof text, format, c.precision, value)

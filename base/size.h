@@ -7,7 +7,8 @@
 
 namespace stewardry {
 
-// What the two below give on overflow: HRESULT_FROM_WIN32(ERROR_ARITHMETIC_OVERFLOW) of winerror.h.
+// What the two below give on overflow: arithmetic overflow, error 534, as a failed result of
+// facility 7 ([MS-ERREF] 2.1 and 2.2).
 constexpr Result kSizeOverflow = 0x80070216;
 // What they store then: no block of that size is ever asked for.
 constexpr std::size_t kNoSize = 0xFFFFFFFF;
