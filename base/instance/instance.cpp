@@ -5,6 +5,7 @@
 #include <new>
 
 #include "base/atomic_counter.h"
+#include "base/heap.h"
 #include "base/instance/definition_copy.h"
 #include "base/instance/instance_body.h"
 #include "base/instance/names.h"
@@ -15,6 +16,9 @@ namespace {
 // The part of the head that a wrapper is made with; the rest is filler.
 constexpr std::size_t kHeadInUse = 56;
 static_assert(offsetof(Instance, ownsDef) < kHeadInUse);
+// The body that a dynamic instance begins with lies in a block that is kept.
+static_assert(sizeof(BatchPage) + sizeof(InstanceHeader) + DynamicBodySize(INSTANCE_MIN_CAPACITY) <=
+              kBodyBlockSize);
 
 // The batch of one call: the caller's, or one made for it that ends with the call unless it is
 // kept.
