@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <cstring>
-#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
@@ -22,6 +19,7 @@
 #include <vector>
 
 #include "platform/linux/lab_link.h"
+#include "tests/socket_address.h"
 
 namespace stewardry {
 
@@ -35,15 +33,8 @@ class FirmwarePeer {
   // Listens as the device interface `name` of the lab folder `lab`; answers the read of the version
   // record with `version`.
   FirmwarePeer(const std::string& lab, std::string version) : version_(std::move(version)) {
-    std::filesystem::create_directories(lab + "/mailbox");
     path_ = lab + "/mailbox/orrin";
-    ::unlink(path_.c_str());
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(listener_, 1);
+    listener_ = ListenUnix(path_);
     stop_ = ::eventfd(0, EFD_CLOEXEC);
     thread_ = std::thread([this] { Serve(); });
   }
@@ -84,7 +75,7 @@ class FirmwarePeer {
     if (link_ >= 0) ::shutdown(link_, SHUT_RDWR);
   }
 
-  // Waits, for ten seconds at most, until `count` requests of `code` have come.
+  // Waits, for a minute at most, until `count` requests of `code` have come.
   bool Await(std::uint32_t code, std::size_t count = 1) {
     return AwaitThat([&] {
       return std::count_if(requests_.begin(), requests_.end(), [&](const Asked& asked) {
@@ -189,7 +180,7 @@ class FirmwarePeer {
   template <class Ready>
   bool AwaitThat(Ready ready) {
     std::unique_lock lock(lock_);
-    return changed_.wait_for(lock, std::chrono::seconds(10), ready);
+    return changed_.wait_for(lock, std::chrono::minutes(1), ready);
   }
 
   const std::string version_;

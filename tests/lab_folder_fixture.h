@@ -14,6 +14,10 @@
 
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
+#include "tests/eventually.h"
+#include "tests/observe.h"
+
+inline constexpr char kServiceLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinLog.log";
 
 // The process's lab folder; removed when the process ends.
 class LabFolderOfProcess {
@@ -59,7 +63,21 @@ class LabTest : public ::testing::Test {
     return {std::istreambuf_iterator<char>(file), {}};
   }
   static std::string ServiceLogText() {
-    return FileText("C:\\ProgramData\\Corvane\\Stewardry\\tavrinLog.log");
+    return FileText(kServiceLog);
+  }
+  // The messages of a log, each between `before` and `behind`, in their order.
+  static std::vector<std::string> Messages(const std::string& windowsPath,
+                                           const std::string& before, const std::string& behind) {
+    const std::string text = FileText(windowsPath);
+    std::vector<std::string> messages;
+    for (std::size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
+      at += before.size();
+      messages.push_back(text.substr(at, text.find(behind, at) - at));
+    }
+    return messages;
+  }
+  static std::vector<std::string> ServiceMessages() {
+    return Messages(kServiceLog, " M ] ", " <thread=");
   }
   static std::size_t CountOf(const std::string& text, const std::string& part) {
     std::size_t count = 0;

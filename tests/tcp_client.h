@@ -1,8 +1,6 @@
 // A console's end of a connection: a plain blocking socket with bounds on its waits.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -11,18 +9,17 @@
 #include <cstdint>
 #include <string>
 
+#include "tests/socket_address.h"
+
 class TcpClient {
  public:
-  explicit TcpClient(std::uint16_t port, int waitMs = 10'000) {
+  explicit TcpClient(std::uint16_t port, int waitMs = 60'000) {
     sock_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval wait{waitMs / 1000, waitMs % 1000 * 1000};
     ::setsockopt(sock_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = ::connect(sock_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const SocketAddress address = LoopbackAddress(port);
+    connected_ = ::connect(sock_, address.Get(), address.size) == 0;
   }
   TcpClient(const TcpClient&) = delete;
   TcpClient& operator=(const TcpClient&) = delete;

@@ -19,7 +19,7 @@ class MailboxTest : public LabTest {
  protected:
   void SetUp() override {
     LabTest::SetUp();
-    ServiceLog_Start("C:\\ProgramData\\Corvane\\Stewardry\\tavrinLog.log", 100 << 20);
+    ServiceLog_Start(kServiceLog, 100 << 20);
     firmware_ = std::make_unique<FirmwarePeer>(lab(), "7.1");
   }
   void TearDown() override {
@@ -36,25 +36,12 @@ class MailboxTest : public LabTest {
 
   // The messages of the service log, one a line, without their heads and tails.
   static std::string Messages() {
-    const std::string log = ServiceLogText();
-    std::string messages;
-    for (std::size_t at = 0; (at = log.find(" M ] ", at)) != std::string::npos;) {
-      at += 5;
-      messages += log.substr(at, log.find(" <thread=", at) - at) + "\n";
-    }
-    return messages;
+    std::string joined;
+    for (const std::string& message : ServiceMessages()) joined += message + "\n";
+    return joined;
   }
   static bool Logged(const std::string& message) {
     return ("\n" + Messages()).find("\n" + message + "\n") != std::string::npos;
-  }
-  // Waits, for ten seconds at most, until a condition holds.
-  template <class Ready>
-  static bool Eventually(Ready ready) {
-    for (int i = 0; i < 2000; ++i) {
-      if (ready()) return true;
-      platform::Sleep(5);
-    }
-    return false;
   }
 
   std::unique_ptr<FirmwarePeer> firmware_;
@@ -63,7 +50,7 @@ class MailboxTest : public LabTest {
 // Ends a thread of the service as the service itself would, and waits until it has gone.
 inline void EndThread(platform::Thread* thread) {
   platform::TerminateThread(*thread, 0);
-  EXPECT_EQ(platform::WaitForSingleObject(*thread, 10'000), 0U);
+  EXPECT_EQ(platform::WaitForSingleObject(*thread, 60'000), 0U);
   thread->Reset();
 }
 

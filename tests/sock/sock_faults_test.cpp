@@ -17,15 +17,6 @@ namespace gate = platform::gate;
 
 class SockFaults : public LabTest {
  protected:
-  static std::ptrdiff_t OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  }
-  std::size_t Calls(const std::string& name) {
-    const auto trace = gate::Trace();
-    return static_cast<std::size_t>(
-        std::count_if(trace.begin(), trace.end(),
-                      [&](const auto& call) { return call.rfind(name + "(", 0) == 0; }));
-  }
 };
 
 TEST_F(SockFaults, AHardErrorHalvesTheWriteDownToFourKilobytes) {
@@ -39,14 +30,14 @@ TEST_F(SockFaults, AHardErrorHalvesTheWriteDownToFourKilobytes) {
     gate::FailEvery("send", 10054);
     std::uint64_t count = 7;
     EXPECT_EQ(Sock_Write(5, "", row.size, &count), RESULT_FAILED);
-    EXPECT_EQ(Calls("send"), row.tries) << row.size;
+    EXPECT_EQ(CountCalls("send"), row.tries) << row.size;
     EXPECT_EQ(count, 0U);
   }
   gate::Arm();
   gate::FailEvery("send", platform::kWsaEWouldBlock);
   std::uint64_t count;
   EXPECT_EQ(Sock_Write(5, "", 131070, &count), RESULT_WOULD_BLOCK);
-  EXPECT_EQ(Calls("send"), 1U);
+  EXPECT_EQ(CountCalls("send"), 1U);
 }
 
 TEST_F(SockFaults, AnInterruptedCallIsMadeAgain) {
@@ -55,7 +46,7 @@ TEST_F(SockFaults, AnInterruptedCallIsMadeAgain) {
   for (int i = 0; i < 5; ++i) gate::FailNext("recv", platform::kWsaEIntr);
   gate::FailNext("recv", platform::kWsaEWouldBlock);
   EXPECT_EQ(Sock_Read(5, &byte, 1, &count), RESULT_WOULD_BLOCK);
-  EXPECT_EQ(Calls("recv"), 6U);
+  EXPECT_EQ(CountCalls("recv"), 6U);
 }
 
 TEST_F(SockFaults, AFailureAfterBytesHaveMovedIsTheirSum) {
@@ -74,26 +65,26 @@ TEST_F(SockFaults, AFailureAfterBytesHaveMovedIsTheirSum) {
 TEST_F(SockFaults, AListenerThatFailsAtAnyStepLeavesNoSocketOpen) {
   Addr address;
   Addr_InitAny(&address, 0);
-  const std::ptrdiff_t before = OpenDescriptors();
+  const Holdings before = Held();
   for (const char* step : {"socket", "setsockopt", "bind", "listen"}) {
     gate::Arm();
     gate::FailNext(step, 10022);
     Sock sock = 0;
     EXPECT_EQ(Sock_CreateListener(&sock, address), RESULT_FAILED) << step;
-    EXPECT_EQ(OpenDescriptors(), before) << step;
+    EXPECT_EQ(Held(), before) << step;
     EXPECT_EQ(sock, kInvalidSock) << step;
   }
 }
 
 TEST_F(SockFaults, ASelectorThatCannotBeMadeLeavesNothing) {
-  const std::ptrdiff_t before = OpenDescriptors();
+  const Holdings before = Held();
   for (const char* step : {"WSACreateEvent", "CreateEventA"}) {
     gate::Arm();
     gate::FailNext(step, 8);
     Selector selector;
     EXPECT_EQ(Selector_Init(&selector), RESULT_FAILED);
     Selector_Destroy(&selector);
-    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(Held(), before);
   }
 }
 

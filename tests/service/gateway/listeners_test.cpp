@@ -32,9 +32,6 @@ class Listeners : public MailboxTest {
     gHttpsRebindCount = 1;
     gKvmRebindCount = 1;
   }
-  static std::ptrdiff_t OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  }
 };
 
 TEST_F(Listeners, AFailedBindSaysItsLineAndLeavesNothingOpen) {
@@ -50,13 +47,13 @@ TEST_F(Listeners, AFailedBindSaysItsLineAndLeavesNothingOpen) {
   Selector selector;
   ASSERT_EQ(Selector_Init(&selector), RESULT_OK);
   LogInfo("The log's own descriptors are open from here on");
-  const std::ptrdiff_t before = OpenDescriptors();
+  const Holdings before = Held();
   for (const Row& row : kRows) {
     gate::Arm();
     gate::FailNext(row.call, 10013);
     EXPECT_FALSE(BindListener(&selector, row.port)) << row.call;
     EXPECT_TRUE(Logged(row.line)) << row.line;
-    EXPECT_EQ(OpenDescriptors(), before) << row.call;
+    EXPECT_EQ(Held(), before) << row.call;
   }
   EXPECT_TRUE(BindListener(&selector, 664));
   EXPECT_TRUE(Logged("Bind to port 664 successful"));

@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/linux/gate.h"
@@ -22,7 +19,6 @@
 
 namespace stewardry {
 
-inline constexpr char kServiceLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinLog.log";
 inline constexpr char kWmiLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinWMI.log";
 inline constexpr std::uint32_t kNoRotation = 100 * 1024 * 1024;
 
@@ -65,8 +61,6 @@ class InventoryTest : public LabTest {
 
   // The messages of the WMI log, in their order.
   std::vector<std::string> WmiMessages() { return Messages(kWmiLog, "INFO:  ", " $$<"); }
-  // Those of the service log.
-  std::vector<std::string> ServiceMessages() { return Messages(kServiceLog, " M ] ", " <thread="); }
 
   // Whether `wanted` stand in `lines` in this order, other lines between them or not.
   static testing::AssertionResult InOrder(const std::vector<std::string>& lines,
@@ -80,36 +74,7 @@ class InventoryTest : public LabTest {
     return failure;
   }
 
-  static std::size_t CountCalls(const std::string& call) {
-    std::size_t count = 0;
-    for (const std::string& entry : platform::gate::Trace())
-      if (entry.compare(0, call.size() + 1, call + "(") == 0) ++count;
-    return count;
-  }
-
-  // Waits until `done`, however long the machine takes; gives up where only a fault takes as long.
-  static bool Eventually(const std::function<bool()>& done) {
-    for (int i = 0; i < 6000; ++i) {
-      if (done()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
  private:
-  std::vector<std::string> Messages(const char* path, const std::string& before,
-                                    const std::string& behind) {
-    const std::string text = FileText(path);
-    std::vector<std::string> messages;
-    for (std::size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
-      at += before.size();
-      const std::size_t end = text.find(behind, at);
-      messages.push_back(text.substr(at, end - at));
-      at = std::min(end, text.size());
-    }
-    return messages;
-  }
-
   void RemoveFiles() {
     for (const char* name : {"adapters.txt", "wlan.txt", "wlan_profiles.txt", "connected.txt",
                              "chassis.txt", "batteries.txt"})

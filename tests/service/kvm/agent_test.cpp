@@ -34,12 +34,6 @@ class AgentTest : public MailboxTest {
     gKvmAgentProcess->Reset();
   }
   static std::string SideText() { return FileText(kSideLog); }
-  template <class Condition>
-  static bool Until(Condition condition) {
-    for (int i = 0; i < 3000 && !condition(); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return condition();
-  }
 };
 
 TEST_F(AgentTest, TheLaunchLeavesOutAStepOrAHandle) {
@@ -119,11 +113,11 @@ TEST_F(AgentTest, ADeadAgentStaysAwayOrALiveOneIsDoubled) {
   const std::uint32_t first = gKvmAgentPid.load();
   *gKvmAgentThread = platform::CreateThread(WatchKVMAgent, nullptr);
   ASSERT_TRUE(*gKvmAgentThread);
-  EXPECT_TRUE(Until([&] { return Logged("KVM Agent PID: " + std::to_string(first)); }));
+  EXPECT_TRUE(Eventually([&] { return Logged("KVM Agent PID: " + std::to_string(first)); }));
   EXPECT_EQ(gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // its handle is the watch's now
-  EXPECT_TRUE(Until([&] { return gKvmAgentPid.load() != first; }));
-  EXPECT_TRUE(Until([] { return Logged("KVM Agent Launched again"); }));
+  EXPECT_TRUE(Eventually([&] { return gKvmAgentPid.load() != first; }));
+  EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
   TerminateKVMAgentThread();
   EXPECT_FALSE(*gKvmAgentThread);
   EXPECT_FALSE(gStopKVMAgentThread.load());

@@ -33,16 +33,6 @@ constexpr std::uint32_t kStatusByte = ControlCodeFor(Operation::kGetOrrinStatus)
 constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardMousePointers).code;
 constexpr std::uint32_t kRegionBack = ControlCodeFor(Operation::kDeAllocateKVM_KB_MB_Buffers).code;
 
-// Counts of what a session takes and must give back.
-struct Holdings {
-  std::ptrdiff_t threads, descriptors, children;
-  bool operator==(const Holdings&) const = default;
-};
-inline void PrintTo(const Holdings& held, std::ostream* out) {
-  *out << held.threads << " threads, " << held.descriptors << " descriptors, " << held.children
-       << " children";
-}
-
 class KvmTest : public MailboxTest {
  protected:
   void SetUp() override {
@@ -141,26 +131,6 @@ class KvmTest : public MailboxTest {
     return data;
   }
   static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
-  // The platform calls of a name, from a place in the trace on.
-  static std::ptrdiff_t Calls(const std::string& name) {
-    const auto trace = gate::Trace();
-    return std::count_if(trace.begin(), trace.end(),
-                         [&](const std::string& call) { return call.rfind(name + "(", 0) == 0; });
-  }
-
-  static std::ptrdiff_t Entries(const std::string& folder) {
-    return std::distance(std::filesystem::directory_iterator(folder), {});
-  }
-  static Holdings Held() {
-    std::string children;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      std::ifstream file(task.path() / "children");
-      children += std::string{std::istreambuf_iterator<char>(file), {}};
-    }
-    return {Entries("/proc/self/task"), Entries("/proc/self/fd"),
-            std::count(children.begin(), children.end(), ' ')};
-  }
-
   Holdings before_{};
 };
 

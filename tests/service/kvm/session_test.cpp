@@ -126,7 +126,7 @@ TEST_F(KvmSession, TheEndGoesInItsOrder) {
       << "no pump may run on a region that is given back";
   EXPECT_EQ(KeyBoardBufferVirtualAddress.load(), 0U);
   EXPECT_EQ(TrayStatus(), "NO");
-  EXPECT_EQ(Calls("shutdown"), 0);
+  EXPECT_EQ(CountCalls("shutdown"), 0U);
   firmware_->SetVerdict(kRegionBack, 0);
   platform::CancelIoEx(*gRequestDevice, nullptr);
   reader.join();
