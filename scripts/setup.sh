@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, and nothing else: a second run looks and is done.
 #   setup.sh          what scripts/test.sh needs
+#   setup.sh quick    only what scripts/test.sh quick needs
 #   setup.sh bench    that, and the peers and tools of the benchmarks
 #   setup.sh demo     only what scripts/demo.sh needs
 #   setup.sh kvm      that, and the viewers of scripts/demo.sh kvm
@@ -9,18 +10,20 @@ set -euo pipefail
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
 clients=(curl openssl iproute2 util-linux)
 viewers=(pkg-config libvncserver-dev gvncviewer)
-checks=(ccache libgtest-dev libgmock-dev googletest python3 clang-format clang-tidy "${viewers[@]}")
-windows=(g++-mingw-w64-x86-64-posix wine wine64)
+unit=(ccache libgtest-dev libgmock-dev python3)
+checks=("${unit[@]}" clang-format clang-tidy "${viewers[@]}")
+windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
        socat haproxy nginx libnginx-mod-stream strace)
 
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;
+  quick) wanted=("${build[@]}" "${clients[@]}" "${unit[@]}") ;;
   kvm) wanted=("${build[@]}" "${clients[@]}" "${viewers[@]}") ;;
   bench) wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}" "${bench[@]}") ;;
   "") wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}") ;;
-  *) echo "usage: setup.sh [bench|demo|kvm]" >&2; exit 2 ;;
+  *) echo "usage: setup.sh [quick|bench|demo|kvm]" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -1,54 +1,53 @@
 #!/usr/bin/env bash
-# Builds what users build, and builds and tests everything: Linux plain, with AddressSanitizer and
-# UBSan, with ThreadSanitizer, and the Windows programs under Wine. One ctest runs all of it, so its
-# summary ends the output.
+# Builds what users build, and builds and tests everything: Linux as users get it, with
+# AddressSanitizer and UBSan, with ThreadSanitizer, and the Windows programs under Wine. One ctest
+# runs all of it, so its summary ends the output.
 #   test.sh          everything
-#   test.sh quick    the Linux unit tests only, without sanitizers
-# STEWARDRY_SKIP_WINDOWS=1 leaves the Windows build out, STEWARDRY_SKIP_TIDY=1 clang-tidy.
+#   test.sh quick    the Linux unit tests with AddressSanitizer and UBSan
+# STEWARDRY_SKIP_WINDOWS=1 leaves the Windows build out, STEWARDRY_SKIP_TIDY=1 clang-tidy, which
+# looks at recently changed files; with STEWARDRY_TIDY=all it looks at all of them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
-began=$SECONDS
+mkdir -p build
+# Clones in different folders share the cached objects; so do builds with precompiled headers.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true CCACHE_SLOPPINESS=pch_defines,time_macros
 
-say() { printf '== %3d s  %s\n' $((SECONDS - began)) "$*"; }
-
-# What is printed of a build: that it ran, or the end of its log if it failed.
-quietly() {
-  local log=$1
+# phase WORDS COMMAND...: one line with the time it took; if it fails, the end of its output.
+phase() {
+  local words=$1 began=$SECONDS log=build/phase.log
   shift
-  "$@" >"$log" 2>&1 && return
-  tail -n 60 "$log" >&2
-  say "failed: $*"
-  exit 1
+  printf '== %-44s' "$words"
+  if "$@" >"$log" 2>&1 </dev/null; then
+    printf '%4d s\n' $((SECONDS - began))
+    return
+  fi
+  printf 'FAILED after %d s\n' $((SECONDS - began))
+  tail -n 60 "$log"
+  return 1
 }
 
-build() {
-  local preset=$1
-  shift
-  local options=("$@")
+build() { # build PRESET TESTS [CMake options]
+  local preset=$1 options=("-DSTEWARDRY_TESTS=$2" "${@:3}")
   command -v ccache >/dev/null && options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  mkdir -p "build/$preset"
-  say "building preset $preset"
-  quietly "build/$preset/configure.log" cmake --preset "$preset" "${options[@]}"
-  quietly "build/$preset/build.log" cmake --build --preset "$preset" -j "$jobs"
+  cmake --preset "$preset" "${options[@]}" && cmake --build --preset "$preset" -j "$jobs"
 }
 
 case "${1:-}" in
   "") ;;
   quick)
-    scripts/setup.sh
-    build debug
-    exec ctest --test-dir build/debug --output-on-failure -j "$jobs" -E '\.e2e\.'
+    phase "packages" scripts/setup.sh quick
+    phase "build of preset asan, unit tests alone" build asan UNIT
+    exec python3 -B scripts/run_tests.py build/asan -j $((jobs * 2))
     ;;
   *) echo "usage: test.sh [quick]" >&2; exit 2 ;;
 esac
 
-say "looking for what is missing"
-scripts/setup.sh
-
-build release  # what users build; without tests
-presets=(debug asan tsan)
-for preset in "${presets[@]}"; do build "$preset"; done
+phase "packages" scripts/setup.sh
+phase "build of preset release" build release E2E
+phase "build of preset asan" build asan ALL
+phase "build of preset tsan" build tsan ALL
+presets=(release asan tsan)
 
 prefix=
 leave() {
@@ -59,68 +58,28 @@ leave() {
   rm -rf "$prefix"
 }
 trap leave EXIT
+prepare_wine() { timeout 300 wineboot -i && wineserver -w; }
 if [ "${STEWARDRY_SKIP_WINDOWS:-}" = 1 ]; then
-  say "skipped: preset windows, STEWARDRY_SKIP_WINDOWS is 1"
+  echo "skipped: preset windows, STEWARDRY_SKIP_WINDOWS is 1"
 else
   emulator=$(command -v wine)
   # Without random addresses, where the system allows it: Wine wants one page at a fixed address, and
   # one start in some thousands finds its heap there.
   if setarch -R true 2>/dev/null; then emulator="setarch;-R;$emulator"; fi
-  build windows -DCMAKE_CROSSCOMPILING_EMULATOR="$emulator"
+  phase "build of preset windows" build windows ALL "-DCMAKE_CROSSCOMPILING_EMULATOR=$emulator"
   presets+=(windows)
   prefix=$(mktemp -d)
   export WINEPREFIX=$prefix WINEDEBUG=-all WINEARCH=win64 DISPLAY=
-  say "preparing Wine"
-  quietly build/windows/wineboot.log timeout 300 wineboot -i
-  wineserver -w
+  phase "Wine's prefix" prepare_wine
 fi
 
-say "checking the house rules"
 house=0
-scripts/check_house.sh || house=$?
+phase "house rules" scripts/check_house.sh || house=1
 
-say "testing: ${presets[*]}"
-[ $house -eq 0 ] || say "the house rules are BROKEN (above); the run fails whatever the tests say"
 printf 'subdirs(%s)\n' "${presets[*]}" >build/CTestTestfile.cmake
-# ctest's summary names the tests that were skipped, but not why; the reasons are printed before it,
-# and how many tests ran as Windows programs. A Python program counts as its cases.
-with_reasons() {
-  awk -v log_file=build/Testing/Temporary/LastTest.log '
-    function reasons(  line, words, n, name, take, ran, skipped, cases) {
-      while ((getline line < log_file) > 0) {
-        if (line ~ / Testing: /) { n = split(line, words, " "); name = words[n]; cases = 0 }
-        if (take) { print "skipped: " name ": " line; take = 0 }
-        if (line ~ /: Skipped$/) { take = 1; skipped += name ~ /^windows\./ }
-        if (line ~ /^skipped: /) {
-          print "skipped: " name ": " substr(line, 10)
-          skipped += name ~ /^windows\./
-        }
-        if (line ~ /^ *test_.* \.\.\. skipped /) {
-          split(line, words, " ")
-          print "skipped: " name ": " words[1] ": " substr(line, index(line, "skipped ") + 8)
-        }
-        if (name !~ /^windows\./) continue
-        if (line ~ /^Ran [0-9]+ tests? in /) { split(line, words, " "); cases = words[2]; ran += cases }
-        if (match(line, /^(OK|FAILED) .*skipped=[0-9]+/)) {
-          sub(/.*skipped=/, "", line); ran -= line + 0; skipped += line + 0
-        }
-        # Several cases of one GoogleTest process: "[==========] 9 tests from 2 test suites ran."
-        if (line ~ /^\[=+\] [0-9]+ tests from .* ran\./) {
-          split(line, words, " ")
-          cases = words[2]
-          ran += cases
-        }
-        if (line ~ /^Test (Passed|Failed)/ && cases == 0) ++ran
-      }
-      print "as Windows programs under Wine: " ran + 0 " tests run, " skipped + 0 " skipped"
-    }
-    # The log is whole once ctest has ended; the summary waits for it.
-    /^[0-9]+% tests passed/ { held = 1 }
-    held { summary = summary $0 "\n"; next }
-    { print; fflush() }
-    END { reasons(); printf "\n%s", summary }'
-}
-tests=0
+tests=0 began=$SECONDS
 # Most tests wait most of the time, so twice as many run as there are processors.
-ctest --test-dir build --output-on-failure -j $((jobs * 2)) | with_reasons || tests=$?
-exit $((tests != 0 || house != 0))
+python3 -B scripts/run_tests.py build -j $((jobs * 2)) || tests=1
+printf '== %-44s%4d s\n' "tests: ${presets[*]}" $((SECONDS - began)) >&2
+[ $house -eq 0 ] || echo "the house rules are BROKEN (above): the run fails whatever the tests say" >&2
+exit $((tests || house))

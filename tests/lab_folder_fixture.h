@@ -62,9 +62,7 @@ class LabTest : public ::testing::Test {
     std::ifstream file(lab() + "/" + name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
-  static std::string ServiceLogText() {
-    return FileText(kServiceLog);
-  }
+  static std::string ServiceLogText() { return FileText(kServiceLog); }
   // The messages of a log, each between `before` and `behind`, in their order.
   static std::vector<std::string> Messages(const std::string& windowsPath,
                                            const std::string& before, const std::string& behind) {

@@ -1,5 +1,5 @@
-// What a test on Linux observes of its own process: the platform calls that the gate has traced, and
-// the threads, descriptors and child processes that are in use.
+// What a test on Linux observes of its own process: the platform calls that the gate has traced,
+// and the threads, descriptors and child processes that are in use.
 #pragma once
 
 #include <algorithm>

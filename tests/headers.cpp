@@ -1,0 +1,2 @@
+// The precompiled headers of the test programs are compiled with this file, which needs nothing
+// more.
