@@ -184,7 +184,7 @@ class LabTest(unittest.TestCase):
         return orrin
 
     def start_service(self, ready=BOUND):
-        service = self.start("service", "quillonsvc", "ult")
+        service = self.start("service", "quillonsvc", "uLt")
         if ready:
             self.logged(ready)
         return service
