@@ -1,36 +1,20 @@
-"""DASH over the relay, seen by clients that know nothing of it: curl, openssl s_client, and bare
-sockets where the relay itself is what matters."""
+# DASH over the relay, seen by clients that know nothing of it: curl, openssl s_client, and bare
+# sockets where the relay itself is what matters.
 import json
 import os
 import platform
 import socket
 import struct
 import subprocess
-import unittest
-import xml.etree.ElementTree as ElementTree
 
 from stewardry_lab import (ADAPTER, BOUND, HOST, PATIENCE, PORT, LabTest, connect,
-                           connection_is_dropped, curl, curl_process, is_dropped, receive, run)
+                           connection_is_dropped, curl, receive, run)
 
-IDENTITY = "http://schemas.dmtf.org/wbem/wsman/identity/1/wsmanidentity.xsd"
-IDENTIFY = ('<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope" xmlns:w="%s"><s:Header/>'
-            "<s:Body><w:Identify/></s:Body></s:Envelope>" % IDENTITY).encode()
 ANNOUNCED = "announces a DASH connection to port 664"
 ENDED = "the DASH connection has ended, port (664)"
 
 
-def identify():
-    envelope = ElementTree.fromstring(curl("/wsman", data=IDENTIFY))
-    return [envelope.findtext(".//{%s}%s" % (IDENTITY, name))
-            for name in ("ProtocolVersion", "ProductVendor", "ProductVersion")]
-
-
 class Dash(LabTest):
-    def test_identify_is_answered_by_the_firmware(self):
-        self.start_both("version 7.1-e2e")
-        self.assertEqual(identify(), ["http://schemas.dmtf.org/wbem/wsman/1/wsman.xsd", "Corvane",
-                                      "7.1-e2e"])
-
     def test_inventory_is_that_of_the_host(self):
         self.start_both()
         inventory = json.loads(curl("/"))
@@ -46,8 +30,7 @@ class Dash(LabTest):
         }
         for record, fields in expected.items():
             self.assertLessEqual(fields.items(), inventory[record].items())
-        self.assertEqual([inventory["serviceStatus"], inventory["networkStatus"],
-                          inventory["serviceVersion"]], [1, 1, "1.0.0.533"])
+        self.assertEqual(inventory["serviceVersion"], "1.0.0.533")
         self.orrin.saw_all([
             "GetOrrinStatus", "WriteTavrinStatus: the service is up (1)", "WriteOsInfo",
             "GetTavrinVersion", "SendIPCompleteInfomartion: report", "SendSystemBooted",
@@ -60,15 +43,6 @@ class Dash(LabTest):
             body = os.urandom(size)
             self.assertTrue(curl("/echo", target, data=body) == body * 2, size)
         self.assertEqual(self.orrin.text().count(ANNOUNCED), 3)
-
-    def test_single_bytes_cross_one_by_one(self):
-        self.start_both()
-        with connect() as peer:
-            for count, byte in enumerate(b"\x16\x03\x01\x00\x04", 1):
-                peer.sendall(bytes([byte]))
-                self.logged(" read size 1 <", count)
-            self.orrin.saw_all(["WriteDASHPacket: 1 bytes"] * 5)
-        self.orrin.saw(ENDED)
 
     def test_tls_1_2_and_1_3_are_served_and_older_ones_refused(self):
         self.start_both()
@@ -88,22 +62,19 @@ class Dash(LabTest):
 
     def test_each_end_of_a_connection_reaches_the_firmware(self):
         self.start_both()
-        for data in (b"", b"bytes"):
-            for abort in (0, 1):  # a close; a reset
-                with self.subTest((data, abort)):
-                    before = len(self.orrin.text())
-                    peer = connect()
+        for data, abort in ((b"", 0), (b"", 1), (b"bytes", 0), (b"bytes", 1)):
+            with self.subTest((data, abort)):
+                before = len(self.orrin.text())
+                with connect() as peer:
                     self.orrin.saw(ANNOUNCED, before)  # a reset before that fails the accept
                     if data:
                         peer.sendall(data)
                         self.orrin.saw("WriteDASHPacket: 5 bytes", before)
                     peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
                                     struct.pack("ii", abort, 0))
-                    peer.close()
-                    end = self.orrin.saw(ENDED, before)
-                    trace = self.orrin.text()[before:end]
-                    self.assertEqual((trace.count(ANNOUNCED), trace.count("WriteDASHPacket")),
-                                     (1, len(data) // 5))
+                self.orrin.saw(ENDED, before)
+        self.assertEqual(self.orrin.text().count(ANNOUNCED), 4)
+        self.assertEqual(self.orrin.text().count("WriteDASHPacket"), 2)
         curl("/")
         self.logged("Client closed the connection so returned false", 4)
 
@@ -113,7 +84,7 @@ class Dash(LabTest):
             first.sendall(b"first")
             before = self.orrin.saw("WriteDASHPacket: 5 bytes")
             with connect() as second:
-                self.assertTrue(is_dropped(first))
+                self.assertEqual(first.recv(1), b"")
                 second.sendall(b"second")
                 self.orrin.saw_all([ENDED, "from %s:%d;" % second.getsockname(),
                                     "WriteDASHPacket: 6 bytes"], before)
@@ -136,7 +107,6 @@ class Listener(LabTest):
                             (BOUND, 20), ("accept calling", 0),
                             ("Should not reach here. Distroy selector and rebind.", 20)):
             self.assertEqual(self.log().count(line), count, line)
-        self.assertNotIn(ANNOUNCED, self.orrin.text())
 
     def test_a_taken_port_is_tried_twenty_times(self):
         self.orrin = self.start_orrin()
@@ -166,15 +136,14 @@ class Listener(LabTest):
 class Firmware(LabTest):
     def test_a_silent_firmware_holds_the_connection_and_not_the_reader(self):
         self.start_both("silence WriteDASHPacket on")
-        waiting = curl_process("/", "--fail")
-        self.orrin.saw("is held unanswered")
-        self.orrin.tell("unknown 0x14")
-        self.logged("Unknown Command received 0x14")
-        with connect():  # the backlog takes it; it is accepted once the request has its answer
-            self.assertEqual(self.orrin.text().count(ANNOUNCED), 1)
-            self.orrin.tell("silence off")
-            self.orrin.saw_all(["TLS handshake (ClientHello)", ENDED, ANNOUNCED])
-        waiting.communicate(timeout=PATIENCE)
+        with connect() as first:
+            first.sendall(b"held")
+            self.orrin.saw("is held unanswered")
+            self.orrin.tell("unknown 0x14")
+            self.logged("Unknown Command received 0x14")
+            with connect():  # accepted, and in the first one's place, once the request is answered
+                self.assertEqual(self.orrin.text().count(ANNOUNCED), 1)
+                self.orrin.saw_all([ENDED, ANNOUNCED], self.orrin.tell("silence off"))
         curl("/")
 
     def test_a_failed_request_ends_nothing_else(self):

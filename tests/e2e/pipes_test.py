@@ -1,6 +1,5 @@
-"""The tray and the software upgrade tool ask the service over the pipes that they serve."""
+# The tray and the software upgrade tool ask the service over the pipes that they serve.
 import re
-import unittest
 
 from stewardry_lab import ADAPTER, LabTest, run
 

@@ -1,7 +1,6 @@
-"""Power actions: what the firmware asks for is done once the answer has left. On Linux it leaves a
-line in power.txt and nothing else."""
+# Power actions: what the firmware asks for is done once the answer has left. On Linux it leaves a
+# line in power.txt and nothing else.
 import re
-import unittest
 
 from stewardry_lab import LabTest, connect, curl, receive, run, until
 

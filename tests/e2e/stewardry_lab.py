@@ -1,11 +1,11 @@
-"""The environment of the end-to-end tests: a network namespace for the test program, and for each
-test a lab folder with the real firmware simulator and the real service in it.
-
-Every wait is for something that a program has written (orrin's trace, the service log), within
-PATIENCE. Processes are ended by their own id. A sanitizer's report in one fails the test.
-"""
+# The environment of the end-to-end tests: a network namespace for the test program, and for each
+# test a lab folder with the real firmware simulator and the real service in it.
+#
+# Every wait is for something that a program has written (orrin's trace, the service log), within
+# PATIENCE. Processes are ended by their own id. A sanitizer's report in one fails the test.
 import contextlib
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -26,7 +26,6 @@ PATIENCE = 60.0  # seconds; a bound on a hang
 SKIPPED = 77  # the exit code that ctest takes for "skipped"
 BOUND = "Bind to port 664 successful"
 
-_MARK = "STEWARDRY_E2E_NAMESPACE"
 _NETWORK = ("link set lo up", "link add wire0 type veth peer name {name} address {mac}",
             "link set wire0 up", "link set {name} up", "addr add {address}/24 dev {name}",
             "route add default via {gateway}")
@@ -34,7 +33,7 @@ _NETWORK = ("link set lo up", "link add wire0 type veth peer name {name} address
 
 def run():
     """A test program's entry: enters a namespace of its own, then runs the tests of the module."""
-    if os.environ.get(_MARK) != str(os.getpid()):
+    if os.environ.get("STEWARDRY_E2E_NAMESPACE") != str(os.getpid()):
         _enter_namespace()
     for step in _NETWORK:
         subprocess.run(["ip"] + step.format(**ADAPTER).split(), check=True)
@@ -46,7 +45,7 @@ def _enter_namespace():
         trial = subprocess.run(way + ["ip", "link", "add", "trial0", "type", "veth"],
                                capture_output=True, text=True)
         if trial.returncode == 0:
-            os.environ[_MARK] = str(os.getpid())  # exec keeps the process id
+            os.environ["STEWARDRY_E2E_NAMESPACE"] = str(os.getpid())  # exec keeps the process id
             os.execvp(way[0], way + [sys.executable, "-B"] + sys.argv)
     skip("no network namespace can be made here: " + trial.stderr.strip())
 
@@ -80,8 +79,7 @@ class Process:
             stderr=err, env=dict(os.environ, STEWARDRY_LAB=lab.folder))
 
     def text(self):
-        with open(self.out, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return pathlib.Path(self.out).read_text(encoding="utf-8", errors="replace")
 
     def saw(self, text, after=0):
         """Waits until the output behind offset `after` holds `text`. Returns the offset behind."""
@@ -206,14 +204,12 @@ class LabTest(unittest.TestCase):
         return self.path("agent.txt")
 
     def read(self, path):
-        if not os.path.isfile(path):
-            return ""
-        with open(path, encoding="utf-8", errors="replace", newline="") as file:
-            return file.read().replace("\r\n", "\n")
+        """The text of a file; empty if there is none."""
+        file = pathlib.Path(path)  # a "\r\n" is read as "\n"
+        return file.read_text(encoding="utf-8", errors="replace") if file.is_file() else ""
 
     def write(self, text, *names):
-        with open(self.path(*names), "w", encoding="utf-8") as file:
-            file.write(text)
+        pathlib.Path(self.path(*names)).write_text(text, encoding="utf-8")
 
     def log(self):
         return self.read(self.log_path())
@@ -238,26 +234,16 @@ class LabTest(unittest.TestCase):
 
 def curl(path="/", *words, data=None):
     """Returns the answer's body. Raises when curl reports a failure or the status isn't 200."""
-    answer = curl_process(path, *words, "--fail", data=data)
-    out, err = answer.communicate(data, PATIENCE * 2)
-    if answer.returncode != 0:
-        raise AssertionError("curl ended with %d: %s" % (answer.returncode, err.decode()))
-    return out
-
-
-def curl_process(path, *words, data=None):
     sends = ["--data-binary", "@-", "-H", "Content-Type: application/soap+xml"] if data else []
-    return subprocess.Popen(
-        ["curl", "-sSk", "--noproxy", "*", "--max-time", str(PATIENCE), *sends, *words,
-         "https://%s:%d%s" % (HOST, PORT, path)],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    return subprocess.run(
+        ["curl", "-sSk", "--fail", "--noproxy", "*", "--max-time", str(PATIENCE), *sends, *words,
+         "https://%s:%d%s" % (HOST, PORT, path)], input=data, stdout=subprocess.PIPE,
+        check=True).stdout
 
 
 def connect():
     """A bare TCP connection to the port: what the relay moves, without TLS around it."""
-    peer = socket.create_connection((HOST, PORT), PATIENCE)
-    peer.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    return peer
+    return socket.create_connection((HOST, PORT), PATIENCE)
 
 
 def receive(peer, size):
@@ -267,18 +253,10 @@ def receive(peer, size):
     return got
 
 
-def is_dropped(peer):
-    """Returns whether the far end has closed or reset the connection without sending anything."""
-    try:
-        return peer.recv(1) == b""
-    except ConnectionResetError:
-        return True
-
-
 def connection_is_dropped():
     """Connects and sends nothing. A connection that is refused, with nobody listening, raises."""
     try:
         with connect() as peer:
-            return is_dropped(peer)
-    except ConnectionResetError:  # the listener's end was faster than connect
+            return peer.recv(1) == b""
+    except ConnectionResetError:  # perhaps even before connect returns
         return True

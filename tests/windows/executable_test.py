@@ -1,5 +1,5 @@
-"""quillonsvc.exe as a file: what Windows loads for it and when, what it shows of it, and which
-guards it switches on. Read from the file; nothing is run."""
+# quillonsvc.exe as a file: what Windows loads for it and when, what it shows of it, and which
+# guards it switches on. Read from the file; nothing is run.
 import os
 import re
 import struct

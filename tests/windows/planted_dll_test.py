@@ -1,10 +1,10 @@
-"""quillonsvc.exe among planted DLLs, under Wine: copies of planted.dll stand beside it, in the
-current folder and on the path, under the names of the DLLs that it needs and of others that
-intruders like. Each copy that is loaded leaves a file behind.
-
-unguarded.exe, in the same place, shows that the copies are loaded where no guard is.
-"""
+# quillonsvc.exe among planted DLLs, under Wine: copies of planted.dll stand beside it, in the
+# current folder and on the path, under the names of the DLLs that it needs and of others that
+# intruders like. Each copy that is loaded leaves a file behind.
+#
+# unguarded.exe, in the same place, shows that the copies are loaded where no guard is.
 import os
+import pathlib
 import shutil
 import subprocess
 import tempfile
@@ -39,7 +39,7 @@ class Planted(unittest.TestCase):
             os.mkdir(os.path.join(self.root, folder))
             for name in NAMES:
                 shutil.copy(program("libplanted.dll"), os.path.join(self.root, folder, name))
-        self.log_path = os.path.join(_prefix.folder, "ProgramData", "Corvane", "Stewardry",
+        self.log_path = pathlib.Path(_prefix.folder, "ProgramData", "Corvane", "Stewardry",
                                      "tavrinLog.log")
 
     def start(self, name, *words, **overrides):
@@ -47,8 +47,7 @@ class Planted(unittest.TestCase):
         a DLL: an "n" is one from elsewhere, a "b" Wine's own, and nothing is none. By itself Wine
         would take its own DLL instead of most of the planted ones; Windows wouldn't."""
         copy = shutil.copy(program(name), os.path.join(self.root, "beside"))
-        if os.path.exists(self.log_path):
-            os.unlink(self.log_path)
+        self.log_path.unlink(missing_ok=True)
         preferred = {**dict.fromkeys(NAMES, "n,b"), **overrides}
         child = subprocess.Popen(
             [*HARMLESS, "wine", copy, *words], cwd=os.path.join(self.root, "current"),
@@ -66,10 +65,7 @@ class Planted(unittest.TestCase):
                       for name in names if name.endswith(".loaded"))
 
     def log(self):
-        if not os.path.exists(self.log_path):
-            return ""
-        with open(self.log_path, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return self.log_path.read_text(errors="replace") if self.log_path.exists() else ""
 
     def remove_wlanapi(self):
         """Makes the system a Windows Server whose wireless feature isn't installed."""

@@ -1,10 +1,9 @@
-"""The end-to-end lab with the Windows service in it: one Wine prefix for the test program, with the
-mailbox driver installed; for each test the firmware simulator on TCP loopback, the bridge that joins
-it to the driver, and quillonsvc.exe.
-
-All of it lives in the program's network namespace, because a prefix's services run where its first
-program was started. Everything is ended by its own id, the prefix by its own wineserver.
-"""
+# The end-to-end lab with the Windows service in it: one Wine prefix for the test program, with the
+# mailbox driver installed; for each test the firmware simulator on TCP loopback, the bridge that joins
+# it to the driver, and quillonsvc.exe.
+#
+# All of it lives in the program's network namespace, because a prefix's services run where its first
+# program was started. Everything is ended by its own id, the prefix by its own wineserver.
 import atexit
 import os
 import pathlib
@@ -24,11 +23,11 @@ FIRMWARE_PORT = "17788"  # on the loopback of the program's own network namespac
 SERVICE = "QuillonSvc"
 # Wine wants one page at a fixed address, and one start in some thousands finds its heap there: no
 # random addresses, where the system allows that.
-STEADY = ["setarch", "-R"]
-if subprocess.run([*STEADY, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
-    STEADY = []
+_STEADY = ["setarch", "-R"]
+if subprocess.run([*_STEADY, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+    _STEADY = []
 # What a Wine program runs as: without the right to restart the machine.
-HARMLESS = [*STEADY, "setpriv", "--bounding-set=-sys_boot", "--inh-caps=-sys_boot"]
+HARMLESS = [*_STEADY, "setpriv", "--bounding-set=-sys_boot", "--inh-caps=-sys_boot"]
 BOUNDED = ["timeout", "--kill-after=5", "120"]
 
 
@@ -76,6 +75,7 @@ def prefix():
         _prefix = Prefix()
         text = setup("install")
         assert text == "installed\n", text
+        until(lambda: _prefix.run(program("tavrin_setup.exe"), "status")[1] == 0, "the driver")
     return _prefix
 
 
