@@ -138,9 +138,9 @@ class LabTest(unittest.TestCase):
         return super().run(result)
 
     @contextlib.contextmanager
-    def case(self, *words):
+    def case(self, name):
         """One of several cases of a test, in a lab folder of its own."""
-        with self.subTest(*words):
+        with self.subTest(name):
             self._close()
             self._open()
             yield
@@ -254,7 +254,7 @@ def receive(peer, size):
 
 
 def connection_is_dropped():
-    """Connects and sends nothing. A connection that is refused, with nobody listening, raises."""
+    """Connects and sends nothing. A refused connection raises, as no one listens."""
     try:
         with connect() as peer:
             return peer.recv(1) == b""

@@ -25,8 +25,6 @@ class MailboxEnd {
  public:
   explicit MailboxEnd(const std::string& path) : socket_(lab::ConnectLocal(path)) {
     EXPECT_TRUE(socket_);
-    const timeval bound{60, 0};
-    setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
   }
   void Send(const lablink::Head& head, ByteView body = {}) {
     Bytes bytes(sizeof(head));

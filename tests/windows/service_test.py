@@ -168,7 +168,7 @@ class Plugs(WineLabTest):
 
     def test_a_driver_that_answers_at_once_or_fails_leaves_the_service_running(self):
         for how in (("at-once",), ("fail", "31")):
-            with self.case(*how):
+            with self.case(how[0]):
                 setup("misbehave", *how)
                 service = self.start_service()
                 self.assertIn("Asynchronous GetOrrinStatus command failed with error: ",
