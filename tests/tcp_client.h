@@ -41,6 +41,11 @@ class TcpClient {
     text.resize(got);
     return text;
   }
+  // Whether a byte, the peer's end or an error has come.
+  bool HasInput() const {
+    char byte;
+    return ::recv(sock_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN;
+  }
   // True once the peer has closed or reset the connection.
   bool SeesEnd() {
     char byte;
