@@ -4,9 +4,8 @@
 
 #include <cstdint>
 #include <set>
+#include <span>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "service/kvm/key_translation.h"
 
@@ -15,26 +14,29 @@ namespace stewardry {
 // One key of a layout: its characters plain, with Shift and with AltGr (0: none), in the ANSI code
 // page. `dead` says which of the three are dead keys (bits 0, 1, 2).
 struct LayoutKey {
-  std::uint8_t virtualKey;
-  std::uint8_t plain, shifted, altGr;
-  std::uint8_t dead = 0;
+  std::uint8_t virtualKey, plain, shifted, altGr, dead = 0;
 };
 
-// The signs and digits of a layout; letters are the same on all.
-using Layout = std::vector<LayoutKey>;
-const Layout& UsLayout();
-const Layout& GermanLayout();
-const Layout& FrenchLayout();
+// The signs and digits of a layout that tests type; letters are the same on all.
+using Layout = std::span<const LayoutKey>;
+inline constexpr LayoutKey kUsLayout[] = {
+    {0x20, ' ', 0, 0}, {0x31, '1', '!', 0}, {0x36, '6', '^', 0}, {0xC0, '`', '~', 0}};
+inline constexpr LayoutKey kGermanLayout[] = {{0x20, ' ', 0, 0},       {0x37, '7', '/', '{'},
+                                              {0x51, 0, 0, '@'},       {0xBA, 0xFC, 0xDC, 0},
+                                              {0xDC, '^', 0xB0, 0, 1}, {0xDD, 0xB4, '`', 0, 3}};
+inline constexpr LayoutKey kFrenchLayout[] = {{0x20, ' ', 0, 0},         {0x31, '&', '1', 0},
+                                              {0x32, 0xE9, '2', '~', 4}, {0x33, '"', '3', '#'},
+                                              {0x37, 0xE8, '7', '`', 4}, {0xDD, '^', 0xA8, 0, 3}};
 
-// One at a time: the host that it gives has no place for a pointer.
+// One at a time: a KeyboardHost has no place for a pointer.
 class TestKeyboard {
  public:
-  explicit TestKeyboard(const Layout& layout);
+  explicit TestKeyboard(Layout layout);
   TestKeyboard(const TestKeyboard&) = delete;
   ~TestKeyboard();
 
   const KeyboardHost& Host() const;
-  // Translates symbols; a press each, or a release where it is negative. Gives what came out:
+  // Translates symbols: a press each, or a release where it is negative. Returns what came out:
   // virtual keys in hex with '+' for a press and '-' for a release, "x+" and "x-" for extended
   // ones.
   std::string Type(std::initializer_list<std::int32_t> keysyms);
@@ -46,7 +48,7 @@ class TestKeyboard {
 
  private:
   friend struct TestKeyboardHost;
-  const Layout& layout_;
+  const Layout layout_;
   std::string events_;
 };
 
