@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstring>
-#include <map>
 #include <regex>
 #include <string>
 
@@ -110,14 +109,11 @@ class KvmTest : public MailboxTest {
   // The messages to the firmware, a letter each: A asks for the region, S status, I announcement,
   // D data, R region given back, C close.
   std::string Sequence() {
-    static const std::map<std::uint32_t, char> kLetters = {{kRegion, 'A'},     {kStatusByte, 'S'},
-                                                           {kAnnounce, 'I'},   {kKvmBytes, 'D'},
-                                                           {kRegionBack, 'R'}, {kClosed, 'C'}};
+    constexpr std::uint32_t kCodes[] = {kRegion,   kStatusByte, kAnnounce,
+                                        kKvmBytes, kRegionBack, kClosed};
     std::string letters;
-    for (const std::uint32_t code : firmware_->Codes()) {
-      const auto found = kLetters.find(code);
-      letters += found != kLetters.end() ? found->second : '?';
-    }
+    for (const std::uint32_t code : firmware_->Codes())
+      letters += "ASIDRC?"[std::find(std::begin(kCodes), std::end(kCodes), code) - kCodes];
     return letters;
   }
   std::string DataSent() {
@@ -131,9 +127,8 @@ class KvmTest : public MailboxTest {
     const std::string log = "\n" + Messages();
     std::size_t at = 0;
     for (const char* line : lines) {
-      const std::size_t found = log.find("\n" + std::string(line), at);
-      EXPECT_NE(found, std::string::npos) << line;
-      if (found != std::string::npos) at = found;
+      at = log.find("\n" + std::string(line), at);
+      ASSERT_NE(at, std::string::npos) << line;
     }
   }
   static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
