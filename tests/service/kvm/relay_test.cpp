@@ -97,8 +97,8 @@ TEST_F(KvmRelay, LastBytesOfAViewerReachTheFirmwareBeforeTheEnd) {
   EXPECT_EQ(DataSent(), "hold last words");
   EXPECT_EQ(Sequence(), "ASIDDRC");
   ASSERT_TRUE(Eventually([&] { return Logged("Free successful\nExiting KVM Callback"); }));
-  ExpectInOrder({"SELECTOR_READ_CLOSE called. Client closed the connection so returned false",
-                 "KVM callback shutdown called", "Selector remove called for KVM callback",
+  EXPECT_TRUE(Logged("SELECTOR_READ_CLOSE called. Client closed the connection so returned false"));
+  ExpectInOrder({"KVM callback shutdown called", "Selector remove called for KVM callback",
                  "Closing handler Socket", "Freeing handler", "Free successful"});
 }
 
