@@ -1,15 +1,10 @@
 // KVM between viewers on the real port 22, in a network of the test's own, and a firmware behind
-// the mailbox. The test's thread plays the reader thread: it hands the firmware's commands over.
+// the mailbox. The test's thread plays the reader thread: it hands over the firmware's commands.
 #pragma once
 
-#include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <sstream>
+#include <regex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "service/gateway/listeners.h"
 #include "service/host/command_table.h"
@@ -28,7 +23,7 @@ namespace stewardry {
 
 constexpr std::uint32_t kKvmBytes = ControlCodeFor(Operation::kWriteKVMPacket).code;
 constexpr std::uint32_t kAnnounce = ControlCodeFor(Operation::kSendIPCompleteInfomartion).code;
-constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
+constexpr std::uint32_t kClosed = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
 constexpr std::uint32_t kStatusByte = ControlCodeFor(Operation::kGetOrrinStatus).code;
 constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardMousePointers).code;
 constexpr std::uint32_t kRegionBack = ControlCodeFor(Operation::kDeAllocateKVM_KB_MB_Buffers).code;
@@ -41,33 +36,29 @@ class KvmTest : public MailboxTest {
     ComposeService();
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
     OpenMailbox();
-    gKvmRebindCount = 1;
-    gKvmSocketState = kKvmNoSession;
-    gKvmSendIndex = 0;
-    gKvmOverallSize = 0;
     ASSERT_TRUE(firmware_->AwaitKind(lablink::kOpen));
     LogInfo("The log's own descriptors are open from here on");
     before_ = Held();
   }
+  // Ends every session and server; what they held must be free again.
   void TearDown() override {
     if (IsSkipped()) return;
     gate::Disarm();
-    EndServers();
-    MailboxTest::TearDown();
-  }
-
-  // Ends every session and server; what they held must be free again.
-  void EndServers() {
     gKvmRebindCount = kRebindBudget;
     FinishKVMSession();
     EXPECT_TRUE(Eventually([&] {
+      gKvmEnabled = 0;
       if (Held().threads == before_.threads) return true;
-      TcpClient knock(22, 100);  // a refused knock takes the listener away, which ends its server
+      TcpClient refused(22);  // takes the listener away, which ends its server
       return false;
     })) << "a thread is left";
-    EXPECT_TRUE(Eventually([&] { return Held() == before_; }))
-        << "held " << ::testing::PrintToString(Held()) << ", before "
-        << ::testing::PrintToString(before_);
+    ExpectHeld(before_);
+    MailboxTest::TearDown();
+  }
+  static void ExpectHeld(const Holdings& expected) {
+    EXPECT_TRUE(Eventually([&] { return Held() == expected; }))
+        << "held " << testing::PrintToString(Held()) << ", expected "
+        << testing::PrintToString(expected);
   }
 
   // A command of the firmware.
@@ -77,51 +68,52 @@ class KvmTest : public MailboxTest {
                 reinterpret_cast<const std::uint8_t*>(frame.data()));
   }
   static void Enable() { Command(ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS); }
-  static void Trust(std::uint32_t address, std::uint32_t port = 5900) {
-    std::string payload(8, '\0');
-    std::memcpy(payload.data(), &address, 4);
-    std::memcpy(payload.data() + 4, &port, 4);
+  static void Trust(std::uint32_t address) {
+    std::string payload(8, '\1');
+    std::memcpy(payload.data(), &address, sizeof address);
     Command(ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, payload);
   }
   static void CloseByFirmware() { Command(ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE); }
   static void Data(const std::string& bytes) { Command(ORRIN_TAVRIN_CMD_KVM_DATA, bytes); }
 
-  // Waits for a socket of port 22 in a state of TCP, as /proc/net/tcp numbers them.
-  static bool PortReaches(const std::string& state) {
-    return Eventually([&] {
-      std::ifstream table("/proc/net/tcp");
-      std::string line;
-      while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string number, local, remote, found;
-        fields >> number >> local >> remote >> found;
-        if (local.size() > 5 && local.substr(local.size() - 5) == ":0016" && found == state)
-          return true;
-      }
-      return false;
-    });
+  // Whether a socket of port 22 is in a state of TCP, as /proc/net/tcp numbers them.
+  static bool PortIs(const std::string& state) {
+    std::ifstream table("/proc/net/tcp");
+    const std::string text{std::istreambuf_iterator<char>(table), {}};
+    return std::regex_search(text, std::regex(":0016 \\S+ " + state + " "));
   }
   // Waits for a listener; the server binds on its own thread.
-  static bool Listening() { return PortReaches("0A"); }
-  // Waits until the viewer's close has reached the service's end, behind all of its bytes.
-  static bool ViewerHasClosed() { return PortReaches("08"); }
-  // Waits until the session of a viewer who has connected is up and its connection served.
+  static bool Listening() {
+    return Eventually([] { return PortIs("0A"); });
+  }
+  // Waits until the viewer has been announced and its accept is over: the server waits again.
   bool Served(std::size_t announcements = 1) {
-    return firmware_->Await(kAnnounce, announcements) && Eventually([&] {
-             return CountOf(Messages(), "Exiting KVM Callback\n") >= announcements;
+    return firmware_->Await(kAnnounce, announcements) && Eventually([] {
+             return CallsOf({"accept", "WaitForMultipleObjectsEx"}).back()[0] == 'W';
            });
   }
+  // Enables KVM and connects a viewer, who is served.
+  std::unique_ptr<TcpClient> NewViewer(std::size_t announcements = 1) {
+    Enable();
+    EXPECT_TRUE(Listening());
+    auto viewer = std::make_unique<TcpClient>(22);
+    EXPECT_TRUE(Served(announcements));
+    return viewer;
+  }
+  // Lets a held request of this code end without an answer.
+  void EndHeldRequest(std::uint32_t code) {
+    firmware_->SetVerdict(code, 0);
+    platform::CancelIoEx(*gRequestDevice, nullptr);
+  }
+
   // The messages to the firmware, a letter each: A asks for the region, S status, I announcement,
   // D data, R region given back, C close.
   std::string Sequence() {
-    static const std::map<std::uint32_t, char> kLetters = {{kRegion, 'A'},     {kStatusByte, 'S'},
-                                                           {kAnnounce, 'I'},   {kKvmBytes, 'D'},
-                                                           {kRegionBack, 'R'}, {kGone, 'C'}};
+    constexpr std::uint32_t kCodes[] = {kRegion,   kStatusByte, kAnnounce,
+                                        kKvmBytes, kRegionBack, kClosed};
     std::string letters;
-    for (const Asked& asked : firmware_->Requests()) {
-      const auto found = kLetters.find(asked.code);
-      letters += found != kLetters.end() ? found->second : '?';
-    }
+    for (const std::uint32_t code : firmware_->Codes())
+      letters += "ASIDRC?"[std::find(std::begin(kCodes), std::end(kCodes), code) - kCodes];
     return letters;
   }
   std::string DataSent() {
@@ -129,6 +121,15 @@ class KvmTest : public MailboxTest {
     for (const Asked& asked : firmware_->Requests())
       if (asked.code == kKvmBytes) data += asked.input;
     return data;
+  }
+  // Expects the lines in the log in their order; each may be the beginning of one.
+  static void ExpectInOrder(std::initializer_list<const char*> lines) {
+    const std::string log = "\n" + Messages();
+    std::size_t at = 0;
+    for (const char* line : lines) {
+      at = log.find("\n" + std::string(line), at);
+      ASSERT_NE(at, std::string::npos) << line;
+    }
   }
   static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
   Holdings before_{};
