@@ -79,16 +79,18 @@ TEST_F(SelectorTest, EmptyListEndsTheRunAtOnceUnlessItIsAllowed) {
   EXPECT_EQ(Selector_Run(&sel_, 20'000, false), RESULT_TIME_OUT);
 }
 
-TEST_F(SelectorTest, AddAndRemoveCallTheHandlerOnceAndRefuseTheSecondTime) {
-  SocketPair pair;
-  Probe probe(&calls_, "a", pair.a, SELECTOR_READ);
+TEST_F(SelectorTest, AddRemoveAndDestroyCallTheHandlerOnceEach) {
+  Probe probe(&calls_, "a", kInvalidSock, 0), other(&calls_, "b", kInvalidSock, 0);
   EXPECT_EQ(Selector_RemoveHandler(&sel_, &probe.handler), RESULT_NOT_FOUND);
   EXPECT_EQ(Selector_AddHandler(&sel_, &probe.handler), RESULT_OK);
   EXPECT_EQ(Selector_AddHandler(&sel_, &probe.handler), RESULT_ALREADY_EXISTS);
-  EXPECT_EQ(Selector_ContainsHandler(&sel_, &probe.handler), RESULT_OK);
-  EXPECT_EQ(Selector_RemoveHandler(&sel_, &probe.handler), RESULT_OK);
+  EXPECT_EQ(Selector_RemoveAllHandlers(&sel_), RESULT_OK);
   EXPECT_EQ(Selector_ContainsHandler(&sel_, &probe.handler), RESULT_NOT_FOUND);
-  EXPECT_EQ(calls_, "a:1 a:32 ");
+  EXPECT_EQ(Selector_AddHandler(&sel_, &other.handler), RESULT_OK);
+  Selector_Destroy(&sel_);
+  EXPECT_EQ(calls_, "a:1 a:32 b:1 b:64 ");
+  EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_FAILED);
+  EXPECT_FALSE(Selector_IsRunThread(&sel_));
 }
 
 // The two-phase removal: the refusing call, then SELECTOR_REMOVE in the same pass, and the next
@@ -98,18 +100,6 @@ TEST_F(SelectorTest, RefusingHandlerIsRemovedInThePassThatServesTheNext) {
   AddDue("b").act = [&] { return Stop(); };
   EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_OK);
   EXPECT_EQ(calls_, "a:16 a:32 b:16 ");
-}
-
-TEST_F(SelectorTest, CloseIsReportedAsAReadAndWithDataPerhapsAsBoth) {
-  for (const std::string text : {"", "x"}) {
-    SocketPair pair;
-    Add("a", pair.a, SELECTOR_READ).act = [] { return false; };
-    if (!text.empty()) pair.Send(text);
-    SocketPair::Close(&pair.b);
-    EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_FAILED) << "the list has become empty";
-    // The close may come after the data has been reported.
-    EXPECT_TRUE(calls_ == "a:2 a:32 " || (calls_ == "a:258 a:32 " && !text.empty())) << calls_;
-  }
 }
 
 TEST_F(SelectorTest, DeadlineCallsItsHandlerInEachTurnUntilItIsMoved) {
@@ -206,21 +196,6 @@ TEST_F(SelectorTest, AnotherThreadWakesAndStopsTheRun) {
   EXPECT_EQ(Selector_Run(&sel_, 0, false), RESULT_OK);
   other.join();
   EXPECT_EQ(calls_, "t:16 ");
-}
-
-TEST_F(SelectorTest, DestroyAndRemoveAllCallEachHandlerOnce) {
-  SocketPair first, second;
-  Add("a", first.a, SELECTOR_READ);
-  Add("b", second.a, SELECTOR_READ);
-  EXPECT_EQ(Selector_RemoveAllHandlers(&sel_), RESULT_OK);
-  EXPECT_EQ(calls_, "a:32 b:32 ");
-  for (const auto& probe : {probes_[1].get(), probes_[0].get()})
-    EXPECT_EQ(Selector_AddHandler(&sel_, &probe->handler), RESULT_OK);
-  calls_.clear();
-  Selector_Destroy(&sel_);
-  EXPECT_EQ(calls_, "b:64 a:64 ");
-  EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_FAILED);
-  EXPECT_FALSE(Selector_IsRunThread(&sel_));
 }
 
 }  // namespace

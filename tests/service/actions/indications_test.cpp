@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/service/mailbox_fixture.h"
@@ -48,7 +48,6 @@ class Indications : public MailboxTest {
 
 TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
   Subscribe(Record("console", "/events"));
-  const std::string closed = "WinHttpCloseHandle()";
   const std::vector<std::string> steps = {
       "WinHttpOpen(WinHTTP Example/1.0)",
       "WinHttpSetTimeouts(10000,10000,10000,10000)",
@@ -58,23 +57,20 @@ TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
       "application/soap+xml;charset=UTF-8\r\nAccept: */*\r\nContent-Length: 5\r\n)",
       "WinHttpSetOption(31,0x3100)",
       "WinHttpSendRequest(5)"};
-  const struct {
-    const char* call;
-    std::size_t steps, closes;
-    const char* printed;
-  } kRows[] = {{"none", 7, 3, "Error 12029 Request not sent.\n"},
-               {"WinHttpOpen", 1, 0, "Error 12345 Session not established.\n"},
-               {"WinHttpSetTimeouts", 7, 3, "Error 12029 Request not sent.\n"},
-               {"WinHttpConnect", 3, 1, "Error 12345 Connection not attempted.\n"},
-               {"WinHttpOpenRequest", 4, 2, "Error 12345 Request not opened.\n"},
-               {"WinHttpAddRequestHeaders", 7, 3, "Error 12029 Request not sent.\n"},
-               {"WinHttpSetOption", 6, 3, "Error 12345 Options not set.\n"}};
-  for (const auto& row : kRows) {
+  const std::tuple<const char*, std::size_t, std::size_t, const char*> kRows[] = {
+      {"none", 7, 3, "Error 12029 Request not sent.\n"},
+      {"WinHttpOpen", 1, 0, "Error 12345 Session not established.\n"},
+      {"WinHttpSetTimeouts", 7, 3, "Error 12029 Request not sent.\n"},
+      {"WinHttpConnect", 3, 1, "Error 12345 Connection not attempted.\n"},
+      {"WinHttpOpenRequest", 4, 2, "Error 12345 Request not opened.\n"},
+      {"WinHttpAddRequestHeaders", 7, 3, "Error 12029 Request not sent.\n"},
+      {"WinHttpSetOption", 6, 3, "Error 12345 Options not set.\n"}};
+  for (const auto& [failing, made, closes, printed] : kRows) {
     std::vector<std::string> expected = steps;
-    expected.resize(row.steps);
-    expected.resize(row.steps + row.closes, closed);
-    expected.push_back(row.printed);
-    EXPECT_EQ(Post("event", row.call), expected) << row.call;
+    expected.resize(made);
+    expected.resize(made + closes, "WinHttpCloseHandle()");
+    expected.push_back(printed);
+    EXPECT_EQ(Post("event", failing), expected) << failing;
   }
   EXPECT_EQ(gIndicationSubscribed.load(), 1) << "a failed post leaves the subscription";
 }
@@ -103,6 +99,8 @@ TEST_F(Indications, TextsEndAtTheirFieldsAndLogWithoutControlCharacters) {
   EXPECT_EQ(std::strlen(gIndicationSubscription.path), 1023u);
   EXPECT_EQ(Post("event"), std::vector<std::string>{""});
   EXPECT_TRUE(Logged("Indication not posted: the host is too long for a header"));
+  (void)Post(std::string(4096, 'x'));
+  EXPECT_TRUE(Logged("Indication not posted: the event is longer than 4095 bytes"));
   Subscribe(Record("evil\nINFO: forged", "/"));
   EXPECT_TRUE(Logged("Send size is 2060, so subscribing to evil?INFO: forged"));
 }
@@ -110,38 +108,16 @@ TEST_F(Indications, TextsEndAtTheirFieldsAndLogWithoutControlCharacters) {
 TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
   const std::string kHost = "the host is no name and no address", kPort = "the port is none",
                     kPath = "control characters in the path";
-  const struct {
-    const char* host;
-    const char* path;
-    std::uint32_t port;
-    std::string why;
-  } kRows[] = {
-      {"", "/", 80, kHost},          {"a\r\nX: y", "/", 80, kHost}, {"a b", "/", 80, kHost},
-      {"user@host", "/", 80, kHost}, {"host/x?", "/", 80, kHost},   {"h\xF6st", "/", 80, kHost},
-      {"host", "/\x7F", 80, kPath},  {"host", "/a\tb", 80, kPath},  {"host", "/", 0, kPort},
-      {"host", "/", 65536, kPort},   {"host", "/", ~0u, kPort}};
-  std::map<std::string, std::size_t> refusals;
-  for (const auto& row : kRows) {
-    Subscribe(Record(row.host, row.path, row.port));
+  const std::tuple<const char*, const char*, std::uint32_t, std::string> kRows[] = {
+      {"", "/", 80, kHost},        {"a\r\nX: y", "/", 80, kHost}, {"user@host", "/", 80, kHost},
+      {"h\xF6st", "/", 80, kHost}, {"host", "/\x7F", 80, kPath},  {"host", "/a\tb", 80, kPath},
+      {"host", "/", 0, kPort},     {"host", "/", 65536, kPort}};
+  for (const auto& [host, path, port, why] : kRows) {
+    const std::size_t before = CountOf(Messages(), "Indication not posted: " + why);
+    Subscribe(Record(host, path, port));
     EXPECT_EQ(Post("event"), std::vector<std::string>{""});
-    EXPECT_EQ(CountOf(Messages(), "Indication not posted: " + row.why), ++refusals[row.why])
-        << row.host;
+    EXPECT_EQ(CountOf(Messages(), "Indication not posted: " + why), before + 1) << host;
   }
-}
-
-TEST_F(Indications, EventOfAtMost4095BytesIsPostedUpToItsFirstZero) {
-  EXPECT_EQ(Post("early"), std::vector<std::string>{""});
-  EXPECT_TRUE(Logged("Not Posting Indication Alert"));
-  Subscribe(Record("console", "/events"));
-  const std::pair<std::string, const char*> kRows[] = {
-      {std::string(4095, 'x'), "WinHttpSendRequest(4095)"},
-      {{'a', 'b', 0, 'c'}, "WinHttpSendRequest(2)"}};
-  for (const auto& [event, sent] : kRows) {
-    const auto calls = Post(event);
-    EXPECT_EQ(std::count(calls.begin(), calls.end(), sent), 1) << sent;
-  }
-  EXPECT_EQ(Post(std::string(4096, 'x')), std::vector<std::string>{""});
-  EXPECT_TRUE(Logged("Indication not posted: the event is longer than 4095 bytes"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The DASH relay between consoles and a firmware, on a listener of the test's own.
+// The DASH relay between consoles and a firmware, on port 664 of a network of the test's own.
 #include "service/gateway/dash_relay.h"
 
 #include <gtest/gtest.h>
@@ -7,10 +7,13 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "service/actions/power_actions.h"
+#include "service/gateway/listeners.h"
 #include "service/inventory/ip_config.h"
 #include "service/mailbox/control_codes.h"
+#include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
 
@@ -22,41 +25,16 @@ constexpr std::uint32_t kAnnounce = ControlCodeFor(Operation::kSendIPCompleteInf
 constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
 constexpr std::uint32_t kStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
 
+constexpr PortCallback kCallbacks[] = {{664, ListenHTTPSCallback}};
 constexpr std::uint16_t kOpen = 1, kClosed = 2;  // of gHttpsSocketState
-
-// Returns a handler of the listen callback, on a free port, that nobody owns yet.
-Handler* MakeListener(std::uint16_t* port) {
-  auto* handler = new Handler{};
-  Addr any;
-  Addr_InitAny(&any, 0);
-  EXPECT_EQ(Sock_CreateListener(&handler->sock, any), RESULT_OK);
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  ::getsockname(static_cast<int>(handler->sock), reinterpret_cast<sockaddr*>(&address), &size);
-  *port = ntohs(address.sin_port);
-  handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
-  handler->callback = ListenHTTPSCallback;
-  return handler;
-}
-
-// A server thread as the service has one: one selector with one listener, until the run fails.
-std::uint32_t Serve(void* listener) {
-  struct Owner {
-    Selector selector;
-    ~Owner() { Selector_Destroy(&selector); }
-  } owner;
-  EXPECT_EQ(Selector_Init(&owner.selector), RESULT_OK);
-  EXPECT_EQ(Selector_AddHandler(&owner.selector, static_cast<Handler*>(listener)), RESULT_OK);
-  while (Selector_Run(&owner.selector, 10'000'000, false) == RESULT_TIME_OUT) {
-  }
-  return 0;
-}
 
 class DashRelay : public MailboxTest {
  protected:
   void SetUp() override {
+    if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
     MailboxTest::SetUp();
     OpenMailbox();
+    SetPortCallbacks(kCallbacks);
     gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = 2; });
   }
   void TearDown() override {
@@ -64,23 +42,20 @@ class DashRelay : public MailboxTest {
     if (server_) EndThread(&server_);
     MailboxTest::TearDown();
   }
-  // Starts a server thread and returns its port.
-  std::uint16_t StartServer() {
-    std::uint16_t port = 0;
-    Handler* listener = MakeListener(&port);
-    EXPECT_EQ(Sock_SetBlocking(listener->sock, false), RESULT_OK);
-    server_ = platform::CreateThread(Serve, listener);
-    return port;
+  void StartServer() {
+    const auto binds = [] { return CountOf(Messages(), "Bind to port 664 successful"); };
+    const std::size_t before = binds();
+    server_ =
+        platform::CreateThread([](void*) -> std::uint32_t { return RunServer(), 0; }, nullptr);
+    EXPECT_TRUE(Eventually([&] { return binds() > before; }));
   }
   // The messages of the exchange, a letter each: S status, I announcement, D data, C close.
   std::string Sequence() {
     std::string letters;
     for (const std::uint32_t code : firmware_->Codes())
-      letters += code == kStatus     ? 'S'
-                 : code == kAnnounce ? 'I'
-                 : code == kData     ? 'D'
-                 : code == kGone     ? 'C'
-                                     : '?';
+      for (const auto& [known, letter] :
+           {std::pair(kStatus, 'S'), {kAnnounce, 'I'}, {kData, 'D'}, {kGone, 'C'}})
+        if (code == known) letters += letter;
     return letters;
   }
   // A frame of the firmware, as the reader thread passes it on.
@@ -93,8 +68,9 @@ class DashRelay : public MailboxTest {
 };
 
 TEST_F(DashRelay, ExchangeIsAnnouncedBeforeItsBytesAndEndsWithTheClose) {
+  StartServer();
   {
-    TcpClient client(StartServer());
+    TcpClient client(664);
     client.Send("hello");
     ASSERT_TRUE(firmware_->Await(kData));
     Reply("answer");
@@ -117,36 +93,34 @@ TEST_F(DashRelay, ExchangeIsAnnouncedBeforeItsBytesAndEndsWithTheClose) {
 }
 
 TEST_F(DashRelay, SecondPeerReplacesTheFirstWhoseCloseComesBeforeTheAnnouncement) {
-  const std::uint16_t port = StartServer();
-  TcpClient first(port);
+  StartServer();
+  TcpClient first(664);
   ASSERT_TRUE(firmware_->Await(kAnnounce));
-  TcpClient second(port);
-  ASSERT_TRUE(firmware_->Await(kAnnounce, 2));
-  EXPECT_EQ(Sequence(), "SICSI");
-  EXPECT_TRUE(first.SeesEnd());
+  TcpClient second(664);
   second.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
+  EXPECT_EQ(Sequence(), "SICSID");
+  EXPECT_TRUE(first.SeesEnd());
   Reply("y");
   EXPECT_EQ(second.Receive(1), "y");
-  EXPECT_FALSE(Logged("Selector remove called for HTTPS callback"));
 }
 
 TEST_F(DashRelay, PowerOptionWaitsForAReplyThatReachesASocket) {
   gPowerOption.store(kPowerReboot);
   Reply("nobody");
   EXPECT_TRUE(Logged("Socket is closed"));
-  TcpClient client(StartServer());
+  StartServer();
+  TcpClient client(664);
   client.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
   gate::FailNext("send", platform::kWsaEWouldBlock);
   Reply("blocked");
   EXPECT_TRUE(Logged("Sockwrite Failed in WriteDASHRXdata because of block"));
-  gate::FailEvery("send", 10054);
+  gate::FailNext("send", 10054);
   Reply("failed");
   EXPECT_TRUE(Logged("SockWrite Failed in WriteDASHRXdata"));
   EXPECT_EQ(gPowerOption.load(), kPowerReboot);
   EXPECT_EQ(LabText("power.txt"), "");
-  gate::Arm();
   Reply("reply");
   EXPECT_EQ(client.Receive(5), "reply");
   EXPECT_EQ(gPowerOption.load(), kPowerNone);
@@ -155,28 +129,29 @@ TEST_F(DashRelay, PowerOptionWaitsForAReplyThatReachesASocket) {
 
 // A selector that is destroyed under a connection must leave nothing that a later accept acts on.
 TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServes) {
-  TcpClient first(StartServer());
-  ASSERT_TRUE(firmware_->Await(kAnnounce));
-  ASSERT_TRUE(Eventually([] { return gHttpsSocketState.load() == kOpen; }));
+  StartServer();
+  TcpClient first(664);
+  first.Send("x");
+  ASSERT_TRUE(firmware_->Await(kData));
   EndThread(&server_);
   EXPECT_TRUE(first.SeesEnd());
   EXPECT_EQ(gHttpsSocketState.load(), kClosed);
   EXPECT_EQ(gHttpsHandler, nullptr);
-  TcpClient second(StartServer());
+  StartServer();
+  TcpClient second(664);
   second.Send("x");
-  ASSERT_TRUE(firmware_->Await(kData));
+  ASSERT_TRUE(firmware_->Await(kData, 2));
 }
 
-// The reader writes while the server thread replaces and closes: nothing may reach a socket number
-// that has been given to somebody else.
+// The reader writes while the server thread replaces and closes.
 TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
-  const std::uint16_t port = StartServer();
+  StartServer();
   std::atomic<bool> stop{false};
   std::thread reader([&] {
     while (!stop) Reply("r");
   });
   for (int i = 0; i < 30; ++i) {
-    TcpClient client(port);
+    TcpClient client(664);
     client.Send("x");
     EXPECT_EQ(client.Receive(1), "r");
   }
@@ -189,91 +164,72 @@ class DashCallbacks : public DashRelay {
  protected:
   void SetUp() override {
     DashRelay::SetUp();
-    listener_ = MakeListener(&port_);
+    if (IsSkipped()) return;
+    Addr any;
+    Addr_InitAny(&any, 664);
+    ASSERT_EQ(Sock_CreateListener(&listener_.sock, any), RESULT_OK);
+    ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
   }
   void TearDown() override {
-    CloseListener();
     Selector_Destroy(&selector_);
+    (void)Sock_Close(listener_.sock);
     DashRelay::TearDown();
   }
-  void CloseListener() {
-    if (listener_ != nullptr) ListenHTTPSCallback(&selector_, listener_, SELECTOR_REMOVE, 0);
-    listener_ = nullptr;
+  bool Accept(Selector* selector) {
+    return ListenHTTPSCallback(selector, &listener_, SELECTOR_READ, 0) != 0;
   }
-  bool Accept() { return ListenHTTPSCallback(&selector_, listener_, SELECTOR_READ, 0) != 0; }
-  bool Call(std::uint32_t mask) { return HTTPSCallback(&selector_, gHttpsHandler, mask, 0) != 0; }
 
-  std::uint16_t port_ = 0;
-  Handler* listener_ = nullptr;
+  Handler listener_{};
   Selector selector_;
 };
 
 TEST_F(DashCallbacks, FailedAcceptClosesTheConnectionAndReportsTheEndOfAnAnnouncedOne) {
-  const struct {
-    const char* line;
-    const char* sequence;
-    std::function<void()> arrange;
-  } kRows[] = {// The selector does not exist yet and takes no handler.
-               {"Selector_AddHandler failed", "SIC", [] {}},
-               {"Sock_SetBlocking failed", "SIC",
-                [&] {
-                  ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
-                  gate::FailNext("ioctlsocket", 10022);
-                }},
-               {"Sock_Accept failed", "", [] { gate::FailNext("accept", 10022); }},
-               {"ORRIN Status return failed", "S", [&] { firmware_->SetStatus(0); }},
-               {"Provisioning not done. Incoming HTTPS connection dropped.", "",
-                [] { gTavrinVersionInfo.Store({}); }}};
-  for (const auto& row : kRows) {
-    TcpClient client(port_);
+  Selector none;  // takes no handler
+  const std::tuple<const char*, const char*, Selector*, std::function<void()>> kRows[] = {
+      {"Selector_AddHandler failed", "SIC", &none, [] {}},
+      {"Sock_SetBlocking failed", "SIC", &selector_, [] { gate::FailNext("ioctlsocket", 10022); }},
+      {"ORRIN Status return failed", "S", &selector_, [this] { firmware_->SetStatus(0); }},
+      {"Sock_Accept failed", "", &selector_, [] { gate::FailNext("accept", 10022); }},
+      {"Provisioning not done. Incoming HTTPS connection dropped.", "", &selector_,
+       [] { gTavrinVersionInfo.Store({}); }}};
+  for (const auto& [line, sequence, selector, arrange] : kRows) {
+    TcpClient client(664);
     const std::string before = Sequence();
-    row.arrange();
-    EXPECT_FALSE(Accept()) << row.line;
-    CloseListener();  // as the selector does then; a connection that was not accepted ends with it
-    EXPECT_TRUE(client.SeesEnd()) << row.line;
-    EXPECT_TRUE(Logged(row.line)) << row.line;
-    EXPECT_EQ(Sequence(), before + row.sequence) << row.line;
-    EXPECT_NE(gHttpsSocketState.load(), kOpen) << row.line;
-    EXPECT_EQ(gHttpsHandler, nullptr) << row.line;
-    listener_ = MakeListener(&port_);
+    arrange();
+    EXPECT_FALSE(Accept(selector)) << line;
+    EXPECT_TRUE(*sequence == 0 || client.SeesEnd()) << line;  // the last two wait at the listener
+    EXPECT_TRUE(Logged(line)) << line;
+    EXPECT_EQ(Sequence(), before + sequence) << line;
+    EXPECT_NE(gHttpsSocketState.load(), kOpen) << line;
+    EXPECT_EQ(gHttpsHandler, nullptr) << line;
   }
 }
 
-TEST_F(DashCallbacks, ConnectionOutlivesItsListenerAndAReadOfNothing) {
-  ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
-  TcpClient client(port_);
-  ASSERT_TRUE(Accept());
-  CloseListener();
-  EXPECT_TRUE(Call(SELECTOR_READ));
-  EXPECT_EQ(gHttpsSocketState.load(), kOpen);
-  Reply("reply");
-  EXPECT_EQ(client.Receive(5), "reply");
-}
-
-TEST_F(DashCallbacks, EventThatEndsTheConnectionIsAnsweredWithItsLineAndMessages) {
-  ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
-  const struct {
-    std::uint32_t mask;
-    const char* failing;
-    const char* line;
-    const char* sequence;
-  } kRows[] = {{SELECTOR_WRITE, "none", "Unexpected write event in HTTPS callback", "SI"},
-               {SELECTOR_READ, "recv",
-                "Sockread failed or client closed the connection for HTTPS callback", "SIC"},
-               {SELECTOR_READ | SELECTOR_READ_CLOSE, "none", "SELECTOR_READ_CLOSE called", "SIDC"}};
-  for (const auto& row : kRows) {
+TEST_F(DashCallbacks, EventThatEndsTheConnectionClearsTheSlotWithItsLineAndMessages) {
+  const std::tuple<std::uint32_t, const char*, const char*, const char*> kRows[] = {
+      {SELECTOR_WRITE, "none", "Unexpected write event in HTTPS callback", "SI"},
+      {SELECTOR_READ, "recv", "Sockread failed or client closed the connection for HTTPS callback",
+       "SIC"},
+      {SELECTOR_READ | SELECTOR_READ_CLOSE, "none", "SELECTOR_READ_CLOSE called", "SIDC"}};
+  for (const auto& [mask, failing, line, sequence] : kRows) {
     const std::string before = Sequence();
-    TcpClient client(port_);
-    ASSERT_TRUE(Accept());
-    client.Send("last words");
+    TcpClient client(664);
+    ASSERT_TRUE(Accept(&selector_));
     Handler* handler = gHttpsHandler;
-    gate::FailNext(row.failing, 10054);
-    ASSERT_TRUE(Eventually([&] { return !Call(row.mask); })) << "once the bytes have arrived";
-    EXPECT_TRUE(Logged(row.line)) << row.line;
+    EXPECT_EQ(HTTPSCallback(&selector_, handler, SELECTOR_READ, 0), 1) << "nothing to read";
+    auto* foreign = new Handler{};
+    foreign->sock = kInvalidSock;
+    EXPECT_EQ(ListenHTTPSCallback(&selector_, foreign, SELECTOR_REMOVE, 0), 1);
+    EXPECT_EQ(gHttpsSocketState.load(), kOpen) << "another handler was released";
+    client.Send("last words");
+    gate::FailNext(failing, 10054);
+    const auto call = [&, events = mask] { return HTTPSCallback(&selector_, handler, events, 0); };
+    ASSERT_TRUE(Eventually([&] { return call() == 0; })) << "once the bytes have arrived";
+    EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Selector_RemoveHandler(&selector_, handler), RESULT_OK);
     EXPECT_EQ(gHttpsSocketState.load(), kClosed);
     EXPECT_EQ(gHttpsHandler, nullptr);
-    EXPECT_EQ(Sequence(), before + row.sequence) << row.line;
+    EXPECT_EQ(Sequence(), before + sequence) << line;
   }
 }
 

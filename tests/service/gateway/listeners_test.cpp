@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -43,24 +45,21 @@ class Listeners : public MailboxTest {
 TEST_F(Listeners, FailedBindLogsItsLineAndLeavesNothingOpen) {
   Selector selector, none;
   ASSERT_EQ(Selector_Init(&selector), RESULT_OK);
-  const struct {
-    const char* call;
-    std::uint32_t port;
-    Selector* selector;
-    const char* line;
-  } kRows[] = {{"socket", 664, &selector, "Sock create failed for 664"},
-               {"listen", 22, &selector, "Sock create failed for 22"},
-               {"ioctlsocket", 664, &selector, "Set blocking failed for 664"},
-               {"none", 665, &selector, "Unhandled port used 665"},
-               {"none", 664, &none, "Add handler failed for 664"}};
+  const std::tuple<const char*, std::uint32_t, Selector*, const char*> kRows[] = {
+      {"socket", 664, &selector, "Sock create failed for 664"},
+      {"setsockopt", 664, &selector, "Sock create failed for 664"},
+      {"bind", 664, &selector, "Sock create failed for 664"},
+      {"listen", 22, &selector, "Sock create failed for 22"},
+      {"ioctlsocket", 664, &selector, "Set blocking failed for 664"},
+      {"none", 665, &selector, "Unhandled port used 665"},
+      {"none", 664, &none, "Add handler failed for 664"}};
   LogInfo("The log's own descriptors are open from here on");
   const Holdings before = Held();
-  for (const auto& row : kRows) {
-    gate::Arm();
-    gate::FailNext(row.call, 10013);
-    EXPECT_FALSE(BindListener(row.selector, row.port)) << row.line;
-    EXPECT_TRUE(Logged(row.line)) << row.line;
-    EXPECT_EQ(Held(), before) << row.line;
+  for (const auto& [call, port, owner, line] : kRows) {
+    gate::FailNext(call, 10013);
+    EXPECT_FALSE(BindListener(owner, port)) << line;
+    EXPECT_TRUE(Logged(line)) << line;
+    EXPECT_EQ(Held(), before) << line;
   }
   EXPECT_TRUE(BindListener(&selector, 664));
   EXPECT_TRUE(Logged("Bind to port 664 successful"));

@@ -19,21 +19,18 @@ constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboard
 class StartUp : public MailboxTest {};
 
 TEST_F(StartUp, FailingStepOfTheInstallerIsPrinted) {
-  const struct {
-    const char* call;
-    const char* printed;
-  } kRows[] = {
+  const std::string opened = "OpenSCManager successful\n";
+  const std::pair<const char*, std::string> kRows[] = {
       {"GetModuleFileNameA", "Cannot install service (5)\n"},
       {"OpenSCManagerA", "OpenSCManager failed with error (5)\n"},
-      {"CreateServiceA", "OpenSCManager successful\nCreateService failed with error (5)\n"},
+      {"CreateServiceA", opened + "CreateService failed with error (5)\n"},
       {"ChangeServiceConfig2A",
-       "OpenSCManager successful\nChangeServiceConfig2 failedService installed successfully\n"}};
-  for (const auto& row : kRows) {
-    gate::Arm();
-    gate::FailNext(row.call, 5);
+       opened + "ChangeServiceConfig2 failedService installed successfully\n"}};
+  for (const auto& [call, printed] : kRows) {
+    gate::FailNext(call, 5);
     ::testing::internal::CaptureStdout();
     SvcInstall();
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), row.printed);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), printed);
   }
 }
 
@@ -45,23 +42,6 @@ TEST_F(StartUp, EventTextIsCutAt127CharactersAndALostEntryIsSilent) {
     ReportServiceEvent("lost", kEventInformation);
   }
   EXPECT_EQ(LabText("eventlog.txt").find("lost"), std::string::npos);
-}
-
-TEST_F(StartUp, LogNeedsItsFoldersAndNoVersion) {
-  ServiceLog_Close();
-  std::filesystem::remove_all(lab() + "/ProgramData/Corvane");
-  gate::FailNext("SHGetFolderPathA", 5);
-  EXPECT_FALSE(InitServiceLog());
-  gate::FailNext("CreateDirectoryA", 5, 1);
-  EXPECT_FALSE(InitServiceLog());
-  EXPECT_TRUE(InitServiceLog());
-  EXPECT_EQ(CountOf(Messages(),
-                    "Quillon Stewardry Service 1.0.0.533 started on Windows version: "
-                    "Linux [Version "),
-            1U);
-  gate::FailNext("_popen", 2);
-  EXPECT_TRUE(InitServiceLog());
-  EXPECT_TRUE(Logged("Quillon Stewardry Service 1.0.0.533 started..."));
 }
 
 TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
