@@ -31,7 +31,8 @@ class Logs : public LabTest {
     LabTest::TearDown();
   }
   static void MakeFile(const char* path, std::size_t size) {
-    std::ofstream(platform::NativePath(path)) << std::string(size, 'o');
+    std::ofstream(platform::NativePath(path)).close();
+    std::filesystem::resize_file(platform::NativePath(path), size);
   }
 };
 

@@ -39,21 +39,11 @@ struct ServedPipe : AskingProgram {
   }
   platform::Thread thread;
 };
-struct TrayPipe : ServedPipe {
-  TrayPipe() : ServedPipe("TrayPipe", TrayPipeThread) {}
-};
-struct UpgradePipe : ServedPipe {
-  UpgradePipe() : ServedPipe("SoftwareUpgradePipe", SoftwareUpgradePipeThread) {}
-  std::string Poll() { return Ask("6\0"s); }
-};
-struct TrayUiPipe : ServedPipe {
-  TrayUiPipe() : ServedPipe("ServiceToTrayUI", ServiceToTrayUIThread) {}
-};
 
 class PipeThreads : public MailboxTest {};
 
 TEST_F(PipeThreads, QuestionIsADecimalNumberAtItsBeginning) {
-  TrayPipe tray;
+  ServedPipe tray("TrayPipe", TrayPipeThread);
   const std::pair<std::string, const char*> kRows[] = {
       {" \t\r\n+5abc\0"s, kVersion},
       {"-5\0"s, kImproper},
@@ -74,8 +64,8 @@ TEST_F(PipeThreads, QuestionIsADecimalNumberAtItsBeginning) {
 }
 
 TEST_F(PipeThreads, AnswersShowTheServicesState) {
-  TrayPipe tray;
-  TrayUiPipe ui;
+  ServedPipe tray("TrayPipe", TrayPipeThread);
+  ServedPipe ui("ServiceToTrayUI", ServiceToTrayUIThread);
   SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
   tray.ExpectAnswers(1, {"OFF", "Not Completed", "Not Available", "NO", "1.0.0.533", "N/A",
                          "Service Ended", "0", "0", "0", "0", "Please provide proper input"});
@@ -99,7 +89,7 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
 }
 
 TEST_F(PipeThreads, ProgramThatBreaksOffAtAnyByteLeavesAWorkingThread) {
-  TrayPipe tray;
+  ServedPipe tray("TrayPipe", TrayPipeThread);
   const std::string question = "11\0"s, answer = kVersion;
   for (std::size_t said = 0; said <= question.size(); ++said) {
     ASSERT_TRUE(tray.Meet());
@@ -120,8 +110,8 @@ TEST_F(PipeThreads, ProgramThatBreaksOffAtAnyByteLeavesAWorkingThread) {
 }
 
 TEST_F(PipeThreads, FullHeapEndsItsOwnThreadAndKeepsTheConnection) {
-  TrayPipe tray;
-  TrayUiPipe ui;
+  ServedPipe tray("TrayPipe", TrayPipeThread);
+  ServedPipe ui("ServiceToTrayUI", ServiceToTrayUIThread);
   ASSERT_TRUE(tray.Meet());
   EXPECT_EQ(ui.Ask("20\0"s), kNone);
   gate::FailNext("HeapAlloc", 8);
@@ -136,7 +126,8 @@ TEST_F(PipeThreads, FullHeapEndsItsOwnThreadAndKeepsTheConnection) {
 
 TEST_F(PipeThreads, NoticeIsHandedOutTenTimesCutAt125Characters) {
   ComposeService();
-  UpgradePipe upgrade;
+  ServedPipe upgrade("SoftwareUpgradePipe", SoftwareUpgradePipeThread);
+  const auto poll = [&] { return upgrade.Ask("6\0"s); };
   const auto announce = [](const std::string& payload) {
     const std::string frame = payload + "\x0a\0"s;
     Processread(static_cast<std::uint32_t>(frame.size()),
@@ -145,19 +136,19 @@ TEST_F(PipeThreads, NoticeIsHandedOutTenTimesCutAt125Characters) {
   upgrade.ExpectAnswers(6, {"N/A", "Please provide proper input"});
   announce("a notice that is longer than the next one");
   EXPECT_TRUE(Logged("Software upgrade command received\nAttempting Software Upgrade"));
-  EXPECT_EQ(upgrade.Poll(), "a notice that is longer than the next one\r\n");
+  EXPECT_EQ(poll(), "a notice that is longer than the next one\r\n");
   announce("v2");
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(upgrade.Poll(), "v2\r\n") << "poll " << i + 1;
-  EXPECT_EQ(upgrade.Poll(), kNone);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(poll(), "v2\r\n") << "poll " << i + 1;
+  EXPECT_EQ(poll(), kNone);
   announce("");  // the dispatcher drops it
-  EXPECT_EQ(upgrade.Poll(), kNone);
+  EXPECT_EQ(poll(), kNone);
   const std::pair<std::string, std::size_t> kRows[] = {{"cut\0here"s, 3},
                                                        {std::string(125, 'n'), 125},
                                                        {std::string(126, 'n'), 125},
                                                        {std::string(131070, 'n'), 125}};
   for (const auto& [payload, answered] : kRows) {
     announce(payload);
-    EXPECT_EQ(upgrade.Poll(), payload.substr(0, answered) + "\r\n") << payload.size();
+    EXPECT_EQ(poll(), payload.substr(0, answered) + "\r\n") << payload.size();
   }
 }
 
