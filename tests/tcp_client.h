@@ -1,4 +1,5 @@
-// A console's end of a connection: a plain blocking socket with bounds on its waits.
+// A console's end of a connection: a plain blocking socket with bounds on its waits. A call with
+// such a bound is interrupted where the process is stopped and continued.
 #pragma once
 
 #include <sys/socket.h>
@@ -27,14 +28,15 @@ class TcpClient {
 
   bool Connected() const { return connected_; }
   void Send(const std::string& text) {
-    [[maybe_unused]] ssize_t n = ::send(sock_, text.data(), text.size(), MSG_NOSIGNAL);
+    [[maybe_unused]] ssize_t n =
+        TEMP_FAILURE_RETRY(::send(sock_, text.data(), text.size(), MSG_NOSIGNAL));
   }
   // What comes, up to `size` bytes; less at the peer's close or after the wait.
   std::string Receive(std::size_t size) {
     std::string text(size, '\0');
     std::size_t got = 0;
     while (got < size) {
-      const ssize_t n = ::recv(sock_, text.data() + got, size - got, 0);
+      const ssize_t n = TEMP_FAILURE_RETRY(::recv(sock_, text.data() + got, size - got, 0));
       if (n <= 0) break;
       got += static_cast<std::size_t>(n);
     }
@@ -44,7 +46,7 @@ class TcpClient {
   // True once the peer has closed or reset the connection.
   bool SeesEnd() {
     char byte;
-    const ssize_t n = ::recv(sock_, &byte, 1, 0);
+    const ssize_t n = TEMP_FAILURE_RETRY(::recv(sock_, &byte, 1, 0));
     return n == 0 || (n < 0 && errno == ECONNRESET);
   }
   // Closes with a reset instead of a FIN.
