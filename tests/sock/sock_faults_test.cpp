@@ -1,46 +1,54 @@
-// What the socket layer does when the platform's calls fail, through the gate.
+// The socket layer where the platform's calls fail, through the gate, and what takes sockets whose
+// bytes arrive with the call that sends them.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "sock/selector.h"
 #include "sock/sock.h"
 #include "tests/lab_folder_fixture.h"
+#include "tests/own_network.h"
 
 namespace stewardry {
 namespace {
 
 namespace gate = platform::gate;
 
-class SockFaults : public LabTest {
- protected:
+struct UnixPair {
+  int ends[2];
+  UnixPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0); }
+  UnixPair(const UnixPair&) = delete;
+  UnixPair& operator=(const UnixPair&) = delete;
+  ~UnixPair() {
+    for (const int end : ends) ::close(end);
+  }
 };
 
-TEST_F(SockFaults, AHardErrorHalvesTheWriteDownToFourKilobytes) {
-  struct Row {
-    std::uint64_t size;
-    std::size_t tries;
-  };
-  constexpr Row kRows[] = {{10000, 3}, {4097, 2}, {4096, 1}, {1, 1}, {131070, 6}};
-  for (const Row& row : kRows) {
+class SockFaults : public LabTest {};
+
+TEST_F(SockFaults, HardErrorHalvesTheWriteDownToFourKilobytes) {
+  const std::pair<std::uint64_t, std::size_t> kTriesOfSizes[] = {
+      {10000, 3}, {4097, 2}, {4096, 1}, {131070, 6}};
+  std::uint64_t count = 7;
+  for (const auto& [size, tries] : kTriesOfSizes) {
     gate::Arm();
     gate::FailEvery("send", 10054);
-    std::uint64_t count = 7;
-    EXPECT_EQ(Sock_Write(5, "", row.size, &count), RESULT_FAILED);
-    EXPECT_EQ(CountCalls("send"), row.tries) << row.size;
+    EXPECT_EQ(Sock_Write(5, "", size, &count), RESULT_FAILED);
+    EXPECT_EQ(CountCalls("send"), tries) << size;
     EXPECT_EQ(count, 0U);
   }
   gate::Arm();
-  gate::FailEvery("send", platform::kWsaEWouldBlock);
-  std::uint64_t count;
+  gate::FailNext("send", platform::kWsaEWouldBlock);
   EXPECT_EQ(Sock_Write(5, "", 131070, &count), RESULT_WOULD_BLOCK);
-  EXPECT_EQ(CountCalls("send"), 1U);
 }
 
-TEST_F(SockFaults, AnInterruptedCallIsMadeAgain) {
+TEST_F(SockFaults, InterruptedCallIsRepeated) {
   char byte;
   std::uint64_t count;
   for (int i = 0; i < 5; ++i) gate::FailNext("recv", platform::kWsaEIntr);
@@ -49,34 +57,43 @@ TEST_F(SockFaults, AnInterruptedCallIsMadeAgain) {
   EXPECT_EQ(CountCalls("recv"), 6U);
 }
 
-TEST_F(SockFaults, AFailureAfterBytesHaveMovedIsTheirSum) {
-  int pair[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  char text[] = "abc";
-  const SockPiece pieces[] = {{text, 3}, {text, 3}};
-  gate::FailNext("send", 10054, 1);
+TEST_F(SockFaults, GatheredWriteThatFailsGivesTheSumOfWhatHasMoved) {
+  const UnixPair pair;
+  char text[] = "abcdef", read[8] = "";
+  const SockPiece pieces[] = {{text, 2}, {text + 2, 3}, {text, 1}};
   std::uint64_t count;
-  EXPECT_EQ(Sock_WriteV(static_cast<Sock>(pair[0]), pieces, &count), RESULT_OK);
-  EXPECT_EQ(count, 3U);
-  ::close(pair[0]);
-  ::close(pair[1]);
+  gate::FailNext("send", platform::kWsaENotConn);
+  EXPECT_EQ(Sock_WriteV(static_cast<Sock>(pair.ends[0]), pieces, &count), RESULT_NOT_FOUND);
+  gate::FailNext("send", 10054, 2);
+  EXPECT_EQ(Sock_WriteV(static_cast<Sock>(pair.ends[0]), pieces, &count), RESULT_OK);
+  EXPECT_EQ(count, 5U);
+  EXPECT_EQ(::recv(pair.ends[1], read, sizeof read, 0), 5);
+  EXPECT_STREQ(read, "abcde");
 }
 
-TEST_F(SockFaults, AListenerThatFailsAtAnyStepLeavesNoSocketOpen) {
-  Addr address;
-  Addr_InitAny(&address, 0);
-  const Holdings before = Held();
-  for (const char* step : {"socket", "setsockopt", "bind", "listen"}) {
-    gate::Arm();
-    gate::FailNext(step, 10022);
-    Sock sock = 0;
-    EXPECT_EQ(Sock_CreateListener(&sock, address), RESULT_FAILED) << step;
-    EXPECT_EQ(Held(), before) << step;
-    EXPECT_EQ(sock, kInvalidSock) << step;
-  }
+// A name with two addresses needs a hosts file, and that a mount namespace of the test's own.
+TEST_F(SockFaults, ConnectTriesTheSecondAddressAfterTheFirst) {
+  const std::string hosts = lab() + "/hosts";
+  std::ofstream(hosts) << "127.0.0.1 twofold\n127.0.0.2 twofold\n";
+  if (!EnterOwnNetwork() || ::unshare(CLONE_NEWNS) != 0 ||
+      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      ::mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0)
+    GTEST_SKIP() << "may not make namespaces";
+  Addr any, second;
+  Addr_InitAny(&any, 664);
+  Sock listener, sock;
+  ASSERT_EQ(Sock_CreateListener(&listener, any), RESULT_OK);
+  ASSERT_EQ(Addr_Resolve(&second, "twofold", 664, true), RESULT_OK);
+  gate::FailNext("connect", 10061);
+  EXPECT_EQ(Sock_ConnectTo(&sock, "twofold:664"), RESULT_OK);
+  sockaddr_in peer{};
+  socklen_t size = sizeof peer;
+  ::getpeername(static_cast<int>(sock), reinterpret_cast<sockaddr*>(&peer), &size);
+  EXPECT_EQ(std::memcmp(&peer, second.storage, sizeof peer), 0);
+  for (const Sock each : {listener, sock}) (void)Sock_Close(each);
 }
 
-TEST_F(SockFaults, ASelectorThatCannotBeMadeLeavesNothing) {
+TEST_F(SockFaults, SelectorThatCannotBeMadeLeavesNothing) {
   const Holdings before = Held();
   for (const char* step : {"WSACreateEvent", "CreateEventA"}) {
     gate::Arm();
@@ -88,41 +105,49 @@ TEST_F(SockFaults, ASelectorThatCannotBeMadeLeavesNothing) {
   }
 }
 
-SelectorEvent gReported;
+std::pair<SelectorEvent, const Handler*> gReport;
+std::uint32_t gMask;
 
-TEST_F(SockFaults, EachFailingStepOfARunEndsItWithItsOwnReport) {
-  struct Row {
-    const char* call;
-    SelectorEvent event;
+// One run over a handler whose socket has got a byte and a close.
+Result RunOnce(Handler* handler) {
+  const UnixPair pair;
+  EXPECT_EQ(::send(pair.ends[1], "x", 1, 0), 1);
+  ::shutdown(pair.ends[1], SHUT_WR);
+  handler->sock = static_cast<Sock>(pair.ends[0]);
+  handler->eventMask = SELECTOR_READ;
+  handler->callback = [](Selector* selector, Handler*, std::uint32_t mask,
+                         std::uint64_t) -> std::uint8_t {
+    if (mask == SELECTOR_DESTROY) return 1;
+    Selector_StopRunning(selector);
+    gMask = mask;
+    return 1;
   };
-  constexpr Row kRows[] = {{"WSAEventSelect", SelectorEvent::kSetSockEvents},
-                           {"WaitForMultipleObjectsEx", SelectorEvent::kWait},
-                           {"WSAEnumNetworkEvents", SelectorEvent::kGetSockEvents}};
-  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t, const Handler*) {
-    gReported = event;
+  Selector selector;
+  EXPECT_EQ(Selector_Init(&selector), RESULT_OK);
+  EXPECT_EQ(Selector_AddHandler(&selector, handler), RESULT_OK);
+  const Result result = Selector_Run(&selector, 60'000'000, false);
+  Selector_Destroy(&selector);
+  return result;
+}
+
+TEST_F(SockFaults, FailingStepOfARunEndsItWithItsOwnReport) {
+  Handler handler{};
+  const std::pair<const char*, decltype(gReport)> kReportsOfSteps[] = {
+      {"WSAEventSelect", {SelectorEvent::kSetSockEvents, &handler}},
+      {"WaitForMultipleObjectsEx", {SelectorEvent::kWait, nullptr}},
+      {"WSAEnumNetworkEvents", {SelectorEvent::kGetSockEvents, &handler}}};
+  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t, const Handler* which) {
+    gReport = {event, which};
   };
-  for (const Row& row : kRows) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    ASSERT_EQ(::send(pair[1], "x", 1, 0), 1);
-    Selector selector;
-    ASSERT_EQ(Selector_Init(&selector), RESULT_OK);
-    Handler handler{};
-    handler.sock = static_cast<Sock>(pair[0]);
-    handler.eventMask = SELECTOR_READ;
-    handler.callback = [](Selector*, Handler*, std::uint32_t, std::uint64_t) -> std::uint8_t {
-      return 1;
-    };
-    ASSERT_EQ(Selector_AddHandler(&selector, &handler), RESULT_OK);
-    gate::Arm();
-    gate::FailNext(row.call, 10022);
-    EXPECT_EQ(Selector_Run(&selector, 1'000'000, false), RESULT_FAILED) << row.call;
-    EXPECT_EQ(gReported, row.event) << row.call;
-    Selector_Destroy(&selector);
-    ::close(pair[0]);
-    ::close(pair[1]);
+  for (const auto& [step, report] : kReportsOfSteps) {
+    handler = {};
+    gate::FailNext(step, 10022);
+    EXPECT_EQ(RunOnce(&handler), RESULT_FAILED) << step;
+    EXPECT_EQ(gReport, report) << step;
   }
-  gSelectorReport = nullptr;
+  handler = {};
+  EXPECT_EQ(RunOnce(&handler), RESULT_OK);
+  EXPECT_EQ(gMask, SELECTOR_READ | SELECTOR_READ_CLOSE);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "platform/process.h"
@@ -22,22 +21,27 @@ class SocketTest : public ::testing::Test {
   static void TearDownTestSuite() { Sock_Stop(); }
 };
 
-// A listener on a free port of the loopback range tried from a base of the process's own.
+// Binds the socket to a port that is in use by nobody and returns it. The range begins at a port of
+// the process's own; without address reuse, a port in use is passed over.
+inline std::uint16_t BindFreePort(Sock sock) {
+  const auto base = static_cast<std::uint16_t>(20000 + platform::GetCurrentProcessId() % 20000);
+  for (std::uint16_t port = base; port < base + 200; ++port) {
+    Addr address;
+    Addr_InitAny(&address, port);
+    if (Sock_Bind(sock, address) == RESULT_OK) return port;
+  }
+  ADD_FAILURE() << "no free port";
+  return 0;
+}
+
 struct TestListener {
   Sock sock = kInvalidSock;
   std::uint16_t port = 0;
 
   TestListener() {
-    const auto base = static_cast<std::uint16_t>(20000 + platform::GetCurrentProcessId() % 20000);
-    for (port = base; port < base + 200; ++port) {
-      Addr address;
-      Addr_InitAny(&address, port);
-      if (Sock_Create(&sock, false) != RESULT_OK) break;
-      // Without address reuse: a port in use must be passed over.
-      if (Sock_Bind(sock, address) == RESULT_OK && Sock_Listen(sock) == RESULT_OK) return;
-      (void)Sock_Close(sock);
-    }
-    ADD_FAILURE() << "no free port";
+    EXPECT_EQ(Sock_Create(&sock, false), RESULT_OK);
+    port = BindFreePort(sock);
+    EXPECT_EQ(Sock_Listen(sock), RESULT_OK);
   }
   TestListener(const TestListener&) = delete;
   TestListener& operator=(const TestListener&) = delete;

@@ -1,16 +1,19 @@
-// The DASH relay between consoles and a firmware, on a listener of the test's own.
+// The DASH relay between consoles and a firmware, on port 664 of a network of the test's own.
 #include "service/gateway/dash_relay.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
+#include <functional>
 #include <string>
-#include <vector>
+#include <thread>
+#include <tuple>
 
 #include "service/actions/power_actions.h"
+#include "service/gateway/listeners.h"
 #include "service/inventory/ip_config.h"
 #include "service/mailbox/control_codes.h"
+#include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
 
@@ -22,89 +25,52 @@ constexpr std::uint32_t kAnnounce = ControlCodeFor(Operation::kSendIPCompleteInf
 constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
 constexpr std::uint32_t kStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
 
-// The server thread of the test: one selector with one listener, until the run fails.
-struct Server {
-  Sock listener = kInvalidSock;
-  std::uint16_t port = 0;
-  platform::Thread thread;
-
-  static std::uint32_t Run(void* parameter) {
-    struct Owner {
-      Selector sel;
-      ~Owner() { Selector_Destroy(&sel); }
-    } owner;
-    EXPECT_EQ(Selector_Init(&owner.sel), RESULT_OK);
-    auto handler = std::make_unique<Handler>(Handler{});
-    handler->sock = static_cast<Server*>(parameter)->listener;
-    handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
-    handler->callback = ListenHTTPSCallback;
-    EXPECT_EQ(Selector_AddHandler(&owner.sel, handler.release()), RESULT_OK);
-    while (Selector_Run(&owner.sel, 10'000'000, false) == RESULT_TIME_OUT) {
-    }
-    return 0;
-  }
-  void Start() {
-    Addr any;
-    Addr_InitAny(&any, 0);
-    ASSERT_EQ(Sock_CreateListener(&listener, any), RESULT_OK);
-    ASSERT_EQ(Sock_SetBlocking(listener, false), RESULT_OK);
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    ::getsockname(static_cast<int>(listener), reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
-    thread = platform::CreateThread(Run, this);
-  }
-};
+constexpr PortCallback kCallbacks[] = {{664, ListenHTTPSCallback}};
+constexpr std::uint16_t kOpen = 1, kClosed = 2;  // of gHttpsSocketState
 
 class DashRelay : public MailboxTest {
  protected:
   void SetUp() override {
+    if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
     MailboxTest::SetUp();
     OpenMailbox();
+    SetPortCallbacks(kCallbacks);
     gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = 2; });
-    server_.Start();
   }
   void TearDown() override {
     gate::Disarm();
-    if (server_.thread) EndThread(&server_.thread);
-    gTavrinVersionInfo.Store({});
-    gPowerOption.store(kPowerNone);
+    if (server_) EndThread(&server_);
     MailboxTest::TearDown();
+  }
+  void StartServer() {
+    const auto binds = [] { return CountOf(Messages(), "Bind to port 664 successful"); };
+    const std::size_t before = binds();
+    server_ =
+        platform::CreateThread([](void*) -> std::uint32_t { return RunServer(), 0; }, nullptr);
+    EXPECT_TRUE(Eventually([&] { return binds() > before; }));
   }
   // The messages of the exchange, a letter each: S status, I announcement, D data, C close.
   std::string Sequence() {
     std::string letters;
-    for (const Asked& asked : firmware_->Requests())
-      letters += asked.code == kStatus     ? 'S'
-                 : asked.code == kAnnounce ? 'I'
-                 : asked.code == kData     ? 'D'
-                 : asked.code == kGone     ? 'C'
-                                           : '?';
+    for (const std::uint32_t code : firmware_->Codes())
+      for (const auto& [known, letter] :
+           {std::pair(kStatus, 'S'), {kAnnounce, 'I'}, {kData, 'D'}, {kGone, 'C'}})
+        if (code == known) letters += letter;
     return letters;
   }
-  std::string DataSent() {
-    std::string data;
-    for (const Asked& asked : firmware_->Requests())
-      if (asked.code == kData) data += asked.input;
-    return data;
-  }
-  // A frame of the firmware, as the reader thread would hand it over.
+  // A frame of the firmware, as the reader thread passes it on.
   static void Reply(const std::string& text) {
     WriteDASHRXdata(reinterpret_cast<const std::uint8_t*>(text.data()),
                     static_cast<std::uint32_t>(text.size()));
   }
-  bool ServerEnds() {
-    const bool ended = platform::WaitForSingleObject(server_.thread, 10'000) == 0;
-    if (ended) server_.thread.Reset();
-    return ended;
-  }
 
-  Server server_;
+  platform::Thread server_;
 };
 
-TEST_F(DashRelay, AnExchangeIsAnnouncedBeforeItsBytesAndEndsWithTheClose) {
+TEST_F(DashRelay, ExchangeIsAnnouncedBeforeItsBytesAndEndsWithTheClose) {
+  StartServer();
   {
-    TcpClient client(server_.port);
+    TcpClient client(664);
     client.Send("hello");
     ASSERT_TRUE(firmware_->Await(kData));
     Reply("answer");
@@ -121,155 +87,154 @@ TEST_F(DashRelay, AnExchangeIsAnnouncedBeforeItsBytesAndEndsWithTheClose) {
   EXPECT_EQ(info.endMarker, 0xFFFF);
   EXPECT_EQ(requests[3].input, "\x98\x02");
   EXPECT_TRUE(Logged(" Size written is 6,requested 6"));
-  ASSERT_TRUE(Eventually([&] { return Logged("Selector remove called for HTTPS callback"); }));
-  EXPECT_EQ(gHttpsSocketState.load(), 2);
+  ASSERT_TRUE(Eventually([] { return Logged("Selector remove called for HTTPS callback"); }));
+  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
   EXPECT_EQ(gHttpsSocket.load(), 0U);
 }
 
-TEST_F(DashRelay, AMebibyteCrossesUnchangedAndAPeerThatSendsByteByByteToo) {
-  std::string big(1 << 20, '\0');
-  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
-  TcpClient client(server_.port);
-  client.Send(big);
-  ASSERT_TRUE(Eventually([&] { return DataSent().size() == big.size(); }));
-  EXPECT_EQ(DataSent(), big);
-  for (const char c : {'a', 'b', 'c'}) client.Send(std::string(1, c));
-  ASSERT_TRUE(Eventually([&] { return DataSent().size() == big.size() + 3; }));
-  for (std::size_t at = 0; at < big.size(); at += 131070) Reply(big.substr(at, 131070));
-  EXPECT_EQ(client.Receive(big.size()), big);
-}
-
-TEST_F(DashRelay, ASecondPeerReplacesTheFirstWhoseCloseComesBeforeTheAnnouncement) {
-  TcpClient first(server_.port);
+TEST_F(DashRelay, SecondPeerReplacesTheFirstWhoseCloseComesBeforeTheAnnouncement) {
+  StartServer();
+  TcpClient first(664);
   ASSERT_TRUE(firmware_->Await(kAnnounce));
-  TcpClient second(server_.port);
-  ASSERT_TRUE(firmware_->Await(kAnnounce, 2));
-  EXPECT_EQ(Sequence(), "SICSI");
-  EXPECT_TRUE(first.SeesEnd());
+  TcpClient second(664);
   second.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
+  EXPECT_EQ(Sequence(), "SICSID");
+  EXPECT_TRUE(first.SeesEnd());
   Reply("y");
   EXPECT_EQ(second.Receive(1), "y");
-  EXPECT_FALSE(Logged("Selector remove called for HTTPS callback"));
 }
 
-TEST_F(DashRelay, PeersThatVanishOrResetLeaveTheNextOneAWorkingRelay) {
-  for (int i = 0; i < 5; ++i) {
-    TcpClient client(server_.port);
-    if (i % 2 == 0) client.Send("half a requ");
-    if (i % 3 == 0) client.Reset();
-  }
-  TcpClient client(server_.port);
-  client.Send("whole");
-  ASSERT_TRUE(Eventually([&] { return DataSent().find("whole") != std::string::npos; }));
-  Reply("fine");
-  EXPECT_EQ(client.Receive(4), "fine");
-}
-
-TEST_F(DashRelay, ThePowerOptionWaitsForAReplyThatReachesASocket) {
+TEST_F(DashRelay, PowerOptionWaitsForAReplyThatReachesASocket) {
   gPowerOption.store(kPowerReboot);
   Reply("nobody");
   EXPECT_TRUE(Logged("Socket is closed"));
-  TcpClient client(server_.port);
+  StartServer();
+  TcpClient client(664);
   client.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
   gate::FailNext("send", platform::kWsaEWouldBlock);
   Reply("blocked");
   EXPECT_TRUE(Logged("Sockwrite Failed in WriteDASHRXdata because of block"));
-  gate::FailEvery("send", 10054);
+  gate::FailNext("send", 10054);
   Reply("failed");
   EXPECT_TRUE(Logged("SockWrite Failed in WriteDASHRXdata"));
   EXPECT_EQ(gPowerOption.load(), kPowerReboot);
   EXPECT_EQ(LabText("power.txt"), "");
-  gate::Arm();
   Reply("reply");
   EXPECT_EQ(client.Receive(5), "reply");
   EXPECT_EQ(gPowerOption.load(), kPowerNone);
   EXPECT_NE(LabText("power.txt").find("reboot=true"), std::string::npos);
 }
 
-TEST_F(DashRelay, ADeadFirmwareRefusesThePeerAndAClosedSocketIsNotLeftOpen) {
-  firmware_->SetStatus(0);
-  TcpClient client(server_.port);
-  EXPECT_TRUE(client.SeesEnd());
-  EXPECT_TRUE(ServerEnds());  // the listener was the last handler
-  EXPECT_TRUE(Logged("ORRIN Status return failed"));
-  EXPECT_NE(gHttpsSocketState.load(), 1);
-}
-
-TEST_F(DashRelay, WithoutProvisioningNobodyIsAccepted) {
-  gTavrinVersionInfo.Store({});
-  TcpClient client(server_.port);
-  EXPECT_TRUE(ServerEnds());
-  EXPECT_TRUE(Logged("Provisioning not done. Incoming HTTPS connection dropped."));
-  EXPECT_EQ(Sequence(), "");
-}
-
-TEST_F(DashRelay, AFailedStepOfTheAcceptClosesWhatWasAcceptedAndTellsTheFirmware) {
-  struct Row {
-    const char* call;
-    const char* line;
-    const char* sequence;
-  };
-  constexpr Row kRows[] = {{"accept", "Sock_Accept failed", ""},
-                           {"ioctlsocket", "Sock_SetBlocking failed", "SIC"}};
-  for (const Row& row : kRows) {
-    if (!server_.thread) server_.Start();
-    const std::string before = Sequence();
-    gate::Arm();
-    gate::FailNext(row.call, 10022);
-    TcpClient client(server_.port);
-    EXPECT_TRUE(ServerEnds()) << row.call;
-    EXPECT_TRUE(client.SeesEnd()) << row.call;
-    EXPECT_TRUE(Logged(row.line)) << row.line;
-    EXPECT_EQ(Sequence(), before + row.sequence);
-    EXPECT_NE(gHttpsSocketState.load(), 1);
-  }
-}
-
 // A selector that is destroyed under a connection must leave nothing that a later accept acts on.
-TEST_F(DashRelay, AnEndedServerLeavesNoSlotBehindAndTheNextOneServes) {
-  TcpClient first(server_.port);
-  ASSERT_TRUE(firmware_->Await(kAnnounce));
-  ASSERT_TRUE(Eventually([&] { return gHttpsSocketState.load() == 1; }));
-  EndThread(&server_.thread);
+TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServes) {
+  StartServer();
+  TcpClient first(664);
+  first.Send("x");
+  ASSERT_TRUE(firmware_->Await(kData));
+  EndThread(&server_);
   EXPECT_TRUE(first.SeesEnd());
-  EXPECT_EQ(gHttpsSocketState.load(), 2);
+  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
   EXPECT_EQ(gHttpsHandler, nullptr);
-  server_.Start();
-  TcpClient second(server_.port);
-  ASSERT_TRUE(firmware_->Await(kAnnounce, 2));
+  StartServer();
+  TcpClient second(664);
   second.Send("x");
-  ASSERT_TRUE(firmware_->Await(kData));
-}
-
-TEST_F(DashRelay, AFailedMailboxWriteLosesThatReadAndKeepsTheConnection) {
-  TcpClient client(server_.port);
-  ASSERT_TRUE(firmware_->Await(kAnnounce));
-  firmware_->SetVerdict(kData, 31);
-  client.Send("lost");
-  ASSERT_TRUE(firmware_->Await(kData));
-  ASSERT_TRUE(Eventually(
-      [&] { return Logged("GetOverlappedResult failed for WriteDASHPacket with error: 31"); }));
-  firmware_->SetVerdict(kData, 0);
-  client.Send("kept");
   ASSERT_TRUE(firmware_->Await(kData, 2));
 }
 
-// The reader writes while the server thread replaces and closes: nothing may reach a socket number
-// that has been given to somebody else.
-TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsDoNotMeetOnOneSocket) {
+// The reader writes while the server thread replaces and closes; without log and trace, which would
+// keep the two threads apart.
+TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
+  StartServer();
+  ServiceLog_Close();
+  gate::Disarm();
   std::atomic<bool> stop{false};
   std::thread reader([&] {
     while (!stop) Reply("r");
   });
   for (int i = 0; i < 30; ++i) {
-    TcpClient client(server_.port);
+    TcpClient client(664);
     client.Send("x");
     EXPECT_EQ(client.Receive(1), "r");
   }
   stop = true;
   reader.join();
+}
+
+// The callbacks without a server thread: the test makes the calls of a pass.
+class DashCallbacks : public DashRelay {
+ protected:
+  void SetUp() override {
+    listener_.sock = kInvalidSock;
+    DashRelay::SetUp();
+    if (IsSkipped()) return;
+    Addr any;
+    Addr_InitAny(&any, 664);
+    ASSERT_EQ(Sock_CreateListener(&listener_.sock, any), RESULT_OK);
+    ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
+  }
+  void TearDown() override {
+    Selector_Destroy(&selector_);
+    (void)Sock_Close(listener_.sock);
+    DashRelay::TearDown();
+  }
+  bool Accept(Selector* selector) {
+    return ListenHTTPSCallback(selector, &listener_, SELECTOR_READ, 0) != 0;
+  }
+
+  Handler listener_{};
+  Selector selector_;
+};
+
+TEST_F(DashCallbacks, FailedAcceptClosesTheConnectionAndReportsTheEndOfAnAnnouncedOne) {
+  Selector none;  // takes no handler
+  const std::tuple<const char*, const char*, Selector*, std::function<void()>> kRows[] = {
+      {"Selector_AddHandler failed", "SIC", &none, [] {}},
+      {"Sock_SetBlocking failed", "SIC", &selector_, [] { gate::FailNext("ioctlsocket", 10022); }},
+      {"ORRIN Status return failed", "S", &selector_, [this] { firmware_->SetStatus(0); }},
+      {"Sock_Accept failed", "", &selector_, [] { gate::FailNext("accept", 10022); }},
+      {"Provisioning not done. Incoming HTTPS connection dropped.", "", &selector_,
+       [] { gTavrinVersionInfo.Store({}); }}};
+  for (const auto& [line, sequence, selector, arrange] : kRows) {
+    TcpClient client(664);
+    const std::string before = Sequence();
+    arrange();
+    EXPECT_FALSE(Accept(selector)) << line;
+    EXPECT_TRUE(*sequence == 0 || client.SeesEnd()) << line;  // the last two wait at the listener
+    EXPECT_TRUE(Logged(line)) << line;
+    EXPECT_EQ(Sequence(), before + sequence) << line;
+    EXPECT_NE(gHttpsSocketState.load(), kOpen) << line;
+    EXPECT_EQ(gHttpsHandler, nullptr) << line;
+  }
+}
+
+TEST_F(DashCallbacks, EventThatEndsTheConnectionClearsTheSlotWithItsLineAndMessages) {
+  const std::tuple<std::uint32_t, const char*, const char*, const char*> kRows[] = {
+      {SELECTOR_WRITE, "none", "Unexpected write event in HTTPS callback", "SI"},
+      {SELECTOR_READ, "recv", "Sockread failed or client closed the connection for HTTPS callback",
+       "SIC"},
+      {SELECTOR_READ | SELECTOR_READ_CLOSE, "none", "SELECTOR_READ_CLOSE called", "SIDC"}};
+  for (const auto& [mask, failing, line, sequence] : kRows) {
+    const std::string before = Sequence();
+    TcpClient client(664);
+    ASSERT_TRUE(Accept(&selector_));
+    Handler* handler = gHttpsHandler;
+    EXPECT_EQ(HTTPSCallback(&selector_, handler, SELECTOR_READ, 0), 1) << "nothing to read";
+    auto* foreign = new Handler{};
+    foreign->sock = kInvalidSock;
+    EXPECT_EQ(ListenHTTPSCallback(&selector_, foreign, SELECTOR_REMOVE, 0), 1);
+    EXPECT_EQ(gHttpsSocketState.load(), kOpen) << "another handler was released";
+    client.Send("last words");
+    gate::FailNext(failing, 10054);
+    const auto call = [&, events = mask] { return HTTPSCallback(&selector_, handler, events, 0); };
+    ASSERT_TRUE(Eventually([&] { return call() == 0; })) << "once the bytes have arrived";
+    EXPECT_TRUE(Logged(line)) << line;
+    EXPECT_EQ(Selector_RemoveHandler(&selector_, handler), RESULT_OK);
+    EXPECT_EQ(gHttpsSocketState.load(), kClosed);
+    EXPECT_EQ(gHttpsHandler, nullptr);
+    EXPECT_EQ(Sequence(), before + sequence) << line;
+  }
 }
 
 }  // namespace

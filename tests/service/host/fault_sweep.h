@@ -1,9 +1,11 @@
 // The machinery of a fault sweep: a scenario runs once for each place where it calls the platform,
-// with that call failing. Each time is a process of its own, so that a crash, a hang, a leak or a
-// sanitizer's finding is that call's alone.
+// with that call failing. Each run is a process of its own, so that a crash, a hang, a leak or a
+// sanitizer's finding belongs to that call alone.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -30,7 +32,6 @@ namespace stewardry::sweep {
 namespace gate = platform::gate;
 
 constexpr int kShards = 4;
-constexpr int kHangSeconds = 60;
 
 // What a run of a scenario ends with; 0 is fine.
 enum Outcome {
@@ -85,6 +86,7 @@ class Service {
       returned_ = true;
     });
   }
+  bool Returned() const { return returned_; }
   // Stops it; false if its body never returns. *hit gets the call that failed, and *calls the names
   // of the calls until then; from then on every call passes.
   bool Stop(std::string* hit, Calls* calls) {
@@ -92,81 +94,59 @@ class Service {
     *hit = gate::Hit();
     *calls = gate::CallNames();
     gate::Disarm();
-    if (!Join()) return false;
+    // A stop event that could not be set keeps the body waiting, as the service manager would see.
+    if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(*gServiceStopEvent);
+    if (!Eventually([this] { return Returned(); })) return false;
+    body_.join();
     std::filesystem::remove_all(lab_);
     return true;
   }
 
  private:
-  // A stop event that could not be set keeps the body waiting, as the service manager would see; it
-  // is set again then.
-  bool Join() {
-    for (int i = 0; i < 600 && !returned_; ++i) {
-      if (i == 100) platform::SetEvent(*gServiceStopEvent);
-      Pause(10);
-    }
-    if (!returned_) return false;
-    body_.join();
-    return true;
-  }
-
   const std::string lab_;
   std::unique_ptr<FirmwarePeer> firmware_;
   std::thread body_;
   std::atomic<bool> returned_{false};
 };
 
-// Runs the scenario with its n-th call failing (0: none), and tells what it called.
+// Runs the scenario with its n-th call failing (0: none), and stores what it called.
 using Scenario = Outcome (*)(std::uint64_t failAt, Calls* calls);
 
-// One name a line, as far as a pipe takes them without a reader.
-inline void Write(int to, const Calls& calls) {
-  std::string text;
-  for (const std::string& call : calls) text += call + "\n";
-  ASSERT_LT(text.size(), 60'000u);
-  [[maybe_unused]] const ssize_t n = ::write(to, text.data(), text.size());
-}
-
-inline Calls Read(int from) {
-  std::string text(65'536, '\0');
-  const ssize_t size = ::read(from, text.data(), text.size());
-  std::istringstream lines(text.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0));
-  Calls calls;
-  for (std::string line; std::getline(lines, line);) calls.push_back(line);
-  return calls;
-}
-
-// Runs the scenario in a child; its exit status, or -1 if it had to be killed.
+// Runs the scenario in a child and returns its exit status, or -1 if it had to be killed. *calls
+// gets what it called: the child writes it to a pipe, whose end is the end of the child.
 inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
+  constexpr int kHangMs = 200'000;  // beyond every bound of a scenario
   int ends[2];
-  if (::pipe(ends) != 0) return -1;
+  if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
   std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(ends[0]);
     Calls made;
     const Outcome outcome = scenario(failAt, &made);
-    Write(ends[1], made);
+    std::string text;
+    for (const std::string& call : made) text += call + "\n";
+    if (::write(ends[1], text.data(), text.size()) < 0) std::exit(kNotWhole);
     std::exit(outcome);  // with the leak check
   }
   ::close(ends[1]);
+  pollfd ready{ends[0], POLLIN, 0};
+  std::stringstream lines;
+  char part[4096];
+  ssize_t size = -1;
+  while (::poll(&ready, 1, kHangMs) > 0 && (size = ::read(ends[0], part, sizeof part)) > 0)
+    lines.write(part, size);
+  if (size != 0) ::kill(child, SIGKILL);
   int status = -1;
-  for (int i = 0; i < kHangSeconds * 100; ++i) {
-    if (::waitpid(child, &status, WNOHANG) == child) break;
-    status = -1;
-    Pause(10);
-  }
-  if (status == -1) {
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-  }
-  *calls = Read(ends[0]);
+  ::waitpid(child, &status, 0);
   ::close(ends[0]);
-  return status;
+  calls->clear();
+  for (std::string line; std::getline(lines, line);) calls->push_back(line);
+  return size == 0 ? status : -1;
 }
 
-// Which calls fail: of those that are made often, as the log's are, the first and the last few and
-// some in between, since the same line of code makes them.
+// Returns which calls fail: of those that are made often, as the log's are, the first and the last
+// few and some in between, since the same line of code makes them.
 inline std::vector<std::uint64_t> Choose(const Calls& calls) {
   constexpr std::size_t kEnds = 3, kBetween = 10;
   std::map<std::string, std::vector<std::uint64_t>> places;
