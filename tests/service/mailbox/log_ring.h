@@ -1,4 +1,4 @@
-// A firmware's log ring for tests, and what a capture of it leaves in the file.
+// A firmware's log ring for tests, and the text that a capture of it leaves in the file.
 #pragma once
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 namespace stewardry {
 
-// Entry i says "line i".
+// Fills entry i with "line i".
 inline void FillRing(LogRing* ring) {
   for (std::uint32_t i = 0; i < LogRing::kEntries; ++i) {
     auto* text = reinterpret_cast<char*>(&ring->entries[i]);
@@ -19,7 +19,7 @@ inline void FillRing(LogRing* ring) {
   }
 }
 
-// Makes the next capture the `ring`'s, and the process's first one or a later one.
+// Lets the next capture read `ring`, as the first one of the process or a later one.
 inline void UseRing(LogRing* ring, std::uint32_t readIndex, std::uint32_t writeIndex, bool first) {
   ring->readIndex = readIndex;
   ring->writeIndex = writeIndex;
@@ -27,14 +27,14 @@ inline void UseRing(LogRing* ring, std::uint32_t readIndex, std::uint32_t writeI
   gLogFirstCapture = first ? 1 : 0;
 }
 
-// "line a" up to the one before `end`, one a line.
+// "line `from`" up to the one before `end`, one a line.
 inline std::string Lines(std::uint32_t from, std::uint32_t end) {
   std::string lines;
   for (; from < end; ++from) lines += "line " + std::to_string(from) + "\n";
   return lines;
 }
 
-// A capture's text as the file has it, its two times as "T".
+// The text of a capture in the file, its two times as "T".
 inline std::string Capture(std::uint32_t readIndex, std::uint32_t writeIndex,
                            const std::string& lines) {
   return "Starting log buffer capture at T\nread pointer: " + std::to_string(readIndex) +
