@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <thread>
+#include <tuple>
 
 #include "service/inventory/address_dumps.h"
 #include "tests/service/inventory/inventory_fixture.h"
@@ -23,35 +24,24 @@ class AddressWatch : public ReportTest {
 };
 
 TEST_F(AddressWatch, NewAddressIsReportedOnce) {
-  const struct {
-    const char* name;
-    std::string adapters;
-    std::uint32_t type;  // the kind of search: 1 asks for an adapter that isn't Ethernet
-    std::size_t sent;
-    std::uint32_t address;  // last reported
-  } kRows[] = {
-      {"loopback", kLoopbackOnly, 0, 0, 0},
-      {"new", kEthernet, 0, 2, kEthernetAddress},
-      {"same", kEthernet, 2, 0, kEthernetAddress},
-      {"wireless", std::string(kEthernet) + kWireless, 1, 2, kWirelessAddress},
-      {"back to loopback", kLoopbackOnly, 0, 0, kWirelessAddress},
-  };
-  std::size_t before = 0;
-  for (const auto& row : kRows) {
-    Put("adapters.txt", row.adapters);
-    IpInterfaceChangeCallback(nullptr, nullptr, row.type);
-    EXPECT_EQ(Sent().size() - before, row.sent) << row.name;
-    before = Sent().size();
-    EXPECT_EQ(gLastReportedAddress.load(), row.address) << row.name;
+  // Adapters, the kind of search (1 asks for an adapter that isn't Ethernet), messages sent until
+  // then, and the address last reported.
+  using Row = std::tuple<std::string, std::uint32_t, std::size_t, std::uint32_t>;
+  for (const auto& [adapters, type, sent, address] :
+       {Row{kLoopbackOnly, 0, 0, 0}, Row{kEthernet, 0, 2, kEthernetAddress},
+        Row{kEthernet, 2, 2, kEthernetAddress},
+        Row{std::string(kEthernet) + kWireless, 1, 4, kWirelessAddress},
+        Row{kLoopbackOnly, 0, 4, kWirelessAddress}}) {
+    Put("adapters.txt", adapters);
+    IpInterfaceChangeCallback(nullptr, nullptr, type);
+    EXPECT_EQ(Sent().size(), sent) << adapters;
+    EXPECT_EQ(gLastReportedAddress.load(), address) << adapters;
     EXPECT_EQ(gIpChangeEntry.load(), 0U);
-    EXPECT_EQ(ServiceMessages().back(), "Received");
   }
   EXPECT_EQ(Sent(), (Codes{kWriteBooted, kWriteIp, kWriteBooted, kWriteIp}));
-  const auto ip = Message<IPInfo>(1);
-  EXPECT_EQ(ip.ipAddress, kEthernetAddress);
-  EXPECT_EQ(ip.localPort, 623U);
-  EXPECT_EQ(ip.endMarker, 0xFFFF);
-  EXPECT_TRUE(InOrder(ServiceMessages(), {"Ipchange received 501a8c0", "Received"}));
+  EXPECT_EQ(Message<IPInfo>(1).ipAddress, kEthernetAddress);
+  EXPECT_EQ(Message<IPInfo>(1).endMarker, 0xFFFF);
+  EXPECT_TRUE(InOrder(ServiceMessages(), {"Received", "Ipchange received 501a8c0", "Received"}));
 }
 
 TEST_F(AddressWatch, EntryDuringAReportOnlyCounts) {
@@ -114,41 +104,29 @@ TEST_F(AddressDumps, HostAddressIsLoggedBehindTheValue) {
 }
 
 TEST_F(AddressDumps, EachRowOfTheAddressTableIsLogged) {
-  Put("adapters.txt",
-      std::string(kWireless) + "eth9 down index=12 address=10.1.1.1/30\n" + kLoopbackOnly);
+  Put("adapters.txt", std::string(kWireless) + "eth9 down index=12 address=10.1.1.1/30\n");
   EXPECT_EQ(DumpIpAddrTable(), 0U);
-  const Lines lines = ServiceMessages();
-  EXPECT_EQ(lines.front(), "\tNum Entries: 3");
-  EXPECT_TRUE(InOrder(
-      lines,
-      {"\tInterface Index[ 0]:\t  4", "\tIP Address[0]:     \t10.0.0.7",
-       "\tSubnet Mask[0]:    \t255.0.0.0", "\tBroadCast[0]:      \t1.0.0.0 ( 1)",
-       "\tReassembly size[0]:\t65535", "\tType and State[0]:", "\tPrimary IP Address",
-       "\tDynamic IP Address", "\tInterface Index[ 1]:\t  12", "\tIP Address[1]:     \t10.1.1.1",
-       "\tSubnet Mask[1]:    \t255.255.255.252", "\tType and State[1]:", "\tPrimary IP Address",
-       "\tAddress is on disconnected interface", "\tIP Address[2]:     \t127.0.0.1"}));
-  EXPECT_EQ(CountOf(Messages(), "Dynamic"), 1U);
+  EXPECT_EQ(ServiceMessages(),
+            (Lines{"\tNum Entries: 2", "\tInterface Index[ 0]:\t  4",
+                   "\tIP Address[0]:     \t10.0.0.7", "\tSubnet Mask[0]:    \t255.0.0.0",
+                   "\tBroadCast[0]:      \t1.0.0.0 ( 1)", "\tReassembly size[0]:\t65535",
+                   "\tType and State[0]:", "\tPrimary IP Address", "\tDynamic IP Address",
+                   "\tInterface Index[ 1]:\t  12", "\tIP Address[1]:     \t10.1.1.1",
+                   "\tSubnet Mask[1]:    \t255.255.255.252", "\tBroadCast[1]:      \t1.0.0.0 ( 1)",
+                   "\tReassembly size[1]:\t65535", "\tType and State[1]:", "\tPrimary IP Address",
+                   "\tAddress is on disconnected interface"}));
 }
 
 TEST_F(AddressDumps, FailedAddressTableIsLogged) {
   Put("adapters.txt", std::string(kEthernet) + kWireless);
-  const struct {
-    const char* call;
-    std::uint64_t skip;
-    const char* line;
-  } kRows[] = {
-      {"GetIpAddrTable", 1, "GetIpAddrTable failed with error 50"},
-      {"HeapAlloc", 0, "Memory allocation failed for GetIpAddrTable"},
-      {"HeapAlloc", 1, "Memory allocation failed for GetIpAddrTable"},
-  };
-  for (const auto& row : kRows) {
-    StartServiceLog();
-    gate::FailNext(row.call, 50, row.skip);
+  for (const std::uint64_t skip : {0, 1}) {
+    gate::FailNext("HeapAlloc", 8, skip);
     EXPECT_EQ(DumpIpAddrTable(), 1U);
-    EXPECT_EQ(ServiceMessages().front(), row.line);
   }
-  gate::FailEvery("GetIpAddrTable", 122);  // too small again
+  EXPECT_EQ(ServiceMessages(), Lines(2, "Memory allocation failed for GetIpAddrTable"));
+  gate::FailEvery("GetIpAddrTable", 122);  // the table grows again
   EXPECT_EQ(DumpIpAddrTable(), 1U);
+  EXPECT_TRUE(Logged("GetIpAddrTable failed with error 122"));
 }
 
 class WlanProfiles : public InventoryTest {
@@ -177,51 +155,26 @@ TEST_F(WlanProfiles, TextIsCutAtTheEndOfItsRoom) {
 TEST_F(WlanProfiles, InterfacesAndProfilesAreLogged) {
   char16_t text[64];
   EXPECT_EQ(CollectWlanProfiles(text), 0U);
-  EXPECT_EQ(WmiMessages(), (Lines{"WLAN_INTERFACE_INFO_LIST for this system",
-                                  "Num Entries: 2",
-                                  "Current Index: 0",
-                                  "  Interface Index[0]:\t 0",
-                                  "{00005754-4C41-4E00-8000-000000000000}",
-                                  "  Interface State[0]:\t Connected",
-                                  "WLAN_PROFILE_INFO_LIST for this interface",
-                                  "  Num Entries: 3",
-                                  "  Flags[0]:\t    0x1",
-                                  "   Group Policy",
-                                  "  Flags[1]:\t    0x2",
-                                  "   Per User Profile",
-                                  "  Flags[2]:\t    0x0",
-                                  "  Interface Index[1]:\t 1",
-                                  "{00005754-4C41-4E00-8000-000000000001}",
-                                  "  Interface State[1]:\t Unknown state 9",
-                                  "WLAN_PROFILE_INFO_LIST for this interface",
-                                  "  Num Entries: 1",
-                                  "  Flags[0]:\t    0x3",
-                                  "   Group Policy",
-                                  "   Per User Profile"}));
+  EXPECT_TRUE(InOrder(
+      WmiMessages(),
+      {"WLAN_INTERFACE_INFO_LIST for this system", "Num Entries: 2", "Current Index: 0",
+       "  Interface Index[1]:\t 1", "{00005754-4C41-4E00-8000-000000000001}",
+       "  Interface State[1]:\t Unknown state 9", "WLAN_PROFILE_INFO_LIST for this interface",
+       "  Num Entries: 1", "  Flags[0]:\t    0x3", "   Group Policy", "   Per User Profile"}));
 }
 
 TEST_F(WlanProfiles, FailedCallIsLoggedAndTheHandleIsClosed) {
-  const struct {
-    const char* call;
-    const char* line;
-    const char16_t* text;
-    std::uint32_t result = 1;
-  } kRows[] = {
-      {"WlanOpenHandle", "WlanOpenHandle failed with error: 31", u"before"},
-      {"WlanEnumInterfaces", "WlanEnumInterfaces failed with error: 31", u"before"},
-      {"WlanGetProfileList", "WlanGetProfileList failed with error: 31", u"<c/>"},
-      {"WlanGetProfile", "WlanGetProfile failed with error: 31", u"<bb>two words</bb><c/>"},
-      {"StringFromGUID2", "", u"<a/><bb>two words</bb><c/>", 0},
-      {"WlanCloseHandle", "  Num Entries: 1", u"<a/><bb>two words</bb><c/>", 0},
-  };
-  for (const auto& row : kRows) {
+  using Row = std::tuple<std::string, const char16_t*>;
+  for (const auto& [call, collected] :
+       {Row{"WlanOpenHandle", u"before"}, Row{"WlanEnumInterfaces", u"before"},
+        Row{"WlanGetProfileList", u"<c/>"}, Row{"WlanGetProfile", u"<bb>two words</bb><c/>"}}) {
     char16_t text[64] = u"before";
     gate::Arm();
-    gate::FailNext(row.call, 31);
-    EXPECT_EQ(CollectWlanProfiles(text), row.result) << row.call;
-    EXPECT_EQ(std::u16string(text), row.text) << row.call;
-    EXPECT_TRUE(InOrder(WmiMessages(), {row.line}));
-    EXPECT_EQ(CountCalls("WlanCloseHandle"), &row == kRows ? 0U : 1U);
+    gate::FailNext(call.c_str(), 31);
+    EXPECT_EQ(CollectWlanProfiles(text), 1U) << call;
+    EXPECT_EQ(std::u16string(text), collected) << call;
+    EXPECT_TRUE(InOrder(WmiMessages(), {call + " failed with error: 31"}));
+    EXPECT_EQ(CountCalls("WlanCloseHandle"), call == "WlanOpenHandle" ? 0U : 1U);
   }
 }
 

@@ -1,6 +1,8 @@
 // Search and opening of the mailbox device.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -34,25 +36,21 @@ TEST_F(Device, LastEnumeratedInterfaceIsOpened) {
 }
 
 TEST_F(Device, FailedStepIsLoggedAndOpensNothing) {
-  const struct {
-    const char* call;
-    std::uint64_t skip;
-    const char* line;
-  } kRows[] = {
-      {"SetupDiGetClassDevsA", 0, "SetupDiGetClassDevs failed with error: 5"},
-      {"SetupDiGetDeviceInterfaceDetailA", 0,
-       "SetupDiGetDeviceInterfaceDetail failed with error: 5"},
-      {"SetupDiGetDeviceInterfaceDetailA", 1, "Error in SetupDiGetDeviceInterfaceDetail"},
-      {"SetupDiEnumDeviceInterfaces", 1, "No device interfaces present"},
-      {"CreateFileA", 0, "Failed in open device \\\\?\\GLOBALROOT\\Device\\000000c8 with error: 5"},
-  };
-  for (const auto& row : kRows) {
-    gate::Arm();
-    gate::FailNext(row.call, 5, row.skip);
-    EXPECT_EQ(OpenOrrinDevice(kRequestMode), 1U) << row.call;
-    EXPECT_TRUE(Logged(row.line)) << row.line << "\n" << Messages();
+  using Row = std::tuple<const char*, std::uint64_t, const char*>;
+  std::size_t lists = 0;
+  for (const auto& [call, skip, line] :
+       {Row{"SetupDiGetClassDevsA", 0, "SetupDiGetClassDevs failed with error: 5"},
+        Row{"SetupDiGetDeviceInterfaceDetailA", 0,
+            "SetupDiGetDeviceInterfaceDetail failed with error: 5"},
+        Row{"SetupDiGetDeviceInterfaceDetailA", 1, "Error in SetupDiGetDeviceInterfaceDetail"},
+        Row{"SetupDiEnumDeviceInterfaces", 1, "No device interfaces present"},
+        Row{"CreateFileA", 0,
+            R"(Failed in open device \\?\GLOBALROOT\Device\000000c8 with error: 5)"}}) {
+    gate::FailNext(call, 5, skip);
+    EXPECT_EQ(OpenOrrinDevice(kRequestMode), 1U) << call;
+    EXPECT_TRUE(Logged(line)) << line << "\n" << Messages();
     EXPECT_FALSE(*gRequestDevice);
-    EXPECT_EQ(CountCalls("SetupDiDestroyDeviceInfoList"), &row == kRows ? 0U : 1U) << row.line;
+    EXPECT_EQ(CountCalls("SetupDiDestroyDeviceInfoList"), lists++) << line;
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "service/mailbox/dispatcher.h"
@@ -88,24 +89,16 @@ TEST_F(Reader, FailedReadOrLostDeviceEndsIt) {
 }
 
 TEST_F(Reader, FailedStepEndsItWithItsLine) {
-  const struct {
-    const char* call;
-    std::uint64_t skip;
-    std::uint32_t error;
-    const char* line;
-  } kRows[] = {
-      {"CreateFileA", 0, 5, "Cannot open device 5"},
-      {"CreateIoCompletionPort", 0, 87, "Cannot open completion port 87"},
-      {"ReadFile", 0, 21, "Asynchronous Read command failed 21"},
-      {"ReadFile", 7, 22, "Asynchronous Read command failed 22"},
-      {"ReadFile", 3, gate::kFinishAtOnce, "Asynchronous Read command failed"},
-      {"GetQueuedCompletionStatus", 0, 735, "GetQueuedCompletionStatus failed 735"},
-  };
-  for (const auto& row : kRows) {
-    gate::Arm();
-    gate::FailNext(row.call, row.error, row.skip);
+  using Row = std::tuple<const char*, std::uint64_t, std::uint32_t, const char*>;
+  for (const auto& [call, skip, error, line] :
+       {Row{"CreateFileA", 0, 5, "Cannot open device 5"},
+        Row{"CreateIoCompletionPort", 0, 87, "Cannot open completion port 87"},
+        Row{"ReadFile", 7, 22, "Asynchronous Read command failed 22"},
+        Row{"ReadFile", 3, gate::kFinishAtOnce, "Asynchronous Read command failed"},
+        Row{"GetQueuedCompletionStatus", 0, 735, "GetQueuedCompletionStatus failed 735"}}) {
+    gate::FailNext(call, error, skip);
     Start();
-    ExpectEnd(row.line);
+    ExpectEnd(line);
   }
 }
 

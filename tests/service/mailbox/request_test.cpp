@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/service/mailbox_fixture.h"
@@ -91,9 +92,6 @@ TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
 
 TEST_F(Request, EachOperationLogsAMissingHandle) {
   CloseOrrinDevice();
-  ServiceLog_Close();
-  std::filesystem::remove(platform::NativePath(kServiceLog));
-  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 100 << 20));
   packet data{};
   EXPECT_EQ(WriteDASHPacket(&data), 1U);
   EXPECT_EQ(GetOrrinStatus(&status_), 1U);
@@ -101,36 +99,30 @@ TEST_F(Request, EachOperationLogsAMissingHandle) {
   WriteOsInfo(nullptr);
   EXPECT_EQ(SetS5Status(), 1U);
   EXPECT_EQ(Messages(),
-            "Error Invalid Handle\nInvalid Handle\nFailed\nOperationSysSInfo size:804\n"
-            "Failed: Invalid handle\nError calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS\n");
+            "Device open success\nError Invalid Handle\nInvalid Handle\nFailed\n"
+            "OperationSysSInfo size:804\nFailed: Invalid handle\n"
+            "Error calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS\n");
 }
 
 TEST_F(Request, FailedStepHasTheOperationsWording) {
-  const struct {
-    const char* call;
-    std::uint64_t skip;
-    std::uint32_t error;
-    const char* line;
-    std::uint32_t result;
-  } kRows[] = {
-      {"CreateEventA", 0, 8, "Error creating overlapped event for interrupt thread - with error: 8",
-       1},
-      {"DeviceIoControl", 0, 21, "Asynchronous WriteTavrinStatus command failed with error: 21", 1},
-      // A driver that finishes the request at once.
-      {"DeviceIoControl", 0, gate::kFinishAtOnce,
-       "Asynchronous WriteTavrinStatus command failed with error: ", 1},
-      // The log's own wait comes first in each line: the request's wait is the one behind it.
-      {"WaitForSingleObject", 1, 6, "WaitForSingleObject unexpected return with error: 4294967295",
-       0},
-      {"GetOverlappedResult", 0, 995,
-       "GetOverlappedResult failed for WriteTavrinStatus with error: 995", 0},
-  };
   const std::uint32_t up = kServiceUp;
-  for (const auto& row : kRows) {
-    gate::Arm();
-    gate::FailNext(row.call, row.error, row.skip);
-    EXPECT_EQ(WriteTavrinStatus(&up), row.result) << row.call;
-    EXPECT_NE(Messages().find(row.line), std::string::npos) << row.line << "\n" << Messages();
+  using Row = std::tuple<const char*, std::uint64_t, std::uint32_t, std::uint32_t, const char*>;
+  for (const auto& [call, skip, error, result, line] :
+       {Row{"CreateEventA", 0, 8, 1,
+            "Error creating overlapped event for interrupt thread - with error: 8"},
+        Row{"DeviceIoControl", 0, 21, 1,
+            "Asynchronous WriteTavrinStatus command failed with error: 21"},
+        // A driver that finishes the request at once.
+        Row{"DeviceIoControl", 0, gate::kFinishAtOnce, 1,
+            "Asynchronous WriteTavrinStatus command failed with error: "},
+        // The log's own wait comes first in each line: the request's wait is the one behind it.
+        Row{"WaitForSingleObject", 1, 6, 0,
+            "WaitForSingleObject unexpected return with error: 4294967295"},
+        Row{"GetOverlappedResult", 0, 995, 0,
+            "GetOverlappedResult failed for WriteTavrinStatus with error: 995"}}) {
+    gate::FailNext(call, error, skip);
+    EXPECT_EQ(WriteTavrinStatus(&up), result) << call;
+    EXPECT_NE(Messages().find(line), std::string::npos) << line << "\n" << Messages();
   }
   gate::FailNext("DeviceIoControl", 21);
   SendCloseSocketcmd(22);
