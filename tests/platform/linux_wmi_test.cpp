@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "platform/linux/utf16.h"
 #include "platform/wmi.h"
@@ -37,38 +38,27 @@ TEST(LinuxWmi, WrongUseFails) {
 }
 
 TEST(LinuxUtf16, ValidTextIsKeptBothWays) {
-  const struct {
-    std::string narrow;
-    std::u16string wide;
-  } kRows[] = {{"", u""},
-               {"eth0", u"eth0"},
-               {"\xC3\xA9\xE2\x82\xAC", u"\u00e9\u20ac"},
-               {"\xF0\x9F\x98\x80", u"\U0001F600"},
-               {"\xED\x9F\xBF\xEE\x80\x80", u"\uD7FF\uE000"}};
-  for (const auto& row : kRows) {
-    EXPECT_EQ(Utf8ToUtf16(row.narrow), row.wide);
-    EXPECT_EQ(Utf16ToUtf8(row.wide), row.narrow);
+  using Row = std::pair<std::string, std::u16string>;
+  for (const auto& [narrow, wide] :
+       {Row{"", u""}, Row{"\xC3\xA9\xE2\x82\xAC", u"\u00e9\u20ac"},
+        Row{"\xF0\x9F\x98\x80", u"\U0001F600"}, Row{"\xED\x9F\xBF\xEE\x80\x80", u"\uD7FF\uE000"}}) {
+    EXPECT_EQ(Utf8ToUtf16(narrow), wide);
+    EXPECT_EQ(Utf16ToUtf8(wide), narrow);
   }
 }
 
 TEST(LinuxUtf16, BrokenTextHasReplacements) {
-  const struct {
-    const char* name;
-    std::string narrow;
-    std::u16string wide;
-  } kRows[] = {{"cut", "a\xE2\x82", u"a\uFFFD"},
-               {"broken off", "\xE2z", u"\uFFFDz"},
-               {"continuation byte alone", "\x80", u"\uFFFD"},
-               {"overlong", "\xC0\x80", u"\uFFFD"},
-               {"surrogate", "\xED\xA0\x80", u"\uFFFD"},
-               {"behind the last character", "\xF4\x90\x80\x80", u"\uFFFD"},
-               {"no first byte", "\xFFz", u"\uFFFDz"}};
-  for (const auto& row : kRows) EXPECT_EQ(Utf8ToUtf16(row.narrow), row.wide) << row.name;
-  const char16_t lone[] = {0xD800, u'a', 0xDC00, 0};
-  EXPECT_EQ(Utf16ToUtf8(lone),
-            "\xEF\xBF\xBD"
-            "a"
-            "\xEF\xBF\xBD");
+  for (const char* narrow : {
+           "a\xE2\x82",          // cut
+           "a\x80",              // a continuation byte alone
+           "a\xC0\x80",          // overlong
+           "a\xED\xA0\x80",      // a surrogate
+           "a\xF4\x90\x80\x80",  // behind the last character
+       })
+    EXPECT_EQ(Utf8ToUtf16(narrow), u"a\uFFFD");
+  EXPECT_EQ(Utf8ToUtf16("\xE2z\xFF"), u"\uFFFDz\uFFFD");
+  const char16_t lone[] = {0xD800, u'-', 0xDC00, 0};
+  EXPECT_EQ(Utf16ToUtf8(lone), "\xEF\xBF\xBD-\xEF\xBF\xBD");
 }
 
 }  // namespace

@@ -51,37 +51,28 @@ TEST_F(StatusReportTest, DomainIsSentAndLogged) {
 }
 
 TEST_F(StatusReportTest, RepeatedReportLogsItsSteps) {
-  gate::FailNext("GetComputerNameExA", 5);
-  gate::FailNext("gethostname", 5);
-  gate::FailNext("CoInitializeEx", 0x80041001);
+  for (const char* call : {"GetComputerNameExA", "gethostname", "CoInitializeEx"})
+    gate::FailNext(call, 5);
   ResendSystemInfo();
   EXPECT_TRUE(InOrder(
       ServiceMessages(),
       {"ORRIN is down pass nonDASH commands", "Setting value to WriteTavrinStatus",
        "OS Name: ; OS Version: ; OS DomainName: N/A;OS Hostname: ;OS Tavrin Version: 1.0.0.533",
        "System is connected to LAN", "Getting value from GetIPCompleteInfomartion",
-       "Netwrok Addrress 0x501a8c0", "Size of 36", "Connected to internet flag: 2",
-       "Connected to internet via LAN", "Getting value from GetNetworkinformation",
-       "Network Name: eth0", "Network Speed: 1000000000"}));
-  const auto system = Message<OperationSysSInfo>(1);
-  EXPECT_EQ(TextOf(system.Caption), u"");
-  EXPECT_EQ(TextOf(system.domainName), "N/A");
-  EXPECT_EQ(system.endMarker, 0xFFFF);
+       "Netwrok Addrress 0x501a8c0", "Connected to internet via LAN",
+       "Getting value from GetNetworkinformation", "Network Speed: 1000000000"}));
+  EXPECT_EQ(TextOf(Message<OperationSysSInfo>(1).domainName), "N/A");
 }
 
-TEST_F(StatusReportTest, WirelessHostReportsItsWirelessAddress) {
-  Put("adapters.txt", std::string(kEthernet) + kWireless);
+TEST_F(StatusReportTest, WirelessAddressIsSentAndLoopbackIsNot) {
   Put("wlan.txt", "1\n");
+  Put("adapters.txt", std::string(kEthernet) + kWireless);
   EXPECT_EQ(SendSystemInfo(nullptr), 0U);
   EXPECT_EQ(Message<IPInfo>(3).ipAddress, kWirelessAddress);
-  EXPECT_EQ(Message<std::uint32_t>(4), kNetworkWlan);
-  EXPECT_TRUE(InOrder(ServiceMessages(), {"System is connected to WLAN"}));
-}
-
-TEST_F(StatusReportTest, LoopbackAddressIsLeftOut) {
+  EXPECT_TRUE(Logged("System is connected to WLAN"));
   Put("adapters.txt", kLoopbackOnly);
   EXPECT_EQ(SendSystemInfo(nullptr), 0U);
-  EXPECT_EQ(Sent(), (Codes{kWriteStatus, kWriteOs, kReadVersion, kWriteBooted, kWriteNetwork}));
+  EXPECT_EQ(Sent().size(), 6U + 5U);
 }
 
 TEST_F(StatusReportTest, UnknownVersionIsNotARunningFirmware) {
