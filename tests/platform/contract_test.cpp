@@ -275,27 +275,6 @@ TEST_F(TextContract, TextIsCutAtTheEndOfItsBlock) {
   EXPECT_EQ(FormatMessageA(0xEFFFFFFF, whole, sizeof(whole)), 0U) << "an error without a text";
 }
 
-TEST_F(TextContract, ReadLineFillsItsBlockAtMost) {
-  const CommandPipe pipe = OpenCommandPipe("ver");
-  ASSERT_TRUE(pipe);
-  std::string all;
-  char piece[6] = {0, 0, 0, 0, 0, '#'};
-  while (ReadLine(pipe, piece, 5)) {
-    EXPECT_LT(std::strlen(piece), 5U);
-    all += piece;
-  }
-  EXPECT_EQ(piece[5], '#');
-  EXPECT_GT(all.size(), 5U);
-}
-
-TEST_F(TextContract, MasksAreInNetworkByteOrder) {
-  char text[16];
-  InetNtop(ConvertLengthToIpv4Mask(0), text, sizeof(text));
-  EXPECT_STREQ(text, "0.0.0.0");
-  InetNtop(ConvertLengthToIpv4Mask(22), text, sizeof(text));
-  EXPECT_STREQ(text, "255.255.252.0");
-}
-
 // ---- Sockets
 
 SockAddrIn Loopback(std::uint32_t port) {
@@ -344,7 +323,6 @@ class SocketContract : public Prepared {
     Select(events);
     const SocketWait wait = WaitForMultipleObjectsEx(sockets_, wake_, milliseconds);
     EXPECT_NE(wait.result, kWaitFailed);
-    woken_ = wait.woken;
     result_ = wait.result;
     std::uint32_t news = 0;
     if (wait.signalled == 0 || !MayHaveNews(selection_)) return 0;
@@ -360,7 +338,6 @@ class SocketContract : public Prepared {
   SocketValue watched_ = kInvalidSocket;
   SocketSelection selection_{};
   std::uint32_t result_ = 0;
-  bool woken_ = false;
 };
 
 constexpr std::uint32_t kReading = kFdRead | kFdAccept | kFdClose;
@@ -390,18 +367,6 @@ TEST_F(SocketContract, CloseIsReportedBehindTheLastData) {
   EXPECT_EQ(recv(near_, block, sizeof(block)), 0);
 }
 
-TEST_F(SocketContract, HalfCloseIsNoReadAndLeavesTheOtherDirection) {
-  char byte;
-  Watch(near_);
-  ASSERT_EQ(shutdown(far_, kSdSend), 0);
-  EXPECT_EQ(News(kReading), kFdClose);
-  EXPECT_EQ(recv(near_, &byte, 1), 0);
-  ASSERT_EQ(send(near_, "x", 1), 1);
-  Watch(far_);
-  EXPECT_EQ(News(kReading) & kFdRead, kFdRead);
-  EXPECT_EQ(recv(far_, &byte, 1), 1);
-}
-
 TEST_F(SocketContract, WriteIsReportedWhileThereIsRoom) {
   std::vector<char> block(65536);
   Watch(near_);
@@ -417,22 +382,6 @@ TEST_F(SocketContract, WriteIsReportedWhileThereIsRoom) {
     }
     return News(kFdWrite, 0) == kFdWrite;
   }));
-}
-
-TEST_F(SocketContract, WakeEventEndsAWaitUntilItIsReset) {
-  Watch(near_);
-  const Thread waker = CreateThread(
-      [](void* wake) -> std::uint32_t { return SetEvent(*static_cast<WakeEvent*>(wake)); }, &wake_);
-  EXPECT_EQ(News(kReading, kInfinite), 0U);
-  EXPECT_TRUE(woken_);
-  EXPECT_EQ(WaitForSingleObject(waker, kBound), kWaitObject0);
-  EXPECT_EQ(News(kReading, 0), 0U);
-  EXPECT_TRUE(woken_) << "until it is reset";
-  ASSERT_EQ(send(far_, "a", 1), 1);
-  EXPECT_TRUE(Eventually([&] { return News(kReading, 0) == kFdRead && woken_; }));
-  EXPECT_TRUE(ResetEvent(wake_));
-  EXPECT_EQ(News(kReading), kFdRead);
-  EXPECT_FALSE(woken_);
 }
 
 TEST_F(SocketContract, RefusalsHaveWinsocksNumbers) {

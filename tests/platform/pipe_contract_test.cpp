@@ -38,8 +38,7 @@ TEST_F(PipeContract, UnservedPipeIsNotFound) {
 }
 
 TEST_F(PipeContract, ReadsGiveEachByteOnceInTheirRoom) {
-  for (const std::string& question :
-       {std::string("5"), std::string(), std::string(10'000, 'q'), std::string("again")}) {
+  for (const std::string& question : {std::string(), std::string(10'000, 'q')}) {
     Pipe pipe = Open();
     ASSERT_TRUE(pipe);
     std::thread asker = Ask(question);

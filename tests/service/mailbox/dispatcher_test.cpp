@@ -9,48 +9,44 @@
 namespace stewardry {
 namespace {
 
-std::vector<std::string> gCalls;  // "name:payload" each
+using Payloads = std::vector<std::string>;
+Payloads gHandled;
 
-void RecordGuarded(const std::uint8_t* payload, std::uint32_t length) {
-  gCalls.push_back("guarded:" + std::string(reinterpret_cast<const char*>(payload), length));
-}
-void RecordOpen(const std::uint8_t* payload, std::uint32_t length) {
-  gCalls.push_back("open:" + std::string(reinterpret_cast<const char*>(payload), length));
+void Keep(const std::uint8_t* payload, std::uint32_t length) {
+  gHandled.emplace_back(reinterpret_cast<const char*>(payload), length);
 }
 
 constexpr FirmwareCommand kTable[] = {
-    {0x08, "guarded", nullptr, true, RecordGuarded},
-    {0x16, "open", "line", false, RecordOpen},
+    {0x08, "guarded", nullptr, true, Keep},
+    {0x16, "open", "line", false, Keep},
     {0x26, "logged only", "line", false, nullptr},
 };
 
-// Returns the handlers' calls for a frame. The frame is on the heap, so that a sanitizer sees a
-// read behind it.
-std::vector<std::string> Dispatch(const std::string& frame) {
+// Returns the payloads that a frame brings to a handler. The frame is on the heap, so that a
+// sanitizer sees a read behind it.
+Payloads Dispatch(const std::string& frame) {
   SetFirmwareCommands(kTable);
-  gCalls.clear();
+  gHandled.clear();
   const std::vector<std::uint8_t> bytes(frame.begin(), frame.end());
   Processread(static_cast<std::uint32_t>(bytes.size()), bytes.data());
-  return gCalls;
+  return gHandled;
 }
-
-using Calls = std::vector<std::string>;
 
 TEST(Dispatcher, CodeIsTheByteBeforeTheLast) {
   for (const char last : {'\0', '\1', '\x16', '\xFF'})
-    EXPECT_EQ(Dispatch(std::string("ABCDE\x08") + last), Calls{"guarded:ABCDE"});
+    EXPECT_EQ(Dispatch(std::string("ABCDE\x08") + last), Payloads{"ABCDE"});
   const std::string largest(131070, 'p');
-  EXPECT_EQ(Dispatch(largest + std::string("\x08\0", 2)), Calls{"guarded:" + largest});
+  EXPECT_EQ(Dispatch(largest + std::string("\x08\0", 2)), Payloads{largest});
 }
 
 TEST(Dispatcher, EmptyPayloadReachesUnguardedCommandsOnly) {
-  EXPECT_EQ(Dispatch(std::string("\x08\0", 2)), Calls{});
-  EXPECT_EQ(Dispatch(std::string("\x16\0", 2)), Calls{"open:"});
+  EXPECT_EQ(Dispatch(std::string("\x08\0", 2)), Payloads{});
+  EXPECT_EQ(Dispatch(std::string("\x16\0", 2)), Payloads{""});
 }
 
 TEST(Dispatcher, ShortFramesAndOtherCodesReachNoHandler) {
   for (const std::string frame : {"", "\x16", "x\x26\x16", "x\x15\x16", "x\xFF\x16"})
-    EXPECT_EQ(Dispatch(frame), Calls{}) << testing::PrintToString(frame);
+    EXPECT_EQ(Dispatch(frame), Payloads{}) << testing::PrintToString(frame);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <regex>
 #include <string>
 
 #include "service/mailbox/firmware_log.h"
@@ -44,16 +45,8 @@ inline std::string Capture(std::uint32_t readIndex, std::uint32_t writeIndex,
 
 // The capture file with each "YYYY/MM/DD hh:mm:ss" as "T".
 inline std::string CapturedText() {
-  std::string text = HostFileText(kFirmwareLogPath);
-  constexpr char kMark[] = "capture at ";
-  for (std::size_t at = 0; (at = text.find(kMark, at)) != std::string::npos;) {
-    at += sizeof kMark - 1;
-    unsigned part[6];
-    if (std::sscanf(text.c_str() + at, "%4u/%2u/%2u %2u:%2u:%2u\n", &part[0], &part[1], &part[2],
-                    &part[3], &part[4], &part[5]) == 6)
-      text.erase(at, 18)[at] = 'T';
-  }
-  return text;
+  static const std::regex time(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d)");
+  return std::regex_replace(HostFileText(kFirmwareLogPath), time, "T");
 }
 
 }  // namespace stewardry
