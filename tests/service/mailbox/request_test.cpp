@@ -83,7 +83,7 @@ TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
   GetTavrinVersion(&gTavrinVersionInfo);
   EXPECT_EQ(std::strlen(gTavrinVersionInfo.Load().version), 63U);
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
-  EXPECT_TRUE(Logged("uECAbsent 76"));
+  EXPECT_TRUE(Logged("uECAbsent 76767676"));
 }
 
 TEST_F(Request, FailedStepHasTheOperationsWording) {
