@@ -92,22 +92,18 @@ TEST_F(EventContract, EachSetReachesAThreadThatWaits) {
 using MutexContract = Prepared;
 
 TEST_F(MutexContract, MutexOfADeadHolderIsAbandonedOnce) {
-  const ThreadEntry returns = [](void* shared) {
-    return WaitForSingleObject(SharedOf(shared).mutex, kBound);
-  };
-  const ThreadEntry isTerminated = [](void* shared) {
-    WaitForSingleObject(SharedOf(shared).mutex, kBound);
-    return SharedOf(shared).WaitToGo();
-  };
-  for (const ThreadEntry entry : {returns, isTerminated}) {
+  for (const bool terminated : {false, true}) {
     Shared shared;
-    const Thread holder = CreateThread(entry, &shared);
-    if (entry == isTerminated) {
-      ASSERT_EQ(WaitForSingleObject(shared.ready, kBound), kWaitObject0);
-      EXPECT_EQ(WaitForSingleObject(shared.mutex, 0), kWaitTimeout);
-      ASSERT_TRUE(TerminateThread(holder, 1));
-    }
-    ASSERT_EQ(WaitForSingleObject(holder, kBound), kWaitObject0);
+    const Thread holder = CreateThread(
+        [](void* given) {
+          WaitForSingleObject(SharedOf(given).mutex, kBound);
+          return SharedOf(given).WaitToGo();
+        },
+        &shared);
+    ASSERT_EQ(WaitForSingleObject(shared.ready, kBound), kWaitObject0);
+    EXPECT_EQ(WaitForSingleObject(shared.mutex, 0), kWaitTimeout);
+    ASSERT_TRUE(terminated ? TerminateThread(holder, 1) : SetEvent(shared.go));
+    EXPECT_EQ(ExitCode(holder), terminated ? 1U : kWaitObject0);
     EXPECT_EQ(WaitForSingleObject(shared.mutex, kBound), kWaitAbandoned);
     EXPECT_TRUE(ReleaseMutex(shared.mutex));
     EXPECT_EQ(WaitForSingleObject(shared.mutex, 0), kWaitObject0);

@@ -64,8 +64,7 @@ class InventoryTest : public MailboxTest {
   // Whether `wanted` stand in `lines` in this order. Other lines may stand between them.
   static testing::AssertionResult InOrder(const Lines& lines, const Lines& wanted) {
     std::size_t found = 0;
-    for (const std::string& line : lines)
-      if (found < wanted.size() && line == wanted[found]) ++found;
+    for (const std::string& line : lines) found += found < wanted.size() && line == wanted[found];
     if (found == wanted.size()) return testing::AssertionSuccess();
     return testing::AssertionFailure()
            << "missing: " << wanted[found] << "\nin: " << testing::PrintToString(lines);

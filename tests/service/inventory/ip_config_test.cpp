@@ -39,7 +39,6 @@ TEST_F(IpConfigTest, FirstAddressesOfTheAdapterFillTheRecord) {
   EXPECT_EQ(record.gatewayAddress, 0x0101A8C0U);
   EXPECT_EQ(record.dnsAddress, 0x0201A8C0U);
   EXPECT_EQ(record.subnetMask, 0x00FFFFFFU);
-  EXPECT_EQ(record.remotePort, 0U);
   EXPECT_EQ(std::memcmp(record.macAddress, "\x02\x03\x04\x05\x06\xA7", 6), 0);
   EXPECT_EQ(record.endMarker, 0) << "of a hardware address of 8 bytes, 6 are kept";
   EXPECT_TRUE(InOrder(

@@ -29,9 +29,7 @@ TEST_F(LinkWatchTest, AnyConnectedInterfaceCounts) {
     Put("wlan.txt", states);
     EXPECT_EQ(WlanIsConnected(), result) << states;
   }
-  EXPECT_TRUE(InOrder(ServiceMessages(),
-                      {"Num Entries: 4", "Current Index: 0", "Interface Index[0]", "Not ready",
-                       "Interface Index[3]", "Attempting to associate with a network"}));
+  EXPECT_TRUE(Messages().ends_with("[3]\nAttempting to associate with a network\n"));
 }
 
 TEST_F(LinkWatchTest, FailureCountsAsNotConnectedAndIsRetried) {

@@ -45,7 +45,7 @@ TEST(Dispatcher, EmptyPayloadReachesUnguardedCommandsOnly) {
 }
 
 TEST(Dispatcher, ShortFramesAndOtherCodesReachNoHandler) {
-  for (const std::string frame : {"", "\x16", "x\x26\x16", "x\x15\x16", "x\xFF\x16"})
+  for (const char* frame : {"", "\x16", "x\x26\x16", "x\x15\x16", "x\xFF\x16"})
     EXPECT_EQ(Dispatch(frame), Payloads{}) << testing::PrintToString(frame);
 }
 

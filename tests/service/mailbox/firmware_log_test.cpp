@@ -29,7 +29,6 @@ std::vector<Row> Rows() {
       {"nothing new", false, 7, 7, Capture(7, 7, "No new data logged\n"), 7},
       {"new lines", false, 3, 5, Capture(3, 5, Lines(3, 5)), 5},
       {"wrap", false, 2040, 3, Capture(2040, 3, Lines(2040, 2047) + Lines(0, 3)), 3},
-      {"last legal read index", false, 2047, 2, Capture(2047, 2, Lines(0, 2)), 2},
       {"wrap to the start", false, 2047, 0, Capture(2047, 0, ""), 0},
       {"whole ring", false, 0, 2047, Capture(0, 2047, Lines(0, 2047)), 2047},
       {"first capture", true, 100, 150, Capture(0, 150, Lines(0, 50)), 50},

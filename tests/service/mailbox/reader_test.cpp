@@ -34,13 +34,11 @@ class Reader : public MailboxTest {
     if (reader_) EndThread(&reader_);
     MailboxTest::TearDown();
   }
-  void Start() {
+  // Starts the reader, and waits until this many reads have come to the firmware.
+  void Start(std::size_t reads) {
     SetFirmwareCommands(kTable);
     reader_ = platform::CreateThread(intThreadFunction, nullptr);
-  }
-  void StartAndAwaitReads() {
-    Start();
-    ASSERT_TRUE(firmware_->AwaitKind(lablink::kRead, 10));
+    ASSERT_TRUE(firmware_->AwaitKind(lablink::kRead, reads));
   }
   // The reader ends by itself, with its two lines.
   void ExpectEnd(const std::string& line) {
@@ -55,7 +53,7 @@ class Reader : public MailboxTest {
 };
 
 TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlight) {
-  StartAndAwaitReads();
+  Start(10);
   std::vector<std::string> expected;
   for (std::size_t i = 0; i < 200; ++i) expected.emplace_back(i, 'f');
   expected.emplace_back(131070, 'F');
@@ -66,7 +64,7 @@ TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlight) {
 }
 
 TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {
-  StartAndAwaitReads();
+  Start(10);
   firmware_->SendRaw("");
   firmware_->SendRaw("\x08");
   firmware_->SendFrame("", 0x14);
@@ -78,14 +76,14 @@ TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {
 }
 
 TEST_F(Reader, FailedReadOrLostDeviceEndsIt) {
-  StartAndAwaitReads();
+  Start(10);
   firmware_->FailRead(1167);
   ExpectEnd("GetQueuedCompletionStatus failed 1167");
   ASSERT_TRUE(firmware_->AwaitKind(lablink::kClose));
-  Start();
-  ASSERT_TRUE(firmware_->AwaitKind(lablink::kRead, 20));
+  Start(20);
   firmware_->Drop();
   ExpectEnd("GetQueuedCompletionStatus failed 1167");
+  EXPECT_EQ(CountOf(Messages(), "failed 1167"), 2U);
 }
 
 TEST_F(Reader, FailedStepEndsItWithItsLine) {
@@ -97,13 +95,13 @@ TEST_F(Reader, FailedStepEndsItWithItsLine) {
         Row{"ReadFile", 3, gate::kFinishAtOnce, "Asynchronous Read command failed"},
         Row{"GetQueuedCompletionStatus", 0, 735, "GetQueuedCompletionStatus failed 735"}}) {
     gate::FailNext(call, error, skip);
-    Start();
+    Start(0);
     ExpectEnd(line);
   }
 }
 
 TEST_F(Reader, SlotThatCannotBeRearmedEndsIt) {
-  StartAndAwaitReads();
+  Start(10);
   gate::FailNext("ReadFile", 21);
   firmware_->SendFrame("last", 0x08);
   ExpectEnd("Asynchronous read command failed 21");
@@ -111,7 +109,7 @@ TEST_F(Reader, SlotThatCannotBeRearmedEndsIt) {
 }
 
 TEST_F(Reader, EndFromOutsideClosesItsHandle) {
-  StartAndAwaitReads();
+  Start(10);
   EndThread(&reader_);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kClose));
 }
