@@ -73,7 +73,7 @@ TEST_F(BatteryReport, EachDeviceHasARecord) {
   const auto inner = Message<BatteryInfoRecord>(0);
   EXPECT_EQ(inner.information.capabilities, 0x80000000);
   EXPECT_EQ(std::string(inner.information.chemistry, 4), "LION");
-  EXPECT_EQ(inner.status.rate, -8000);
+  EXPECT_EQ(inner.status.powerState, platform::kBatteryDischarging);
   EXPECT_EQ(Message<BatteryInfoRecord>(2).information.capabilities, 0xA0000000);
   EXPECT_EQ(Message<BatteryInfoRecord>(3).status.capacity, 0U) << "no system battery, no status";
   EXPECT_EQ(ServiceMessages(),
