@@ -53,6 +53,11 @@ class LabTest : public ::testing::Test {
 
   static const std::string& lab() { return gTestLab.Path(); }
 
+  // Writes a file below the lab folder.
+  static void Put(const std::string& name, const std::string& text) {
+    std::ofstream(lab() + "/" + name) << text;
+  }
+
   // The text of a file named by its Windows path; empty if there is none.
   static std::string FileText(const std::string& windowsPath) {
     return LabText(platform::NativePath(windowsPath.c_str()).substr(lab().size() + 1));

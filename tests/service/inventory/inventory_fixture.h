@@ -1,86 +1,98 @@
-// The smallest host that the inventory can look at: a lab folder whose files say what adapters and
-// wireless interfaces there are, and both logs open in it.
+// A host for the inventory: a lab folder whose files name the adapters, wireless interfaces and
+// batteries, both logs open in it, and a firmware behind the mailbox.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
-#include "service/inventory/ip_config.h"
-#include "service/inventory/link_watch.h"
-#include "tests/lab_folder_fixture.h"
+#include "service/inventory/records.h"
+#include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
 
 inline constexpr char kWmiLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinWMI.log";
-inline constexpr std::uint32_t kNoRotation = 100 * 1024 * 1024;
 
-// An Ethernet adapter, as adapters.txt tells it.
+// Lines of adapters.txt, and two of their addresses.
 inline constexpr char kEthernet[] =
     "eth0 mac=02:00:00:00:00:01 speed=1000000000 index=3 address=192.168.1.5/24 "
     "gateway=192.168.1.1 dns=192.168.1.2\n";
 inline constexpr char kWireless[] =
     "wlan0 wireless dynamic mac=02:00:00:00:00:02 speed=54000000 index=4 address=10.0.0.7/8\n";
 inline constexpr char kLoopbackOnly[] = "lo loopback address=127.0.0.1/8\n";
+inline constexpr std::uint32_t kEthernetAddress = 0x0501A8C0;
+inline constexpr std::uint32_t kWirelessAddress = 0x0700000A;
 
-class InventoryTest : public LabTest {
+// Control codes of the report's messages.
+inline constexpr std::uint32_t kWriteStatus = 0x9C41A410;
+inline constexpr std::uint32_t kReadVersion = 0x9C416424;
+inline constexpr std::uint32_t kWriteBooted = 0x9C41A428;
+inline constexpr std::uint32_t kWriteOs = 0x9C41A42C;
+inline constexpr std::uint32_t kWriteIp = 0x9C41A430;
+inline constexpr std::uint32_t kWriteNetwork = 0x9C41A438;
+
+// Gives the calling thread names of its own. Returns false if this user may not have them.
+inline bool EnterOwnHostNames(const std::string& host, const std::string& domain) {
+  return ::unshare(CLONE_NEWUTS) == 0 && ::sethostname(host.data(), host.size()) == 0 &&
+         ::setdomainname(domain.data(), domain.size()) == 0;
+}
+
+using Lines = std::vector<std::string>;
+
+class InventoryTest : public MailboxTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
-    RemoveFiles();
-    std::filesystem::create_directories(
-        platform::NativePath("C:\\ProgramData\\Corvane\\Stewardry"));
-    StartServiceLog();
-    ASSERT_EQ(WmiLog_Open(kWmiLog, kNoRotation), 0);
-    gIPInfo.Store({});
-    gWlanHandle.store(nullptr);
-    platform::gate::Arm();  // a trace without what this has done
+    MailboxTest::SetUp();
+    ASSERT_EQ(WmiLog_Open(kWmiLog, 100 << 20), 0);
   }
-  void TearDown() override {
-    ServiceLog_Close();
-    RemoveFiles();
-    LabTest::TearDown();
-  }
-
-  void Put(const std::string& name, const std::string& text) {
-    std::ofstream(platform::LabPath(name)) << text;
-  }
-
+  // Starts an empty service log.
   void StartServiceLog() {
     ServiceLog_Close();
     std::filesystem::remove(platform::NativePath(kServiceLog));
-    ASSERT_TRUE(ServiceLog_Start(kServiceLog, kNoRotation));
+    ASSERT_TRUE(ServiceLog_Start(kServiceLog, 100 << 20));
   }
+  static Lines WmiMessages() { return LabTest::Messages(kWmiLog, "INFO:  ", " $$<"); }
 
-  // The messages of the WMI log, in their order.
-  std::vector<std::string> WmiMessages() { return Messages(kWmiLog, "INFO:  ", " $$<"); }
-
-  // Whether `wanted` stand in `lines` in this order, other lines between them or not.
-  static testing::AssertionResult InOrder(const std::vector<std::string>& lines,
-                                          const std::vector<std::string>& wanted) {
+  // Whether `wanted` stand in `lines` in this order. Other lines may stand between them.
+  static testing::AssertionResult InOrder(const Lines& lines, const Lines& wanted) {
     std::size_t found = 0;
-    for (const std::string& line : lines)
-      if (found < wanted.size() && line == wanted[found]) ++found;
+    for (const std::string& line : lines) found += found < wanted.size() && line == wanted[found];
     if (found == wanted.size()) return testing::AssertionSuccess();
-    auto failure = testing::AssertionFailure() << "missing: " << wanted[found] << "\nin:";
-    for (const std::string& line : lines) failure << "\n  " << line;
-    return failure;
+    return testing::AssertionFailure()
+           << "missing: " << wanted[found] << "\nin: " << testing::PrintToString(lines);
   }
+};
 
- private:
-  void RemoveFiles() {
-    for (const char* name : {"adapters.txt", "wlan.txt", "wlan_profiles.txt", "connected.txt",
-                             "chassis.txt", "batteries.txt"})
-      std::filesystem::remove(platform::LabPath(name));
-    for (const char* path : {kServiceLog, kWmiLog, kChangeLogPath})
-      std::filesystem::remove(platform::NativePath(path));
+// The same with the mailbox open and both logs empty.
+class ReportTest : public InventoryTest {
+ protected:
+  using Codes = std::vector<std::uint32_t>;
+
+  void SetUp() override {
+    InventoryTest::SetUp();
+    OpenMailbox();
+    StartServiceLog();
+    gate::Arm();
+  }
+  Codes Sent() { return firmware_->Codes(); }
+
+  // The n-th message sent, as the record that it is.
+  template <class Record>
+  Record Message(std::size_t n) {
+    const std::vector<Asked> requests = firmware_->Requests();
+    Record record{};
+    const std::string input = n < requests.size() ? requests[n].input : "";
+    EXPECT_EQ(input.size(), sizeof record) << "message " << n;
+    std::memcpy(&record, input.data(), std::min(sizeof record, input.size()));
+    return record;
   }
 };
 

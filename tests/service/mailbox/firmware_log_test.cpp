@@ -1,10 +1,12 @@
-// The capture of the firmware's log, on memory of exactly the ring's size. The cases of one file
-// share the capture file, so they stand in one test.
+// The capture of the firmware's log, on memory of exactly the ring's size. All cases use the one
+// capture file, so they are rows of one test.
 #include "service/mailbox/firmware_log.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "tests/service/mailbox/log_ring.h"
 
@@ -15,40 +17,34 @@ constexpr char kInvalid[] =
     "Read / write log buffer pointer is pointing to invalid address!!!\nRead pointer is 0x";
 
 struct Row {
-  const char* fault;
+  const char* name;
   bool first;
   std::uint32_t readIndex, writeIndex;
-  std::string wanted;       // of the capture file
+  std::string captured;
   std::uint32_t nextIndex;  // the read index afterwards
 };
 
 std::vector<Row> Rows() {
   return {
-      {"no new line", false, 7, 7, Capture(7, 7, "No new data logged\n"), 7},
-      {"lines before the read index are told", false, 3, 5, Capture(3, 5, Lines(3, 5)), 5},
-      {"the wrap loses or repeats a line", false, 2040, 3,
-       Capture(2040, 3, Lines(2040, 2047) + Lines(0, 3)), 3},
-      {"the entry behind the wrap is read", false, 2046, 2047,
-       Capture(2046, 2047, Lines(2046, 2047)), 2047},
-      {"the last legal read index isn't one", false, 2047, 2, Capture(2047, 2, Lines(0, 2)), 2},
-      {"a wrap to the very start", false, 2047, 0, Capture(2047, 0, ""), 0},
-      {"the whole ring", false, 0, 2047, Capture(0, 2047, Lines(0, 2047)), 2047},
-      {"a first capture doesn't start at entry 0", true, 100, 150, Capture(0, 150, Lines(0, 50)),
-       50},
-      {"a first capture of a wrapped ring", true, 9, 4, Capture(0, 4, Lines(0, 2047) + Lines(0, 4)),
+      {"nothing new", false, 7, 7, Capture(7, 7, "No new data logged\n"), 7},
+      {"new lines", false, 3, 5, Capture(3, 5, Lines(3, 5)), 5},
+      {"wrap", false, 2040, 3, Capture(2040, 3, Lines(2040, 2047) + Lines(0, 3)), 3},
+      {"wrap to the start", false, 2047, 0, Capture(2047, 0, ""), 0},
+      {"whole ring", false, 0, 2047, Capture(0, 2047, Lines(0, 2047)), 2047},
+      {"first capture", true, 100, 150, Capture(0, 150, Lines(0, 50)), 50},
+      {"first capture of a wrapped ring", true, 9, 4, Capture(0, 4, Lines(0, 2047) + Lines(0, 4)),
        4},
-      {"a first capture tells old lines as new", true, 8, 8, Capture(0, 8, "No new data logged\n"),
-       0},
-      {"a write index outside", false, 5, 2048,
-       std::string(kInvalid) + "5 write pointer is 0x800\n", 5},
-      {"a read index outside", true, 2048, 1, std::string(kInvalid) + "800 write pointer is 0x1\n",
+      {"first capture without new lines", true, 8, 8, Capture(0, 8, "No new data logged\n"), 0},
+      {"write index outside", false, 5, 2048, std::string(kInvalid) + "5 write pointer is 0x800\n",
+       5},
+      {"read index outside", true, 2048, 1, std::string(kInvalid) + "800 write pointer is 0x1\n",
        2048},
-      {"indexes far outside", false, 0xFFFFFFFF, 0x80000000,
+      {"both far outside", false, 0xFFFFFFFF, 0x80000000,
        std::string(kInvalid) + "ffffffff write pointer is 0x80000000\n", 0xFFFFFFFF},
   };
 }
 
-TEST(FirmwareLog, ALineIsLostOrInventedOrReadOutsideTheRing) {
+TEST(FirmwareLog, NewLinesAreCapturedOnce) {
   MakeRoomFor(kFirmwareLogPath);
   const auto ring = std::make_unique<LogRing>();
   FillRing(ring.get());
@@ -56,11 +52,11 @@ TEST(FirmwareLog, ALineIsLostOrInventedOrReadOutsideTheRing) {
     gLogFileCreated = 0;
     UseRing(ring.get(), row.readIndex, row.writeIndex, row.first);
     CaptureLogBuffer();
-    EXPECT_EQ(CapturedText(), row.wanted) << row.fault;
-    EXPECT_EQ(ring->readIndex, row.nextIndex) << row.fault;
-    // Indexes that make no sense are no capture.
-    const bool captured = row.wanted.find("Starting") == 0;
-    EXPECT_EQ(gLogFirstCapture.load(), row.first && !captured ? 1U : 0U) << row.fault;
+    EXPECT_EQ(CapturedText(), row.captured) << row.name;
+    EXPECT_EQ(ring->readIndex, row.nextIndex) << row.name;
+    // Indexes outside the ring are no capture.
+    const bool captured = row.captured.find("Starting") == 0;
+    EXPECT_EQ(gLogFirstCapture.load(), row.first && !captured ? 1U : 0U) << row.name;
   }
 
   // A line that fills its entry ends with it, also the last one of the ring.
@@ -73,7 +69,7 @@ TEST(FirmwareLog, ALineIsLostOrInventedOrReadOutsideTheRing) {
   const std::string first = Capture(2045, 2047, full + full);
   EXPECT_EQ(CapturedText(), first);
 
-  // A later capture appends, and says when there is nothing new.
+  // A later capture appends.
   CaptureLogBuffer();
   const std::string second = first + Capture(2047, 2047, "No new data logged\n");
   EXPECT_EQ(CapturedText(), second);

@@ -1,0 +1,68 @@
+// The stand-ins for what Windows knows of its host: interfaces and addresses, WMI, and the texts.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "platform/linux/utf16.h"
+#include "platform/network.h"
+#include "platform/wmi.h"
+#include "tests/own_network.h"
+
+namespace platform {
+namespace {
+
+TEST(LinuxNetwork, OwnNamespaceHasItsLoopbackInterfaceOnly) {
+  if (!EnterOwnNetwork()) GTEST_SKIP() << "this user may not make a network namespace";
+  std::uint32_t flags = 7;
+  EXPECT_TRUE(InternetGetConnectedState(&flags)) << "the loopback interface is up";
+  EXPECT_EQ(flags, 2U);
+  std::vector<char> block(1 << 16);
+  auto size = static_cast<std::uint32_t>(block.size());
+  ASSERT_EQ(GetAdaptersAddresses(0xA6, block.data(), &size), 0U);
+  const auto list = ReadAdaptersAddresses(block.data());
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].operStatus, 1U);
+  EXPECT_EQ(list[0].unicast, std::vector<std::uint32_t>{0x0100007F});
+  EXPECT_EQ(list[0].prefixLength, 8);
+  EXPECT_TRUE(list[0].physicalAddress.empty());
+}
+
+TEST(LinuxWmi, WrongUseFails) {
+  WbemLocator locator;
+  EXPECT_TRUE(Failed(CreateWbemLocator(&locator))) << "COM is not open";
+  ASSERT_EQ(CoInitializeEx(), 0);
+  EXPECT_EQ(CoInitializeEx(), 1) << "COM is open already on this thread";
+  ASSERT_EQ(CreateWbemLocator(&locator), 0);
+  WbemServices services;
+  EXPECT_TRUE(Failed(ConnectServer(locator, u"ROOT\\Elsewhere", &services)));
+  ASSERT_EQ(ConnectServer(locator, u"ROOT\\CIMV2", &services), 0);
+  WbemEnumerator rows;
+  EXPECT_TRUE(Failed(ExecQuery(services, u"SELECT * FROM Win32_Unheard", &rows)));
+  EXPECT_TRUE(Failed(ExecQuery(services, u"DELETE", &rows)));
+  ASSERT_EQ(ExecQuery(services, u"SELECT * FROM Win32_OperatingSystem", &rows), 0);
+  WbemObject row;
+  ASSERT_EQ(NextObject(rows, &row), 0);
+  WbemValue value;
+  EXPECT_TRUE(Failed(GetProperty(row, u"Unheard", &value)));
+  EXPECT_EQ(NextObject(rows, &row), 1) << "one operating system";
+  EXPECT_FALSE(row);
+}
+
+TEST(LinuxUtf16, OnlyBrokenTextIsReplaced) {
+  EXPECT_EQ(Utf8ToUtf16("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"), u"\u00e9\u20ac\U0001F600");
+  EXPECT_EQ(Utf16ToUtf8(u"\u00e9\u20ac\U0001F600"), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+  for (const char* narrow : {
+           "a\xE2\x82",          // cut
+           "a\x80",              // a continuation byte alone
+           "a\xC0\x80",          // overlong
+           "a\xED\xA0\x80",      // a surrogate
+           "a\xF4\x90\x80\x80",  // behind the last character
+       })
+    EXPECT_EQ(Utf8ToUtf16(narrow), u"a\uFFFD");
+  EXPECT_EQ(Utf8ToUtf16("\xE2z\xFF"), u"\uFFFDz\uFFFD");
+  const char16_t lone[] = {0xD800, u'-', 0xDC00, 0};
+  EXPECT_EQ(Utf16ToUtf8(lone), "\xEF\xBF\xBD-\xEF\xBF\xBD");
+}
+
+}  // namespace
+}  // namespace platform
