@@ -135,8 +135,6 @@ TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
       {"to references", {u"DiskRefs", CIM_REFERENCE, Nested(disk)}, RESULT_OK, CIM_REFERENCEA},
       {"array", {u"Disks", CIM_INSTANCEA, Array(both, 2)}, RESULT_OK, CIM_INSTANCEA},
       {"to references", {u"DiskRefs", CIM_INSTANCEA, Array(both, 2)}, RESULT_OK, CIM_REFERENCEA},
-      {"empty array", {u"DiskRefs", CIM_INSTANCEA, {}}, RESULT_OK, CIM_REFERENCEA},
-      {"references to instances", {u"Disks", CIM_REFERENCEA, Array(both, 2)}, kMismatch},
       {"array to one", {u"Disk", CIM_INSTANCEA, Array(both, 2)}, kMismatch},
       {"instance to boolean", {u"On", CIM_INSTANCE, Nested(disk)}, kMismatch},
       {"no such property", {u"Drive", CIM_INSTANCE, Nested(disk)}, kNone},
@@ -144,7 +142,6 @@ TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
       {"class of another kind", {u"Disk", CIM_INSTANCE, Nested(second)}, RESULT_FAILED},
       {"without key", {u"DiskRef", CIM_INSTANCE, Nested(keyless)}, RESULT_OK, CIM_REFERENCE},
       {"reference without key", {u"Disk", CIM_REFERENCE, Nested(keyless)}, kNone},
-      {"array without key", {u"Disks", CIM_INSTANCEA, Array(mixed, 2)}, RESULT_OK, CIM_INSTANCEA},
       {"references without key", {u"DiskRefs", CIM_REFERENCEA, Array(mixed, 2)}, kNone},
   };
   for (const auto& each : kCases) {
@@ -154,14 +151,11 @@ TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
     ASSERT_EQ(rack.Convert(&kRack, source), each.result);
     if (each.result != RESULT_OK) continue;
     const CimValue value = Read(rack, each.given.name, each.type);
-    std::vector<Instance*> made = {value.instance};
-    if (CimType_IsArray(each.type)) {
-      made = ElementsOf<Instance*>(value);
-      EXPECT_EQ(made.size(), CimType_IsArray(each.given.type) ? each.given.value.array.size : 1);
-    }
+    const bool isArray = CimType_IsArray(each.type);
+    const auto made = isArray ? ElementsOf<Instance*>(value) : std::vector{value.instance};
+    EXPECT_EQ(made.size(), CimType_IsArray(each.given.type) ? each.given.value.array.size : 1);
     for (const Instance* nested : made) {
       EXPECT_EQ(nested->def, &kDisk);
-      EXPECT_EQ(nested->batch, static_cast<Instance*>(rack)->batch);
       EXPECT_GE(Read(nested, u"Size", CIM_UINT64).uint64, 1u);
     }
   }

@@ -12,31 +12,14 @@
 
 namespace stewardry {
 
-inline CimValue Number(std::uint64_t number) {
-  CimValue value{};
-  value.uint64 = number;
-  return value;
-}
-
-inline CimValue Text(const char16_t* text) {
-  CimValue value{};
-  value.string = text;
-  return value;
-}
-
-inline CimValue Nested(Instance* instance) {
-  CimValue value{};
-  value.instance = instance;
-  return value;
-}
-
+inline CimValue Number(std::uint64_t number) { return {.uint64 = number}; }
+inline CimValue Text(const char16_t* text) { return {.string = text}; }
+inline CimValue Nested(Instance* instance) { return {.instance = instance}; }
 // The library only reads the elements.
 template <class Element>
 CimValue Array(Element* data, std::size_t count) {
-  CimValue value{};
-  value.array = {const_cast<void*>(static_cast<const void*>(data)),
-                 static_cast<std::uint32_t>(count), 0};
-  return value;
+  void* elements = const_cast<void*>(static_cast<const void*>(data));
+  return {.array = {elements, static_cast<std::uint32_t>(count), 0}};
 }
 
 // A batch of the test's own; with a limit of 0 each of its requests reaches the heap.
@@ -91,24 +74,21 @@ class Owned {
 // What Instance_ReadProperty gives.
 struct Found {
   Result result;
-  CimValue value{};
-  std::uint32_t type = 0, flags = 0, index = 0;
+  CimValue value;
+  std::uint32_t type, flags, index;
   bool IsNull() const { return result == RESULT_OK && (flags & FLAG_NULL) != 0; }
 };
-
 inline Found Read(const Instance* instance, const char16_t* name) {
-  Found found{};
-  found.result =
-      Instance_ReadProperty(instance, name, &found.value, &found.type, &found.flags, &found.index);
-  return found;
+  Found made{};
+  made.result =
+      Instance_ReadProperty(instance, name, &made.value, &made.type, &made.flags, &made.index);
+  return made;
 }
 
 // The value of a property that has one, of this type.
 inline CimValue Read(const Instance* instance, const char16_t* name, std::uint32_t type) {
   const Found found = Read(instance, name);
-  EXPECT_EQ(found.result, RESULT_OK);
-  EXPECT_EQ(found.type, type);
-  EXPECT_FALSE(found.IsNull());
+  EXPECT_TRUE(found.result == RESULT_OK && found.type == type && !found.IsNull());
   return found.value;
 }
 
