@@ -237,6 +237,7 @@ TEST(PackBufTest, ABufferGrowsToTheNextPowerOfTwo) {
   EXPECT_EQ(buffer.size, 264u);
   BatchPage* block = PackBuf_TakeBlock(&buffer);
   EXPECT_EQ(block->size, 1024u);
+  EXPECT_EQ(buffer.data, nullptr);
   Heap_Free(block);
 }
 

@@ -74,13 +74,9 @@ constexpr ClassDef Class(const char16_t* name,
 inline constexpr ClassDef kDisk = Class(u"Disk", kDiskList), kRack = Class(u"Rack", kRackList);
 inline constexpr ClassDef kSecondKind = {
     .flags = FLAG_KIND_10, .nameCode = Name_Code(u"SecondKind"), .name = u"SecondKind", .size = 64};
-inline constexpr MethodDef kFit = {.flags = FLAG_METHOD,
-                                   .nameCode = Name_Code(u"Fit"),
-                                   .name = u"Fit",
-                                   .parameters = kFitList.data(),
-                                   .parameterCount = 3,
-                                   .size = 184,
-                                   .schema = &kSchema};
+inline constexpr MethodDef kFit = {FLAG_METHOD, Name_Code(u"Fit"), u"Fit",  nullptr,
+                                   0,           kFitList.data(),   3,       184,
+                                   CIM_UINT32,  nullptr,           nullptr, &kSchema};
 inline const ClassDef* const kClasses[] = {&kDisk, &kRack, &kSecondKind};
 inline const SchemaDef kSchema = {kClasses, 3, nullptr, 0};
 
