@@ -59,8 +59,7 @@ TEST(NameTest, AListedQualifierHasTheFlavorAndOneOfTheNames) {
   }
 }
 
-// What a class object gives out by index, as text.
-
+// Texts, numbers and characters in one line.
 void Put(std::ostream& line, const char16_t* part) {
   for (; part != nullptr && *part != 0; ++part) line << static_cast<char>(*part);
 }
@@ -75,125 +74,101 @@ std::string Join(const Parts&... parts) {
   return line.str();
 }
 
-std::string TextOf(const QualifierSet& set) {
-  std::string text;
-  const char16_t* name = nullptr;
-  std::uint32_t type = 0, flavor = 0;
-  CimValue value;
-  for (std::uint32_t i = 0;
-       QualifierSet_QualifierAt(&set, i, &name, &type, &flavor, &value) == RESULT_OK; ++i)
-    text += Join('[', name, kCimTypeNames[type], flavor, value.uint64, ']');
-  return text + '\n';
+// A class object with a copy of Fan.
+class ClassTest : public ::testing::Test {
+ protected:
+  ClassTest() { EXPECT_EQ(Class_FromDef(&fan_schema::kFan, u"root", u"host", &made_), RESULT_OK); }
+  ~ClassTest() override { EXPECT_EQ(Class_Delete(made_), RESULT_OK); }
+  ClassObject* made_ = nullptr;
+  const char16_t *name_ = nullptr, *reference_ = nullptr, *origin_ = nullptr, *from_ = nullptr;
+  std::uint32_t type_ = 0, flags_ = 0, maxSize_ = 0, offset_ = 0, index_ = 0;
+  CimValue value_{};
+  bool present_ = false;
+  QualifierSet qualifiers_{};
+  ParameterSet parameters_{};
+};
+
+TEST_F(ClassTest, ACopyIsFoundByName) {
+  const SchemaDef schema = {&made_->def, 1, nullptr, 0};
+  EXPECT_EQ(Schema_FindClass(&schema, u"FAN"), made_->def);
+  EXPECT_EQ(made_->def->size, fan_schema::kSize);
 }
 
-std::string TextOf(const ParameterSet& set) {
-  const char16_t *name = nullptr, *reference = nullptr;
-  std::uint32_t type = 0, maxSize = 0, flags = 0;
-  QualifierSet qualifiers{};
-  EXPECT_EQ(ParameterSet_ReturnParameterOf(&set, &type, &qualifiers), RESULT_OK);
-  std::string text = Join(kCimTypeNames[type]) + TextOf(qualifiers);
-  for (std::uint32_t i = 0; ParameterSet_ParameterAtExt(&set, i, &name, &type, &maxSize, &reference,
-                                                        &qualifiers, &flags) == RESULT_OK;
-       ++i)
-    text += Join(name, kCimTypeNames[type], maxSize, reference, flags) + TextOf(qualifiers);
-  return text;
+TEST_F(ClassTest, AClassObjectTellsItsNamesAndItsSuperclass) {
+  ClassObject super, none;
+  std::uint32_t methods = 0, properties = 0;
+  const char16_t *superName = nullptr, *place = nullptr, *host = nullptr;
+  EXPECT_EQ(Class_ClassNameOf(made_, &name_), RESULT_OK);
+  EXPECT_EQ(Class_Flags(made_, &flags_), RESULT_OK);
+  EXPECT_EQ(Class_PropertyCountOf(made_, &properties), RESULT_OK);
+  EXPECT_EQ(Class_MethodCountOf(made_, &methods), RESULT_OK);
+  EXPECT_EQ(Class_SuperclassNameOf(made_, &superName), RESULT_OK);
+  EXPECT_EQ(Class_NamespaceOf(made_, &place), RESULT_OK);
+  EXPECT_EQ(Class_HostNameOf(made_, &host), RESULT_OK);
+  EXPECT_EQ(Join(name_, flags_, properties, methods, superName, place, host),
+            "Fan 1 4 2 Device root host ");
+  EXPECT_EQ(Class_ClassQualifiers(made_, &qualifiers_), RESULT_OK);
+  EXPECT_EQ(qualifiers_.count, 2u);
+  ASSERT_EQ(Class_Superclass(made_, &super), RESULT_OK);
+  EXPECT_EQ(u16string(super.def->name), u"Device");
+  EXPECT_EQ(Class_Superclass(&super, &none), RESULT_INVALID_SUPERCLASS);
+  EXPECT_EQ(Class_SuperclassNameOf(&super, &name_), RESULT_INVALID_SUPERCLASS);
+  EXPECT_EQ(Class_Clone(&super, &made_), RESULT_FAILED);  // a view is not shared
 }
 
-std::string TextOf(const ClassObject* object) {
-  const char16_t *name = nullptr, *reference = nullptr, *origin = nullptr, *propagator = nullptr;
-  CimValue value;
-  bool present = false;
-  std::uint32_t type = 0, flags = 0, maxSize = 0, offset = 0;
-  QualifierSet qualifiers{};
-  ParameterSet parameters{};
-  EXPECT_EQ(Class_ClassQualifiers(object, &qualifiers), RESULT_OK);
-  std::string text = TextOf(qualifiers);
-  for (std::uint32_t i = 0;
-       Class_PropertyAtExt(object, i, &name, &value, &present, &type, &reference, &qualifiers,
-                           &flags, &maxSize, &offset, &origin, &propagator) == RESULT_OK;
-       ++i) {
-    text += Join(name, kCimTypeNames[type], reference, flags, maxSize, offset, origin, propagator);
-    if (type == CIM_STRING) text += Join('=', value.string);
-    if (type < CIM_STRING) text += Join(present ? '=' : '-', value.uint64);
-    if (CimType_IsArray(type))
-      for (const auto each : ElementsOf<std::uint32_t>(value)) text += Join('=', each);
-    text += TextOf(qualifiers);
-  }
-  for (std::uint32_t i = 0; Class_MethodAtExt(object, i, &name, &qualifiers, &parameters, &origin,
-                                              &propagator, &flags) == RESULT_OK;
-       ++i)
-    text += Join(name, flags, origin, propagator) + TextOf(qualifiers) + TextOf(parameters);
-  return text;
-}
-
-constexpr char kFanText[] =
-    "[ Octetstring BOOLEAN 1024 1 ] [ Version UINT32 1025 4 ] \n"
-    "Id UINT32  4096 0 64   = 4 \n"
-    "Name STRING Ref 0 77 80 Origin Propagator = unnamed "
-    "[ Octetstring BOOLEAN 1024 1 ] [ Version UINT32 1025 4 ] \n"
-    "Speeds UINT32A  0 0 96   = 100 = 200 = 300 \n"
-    "On BOOLEAN  0 0 120   - 0 \n"
-    "Spin 2 Origin Propagator [ Octetstring BOOLEAN 1024 1 ] [ Version UINT32 1025 4 ] \n"
-    "UINT32 [ Octetstring BOOLEAN 1024 1 ] \n"
-    "Target REFERENCE 5 Device 16384 [ Octetstring BOOLEAN 1024 1 ] [ Version UINT32 1025 4 ] \n"
-    "Halt 0   \n"
-    "UINT32 [ Octetstring BOOLEAN 1024 1 ] \n";
-
-// The class object holds a copy of the definition, the view refers to it.
-TEST(ClassTest, AClassObjectAndAViewReadAsTheClassWasDefined) {
-  ClassObject view, super;
-  ClassObject* made = nullptr;
-  ASSERT_EQ(Class_View(&view, &fan_schema::kFan), RESULT_OK);
-  ASSERT_EQ(Class_FromDef(&fan_schema::kFan, u"root", u"host", &made), RESULT_OK);
-  for (const ClassObject* object : {made, &view}) {
-    const char16_t *name = nullptr, *superName = nullptr, *place = nullptr, *host = nullptr;
-    std::uint32_t flags = 0, properties = 0, methods = 0;
-    EXPECT_EQ(TextOf(object), kFanText);
-    EXPECT_EQ(Class_ClassNameOf(object, &name), RESULT_OK);
-    EXPECT_EQ(Class_Flags(object, &flags), RESULT_OK);
-    EXPECT_EQ(Class_PropertyCountOf(object, &properties), RESULT_OK);
-    EXPECT_EQ(Class_MethodCountOf(object, &methods), RESULT_OK);
-    EXPECT_EQ(Class_SuperclassNameOf(object, &superName), RESULT_OK);
-    EXPECT_EQ(Class_NamespaceOf(object, &place), RESULT_OK);
-    EXPECT_EQ(Class_HostNameOf(object, &host), RESULT_OK);
-    EXPECT_EQ(Join(name, flags, properties, methods, superName, place, host),
-              object == made ? "Fan 1 4 2 Device root host " : "Fan 1 4 2 Device   ");
-    ASSERT_EQ(Class_Superclass(object, &super), RESULT_OK);
-    EXPECT_EQ(TextOf(&super), "\nId UINT32  4096 0 64   = 4 \n");
-    EXPECT_EQ(Class_Superclass(&super, &super), RESULT_INVALID_SUPERCLASS);
-    EXPECT_EQ(Class_SuperclassNameOf(&super, &name), RESULT_INVALID_SUPERCLASS);
-  }
-  EXPECT_EQ(Class_Clone(&view, &made), RESULT_FAILED);
-  EXPECT_EQ(Class_Delete(made), RESULT_OK);
-}
-
-// A search looks at name codes first, which a copy has too.
-TEST(ClassTest, ACopyIsFoundByNameInAnyCase) {
-  ClassObject* made = nullptr;
-  ASSERT_EQ(Class_FromDef(&fan_schema::kFan, nullptr, nullptr, &made), RESULT_OK);
-  const SchemaDef schema = {&made->def, 1, nullptr, 0};
-  EXPECT_EQ(Schema_FindClass(&schema, u"FAN"), made->def);
-  std::uint32_t type = 0, flavor = 0, index = 0;
-  CimValue value;
-  const char16_t* reference = nullptr;
-  QualifierSet qualifiers{};
-  ParameterSet parameters{};
-  ASSERT_EQ(Class_ReadProperty(made, u"NAME", &value, nullptr, &type, &reference, &qualifiers,
-                               nullptr, &index),
+TEST_F(ClassTest, PropertiesAndQualifiersAreReadByIndexAndByName) {
+  ASSERT_EQ(Class_PropertyAtExt(made_, 1, &name_, &value_, &present_, &type_, &reference_,
+                                &qualifiers_, &flags_, &maxSize_, &offset_, &origin_, &from_),
             RESULT_OK);
-  EXPECT_EQ(Join(value.string, type, reference, qualifiers.count, index), "unnamed 13 Ref 2 1 ");
-  ASSERT_EQ(QualifierSet_FindQualifier(&qualifiers, u"VERSION", &type, &flavor, &value, &index),
+  EXPECT_EQ(Join(name_, value_.string, present_, type_, reference_, qualifiers_.count, flags_,
+                 maxSize_, offset_, origin_, from_),
+            "Name unnamed 1 13 Ref 2 0 77 80 Origin Propagator ");
+  ASSERT_EQ(QualifierSet_QualifierAt(&qualifiers_, 0, &name_, &type_, &flags_, &value_), RESULT_OK);
+  EXPECT_EQ(Join(name_, type_, flags_, value_.uint64), "Octetstring 0 1024 1 ");
+  ASSERT_EQ(QualifierSet_FindQualifier(&qualifiers_, u"VERSION", &type_, &flags_, &value_, &index_),
             RESULT_OK);
-  EXPECT_EQ(Join(type, flavor, value.uint64, index), "5 1025 4 1 ");
-  ASSERT_EQ(Class_FindMethod(made, u"SPIN", &qualifiers, &parameters, &index), RESULT_OK);
-  EXPECT_EQ(Join(qualifiers.count, parameters.count, index), "2 2 0 ");
-  ASSERT_EQ(
-      ParameterSet_FindParameter(&parameters, u"TARGET", &type, &reference, &qualifiers, &index),
-      RESULT_OK);
-  EXPECT_EQ(Join(type, reference, qualifiers.count, index), "14 Device 2 0 ");
-  EXPECT_EQ(ParameterSet_FindParameter(&parameters, u"Return", nullptr, nullptr, nullptr, nullptr),
+  EXPECT_EQ(Join(type_, flags_, value_.uint64, index_), "5 1025 4 1 ");
+  EXPECT_EQ(QualifierSet_QualifierAt(&qualifiers_, 2, &name_, &type_, &flags_, &value_),
             RESULT_NOT_FOUND);
-  EXPECT_EQ(Class_Delete(made), RESULT_OK);
+  ASSERT_EQ(Class_ReadProperty(made_, u"SPEEDS", &value_, &present_, &type_, nullptr, &qualifiers_,
+                               &flags_, &index_),
+            RESULT_OK);
+  EXPECT_EQ(Join(present_, type_, qualifiers_.count, index_), "1 21 0 2 ");
+  EXPECT_EQ(ElementsOf<std::uint32_t>(value_), (std::vector<std::uint32_t>{100, 200, 300}));
+  EXPECT_EQ(
+      Class_PropertyAt(made_, 3, nullptr, nullptr, &present_, nullptr, nullptr, nullptr, nullptr),
+      RESULT_OK);
+  EXPECT_FALSE(present_);  // no default
+  EXPECT_EQ(
+      Class_PropertyAt(made_, 4, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+      RESULT_NO_SUCH_PROPERTY);
+}
+
+TEST_F(ClassTest, MethodsAndParametersAreReadByIndexAndByName) {
+  ASSERT_EQ(
+      Class_MethodAtExt(made_, 0, &name_, &qualifiers_, &parameters_, &origin_, &from_, &flags_),
+      RESULT_OK);
+  EXPECT_EQ(Join(name_, qualifiers_.count, parameters_.count, origin_, from_, flags_),
+            "Spin 2 2 Origin Propagator 2 ");
+  ASSERT_EQ(Class_FindMethod(made_, u"HALT", &qualifiers_, &parameters_, &index_), RESULT_OK);
+  EXPECT_EQ(Join(qualifiers_.count, parameters_.count, index_), "0 1 1 ");
+  ASSERT_EQ(Class_FindMethod(made_, u"SPIN", &qualifiers_, &parameters_, &index_), RESULT_OK);
+  EXPECT_EQ(ParameterSet_ReturnParameterOf(&parameters_, &type_, &qualifiers_), RESULT_OK);
+  EXPECT_EQ(Join(type_, qualifiers_.count), "5 1 ");
+  ASSERT_EQ(ParameterSet_ParameterAtExt(&parameters_, 0, &name_, &type_, &maxSize_, &reference_,
+                                        &qualifiers_, &flags_),
+            RESULT_OK);
+  EXPECT_EQ(Join(name_, type_, maxSize_, reference_, qualifiers_.count, flags_),
+            "Target 14 5 Device 2 16384 ");
+  ASSERT_EQ(ParameterSet_FindParameter(&parameters_, u"TARGET", &type_, &reference_, &qualifiers_,
+                                       &index_),
+            RESULT_OK);
+  EXPECT_EQ(Join(type_, reference_, qualifiers_.count, index_), "14 Device 2 0 ");
+  EXPECT_EQ(ParameterSet_ParameterAt(&parameters_, 1, &name_, &type_, nullptr, &qualifiers_),
+            RESULT_NOT_FOUND);
+  EXPECT_EQ(ParameterSet_FindParameter(&parameters_, u"Return", &type_, nullptr, nullptr, &index_),
+            RESULT_NOT_FOUND);
+  EXPECT_EQ(Class_MethodAt(made_, 2, &name_, nullptr, nullptr), RESULT_METHOD_NOT_FOUND);
 }
 
 TEST(ClassLifeTest, TheLastOfAllThreadsFreesAClassObject) {
