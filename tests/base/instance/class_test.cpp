@@ -25,6 +25,7 @@ TEST(NameTest, ACodeHoldsTheFoldedEndsAndTheLength) {
   for (const auto& [name, code] : {std::pair<u16string, std::uint32_t>{u"", 0},
                                    {u"A", 0x616101},
                                    {u"Zz[", 0x7A5B03},
+                                   {u"a\u0080", 0x618002},
                                    {u"\u0141x", 0x617802},  // the low byte alone is folded
                                    {long256, 0x787800 | 256},
                                    {long300, 0x617A00 | 300}}) {

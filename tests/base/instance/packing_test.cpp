@@ -166,63 +166,6 @@ TEST_F(PackingTest, AValueWithoutItsDataIsRefused) {
   }
 }
 
-// Bytes with a text, a list of texts and instances with a text of their own.
-Bytes MixedBytes(std::uint32_t flags) {
-  static constexpr const char16_t* kTexts[] = {u"one", u"two"};
-  const Owned inner(u"Inner", {{u"Text", CIM_STRING, Text(u"deep"), flags}});
-  Instance* inners[] = {inner, inner};
-  return Bytes(Writer(Owned(u"Outer", {{u"Text", CIM_STRING, Text(u"flat"), flags},
-                                       {u"Texts", CIM_STRINGA, Array(kTexts, 2), flags},
-                                       {u"Inner", CIM_INSTANCE, Nested(inner), flags},
-                                       {u"Inners", CIM_INSTANCEA, Array(inners, 2), flags}})));
-}
-
-// The flag of borrowing in the definition and in the slot, for each property.
-void ExpectBorrowed(const Instance* made, bool borrowed) {
-  for (std::uint32_t i = 0; i < 4; ++i) {
-    std::uint32_t type = 0, flags = 0;
-    ASSERT_EQ(Instance_PropertyAt(made, i, nullptr, nullptr, &type, &flags), RESULT_OK);
-    EXPECT_EQ((flags & FLAG_BORROW) != 0, borrowed);
-    const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Body(made) + 1) + 40 * i;
-    EXPECT_EQ(slot[kElementSizes[type] + 1], borrowed ? SLOT_BORROWED : 0) << i;
-  }
-}
-
-TEST_F(PackingTest, ACopyOwnsWhatItRead) {
-  // What was borrowed when it was packed says so in its flags.
-  for (const std::uint32_t flags : {std::uint32_t{0}, FLAG_BORROW}) {
-    Owned copy;
-    {
-      Bytes bytes = MixedBytes(flags);
-      PackBuf reader = bytes.Reader();
-      ASSERT_EQ(Instance_Unpack(copy.Out(), &reader, nullptr, true), RESULT_OK);
-      bytes.Get().assign(reader.size, 0xEE);
-    }
-    ExpectBorrowed(copy, false);
-    const auto inners = ElementsOf<Instance*>(Read(copy, u"Inners", CIM_INSTANCEA));
-    EXPECT_EQ(std::u16string(Read(inners.at(1), u"Text", CIM_STRING).string), u"deep");
-    EXPECT_EQ(Instance_ClearProperty(copy, u"Inners"), RESULT_OK);  // as an owner may
-  }
-}
-
-TEST_F(PackingTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
-  Bytes bytes = MixedBytes(0);
-  const std::uint32_t size = bytes.Reader().size;
-  OwnBatch batch;
-  Instance* made = nullptr;
-  ASSERT_TRUE(Instance_UnpackBytes(&batch, bytes.Get().data(), size, &made));
-  ExpectBorrowed(made, true);
-  const char16_t* text = Read(made, u"Text", CIM_STRING).string;
-  const auto* place = reinterpret_cast<const std::uint8_t*>(text);
-  EXPECT_TRUE(place > bytes.Get().data() && place < bytes.Get().data() + size);
-
-  Bytes odd = MixedBytes(0);
-  odd.Get().insert(odd.Get().begin(), 0);
-  EXPECT_FALSE(Instance_UnpackBytes(nullptr, odd.Get().data() + 1, size, &made));
-  EXPECT_EQ(made, nullptr);
-  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // moved
-}
-
 TEST(PackBufTest, ABufferGrowsToTheNextPowerOfTwo) {
   Writer buffer;
   EXPECT_EQ(buffer.capacity, 256u);

@@ -8,11 +8,13 @@
 
 namespace stewardry::rack_schema {
 
+// With at most one qualifier.
 constexpr PropertyDef Slot(std::uint32_t index, const char16_t* name, std::uint32_t type,
                            std::uint32_t flags = 0, const void* value = nullptr,
-                           const QualifierDef* const* qualifier = nullptr) {
-  const std::uint32_t count = qualifier == nullptr ? 0 : 1, offset = 64 + 40 * index;
-  return {flags, Name_Code(name), name,    qualifier, count, type, nullptr,
+                           const QualifierDef* const* qualifier = nullptr,
+                           std::uint32_t qualifierCount = 0) {
+  const std::uint32_t offset = 64 + 40 * index;
+  return {flags, Name_Code(name), name,    qualifier, qualifierCount, type, nullptr,
           0,     offset,          nullptr, nullptr,   value};
 }
 
@@ -33,9 +35,9 @@ inline constexpr auto kOctetList = ListOf(kOctets);
 inline constexpr PropertyDef kDiskProperties[] = {
     Slot(0, u"Serial", CIM_STRING, FLAG_KEY),
     Slot(1, u"Size", CIM_UINT64),
-    Slot(2, u"Data", CIM_UINT8A, 0, nullptr, &kOctetList[0]),
-    Slot(3, u"Raw", CIM_UINT8A, 0, nullptr, &kOctetList[1]),
-    Slot(4, u"Odd", CIM_UINT8A, 0, nullptr, &kOctetList[2]),
+    Slot(2, u"Data", CIM_UINT8A, 0, nullptr, &kOctetList[0], 1),
+    Slot(3, u"Raw", CIM_UINT8A, 0, nullptr, &kOctetList[1], 1),
+    Slot(4, u"Odd", CIM_UINT8A, 0, nullptr, &kOctetList[2], 1),
     Slot(5, u"Made", CIM_DATETIME),
     Slot(6, u"Labels", CIM_STRINGA),
     Slot(7, u"Temperatures", CIM_SINT32A),

@@ -139,26 +139,70 @@ TEST(UnpackingTest, APropertyTwiceIsRefusedAmongMany) {
   }
 }
 
-// An instance with a value of each form of the packed data.
+// An instance with a value of each form of the packed data. What was borrowed when it was packed
+// says so in its flags.
 class RichTest : public ::testing::Test {
  protected:
   static constexpr std::uint64_t kWides[] = {1, 2};
   static constexpr const char16_t* kTexts[] = {u"one", u"", u"three"};
   static constexpr CimValue kWhen = {.datetime = {.timestampForm = 1, .timestamp = {}}};
-  const Owned inner_{
-      u"Inner", {{u"Id", CIM_UINT32, Number(7), FLAG_KEY}, {u"Note", CIM_STRING, Text(u"deep")}}};
+  const Owned inner_{u"Inner",
+                     {{u"Id", CIM_UINT32, Number(7), FLAG_KEY},
+                      {u"Note", CIM_STRING, Text(u"deep"), FLAG_BORROW}}};
   Instance* inners_[2] = {inner_, inner_};
   const Owned outer_{u"Outer",
-                     {{u"Bool", CIM_BOOLEAN, Number(1)},
+                     {{u"Text", CIM_STRING, Text(u"flat"), FLAG_BORROW},
+                      {u"Ref", CIM_REFERENCE, Nested(inner_), FLAG_BORROW},
+                      {u"Words", CIM_UINT16A, Array(u"words", 5), FLAG_BORROW},
+                      {u"Wides", CIM_SINT64A, Array(kWides, 2), FLAG_BORROW},
+                      {u"Texts", CIM_STRINGA, Array(kTexts, 3), FLAG_BORROW},
+                      {u"Inners", CIM_INSTANCEA, Array(inners_, 2), FLAG_BORROW},
+                      {u"Bool", CIM_BOOLEAN, Number(1)},
                       {u"When", CIM_DATETIME, kWhen},
-                      {u"Text", CIM_STRING, Text(u"flat")},
-                      {u"None", CIM_STRING, {}},
-                      {u"Ref", CIM_REFERENCE, Nested(inner_)},
-                      {u"Words", CIM_UINT16A, Array(u"words", 5)},
-                      {u"Wides", CIM_SINT64A, Array(kWides, 2)},
-                      {u"Texts", CIM_STRINGA, Array(kTexts, 3)},
-                      {u"Inners", CIM_INSTANCEA, Array(inners_, 2)}}};
+                      {u"None", CIM_STRING, {}}}};
 };
+
+// The flag of borrowing in the definition and in the slot, for each property that points.
+void ExpectBorrowed(const Instance* made, bool borrowed) {
+  for (std::uint32_t i = 0; i < 6; ++i) {
+    std::uint32_t type = 0, flags = 0;
+    ASSERT_EQ(Instance_PropertyAt(made, i, nullptr, nullptr, &type, &flags), RESULT_OK);
+    EXPECT_EQ((flags & FLAG_BORROW) != 0, borrowed);
+    const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Body(made) + 1) + 40 * i;
+    EXPECT_EQ(slot[kElementSizes[type] + 1], borrowed ? SLOT_BORROWED : 0) << i;
+  }
+}
+
+TEST_F(RichTest, ACopyOwnsWhatItRead) {
+  Owned copy;
+  {
+    Bytes bytes{Writer(outer_)};
+    PackBuf reader = bytes.Reader();
+    ASSERT_EQ(Instance_Unpack(copy.Out(), &reader, nullptr, true), RESULT_OK);
+    bytes.Get().assign(reader.size, 0xEE);
+  }
+  ExpectBorrowed(copy, false);
+  const auto inners = ElementsOf<Instance*>(Read(copy, u"Inners", CIM_INSTANCEA));
+  EXPECT_EQ(std::u16string(Read(inners.at(1), u"Note", CIM_STRING).string), u"deep");
+  EXPECT_EQ(Instance_ClearProperty(copy, u"Inners"), RESULT_OK);  // as an owner may
+}
+
+TEST_F(RichTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
+  Bytes bytes{Writer(outer_)};
+  const std::uint32_t size = bytes.Reader().size;
+  OwnBatch batch;
+  Instance* made = nullptr;
+  ASSERT_TRUE(Instance_UnpackBytes(&batch, bytes.Get().data(), size, &made));
+  ExpectBorrowed(made, true);
+  const void* text = Read(made, u"Text", CIM_STRING).string;
+  EXPECT_TRUE(text > bytes.Get().data() && text < bytes.Get().data() + size);
+
+  Bytes odd{Writer(outer_)};
+  odd.Get().insert(odd.Get().begin(), 0);
+  EXPECT_FALSE(Instance_UnpackBytes(nullptr, odd.Get().data() + 1, size, &made));
+  EXPECT_EQ(made, nullptr);
+  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // moved
+}
 
 TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
   const Writer packed(outer_);
@@ -168,6 +212,7 @@ TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
 }
 
 TEST_F(RichTest, AFailedRequestToTheHeapLeavesNothing) {
+  ASSERT_EQ(Instance_SetNamespace(outer_, u"root"), RESULT_OK);
   for (HeapSweep sweep; sweep.Next();) {
     OwnBatch batch;
     void* bytes = nullptr;
