@@ -95,7 +95,7 @@ TEST_F(ClassTest, ACopyIsFoundByName) {
   EXPECT_EQ(made_->def->size, fan_schema::kSize);
 }
 
-TEST_F(ClassTest, AClassObjectTellsItsNamesAndItsSuperclass) {
+TEST_F(ClassTest, AClassObjectHasNamesCountsAndASuperclass) {
   ClassObject super, none;
   std::uint32_t methods = 0, properties = 0;
   const char16_t *superName = nullptr, *place = nullptr, *host = nullptr;
@@ -169,25 +169,28 @@ TEST_F(ClassTest, MethodsAndParametersAreReadByIndexAndByName) {
             RESULT_NOT_FOUND);
   EXPECT_EQ(ParameterSet_FindParameter(&parameters_, u"Return", &type_, nullptr, nullptr, &index_),
             RESULT_NOT_FOUND);
+  const ParameterSet none = {0, nullptr, &kParameterSetOps};
+  for (const auto& [set, expected] :
+       {std::pair<const ParameterSet*, std::uint32_t>{&parameters_, 1u}, {&none, 0u}}) {
+    EXPECT_EQ(ParameterSet_ParameterCountOf(set, &index_), RESULT_OK);
+    EXPECT_EQ(index_, expected);
+  }
   EXPECT_EQ(Class_MethodAt(made_, 2, &name_, nullptr, nullptr), RESULT_METHOD_NOT_FOUND);
 }
 
-TEST(ClassLifeTest, TheLastOfAllThreadsFreesAClassObject) {
-  ClassObject* object = nullptr;
-  ASSERT_EQ(Class_FromDef(&fan_schema::kFan, nullptr, nullptr, &object), RESULT_OK);
-  const auto use = [object] {
+TEST_F(ClassTest, ReferencesOfSeveralThreadsAreCounted) {
+  const auto use = [this] {
     for (int i = 0; i < 500; ++i) {
       ClassObject* mine = nullptr;
-      EXPECT_EQ(Class_Clone(object, &mine), RESULT_OK);
-      EXPECT_EQ(mine, object);
+      EXPECT_EQ(Class_Clone(made_, &mine), RESULT_OK);
+      EXPECT_EQ(ClassDef_FindProperty(mine->def, u"Speeds"), 2);
       EXPECT_EQ(Class_Delete(mine), RESULT_OK);
     }
-    EXPECT_EQ(Class_Delete(object), RESULT_OK);
   };
-  EXPECT_EQ(Class_Clone(object, &object), RESULT_OK);
   std::thread other(use);
   use();
   other.join();
+  EXPECT_EQ(made_->refs.load(), 1u);
 }
 
 // A class whose defaults and qualifiers hold texts and instances, scalar and in arrays. The

@@ -60,6 +60,7 @@ TEST(InstanceTest, AWrongArgumentIsRefused) {
       {Instance_CreateDynamic(&out, u"2Fan", 0, nullptr), RESULT_INVALID_PARAMETER},
       {Instance_Copy(nullptr, &out, nullptr), RESULT_FAILED},
       {Instance_Delete(&tableless), RESULT_INVALID_PARAMETER},
+      {Instance_IsKindOf(fan, nullptr, nullptr), RESULT_INVALID_PARAMETER},
       {Instance_AddProperty(fan, u"More", &one, CIM_UINT32, 0), RESULT_FAILED},
       {Instance_AddProperty(dynamic, u"sPEED", &one, CIM_UINT32, 0), RESULT_ALREADY_EXISTS},
       {Instance_AddProperty(dynamic, u"More", &one, 32, 0), RESULT_INVALID_PARAMETER},
@@ -105,7 +106,7 @@ TEST(InstanceTest, AGrowingInstanceKeepsItsValuesAndItsHandle) {
   EXPECT_EQ(Read(made, u"P149", CIM_UINT32).uint32, 149u);
 }
 
-TEST(InstanceTest, FlagsTellOfNullsAndOfModifiedAndBorrowedValues) {
+TEST(InstanceTest, FlagsShowNullModifiedAndBorrowedValues) {
   const char16_t* text = u"borrowed";
   const Owned made(u"Fan", {{u"Lent", CIM_STRING, Text(text), FLAG_BORROW},
                             {u"Null", CIM_UINT32, Number(3), FLAG_NULL | FLAG_NOT_MODIFIED}});
