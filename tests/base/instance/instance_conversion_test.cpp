@@ -1,14 +1,10 @@
 // Instances of all texts onto the classes of a schema: values, keys, names, nested instances.
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <string>
 
-#include "base/heap.h"
 #include "base/instance/typed_instance.h"
-#include "tests/base/instance/dynamic_instance.h"
+#include "tests/base/instance/owned_instance.h"
 #include "tests/base/instance/rack_schema.h"
 
 namespace stewardry {
@@ -16,324 +12,193 @@ namespace {
 
 using rack_schema::kDisk;
 using rack_schema::kRack;
+using std::u16string;
 
 struct Flags {
   bool keysOnly = false, skipKeyCheck = false, copy = true;
 };
+constexpr Flags kSkipKeys = {false, true, true}, kKeysOnly = {true, false, true};
 
-// Memory for one instance, converted into on demand and deleted at the end.
+// Memory for one instance, which ends with the scope.
 class Target {
  public:
-  explicit Target(Batch* batch = nullptr) : batch_(batch) { std::memset(memory_, 0xEE, kSize); }
-  Target(const Target&) = delete;
-  Target& operator=(const Target&) = delete;
-  ~Target() {
-    if (made_) {
-      EXPECT_EQ(Instance_Dismantle(Get()), RESULT_OK);
-    }
-  }
-
-  Result Convert(const ClassDef* def, const Instance* source, Flags flags = {}) {
+  Result Convert(const ClassDef* def, const Instance* source, Flags flags = {},
+                 Batch* batch = nullptr) {
     const Result result =
         Instance_ConvertToClass(memory_, def, source, flags.keysOnly, flags.skipKeyCheck,
-                                flags.copy, batch_, kTextOctetString);
-    made_ = result == RESULT_OK || batch_ != nullptr;
+                                flags.copy, batch, kTextOctetString);
+    if (result == RESULT_OK || batch != nullptr) *made_.Out() = *this;
     return result;
   }
-  Instance* Get() { return reinterpret_cast<Instance*>(memory_); }
+  operator Instance*() { return reinterpret_cast<Instance*>(memory_); }
 
  private:
-  static constexpr std::size_t kSize = 512;
-  alignas(8) std::uint8_t memory_[kSize];
-  Batch* batch_;
-  bool made_ = false;
+  alignas(8) std::uint8_t memory_[512] = {0xEE};
+  Owned made_;
 };
 
-// A source that is right for kDisk in every property.
-void FillDisk(Dynamic* disk) {
-  static const char16_t* const kLabels[] = {u"a", u"b"};
-  static const char16_t* const kTemperatures[] = {u"-1", u"0x20"};
-  disk->Text(u"serial", u"S1", FLAG_KEY).Text(u"Size", u"0x100000000").Text(u"Data", u"YWJj");
-  disk->Text(u"Made", u"2024-02-29").Null(u"Raw", CIM_REFERENCE);
-  disk->Array(u"Labels", CIM_STRINGA, kLabels, 2);
-  disk->Array(u"Temperatures", CIM_STRINGA, kTemperatures, 2);
+Given Word(const char16_t* name, const char16_t* text, std::uint32_t flags = 0) {
+  return {name, CIM_STRING, Text(text), flags};
 }
 
-TEST(InstanceConversionTest, APropertyArrivesWithAnotherValueOrType) {
-  Dynamic source(u"Whatever");
-  FillDisk(&source);
-  ASSERT_EQ(Instance_SetNamespace(source.Get(), u"root/cimv2"), RESULT_OK);
-  ASSERT_EQ(Instance_SetHostName(source.Get(), u"host"), RESULT_OK);
-  Target target;
-  ASSERT_EQ(target.Convert(&kDisk, source.Get()), RESULT_OK);
-  Instance* disk = target.Get();
-  EXPECT_EQ(disk->def, &kDisk);
-  EXPECT_EQ(disk->ownsBatch, 1);
-  EXPECT_TRUE(disk->namespaceName == std::u16string(u"root/cimv2"));
-  EXPECT_TRUE(disk->hostName == std::u16string(u"host"));
-  EXPECT_TRUE(Read(disk, u"Serial", CIM_STRING).string == std::u16string(u"S1"));
+const char16_t* const kLabels[] = {u"a", u"b"};
+const char16_t* const kTemperatures[] = {u"-1", u"0x20"};
+const std::vector<Given> kDiskWords = {Word(u"serial", u"S1", FLAG_KEY),
+                                       Word(u"Size", u"0x100000000"),
+                                       Word(u"Data", u"YWJj"),
+                                       Word(u"Made", u"2024-02-29"),
+                                       {u"Raw", CIM_REFERENCE, {}},
+                                       {u"Labels", CIM_STRINGA, Array(kLabels, 2)},
+                                       {u"Temperatures", CIM_STRINGA, Array(kTemperatures, 2)}};
+
+TEST(InstanceConversionTest, TextsBecomeTheValuesOfTheClass) {
+  const Owned source(u"Whatever", kDiskWords);
+  ASSERT_EQ(Instance_SetNamespace(source, u"root/cimv2"), RESULT_OK);
+  ASSERT_EQ(Instance_SetHostName(source, u"host"), RESULT_OK);
+  Target disk;
+  ASSERT_EQ(disk.Convert(&kDisk, source), RESULT_OK);
+  const Instance* made = disk;
+  EXPECT_EQ(made->def, &kDisk);
+  EXPECT_EQ(made->ownsBatch, 1);
+  EXPECT_EQ(u16string(made->namespaceName) + made->hostName, u"root/cimv2host");
+  EXPECT_EQ(u16string(Read(disk, u"Serial", CIM_STRING).string), u"S1");
   EXPECT_EQ(Read(disk, u"Size", CIM_UINT64).uint64, 0x100000000u);
-  EXPECT_EQ(ReadBytes(disk, u"Data"), (Bytes{0, 0, 0, 7, 'a', 'b', 'c'}));
-  EXPECT_TRUE(IsNull(disk, u"Raw"));
+  EXPECT_EQ(ElementsOf<char>(Read(disk, u"Data", CIM_UINT8A)).back(), 'c');
+  EXPECT_TRUE(Read(disk, u"Raw").IsNull());
   EXPECT_EQ(Read(disk, u"Made", CIM_DATETIME).datetime.timestamp.day, 29u);
-  EXPECT_EQ(Read(disk, u"Labels", CIM_STRINGA).array.size, 2u);
-  const ArrayValue temperatures = Read(disk, u"Temperatures", CIM_SINT32A).array;
-  EXPECT_EQ(static_cast<std::int32_t*>(temperatures.data)[0], -1);
-  EXPECT_EQ(static_cast<std::int32_t*>(temperatures.data)[1], 32);
+  EXPECT_EQ(ElementsOf<int>(Read(disk, u"Temperatures", CIM_SINT32A)), (std::vector{-1, 32}));
 }
 
-TEST(InstanceConversionTest, ABorrowedArrayIsCopiedOrACopyBorrowed) {
-  const std::int32_t kValues[] = {5, 6};
-  Dynamic source(u"Disk");
-  source.Array(u"Temperatures", CIM_SINT32A, kValues, 2);
-  const void* data = Read(source.Get(), u"Temperatures", CIM_SINT32A).array.data;
+TEST(InstanceConversionTest, AnArrayIsBorrowedOrCopied) {
+  const int numbers[] = {5, 6};
+  const Owned source(u"Disk", {{u"Temperatures", CIM_SINT32A, Array(numbers, 2)}});
+  const void* data = Read(source, u"Temperatures").value.array.data;
   for (const bool copy : {false, true}) {
     Target target;
-    ASSERT_EQ(target.Convert(&kDisk, source.Get(), {false, true, copy}), RESULT_OK);
-    const ArrayValue made = Read(target.Get(), u"Temperatures", CIM_SINT32A).array;
-    EXPECT_EQ(made.data == data, !copy);
-    EXPECT_EQ(static_cast<std::int32_t*>(made.data)[1], 6);
+    ASSERT_EQ(target.Convert(&kDisk, source, {false, true, copy}), RESULT_OK);
+    const CimValue made = Read(target, u"Temperatures", CIM_SINT32A);
+    EXPECT_EQ(made.array.data == data, !copy);
+    EXPECT_EQ(ElementsOf<int>(made), (std::vector{5, 6}));
   }
 }
 
-// `name` is empty for a null. After a failure nothing is there.
-void ExpectNameOfRack(Instance* rack, Result result, const char16_t* name) {
-  if (result != RESULT_OK) {
-    EXPECT_EQ(Instance_Delete(rack), RESULT_INVALID_PARAMETER);
-  } else if (name == nullptr) {
-    EXPECT_TRUE(IsNull(rack, u"Name"));
-  } else {
-    EXPECT_TRUE(Read(rack, u"Name", CIM_STRING).string == std::u16string(name));
-  }
-}
-
-TEST(InstanceConversionTest, KeysThatDoNotMatchPassOrDefaultsAreNotTaken) {
+TEST(InstanceConversionTest, KeysMatchOrHaveADefault) {
+  const Given key = Word(u"Name", u"r", FLAG_KEY), place = Word(u"Place", u"3", FLAG_KEY);
+  const Given plain = Word(u"Place", u"3"), strange = Word(u"Strange", u"x");
   const struct {
     const char* what;
-    std::function<void(Dynamic*)> build;
+    std::vector<Given> given;
     Flags flags;
     Result result;
-    const char16_t* name;  // of the rack; empty for a null
+    const char16_t* name;  // of the rack; empty if it has none
   } kCases[] = {
-      {"both",
-       [](Dynamic* d) { d->Text(u"Name", u"r", FLAG_KEY).Text(u"Place", u"3", FLAG_KEY); },
-       {},
-       RESULT_OK,
-       u"r"},
-      {"default", [](Dynamic* d) { d->Text(u"Place", u"3", FLAG_KEY); }, {}, RESULT_OK, u"rack0"},
-      {"no default",
-       [](Dynamic* d) { d->Text(u"Name", u"r", FLAG_KEY); },
-       {},
-       RESULT_NO_SUCH_PROPERTY,
-       nullptr},
-      {"no default, skipped",
-       [](Dynamic* d) { d->Text(u"Name", u"r", FLAG_KEY); },
-       {false, true, true},
-       RESULT_OK,
-       u"r"},
-      {"default, skipped",
-       [](Dynamic* d) { d->Text(u"Place", u"3"); },
-       {false, true, true},
-       RESULT_OK,
-       nullptr},
-      {"source key that is none of the target's",
-       [](Dynamic* d) { d->Text(u"Place", u"3").Text(u"Own", u"x", FLAG_KEY); },
-       {},
-       RESULT_NO_SUCH_PROPERTY,
-       nullptr},
-      {"key in the source, plain in the target",
-       [](Dynamic* d) { d->Text(u"Place", u"3").Text(u"On", u"true", FLAG_KEY); },
-       {},
-       RESULT_OK,
-       u"rack0"},
-      {"keys only",
-       [](Dynamic* d) {
-         d->Text(u"Place", u"3").Text(u"Name", u"r", FLAG_KEY).Text(u"Strange", u"x");
-       },
-       {true, false, true},
-       RESULT_OK,
-       u"r"},
-      {"all, one strange",
-       [](Dynamic* d) { d->Text(u"Place", u"3").Text(u"Strange", u"x"); },
-       {},
-       RESULT_NO_SUCH_PROPERTY,
-       nullptr},
-      {"a null is not looked at",
-       [](Dynamic* d) { d->Text(u"Place", u"3").Null(u"Strange", CIM_UINT8); },
-       {},
-       RESULT_OK,
-       u"rack0"},
-      {"a text that is no value",
-       [](Dynamic* d) { d->Text(u"Place", u"third"); },
-       {},
-       RESULT_FAILED,
-       nullptr},
-      {"another type",
-       [](Dynamic* d) { d->Text(u"Place", u"3").Array(u"Weight", CIM_UINT8A, "x", 1); },
-       {},
-       RESULT_TYPE_MISMATCH,
-       nullptr},
+      {"both keys", {key, place}, {}, RESULT_OK, u"r"},
+      {"a default", {place}, {}, RESULT_OK, u"rack0"},
+      {"no default", {key}, {}, RESULT_NO_SUCH_PROPERTY, u""},
+      {"a default, no check", {plain}, kSkipKeys, RESULT_OK, u""},
+      {"no such key", {plain, Word(u"Own", u"x", FLAG_KEY)}, {}, RESULT_NO_SUCH_PROPERTY, u""},
+      {"a key of the source alone", {plain, Word(u"On", u"true", FLAG_KEY)}, {}, 0, u"rack0"},
+      {"keys only", {plain, key, strange}, kKeysOnly, RESULT_OK, u"r"},
+      {"an unknown property", {plain, strange}, {}, RESULT_NO_SUCH_PROPERTY, u""},
+      {"an unknown null", {plain, {u"Strange", CIM_STRING, {}}}, {}, RESULT_OK, u"rack0"},
+      {"a text that is no number", {Word(u"Place", u"third")}, {}, RESULT_FAILED, u""},
+      {"another type", {plain, {u"Weight", CIM_UINT8, {}}}, {}, RESULT_TYPE_MISMATCH, u""},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
-    Dynamic source(u"Rack");
-    c.build(&source);
-    Target target;
-    EXPECT_EQ(target.Convert(&kRack, source.Get(), c.flags), c.result);
-    ExpectNameOfRack(target.Get(), c.result, c.name);
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(each.what);
+    const Owned source(u"Rack", each.given);
+    Target rack;
+    ASSERT_EQ(rack.Convert(&kRack, source, each.flags), each.result);
+    const Found name = Read(rack, u"Name");  // after a failure nothing is there
+    EXPECT_EQ(name.result, each.result == RESULT_OK ? RESULT_OK : RESULT_INVALID_PARAMETER);
+    EXPECT_EQ(name.value.string == nullptr ? u"" : u16string(name.value.string), each.name);
   }
 }
 
-TEST(InstanceConversionTest, ANestedInstanceLosesItsPlaceOrItsType) {
-  Dynamic disk(u"DISK"), keyless(u"Disk"), stranger(u"Tape"), second(u"SecondKind");
-  FillDisk(&disk);
-  keyless.Text(u"Size", u"1");
-  Instance* const both[] = {disk.Get(), disk.Get()};
-  Instance* const bad[] = {disk.Get(), stranger.Get()};
-  Instance* const mixed[] = {disk.Get(), keyless.Get()};
+TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
+  const Owned disk(u"DISK", kDiskWords), keyless(u"Disk", {Word(u"Size", u"1")});
+  const Owned stranger(u"Tape"), second(u"SecondKind");
+  Instance *const both[] = {disk, disk}, *const mixed[] = {disk, keyless};
+  constexpr Result kNone = RESULT_NO_SUCH_PROPERTY, kMismatch = RESULT_TYPE_MISMATCH;
   const struct {
     const char* what;
-    std::function<void(Dynamic*)> build;
+    Given given;
     Result result;
-    const char16_t* property;
-    std::uint32_t type;
-    std::uint32_t count;  // 0 for a single instance
+    std::uint32_t type = 0;  // of the rack's property
   } kCases[] = {
-      {"instance", [&](Dynamic* d) { d->Nested(u"Disk", disk); }, RESULT_OK, u"Disk", CIM_INSTANCE,
-       0},
-      {"instance to reference", [&](Dynamic* d) { d->Nested(u"DiskRef", disk); }, RESULT_OK,
-       u"DiskRef", CIM_REFERENCE, 0},
-      {"reference to instance", [&](Dynamic* d) { d->Nested(u"Disk", disk, CIM_REFERENCE); },
-       RESULT_OK, u"Disk", CIM_INSTANCE, 0},
-      {"instance to array", [&](Dynamic* d) { d->Nested(u"Disks", disk); }, RESULT_OK, u"Disks",
-       CIM_INSTANCEA, 1},
-      {"reference to array", [&](Dynamic* d) { d->Nested(u"DiskRefs", disk, CIM_REFERENCE); },
-       RESULT_OK, u"DiskRefs", CIM_REFERENCEA, 1},
-      {"array", [&](Dynamic* d) { d->Array(u"Disks", CIM_INSTANCEA, both, 2); }, RESULT_OK,
-       u"Disks", CIM_INSTANCEA, 2},
-      {"array to references", [&](Dynamic* d) { d->Array(u"DiskRefs", CIM_INSTANCEA, both, 2); },
-       RESULT_OK, u"DiskRefs", CIM_REFERENCEA, 2},
-      {"references", [&](Dynamic* d) { d->Array(u"DiskRefs", CIM_REFERENCEA, both, 2); }, RESULT_OK,
-       u"DiskRefs", CIM_REFERENCEA, 2},
-      {"empty array", [&](Dynamic* d) { d->Array(u"DiskRefs", CIM_INSTANCEA, nullptr, 0); },
-       RESULT_OK, u"DiskRefs", CIM_REFERENCEA, 0xFFFFFFFF},
-      {"references to instances", [&](Dynamic* d) { d->Array(u"Disks", CIM_REFERENCEA, both, 2); },
-       RESULT_TYPE_MISMATCH, nullptr, 0, 0},
-      {"array to one", [&](Dynamic* d) { d->Array(u"Disk", CIM_INSTANCEA, both, 2); },
-       RESULT_TYPE_MISMATCH, nullptr, 0, 0},
-      {"instance to text", [&](Dynamic* d) { d->Nested(u"On", disk); }, RESULT_TYPE_MISMATCH,
-       nullptr, 0, 0},
-      {"no such property", [&](Dynamic* d) { d->Nested(u"Drive", disk); }, RESULT_NO_SUCH_PROPERTY,
-       nullptr, 0, 0},
-      {"no such class", [&](Dynamic* d) { d->Nested(u"Disk", stranger); }, RESULT_NO_SUCH_PROPERTY,
-       nullptr, 0, 0},
-      {"no such class in an array", [&](Dynamic* d) { d->Array(u"Disks", CIM_INSTANCEA, bad, 2); },
-       RESULT_NO_SUCH_PROPERTY, nullptr, 0, 0},
-      {"class of another kind", [&](Dynamic* d) { d->Nested(u"Disk", second); }, RESULT_FAILED,
-       nullptr, 0, 0},
-      {"instance without its key", [&](Dynamic* d) { d->Nested(u"DiskRef", keyless); }, RESULT_OK,
-       u"DiskRef", CIM_REFERENCE, 0},
-      {"reference without its key", [&](Dynamic* d) { d->Nested(u"Disk", keyless, CIM_REFERENCE); },
-       RESULT_NO_SUCH_PROPERTY, nullptr, 0, 0},
-      {"instances without a key", [&](Dynamic* d) { d->Array(u"Disks", CIM_INSTANCEA, mixed, 2); },
-       RESULT_OK, u"Disks", CIM_INSTANCEA, 2},
-      {"references without a key",
-       [&](Dynamic* d) { d->Array(u"DiskRefs", CIM_REFERENCEA, mixed, 2); },
-       RESULT_NO_SUCH_PROPERTY, nullptr, 0, 0},
+      {"instance", {u"Disk", CIM_INSTANCE, Nested(disk)}, RESULT_OK, CIM_INSTANCE},
+      {"to reference", {u"DiskRef", CIM_INSTANCE, Nested(disk)}, RESULT_OK, CIM_REFERENCE},
+      {"reference", {u"Disk", CIM_REFERENCE, Nested(disk)}, RESULT_OK, CIM_INSTANCE},
+      {"to array", {u"Disks", CIM_INSTANCE, Nested(disk)}, RESULT_OK, CIM_INSTANCEA},
+      {"to references", {u"DiskRefs", CIM_REFERENCE, Nested(disk)}, RESULT_OK, CIM_REFERENCEA},
+      {"array", {u"Disks", CIM_INSTANCEA, Array(both, 2)}, RESULT_OK, CIM_INSTANCEA},
+      {"array to one", {u"Disk", CIM_INSTANCEA, Array(both, 2)}, kMismatch},
+      {"instance to boolean", {u"On", CIM_INSTANCE, Nested(disk)}, kMismatch},
+      {"no such property", {u"Drive", CIM_INSTANCE, Nested(disk)}, kNone},
+      {"no such class", {u"Disk", CIM_INSTANCE, Nested(stranger)}, kNone},
+      {"class of another kind", {u"Disk", CIM_INSTANCE, Nested(second)}, RESULT_FAILED},
+      {"without key", {u"DiskRef", CIM_INSTANCE, Nested(keyless)}, RESULT_OK, CIM_REFERENCE},
+      {"reference without key", {u"Disk", CIM_REFERENCE, Nested(keyless)}, kNone},
+      {"references without key", {u"DiskRefs", CIM_REFERENCEA, Array(mixed, 2)}, kNone},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
-    Dynamic source(u"Rack");
-    source.Text(u"Place", u"1", FLAG_KEY);
-    c.build(&source);
-    Target target;
-    ASSERT_EQ(target.Convert(&kRack, source.Get()), c.result);
-    if (c.result != RESULT_OK) continue;
-    const CimValue value = Read(target.Get(), c.property, c.type);
-    if (c.count == 0xFFFFFFFF) {
-      EXPECT_EQ(value.array.size, 0u);
-      continue;
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(each.what);
+    const Owned source(u"Rack", {Word(u"Place", u"1", FLAG_KEY), each.given});
+    Target rack;
+    ASSERT_EQ(rack.Convert(&kRack, source), each.result);
+    if (each.result != RESULT_OK) continue;
+    const CimValue value = Read(rack, each.given.name, each.type);
+    const bool isArray = CimType_IsArray(each.type);
+    const auto made = isArray ? ElementsOf<Instance*>(value) : std::vector{value.instance};
+    EXPECT_EQ(made.size(), CimType_IsArray(each.given.type) ? each.given.value.array.size : 1);
+    for (const Instance* nested : made) {
+      EXPECT_EQ(nested->def, &kDisk);
+      EXPECT_GE(Read(nested, u"Size", CIM_UINT64).uint64, 1u);
     }
-    if (c.count != 0) {
-      ASSERT_EQ(value.array.size, c.count);
-    }
-    const Instance* first =
-        c.count == 0 ? value.instance : static_cast<Instance* const*>(value.array.data)[0];
-    EXPECT_EQ(first->def, &kDisk);
-    EXPECT_EQ(first->batch, target.Get()->batch);
-    EXPECT_GE(Read(first, u"Size", CIM_UINT64).uint64, 1u);
   }
 }
 
-TEST(InstanceConversionTest, NestingWithoutEndIsFollowed) {
-  for (const std::uint32_t depth : {kMaxConvertDepth, kMaxConvertDepth + 1}) {
-    auto outer = std::make_unique<Dynamic>(u"Rack");
-    for (std::uint32_t i = 0; i < depth; ++i) {
-      auto around = std::make_unique<Dynamic>(u"Rack");
-      around->Nested(u"Inner", *outer);
-      outer = std::move(around);
-    }
+TEST(InstanceConversionTest, NestingIsLimited) {
+  auto outer = std::make_unique<Owned>(u"Rack");
+  for (std::uint32_t depth = 0; depth <= kMaxConvertDepth + 1; ++depth) {
     Target target;
-    EXPECT_EQ(target.Convert(&kRack, outer->Get(), {false, true, true}),
+    EXPECT_EQ(target.Convert(&kRack, *outer, kSkipKeys),
               depth > kMaxConvertDepth ? RESULT_FAILED : RESULT_OK);
+    const Given inner = {u"Inner", CIM_INSTANCE, Nested(*outer)};
+    outer = std::make_unique<Owned>(u"Rack", std::vector<Given>{inner});
   }
 }
 
-TEST(InstanceConversionTest, AMethodsParametersAreNotFilled) {
+TEST(InstanceConversionTest, AMethodIsATargetToo) {
   const ClassDef* fit = MethodDef_AsClass(&rack_schema::kFit);
-  Dynamic disk(u"Disk"), source(u"Fit"), slotless(u"Fit");
-  FillDisk(&disk);
-  source.Text(u"Slot", u"9").Nested(u"Disk", disk).Text(u"Return", u"0x10");
-  Target target;
-  ASSERT_EQ(target.Convert(fit, source.Get()), RESULT_OK);
-  EXPECT_EQ(Read(target.Get(), u"Slot", CIM_UINT8).uint8, 9);
-  EXPECT_EQ(Read(target.Get(), u"Return", CIM_UINT32).uint32, 16u);
-  EXPECT_EQ(Read(target.Get(), u"Disk", CIM_REFERENCE).reference->def, &kDisk);
-  Target other;
-  EXPECT_EQ(other.Convert(fit, slotless.Get()), RESULT_NO_SUCH_PROPERTY);  // no default
+  const Owned disk(u"Disk", kDiskWords), slotless(u"Fit");
+  const Owned source(
+      u"Fit",
+      {Word(u"Slot", u"9"), Word(u"Return", u"0x10"), {u"Disk", CIM_INSTANCE, Nested(disk)}});
+  Target target, other;
+  ASSERT_EQ(target.Convert(fit, source), RESULT_OK);
+  EXPECT_EQ(Read(target, u"Slot", CIM_UINT8).uint8, 9);
+  EXPECT_EQ(Read(target, u"Return", CIM_UINT32).uint32, 16u);
+  EXPECT_EQ(Read(target, u"Disk", CIM_REFERENCE).reference->def, &kDisk);
+  EXPECT_EQ(other.Convert(fit, slotless), RESULT_NO_SUCH_PROPERTY);  // a parameter has no default
 }
 
-TEST(InstanceConversionTest, AMissingArgumentOrAStrangeTargetPasses) {
-  Dynamic source(u"Disk");
-  alignas(8) std::uint8_t memory[512];
-  const auto convert = [](void* at, const ClassDef* target, const Instance* from) {
-    return Instance_ConvertToClass(at, target, from, false, true, true, nullptr, 0);
-  };
-  EXPECT_EQ(convert(nullptr, &kDisk, source.Get()), RESULT_INVALID_PARAMETER);
-  EXPECT_EQ(convert(memory, nullptr, source.Get()), RESULT_INVALID_PARAMETER);
-  EXPECT_EQ(convert(memory, &kDisk, nullptr), RESULT_INVALID_PARAMETER);
-  EXPECT_EQ(convert(memory, &rack_schema::kSecondKind, source.Get()), RESULT_FAILED);
-  ClassDef homeless = kRack;
-  homeless.schema = nullptr;
-  Dynamic outer(u"Rack");
-  outer.Nested(u"Disk", source);
-  EXPECT_EQ(convert(memory, &homeless, outer.Get()), RESULT_NO_SUCH_PROPERTY);
-}
-
-TEST(InstanceConversionTest, AFailingHeapLeaksOrIsReportedAsSuccess) {
-  Dynamic disk(u"Disk"), source(u"Rack");
-  FillDisk(&disk);
-  Instance* const both[] = {disk.Get(), disk.Get()};
-  source.Text(u"Place", u"1", FLAG_KEY).Nested(u"Disk", disk).Nested(u"DiskRefs", disk);
-  source.Array(u"Disks", CIM_INSTANCEA, both, 2);
-  ASSERT_EQ(Instance_SetNamespace(source.Get(), std::u16string(600, u'n').c_str()), RESULT_OK);
-  ASSERT_EQ(Instance_SetHostName(source.Get(), std::u16string(600, u'h').c_str()), RESULT_OK);
+TEST(InstanceConversionTest, AFailedConversionLeavesNothing) {
+  const Owned disk(u"Disk", kDiskWords);
+  Instance* const both[] = {disk, disk};
+  const Owned source(u"Rack", {Word(u"Place", u"1", FLAG_KEY),
+                               {u"Disk", CIM_INSTANCE, Nested(disk)},
+                               {u"DiskRefs", CIM_INSTANCE, Nested(disk)},
+                               {u"Disks", CIM_INSTANCEA, Array(both, 2)}});
+  ASSERT_EQ(Instance_SetNamespace(source, u16string(600, u'n').c_str()), RESULT_OK);
+  ASSERT_EQ(Instance_SetHostName(source, u16string(600, u'h').c_str()), RESULT_OK);
   for (const bool ownBatch : {true, false}) {
-    for (std::uint64_t failAt = 1;; ++failAt) {
-      Batch batch;
-      Batch_Init(&batch, kNoPageLimit);
-      Result result = RESULT_OK;
-      bool reached = false;
-      {
-        Target target(ownBatch ? nullptr : &batch);
-        heap_gate::Arm(failAt);
-        result = target.Convert(&kRack, source.Get());
-        reached = heap_gate::Requests() >= failAt;
-        heap_gate::Disarm();
-      }
-      Batch_Destroy(&batch);
-      EXPECT_EQ(result == RESULT_OK, !reached) << failAt;
-      if (!reached) break;
+    for (HeapSweep sweep; sweep.Next();) {
+      OwnBatch batch;
+      Target target;
+      const Result result = sweep.Run(
+          [&] { return target.Convert(&kRack, source, {}, ownBatch ? nullptr : &batch); });
+      EXPECT_EQ(result == RESULT_OK, !sweep.HasRefused());
     }
   }
 }

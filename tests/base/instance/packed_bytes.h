@@ -2,15 +2,13 @@
 // are a byte, letters in quotes are units of 16 bits, and -- is filler, which has no value.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "base/instance/packing.h"
+#include "tests/base/instance/owned_instance.h"
 
 namespace stewardry::packed_bytes {
 
@@ -24,13 +22,34 @@ inline std::vector<int> Parse(const std::string& text) {
     } else if (text[i] == '-') {
       bytes.push_back(kFiller), ++i;
     } else if (std::isxdigit(static_cast<unsigned char>(text[i])) != 0) {
-      bytes.push_back(static_cast<int>(std::strtol(text.substr(i++, 2).c_str(), nullptr, 16)));
+      bytes.push_back(std::stoi(text.substr(i++, 2), nullptr, 16));
     }
   }
   return bytes;
 }
 
-// The same for a reader, in a block of exactly that size. Its filler would break what reads it.
+// A writer that frees its block. With an instance it holds the packed form of it.
+struct Writer : PackBuf {
+  explicit Writer(const Instance* instance = nullptr) {
+    EXPECT_EQ(PackBuf_Init(this, 0), RESULT_OK);
+    if (instance == nullptr) return;
+    EXPECT_EQ(Instance_Pack(instance, false, nullptr, nullptr, this), RESULT_OK);
+  }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+  ~Writer() { PackBuf_Destroy(this); }
+};
+
+inline void ExpectBytes(const PackBuf& packed, const std::string& text) {
+  SCOPED_TRACE(text);
+  const std::vector<int> expected = Parse(text);
+  ASSERT_EQ(packed.size, expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i)
+    EXPECT_TRUE(expected[i] == kFiller || expected[i] == packed.data[i]) << "byte " << i;
+}
+
+// Bytes for a reader, in a block of exactly that size. Filler has a value that would break a reader
+// that takes it for content.
 class Bytes {
  public:
   explicit Bytes(const std::string& text) {
@@ -44,67 +63,5 @@ class Bytes {
  private:
   std::vector<std::uint8_t> bytes_;
 };
-
-inline void ExpectBytes(const PackBuf& buffer, const std::string& text, const char* what) {
-  const std::vector<int> expected = Parse(text);
-  ASSERT_EQ(buffer.size, expected.size()) << what;
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    if (expected[i] == kFiller) continue;
-    EXPECT_EQ(buffer.data[i], expected[i]) << what << ", byte " << i;
-  }
-}
-
-// A writer that frees its block.
-struct Writer : PackBuf {
-  Writer() { EXPECT_EQ(PackBuf_Init(this, 0), RESULT_OK); }
-  Writer(const Writer&) = delete;
-  Writer& operator=(const Writer&) = delete;
-  ~Writer() { PackBuf_Destroy(this); }
-};
-
-// A dynamic instance in a batch of its own.
-class Made {
- public:
-  explicit Made(const char16_t* className) {
-    EXPECT_EQ(Instance_CreateDynamic(&instance_, className, FLAG_CLASS, nullptr), RESULT_OK);
-  }
-  Made(const Made&) = delete;
-  Made& operator=(const Made&) = delete;
-  ~Made() { EXPECT_EQ(Instance_Delete(instance_), RESULT_OK); }
-  operator Instance*() const { return instance_; }  // stands where its instance would
-  Made& With(const char16_t* name, std::uint32_t type, const CimValue& value,
-             std::uint32_t flags = 0) {
-    EXPECT_EQ(Instance_AddProperty(instance_, name, &value, type, flags), RESULT_OK);
-    return *this;
-  }
-
- private:
-  Instance* instance_ = nullptr;
-};
-
-inline CimValue Number(std::uint64_t number) {
-  CimValue value{};
-  value.uint64 = number;
-  return value;
-}
-
-inline CimValue Text(const char16_t* text) {
-  CimValue value{};
-  value.string = text;
-  return value;
-}
-
-inline CimValue Nested(Instance* instance) {
-  CimValue value{};
-  value.instance = instance;
-  return value;
-}
-
-template <class Element>
-CimValue Array(Element* data, std::uint32_t count) {
-  CimValue value{};
-  value.array = {const_cast<void*>(static_cast<const void*>(data)), count, 0};
-  return value;
-}
 
 }  // namespace stewardry::packed_bytes
