@@ -65,25 +65,6 @@ TEST_F(BatchTest, OnlyBlocksOfOneRequestAreReleased) {
   EXPECT_EQ(Sizes(), (BlockSizes{24, 8}));
 }
 
-TEST_F(BatchTest, BatchInItsOwnBlockIsFreedLast) {
-  for (const std::uint64_t limit : {std::uint64_t{0}, std::uint64_t{1}, kNoPageLimit}) {
-    Batch* batch = Batch_Create(limit);
-    EXPECT_EQ(Batch_PageAt(batch, 0), batch);
-    for (int i = 0; i < 300; ++i) std::memset(Batch_Alloc(batch, 100), 1, 100);
-    EXPECT_EQ(batch->pageCount, limit == kNoPageLimit ? 34u : limit);
-    Batch_Destroy(batch);
-  }
-}
-
-TEST_F(BatchTest, CallersBufferServesTheFirstRequests) {
-  alignas(8) std::uint8_t buffer[64];
-  Batch_InitOnBuffer(&batch_, buffer, sizeof buffer, kNoPageLimit);
-  EXPECT_EQ(Take(60), buffer);
-  EXPECT_EQ(Batch_PageCount(&batch_), 0u);
-  EXPECT_NE(Take(8), nullptr);
-  EXPECT_EQ(Batch_PageCount(&batch_), 1u);
-}
-
 const TextRecord kRecord = {{"1", nullptr, "3", "4", "5"}, 6, "7"};
 
 TEST_F(BatchTest, CopiesKeepTheirContent) {

