@@ -32,16 +32,14 @@ void PassDatetime(const char16_t* text) {
   if (std::memcmp(&again, &value, sizeof value) != 0) std::abort();
 }
 
-int Append(const std::uint8_t* chunk, std::size_t length, void* data) {
-  auto* bytes = static_cast<Bytes*>(data);
-  bytes->insert(bytes->end(), chunk, chunk + length);
-  return 0;
-}
-
 void PassBase64(const Bytes& input) {
+  const Base64Sink append = [](const std::uint8_t* chunk, std::size_t length, void* to) {
+    static_cast<Bytes*>(to)->insert(static_cast<Bytes*>(to)->end(), chunk, chunk + length);
+    return 0;
+  };
   Bytes text, again;
-  if (Base64Enc(input.data(), input.size(), Append, &text) != 0) std::abort();
-  if (Base64Dec(text.data(), text.size(), Append, &again) < 0 || again != input) std::abort();
+  if (Base64Enc(input.data(), input.size(), append, &text) != 0) std::abort();
+  if (Base64Dec(text.data(), text.size(), append, &again) < 0 || again != input) std::abort();
 }
 
 }  // namespace
