@@ -87,7 +87,7 @@ TEST(NumberText, NumbersHaveTheirDigitsInEveryForm) {
   char16_t wide32[11], wide64[21], wideLong[64];
   std::size_t size = 0;
   std::vector<std::uint64_t> values = {4294967295, ~std::uint64_t{0}};
-  for (std::uint64_t value = 0; value <= 64; ++value) values.push_back(value);  // a table's and one
+  for (std::uint64_t value = 0; value <= 64; ++value) values.push_back(value);  // the table and one more
   for (const std::uint64_t value : values) {
     const std::string digits = std::to_string(value);
     const std::u16string wide(digits.begin(), digits.end());

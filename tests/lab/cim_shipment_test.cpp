@@ -1,5 +1,5 @@
 // The object library's example over a real socket: what arrives, and what a receiver must survive.
-// Which messages don't hold together is known to the tests of the library's messages.
+// Which messages are refused is the subject of tests/base/message_test.cpp.
 #include "lab/cim/shipment.h"
 
 #include <gtest/gtest.h>
