@@ -57,21 +57,19 @@ TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
   EXPECT_EQ(LibLog_Put(LIBLOG_INFO, "a", 5, u"%d", 3), 1);
   LibLog_Raw(u"raw %d", 4);
   LibLog_Error(u"error %d", 5);
-  LibLog_FixPackedFailed("", 0);
+  LibLog_FixPointerFailed("", 0);
   // Attaching has set where selectors report to.
   gSelectorReport(SelectorEvent::kEmptyList, reinterpret_cast<Selector*>(0xABCDEF), 0, nullptr);
   const std::u16string longFormat(2000, u'x');
   LibLog_Event(LIBLOG_ERROR, 1, "", 0, longFormat.c_str());  // is cut to 1023 units with its head
-  EXPECT_EQ(
-      Lines(),
-      "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n<head>WARNING: null(7): x\n"
-      "<head>INFO: 2\n<head>INFO: a(5): 3\nraw 4\n<head>ERROR: null(0): error 5\n"
-      "<head>WARNING: null(0): EventId=30094 Priority=WARNING restore msg failed while fixing "
-      "batch pointers for mft_instance\n\n"
-      "<head>ERROR: null(0): EventId=20055 Priority=ERROR Selector_Run: 0000000000ABCDEF "
-      "Empty List\n"
-      "<head>ERROR: null(0): EventId=1 Priority=ERROR " +
-          std::string(998, 'x') + "\n");
+  EXPECT_EQ(Lines(),
+            "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n<head>WARNING: null(7): x\n"
+            "<head>INFO: 2\n<head>INFO: a(5): 3\nraw 4\n<head>ERROR: null(0): error 5\n"
+            "<head>WARNING: null(0): EventId=30032 Priority=WARNING batch fix pointer failed\n\n"
+            "<head>ERROR: null(0): EventId=20055 Priority=ERROR Selector_Run: 0000000000ABCDEF "
+            "Empty List\n"
+            "<head>ERROR: null(0): EventId=1 Priority=ERROR " +
+                std::string(998, 'x') + "\n");
 }
 
 TEST_F(LogTest, ThresholdHoldsLessSevereLevelsBack) {
