@@ -106,7 +106,7 @@ TEST(DatetimeTest, FieldsAreReadInsideTheirTextOnly) {
   const std::u16string text(70, u'1');
   EXPECT_EQ(Datetime_ReadField(text.c_str(), 0, 63, &value), 0);
   EXPECT_EQ(value, 0xFFFFFFFF);
-  for (const auto& [position, width] : {std::pair(0, 64), std::pair(68, 3), std::pair(0, 0)})
+  for (const auto& [position, width] : {std::pair(0u, 64u), std::pair(68u, 3u), std::pair(0u, 0u)})
     EXPECT_EQ(Datetime_ReadField(text.c_str(), position, width, &value), -1);
 }
 
