@@ -1,12 +1,11 @@
 // Fuzz target: texts into a property of each type, scalar and array, and into octet strings; the
-// date-times among them printed and read again; and the input through Base64 and back. The input: a
-// type, text flags, which request of the heap fails, then 16-bit units that zeros part into texts.
+// date-times among them printed and read again. The input: a type, text flags, which request of the
+// heap fails, then 16-bit units that zeros part into texts.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include "base/base64.h"
 #include "base/datetime.h"
 #include "base/heap.h"
 #include "base/instance/typed_instance.h"
@@ -17,7 +16,6 @@ namespace {
 using namespace stewardry;
 
 constexpr std::size_t kHead = 3;
-using Bytes = std::vector<std::uint8_t>;
 
 // A form that is printed must parse to the same record.
 void PassDatetime(const char16_t* text) {
@@ -32,23 +30,12 @@ void PassDatetime(const char16_t* text) {
   if (std::memcmp(&again, &value, sizeof value) != 0) std::abort();
 }
 
-void PassBase64(const Bytes& input) {
-  const Base64Sink append = [](const std::uint8_t* chunk, std::size_t length, void* to) {
-    static_cast<Bytes*>(to)->insert(static_cast<Bytes*>(to)->end(), chunk, chunk + length);
-    return 0;
-  };
-  Bytes text, again;
-  if (Base64Enc(input.data(), input.size(), append, &text) != 0) std::abort();
-  if (Base64Dec(text.data(), text.size(), append, &again) < 0 || again != input) std::abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < kHead) return 0;
-  PassBase64(Bytes(data + kHead, data + size));
   std::vector<char16_t> units((size - kHead) / 2 + 1);
   std::memcpy(units.data(), data + kHead, (units.size() - 1) * 2);
   std::vector<const char16_t*> texts;

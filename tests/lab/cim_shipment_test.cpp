@@ -66,20 +66,6 @@ TEST_F(CimShipment, MessagesArriveAsTheyWereSent) {
   }
 }
 
-// No memory is taken for sizes that are too large.
-TEST_F(CimShipment, SizesOfAHeadAreChecked) {
-  const auto answer = [](const ShipmentHead& head, BatchPageInfo first = {}) {
-    const BatchPageInfo list[] = {first, {nullptr, kMaxShipment}};
-    std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
-    return Receive(bytes.append(reinterpret_cast<const char*>(list), sizeof list));
-  };
-  EXPECT_EQ(answer({1, 1, 0}), "this is no shipment");
-  EXPECT_EQ(answer({kShipmentMagic, 0, 0}), "no such number of pages is taken");
-  EXPECT_EQ(answer({kShipmentMagic, kMaxPages + 1, 0}), "no such number of pages is taken");
-  EXPECT_EQ(answer({kShipmentMagic, 2, 0}, {nullptr, 8}), "the pages are too large");
-  EXPECT_EQ(answer({kShipmentMagic, 2, 0}, {nullptr, ~7ULL}), "the pages are too large");
-}
-
 TEST_F(CimShipment, CutShipmentsAreRefused) {
   const std::string whole = Shipped();
   for (std::size_t size = 0; size < whole.size(); size += 1 + size / 16)
