@@ -3,16 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <regex>
 #include <string>
-
-#include "base/log_events.h"
-#include "sock/selector.h"
 
 namespace stewardry {
 namespace {
@@ -26,7 +22,6 @@ class LogTest : public ::testing::Test {
   ~LogTest() override {
     LibLog_Detach();
     LibLog_SetLevel(LIBLOG_INFO);
-    gSelectorReport = nullptr;
     std::filesystem::remove(path_);
   }
   int Attach() { return LibLog_Attach(path_.u16string().c_str()); }
@@ -48,107 +43,56 @@ int VPut(std::int32_t level, const char* file, const char16_t* format, ...) {
   return written;
 }
 
-TEST_F(LogTest, ALineIsWrittenWithoutAStreamOrInAnotherForm) {
+TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
   EXPECT_EQ(VPut(LIBLOG_FATAL, "", u"nowhere"), 0);
-  EXPECT_EQ(LibLog_Put(LIBLOG_FATAL, "", 0, u"nowhere"), 0);
-  LibLog_Raw(u"nowhere");
-  LibLog_Event(LIBLOG_ERROR, 1, "", 0, u"nowhere");
   ASSERT_EQ(Attach(), 0);
   EXPECT_EQ(VPut(LIBLOG_WARNING, "file.c", u"%d %T %s", 1, u"\xE4", "b"), 1);
-  EXPECT_EQ(VPut(LIBLOG_WARNING, nullptr, u"x"), 1);
   EXPECT_EQ(LibLog_Put(LIBLOG_INFO, "", 5, u"%d", 2), 1);
-  EXPECT_EQ(LibLog_Put(LIBLOG_INFO, "a", 5, u"%d", 3), 1);
   LibLog_Raw(u"raw %d", 4);
   LibLog_Error(u"error %d", 5);
-  LibLog_Event(LIBLOG_ERROR, 20055, "", 0, u"Selector_Run: %p Empty List",
-               reinterpret_cast<void*>(0xABCDEF));
-  LibLog_FixPointerFailed("", 0);
+  const std::u16string longFormat(2000, u'x');
+  LibLog_Event(LIBLOG_ERROR, 1, "", 0, longFormat.c_str());  // is cut to 1023 units with its head
   EXPECT_EQ(Lines(),
-            "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n<head>WARNING: null(7): x\n"
-            "<head>INFO: 2\n<head>INFO: a(5): 3\nraw 4\n<head>ERROR: null(0): error 5\n"
-            "<head>ERROR: null(0): EventId=20055 Priority=ERROR Selector_Run: 0000000000ABCDEF "
-            "Empty List\n"
-            "<head>WARNING: null(0): EventId=30032 Priority=WARNING batch fix pointer failed\n\n");
+            "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n"
+            "<head>INFO: 2\nraw 4\n<head>ERROR: null(0): error 5\n"
+            "<head>ERROR: null(0): EventId=1 Priority=ERROR " +
+                std::string(998, 'x') + "\n");
 }
 
-TEST_F(LogTest, TheThresholdLetsALevelThroughThatItShouldNot) {
+TEST_F(LogTest, ThresholdHoldsLessSevereLevelsBack) {
   ASSERT_EQ(Attach(), 0);
   for (std::int32_t level = -1; level <= 7; ++level)
     EXPECT_EQ(VPut(level, "", u"x"), level <= LIBLOG_INFO ? 1 : 0) << level;
   LibLog_Debug(u"unseen");
   LibLog_SetLevel(1000);
   LibLog_Verbose(u"seen");
-  const std::string before = Lines();
   for (const std::int32_t level : {-1, 6, 7}) LibLog_Event(level, 1, "", 0, u"unseen");
-  EXPECT_EQ(Lines(), before);
-  EXPECT_EQ(before.find("unseen"), std::string::npos);
-  EXPECT_NE(before.find("VERBOSE: null(0): seen\n"), std::string::npos);
+  const std::string lines = Lines();
+  EXPECT_EQ(lines.find("unseen"), std::string::npos);
+  EXPECT_NE(lines.find("VERBOSE: null(0): seen\n"), std::string::npos);
 }
 
-TEST_F(LogTest, AWordSetsAnotherLevel) {
-  constexpr const char16_t* kWords[] = {u"fatal", u"ERROR", u"WaRnInG", u"3", u"debug", u"5"};
-  for (std::int32_t level = 0; level < 6; ++level) {
-    EXPECT_EQ(LibLog_SetLevelText(kWords[level]), 0);
-    EXPECT_EQ(LibLog_GetLevel(), level);
+TEST_F(LogTest, WordsSetTheLevel) {
+  std::int32_t level = 0;
+  for (const char16_t* word : {u"fatal", u"ERROR", u"WaRnInG", u"3", u"debug", u"5"}) {
+    EXPECT_EQ(LibLog_SetLevelText(word), 0);
+    EXPECT_EQ(LibLog_GetLevel(), level++);
   }
-  for (const char16_t* word : {u"", u"6", u"INFO ", u"1234567890123456789", u"INFO1234567890123456",
-                               static_cast<const char16_t*>(nullptr)})
+  for (const char16_t* word : {u"", u"6", u"INFO ", u"1234567890123456789"})
     EXPECT_EQ(LibLog_SetLevelText(word), -1);
-  EXPECT_EQ(LibLog_SetLevelNarrowText("warning"), 0);
-  EXPECT_EQ(LibLog_SetLevelNarrowText(nullptr), -1);
-  EXPECT_EQ(LibLog_GetLevel(), LIBLOG_WARNING);
-  // Each unit is cut to its low byte, so this is "info" too.
-  EXPECT_EQ(LibLog_SetLevelText(u"\x0149nfo"), 0);
+  EXPECT_EQ(LibLog_GetLevel(), LIBLOG_VERBOSE);
 }
 
-TEST_F(LogTest, AFormatThatIsTooLongOverrunsItsBuffer) {
-  ASSERT_EQ(Attach(), 0);
-  const std::u16string format = std::u16string(2000, u'x') + u"%d";
-  LibLog_Event(LIBLOG_INFO, 1, "", 0, format.c_str(), 1);
-  const std::string head = "EventId=1 Priority=INFO ";
-  EXPECT_EQ(Lines(), "<head>INFO: null(0): " + head + std::string(1023 - head.size(), 'x') + "\n");
-}
-
-TEST_F(LogTest, AStreamIsReplacedOrLostBySettingUp) {
-  EXPECT_EQ(LibLog_Attach(nullptr), 1);
-  EXPECT_EQ(LibLog_Attach(u""), 1);
-  EXPECT_EQ(LibLog_Attach(u"/no/such/folder/log"), 1);
-  EXPECT_EQ(LibLog_AttachDescriptor(1), 1);
-  EXPECT_EQ(LibLog_Detach(), 0);
-  EXPECT_FALSE(LibLog_IsAttached());
+TEST_F(LogTest, AttachingNeedsAFileAndNoOtherStream) {
+  for (const char16_t* path : {static_cast<const char16_t*>(nullptr), u"", u"/no/such/folder/log"})
+    EXPECT_EQ(LibLog_Attach(path), 1);
   ASSERT_EQ(Attach(), 0);
   EXPECT_EQ(Attach(), 1);
   LibLog_Raw(u"first");
   EXPECT_EQ(LibLog_Detach(), 0);
-  EXPECT_FALSE(LibLog_IsAttached());
   ASSERT_EQ(Attach(), 0);  // appends
   LibLog_Raw(u"second");
   EXPECT_EQ(Lines(), "first\nsecond\n");
-}
-
-TEST_F(LogTest, ASelectorsFailureStaysUnsaid) {
-  ASSERT_EQ(Attach(), 0);
-  Selector selector;
-  ASSERT_EQ(Selector_Init(&selector), RESULT_OK);
-  EXPECT_EQ(Selector_Run(&selector, 0, false), RESULT_FAILED);
-  Selector_Destroy(&selector);
-  EXPECT_TRUE(std::regex_match(
-      Lines(), std::regex("<head>ERROR: null\\(0\\): EventId=20055 Priority=ERROR Selector_Run: "
-                          "[0-9A-F]{16} Empty List\n")))
-      << Lines();
-}
-
-// Standard error can't be detached, so this is a process's last test; each runs in its own.
-TEST_F(LogTest, StandardErrorIsClosed) {
-  EXPECT_EQ(LibLog_AttachStderr(), 0);
-  EXPECT_TRUE(LibLog_IsStderr());
-  EXPECT_EQ(LibLog_Detach(), 0);
-  EXPECT_TRUE(LibLog_IsStderr());
-  EXPECT_EQ(Attach(), 1);
-  testing::internal::CaptureStderr();
-  LibLog_Raw(u"%T", u"said");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "said\n");
-  LibLogStream.store(nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Fuzz target: one frame from the firmware through the dispatcher and the service's own command
-// table. No device, no connection and no log are there, no thread starts and no event is posted, so
-// what a handler does ends at its own checks, and the real port 22 stays alone; the frame is copied
-// to the heap, where a look beyond it is seen.
+// table. There is no device, connection or log, no thread starts and no event is posted, so a
+// handler ends at its own checks, and nothing connects to the real port 22. The frame is copied to
+// the heap, so that a sanitizer reports a read beyond it.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -11,13 +11,13 @@
 #include "service/mailbox/dispatcher.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("STEWARDRY_LAB", "/nonexistent/stewardry-fuzz", 1);  // power lines go nowhere
+  setenv("STEWARDRY_LAB", "/nonexistent/stewardry-fuzz", 1);  // no log is written
   stewardry::ComposeService();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  platform::gate::Arm();  // anew for each frame, or the trace would grow
+  platform::gate::Arm();  // empties the trace
   platform::gate::FailEvery("CreateThread", 8);
   platform::gate::FailEvery("WinHttpSendRequest", 12029);
   const std::vector<std::uint8_t> frame(data, data + size);

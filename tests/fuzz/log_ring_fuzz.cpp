@@ -1,6 +1,6 @@
-// Fuzz target: the firmware's log ring with whatever indexes and lines, through a capture. The ring
-// stands alone on the heap, where a look beyond it is seen; the file goes to a lab folder of its
-// own, emptied at each run.
+// Fuzz target: the firmware's log ring with any indexes and lines, through a capture. The ring is a
+// heap block of its own, so that a sanitizer reports a read beyond it; the file goes to a lab
+// folder of the process's own.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

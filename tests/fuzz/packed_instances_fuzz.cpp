@@ -1,11 +1,13 @@
-// Fuzz target: a packed instance as another process might send it. What is read is walked over in
-// place, copied out, packed and read again: the second form must be the first.
+// Fuzz target: a packed instance as another process might send it. What is read is copied
+// out, converted to classes of a schema, packed and read again: the second form must be the first.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "base/instance/packing.h"
+#include "base/instance/typed_instance.h"
+#include "tests/base/instance/rack_schema.h"
 
 namespace stewardry {
 namespace {
@@ -14,52 +16,34 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// A reader over a copy of its own, where a look beyond is seen.
-class OwnBytes {
- public:
-  OwnBytes(const void* bytes, std::size_t size) : bytes_(size) {
-    if (size != 0) std::memcpy(bytes_.data(), bytes, size);
-  }
-  PackBuf Reader() { return {bytes_.data(), static_cast<std::uint32_t>(bytes_.size()), 0, 0}; }
-
- private:
-  std::vector<std::uint8_t> bytes_;
+// A reader over a copy of its own, so that a sanitizer reports a read beyond it.
+struct OwnBytes : std::vector<std::uint8_t> {
+  using vector::vector;
+  PackBuf Reader() { return {data(), static_cast<std::uint32_t>(size()), 0, 0}; }
 };
 
-// True when the instance at the reader's position is whole; `depth` are the instances around it.
-bool Walk(PackBuf* reader, std::uint32_t depth) {
-  PackedHead head;
-  if (depth == kMaxPackedDepth || Packed_ReadHead(reader, &head) != RESULT_OK) return false;
-  PackedProperty property;
-  for (std::uint32_t i = 0; i < head.propertyCount; ++i) {
-    if (Packed_ReadProperty(reader, &property) != RESULT_OK) return false;
-    if (!property.present) continue;
-    CimValue value;
-    PackedTexts texts;
-    std::uint32_t count = 1;
-    if (property.type == CIM_STRINGA) {
-      if (Packed_ReadTexts(reader, &texts) != RESULT_OK) return false;
-      for (std::uint32_t k = 0; k < texts.count; ++k) Require(texts.At(k)[texts.Length(k)] == 0);
-    } else if (CimType_Element(property.type) < CIM_REFERENCE) {
-      if (Packed_ReadValue(reader, property.type, &value) != RESULT_OK) return false;
-    } else {
-      if (CimType_IsArray(property.type) && Packed_ReadInstanceCount(reader, &count) != RESULT_OK)
-        return false;
-      for (; count > 0; --count)
-        if (!Walk(reader, depth + 1)) return false;
-    }
+// Converts with each combination of the three flags. Reads all of what was made by copying it.
+void Convert(const Instance* source, const ClassDef* target) {
+  for (const unsigned flags : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u}) {
+    alignas(8) std::uint8_t memory[512];
+    if (Instance_ConvertToClass(memory, target, source, (flags & 1) != 0, (flags & 2) != 0,
+                                (flags & 4) != 0, nullptr, kTextOctetString) != RESULT_OK)
+      continue;
+    auto* made = reinterpret_cast<Instance*>(memory);
+    Instance* copy = nullptr;
+    Require(Instance_Copy(made, &copy, nullptr) == RESULT_OK);
+    (void)Instance_Delete(copy);
+    (void)Instance_Dismantle(made);
   }
-  return Packed_ReadTail(reader) == RESULT_OK;
 }
 
-// The instance in the form that it would be sent in, which has room in `capacity`; filler is 0.
-// Empty when it can't be packed.
-std::vector<std::uint8_t> Pack(const Instance* instance, std::size_t capacity) {
+// The instance in the form that it would be sent in; empty when it can't be packed. Filler is 0.
+OwnBytes Pack(const Instance* instance, std::size_t capacity) {
   PackBuf buffer;
   Require(PackBuf_Init(&buffer, static_cast<std::uint32_t>(capacity)) == RESULT_OK);
   std::memset(buffer.data, 0, buffer.capacity);
   const bool isPacked = Instance_Pack(instance, false, nullptr, nullptr, &buffer) == RESULT_OK;
-  std::vector<std::uint8_t> bytes(buffer.data, buffer.data + (isPacked ? buffer.size : 0));
+  OwnBytes bytes(buffer.data, buffer.data + (isPacked ? buffer.size : 0));
   Require(bytes.size() <= capacity);
   PackBuf_Destroy(&buffer);
   return bytes;
@@ -72,20 +56,22 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace stewardry;
-  OwnBytes walked(data, size), borrowed(data, size), copied(data, size);
-  PackBuf walk = walked.Reader(), borrow = borrowed.Reader(), copy = copied.Reader();
-  const bool isWhole = Walk(&walk, 0);
+  OwnBytes borrowed(data, data + size), copied = borrowed;
+  PackBuf borrow = borrowed.Reader(), copy = copied.Reader();
   Instance *shallow = nullptr, *deep = nullptr;
   const bool isRead = Instance_Unpack(&shallow, &borrow, nullptr, false) == RESULT_OK;
   Require(isRead == (Instance_Unpack(&deep, &copy, nullptr, true) == RESULT_OK));
   if (!isRead) return 0;
-  Require(isWhole && walk.offset == borrow.offset && walk.offset == copy.offset);
+  Require(borrow.offset == copy.offset);
+  for (const ClassDef* target :
+       {&rack_schema::kRack, &rack_schema::kDisk, MethodDef_AsClass(&rack_schema::kFit)})
+    Convert(deep, target);
   const std::size_t room = 2 * size + 256;  // a result has a longer name once it is packed
-  const std::vector<std::uint8_t> first = Pack(deep, room);
+  OwnBytes first = Pack(deep, room);
   Require(first.empty() == Pack(shallow, room).empty());
   Require(Instance_Delete(shallow) == RESULT_OK && Instance_Delete(deep) == RESULT_OK);
   if (first.empty()) return 0;
-  OwnBytes again(first.data(), first.size());
+  OwnBytes again = first;
   PackBuf reader = again.Reader();
   Require(Instance_Unpack(&deep, &reader, nullptr, true) == RESULT_OK);
   Require(Pack(deep, room) == first);

@@ -1,5 +1,5 @@
 // Runs a fuzz target over the files of a corpus, so that the corpus is an ordinary test wherever
-// libFuzzer isn't at hand.
+// libFuzzer is not available.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>

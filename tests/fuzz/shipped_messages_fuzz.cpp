@@ -1,5 +1,5 @@
 // Fuzz target: a message's pages as another process might ship them. What is restored is made ready
-// to be shipped again, which looks at every text and instance of it.
+// to be shipped again, which reads every text and instance of it.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -8,15 +8,14 @@
 #include "base/instance/packing.h"
 #include "base/message.h"
 
-namespace stewardry {
 namespace {
+
+using namespace stewardry;
 
 constexpr std::size_t kMaxPages = 8;
 
 // Takes the input from its front; zeros once it is used up.
-class Input {
- public:
-  Input(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
+struct Input {
   template <class Number>
   Number Take() {
     Number number = 0;
@@ -24,28 +23,23 @@ class Input {
     return number;
   }
   void TakeInto(void* to, std::size_t size) {
-    const std::size_t taken = std::min(size, left_);
-    if (taken != 0) std::memcpy(to, data_, taken);
-    data_ += taken;
-    left_ -= taken;
+    const std::size_t taken = std::min(size, left);
+    if (taken != 0) std::memcpy(to, data, taken);
+    data += taken;
+    left -= taken;
   }
-  std::size_t Left() const { return left_; }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t left_;
+  const std::uint8_t* data;
+  std::size_t left;
 };
 
 }  // namespace
-}  // namespace stewardry
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 // The input: whether instances stay packed, the number of pages, the message's address, each page's
 // address and size at the sender, and then what the pages hold.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace stewardry;
-  Input input(data, size);
+  Input input{data, size};
   const bool skipUnpack = (input.Take<std::uint8_t>() & 1) != 0;
   std::vector<BatchPageInfo> list(input.Take<std::uint8_t>() % (kMaxPages + 1));
   const auto address = input.Take<std::uint64_t>();
@@ -53,21 +47,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     page.data = reinterpret_cast<void*>(input.Take<std::uint64_t>());
     page.size = input.Take<std::uint32_t>();
   }
-  for (BatchPageInfo& page : list) page.size = std::min<std::uint64_t>(page.size, input.Left());
+  for (BatchPageInfo& page : list) page.size = std::min<std::uint64_t>(page.size, input.left);
   Batch* batch = nullptr;
   if (!Batch_FromPageSizes(&batch, list.data(), list.size()) || batch == nullptr) return 0;
   for (std::size_t i = 0; i < list.size(); ++i) {
-    void* payload = Batch_PageAt(batch, i);
-    std::memset(payload, 0, list[i].size);
-    input.TakeInto(payload, list[i].size);
+    std::memset(Batch_PageAt(batch, i), 0, list[i].size);
+    input.TakeInto(Batch_PageAt(batch, i), list[i].size);
   }
   Message* message = nullptr;
-  const Result result = Message_Restore(batch, reinterpret_cast<const void*>(address), list.data(),
-                                        list.size(), skipUnpack, &message);
-  if (result != RESULT_OK) {
-    Batch_Destroy(batch);
-    return 0;
-  }
+  if (Message_Restore(batch, reinterpret_cast<const void*>(address), list.data(), list.size(),
+                      skipUnpack, &message) != RESULT_OK)
+    return Batch_Destroy(batch), 0;
   Message* clone = nullptr;
   if (MessagePackCloneForBinarySending(message, &clone) == RESULT_OK) Message_Drop(clone);
   Message_Drop(message);
