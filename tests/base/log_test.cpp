@@ -35,26 +35,17 @@ class LogTest : public ::testing::Test {
   const std::filesystem::path path_;
 };
 
-int VPut(std::int32_t level, const char* file, const char16_t* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const int written = LibLog_VPut(level, file, 7, format, arguments);
-  va_end(arguments);
-  return written;
-}
-
 TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
-  EXPECT_EQ(VPut(LIBLOG_FATAL, "", u"nowhere"), 0);
+  EXPECT_EQ(LibLog_Put(LIBLOG_FATAL, "", 7, u"nowhere"), 0);
   ASSERT_EQ(Attach(), 0);
-  EXPECT_EQ(VPut(LIBLOG_WARNING, "file.c", u"%d %T %s", 1, u"\xE4", "b"), 1);
+  EXPECT_EQ(LibLog_Put(LIBLOG_WARNING, "file.c", 7, u"%d %T %s", 1, u"\xE4", "b"), 1);
   EXPECT_EQ(LibLog_Put(LIBLOG_INFO, "", 5, u"%d", 2), 1);
-  LibLog_Raw(u"raw %d", 4);
   LibLog_Error(u"error %d", 5);
   const std::u16string longFormat(2000, u'x');
   LibLog_Event(LIBLOG_ERROR, 1, "", 0, longFormat.c_str());  // is cut to 1023 units with its head
   EXPECT_EQ(Lines(),
             "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n"
-            "<head>INFO: 2\nraw 4\n<head>ERROR: null(0): error 5\n"
+            "<head>INFO: 2\n<head>ERROR: null(0): error 5\n"
             "<head>ERROR: null(0): EventId=1 Priority=ERROR " +
                 std::string(998, 'x') + "\n");
 }
@@ -62,8 +53,7 @@ TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
 TEST_F(LogTest, ThresholdHoldsLessSevereLevelsBack) {
   ASSERT_EQ(Attach(), 0);
   for (std::int32_t level = -1; level <= 7; ++level)
-    EXPECT_EQ(VPut(level, "", u"x"), level <= LIBLOG_INFO ? 1 : 0) << level;
-  LibLog_Debug(u"unseen");
+    EXPECT_EQ(LibLog_Put(level, "", 7, u"x"), level <= LIBLOG_INFO ? 1 : 0) << level;
   LibLog_SetLevel(1000);
   LibLog_Verbose(u"seen");
   for (const std::int32_t level : {-1, 6, 7}) LibLog_Event(level, 1, "", 0, u"unseen");

@@ -121,20 +121,15 @@ TEST_F(MessageTest, MessagesOfEveryTagArriveWithTheirFields) {
 }
 
 TEST_F(MessageTest, IncompleteMessagesAreNotCloned) {
-  const auto result = [](const Owner& source) {
+  const Owner sources[] = {Make(kGetInstanceReq), Make(kGetInstanceReq), Make(kPostInstanceMsg)};
+  Message_Field<void*>(sources[0].get(), 136) = nullptr;
+  Message_Field<void*>(sources[1].get(), 144) = nullptr;
+  sources[2]->tag |= kTagIsRequest;  // whose request head would lie behind the record
+  for (const Owner& source : sources) {
     Message* clone = nullptr;
-    const Result cloned = MessagePackCloneForBinarySending(source.get(), &clone);
+    EXPECT_EQ(MessagePackCloneForBinarySending(source.get(), &clone), RESULT_INVALID_PARAMETER);
     EXPECT_EQ(clone, nullptr);
-    return cloned;
-  };
-  for (const std::uint64_t missing : {136u, 144u}) {
-    const Owner source = Make(kGetInstanceReq);
-    Message_Field<void*>(source.get(), missing) = nullptr;
-    EXPECT_EQ(result(source), RESULT_INVALID_PARAMETER);
   }
-  const Owner shortRequest = Make(kPostInstanceMsg);
-  shortRequest->tag |= kTagIsRequest;  // whose request head would lie behind the record
-  EXPECT_EQ(result(shortRequest), RESULT_INVALID_PARAMETER);
 }
 
 constexpr std::uint64_t kFar = 100'000'000;

@@ -1,5 +1,5 @@
-// Fuzz target: a packed instance as another process might send it. What is read is copied
-// out, converted to classes of a schema, packed and read again: the second form must be the first.
+// Fuzz target: a packed instance as another process might send it. What is read is copied out,
+// converted to classes of a schema, packed and read again: the second form must be the first.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
