@@ -151,6 +151,10 @@ TEST_F(ClassTest, MethodsAndParametersAreReadByIndexAndByName) {
       RESULT_OK);
   EXPECT_EQ(Join(name_, qualifiers_.count, parameters_.count, origin_, from_, flags_),
             "Spin 2 2 Origin Propagator 2 ");
+  EXPECT_NE(qualifiers_.qualifiers[0], &fan_schema::kOctets);  // a copy, with the same content
+  EXPECT_EQ(QualifierSet_FindQualifier(&qualifiers_, u"VERSION", &type_, &flags_, &value_, nullptr),
+            RESULT_OK);
+  EXPECT_EQ(Join(type_, flags_, value_.uint64), "5 1025 4 ");
   ASSERT_EQ(Class_FindMethod(made_, u"HALT", &qualifiers_, &parameters_, &index_), RESULT_OK);
   EXPECT_EQ(Join(qualifiers_.count, parameters_.count, index_), "0 1 1 ");
   ASSERT_EQ(Class_FindMethod(made_, u"SPIN", &qualifiers_, &parameters_, &index_), RESULT_OK);

@@ -38,7 +38,7 @@ struct Given {
   std::uint32_t flags = 0;
 };
 
-// Owns an instance and deletes it. Stands where its instance would.
+// Owns an instance and deletes it. Converts to the instance.
 class Owned {
  public:
   Owned() = default;
