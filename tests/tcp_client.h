@@ -20,7 +20,8 @@ class TcpClient {
     ::setsockopt(sock_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
     const SocketAddress address = LoopbackAddress(port);
-    connected_ = ::connect(sock_, address.Get(), address.size) == 0;
+    connected_ =
+        TEMP_FAILURE_RETRY(::connect(sock_, address.Get(), address.size)) == 0 || errno == EISCONN;
   }
   TcpClient(const TcpClient&) = delete;
   TcpClient& operator=(const TcpClient&) = delete;
