@@ -13,7 +13,7 @@ import time
 import xml.etree.ElementTree as ElementTree
 
 PROGRESS_SECONDS = 30
-FINISHED = re.compile(r"^ *(\d+)/(\d+) Test +#\d+: (\S+) \.* *(\S.*?)  +[\d.]+ sec")
+FINISHED = re.compile(r"^ *(\d+)/(\d+) Test +#\d+: .*? \.* *(Passed|\*\*\*\S+|Not Run)\b.* sec$")
 STARTED = re.compile(r"^ +Start +\d+: |^Test project |^$")
 
 
@@ -41,7 +41,7 @@ def run(folder, options, junit):
                 summary.append(line.rstrip("\n"))
                 continue
             if found := FINISHED.match(line):
-                failing = found[4] not in ("Passed", "***Skipped")
+                failing = found[3] not in ("Passed", "***Skipped")
                 failures += failing
                 if time.monotonic() - shown > PROGRESS_SECONDS:
                     shown = time.monotonic()

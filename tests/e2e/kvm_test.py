@@ -5,8 +5,8 @@ import re
 import signal
 import unittest
 
-from stewardry_lab import HOST, LabTest, run, until
-from vnc import VNC_PORT, Viewer, capture, is_refused, pixels
+from stewardry_lab import HOST, LabTest, connection_is_dropped, run, until
+from vnc import VNC_PORT, Viewer, capture, pixels
 
 LISTENING = "Bind to port %d successful" % VNC_PORT
 ANNOUNCED = "announces a KVM connection to port 22"
@@ -151,7 +151,7 @@ class Access(Kvm):
     def test_only_the_trusted_address_is_accepted_from_any_port(self):
         self.enable("kvm trust 192.0.2.77 5900")
         self.logged("IP: 0x4d0200c0 & Port: 0x170c")
-        self.assertTrue(is_refused())
+        self.assertTrue(connection_is_dropped(VNC_PORT))
         self.logged("KVM IP validation failed")
         self.assertNotIn(ANNOUNCED, self.orrin.text())
         self.orrin.tell("kvm trust 127.0.0.1 1")
@@ -159,13 +159,13 @@ class Access(Kvm):
         self.logged(LISTENING, 2)
         self.assert_captures_picture()
         self.ended()
-        self.assertTrue(is_refused(), "the next session needs an enable")
+        self.assertTrue(connection_is_dropped(VNC_PORT), "the next session needs an enable")
         self.assertEqual(self.orrin.text().count(ANNOUNCED), 1)
 
     def test_first_viewer_sees_each_change_beside_a_refused_second(self):
         self.enable()
         first = self.viewer()
-        self.assertTrue(is_refused())
+        self.assertTrue(connection_is_dropped(VNC_PORT))
         self.logged("New KVM connection dropped")
         for _ in range(20):
             self.orrin.tell("kvm paint")

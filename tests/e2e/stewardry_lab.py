@@ -241,9 +241,9 @@ def curl(path="/", *words, data=None):
         check=True).stdout
 
 
-def connect():
-    """A bare TCP connection to the port: what the relay moves, without TLS around it."""
-    return socket.create_connection((HOST, PORT), PATIENCE)
+def connect(port=PORT):
+    """A bare TCP connection: what the relay moves, without TLS around it."""
+    return socket.create_connection((HOST, port), PATIENCE)
 
 
 def receive(peer, size):
@@ -253,10 +253,10 @@ def receive(peer, size):
     return got
 
 
-def connection_is_dropped():
+def connection_is_dropped(port=PORT):
     """Connects and sends nothing. A refused connection raises, as no one listens."""
     try:
-        with connect() as peer:
+        with connect(port) as peer:
             return peer.recv(1) == b""
     except ConnectionResetError:  # perhaps even before connect returns
         return True
