@@ -98,8 +98,12 @@ class Service {
     if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(*gServiceStopEvent);
     if (!Eventually([this] { return Returned(); })) return false;
     body_.join();
-    std::filesystem::remove_all(lab_);
-    return true;
+    // The pipes' threads run on, and may write a file in between.
+    return Eventually([this] {
+      std::error_code error;
+      std::filesystem::remove_all(lab_, error);
+      return !error;
+    });
   }
 
  private:
