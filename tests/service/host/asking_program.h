@@ -15,7 +15,7 @@ namespace stewardry {
 
 class AskingProgram {
  public:
-  // Without GoogleTest, which a fuzz target has not: a socket that is not listening meets nobody.
+  // Uses no GoogleTest, since a fuzz target links none. If the bind fails, Meet returns false.
   AskingProgram(const std::string& lab, const std::string& pipe) : path_(lab + "/pipe/" + pipe) {
     std::filesystem::create_directories(lab + "/pipe");
     sockaddr_un address{};
