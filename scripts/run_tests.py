@@ -30,7 +30,8 @@ def reasons(output):
 
 def run(folder, options, junit):
     """Runs ctest; prints failures as they come. Returns ctest's exit code and its summary."""
-    command = ["ctest", "--test-dir", folder, "--output-on-failure", "--output-junit", junit, *options]
+    command = ["ctest", "--test-dir", folder, "--output-on-failure", "--output-junit", junit,
+               *options]
     summary, failing, shown, failures = [], False, time.monotonic(), 0
     with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                           errors="replace") as ctest:
@@ -45,7 +46,8 @@ def run(folder, options, junit):
                 failures += failing
                 if time.monotonic() - shown > PROGRESS_SECONDS:
                     shown = time.monotonic()
-                    print("   %s of %s tests, %d failed" % (found[1], found[2], failures), flush=True)
+                    print("   %s of %s tests, %d failed" % (found[1], found[2], failures),
+                          flush=True)
                 if not failing:
                     continue
             elif not failing and STARTED.match(line):
@@ -62,7 +64,8 @@ def report(junit):
         output = case.findtext("system-out") or ""
         skipped = list(reasons(output))
         for name, reason in skipped:
-            print("skipped: %s: %s" % (" ".join(filter(None, [case.get("name"), name])), reason))
+            where = case.get("name") if name in case.get("name") else case.get("name") + " " + name
+            print("skipped: %s: %s" % (where, reason))
         # A program of several cases counts as its cases.
         cases = re.search(r"^\[=+\] (\d+) tests? from .* ran\.|^Ran (\d+) tests? in ", output, re.M)
         total = int(cases[1] or cases[2]) if cases else 1
@@ -70,7 +73,7 @@ def report(junit):
                            "failed programs": case.get("status") == "fail",
                            "seconds": float(case.get("time") or 0)}
     for preset, count in counts.items():
-        print("preset %-8s %4d cases in %4d tests, %d skipped, %d tests failed; %.0f s of test time" %
+        print("preset %-8s %4d cases in %4d tests, %d cases skipped, %d tests failed, %.0f s" %
               (preset, count["cases"], count["programs"], count["skipped"],
                count["failed programs"], count["seconds"]))
 

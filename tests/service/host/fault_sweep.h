@@ -61,10 +61,6 @@ inline Outcome Tell(Outcome outcome, const std::string& hit) {
   return outcome;
 }
 
-inline void Pause(int milliseconds) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 // The whole service in this process, behind a firmware and on a host with a network; the gate is
 // armed. Made once in a process.
 class Service {
@@ -166,9 +162,6 @@ inline std::vector<std::uint64_t> Choose(const Calls& calls) {
 // One part of the kShards of a scenario's sweep. It is whole under AddressSanitizer; elsewhere
 // every eighth of the chosen calls will do.
 inline void Sweep(Scenario scenario, int part) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a failed wait is no synchronisation: the sweep is for AddressSanitizer";
-#endif
 #if defined(__SANITIZE_ADDRESS__)
   const std::size_t step = kShards;
 #else
