@@ -1,6 +1,4 @@
 // Instances of all texts onto the classes of a schema: values, keys, names, nested instances.
-#include <cstring>
-#include <functional>
 #include <memory>
 
 #include "base/instance/typed_instance.h"

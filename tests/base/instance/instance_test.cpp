@@ -171,20 +171,24 @@ TEST(InstanceTest, AFailedChangeLeavesTheOldContent) {
 
 TEST(InstanceTest, AnArrayIsFilledElementByElement) {
   Owned made(u"Fan", {{u"Texts", CIM_STRINGA, {}}, {u"Refs", CIM_REFERENCEA, {}}});
+  made.Add({u"Words", CIM_UINT16A, {}});
   Instance* const key = made;
-  std::uint32_t texts = 9, refs = 9;
+  std::uint32_t texts = 9, refs = 9, words = 9;
   ASSERT_EQ(Instance_ReserveArray(made, u"TEXTS", CIM_STRING, 0, 2, &texts), RESULT_OK);
   ASSERT_EQ(Instance_ReserveArray(made, u"Refs", CIM_REFERENCE, FLAG_NULL, 1, &refs), RESULT_OK);
-  EXPECT_FALSE(Read(made, u"Texts").IsNull());
+  ASSERT_EQ(Instance_ReserveArray(made, u"Words", CIM_UINT16, 0, 2, &words), RESULT_OK);
   EXPECT_TRUE(Read(made, u"Refs").IsNull());
-  for (const char16_t* text : {u"one", u"two"})
+  for (const char16_t* text : {u"one", u"two"}) {
     EXPECT_EQ(Instance_AppendToArray(made, texts, &text), RESULT_OK);
+    EXPECT_EQ(Instance_AppendToArray(made, words, text + 1), RESULT_OK);
+  }
   EXPECT_EQ(Instance_AppendToArray(made, refs, &key), RESULT_OK);
   const CimValue list = Read(made, u"Texts", CIM_STRINGA);
   EXPECT_EQ(u16string(ElementsOf<const char16_t*>(list).at(1)), u"two");
+  EXPECT_EQ(ElementsOf<char16_t>(Read(made, u"Words", CIM_UINT16A)), (std::vector{u'n', u'w'}));
   EXPECT_NE(ElementsOf<Instance*>(Read(made, u"Refs", CIM_REFERENCEA)).at(0), key);
   made.Add({u"Lent", CIM_STRINGA, list, FLAG_BORROW});
-  EXPECT_EQ(Instance_AppendToArray(made, 2, &key), RESULT_FAILED);
+  EXPECT_EQ(Instance_AppendToArray(made, 3, &key), RESULT_FAILED);
 }
 
 TEST(InstanceTest, ADynamicDefinitionIsCopiedByWhatOutlivesIt) {

@@ -1,7 +1,6 @@
 // The packed form byte for byte, and what survives it.
 #include "base/instance/packing.h"
 
-#include <bit>
 #include <string_view>
 
 #include "base/instance/instance_body.h"
