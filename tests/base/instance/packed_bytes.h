@@ -12,6 +12,11 @@
 
 namespace stewardry::packed_bytes {
 
+// The head of a "Fan", and with one property "V" up to its type: 40 bytes.
+inline const std::string kHead = "57 99 2B 46  01 00 00 00  04 00 00 00 'Fan' 00 00  00 00 00 00 ";
+inline const std::string kOne = kHead + "01 00 00 00  00 00 00 00  02 00 00 00 'V' 00 00 ";
+inline const std::string kTail = " E3 74 F4 76";
+
 constexpr int kFiller = -1;
 
 inline std::vector<int> Parse(const std::string& text) {

@@ -26,10 +26,8 @@ constexpr std::array<const Definition*, Count> ListOf(const Definition (&definit
 }
 
 inline constexpr std::uint8_t kYes = 1, kNo = 0;
-inline constexpr std::uint32_t kNumber = 1;
 inline constexpr QualifierDef kOctets[] = {{u"OCTETSTRING", CIM_BOOLEAN, 0, &kYes},
-                                           {u"Octetstring", CIM_BOOLEAN, 0, &kNo},
-                                           {u"Octetstring", CIM_UINT32, 0, &kNumber}};
+                                           {u"Octetstring", CIM_BOOLEAN, 0, &kNo}};
 inline constexpr auto kOctetList = ListOf(kOctets);
 
 inline constexpr PropertyDef kDiskProperties[] = {
@@ -37,10 +35,9 @@ inline constexpr PropertyDef kDiskProperties[] = {
     Slot(1, u"Size", CIM_UINT64),
     Slot(2, u"Data", CIM_UINT8A, 0, nullptr, &kOctetList[0], 1),
     Slot(3, u"Raw", CIM_UINT8A, 0, nullptr, &kOctetList[1], 1),
-    Slot(4, u"Odd", CIM_UINT8A, 0, nullptr, &kOctetList[2], 1),
-    Slot(5, u"Made", CIM_DATETIME),
-    Slot(6, u"Labels", CIM_STRINGA),
-    Slot(7, u"Temperatures", CIM_SINT32A),
+    Slot(4, u"Made", CIM_DATETIME),
+    Slot(5, u"Labels", CIM_STRINGA),
+    Slot(6, u"Temperatures", CIM_SINT32A),
 };
 inline constexpr auto kDiskList = ListOf(kDiskProperties);
 
@@ -74,12 +71,10 @@ constexpr ClassDef Class(const char16_t* name,
           kSize,      nullptr,         nullptr, nullptr, 0, &kSchema};
 }
 inline constexpr ClassDef kDisk = Class(u"Disk", kDiskList), kRack = Class(u"Rack", kRackList);
-inline constexpr ClassDef kSecondKind = {
-    .flags = FLAG_KIND_10, .nameCode = Name_Code(u"SecondKind"), .name = u"SecondKind", .size = 64};
 inline constexpr MethodDef kFit = {FLAG_METHOD, Name_Code(u"Fit"), u"Fit",  nullptr,
                                    0,           kFitList.data(),   3,       184,
                                    CIM_UINT32,  nullptr,           nullptr, &kSchema};
-inline const ClassDef* const kClasses[] = {&kDisk, &kRack, &kSecondKind};
-inline const SchemaDef kSchema = {kClasses, 3, nullptr, 0};
+inline const ClassDef* const kClasses[] = {&kDisk, &kRack};
+inline const SchemaDef kSchema = {kClasses, 2, nullptr, 0};
 
 }  // namespace stewardry::rack_schema
