@@ -175,8 +175,8 @@ class LabTest(unittest.TestCase):
     def start(self, name, *words):
         return self.add(Process(self, "%s-%d" % (name, len(self.processes)), *words))
 
-    def start_orrin(self, socket_name="mailbox0", *commands):
-        orrin = self.add(Orrin(self, "--socket", socket_name))
+    def start_orrin(self, *commands):
+        orrin = self.add(Orrin(self, "--socket", "mailbox0"))
         if commands:
             orrin.tell(*commands)
         return orrin
@@ -188,7 +188,7 @@ class LabTest(unittest.TestCase):
         return service
 
     def start_both(self, *commands):
-        self.orrin = self.start_orrin("mailbox0", *commands)
+        self.orrin = self.start_orrin(*commands)
         self.service = self.start_service()
 
     # What the programs have left in the lab folder.
@@ -241,9 +241,9 @@ def curl(path="/", *words, data=None):
         check=True).stdout
 
 
-def connect():
+def connect(port=PORT):
     """A bare TCP connection to the port: what the relay moves, without TLS around it."""
-    return socket.create_connection((HOST, PORT), PATIENCE)
+    return socket.create_connection((HOST, port), PATIENCE)
 
 
 def receive(peer, size):
@@ -253,10 +253,10 @@ def receive(peer, size):
     return got
 
 
-def connection_is_dropped():
+def connection_is_dropped(port=PORT):
     """Connects and sends nothing. A refused connection raises, as no one listens."""
     try:
-        with connect() as peer:
+        with connect(port) as peer:
             return peer.recv(1) == b""
     except ConnectionResetError:  # perhaps even before connect returns
         return True

@@ -1,10 +1,9 @@
 """Two viewers that are not ours: gvnccapture (gtk-vnc) saves one picture, and vnc_viewer passes
 commands to libvncclient."""
 import ctypes
-import socket
 import subprocess
 
-from stewardry_lab import HOST, PATIENCE, Process, is_dropped, until
+from stewardry_lab import HOST, PATIENCE, Process, until
 
 VNC_PORT = 22
 _FIRST_DISPLAY = 5900  # gvnccapture adds it to the display number
@@ -27,15 +26,6 @@ def capture(path):
     subprocess.run(["gvnccapture", "%s:%d" % (HOST, VNC_PORT - _FIRST_DISPLAY), path], check=True,
                    timeout=PATIENCE * 2, capture_output=True)
     return pixels(path)
-
-
-def is_refused():
-    """Whether a connection to the port is closed before the firmware's first byte."""
-    try:
-        with socket.create_connection((HOST, VNC_PORT), PATIENCE) as peer:
-            return is_dropped(peer)
-    except ConnectionResetError:
-        return True
 
 
 class Viewer(Process):
