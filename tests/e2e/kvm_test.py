@@ -3,7 +3,6 @@ behind the mailbox, and a stand-in agent that writes down what it would play int
 import os
 import re
 import signal
-import unittest
 
 from stewardry_lab import HOST, LabTest, connection_is_dropped, run, until
 from vnc import VNC_PORT, Viewer, capture, pixels
