@@ -1,14 +1,13 @@
-# DASH over the relay, seen by clients that know nothing of it: curl, openssl s_client, and bare
-# sockets where the relay itself is what matters.
+# DASH over the relay, seen by clients that know nothing of it: curl, and bare sockets where the
+# relay itself is what matters.
 import json
 import os
 import platform
 import socket
 import struct
-import subprocess
 
-from stewardry_lab import (ADAPTER, BOUND, HOST, PATIENCE, PORT, LabTest, connect,
-                           connection_is_dropped, curl, receive, run)
+from stewardry_lab import (ADAPTER, BOUND, HOST, PORT, LabTest, connect, connection_is_dropped,
+                           curl, receive, run)
 
 ANNOUNCED = "announces a DASH connection to port 664"
 ENDED = "the DASH connection has ended, port (664)"
@@ -44,22 +43,6 @@ class Dash(LabTest):
             self.assertTrue(curl("/echo", target, data=body) == body * 2, size)
         self.assertEqual(self.orrin.text().count(ANNOUNCED), 3)
 
-    def test_tls_1_2_and_1_3_are_served_and_older_ones_refused(self):
-        self.start_both()
-        for option, version in (("-tls1_3", "TLSv1.3"), ("-tls1_2", "TLSv1.2"), ("-tls1_1", None)):
-            with self.subTest(option):
-                done = subprocess.run(
-                    ["openssl", "s_client", "-connect", "%s:%d" % (HOST, PORT), "-brief",
-                     "-ign_eof", option], capture_output=True, timeout=PATIENCE,
-                    input=b"GET / HTTP/1.1\r\nHost: orrin\r\nConnection: close\r\n\r\n")
-                output = (done.stdout + done.stderr).decode()
-                if version:
-                    self.assertRegex(output, "Protocol version: %s\n(.|\n)*CN ?= ?orrin" % version)
-                    self.assertIn('"serviceVersion":"1.0.0.533"', output)
-                else:
-                    self.assertNotEqual(done.returncode, 0)
-                    self.assertNotIn("HTTP/1.1 200", output)
-
     def test_each_end_of_a_connection_reaches_the_firmware(self):
         self.start_both()
         for data, abort in ((b"", 0), (b"", 1), (b"bytes", 0), (b"bytes", 1)):
@@ -77,21 +60,6 @@ class Dash(LabTest):
         self.assertEqual(self.orrin.text().count("WriteDASHPacket"), 2)
         curl("/")
         self.logged("Client closed the connection so returned false", 4)
-
-    def test_a_second_peer_replaces_the_first(self):
-        self.start_both()
-        with connect() as first:
-            first.sendall(b"first")
-            before = self.orrin.saw("WriteDASHPacket: 5 bytes")
-            with connect() as second:
-                self.assertEqual(first.recv(1), b"")
-                second.sendall(b"second")
-                self.orrin.saw_all([ENDED, "from %s:%d;" % second.getsockname(),
-                                    "WriteDASHPacket: 6 bytes"], before)
-                self.orrin.tell("dash for the second")
-                self.assertEqual(receive(second, 14), b"for the second")
-        self.assert_order(self.log(), ["After sock close", "After freeing the memory",
-                                       "New HTTPS DASH request arrived at Tavrin"])
 
 
 class Listener(LabTest):
@@ -157,10 +125,6 @@ class Firmware(LabTest):
                         self.orrin.saw("WriteDASHPacket: %d bytes" % len(data), before)
                 self.orrin.saw(ENDED, before)
                 self.logged("GetOverlappedResult failed for %s with error: 31" % name)
-        self.orrin.tell("fail GetOrrinStatus 31 1")
-        self.assertTrue(connection_is_dropped())
-        self.logged("ORRIN Status return failed")
-        self.logged(BOUND, 2)
         curl("/")
 
     def test_frames_of_every_length_reach_the_peer(self):

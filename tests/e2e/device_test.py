@@ -1,4 +1,4 @@
-# The mailbox device: absent, lost, several; and the firmware's commands that need no connection.
+# The mailbox device, absent or lost; and the firmware's commands that need no connection.
 import json
 import signal
 
@@ -12,19 +12,13 @@ class Device(LabTest):
         self.assertTrue(service.is_running)
 
     def test_a_service_without_its_device_runs(self):
-        for name, prepare, line in (
-                ("no interface", lambda: None, "No device interfaces present"),
-                ("no firmware behind it", lambda: self.start_orrin().end(signal.SIGKILL),
-                 "Failed in open device \\\\?\\GLOBALROOT\\Device\\000000c8 with error: 2")):
-            with self.case(name):
-                prepare()
-                service = self.start_service()
-                self.logged(line, 2)  # once for each of the two handles
-                self.logged("Cannot open device")
-                self.assert_refuses(service)
-                self.assert_order(self.log(), [
-                    line, "Setting value to WriteTavrinStatus", "Invalid handle <", BOUND,
-                    "Provisioning not done."])
+        service = self.start_service()
+        self.logged("No device interfaces present", 2)  # once for each of the two handles
+        self.logged("Cannot open device")
+        self.assert_refuses(service)
+        self.assert_order(self.log(), [
+            "No device interfaces present", "Setting value to WriteTavrinStatus",
+            "Invalid handle <", BOUND, "Provisioning not done."])
 
     def test_a_lost_device_ends_the_reader_alone(self):
         self.start_both()
@@ -38,19 +32,6 @@ class Device(LabTest):
         self.assert_order(self.log(), [
             "Asynchronous GetOrrinStatus command failed with error: 1167",
             "ORRIN Status return failed"])
-
-    def test_a_failed_read_ends_the_reader(self):
-        self.start_both()
-        self.orrin.tell("failread 1117")
-        self.logged("GetQueuedCompletionStatus failed 1117")
-        self.orrin.saw("CLOSE of the interrupt handle")
-        self.assertTrue(self.service.is_running)
-
-    def test_the_last_of_two_interfaces_is_used(self):
-        first, last = (self.start_orrin(name) for name in ("mailbox0", "mailbox1"))
-        self.start_service()
-        last.saw("OPEN of the interrupt handle")
-        self.assertNotIn("host > firmware", first.text())
 
 
 class Commands(LabTest):

@@ -3,7 +3,6 @@ behind the mailbox, and a stand-in agent that writes down what it would play int
 import os
 import re
 import signal
-import unittest
 
 from stewardry_lab import HOST, LabTest, connection_is_dropped, run, until
 from vnc import VNC_PORT, Viewer, capture, pixels
@@ -51,10 +50,6 @@ class Kvm(LabTest):
         self.orrin.tell("kvm on", *commands)
         self.logged(LISTENING)
 
-    def enable_again(self):
-        self.orrin.tell("kvm on")
-        self.logged("Setting KVM Enabled to true", self.orrin.text().count("KVM_ENABLE_STATUS"))
-
     def viewer(self):
         """Returns a viewer that sees the screen, once a new agent is ready to play its input."""
         runs = len(self.agents())
@@ -92,6 +87,8 @@ class Kvm(LabTest):
 
 
 class Sessions(Kvm):
+    COUNT = 20  # of sessions in a row
+
     def test_capture_is_the_painted_picture(self):
         self.enable("kvm paint 4711")
         self.assert_captures_picture()
@@ -130,10 +127,19 @@ class Sessions(Kvm):
         self.assertAlmostEqual(places[2][0] / places[0][0], 10, delta=0.1)
         self.assertAlmostEqual(places[2][1] / places[0][1], 5, delta=0.1)
 
-    def test_twenty_sessions_in_a_row(self):
+    def test_dead_agent_is_replaced(self):
+        self.enable()
+        viewer = self.viewer()
+        self.kill_agent(self.agents()[-1])
+        until(lambda: len(self.agents()) == 2, "another agent")
+        viewer.tell("type z")
+        self.assert_played(typed("z"))
+
+    def test_sessions_follow_each_other(self):
         self.start_both()
-        for session in range(1, 21):
-            self.enable_again()
+        for session in range(1, self.COUNT + 1):
+            self.orrin.tell("kvm on")
+            self.logged("Setting KVM Enabled to true", session)
             self.logged(LISTENING)
             viewer = self.viewer()
             viewer.tell("type " + "abc"[session % 3])
@@ -173,24 +179,12 @@ class Access(Kvm):
             self.assertEqual(pixels(self.path("seen.ppm")), self.painted())
         self.assertEqual(self.orrin.text().count(ANNOUNCED), 1)
 
-
-class Mishaps(Kvm):
-    FLOOD = 4000  # key events; the agent's backlog holds them while it is paused
-
-    def test_dead_agent_is_replaced(self):
-        self.enable()
-        viewer = self.viewer()
-        self.kill_agent(self.agents()[-1])
-        until(lambda: len(self.agents()) == 2, "another agent")
-        viewer.tell("type z")
-        self.assert_played(typed("z"))
-
     def test_flood_of_keys_arrives_whole_and_in_order(self):
         self.enable()
         self.viewer()
-        self.orrin.tell("kvm flood keys %d" % self.FLOOD)
+        self.orrin.tell("kvm flood keys 4000")
         letters = "abcdefghijklmnopqrstuvwxyz"
-        self.assert_played(typed("".join(letters[i % 26] for i in range(self.FLOOD // 2))))
+        self.assert_played(typed("".join(letters[i % 26] for i in range(2000))))
 
 
 if __name__ == "__main__":

@@ -175,8 +175,8 @@ class LabTest(unittest.TestCase):
     def start(self, name, *words):
         return self.add(Process(self, "%s-%d" % (name, len(self.processes)), *words))
 
-    def start_orrin(self, socket_name="mailbox0", *commands):
-        orrin = self.add(Orrin(self, "--socket", socket_name))
+    def start_orrin(self, *commands):
+        orrin = self.add(Orrin(self, "--socket", "mailbox0"))
         if commands:
             orrin.tell(*commands)
         return orrin
@@ -188,7 +188,7 @@ class LabTest(unittest.TestCase):
         return service
 
     def start_both(self, *commands):
-        self.orrin = self.start_orrin("mailbox0", *commands)
+        self.orrin = self.start_orrin(*commands)
         self.service = self.start_service()
 
     # What the programs have left in the lab folder.
@@ -242,7 +242,7 @@ def curl(path="/", *words, data=None):
 
 
 def connect(port=PORT):
-    """A bare TCP connection: what the relay moves, without TLS around it."""
+    """A bare TCP connection to the port: what the relay moves, without TLS around it."""
     return socket.create_connection((HOST, port), PATIENCE)
 
 

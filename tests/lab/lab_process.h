@@ -40,11 +40,6 @@ class LabProcess {
     waitpid(pid_, nullptr, 0);
   }
 
-  void Type(const std::string& line) {
-    const std::string bytes = line + "\n";
-    EXPECT_EQ(send(terminal_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
   // Waits until the output holds the text. Returns false at the end of the output.
   bool Prints(const std::string& text) {
     while (output_.find(text) == std::string::npos) {

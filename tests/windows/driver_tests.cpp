@@ -23,8 +23,6 @@ namespace {
 constexpr GUID kMailboxClass = {
     0x70A9067B, 0x708F, 0x443C, {0x84, 0xBA, 0xBC, 0x39, 0x1F, 0xDB, 0xF7, 0x2B}};
 constexpr DWORD kPatience = 60000;  // milliseconds; a bound on a hang
-constexpr DWORD kAskRegion = 0x9C416450;
-constexpr DWORD kGiveBackRegion = 0x9C416454;
 constexpr DWORD kReadRequest = 0x9C416424;
 
 std::string MailboxPath() {
@@ -82,22 +80,19 @@ class Transfer {
     return WaitForSingleObject(record_.hEvent, milliseconds) == WAIT_OBJECT_0;
   }
   // Returns 0 or the platform's error.
-  DWORD Await(DWORD* bytes) {
+  DWORD Await() {
     if (error_ != ERROR_IO_PENDING) return error_;
     if (!HasEnded(kPatience)) return WAIT_TIMEOUT;
-    return GetOverlappedResult(device_, &record_, bytes, FALSE) ? 0 : GetLastError();
+    return GetOverlappedResult(device_, &record_, &size_, FALSE) ? 0 : GetLastError();
   }
-  DWORD Await() {
-    DWORD bytes = 0;
-    return Await(&bytes);
-  }
+  DWORD Size() const { return size_; }  // of what came, once it has ended
 
  private:
   void Start(BOOL done) { error_ = done ? 0 : GetLastError(); }
 
   HANDLE device_;
   OVERLAPPED record_{};
-  DWORD error_ = 0;
+  DWORD error_ = 0, size_ = 0;
 };
 
 struct Message {
@@ -114,17 +109,17 @@ class Driver : public ::testing::Test {
     std::vector<char> inbox(sizeof(lablink::Head) + lablink::kMaxBody);
     for (;;) {
       Message message;
-      DWORD size = 0;
       Transfer read(bridge_);
       read.Read(inbox);
-      if (read.Await(&size) != 0 || size < sizeof message.head) return message;
+      if (read.Await() != 0 || read.Size() < sizeof message.head) return message;
       std::memcpy(&message.head, inbox.data(), sizeof message.head);
-      message.body.assign(inbox.data() + sizeof message.head, size - sizeof message.head);
+      message.body.assign(inbox.data() + sizeof message.head, read.Size() - sizeof message.head);
       if (message.head.kind == kind) return message;
     }
   }
-  DWORD Send(std::uint32_t kind, std::uint64_t id, std::uint32_t word, std::string_view body) {
-    const lablink::Head head{lablink::kMagic, kind, id, word,
+  // Answers a request. Returns 0 or the platform's error.
+  DWORD Answer(std::uint64_t id, std::string_view body) {
+    const lablink::Head head{lablink::kMagic, lablink::kComplete, id, 0,
                              static_cast<std::uint32_t>(body.size())};
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
     Transfer write(bridge_);
@@ -145,12 +140,11 @@ TEST_F(Driver, CancelOrCloseEndsARequestOnce) {
   one.Cancel();
   EXPECT_EQ(one.Await(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
   EXPECT_EQ(Next(lablink::kCancel).head.id, id);
-  EXPECT_EQ(Send(lablink::kComplete, id, 0, "late"), 0u);
+  EXPECT_EQ(Answer(id, "late"), 0u);
   EXPECT_FALSE(two.HasEnded(0));
-  EXPECT_EQ(Send(lablink::kComplete, id + 1, 0, "whole"), 0u);
-  DWORD size = 0;
-  EXPECT_EQ(two.Await(&size), 0u);
-  EXPECT_EQ(std::string(output.data(), size), "whole");
+  EXPECT_EQ(Answer(id + 1, "whole"), 0u);
+  EXPECT_EQ(two.Await(), 0u);
+  EXPECT_EQ(std::string_view(output.data(), two.Size()), "whole");
 
   Transfer read(reads_);
   read.Read(output);
@@ -166,37 +160,11 @@ TEST_F(Driver, RequestWithAnAnswerAndACancelAtOnceEnds) {
     request.Ask(kReadRequest, output);
     const std::uint64_t id = Next(lablink::kRequest).head.id;
     std::thread canceller([&] { request.Cancel(); });
-    EXPECT_EQ(Send(lablink::kComplete, id, 0, "answer"), 0u);
+    EXPECT_EQ(Answer(id, "answer"), 0u);
     canceller.join();
     const DWORD error = request.Await();
     EXPECT_TRUE(error == 0 || error == ERROR_OPERATION_ABORTED) << error;
   }
-}
-
-TEST_F(Driver, RegionIsSharedUntilItIsGivenBack) {
-  std::uint64_t address[2] = {};
-  const std::span output(reinterpret_cast<char*>(address), sizeof address);
-  Transfer ask(requests_);
-  ask.Ask(kAskRegion, output);
-  EXPECT_EQ(Send(lablink::kComplete, Next(lablink::kRequest).head.id, 0,
-                 std::string("\1\0\0\0\0\0\0\0", 8) + std::string(8, '\0')),
-            0u);
-  ASSERT_EQ(ask.Await(), 0u);
-  auto* region = reinterpret_cast<volatile char*>(address[0]);
-  ASSERT_NE(region, nullptr);
-  EXPECT_EQ(Send(lablink::kPoke, 0, 65532, "poke"), 0u);
-  EXPECT_EQ(region[65532], 'p');
-  region[1] = 'w';
-  EXPECT_EQ(Send(lablink::kPeek, 0, 0, std::string_view("\2\0\0\0", 4)), 0u);
-  EXPECT_EQ(Next(lablink::kMemory).body[1], 'w');
-
-  Transfer giveBack(requests_);
-  giveBack.Ask(kGiveBackRegion, output.first(8));
-  EXPECT_EQ(Send(lablink::kComplete, Next(lablink::kRequest).head.id, 0, std::string(8, '\0')), 0u);
-  EXPECT_EQ(giveBack.Await(), 0u);
-  MEMORY_BASIC_INFORMATION info{};
-  VirtualQuery(const_cast<char*>(region), &info, sizeof info);
-  EXPECT_EQ(info.State, static_cast<DWORD>(MEM_FREE));
 }
 
 }  // namespace

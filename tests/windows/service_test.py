@@ -2,19 +2,19 @@
 # mailbox driver, with the firmware simulator behind it and foreign clients in front.
 import json
 import os
-import signal
 import unittest
 
 import wine_lab
-from wine_lab import SERVICE, WineLabTest, prefix, program, setup
+from wine_lab import WineLabTest, prefix, program, setup
 
 import dash_test  # from the Linux lab, whose path wine_lab adds
 import indications_test
 import kvm_test
 import pipes_test
 import power_test
-from stewardry_lab import ADAPTER, BOUND, connect, connection_is_dropped, curl
+from stewardry_lab import ADAPTER, BOUND, connection_is_dropped, curl, until
 
+SERVICE = "QuillonSvc"
 KEY = "HKLM\\System\\CurrentControlSet\\Services\\" + SERVICE
 BANNER = "Quillon Stewardry Service 1.0.0.533 started on Windows version: "
 
@@ -50,14 +50,27 @@ class Driver(unittest.TestCase):
 
 
 class Managed(WineLabTest):
-    def start_managed(self, *commands, ready=BOUND):
-        self.orrin = self.start_orrin(*commands)
-        self.assertNotIn("error", self.scm("start"))
-        self.logged(ready)
+    def _close(self):
+        try:
+            if "SERVICE_STOPPED" not in self.scm("status"):
+                self.stop_managed()
+        finally:
+            super()._close()
+
+    def scm(self, command, *words):
+        """Returns what the service manager answers."""
+        return prefix().run(program("scm.exe"), command, SERVICE, *words)[0]
+
+    def stop_managed(self):
+        self.scm("control", "1")
+        until(lambda: "SERVICE_STOPPED" in self.scm("status"), "the service's end")
 
     def test_a_service_is_started_and_stopped_any_number_of_times(self):
+        self.orrin = self.start_orrin()
         for _ in range(2):
-            self.start_managed()
+            before = len(self.orrin.text())
+            self.assertNotIn("error", self.scm("start"))
+            self.logged(BOUND)
             running = "SERVICE_RUNNING, accepts 0x101, exit 0/0, check point 0\n"
             self.assertEqual(self.scm("status"), running)
             self.assertEqual(self.scm("control", "4"), running)  # interrogate
@@ -67,27 +80,22 @@ class Managed(WineLabTest):
             self.stop_managed()
             self.assertEqual(self.scm("status"),
                              "SERVICE_STOPPED, accepts 0x0, exit 0/0, check point 3\n")
-            self.orrin.saw_all(["CLOSE of the", "CLOSE of the"])
+            self.orrin.saw_all(["CLOSE of the", "CLOSE of the"], before)
             self.assertEqual(self.log().count(BANNER), 2)
             self.assert_order(self.log(), [
                 BANNER, "main line: 157 Starting", BANNER, "SvcInit line: 361",
                 "Attempting OpenOrrinDevice", "Device open success", BOUND,
                 "SERVICE_CONTROL_STOP recevied\n", "CancelIO called service stop. Error status "])
-            self.bridge.end()
-            self.orrin.end(signal.SIGKILL)
-            self.processes.clear()
             os.remove(self.log_path())
 
-    def test_a_stop_ends_a_report_to_a_silent_firmware(self):
-        self.start_managed("silence on", ready="intThreadFunction before Processread")
-        self.orrin.saw("is held unanswered")
-        self.stop_managed()
-
-    def test_a_stop_in_the_midst_of_a_start_ends_it(self):
-        self.orrin = self.start_orrin()
-        for line in ("SvcInit line: 361", "Device open success", "OperationSysSInfo", BOUND):
+    def test_a_stop_at_any_point_of_a_start_ends_it(self):
+        self.orrin = self.start_orrin("silence on")
+        for line, trace in (("SvcInit line: 361", ""), ("Device open success", ""),
+                            ("intThreadFunction before Processread", "is held unanswered")):
+            before = len(self.orrin.text())
             self.scm("start")
             self.logged(line)
+            self.orrin.saw(trace, before)
             self.stop_managed()
             os.remove(self.log_path())
 
@@ -117,18 +125,9 @@ class Indications(WineLabTest, indications_test.Indications):
     test_a_listener_that_never_answers_does_not_hold_the_service = None
 
 
-class Kvm:
-    """The sessions of the Linux lab; the agent is started with winlogon.exe's token."""
-    FLOOD = 180  # the pipe's free instances hold these; the agent takes them slower than they come
+class Kvm(WineLabTest, kvm_test.Sessions):
+    COUNT = 3  # one of each end
 
-
-globals().update({
-    "Kvm" + name: type("Kvm" + name, (Kvm, WineLabTest, tests), {})
-    for name, tests in vars(kvm_test).items()
-    if isinstance(tests, type) and unittest.defaultTestLoader.getTestCaseNames(tests)})
-
-
-class KvmAgent(WineLabTest, kvm_test.Kvm):
     def test_the_agent_is_launched_in_the_session_of_the_console(self):
         self.enable()
         self.viewer()
@@ -151,14 +150,14 @@ class Power(WineLabTest):
     """Wine takes each power call, says yes and does nothing: what the service does is in its log."""
 
     def test_each_action_follows_its_answer(self):
+        self.start_both()
         for frame, state, _, lines in power_test.ACTIONS:
-            with self.case(frame):
-                self.start_both()
-                self.assertEqual(power_test.request(state)[0], "0")
-                self.logged(lines[-1])
-                self.orrin.saw_all(["firmware > host  %s, payload 0" % frame, "DASH_DATA"])
-                self.assert_order(self.log(), lines)
-                self.assertNotRegex(self.log(), "Returned error|Power option failed")
+            before = len(self.orrin.text())
+            self.assertEqual(power_test.request(state)[0], "0")
+            self.logged(lines[-1])
+            self.orrin.saw_all(["firmware > host  %s, payload 0" % frame, "DASH_DATA"], before)
+            self.assert_order(self.log(), lines)
+        self.assertNotRegex(self.log(), "Returned error|Power option failed")
 
 
 class Plugs(WineLabTest):
@@ -187,20 +186,6 @@ class Plugs(WineLabTest):
         self.assertTrue(connection_is_dropped())
         self.logged("Asynchronous GetOrrinStatus command failed with error: 1167")
         self.assertTrue(self.service.is_running)
-
-    def test_a_new_firmware_is_served_and_gets_its_report_with_a_resume(self):
-        self.start_both()
-        with connect() as peer:
-            self.logged("Exiting HTTPS Callback")
-            self.bridge.end()
-            self.orrin.end(signal.SIGKILL)
-            peer.sendall(b"while no firmware listens")
-        self.orrin = self.start_orrin()
-        self.orrin.saw("ten reads armed")
-        self.assertIsNone(json.loads(curl("/"))["serviceVersion"])
-        self.orrin.tell("resume")
-        self.orrin.saw("WriteNwInfo")
-        self.assertEqual(json.loads(curl("/"))["serviceVersion"], "1.0.0.533")
 
 
 class Alone(WineLabTest):

@@ -20,7 +20,6 @@ import stewardry_lab  # noqa: E402  the path above leads to it
 from stewardry_lab import BOUND, LabTest, Orrin, Process, until  # noqa: E402
 
 FIRMWARE_PORT = "17788"  # on the loopback of the program's own network namespace
-SERVICE = "QuillonSvc"
 # Wine wants one page at a fixed address, and one start in some thousands finds its heap there: no
 # random addresses, where the system allows that.
 _STEADY = ["setarch", "-R"]
@@ -110,8 +109,6 @@ class WineLabTest(LabTest):
 
     def _close(self):
         try:
-            if "SERVICE_STOPPED" not in self.scm("status"):
-                self.stop_managed()
             self.end_programs()
         finally:
             super()._close()
@@ -165,15 +162,6 @@ class WineLabTest(LabTest):
     def start_both(self, *commands):
         self.orrin = self.start_orrin(*commands)
         self.service = self.start_service()
-
-    def scm(self, command, *words):
-        """Returns what the service manager answers; "stopped" as well if nothing is installed."""
-        text = prefix().run(program("scm.exe"), command, SERVICE, *words)[0]
-        return "SERVICE_STOPPED" if text.startswith("error 1060") else text
-
-    def stop_managed(self):
-        self.scm("control", "1")
-        until(lambda: "SERVICE_STOPPED" in self.scm("status"), "the service's end")
 
 
 def run():
