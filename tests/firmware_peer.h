@@ -1,14 +1,11 @@
-// The least firmware that answers a mailbox: it finishes every request at once, unless told to fail
-// or hold it, and keeps what came, in its order. It speaks the lab link from the far end.
+// The least firmware that answers a mailbox: it finishes every request at once, unless it is set to
+// fail or hold it, and keeps what came, in its order. It is the far end of the lab link.
 #pragma once
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -30,27 +27,32 @@ struct Asked {
 
 class FirmwarePeer {
  public:
-  // Listens as the device interface `name` of the lab folder `lab`; answers the read of the version
-  // record with `version`.
-  FirmwarePeer(const std::string& lab, std::string version) : version_(std::move(version)) {
-    path_ = lab + "/mailbox/orrin";
+  static constexpr std::uint32_t kReadVersion = 0x9C416424;
+  static constexpr std::uint32_t kReadStatus = 0x9C416458;
+
+  // Listens as the device interface of the lab folder `lab`; answers the read of the version record
+  // with `version`.
+  FirmwarePeer(const std::string& lab, std::string version) : path_(lab + "/mailbox/orrin") {
+    version.resize(80);
+    SetAnswer(kReadVersion, version);
+    SetStatus(1);
     listener_ = ListenUnix(path_);
-    stop_ = ::eventfd(0, EFD_CLOEXEC);
     thread_ = std::thread([this] { Serve(); });
   }
   FirmwarePeer(const FirmwarePeer&) = delete;
   FirmwarePeer& operator=(const FirmwarePeer&) = delete;
   ~FirmwarePeer() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(stop_, &one, sizeof one);
+    ::shutdown(listener_, SHUT_RDWR);  // ends the wait in accept
+    Drop(true);
     thread_.join();
-    ::close(stop_);
     ::close(listener_);
     ::unlink(path_.c_str());
   }
 
   // The status byte of GetOrrinStatus.
-  void SetStatus(std::uint8_t status) { status_.store(status); }
+  void SetStatus(std::uint8_t status) {
+    SetAnswer(kReadStatus, std::string(1, static_cast<char>(status)));
+  }
   // Requests of this code finish with `error`, or are never answered for kHold; 0 answers again.
   static constexpr std::uint32_t kHold = 0xFFFFFFFF;
   void SetVerdict(std::uint32_t code, std::uint32_t error) {
@@ -68,10 +70,10 @@ class FirmwarePeer {
   }
   // A frame of just these bytes.
   void SendRaw(const std::string& frame) { Tell(lablink::kFrame, 0, frame); }
-  void FailRead(std::uint32_t error) { Tell(lablink::kFailRead, error, ""); }
-  // The device goes away.
-  void Drop() {
+  // The device goes away, `forGood` with those that are opened later.
+  void Drop(bool forGood = false) {
     std::lock_guard guard(lock_);
+    stopped_ = forGood;
     if (link_ >= 0) ::shutdown(link_, SHUT_RDWR);
   }
 
@@ -87,10 +89,6 @@ class FirmwarePeer {
   bool AwaitKind(std::uint32_t kind, std::size_t count = 1) {
     return AwaitThat([&] { return kinds_[kind] >= count; });
   }
-  std::size_t KindCount(std::uint32_t kind) {
-    std::lock_guard guard(lock_);
-    return kinds_[kind];
-  }
 
   std::vector<Asked> Requests() {
     std::lock_guard guard(lock_);
@@ -101,39 +99,31 @@ class FirmwarePeer {
     for (const Asked& request : Requests()) codes.push_back(request.code);
     return codes;
   }
+  // The inputs of all requests of this code, one behind the other.
+  std::string Inputs(std::uint32_t code) {
+    std::string inputs;
+    for (const Asked& request : Requests())
+      if (request.code == code) inputs += request.input;
+    return inputs;
+  }
 
  private:
-  static constexpr std::uint32_t kReadVersion = 0x9C416424;
-  static constexpr std::uint32_t kReadStatus = 0x9C416458;
-
-  bool Readable(int descriptor) {
-    pollfd fds[2] = {{descriptor, POLLIN, 0}, {stop_, POLLIN, 0}};
-    return ::poll(fds, 2, -1) > 0 && fds[1].revents == 0;
-  }
-  bool Take(int link, void* data, std::size_t size) {
-    char* at = static_cast<char*>(data);
-    while (size > 0) {
-      if (!Readable(link)) return false;
-      const ssize_t n = ::recv(link, at, size, 0);
-      if (n <= 0) return false;
-      at += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return true;
+  static bool Take(int link, void* data, std::size_t size) {
+    return size == 0 || ::recv(link, data, size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
   void Serve() {
-    while (Readable(listener_)) {
-      const int link = ::accept(listener_, nullptr, nullptr);
-      {
-        std::lock_guard guard(lock_);
-        link_ = link;
-      }
+    for (int link; (link = ::accept(listener_, nullptr, nullptr)) >= 0;) {
+      SetLink(link);
       while (ServeOne(link)) {
       }
-      std::lock_guard guard(lock_);
-      link_ = -1;
+      SetLink(-1);
       ::close(link);
     }
+  }
+  void SetLink(int link) {
+    std::lock_guard guard(lock_);
+    link_ = link;
+    if (stopped_) ::shutdown(link, SHUT_RDWR);
   }
   bool ServeOne(int link) {
     lablink::Head head;
@@ -153,17 +143,10 @@ class FirmwarePeer {
       std::lock_guard guard(lock_);
       requests_.push_back({request.word, std::move(input)});
       changed_.notify_all();
-      auto found = verdicts_.find(request.word);
-      if (found != verdicts_.end()) verdict = found->second;
-      auto answer = answers_.find(request.word);
-      if (verdict == 0 && answer != answers_.end()) record = answer->second;
+      verdict = verdicts_[request.word];
+      if (verdict == 0) record = answers_[request.word];
     }
-    if (verdict == kHold) return;
-    if (verdict == 0 && request.word == kReadVersion)
-      record = version_ + std::string(80 - version_.size(), '\0');
-    if (verdict == 0 && request.word == kReadStatus)
-      record = std::string(1, static_cast<char>(status_.load()));
-    Tell(lablink::kComplete, verdict, record, request.id);
+    if (verdict != kHold) Tell(lablink::kComplete, verdict, record, request.id);
   }
   void Tell(std::uint32_t kind, std::uint32_t word, const std::string& body, std::uint64_t id = 0) {
     const lablink::Head head{lablink::kMagic, kind, id, word,
@@ -183,18 +166,16 @@ class FirmwarePeer {
     return changed_.wait_for(lock, std::chrono::minutes(1), ready);
   }
 
-  const std::string version_;
-  std::string path_;
+  const std::string path_;
   int listener_ = -1;
-  int stop_ = -1;
   std::mutex lock_;
   std::condition_variable changed_;
-  int link_ = -1;  // guarded by lock_, as all below
+  bool stopped_ = false;  // guarded by lock_, as all below
+  int link_ = -1;
   std::vector<Asked> requests_;
   std::map<std::uint32_t, std::uint32_t> verdicts_;
   std::map<std::uint32_t, std::string> answers_;
   std::map<std::uint32_t, std::size_t> kinds_;
-  std::atomic<std::uint8_t> status_{1};
   std::thread thread_;
 };
 

@@ -39,16 +39,14 @@ inline SocketAddress LoopbackAddress(std::uint16_t port) {
 
 // Returns a stream socket, bound and listening; its folder is made where it is missing. The caller
 // closes it. A failure fails the test.
-inline int Listen(const SocketAddress& address, int backlog = 8) {
-  const int listener = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(::bind(listener, address.Get(), address.size), 0);
-  EXPECT_EQ(::listen(listener, backlog), 0);
-  return listener;
-}
 inline int ListenUnix(const std::string& path, int backlog = 8) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   ::unlink(path.c_str());
-  return Listen(UnixAddress(path), backlog);
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const SocketAddress address = UnixAddress(path);
+  EXPECT_EQ(::bind(listener, address.Get(), address.size), 0);
+  EXPECT_EQ(::listen(listener, backlog), 0);
+  return listener;
 }
 
 // Sends one datagram to a Unix socket, which must be there.

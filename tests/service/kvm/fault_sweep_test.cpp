@@ -16,13 +16,6 @@ using sweep::Outcome;
 constexpr std::uint32_t kBytes = ControlCodeFor(Operation::kWriteKVMPacket).code;
 constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardMousePointers).code;
 
-bool Forwarded(FirmwarePeer* firmware, const std::string& word) {
-  const auto requests = firmware->Requests();
-  return std::any_of(requests.begin(), requests.end(), [&](const Asked& asked) {
-    return asked.code == kBytes && asked.input.find(word) != std::string::npos;
-  });
-}
-
 // One viewer that says a word until it is answered with it. Both ends repeat theirs, since a failed
 // call may lose one. Returns false if the connection isn't made or ends, or with the reader.
 bool Exchange(FirmwarePeer* firmware, const std::string& word) {
@@ -34,7 +27,8 @@ bool Exchange(FirmwarePeer* firmware, const std::string& word) {
   int sent = 0, answered = 0;
   Eventually([&] {
     if (sent++ % kRepeat == 0) viewer.Send(word);
-    if (Forwarded(firmware, word) && answered++ % kRepeat == 0) firmware->SendFrame(word, 0x09);
+    if (firmware->Inputs(kBytes).find(word) != std::string::npos && answered++ % kRepeat == 0)
+      firmware->SendFrame(word, 0x09);
     return viewer.HasInput() || sweep::ReaderEnded();
   });
   return viewer.HasInput() && viewer.Receive(word.size()) == word;

@@ -10,8 +10,7 @@
 namespace stewardry {
 namespace {
 
-constexpr std::int32_t kGrave = 0xFE50, kAcute = 0xFE51, kTilde = 0xFE53, kRing = 0xFE58,
-                       kCedilla = 0xFE5B;
+constexpr std::int32_t kGrave = 0xFE50, kAcute = 0xFE51, kTilde = 0xFE53, kCedilla = 0xFE5B;
 
 constexpr char kAltCode233[] = "12+ 60+ 60- 62+ 62- 63+ 63- 63+ 63- 12-";  // é on the keypad
 
@@ -47,8 +46,7 @@ TEST(KeyTranslation, CharacterComesWithTheModifiersOfItsLayout) {
   const TestKeyboard keyboard(kUsLayout);
   ExpectAll({{"small letter", {'a', -'a'}, "41+ 41-"},
              {"capital", {'A', -'A'}, "10+ 41+ 10- 41-"},
-             {"digit and sign", {'1', '!'}, "31+ 10+ 31+ 10-"},
-             {"space", {' '}, "20+"}});
+             {"digit and sign", {'1', '!'}, "31+ 10+ 31+ 10-"}});
   TestKeyboard::capsLock = true;
   ExpectAll({{"caps: small letter", {'a'}, "10+ 41+ 10-"},
              {"caps: capital", {'A'}, "41+"},
@@ -58,8 +56,7 @@ TEST(KeyTranslation, CharacterComesWithTheModifiersOfItsLayout) {
   ExpectAll({{"umlaut", {0xFC, 0xDC}, "BA+ 10+ BA+ 10-"},
              {"AltGr", {'@', '{'}, "11+ 12+ 51+ 11- 12- 11+ 12+ 37+ 11- 12-"}});
   const TestKeyboard french(kFrenchLayout);
-  ExpectAll({{"digit with Shift", {'1', '&'}, "10+ 31+ 10- 31+"},
-             {"AltGr", {'#'}, "11+ 12+ 33+ 11- 12-"}});
+  ExpectAll({{"digit with Shift", {'1', '&'}, "10+ 31+ 10- 31+"}});
 }
 
 TEST(KeyTranslation, ModifiersThatTheHostHoldsArePutBack) {
@@ -78,7 +75,7 @@ TEST(KeyTranslation, DeadKeyComposesWithTheNextCharacterOnly) {
   const TestKeyboard keyboard(kUsLayout);
   ExpectAll({{"acute, e", {kAcute, -kAcute, 'e'}, kAltCode233},
              {"acute, b, e", {kAcute, 'b', 'e'}, "42+ 45+"},
-             {"ring, a", {kRing, 'a'}, "41+"},
+             {"ring, a", {0xFE58, 'a'}, "41+"},
              {"the key table keeps it", {kAcute, 0xFF0D, 'e'}, std::string("0D+ ") + kAltCode233},
              {"a release keeps it", {kAcute, -'x', 'e'}, std::string("58- ") + kAltCode233},
              {"the last one counts", {kGrave, kAcute, 'e'}, kAltCode233},

@@ -56,9 +56,8 @@ class KvmTest : public MailboxTest {
     MailboxTest::TearDown();
   }
   static void ExpectHeld(const Holdings& expected) {
-    EXPECT_TRUE(Eventually([&] { return Held() == expected; }))
-        << "held " << testing::PrintToString(Held()) << ", expected "
-        << testing::PrintToString(expected);
+    (void)Eventually([&] { return Held() == expected; });
+    EXPECT_EQ(Held(), expected);
   }
 
   // A command of the firmware.
@@ -115,21 +114,6 @@ class KvmTest : public MailboxTest {
     for (const std::uint32_t code : firmware_->Codes())
       letters += "ASIDRC?"[std::find(std::begin(kCodes), std::end(kCodes), code) - kCodes];
     return letters;
-  }
-  std::string DataSent() {
-    std::string data;
-    for (const Asked& asked : firmware_->Requests())
-      if (asked.code == kKvmBytes) data += asked.input;
-    return data;
-  }
-  // Expects the lines in the log in their order; each may be the beginning of one.
-  static void ExpectInOrder(std::initializer_list<const char*> lines) {
-    const std::string log = "\n" + Messages();
-    std::size_t at = 0;
-    for (const char* line : lines) {
-      at = log.find("\n" + std::string(line), at);
-      ASSERT_NE(at, std::string::npos) << line;
-    }
   }
   static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
   Holdings before_{};

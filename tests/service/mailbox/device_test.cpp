@@ -24,15 +24,6 @@ TEST_F(Device, EachModeHasOneHandle) {
   gInterruptDevice->Reset(platform::InvalidHandleValue());
 }
 
-TEST_F(Device, LastEnumeratedInterfaceIsOpened) {
-  // A socket that sorts before the firmware's and refuses connections.
-  const int silent = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const SocketAddress address = UnixAddress(lab() + "/mailbox/aaa");
-  ASSERT_EQ(::bind(silent, address.Get(), address.size), 0);
-  EXPECT_EQ(OpenOrrinDevice(kRequestMode), 0U);
-  ::close(silent);
-}
-
 TEST_F(Device, FailedStepIsLoggedAndOpensNothing) {
   using Row = std::tuple<const char*, std::uint64_t, const char*>;
   std::size_t lists = 0;
