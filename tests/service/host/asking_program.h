@@ -70,6 +70,7 @@ class AskingProgram {
   // One whole exchange.
   std::string Ask(const std::string& bytes) {
     if (!Meet() || !Say(bytes)) return "no exchange";
+    FallSilent();
     return Hear();
   }
 

