@@ -75,8 +75,7 @@ class Managed(WineLabTest):
             self.assertEqual(self.scm("status"), running)
             self.assertEqual(self.scm("control", "4"), running)  # interrogate
             self.assertEqual(json.loads(curl("/"))["serviceVersion"], "1.0.0.533")
-            self.assertEqual(setup("status"),
-                             "misbehave none, handles 2, reads 10, requests 0, bridge yes\n")
+            self.await_driver("misbehave none, handles 2, reads 10, requests 0, bridge yes\n")
             self.stop_managed()
             self.assertEqual(self.scm("status"),
                              "SERVICE_STOPPED, accepts 0x0, exit 0/0, check point 3\n")
