@@ -10,7 +10,7 @@
 #include "platform/thread.h"
 #include "service/host/pipe_threads.h"
 #include "service/mailbox/messages.h"
-#include "tests/service/host/asking_program.h"
+#include "tests/service/host/pipe_server.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ constexpr std::string_view kAnswers =
     "Please provide proper input\r\n";
 
 std::string gFolder;
-stewardry::AskingProgram* gProgram = nullptr;
+stewardry::PipeServer* gServer = nullptr;
 
 }  // namespace
 
@@ -28,9 +28,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char pattern[] = "/tmp/stewardry-fuzz-XXXXXX";
   gFolder = mkdtemp(pattern);
   setenv("STEWARDRY_LAB", gFolder.c_str(), 1);
-  gProgram = new stewardry::AskingProgram(gFolder, "TrayPipe");
+  gServer = new stewardry::PipeServer(gFolder, "TrayPipe");
   std::atexit([] {
-    delete gProgram;
+    delete gServer;
     std::error_code ignored;
     std::filesystem::remove_all(gFolder, ignored);
   });
@@ -40,12 +40,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const bool met = gProgram->Meet();
+  const bool accepted = gServer->Accept();
   // The thread answers a question that ends early and closes the connection. The rest is unread.
-  (void)gProgram->Say(std::string(reinterpret_cast<const char*>(data), size));
-  gProgram->FallSilent();
-  const std::string heard = gProgram->Hear();
-  if (met && heard.ends_with("\r\n") && kAnswers.find("\r\n" + heard) != kAnswers.npos) return 0;
-  std::fprintf(stderr, "answered with %zu bytes: %s\n", heard.size(), heard.c_str());
+  (void)gServer->Send(std::string(reinterpret_cast<const char*>(data), size));
+  gServer->CloseSending();
+  const std::string answer = gServer->Receive();
+  if (accepted && answer.ends_with("\r\n") && kAnswers.find("\r\n" + answer) != kAnswers.npos)
+    return 0;
+  std::fprintf(stderr, "answered with %zu bytes: %s\n", answer.size(), answer.c_str());
   std::abort();
 }

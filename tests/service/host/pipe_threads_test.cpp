@@ -16,7 +16,7 @@
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/dispatcher.h"
-#include "tests/service/host/asking_program.h"
+#include "tests/service/host/pipe_server.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -28,14 +28,14 @@ constexpr char kVersion[] = "1.0.0.533\r\n", kImproper[] = "Please provide prope
 constexpr char kNone[] = "N/A\r\n";
 
 // The program that asks on a pipe, and the service's thread, which finds the pipe there.
-struct ServedPipe : AskingProgram {
+struct ServedPipe : PipeServer {
   ServedPipe(const char* name, platform::ThreadEntry entry)
-      : AskingProgram(gTestLab.Path(), name), thread(platform::CreateThread(entry, nullptr)) {}
+      : PipeServer(gTestLab.Path(), name), thread(platform::CreateThread(entry, nullptr)) {}
   ~ServedPipe() { EndThread(&thread); }
   // Asks for the numbers from `first` on.
   void ExpectAnswers(int first, const std::vector<std::string>& answers) {
     for (const std::string& answer : answers)
-      EXPECT_EQ(Ask(std::to_string(first++) + '\0'), answer + "\r\n") << first - 1;
+      EXPECT_EQ(Exchange(std::to_string(first++) + '\0'), answer + "\r\n") << first - 1;
   }
   platform::Thread thread;
 };
@@ -52,7 +52,8 @@ TEST_F(PipeThreads, QuestionIsADecimalNumberUpToAZeroByteOrTheEnd) {
       {"4294967301\0"s, kImproper},                // 5 in 32 bits
       {std::string(98, '0') + "51\0"s, kVersion},  // cut behind 99 characters
       {std::string(10000, '5') + '\0', kImproper}};
-  for (const auto& [question, answer] : kRows) EXPECT_EQ(tray.Ask(question), answer) << question;
+  for (const auto& [question, answer] : kRows)
+    EXPECT_EQ(tray.Exchange(question), answer) << question;
 }
 
 TEST_F(PipeThreads, AnswersShowTheServicesState) {
@@ -76,30 +77,30 @@ TEST_F(PipeThreads, ProgramThatBreaksOffAtAnyByteLeavesAWorkingThread) {
   ServedPipe tray("TrayPipe", TrayPipeThread);
   const std::string question = "11\0"s, answer = kVersion;
   for (std::size_t said = 0; said <= question.size(); ++said) {
-    ASSERT_TRUE(tray.Meet());
-    EXPECT_TRUE(tray.Say(question.substr(0, said)));
+    ASSERT_TRUE(tray.Accept());
+    EXPECT_TRUE(tray.Send(question.substr(0, said)));
   }
   for (std::size_t heard = 0; heard <= answer.size(); ++heard) {
-    ASSERT_TRUE(tray.Meet());
-    ASSERT_TRUE(tray.Say("5\0"s));
-    EXPECT_EQ(tray.Hear(heard), answer.substr(0, heard));
+    ASSERT_TRUE(tray.Accept());
+    ASSERT_TRUE(tray.Send("5\0"s));
+    EXPECT_EQ(tray.Receive(heard), answer.substr(0, heard));
   }
-  EXPECT_EQ(tray.Ask("5\0"s), answer);
+  EXPECT_EQ(tray.Exchange("5\0"s), answer);
 }
 
 TEST_F(PipeThreads, FullHeapEndsItsOwnThreadAndKeepsTheConnection) {
   ServedPipe tray("TrayPipe", TrayPipeThread);
   ServedPipe ui("ServiceToTrayUI", ServiceToTrayUIThread);
-  ASSERT_TRUE(tray.Meet());
-  EXPECT_EQ(ui.Ask("20\0"s), kNone);
+  ASSERT_TRUE(tray.Accept());
+  EXPECT_EQ(ui.Exchange("20\0"s), kNone);
   gate::FailNext("HeapAlloc", 8);
-  ASSERT_TRUE(tray.Say("1\0"s));
+  ASSERT_TRUE(tray.Send("1\0"s));
   ASSERT_EQ(platform::WaitForSingleObject(tray.thread, 60'000), 0U);
   std::uint32_t code = 0;
   ASSERT_TRUE(platform::GetExitCodeThread(tray.thread, &code));
   EXPECT_EQ(code, 774U);
-  EXPECT_FALSE(tray.IsAddressed()) << "neither answered nor closed";
-  EXPECT_EQ(ui.Ask("20\0"s), kNone);
+  EXPECT_FALSE(tray.HasInput()) << "neither answered nor closed";
+  EXPECT_EQ(ui.Exchange("20\0"s), kNone);
 }
 
 TEST_F(PipeThreads, NoticeReplacesTheLongerOneBeforeItAndIsCutAt125Characters) {
@@ -114,7 +115,7 @@ TEST_F(PipeThreads, NoticeReplacesTheLongerOneBeforeItAndIsCutAt125Characters) {
     const std::string frame = payload + "\x0a\0"s;
     Processread(static_cast<std::uint32_t>(frame.size()),
                 reinterpret_cast<const std::uint8_t*>(frame.data()));
-    EXPECT_EQ(upgrade.Ask("6\0"s), payload.substr(0, answered) + "\r\n") << payload.size();
+    EXPECT_EQ(upgrade.Exchange("6\0"s), payload.substr(0, answered) + "\r\n") << payload.size();
   }
 }
 

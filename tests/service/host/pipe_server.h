@@ -1,47 +1,40 @@
-// A program of the user's session as a test needs it: it serves a pipe byte by byte, and breaks off
-// where it likes.
+// A program of the user's session that serves a pipe: it accepts the service's connection, sends a
+// question in any pieces, and may close at any point.
 #pragma once
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-#include <cerrno>
 
-#include <filesystem>
+#include <cerrno>
 #include <string>
+
+#include "tests/socket_address.h"
 
 namespace stewardry {
 
-class AskingProgram {
+class PipeServer {
  public:
-  // Uses no GoogleTest, since a fuzz target links none. If the bind fails, Meet returns false.
-  AskingProgram(const std::string& lab, const std::string& pipe) : path_(lab + "/pipe/" + pipe) {
-    std::filesystem::create_directories(lab + "/pipe");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-      (void)::listen(listener_, 8);
-  }
-  AskingProgram(const AskingProgram&) = delete;
-  AskingProgram& operator=(const AskingProgram&) = delete;
-  ~AskingProgram() {
-    HangUp();
+  PipeServer(const std::string& lab, const std::string& pipe)
+      : path_(lab + "/pipe/" + pipe), listener_(ListenUnix(path_)) {}
+  PipeServer(const PipeServer&) = delete;
+  PipeServer& operator=(const PipeServer&) = delete;
+  ~PipeServer() {
+    Close();
     ::close(listener_);
     ::unlink(path_.c_str());
   }
 
   // Waits, for a minute at most, until the service has connected.
-  bool Meet() {
-    HangUp();
+  bool Accept() {
+    Close();
     if (IsReadable(listener_, kHangMs)) peer_ = ::accept(listener_, nullptr, nullptr);
     // Little room on the way, so that a long question is not sent before it is read.
     const int room = 2048;
     return peer_ >= 0 && ::setsockopt(peer_, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) == 0;
   }
   // Returns false if the service has closed the connection already.
-  bool Say(const std::string& bytes) {
+  bool Send(const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
       const ssize_t n =
           TEMP_FAILURE_RETRY(::send(peer_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL));
@@ -51,27 +44,27 @@ class AskingProgram {
     return true;
   }
   // Closes the sending side only.
-  void FallSilent() { ::shutdown(peer_, SHUT_WR); }
+  void CloseSending() { ::shutdown(peer_, SHUT_WR); }
   // Receives until the service closes the connection, or `most` bytes.
-  std::string Hear(std::size_t most = 4096) {
-    std::string heard;
+  std::string Receive(std::size_t most = 4096) {
+    std::string received;
     for (char next;
-         heard.size() < most && IsReadable(peer_, kHangMs) && ::recv(peer_, &next, 1, 0) == 1;)
-      heard += next;
-    return heard;
+         received.size() < most && IsReadable(peer_, kHangMs) && ::recv(peer_, &next, 1, 0) == 1;)
+      received += next;
+    return received;
   }
-  void HangUp() {
+  void Close() {
     if (peer_ >= 0) ::close(peer_);
     peer_ = -1;
   }
   // Returns true if there is something to receive now, be it the end.
-  bool IsAddressed() { return IsReadable(peer_, 0); }
+  bool HasInput() { return IsReadable(peer_, 0); }
 
   // One whole exchange.
-  std::string Ask(const std::string& bytes) {
-    if (!Meet() || !Say(bytes)) return "no exchange";
-    FallSilent();
-    return Hear();
+  std::string Exchange(const std::string& bytes) {
+    if (!Accept() || !Send(bytes)) return "no exchange";
+    CloseSending();
+    return Receive();
   }
 
  private:
@@ -84,7 +77,7 @@ class AskingProgram {
   }
 
   std::string path_;
-  int listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int listener_;
   int peer_ = -1;
 };
 
