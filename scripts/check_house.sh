@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The house rules that a machine can check: format, the arrows between folders, platform words,
 # lengths, and clang-tidy over the service (it reads build/release/compile_commands.json, so preset
-# release must be configured). clang-tidy looks at the sources that were changed within a day, or
-# that include a header that was; with STEWARDRY_TIDY=all at every source, with STEWARDRY_SKIP_TIDY=1
+# release must be configured). clang-tidy takes five seconds a source, so it looks at those that were
+# changed within four hours, or that include a header that was; STEWARDRY_TIDY_SINCE names another
+# time, in git's words. With STEWARDRY_TIDY=all it looks at every source, with STEWARDRY_SKIP_TIDY=1
 # at none.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,7 +24,7 @@ tidy_sources() {
     return
   fi
   local base changed
-  base=$(git rev-list -1 --before='1 day ago' HEAD)
+  base=$(git rev-list -1 --before="${STEWARDRY_TIDY_SINCE:-4 hours ago}" HEAD)
   changed=$(git diff --name-only "${base:-$(git hash-object -t tree /dev/null)}" -- service sock platform)
   [ -n "$changed" ] || return 0
   {

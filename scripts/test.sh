@@ -38,7 +38,7 @@ case "${1:-}" in
   quick)
     phase "packages" scripts/setup.sh quick
     phase "build of preset asan, unit tests alone" build asan UNIT
-    exec python3 -B scripts/run_tests.py build/asan -j $((jobs * 2))
+    exec python3 -B scripts/run_tests.py build/asan -j $((jobs * 4))
     ;;
   *) echo "usage: test.sh [quick]" >&2; exit 2 ;;
 esac
@@ -78,8 +78,8 @@ phase "house rules" scripts/check_house.sh || house=1
 
 printf 'subdirs(%s)\n' "${presets[*]}" >build/CTestTestfile.cmake
 tests=0 began=$SECONDS
-# Most tests wait most of the time, so twice as many run as there are processors.
-python3 -B scripts/run_tests.py build -j $((jobs * 2)) || tests=1
+# Most tests wait most of the time, so four times as many run as there are processors.
+python3 -B scripts/run_tests.py build -j $((jobs * 4)) || tests=1
 printf '== %-44s%4d s\n' "tests: ${presets[*]}" $((SECONDS - began)) >&2
 [ $house -eq 0 ] || echo "the house rules are BROKEN (above): the run fails whatever the tests say" >&2
 exit $((tests || house))
