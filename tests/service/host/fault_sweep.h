@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -112,6 +113,16 @@ class Service {
 // Runs the scenario with its n-th call failing (0: none), and stores what it called.
 using Scenario = Outcome (*)(std::uint64_t failAt, Calls* calls);
 
+// Ends the processes that a scenario has left, such as an agent whose end failed. They would keep
+// the test's output open. Requires that they become children of this process.
+inline void EndChildren() {
+  EXPECT_TRUE(Eventually([] {
+    std::ifstream children("/proc/thread-self/children");
+    for (pid_t child; children >> child;) ::kill(child, SIGKILL);
+    return ::waitpid(-1, nullptr, WNOHANG) < 0;
+  }));
+}
+
 // Runs the scenario in a child and returns its exit status, or -1 if it had to be killed. *calls
 // gets what it called: the child writes it to a pipe, whose end is the end of the child.
 inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
@@ -140,6 +151,7 @@ inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
   int status = -1;
   ::waitpid(child, &status, 0);
   ::close(ends[0]);
+  EndChildren();
   calls->clear();
   for (std::string line; std::getline(lines, line);) calls->push_back(line);
   return size == 0 ? status : -1;
@@ -168,6 +180,7 @@ inline void Sweep(Scenario scenario, int part) {
   const std::size_t step = kShards * 8;
 #endif
   if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+  ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
   Calls calls, ignored;
   ASSERT_EQ(RunInChild(scenario, 0, &calls), 0) << "the scenario itself";
   const std::vector<std::uint64_t> chosen = Choose(calls);

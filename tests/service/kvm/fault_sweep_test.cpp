@@ -47,14 +47,6 @@ bool SessionIsGone() {
       [] { return gKvmSocketState.load() != kKvmSessionUp && gKvmSocket.load() == 0; });
 }
 
-// Agents that a failed end has left would keep the test's output open.
-void EndChildren() {
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream children(task.path() / "children");
-    for (pid_t child; children >> child;) ::kill(child, SIGKILL);
-  }
-}
-
 Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   sweep::Service service;
   FirmwarePeer& firmware = service.Firmware();
@@ -70,7 +62,6 @@ Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   }
   std::string hit;
   const bool stopped = service.Stop(&hit, calls);
-  EndChildren();
   if (!stopped) outcome = sweep::kNeverStopped;
   return outcome == sweep::kFine ? outcome : sweep::Tell(outcome, hit);
 }
