@@ -34,6 +34,7 @@ class UnderAManager(LabTest):
         self.orrin = self.start_orrin(*commands)
         self.manager = self.start("scm", "scm", "start", *program)
         self.logged(ready)
+        self.manager.saw(STARTED[-1])  # before that it accepts no control
 
     def reported(self):
         return re.findall("status: (.*)", self.manager.text())

@@ -62,7 +62,8 @@ class Managed(WineLabTest):
         return prefix().run(program("scm.exe"), command, SERVICE, *words)[0]
 
     def stop_managed(self):
-        self.scm("control", "1")
+        # A service that is still starting accepts no stop.
+        until(lambda: "error 1061" not in self.scm("control", "1"), "an accepted stop")
         until(lambda: "SERVICE_STOPPED" in self.scm("status"), "the service's end")
 
     def test_a_service_is_started_and_stopped_any_number_of_times(self):
