@@ -44,6 +44,16 @@ NTSTATUS Act(const lablink::Head& head, const UCHAR* body) {
   }
 }
 
+// Under the lock. The first opener to transfer becomes the bridge; the others are refused.
+NTSTATUS ClaimBridge(FILE_OBJECT* file) {
+  if (!gMailbox.plugged) return STATUS_DEVICE_NOT_CONNECTED;
+  if (gMailbox.bridge == nullptr) {
+    gMailbox.bridge = file;
+    TellAll();
+  }
+  return gMailbox.bridge == file ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION;
+}
+
 }  // namespace
 
 void CancelBridgeReads(FILE_OBJECT* file) {
@@ -71,7 +81,6 @@ void CloseBridge(FILE_OBJECT* file) {
     Move(&gMailbox.events, &unheard);
   }
   Free(&unheard);
-  UnmapBridge();
 }
 
 bool Tell(UINT32 kind, UINT64 id, UINT32 word, const void* first, ULONG firstSize,
@@ -114,20 +123,13 @@ void DeliverEvents() {
 NTSTATUS ReadEvents(IRP* irp) {
   if (IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length < kMaxMessage)
     return Finish(irp, STATUS_BUFFER_TOO_SMALL, 0);
-  NTSTATUS status = STATUS_PENDING;
+  NTSTATUS status;
   {
     Lock lock;
-    if (gMailbox.bridge == nullptr) {
-      gMailbox.bridge = FileOf(irp);
-      TellAll();
-    }
-    if (gMailbox.bridge != FileOf(irp)) {
-      status = STATUS_SHARING_VIOLATION;  // one bridge at a time
-    } else if (!Pend(&gMailbox.bridgeReads, irp)) {
-      status = STATUS_CANCELLED;
-    }
+    status = ClaimBridge(FileOf(irp));
+    if (status == STATUS_SUCCESS && !Pend(&gMailbox.bridgeReads, irp)) status = STATUS_CANCELLED;
   }
-  if (status != STATUS_PENDING) return Finish(irp, status, 0);
+  if (status != STATUS_SUCCESS) return Finish(irp, status, 0);
   DeliverEvents();
   return STATUS_PENDING;
 }
@@ -141,7 +143,12 @@ NTSTATUS WriteMessage(IRP* irp) {
   if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody ||
       head.length != size - sizeof head)
     return Finish(irp, STATUS_INVALID_PARAMETER, 0);
-  const NTSTATUS status = Act(head, bytes + sizeof head);
+  NTSTATUS status;
+  {
+    Lock lock;
+    status = ClaimBridge(FileOf(irp));
+  }
+  if (status == STATUS_SUCCESS) status = Act(head, bytes + sizeof head);
   DeliverEvents();
   return Finish(irp, status, status == STATUS_SUCCESS ? size : 0);
 }

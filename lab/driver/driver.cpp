@@ -1,6 +1,8 @@
 // tavrin_mailbox.sys: a mailbox driver for test machines. A root-enumerated Plug and Play device
 // offers the mailbox's interface class; a second device, for the lab, is where a bridge and the
-// setup program find it. What either does lies in mailbox.cpp and bridge_device.cpp.
+// setup program find it. The two are created and deleted together: a lab device that stayed behind
+// would keep the image loaded, and the next installation would need a restart. What either does
+// lies in mailbox.cpp and bridge_device.cpp.
 #include "lab/driver/mailbox.h"
 
 // Makes the class's GUID here.
@@ -12,15 +14,27 @@ namespace tavrin {
 
 namespace {
 
-// The one mailbox device in its stack. Null: none is plugged in.
-struct MailboxDevice {
+// What both device extensions begin with. A deleted device lives until its last handle is closed,
+// so requests may reach it after its successor was created: a pointer comparison can't tell the
+// kind.
+struct Extension {
+  bool isLab;
+};
+
+// The mailbox device in its stack.
+struct MailboxDevice : Extension {
   DEVICE_OBJECT* lower;
   UNICODE_STRING interfaceName;
   IO_REMOVE_LOCK removeLock;  // held by each call in the dispatch routines, not while it pends
 };
 
-DEVICE_OBJECT* gMailboxDevice;  // written by Plug and Play calls, which the system serializes
+// Null while no device is plugged in. Written by Plug and Play calls, which the system serializes.
+DEVICE_OBJECT* gMailboxDevice;
 DEVICE_OBJECT* gLabDevice;
+
+bool IsLab(DEVICE_OBJECT* device) {
+  return static_cast<Extension*>(device->DeviceExtension)->isLab;
+}
 
 MailboxDevice* ExtensionOf(DEVICE_OBJECT* device) {
   return static_cast<MailboxDevice*>(device->DeviceExtension);
@@ -77,7 +91,8 @@ NTSTATUS DispatchLab(IRP* irp) {
   switch (stack->MajorFunction) {
     case IRP_MJ_CREATE:
       return Finish(irp, STATUS_SUCCESS, 0);
-    case IRP_MJ_CLEANUP:
+    case IRP_MJ_CLEANUP:  // in the context of the closing process, unlike CLOSE
+      UnmapBridge(stack->FileObject);
       CancelBridgeReads(stack->FileObject);
       return Finish(irp, STATUS_SUCCESS, 0);
     case IRP_MJ_CLOSE:
@@ -121,7 +136,7 @@ NTSTATUS DispatchMailbox(IRP* irp) {
 }
 
 NTSTATUS NTAPI Dispatch(DEVICE_OBJECT* device, IRP* irp) {
-  if (device == gLabDevice) return DispatchLab(irp);
+  if (IsLab(device)) return DispatchLab(irp);
   MailboxDevice* mailbox = ExtensionOf(device);
   const NTSTATUS held = IoAcquireRemoveLock(&mailbox->removeLock, irp);
   if (!NT_SUCCESS(held)) return Finish(irp, held, 0);
@@ -131,7 +146,7 @@ NTSTATUS NTAPI Dispatch(DEVICE_OBJECT* device, IRP* irp) {
 }
 
 NTSTATUS NTAPI PassDown(DEVICE_OBJECT* device, IRP* irp) {
-  if (device == gLabDevice) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+  if (IsLab(device)) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
   IoSkipCurrentIrpStackLocation(irp);
   return IoCallDriver(ExtensionOf(device)->lower, irp);
 }
@@ -156,14 +171,31 @@ NTSTATUS Start(MailboxDevice* mailbox, IRP* irp) {
   return Finish(irp, status, 0);
 }
 
+// The device has left: nothing pends any more, for the service and for the bridge.
+void Unplug() {
+  SetInterface(false);
+  {
+    Lock lock;
+    gMailbox.plugged = false;
+  }
+  FailAll(STATUS_DEVICE_NOT_CONNECTED);
+}
+
+void DeleteLabDevice() {
+  UNICODE_STRING link = Text(TAVRIN_LAB_LINK);
+  IoDeleteSymbolicLink(&link);
+  IoDeleteDevice(gLabDevice);  // its name goes now, the object with its last handle
+  gLabDevice = nullptr;
+}
+
 NTSTATUS Remove(DEVICE_OBJECT* device, IRP* irp) {
   MailboxDevice* mailbox = ExtensionOf(device);
-  SetInterface(false);
-  FailAll(STATUS_DEVICE_NOT_CONNECTED);
+  Unplug();
   IoReleaseRemoveLockAndWait(&mailbox->removeLock, irp);
   irp->IoStatus.Status = STATUS_SUCCESS;
   const NTSTATUS status = PassDown(device, irp);
   gMailboxDevice = nullptr;
+  DeleteLabDevice();
   RtlFreeUnicodeString(&mailbox->interfaceName);
   IoDetachDevice(mailbox->lower);
   IoDeleteDevice(device);
@@ -171,7 +203,7 @@ NTSTATUS Remove(DEVICE_OBJECT* device, IRP* irp) {
 }
 
 NTSTATUS NTAPI DispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
-  if (device == gLabDevice) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+  if (IsLab(device)) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
   MailboxDevice* mailbox = ExtensionOf(device);
   const NTSTATUS held = IoAcquireRemoveLock(&mailbox->removeLock, irp);
   if (!NT_SUCCESS(held)) return Finish(irp, held, 0);
@@ -183,8 +215,7 @@ NTSTATUS NTAPI DispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
     case IRP_MN_REMOVE_DEVICE:
       return Remove(device, irp);  // gives the lock back itself
     case IRP_MN_SURPRISE_REMOVAL:
-      SetInterface(false);
-      FailAll(STATUS_DEVICE_NOT_CONNECTED);
+      Unplug();
       irp->IoStatus.Status = STATUS_SUCCESS;
       status = PassDown(device, irp);
       break;
@@ -204,10 +235,42 @@ NTSTATUS NTAPI DispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
 }
 
 NTSTATUS NTAPI DispatchPower(DEVICE_OBJECT* device, IRP* irp) {
-  if (device == gLabDevice) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+  if (IsLab(device)) return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
   PoStartNextPowerIrp(irp);
   IoSkipCurrentIrpStackLocation(irp);
   return PoCallDriver(ExtensionOf(device)->lower, irp);
+}
+
+NTSTATUS CreateLabDevice(DRIVER_OBJECT* driver) {
+  UNICODE_STRING name = Text(TAVRIN_LAB_DEVICE), link = Text(TAVRIN_LAB_LINK);
+  DEVICE_OBJECT* device;
+  NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), &name, FILE_DEVICE_UNKNOWN,
+                                   FILE_DEVICE_SECURE_OPEN, FALSE, &device);
+  if (!NT_SUCCESS(status)) return status;
+  static_cast<Extension*>(device->DeviceExtension)->isLab = true;
+  device->Flags |= DO_BUFFERED_IO;
+  status = IoCreateSymbolicLink(&link, &name);
+  if (!NT_SUCCESS(status)) return IoDeleteDevice(device), status;
+  device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  gLabDevice = device;
+  return status;
+}
+
+// Takes back what stands when a step fails.
+NTSTATUS Attach(DRIVER_OBJECT* driver, DEVICE_OBJECT* device, DEVICE_OBJECT* physical) {
+  MailboxDevice* mailbox = ExtensionOf(device);
+  NTSTATUS status = IoRegisterDeviceInterface(physical, &kMailboxInterfaceClass, nullptr,
+                                              &mailbox->interfaceName);
+  if (!NT_SUCCESS(status)) return status;
+  status = CreateLabDevice(driver);
+  if (NT_SUCCESS(status)) {
+    mailbox->lower = IoAttachDeviceToDeviceStack(device, physical);
+    if (mailbox->lower != nullptr) return status;
+    DeleteLabDevice();
+    status = STATUS_NO_SUCH_DEVICE;
+  }
+  RtlFreeUnicodeString(&mailbox->interfaceName);
+  return status;
 }
 
 NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
@@ -219,41 +282,20 @@ NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
   MailboxDevice* mailbox = ExtensionOf(device);
   RtlZeroMemory(mailbox, sizeof *mailbox);
   IoInitializeRemoveLock(&mailbox->removeLock, kPoolTag, 0, 0);
-  status = IoRegisterDeviceInterface(physical, &kMailboxInterfaceClass, nullptr,
-                                     &mailbox->interfaceName);
-  if (NT_SUCCESS(status)) {
-    mailbox->lower = IoAttachDeviceToDeviceStack(device, physical);
-    if (mailbox->lower == nullptr) {
-      RtlFreeUnicodeString(&mailbox->interfaceName);
-      status = STATUS_NO_SUCH_DEVICE;
-    }
-  }
+  status = Attach(driver, device, physical);
   if (!NT_SUCCESS(status)) return IoDeleteDevice(device), status;
   gMailboxDevice = device;
+  {
+    Lock lock;
+    gMailbox.plugged = true;
+  }
   device->Flags |= DO_BUFFERED_IO | (mailbox->lower->Flags & DO_POWER_PAGABLE);
   device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   return STATUS_SUCCESS;
 }
 
-NTSTATUS CreateLabDevice(DRIVER_OBJECT* driver) {
-  UNICODE_STRING name = Text(TAVRIN_LAB_DEVICE), link = Text(TAVRIN_LAB_LINK);
-  NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN,
-                                   FALSE, &gLabDevice);
-  if (!NT_SUCCESS(status)) return status;
-  gLabDevice->Flags |= DO_BUFFERED_IO;
-  status = IoCreateSymbolicLink(&link, &name);
-  if (!NT_SUCCESS(status)) return IoDeleteDevice(gLabDevice), status;
-  gLabDevice->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-  return status;
-}
-
-// Runs when the last device has gone and nothing is open any more.
-VOID NTAPI Unload(DRIVER_OBJECT*) {
-  UNICODE_STRING link = Text(TAVRIN_LAB_LINK);
-  IoDeleteSymbolicLink(&link);
-  IoDeleteDevice(gLabDevice);
-  CloseRegions();
-}
+// Runs when the devices have gone and nothing is open any more.
+VOID NTAPI Unload(DRIVER_OBJECT*) { CloseRegions(); }
 
 }  // namespace
 
@@ -262,10 +304,8 @@ VOID NTAPI Unload(DRIVER_OBJECT*) {
 extern "C" NTSTATUS NTAPI DriverEntry(DRIVER_OBJECT* driver, UNICODE_STRING*) {
   using namespace tavrin;
   InitializeMailbox();
-  NTSTATUS status = CreateRegions();
+  const NTSTATUS status = CreateRegions();
   if (!NT_SUCCESS(status)) return status;
-  status = CreateLabDevice(driver);
-  if (!NT_SUCCESS(status)) return CloseRegions(), status;
   for (ULONG major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_READ, IRP_MJ_WRITE,
                       IRP_MJ_DEVICE_CONTROL})
     driver->MajorFunction[major] = Dispatch;

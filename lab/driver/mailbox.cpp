@@ -67,17 +67,18 @@ void CancelList(LIST_ENTRY* list, FILE_OBJECT* file, NTSTATUS status) {
   }
 }
 
-// Whether the tester wants this request answered at once; *status says how.
+// Under the lock: the device is unplugged, or the tester wants it to look so.
+bool HasLeft() { return !gMailbox.plugged || gMailbox.behaviour.mode == kTavrinGone; }
+
+// Whether this request is answered at once; *status says how.
 bool AnswersAtOnce(NTSTATUS* status) {
+  if (HasLeft()) return *status = STATUS_DEVICE_NOT_CONNECTED, true;
   switch (gMailbox.behaviour.mode) {
     case kTavrinAtOnce:
       *status = STATUS_SUCCESS;
       return true;
     case kTavrinFail:
       *status = StatusOfError(gMailbox.behaviour.error);
-      return true;
-    case kTavrinGone:
-      *status = STATUS_DEVICE_NOT_CONNECTED;
       return true;
     default:
       return false;
@@ -123,7 +124,7 @@ NTSTATUS OpenHandle(IRP* irp) {
   NTSTATUS status = STATUS_DEVICE_NOT_CONNECTED;
   {
     Lock lock;
-    if (gMailbox.behaviour.mode != kTavrinGone) {
+    if (!HasLeft()) {
       handle->id = ++gMailbox.nextHandle;
       InsertTailList(&gMailbox.handles, &handle->link);
       FileOf(irp)->FsContext = handle;
@@ -135,8 +136,11 @@ NTSTATUS OpenHandle(IRP* irp) {
 }
 
 void CancelOf(FILE_OBJECT* file) {
+  auto* handle = static_cast<Handle*>(file->FsContext);
   CancelList(&gMailbox.reads, file, STATUS_CANCELLED);
   CancelList(&gMailbox.requests, file, STATUS_CANCELLED);
+  if (handle != nullptr)
+    for (ULONG region = 0; region < kRegions; ++region) UnmapFor(handle, region);
   DeliverEvents();
 }
 
@@ -144,7 +148,6 @@ void CloseHandle(FILE_OBJECT* file) {
   auto* handle = static_cast<Handle*>(file->FsContext);
   if (handle == nullptr) return;
   CancelOf(file);
-  for (ULONG region = 0; region < kRegions; ++region) UnmapFor(handle, region);
   {
     Lock lock;
     file->FsContext = nullptr;
@@ -160,7 +163,7 @@ NTSTATUS Read(IRP* irp) {
   NTSTATUS status = STATUS_PENDING;
   {
     Lock lock;
-    if (gMailbox.behaviour.mode == kTavrinGone) {
+    if (HasLeft()) {
       status = STATUS_DEVICE_NOT_CONNECTED;
     } else if (!Use(HandleOf(irp), false)) {
       status = STATUS_INSUFFICIENT_RESOURCES;
@@ -208,6 +211,12 @@ void FailAll(NTSTATUS status) {
   CancelList(&gMailbox.reads, nullptr, status);
   CancelList(&gMailbox.requests, nullptr, status);
   DeliverEvents();
+  bool plugged;
+  {
+    Lock lock;
+    plugged = gMailbox.plugged;
+  }
+  if (!plugged) CancelList(&gMailbox.bridgeReads, nullptr, status);  // the lab device goes, too
 }
 
 void TellAll() {

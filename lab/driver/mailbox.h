@@ -67,6 +67,7 @@ struct Mailbox {
   UINT64 nextRequest;
   UINT64 readsArmed;
   FILE_OBJECT* bridge;  // null: nobody is told anything
+  bool plugged;         // false: the device has left, and nothing may pend
   TavrinMisbehaviour behaviour;
 };
 
@@ -106,7 +107,8 @@ void InitializeMailbox();
 
 // --- the mailbox device (mailbox.cpp) ---
 NTSTATUS OpenHandle(IRP* irp);
-// The handle is being closed: what it has in flight ends with STATUS_CANCELLED. May run twice.
+// The handle is being closed: what it has in flight ends with STATUS_CANCELLED, and its views of
+// the regions go. May run twice.
 void CancelOf(FILE_OBJECT* file);
 void CloseHandle(FILE_OBJECT* file);
 NTSTATUS Read(IRP* irp);
@@ -116,7 +118,7 @@ void FailAll(NTSTATUS status);
 // Under the lock: tells a bridge that has just come about all that is there.
 void TellAll();
 
-// --- the bridge (bridge_device.cpp): the opener of the lab device that reads first ---
+// --- the bridge (bridge_device.cpp): the opener of the lab device that transfers first ---
 void CancelBridgeReads(FILE_OBJECT* file);
 void CloseBridge(FILE_OBJECT* file);
 NTSTATUS ReadEvents(IRP* irp);
@@ -142,10 +144,11 @@ ULONG RegionGivenBack(ULONG code);
 // Maps a region into the process of that id, once for each handle; null on failure.
 PVOID MapFor(Handle* handle, HANDLE process, ULONG region);
 void UnmapFor(Handle* handle, ULONG region);
-// The firmware's access, from the bridge's own thread. False beyond the region's bounds.
+// The firmware's access, from the bridge's own thread. Returns false beyond the region's bounds, or
+// if the bridge has taken its view away.
 bool Poke(UINT64 region, UINT32 offset, const UCHAR* bytes, ULONG size);
 bool Peek(UINT64 region, UINT32 offset, ULONG count);
-// The bridge leaves: its views go. From its own process.
-void UnmapBridge();
+// That opener leaves: its views go, if it is the bridge. From its own process.
+void UnmapBridge(FILE_OBJECT* file);
 
 }  // namespace tavrin

@@ -1,8 +1,57 @@
 // The memory that firmware and service share: two sections, mapped into the service's process when
-// the firmware's answer says so, and into the bridge's for the firmware's reads and writes.
+// the firmware's answer says so, and into the bridge's for the firmware's reads and writes. A
+// process can unmap its view at any time, so the driver reads and writes it through GuardedCopy
+// only.
 #include <atomic>
 
 #include "lab/driver/mailbox.h"
+
+// Copies `size` bytes, or returns 0 when the processor faults on one of the addresses. GCC has no
+// __try, so the function brings its own unwind data: a scope table of one entry, whose filter is
+// the constant 1 (EXCEPTION_EXECUTE_HANDLER). It copies words of four bytes, then the rest: the
+// service reads an index of the ring while it is written, and must see it whole.
+extern "C" int GuardedCopy(void* to, const void* from, SIZE_T size);
+asm(R"(
+  .text
+  .globl GuardedCopy
+  .def GuardedCopy; .scl 2; .type 32; .endef
+  .seh_proc GuardedCopy
+GuardedCopy:
+  pushq %rdi
+  .seh_pushreg %rdi
+  pushq %rsi
+  .seh_pushreg %rsi
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  movq %rcx, %rdi
+  movq %rdx, %rsi
+  movq %r8, %rcx
+  shrq $2, %rcx
+.LguardedBegin:
+  rep movsl
+  movq %r8, %rcx
+  andq $3, %rcx
+  rep movsb
+.LguardedEnd:
+  movl $1, %eax
+.LguardedLeave:
+  addq $40, %rsp
+  popq %rsi
+  popq %rdi
+  ret
+.LguardedFault:
+  xorl %eax, %eax
+  jmp .LguardedLeave
+  .seh_handler __C_specific_handler, @except
+  .seh_handlerdata
+  .long 1
+  .rva .LguardedBegin, .LguardedEnd
+  .long 1
+  .rva .LguardedFault
+  .text
+  .seh_endproc
+)");
 
 namespace tavrin {
 
@@ -109,16 +158,9 @@ void UnmapFor(Handle* handle, ULONG region) {
 bool Poke(UINT64 region, UINT32 offset, const UCHAR* bytes, ULONG size) {
   UCHAR* to = BridgeBytes(region, offset, size);
   if (to == nullptr) return false;
-  // Whole words where both ends allow: the service reads an index while it is written.
-  ULONG at = 0;
-  for (; offset % 4 == 0 && size - at >= 4; at += 4) {
-    ULONG word;
-    RtlCopyMemory(&word, bytes + at, sizeof word);
-    *reinterpret_cast<volatile ULONG*>(to + at) = word;
-  }
-  for (; at < size; ++at) *static_cast<volatile UCHAR*>(to + at) = bytes[at];
+  const bool copied = GuardedCopy(to, bytes, size) != 0;
   std::atomic_thread_fence(std::memory_order_release);  // what is poked next is seen later
-  return true;
+  return copied;
 }
 
 bool Peek(UINT64 region, UINT32 offset, ULONG count) {
@@ -128,9 +170,8 @@ bool Peek(UINT64 region, UINT32 offset, ULONG count) {
   auto* copy =
       static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, count == 0 ? 1 : count, kPoolTag));
   if (copy == nullptr) return false;
-  RtlCopyMemory(copy, from, count);
-  bool told;
-  {
+  bool told = GuardedCopy(copy, from, count) != 0;
+  if (told) {
     Lock lock;
     told = Tell(lablink::kMemory, region, offset, copy, count);
   }
@@ -138,7 +179,11 @@ bool Peek(UINT64 region, UINT32 offset, ULONG count) {
   return told;
 }
 
-void UnmapBridge() {
+void UnmapBridge(FILE_OBJECT* file) {
+  {
+    Lock lock;
+    if (gMailbox.bridge != file) return;
+  }
   for (PVOID& view : gBridgeViews) {
     if (view != nullptr) ZwUnmapViewOfSection(ZwCurrentProcess(), view);
     view = nullptr;

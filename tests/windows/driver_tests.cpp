@@ -117,12 +117,13 @@ class Driver : public ::testing::Test {
       if (message.head.kind == kind) return message;
     }
   }
-  // Answers a request. Returns 0 or the platform's error.
-  DWORD Answer(std::uint64_t id, std::string_view body) {
+  // Answers a request through that open of the lab device. Returns 0 or the platform's error.
+  DWORD Answer(std::uint64_t id, std::string_view body) { return Answer(id, body, bridge_); }
+  DWORD Answer(std::uint64_t id, std::string_view body, const Device& device) {
     const lablink::Head head{lablink::kMagic, lablink::kComplete, id, 0,
                              static_cast<std::uint32_t>(body.size())};
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
-    Transfer write(bridge_);
+    Transfer write(device);
     write.Write(bytes.append(body));
     return write.Await();
   }
@@ -151,6 +152,18 @@ TEST_F(Driver, CancelOrCloseEndsARequestOnce) {
   reads_.Close();
   EXPECT_TRUE(read.HasEnded(kPatience));
   EXPECT_EQ(Next(lablink::kClose).head.word, 0u);
+}
+
+TEST_F(Driver, OnlyTheBridgeTransfersWithTheLabDevice) {
+  std::array<char, 80> output{};
+  Transfer request(requests_);
+  request.Ask(kReadRequest, output);
+  const std::uint64_t id = Next(lablink::kRequest).head.id;
+  const Device other(TAVRIN_LAB_PATH);
+  EXPECT_EQ(Answer(id, "forged", other), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  EXPECT_EQ(Answer(id, "genuine", bridge_), 0u);
+  EXPECT_EQ(request.Await(), 0u);
+  EXPECT_EQ(std::string_view(output.data(), request.Size()), "genuine");
 }
 
 TEST_F(Driver, RequestWithAnAnswerAndACancelAtOnceEnds) {
