@@ -47,7 +47,7 @@ class Dash(LabTest):
         self.start_both()
         for data, abort in ((b"", 0), (b"", 1), (b"bytes", 0), (b"bytes", 1)):
             with self.subTest((data, abort)):
-                before = len(self.orrin.text())
+                before = self.orrin.here()
                 with connect() as peer:
                     self.orrin.saw(ANNOUNCED, before)  # a reset before that fails the accept
                     if data:

@@ -115,14 +115,23 @@ class Orrin(Process):
         self.marks = 0
         self.saw("listening on ")
 
-    def tell(self, *commands):
-        """Types commands and waits until they have run. Returns the trace's offset before them."""
-        before = len(self.text())
+    def type(self, *lines):
+        self.child.stdin.write("".join(line + "\n" for line in lines).encode())
+        self.child.stdin.flush()
+
+    def here(self):
+        """Returns the trace's offset behind all that the firmware has answered by now: it answers a
+        request first and traces it afterwards."""
         self.marks += 1
         mark = "done-%d" % self.marks  # no command, so the trace names it
-        self.child.stdin.write("\n".join([*commands, mark, ""]).encode())
-        self.child.stdin.flush()
-        self.saw('"%s"' % mark, before)
+        self.type(mark)
+        return self.saw('"%s"' % mark)
+
+    def tell(self, *commands):
+        """Types commands and waits until they have run. Returns the trace's offset before them."""
+        before = self.here()
+        self.type(*commands)
+        self.here()
         return before
 
 

@@ -69,7 +69,7 @@ class Managed(WineLabTest):
     def test_a_service_is_started_and_stopped_any_number_of_times(self):
         self.orrin = self.start_orrin()
         for _ in range(2):
-            before = len(self.orrin.text())
+            before = self.orrin.here()
             self.assertNotIn("error", self.scm("start"))
             self.logged(BOUND)
             running = "SERVICE_RUNNING, accepts 0x101, exit 0/0, check point 0\n"
@@ -92,7 +92,7 @@ class Managed(WineLabTest):
         self.orrin = self.start_orrin("silence on")
         for line, trace in (("SvcInit line: 361", ""), ("Device open success", ""),
                             ("intThreadFunction before Processread", "is held unanswered")):
-            before = len(self.orrin.text())
+            before = self.orrin.here()
             self.scm("start")
             self.logged(line)
             self.orrin.saw(trace, before)
@@ -152,7 +152,7 @@ class Power(WineLabTest):
     def test_each_action_follows_its_answer(self):
         self.start_both()
         for frame, state, _, lines in power_test.ACTIONS:
-            before = len(self.orrin.text())
+            before = self.orrin.here()
             self.assertEqual(power_test.request(state)[0], "0")
             self.logged(lines[-1])
             self.orrin.saw_all(["firmware > host  %s, payload 0" % frame, "DASH_DATA"], before)
