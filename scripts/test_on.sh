@@ -18,10 +18,17 @@ done
 [ "$(id -u)" -eq 0 ] || { echo "test_on: must be root, to change the root folder" >&2; exit 1; }
 
 root=${STEWARDRY_ROOT:-}
+folder=
+child=
+leave() {
+  [ -z "$child" ] || kill -KILL "$child" 2>/dev/null || true  # its namespaces go with it
+  [ -z "$folder" ] || rm -rf --one-file-system "$folder"
+}
+trap leave EXIT
+trap 'exit 130' INT TERM
 if [ -z "$root" ]; then
   folder=$(mktemp -d "${TMPDIR:-/var/tmp}/stewardry-$suite-XXXXXX")
   root=$folder/root
-  trap 'rm -rf --one-file-system "$folder"' EXIT
 fi
 if [ ! -x "$root/usr/bin/apt-get" ]; then
   echo "== root folder of $suite: $root"
@@ -35,7 +42,6 @@ mkdir "$root/stewardry"
 git ls-files -z | tar --null --files-from=- --create | tar --extract --directory "$root/stewardry"
 
 # The mounts and every process go with these namespaces, however the run ends.
-status=0
 unshare --mount --pid --fork --kill-child bash -euc '
   root=$1
   shift
@@ -50,5 +56,9 @@ unshare --mount --pid --fork --kill-child bash -euc '
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
     STEWARDRY_SKIP_TIDY="${STEWARDRY_SKIP_TIDY:-1}" CI="${CI:-}" \
     chroot "$root" bash -c "cd /stewardry && exec scripts/test.sh \"\$@\"" test.sh "$@"
-' unshare "$root" "$@" || status=$?
+' unshare "$root" "$@" &
+child=$!
+status=0
+wait "$child" || status=$?
+child=
 exit $status
