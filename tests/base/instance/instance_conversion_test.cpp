@@ -138,6 +138,29 @@ TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
   }
 }
 
+TEST(InstanceConversionTest, AnArrayWithoutElementsStaysOne) {
+  const struct {
+    const ClassDef* target;
+    const char16_t* name;
+    std::uint32_t from, to;
+  } kCases[] = {{&kDisk, u"Labels", CIM_STRINGA, CIM_STRINGA},
+                {&kDisk, u"Temperatures", CIM_STRINGA, CIM_SINT32A},
+                {&kDisk, u"Data", CIM_STRINGA, CIM_UINT8A},
+                {&kDisk, u"Data", CIM_UINT8A, CIM_UINT8A},
+                {&kRack, u"Disks", CIM_INSTANCEA, CIM_INSTANCEA},
+                {&kRack, u"DiskRefs", CIM_INSTANCEA, CIM_REFERENCEA}};
+  for (const CimValue& none : {CimValue{}, Array(kLabels, 0)}) {
+    for (const auto& each : kCases) {
+      const Owned source(u"Any", {{each.name, each.from, none, FLAG_BORROW}});
+      Target target;
+      EXPECT_EQ(target.Convert(each.target, source, kSkipKeys), RESULT_OK) << each.from;
+      EXPECT_EQ(Read(target, each.name, each.to).array.size, 0u);
+    }
+    const Owned source(u"Any", {{u"Size", CIM_STRINGA, none, FLAG_BORROW}});
+    EXPECT_EQ(Target().Convert(&kDisk, source, kSkipKeys), RESULT_TYPE_MISMATCH);
+  }
+}
+
 TEST(InstanceConversionTest, NestingIsLimited) {
   auto outer = std::make_unique<Owned>(u"Rack");
   for (std::uint32_t depth = 0; depth <= kMaxConvertDepth + 1; ++depth) {
