@@ -46,8 +46,10 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
 
 // Reads one instance from the reader's position and makes it a dynamic one in `batch`, or, if that
 // is empty, in one of its own with everything nested in it. Without `copy` names, texts and arrays
-// are borrowed from the bytes, and each property's flags get FLAG_BORROW; with it they lose it. The
-// texts of a STRINGA are made pointers in place: bytes that hold one are read once.
+// are borrowed from the bytes, and each property's flags get FLAG_BORROW; with it they lose it, and
+// the class of a nested instance has no flags, as in any copy. A property with FLAG_NULL becomes a
+// null, whatever its value. The texts of a STRINGA are made pointers in place: bytes that hold one
+// are read once.
 // RESULT_INVALID_PARAMETER for an empty argument, bytes that aren't aligned to 8, a wrong tail, a
 // bad class name or property name; RESULT_ALREADY_EXISTS for a property twice; RESULT_FAILED when
 // memory fails, for bytes that end too soon or have a wrong head, a type above 31, a text without

@@ -168,6 +168,19 @@ TEST_F(RichTest, ACopyOwnsWhatItRead) {
   EXPECT_TRUE(Read(copy, u"Inners").IsNull());
 }
 
+TEST_F(RichTest, APropertyWithTheNullFlagIsReadAsNull) {
+  const Owned outer(u"Outer", {{u"Ref", CIM_REFERENCE, {}, FLAG_NULL}});
+  const CimValue value = Nested(inner_);
+  ASSERT_EQ(Instance_StoreProperty(outer, u"Ref", &value, CIM_REFERENCE, 0), RESULT_OK);
+  for (const bool copy : {true, false}) {
+    Bytes bytes{Writer(outer)};
+    PackBuf reader = bytes.Reader();
+    Owned read;
+    EXPECT_EQ(Instance_Unpack(read.Out(), &reader, nullptr, copy), RESULT_OK);
+    EXPECT_TRUE(Read(read, u"Ref").IsNull());
+  }
+}
+
 TEST_F(RichTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
   Bytes bytes{Writer(outer_)};
   const std::uint32_t size = bytes.Reader().size;
