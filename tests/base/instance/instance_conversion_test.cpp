@@ -175,13 +175,15 @@ TEST(InstanceConversionTest, NestingIsLimited) {
 TEST(InstanceConversionTest, AMethodIsATargetToo) {
   const ClassDef* fit = MethodDef_AsClass(&rack_schema::kFit);
   const Owned disk(u"Disk", kDiskWords);
-  const Owned source(
-      u"Fit",
-      {Word(u"Slot", u"9"), Word(u"Return", u"0x10"), {u"Disk", CIM_INSTANCE, Nested(disk)}});
+  const Owned source(u"Fit", {Word(u"Slot", u"9"),
+                              Word(u"Return", u"0x10"),
+                              Word(u"Seal", u"YWJj"),
+                              {u"Disk", CIM_INSTANCE, Nested(disk)}});
   Target target;
   ASSERT_EQ(target.Convert(fit, source), RESULT_OK);
   EXPECT_EQ(Read(target, u"Slot", CIM_UINT8).uint8, 9);
   EXPECT_EQ(Read(target, u"Return", CIM_UINT32).uint32, 16u);
+  EXPECT_EQ(Read(target, u"Seal", CIM_UINT8A).array.size, 7u);  // its qualifier came along
   EXPECT_EQ(Read(target, u"Disk", CIM_REFERENCE).reference->def, &kDisk);
   EXPECT_EQ(Target().Convert(fit, Owned(u"Fit")), RESULT_NO_SUCH_PROPERTY);  // no defaults
 }
