@@ -56,8 +56,8 @@ Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uin
   Pack_CopyShort(place + 8, name, static_cast<std::size_t>(nameBytes));
   Pack_ZeroFiller(place + 8 + nameBytes);
   std::memcpy(place + typeAt, &property.type, 4);
-  place[typeAt + 4] = present;
   Pack_ZeroFiller(place + typeAt + 5);
+  place[typeAt + 4] = present;
   if (width != 0) CimValue_CopyBytes(place + valueAt, value, width);
   return RESULT_OK;
 }

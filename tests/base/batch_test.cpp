@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -69,6 +70,19 @@ TEST_F(BatchTest, CopiesKeepTheirContent) {
   EXPECT_EQ(copy->texts[1], nullptr);
   char* grown = static_cast<char*>(Batch_Realloc(&batch_, "1234567", 8, 1000));
   EXPECT_EQ(std::string(grown, 1000), "1234567" + std::string(993, '\0'));
+}
+
+TEST_F(BatchTest, WhatIsSkippedOfAPageIsZero) {
+  std::array<std::uint64_t, 16> page;  // with what a heap may hold
+  page.fill(0xA5A5A5A5A5A5A5A5);
+  Batch_InitOnBuffer(&batch_, page.data(), sizeof page, kNoPageLimit);
+  (void)Batch_DupNarrow(&batch_, "a");
+  (void)Batch_WidenText(&batch_, "b");
+  (void)Batch_AllocZero(&batch_, 1);
+  (void)Batch_Realloc(&batch_, "c", 1, 1);
+  (void)Take(512);  // too large for the rest of the page
+  std::array<std::uint64_t, 16> expected{'a', 'b', 0, 'c'};
+  EXPECT_EQ(page, expected);
 }
 
 TEST_F(BatchTest, ShippedPointersLeadToTheSameByte) {
