@@ -196,6 +196,7 @@ Result UnpackInstance(Unpacking& call, Instance** made) {
   PackedHead head;
   Result result = Packed_ReadHead(call.reader, &head);
   if (result != RESULT_OK) return result;
+  if (head.propertyCount > kMaxUnpackedProperties) return RESULT_FAILED;
   result = Instance_CreateDynamic(made, head.className, head.classFlags, call.batch);
   if (result != RESULT_OK) return result;
   const Instance* body = Instance_Body(*made);

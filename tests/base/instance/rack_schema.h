@@ -52,6 +52,7 @@ inline constexpr PropertyDef kRackProperties[] = {
     Slot(6, u"DiskRefs", CIM_REFERENCEA),
     Slot(7, u"Weight", CIM_REAL64),
     Slot(8, u"Inner", CIM_INSTANCE),
+    Slot(9, u"Labels", CIM_STRINGA),
 };
 inline constexpr auto kRackList = ListOf(kRackProperties);
 
