@@ -42,6 +42,9 @@ void* AllocStandalone(Batch* batch, std::size_t rounded) {
 void* AllocFromNewPage(Batch* batch, std::size_t rounded) {
   void* block = Heap_AllocateKept(kPageBlockSize);
   if (block == nullptr) return nullptr;
+  // The rest of the old page is given up, and leaves the process when the batch is shipped.
+  if (batch->nextFree != batch->pageEnd)
+    std::memset(batch->nextFree, 0, static_cast<std::size_t>(batch->pageEnd - batch->nextFree));
   BatchPage* page = AddBlock(batch, block, kPagePayload, false);
   batch->nextFree = PayloadOf(page) + rounded;
   batch->pageEnd = EndOfPage(page);
@@ -56,10 +59,18 @@ void FreeBlock(BatchPage* page) {
   Heap_Free(page);
 }
 
+// A block whose bytes beyond `size`, up to the multiple of 8, are zero: they are shipped too. The
+// others are the caller's to fill.
+void* AllocWithFiller(Batch* batch, std::size_t size) {
+  auto* block = static_cast<std::uint8_t*>(Batch_Alloc(batch, size));
+  if (block != nullptr && size % 8 != 0) std::memset(block + RoundUp(size) - 8, 0, 8);
+  return block;
+}
+
 template <class To, class From>
 To* CopyUnits(Batch* batch, const From* text) {
   const std::size_t count = std::char_traits<From>::length(text) + 1;
-  auto* copy = static_cast<To*>(Batch_Alloc(batch, count * sizeof(To)));
+  auto* copy = static_cast<To*>(AllocWithFiller(batch, count * sizeof(To)));
   if (copy == nullptr) return nullptr;
   if constexpr (sizeof(From) == 1)  // as a signed number
     std::transform(text, text + count, copy,
@@ -72,7 +83,7 @@ To* CopyUnits(Batch* batch, const From* text) {
 template <class Unit>
 Unit* DupUnits(Batch* batch, const Unit* text) {
   const std::size_t size = (std::char_traits<Unit>::length(text) + 1) * sizeof(Unit);
-  auto* copy = static_cast<Unit*>(Batch_Alloc(batch, size));
+  auto* copy = static_cast<Unit*>(AllocWithFiller(batch, size));
   if (copy != nullptr) std::memcpy(copy, text, size);
   return copy;
 }
@@ -149,7 +160,7 @@ void* Batch_AllocBlock(Batch* batch, std::size_t size) {
 
 void* Batch_AllocZero(Batch* batch, std::size_t size) {
   void* block = Batch_Alloc(batch, size);
-  if (block != nullptr) std::memset(block, 0, size);
+  if (block != nullptr) std::memset(block, 0, RoundUp(size));
   return block;
 }
 
@@ -170,7 +181,7 @@ void* Batch_Realloc(Batch* batch, const void* old, std::size_t oldSize, std::siz
   if (block == nullptr || old == nullptr) return block;
   const std::size_t kept = std::min(oldSize, newSize);
   std::memcpy(block, old, kept);
-  std::memset(block + kept, 0, newSize - kept);
+  std::memset(block + kept, 0, RoundUp(newSize) - kept);
   return block;
 }
 

@@ -11,6 +11,9 @@ namespace stewardry {
 // Sets the process's locale to "C" and, at its end, back to what it was. There is no lock: the
 // locale belongs to the whole process, so another thread's locale-dependent work doesn't go with
 // it.
+//
+// The name of a locale whose categories differ lists them all: glibc has twelve, each under a name
+// of up to 255 characters. The buffer holds any such name, because a cut one isn't found again.
 class CLocale {
  public:
   CLocale() {
@@ -23,7 +26,7 @@ class CLocale {
   ~CLocale() { (void)std::setlocale(LC_ALL, name_.data()); }
 
  private:
-  std::array<char, 128> name_;  // a longer name is cut, and then not found again
+  std::array<char, 4096> name_;  // not initialised: only the name's own length is touched
 };
 
 }  // namespace stewardry

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cwchar>
 #include <string>
 #include <string_view>
 
@@ -227,20 +228,40 @@ class Formatter {
   // Zeros go behind the sign and the 0x, and not where a precision has said how many digits.
   void PutPadded(const Conversion& c, std::string_view text) {
     const auto width = static_cast<std::size_t>(c.width);
-    const std::size_t padding = width > text.size() ? width - text.size() : 0;
+    const std::size_t size = RecodeNumber(text, [](const Unit*, std::size_t) {});
+    const std::size_t padding = width > size ? width - size : 0;
     const bool isWhole = std::string_view("diouxX").find(c.letter) != std::string_view::npos;
     const bool isFinite = text.find_first_of("nN") == std::string_view::npos;  // no inf, no nan
     const bool zeros = c.Has('0') && !c.Has('-') && isFinite && !(isWhole && c.precision >= 0);
     if (!c.Has('-') && !zeros) Pad(' ', padding);
     std::size_t head = zeros && text.find_first_of("+- ") == 0 ? 1 : 0;
     if (zeros && (text.substr(head, 2) == "0x" || text.substr(head, 2) == "0X")) head += 2;
-    PutNarrow(text.substr(0, head));
+    const auto put = [this](const Unit* units, std::size_t count) { Put(units, count); };
+    (void)RecodeNumber(text.substr(0, head), put);
     if (zeros) Pad('0', padding);
-    PutNarrow(text.substr(head));
+    (void)RecodeNumber(text.substr(head), put);
     if (c.Has('-')) Pad(' ', padding);
   }
-  void PutNarrow(std::string_view ascii) {
-    for (const char each : ascii) Pad(each, 1);
+
+  // Hands the runtime's number on in this width, and gives its length there. All of it is ASCII but
+  // for a locale's decimal point, whose bytes in the locale's encoding become one unit of 16 bits.
+  template <class Take>
+  static std::size_t RecodeNumber(std::string_view text, Take take) {
+    if constexpr (sizeof(Unit) == 1) return take(text.data(), text.size()), text.size();
+    std::size_t size = 0;
+    for (; !text.empty(); ++size) {
+      wchar_t wide = static_cast<unsigned char>(text[0]);
+      std::size_t bytes = 1;
+      if (wide >= 0x80) {
+        std::mbstate_t state{};
+        bytes = std::mbrtowc(&wide, text.data(), text.size(), &state);
+        if (bytes - 1 >= text.size()) bytes = 1, wide = 0xFFFD;  // no character
+      }
+      const auto unit = static_cast<Unit>(wide);
+      take(&unit, 1);
+      text.remove_prefix(bytes);
+    }
+    return size;
   }
 
   // Whether text behind this conversion is narrow.

@@ -30,10 +30,8 @@ Result SendInstance(const MessageFieldRow& row, const Message* source, Message* 
   std::uint32_t& size = Message_Field<std::uint32_t>(destination, row.packedSize);
   if (const void* bytes = Message_Field<void*>(source, row.packed)) {
     size = Message_Field<std::uint32_t>(source, row.packedSize);
-    packed = Batch_Alloc(destination->batch, size);
-    if (packed == nullptr) return RESULT_FAILED;
-    std::memcpy(packed, bytes, size);
-    return RESULT_OK;
+    packed = Batch_Realloc(destination->batch, bytes, size, size);  // a copy
+    return packed != nullptr ? RESULT_OK : RESULT_FAILED;
   }
   if (const Instance* instance = Message_Field<Instance*>(source, row.field)) {
     const Result result =

@@ -197,9 +197,10 @@ class Scanner {
     }
   }
 
-  // The next field's place; conversions that drop have none.
+  // The next field's place. Conversions that drop have none; nor have those that TakeFields didn't
+  // count, like the %d that is left of %*%%d once the conversion %*% has been read.
   void* Next(const Conversion<Unit>& c) {
-    if (c.isDropped) return nullptr;
+    if (c.isDropped || used_ == fields_.size()) return nullptr;
     return fields_[used_++];
   }
 
@@ -262,19 +263,22 @@ class Scanner {
     constexpr std::string_view kReals = "aAeEfFgG";
     if (c.letter >= 0x80 || kReals.find(static_cast<char>(c.letter)) == std::string_view::npos)
       return false;
+    if (c.size == Size::kLongDouble) return StoreReal(c, std::strtold);
+    if (c.size == Size::kLong) return StoreReal(c, std::strtod);
+    return StoreReal(c, std::strtof);
+  }
+
+  // By the runtime's conversion to the field's own size: a narrowed number would be rounded twice.
+  template <class Real>
+  bool StoreReal(const Conversion<Unit>& c, Real (*convert)(const char*, char**)) {
     char number[kMaxNumber + 1];
     CopyNumber(c, number);
     char* end;
-    const long double value = std::strtold(number, &end);
+    const Real value = convert(number, &end);
     if (end == number) return false;
     at_ += end - number;
     if (void* field = Next(c)) {
-      if (c.size == Size::kLongDouble)
-        *static_cast<long double*>(field) = value;
-      else if (c.size == Size::kLong)
-        *static_cast<double*>(field) = static_cast<double>(value);
-      else
-        *static_cast<float*>(field) = static_cast<float>(value);
+      *static_cast<Real*>(field) = value;
       ++stored_;
     }
     return true;

@@ -83,9 +83,10 @@ bool IsTooLarge(std::string_view digits, bool hex) {
   return exponent > -order;
 }
 
+// Behind the prefix come digits: std::from_chars alone would also take a sign and a word there.
 bool StartsHex(std::string_view digits) {
   if (digits.size() < 3 || digits[0] != '0' || (digits[1] | 0x20) != 'x') return false;
-  return digits[2] != '-' && !std::isspace(static_cast<unsigned char>(digits[2]));
+  return digits[2] == '.' || DigitValue(static_cast<unsigned char>(digits[2])) < 16;
 }
 
 // A number without blanks and sign, to its very end.

@@ -162,15 +162,28 @@ Result ConvertNestedArray(Instance* made, const char16_t* name, std::uint32_t ty
   return result;
 }
 
+// Without elements there is no text to convert, and an array of any type that takes texts is empty
+// then, as arrays of the other types are.
+Result ConvertTexts(Instance* made, const char16_t* name, const ArrayValue& source,
+                    const Conversion& how) {
+  if (source.data != nullptr && source.size != 0)
+    return Instance_SetArrayFromTexts(made, name, static_cast<const char16_t* const*>(source.data),
+                                      source.size, how.textFlags);
+  std::uint32_t type = 0;
+  const Result result = Instance_ReadProperty(made, name, nullptr, &type, nullptr, nullptr);
+  if (result != RESULT_OK) return result;
+  if (!CimType_IsArray(type) || type > CIM_STRINGA) return RESULT_TYPE_MISMATCH;
+  const CimValue none{};
+  return Instance_StoreProperty(made, name, &none, type, 0);
+}
+
 Result ConvertProperty(Instance* made, const char16_t* name, const CimValue& value,
                        std::uint32_t type, const Conversion& how) {
   switch (type) {
     case CIM_STRING:
       return Instance_SetFromText(made, name, value.string, how.textFlags);
     case CIM_STRINGA:
-      return Instance_SetArrayFromTexts(made, name,
-                                        static_cast<const char16_t* const*>(value.array.data),
-                                        value.array.size, how.textFlags);
+      return ConvertTexts(made, name, value.array, how);
     case CIM_REFERENCE:
     case CIM_INSTANCE:
       return ConvertNested(made, name, value.instance, type == CIM_INSTANCE, how);

@@ -3,11 +3,11 @@
 // used where they lie.
 //
 // Invariants:
-// 1. Alignment counts from `data`, which is aligned to 8. The bytes that it skips are filler: as
-// the
-//    heap gave them, and never read.
+// 1. Alignment counts from `data`, which is aligned to 8. The bytes that it skips are filler: a
+//    writer makes them zero, since they leave the process, and a reader never looks at them.
 // 2. A writer's `data` lies behind a BatchPage in one heap block, so that the finished buffer
-//    becomes a page of a batch without a copy (PackBuf_TakeBlock, Batch_AttachPage).
+//    becomes a page of a batch without a copy (PackBuf_TakeBlock, Batch_AttachPage). Behind the
+//    capacity the block has kFillerRoom bytes more, which the zeros of a filler may overwrite.
 // 3. A reader's bytes come from anyone. Whatever they say, nothing outside `size` is touched, and a
 //    step that fails leaves the position and every out as they were.
 //
@@ -36,6 +36,9 @@ static_assert(offsetof(PackBuf, size) == 8 && offsetof(PackBuf, capacity) == 12 
 constexpr std::uint32_t kMinPackCapacity = 256;
 // The largest power of two that the size of a BatchPage can tell.
 constexpr std::uint32_t kMaxPackCapacity = 0x40000000;
+// Filler is at most 7 bytes, and zeroed by a store of this size: one that took the exact number
+// would cost a call for each item.
+constexpr std::uint32_t kFillerRoom = 8;
 
 // The writer. Each gives RESULT_OK, or RESULT_FAILED when memory fails or the content would pass
 // kMaxPackCapacity; the buffer then stands as it was and stays usable.

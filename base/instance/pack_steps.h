@@ -16,6 +16,10 @@ constexpr std::uint64_t Pack_Align(std::uint64_t position, std::uint32_t alignme
   return (position + alignment - 1) & ~(alignment - 1ULL);
 }
 
+// Zeroes the filler from `place` on, and what follows it up to kFillerRoom bytes: content is stored
+// afterwards.
+inline void Pack_ZeroFiller(std::uint8_t* place) { std::memset(place, 0, kFillerRoom); }
+
 // Moves a writer's `size` to the next multiple of `alignment` and on by `bytes`, which start at
 // *place. False, and nothing moved, when there is no room to be had.
 inline bool Pack_Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t bytes,
@@ -26,6 +30,7 @@ inline bool Pack_Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t 
     if (end > kMaxPackCapacity) return false;
     if (PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) != RESULT_OK) return false;
   }
+  if (start != buffer->size) Pack_ZeroFiller(buffer->data + buffer->size);
   *place = buffer->data + start;
   buffer->size = static_cast<std::uint32_t>(end);
   return true;
@@ -86,6 +91,7 @@ inline Result Pack_PutElements(PackBuf* buffer, std::uint32_t width, std::uint32
   std::uint8_t* place = nullptr;
   if (!Pack_Extend(buffer, sizeof count, at + bytes, &place)) return RESULT_FAILED;
   std::memcpy(place, &count, sizeof count);
+  Pack_ZeroFiller(place + sizeof count);
   if (count != 0) Pack_CopyShort(place + at, elements, static_cast<std::size_t>(bytes));
   return RESULT_OK;
 }

@@ -16,7 +16,7 @@ BatchPage* BlockOf(const PackBuf* buffer) {
 
 // Puts a block of `capacity` bytes behind its header in place of the present one.
 Result Resize(PackBuf* buffer, std::uint32_t capacity) {
-  const std::size_t bytes = sizeof(BatchPage) + std::size_t{capacity};
+  const std::size_t bytes = sizeof(BatchPage) + std::size_t{capacity} + kFillerRoom;
   auto* block = static_cast<BatchPage*>(Heap_Reallocate(BlockOf(buffer), bytes));
   if (block == nullptr) return RESULT_FAILED;
   *block = {nullptr, 0, capacity & 0x7FFFFFFF, 0};

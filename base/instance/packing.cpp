@@ -54,7 +54,9 @@ Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uin
   std::memcpy(place, &property.flags, 4);
   std::memcpy(place + 4, &count, 4);
   Pack_CopyShort(place + 8, name, static_cast<std::size_t>(nameBytes));
+  Pack_ZeroFiller(place + 8 + nameBytes);
   std::memcpy(place + typeAt, &property.type, 4);
+  Pack_ZeroFiller(place + typeAt + 5);
   place[typeAt + 4] = present;
   if (width != 0) CimValue_CopyBytes(place + valueAt, value, width);
   return RESULT_OK;

@@ -174,6 +174,7 @@ Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
   if (property.present) result = UnpackValue(call, property.type, &value);
   if (result == RESULT_OK) result = AddNull(call, instance, property, seen, &slot);
   if (result != RESULT_OK || !property.present) return result;
+  if ((property.flags & FLAG_NULL) != 0) return RESULT_OK;  // as AddProperty takes the flag
   return Store(call, slot, property.type, value);
 }
 
@@ -195,9 +196,13 @@ Result UnpackInstance(Unpacking& call, Instance** made) {
   PackedHead head;
   Result result = Packed_ReadHead(call.reader, &head);
   if (result != RESULT_OK) return result;
+  if (head.propertyCount > kMaxUnpackedProperties) return RESULT_FAILED;
   result = Instance_CreateDynamic(made, head.className, head.classFlags, call.batch);
   if (result != RESULT_OK) return result;
-  call.batch = Instance_Body(*made)->batch;
+  const Instance* body = Instance_Body(*made);
+  call.batch = body->batch;
+  // A nested instance is stored as if Instance_Copy had made it, whose class has no flags.
+  if (call.copy && call.depth > 0) Instance_PrivateDef(body)->flags = 0;
   ++call.depth;
   result = UnpackContent(call, head, *made);
   --call.depth;

@@ -19,13 +19,13 @@ std::string DescribeAt(const Instance* instance, std::size_t indent);
 
 std::string ToUtf8(const char16_t* text) {
   if (text == nullptr) return {};
-  const std::size_t units = std::char_traits<char16_t>::length(text);
-  std::string utf8(units * 3, '\0');  // the most that a unit becomes
-  const int size =
-      Text_ToUtf8(text, static_cast<int>(units), utf8.data(), static_cast<int>(utf8.size()));
+  std::u16string shown(text);
+  for (char16_t& unit : shown)  // a terminal obeys the control characters behind 0x7F too
+    if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0)) unit = u'.';
+  std::string utf8(shown.size() * 3, '\0');  // the most that a unit becomes
+  const int size = Text_ToUtf8(shown.data(), static_cast<int>(shown.size()), utf8.data(),
+                               static_cast<int>(utf8.size()));
   utf8.resize(static_cast<std::size_t>(size));
-  for (char& each : utf8)
-    if (static_cast<unsigned char>(each) < 0x20 || each == 0x7F) each = '.';
   return utf8;
 }
 

@@ -59,7 +59,10 @@ TEST_F(BatchTest, OnlyBlocksOfOneRequestAreReleased) {
   EXPECT_EQ(Sizes(), (BlockSizes{8}));
 }
 
-TEST_F(BatchTest, CopiesKeepTheirContent) {
+TEST_F(BatchTest, CopiesKeepTheirContentAndWhatIsSkippedOfAPageIsZero) {
+  alignas(8) std::uint8_t page[256];
+  std::memset(page, 0xA5, sizeof page);  // what a heap may hold
+  Batch_InitOnBuffer(&batch_, page, sizeof page, kNoPageLimit);
   EXPECT_STREQ(Batch_DupNarrow(&batch_, "text"), "text");
   EXPECT_EQ(std::u16string(Batch_WidenText(&batch_, "a\xE9")), u"a\xFFE9");
   EXPECT_STREQ(Batch_NarrowText(&batch_, u"a\u20ACz"), "a\xACz");
@@ -69,6 +72,9 @@ TEST_F(BatchTest, CopiesKeepTheirContent) {
   EXPECT_EQ(copy->texts[1], nullptr);
   char* grown = static_cast<char*>(Batch_Realloc(&batch_, "1234567", 8, 1000));
   EXPECT_EQ(std::string(grown, 1000), "1234567" + std::string(993, '\0'));
+  EXPECT_NE(Batch_AllocZero(&batch_, 1), Batch_Realloc(&batch_, "c", 1, 1));
+  (void)Take(512);  // gives the rest of the page up
+  EXPECT_EQ(std::count(page, std::end(page), 0xA5), 0);
 }
 
 TEST_F(BatchTest, ShippedPointersLeadToTheSameByte) {

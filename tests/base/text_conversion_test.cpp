@@ -75,7 +75,8 @@ TEST(TextConversionTest, OtherTextsAreNoNumber) {
       EXPECT_EQ(Convert(type, text), kUnchanged) << kCimTypeNames[type];
   for (const std::u16string_view text : {u"08", u"1.0"})
     EXPECT_EQ(Convert(CIM_SINT64, text), kUnchanged);
-  for (const std::u16string_view text : {u".", u"1e", u"1,5", u"1.5 ", u"0x-1", u"0x 1"})
+  for (const std::u16string_view text : {u".", u"1e", u"1,5", u"1.5 ", u"0x-1", u"0x 1", u"0x.",
+                                         u"0xinf", u"-0Xnan", u"0xInfinity", u"0x\u0131"})
     EXPECT_EQ(Convert(CIM_REAL64, text), kUnchanged);
 }
 

@@ -37,11 +37,10 @@ void Convert(const Instance* source, const ClassDef* target) {
   }
 }
 
-// The instance in the form that it would be sent in; empty when it can't be packed. Filler is 0.
+// The instance in the form that it would be sent in; empty when it can't be packed.
 OwnBytes Pack(const Instance* instance, std::size_t capacity) {
   PackBuf buffer;
   Require(PackBuf_Init(&buffer, static_cast<std::uint32_t>(capacity)) == RESULT_OK);
-  std::memset(buffer.data, 0, buffer.capacity);
   const bool isPacked = Instance_Pack(instance, false, nullptr, nullptr, &buffer) == RESULT_OK;
   OwnBytes bytes(buffer.data, buffer.data + (isPacked ? buffer.size : 0));
   Require(bytes.size() <= capacity);

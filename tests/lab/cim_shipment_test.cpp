@@ -51,14 +51,14 @@ class CimShipment : public SocketTest {
   }
 
   SocketPair pair_;
-  CreateInstanceRequest* request_ = MakeCreateRequest(7, u"fan-1");
+  CreateInstanceRequest* request_ = MakeCreateRequest(7, u"fan-1\x9B");
 };
 
 TEST_F(CimShipment, MessagesArriveAsTheyWereSent) {
   // Of the instance behind a reference the keys are shipped alone.
   const std::string unshipped = "      Tag (STRING) = \"stays here\"\n";
   std::string text = Describe(request_->instance);
-  ASSERT_NE(text.find("DeviceID (STRING, key) = \"fan-1\""), std::string::npos);
+  ASSERT_NE(text.find("DeviceID (STRING, key) = \"fan-1.\""), std::string::npos);
   text.erase(text.find(unshipped), unshipped.size());
   for (int i = 0; i < 2; ++i) {  // the message stays whole for a second shipment
     ASSERT_TRUE(Shipment_Send(pair_.b, &request_->head));

@@ -97,7 +97,7 @@ TEST(InstanceConversionTest, KeysMatchOrHaveADefault) {
   }
 }
 
-TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
+TEST(InstanceConversionTest, NestedInstancesAndEmptyArraysTakeTheTypeOfTheirProperty) {
   const Owned disk(u"DISK", kDiskWords), keyless(u"Disk", {Word(u"Size", u"1")});
   const Owned stranger(u"Tape");
   Instance *const both[] = {disk, disk}, *const mixed[] = {disk, keyless};
@@ -115,6 +115,9 @@ TEST(InstanceConversionTest, ANestedInstanceTakesTheTypeOfItsProperty) {
       {"to references", {u"DiskRefs", CIM_REFERENCE, Nested(disk)}, RESULT_OK, CIM_REFERENCEA},
       {"array", {u"Disks", CIM_INSTANCEA, Array(both, 2)}, RESULT_OK, CIM_INSTANCEA},
       {"array to one", {u"Disk", CIM_INSTANCEA, Array(both, 2)}, kMismatch},
+      {"no texts", {u"Labels", CIM_STRINGA, {}}, RESULT_OK, CIM_STRINGA},
+      {"borrowed", {u"Labels", CIM_STRINGA, Array(kLabels, 0), FLAG_BORROW}, 0, CIM_STRINGA},
+      {"no texts for a number", {u"Weight", CIM_STRINGA, {}}, kMismatch},
       {"no such property", {u"Drive", CIM_INSTANCE, Nested(disk)}, kNone},
       {"no such class", {u"Disk", CIM_INSTANCE, Nested(stranger)}, kNone},
       {"without key", {u"DiskRef", CIM_INSTANCE, Nested(keyless)}, RESULT_OK, CIM_REFERENCE},
@@ -152,13 +155,15 @@ TEST(InstanceConversionTest, NestingIsLimited) {
 TEST(InstanceConversionTest, AMethodIsATargetToo) {
   const ClassDef* fit = MethodDef_AsClass(&rack_schema::kFit);
   const Owned disk(u"Disk", kDiskWords);
-  const Owned source(
-      u"Fit",
-      {Word(u"Slot", u"9"), Word(u"Return", u"0x10"), {u"Disk", CIM_INSTANCE, Nested(disk)}});
+  const Owned source(u"Fit", {Word(u"Slot", u"9"),
+                              Word(u"Return", u"0x10"),
+                              Word(u"Seal", u"YWJj"),
+                              {u"Disk", CIM_INSTANCE, Nested(disk)}});
   Target target;
   ASSERT_EQ(target.Convert(fit, source), RESULT_OK);
   EXPECT_EQ(Read(target, u"Slot", CIM_UINT8).uint8, 9);
   EXPECT_EQ(Read(target, u"Return", CIM_UINT32).uint32, 16u);
+  EXPECT_EQ(Read(target, u"Seal", CIM_UINT8A).array.size, 7u);  // its qualifier came along
   EXPECT_EQ(Read(target, u"Disk", CIM_REFERENCE).reference->def, &kDisk);
   EXPECT_EQ(Target().Convert(fit, Owned(u"Fit")), RESULT_NO_SUCH_PROPERTY);  // no defaults
 }

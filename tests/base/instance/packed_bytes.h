@@ -1,9 +1,11 @@
 // Packed bytes written out by hand, for the tests of the packed form: "01 00 'Fan' --". Two digits
-// are a byte, letters in quotes are units of 16 bits, and -- is filler, which has no value.
+// are a byte, letters in quotes are units of 16 bits, and -- is filler: a writer leaves a zero
+// there, and a reader takes anything.
 #pragma once
 
 #include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -33,10 +35,12 @@ inline std::vector<int> Parse(const std::string& text) {
   return bytes;
 }
 
-// A writer that frees its block. With an instance it holds the packed form of it.
+// A writer that frees its block, which begins full of what a heap may hold. With an instance it
+// holds the packed form of it.
 struct Writer : PackBuf {
   explicit Writer(const Instance* instance = nullptr) {
     EXPECT_EQ(PackBuf_Init(this, 0), RESULT_OK);
+    std::memset(data, 0xA5, capacity);
     if (instance == nullptr) return;
     EXPECT_EQ(Instance_Pack(instance, false, nullptr, nullptr, this), RESULT_OK);
   }
@@ -50,7 +54,7 @@ inline void ExpectBytes(const PackBuf& packed, const std::string& text) {
   const std::vector<int> expected = Parse(text);
   ASSERT_EQ(packed.size, expected.size());
   for (std::size_t i = 0; i < expected.size(); ++i)
-    EXPECT_TRUE(expected[i] == kFiller || expected[i] == packed.data[i]) << "byte " << i;
+    EXPECT_EQ(packed.data[i], expected[i] == kFiller ? 0 : expected[i]) << "byte " << i;
 }
 
 // Bytes for a reader, in a block of exactly that size. Filler has a value that would break a reader

@@ -77,7 +77,7 @@ class PackingTest : public ::testing::Test {
 void ExpectPacked(std::uint32_t type, const CimValue& value, const std::string& rest) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   const std::string digits = {kDigits[type / 16], kDigits[type % 16]};
-  const std::string whole = kOne + digits + " 00 00 00 " + rest + kTail;
+  std::string whole = kOne + digits + " 00 00 00 " + rest + kTail;
   // Borrowed, so that an array without elements keeps its data.
   const Owned fan(u"Fan", {{u"V", type, value, FLAG_BORROW}});
   const_cast<PropertyDef*>(Instance_Body(fan)->def->properties[0])->flags = 0;
@@ -88,6 +88,9 @@ void ExpectPacked(std::uint32_t type, const CimValue& value, const std::string& 
   Owned read;
   ASSERT_EQ(Instance_Unpack(read.Out(), &reader, nullptr, true), RESULT_OK) << whole;
   EXPECT_EQ(reader.offset, reader.size);
+  // The class of an "Id" that was copied has no flags.
+  for (std::size_t at = 0; (at = whole.find("01 00 00 00  03", at)) != whole.npos;)
+    whole[at + 1] = '0';
   // An array of numbers that came without elements has no data, which is not packed.
   if (type != CIM_UINT64A || value.array.size != 0) ExpectBytes(Writer(read), whole);
 }
@@ -99,12 +102,13 @@ TEST_F(PackingTest, EachTypeHasItsBytes) {
 
 TEST_F(PackingTest, AFilterLeavesPropertiesOutAndKeysOnlyTakesKeys) {
   const Owned fan(u"Fan",
-                  {{u"Key", CIM_UINT8, Number(1), FLAG_KEY}, {u"Speed", CIM_UINT16, Number(2)}});
+                  {{u"Key", CIM_UINT8, Number(1), FLAG_KEY}, {u"Speeds", CIM_UINT16, Number(2)}});
   EXPECT_EQ(Instance_SetNamespace(fan, u"root"), RESULT_OK);
   const std::string head =
       "57 99 2B 46  01 00 00 00  04 00 00 00 'Fan' 00 00  05 00 00 00 'root' 00 00 -- -- ";
   const std::string key = "00 10 00 00  04 00 00 00 'Key' 00 00  01 00 00 00  01 01 -- -- ";
-  const std::string speed = "00 00 00 00  06 00 00 00 'Speed' 00 00  03 00 00 00  01 -- 02 00 ";
+  const std::string speed =
+      "00 00 00 00  07 00 00 00 'Speeds' 00 00 -- --  03 00 00 00  01 -- 02 00 ";
   const PackFilter filter = [](const char16_t* name, void* refused) {
     return *static_cast<std::u16string_view*>(refused) == name;
   };

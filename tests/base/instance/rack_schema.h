@@ -52,6 +52,7 @@ inline constexpr PropertyDef kRackProperties[] = {
     Slot(6, u"DiskRefs", CIM_REFERENCEA),
     Slot(7, u"Weight", CIM_REAL64),
     Slot(8, u"Inner", CIM_INSTANCE),
+    Slot(9, u"Labels", CIM_STRINGA),
 };
 inline constexpr auto kRackList = ListOf(kRackProperties);
 
@@ -59,6 +60,7 @@ inline constexpr ParameterDef kFitParameters[] = {
     {0, Name_Code(u"Return"), u"Return", nullptr, 0, CIM_UINT32, nullptr, 0, 64},
     {0, Name_Code(u"Disk"), u"Disk", nullptr, 0, CIM_REFERENCE, nullptr, 0, 104},
     {FLAG_KEY, Name_Code(u"Slot"), u"Slot", nullptr, 0, CIM_UINT8, nullptr, 0, 144},
+    {0, Name_Code(u"Seal"), u"Seal", &kOctetList[0], 1, CIM_UINT8A, nullptr, 0, 184},
 };
 inline constexpr auto kFitList = ListOf(kFitParameters);
 
@@ -72,7 +74,7 @@ constexpr ClassDef Class(const char16_t* name,
 }
 inline constexpr ClassDef kDisk = Class(u"Disk", kDiskList), kRack = Class(u"Rack", kRackList);
 inline constexpr MethodDef kFit = {FLAG_METHOD, Name_Code(u"Fit"), u"Fit",  nullptr,
-                                   0,           kFitList.data(),   3,       184,
+                                   0,           kFitList.data(),   4,       224,
                                    CIM_UINT32,  nullptr,           nullptr, &kSchema};
 inline const ClassDef* const kClasses[] = {&kDisk, &kRack};
 inline const SchemaDef kSchema = {kClasses, 2, nullptr, 0};

@@ -57,6 +57,7 @@ TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
   const std::string texts = kOne + "1D 00 00 00 01 -- -- -- 02 00 00 00 -- -- -- -- ";
   const std::string instances = kOne + "1E 00 00 00 01 -- -- -- ";
   const std::string ab = "'a' 00 00 'b' 00 00", mark = "57 99 2B 46 01 00 00 00 ";
+  const std::string bad = "00 00 00 00 02 00 00 00 '-' 00 00 01 00 00 00 00 -- -- --";
   constexpr Result kOk = RESULT_OK, kFailed = RESULT_FAILED, kInvalid = RESULT_INVALID_PARAMETER;
   const struct {
     const char* what;
@@ -71,8 +72,8 @@ TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
       {"open name space", kFailed,
        mark + "02 00 00 00 'F' 00 00 01 00 00 00 'x' -- -- 00 00 00 00"},
       {"more properties than bytes", kFailed, kHead + "FF FF FF FF"},
-      {"bad property name", kInvalid,
-       kHead + "01 00 00 00 00 00 00 00 02 00 00 00 '-' 00 00 01 00 00 00 00 -- -- --"},
+      {"bad property name of 4096", kInvalid, kHead + "00 10 00 00" + bad},
+      {"one property too many", kFailed, kHead + "01 10 00 00" + bad},  // none is looked at
       {"null of type 32", kFailed, kOne + "20 00 00 00 00 -- -- --"},
       {"value of type FFFFFFFF", kFailed, kOne + "FF FF FF FF 01 05 -- --"},
       {"text of 4 GiB", kFailed, text + "00 00 00 80"},
@@ -89,8 +90,12 @@ TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
       {"one instance too many", kFailed, instances + "02 00 00 00" + kHead + "00 00 00 00" + kTail},
   };
   for (const auto& row : kRows) EXPECT_EQ(Unpack(Bytes(row.bytes + kTail)), row.result) << row.what;
-  Instance* made = nullptr;
-  EXPECT_FALSE(Instance_UnpackBytes(nullptr, nullptr, 0, &made));
+  Owned made;
+  EXPECT_FALSE(Instance_UnpackBytes(nullptr, nullptr, 0, made.Out()));
+  Bytes null(kHead + "01 00 00 00 00 00 00 20 02 00 00 00 'V' 00 00 01 00 00 00 01 05 -- --" +
+             kTail);
+  EXPECT_TRUE(Instance_UnpackBytes(nullptr, null.Get().data(), null.Reader().size, made.Out()));
+  EXPECT_TRUE(Read(made, u"V").IsNull());  // by the flag, though it has a value
 }
 
 TEST(UnpackingTest, NestingIsLimited) {
