@@ -90,7 +90,7 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
   EXPECT_TRUE(Logged("SockWrite Failed in WriteDASHRXdata"));
   ASSERT_TRUE(firmware_->Await(kGone, 2));
   EXPECT_EQ(std::regex_replace(Sequence(), std::regex("D+"), "D"), "SICSIDC");
-  EXPECT_EQ(firmware_->Inputs(kData), sent);
+  EXPECT_TRUE(firmware_->Inputs(kData) == sent);
   ASSERT_TRUE(Eventually([] { return Logged("Selector remove called for HTTPS callback"); }));
   EXPECT_EQ(gHttpsSocketState.load(), kClosed);
   EXPECT_EQ(gHttpsSocket.load(), 0U);
