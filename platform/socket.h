@@ -53,8 +53,8 @@ int setsockopt(SocketValue sock, int level, int option, const void* value, int s
 int bind(SocketValue sock, const void* address, int size);
 int connect(SocketValue sock, const void* address, int size);
 int listen(SocketValue sock, int backlog);
-// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset tells of
-// a connection that ended while it waited, and has taken that one out of the queue.
+// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset tells
+// of a connection that ended while it waited, and has taken that one out of the queue.
 SocketValue accept(SocketValue sock, SockAddrIn* peer);
 int SetNonBlocking(SocketValue sock, bool nonBlocking);  // ioctlsocket(FIONBIO)
 int recv(SocketValue sock, void* buffer, int size);

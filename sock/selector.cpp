@@ -272,7 +272,7 @@ Result Turn(Run* run) {
   Result result = PrepareWait(run, now);
   if (result == RESULT_OK) result = WaitAndPass(run, WaitMilliseconds(run->breakAt, now));
   while (result == RESULT_OK && run->state->repeatPass) {
-    run->hasDeadlines = true;  // the callback may have set one
+    run->hasDeadlines = true;  // the callback may have set one: the next pass looks at all
     result = WaitAndPass(run, 0);
   }
   return result;
