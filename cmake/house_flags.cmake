@@ -1,6 +1,8 @@
 # Warnings are errors on both platforms; frame pointers and symbols stay, so that a sanitizer's or
-# a field dump's stack can be read.
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer)
+# a field dump's stack can be read. A function with a buffer ends the program where the buffer has
+# run over into the return address.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer
+                    -fstack-protector-strong)
 
 if(STEWARDRY_SANITIZE)
   # A report needs files and lines; variables would double the time of a build.
@@ -15,7 +17,8 @@ endif()
 if(WIN32)
   # Windows 10 is the oldest system served. Everything is linked in, so the .exe runs alone.
   add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
-  add_link_options(-static)
+  # The second option is for programs without platform/windows/stack_guard.cpp: they get GCC's.
+  add_link_options(-static -fstack-protector-strong)
 endif()
 
 if(STEWARDRY_FUZZ)

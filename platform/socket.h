@@ -20,6 +20,7 @@ enum : int {
   kIpprotoTcp = 6,      // IPPROTO_TCP
   kSolSocket = 0xFFFF,  // SOL_SOCKET, Windows' number
   kSoReuseAddr = 4,     // SO_REUSEADDR, Windows' number
+  kSoKeepAlive = 8,     // SO_KEEPALIVE, Windows' number
   kTcpNoDelay = 1,      // TCP_NODELAY
   kSdSend = 1,          // SD_SEND
 };
@@ -29,6 +30,7 @@ enum : int {
   kWsaEInval = 10022,
   kWsaEWouldBlock = 10035,
   kWsaEAddrInUse = 10048,
+  kWsaEConnReset = 10054,
   kWsaENotConn = 10057,
 };
 
@@ -51,7 +53,8 @@ int setsockopt(SocketValue sock, int level, int option, const void* value, int s
 int bind(SocketValue sock, const void* address, int size);
 int connect(SocketValue sock, const void* address, int size);
 int listen(SocketValue sock, int backlog);
-// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure.
+// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset tells
+// of a connection that ended while it waited, and has taken that one out of the queue.
 SocketValue accept(SocketValue sock, SockAddrIn* peer);
 int SetNonBlocking(SocketValue sock, bool nonBlocking);  // ioctlsocket(FIONBIO)
 int recv(SocketValue sock, void* buffer, int size);
@@ -92,6 +95,7 @@ struct SocketSelection {
   std::uint32_t selected;   // network events the socket is selected for
   std::uint32_t signalled;  // what the last wait saw, in the platform's own terms; 0 for nothing
   bool listening;           // a listener's news is a knock, not data
+  bool connecting;          // the end of a connect is still to be told
 };
 
 SocketEvent WSACreateEvent();

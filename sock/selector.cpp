@@ -231,46 +231,51 @@ Handler* HandlerOf(platform::SocketSelection* selection) {
                                     offsetof(Handler, selection));
 }
 
-// Serves the handlers in list order, again as long as a callback asks for it. The wait counts the
-// sockets with news: behind the last of them nothing is left to do, unless deadlines must be looked
-// at. So one socket alone is served without a walk, and a repetition would find nothing more.
-// Posted calls come first, and may take any handler out of the list.
+// Serves the handlers in list order. The wait counts the sockets with news: behind the last of them
+// nothing is left to do, unless deadlines must be looked at. So one socket alone is served without
+// a walk. Posted calls come first, and may take any handler out of the list.
 Result Pass(Run* run, const platform::SocketWait& wait) {
+  run->state->repeatPass = false;
   const bool hasPosted = run->state->pending.count.load(std::memory_order_relaxed) != 0;
   if (wait.only != nullptr && !run->hasDeadlines && !hasPosted) {
     Handler* following;
     return ServeHandler(run, HandlerOf(wait.only), &following);
   }
   std::uint32_t news = wait.signalled;
-  do {
-    run->state->repeatPass = false;
-    RunPosted(run->state);
-    for (Handler* handler = run->state->handlerHead; handler != nullptr;) {
-      if (news == 0 && !run->hasDeadlines) break;
-      if (handler->selection.signalled != 0 && news > 0) --news;
-      Handler* following = handler->next;
-      const Result result = ServeHandler(run, handler, &following);
-      if (result != RESULT_OK) return result;
-      handler = following;
-    }
-  } while (run->state->repeatPass);
+  RunPosted(run->state);
+  for (Handler* handler = run->state->handlerHead; handler != nullptr;) {
+    if (news == 0 && !run->hasDeadlines) break;
+    if (handler->selection.signalled != 0 && news > 0) --news;
+    Handler* following = handler->next;
+    const Result result = ServeHandler(run, handler, &following);
+    if (result != RESULT_OK) return result;
+    handler = following;
+  }
   return RESULT_OK;
 }
 
-// One turn of the loop: prepare, wait, pass.
-Result Turn(Run* run) {
-  std::uint64_t now;
-  if (!PAL_Time(&now)) return Report(SelectorEvent::kInitialTime, run->selector);
-  if (run->timeoutSelectorAt != 0 && now >= run->timeoutSelectorAt) return RESULT_TIME_OUT;
-  const Result result = PrepareWait(run, now);
-  if (result != RESULT_OK) return result;
+Result WaitAndPass(Run* run, std::uint32_t milliseconds) {
   const platform::SocketWait wait = platform::WaitForMultipleObjectsEx(
-      run->state->socketEvent, run->state->wakeEvent, WaitMilliseconds(run->breakAt, now));
+      run->state->socketEvent, run->state->wakeEvent, milliseconds);
   if (wait.result == platform::kWaitFailed)
     return Report(SelectorEvent::kWait, run->selector, platform::LastError());
   // A signal that comes after this reset wakes the next wait.
   if (wait.woken) (void)platform::ResetEvent(run->state->wakeEvent);  // or the next wait is short
   return Pass(run, wait);
+}
+
+// One turn of the loop: prepare, wait, pass, and another pass as long as a callback asks for it.
+Result Turn(Run* run) {
+  std::uint64_t now;
+  if (!PAL_Time(&now)) return Report(SelectorEvent::kInitialTime, run->selector);
+  if (run->timeoutSelectorAt != 0 && now >= run->timeoutSelectorAt) return RESULT_TIME_OUT;
+  Result result = PrepareWait(run, now);
+  if (result == RESULT_OK) result = WaitAndPass(run, WaitMilliseconds(run->breakAt, now));
+  while (result == RESULT_OK && run->state->repeatPass) {
+    run->hasDeadlines = true;  // the callback may have set one: the next pass looks at all
+    result = WaitAndPass(run, 0);
+  }
+  return result;
 }
 
 }  // namespace

@@ -13,6 +13,8 @@ namespace {
 constexpr std::uint64_t kSmallestHalved = 4096;  // a failed write of this size or less isn't halved
 constexpr std::size_t kLongestHost = 127;
 constexpr int kBacklog = 1;
+// The most that one accept passes over, whatever peers come and go meanwhile.
+constexpr int kMostEndedConnections = 64;
 
 Result ToResult(int status) { return status == 0 ? RESULT_OK : RESULT_FAILED; }
 
@@ -118,6 +120,10 @@ Result Sock_ReuseAddr(Sock sock, bool on) {
   return SetFlag(sock, platform::kSolSocket, platform::kSoReuseAddr, on);
 }
 
+Result Sock_KeepAlive(Sock sock, bool on) {
+  return SetFlag(sock, platform::kSolSocket, platform::kSoKeepAlive, on);
+}
+
 Result Sock_SetNoDelay(Sock sock, bool on) {
   return SetFlag(sock, platform::kIpprotoTcp, platform::kTcpNoDelay, on);
 }
@@ -131,7 +137,7 @@ Result Sock_Listen(Sock sock) { return ToResult(platform::listen(sock, kBacklog)
 Result Sock_CreateListener(Sock* sock, const Addr& address) {
   Result result = Sock_Create(sock, address.isIPv6 != 0);
   if (result != RESULT_OK) return result;
-  result = Sock_ReuseAddr(*sock, true);
+  if (platform::kListenersReuseTheAddress) result = Sock_ReuseAddr(*sock, true);
   if (result == RESULT_OK) result = Sock_Bind(*sock, address);
   if (result == RESULT_OK) result = Sock_Listen(*sock);
   if (result != RESULT_OK) {
@@ -148,8 +154,12 @@ Result Sock_ListenOnPort(Sock* sock, const char* port) {
 }
 
 Result Sock_Accept(Sock listener, Sock* sock, RemoteAddress* peer) {
-  *sock = platform::accept(listener, peer);
-  return *sock == kInvalidSock ? FailureResult() : RESULT_OK;
+  for (int ended = 0; ended < kMostEndedConnections; ++ended) {
+    *sock = platform::accept(listener, peer);
+    if (*sock != kInvalidSock) return RESULT_OK;
+    if (platform::WSAGetLastError() != platform::kWsaEConnReset) return FailureResult();
+  }
+  return RESULT_WOULD_BLOCK;
 }
 
 Result Sock_SetBlocking(Sock sock, bool blocking) {

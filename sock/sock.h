@@ -36,19 +36,20 @@ void Addr_InitAny(Addr* address, std::uint16_t port);
 
 // A TCP socket over IPv4, or IPv6 with the flag. 0 or 1.
 Result Sock_Create(Sock* sock, bool isIPv6);
-// SO_REUSEADDR, TCP_NODELAY on or off. 0 or 1.
+// SO_REUSEADDR, SO_KEEPALIVE, TCP_NODELAY on or off. 0 or 1.
 Result Sock_ReuseAddr(Sock sock, bool on);
+Result Sock_KeepAlive(Sock sock, bool on);
 Result Sock_SetNoDelay(Sock sock, bool on);
 Result Sock_Bind(Sock sock, const Addr& address);
 // With a backlog of 1. 0 or 1.
 Result Sock_Listen(Sock sock);
-// Create, reuse, bind and listen. A failure behind the first closes the socket and gives the
-// step's status.
+// Create, reuse (where the platform's listeners do), bind and listen. A failure behind the first
+// closes the socket and gives the step's status.
 Result Sock_CreateListener(Sock* sock, const Addr& address);
 // Any local address and the port that the text names.
 Result Sock_ListenOnPort(Sock* sock, const char* port);
 
-// 0, 1, or 1003 when nobody knocks now.
+// 0, 1, or 1003 when nobody knocks now. Connections that ended while they waited are passed over.
 Result Sock_Accept(Sock listener, Sock* sock, RemoteAddress* peer);
 Result Sock_SetBlocking(Sock sock, bool blocking);
 

@@ -12,8 +12,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "platform/linux/gate.h"
@@ -38,7 +40,7 @@ constexpr ErrnoRow kSocketErrors[] = {
     {ENOTCONN, kWsaENotConn},
     {EBADF, 10038},
     {ENOTSOCK, 10038},
-    {ECONNRESET, 10054},
+    {ECONNRESET, kWsaEConnReset},
     {ECONNREFUSED, 10061},
     {EPIPE, 10053},
     {EMFILE, 10024},
@@ -116,7 +118,22 @@ struct Option {
   int level, option, nativeLevel, nativeOption;
 };
 constexpr Option kOptions[] = {{kSolSocket, kSoReuseAddr, SOL_SOCKET, SO_REUSEADDR},
+                               {kSolSocket, kSoKeepAlive, SOL_SOCKET, SO_KEEPALIVE},
                                {kIpprotoTcp, kTcpNoDelay, IPPROTO_TCP, TCP_NODELAY}};
+
+// What accept fails with here for a connection that ended while it waited: its own abort, or an
+// error that the network has left on it.
+constexpr int kEndedConnections[] = {ECONNABORTED, EPROTO,      ENETDOWN,   ENETUNREACH, EHOSTDOWN,
+                                     EHOSTUNREACH, ENOPROTOOPT, EOPNOTSUPP, ENONET};
+
+// accept4 with Winsock's one error for all of those.
+int AcceptNative(int listener, sockaddr_in* peer) {
+  socklen_t size = sizeof *peer;
+  const int fd = ::accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
+  if (fd < 0 && std::ranges::find(kEndedConnections, errno) != std::end(kEndedConnections))
+    errno = ECONNRESET;
+  return fd;
+}
 
 }  // namespace
 
@@ -162,10 +179,7 @@ int listen(SocketValue sock, int backlog) {
 SocketValue accept(SocketValue sock, SockAddrIn* peer) {
   if (Injected("accept", sock)) return kInvalidSocket;
   sockaddr_in address{};
-  const int fd = Transfer(sock, POLLIN, [&](int listener) {
-    socklen_t size = sizeof address;
-    return ::accept4(listener, reinterpret_cast<sockaddr*>(&address), &size, SOCK_CLOEXEC);
-  });
+  const int fd = Transfer(sock, POLLIN, [&](int at) { return AcceptNative(at, &address); });
   if (fd < 0) return kInvalidSocket;
   GrowSendBuffer(fd);
   *peer = SockAddrIn{kAfInet, address.sin_port, address.sin_addr.s_addr, {}};

@@ -72,13 +72,37 @@ int BytesWaiting(SocketValue sock) {
   return ::ioctl(static_cast<int>(sock), FIONREAD, &count) == 0 ? count : 0;
 }
 
-// A peer's close comes with EPOLLIN whether data is left or not; Winsock tells the two apart.
-std::uint32_t NetworkEvents(std::uint32_t seen, bool listening, SocketValue sock) {
-  if (listening) return (seen & EPOLLIN) != 0 ? std::uint32_t{kFdAccept} : 0;
+// Whether the end of a connect is still to be told. Linux tells it once, with success, to whoever
+// connects again; an accepted socket is connected already.
+bool HasConnectToTell(SocketValue sock) {
+  sockaddr_storage peer;
+  auto* address = reinterpret_cast<sockaddr*>(&peer);
+  socklen_t size = sizeof peer;
+  if (::getpeername(static_cast<int>(sock), address, &size) != 0) return true;
+  return ::connect(static_cast<int>(sock), address, size) == 0;
+}
+
+// epoll reports these without being asked.
+constexpr std::uint32_t kBroken = EPOLLERR | EPOLLHUP;
+
+// What epoll has seen, in Winsock's terms.
+std::uint32_t NetworkEvents(SocketValue sock, SocketSelection* selection) {
+  const std::uint32_t seen = selection->signalled;
+  if (selection->listening) return (seen & EPOLLIN) != 0 ? std::uint32_t{kFdAccept} : 0;
   std::uint32_t events = 0;
-  const bool closed = (seen & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-  if (closed) events |= kFdClose;
-  if ((seen & EPOLLIN) != 0 && (!closed || BytesWaiting(sock) > 0)) events |= kFdRead;
+  if (selection->connecting && (seen & (EPOLLOUT | kBroken)) != 0) {
+    selection->connecting = false;
+    if ((seen & kBroken) != 0) return kFdConnect;  // it has failed
+    events |= kFdConnect;
+  }
+  // A peer's close comes with EPOLLIN whether data is left or not. Winsock tells of it once the
+  // data has been read, and a handler that is told of both reads once and closes.
+  const bool closed = (seen & (EPOLLRDHUP | kBroken)) != 0;
+  if ((seen & EPOLLIN) != 0 && (!closed || BytesWaiting(sock) > 0)) {
+    events |= kFdRead;
+  } else if (closed) {
+    events |= kFdClose;
+  }
   if ((seen & EPOLLOUT) != 0) events |= kFdWrite;
   if ((seen & EPOLLPRI) != 0) events |= kFdOob;
   return events;
@@ -139,22 +163,29 @@ int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* 
     return fails ? -1 : 0;
   }
   if (fails) return -1;
+  if (!wasIn) selection->listening = IsListening(sock);
+  if ((events & ~selection->selected & kFdConnect) != 0)
+    selection->connecting = !selection->listening && HasConnectToTell(sock);
   epoll_event entry{};
   entry.events = EpollMask(events);
   entry.data.ptr = selection;
-  if (!wasIn) selection->listening = IsListening(sock);
   selection->signalled = 0;
   selection->selected = events;
-  if (::epoll_ctl(SetOf(event).epoll, wasIn ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &entry) == 0)
-    return 0;
+  const int epoll = SetOf(event).epoll;
+  if (::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &entry) == 0) return 0;
+  if (errno == ENOENT && ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &entry) == 0) return 0;
   selection->selected = 0;
   return SetLastErrorFromErrno(errno), -1;
 }
 
-int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent&, SocketSelection* selection,
+int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent& event, SocketSelection* selection,
                          std::uint32_t* events) {
   if (gate::Fails("WSAEnumNetworkEvents", "%d", static_cast<int>(sock))) return -1;
-  *events = NetworkEvents(selection->signalled, selection->listening, sock);
+  *events = NetworkEvents(sock, selection) & selection->selected;
+  // A broken connection that isn't selected for its close would end every wait from now on. It has
+  // nothing more to tell until it is selected anew.
+  if (*events == 0 && (selection->signalled & kBroken) != 0)
+    (void)::epoll_ctl(SetOf(event).epoll, EPOLL_CTL_DEL, static_cast<int>(sock), nullptr);
   selection->signalled = 0;
   return 0;
 }

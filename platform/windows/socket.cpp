@@ -11,10 +11,11 @@ namespace platform {
 static_assert(sizeof(SocketValue) == sizeof(SOCKET) && kInvalidSocket == INVALID_SOCKET);
 static_assert(kAfInet == AF_INET && kAfInet6 == AF_INET6 && kSockStream == SOCK_STREAM &&
               kIpprotoTcp == IPPROTO_TCP && kSolSocket == SOL_SOCKET &&
-              kSoReuseAddr == SO_REUSEADDR && kTcpNoDelay == TCP_NODELAY && kSdSend == SD_SEND);
+              kSoReuseAddr == SO_REUSEADDR && kSoKeepAlive == SO_KEEPALIVE &&
+              kTcpNoDelay == TCP_NODELAY && kSdSend == SD_SEND);
 static_assert(kWsaEIntr == WSAEINTR && kWsaEInval == WSAEINVAL &&
               kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaEAddrInUse == WSAEADDRINUSE &&
-              kWsaENotConn == WSAENOTCONN);
+              kWsaEConnReset == WSAECONNRESET && kWsaENotConn == WSAENOTCONN);
 static_assert(kFdRead == FD_READ && kFdWrite == FD_WRITE && kFdOob == FD_OOB &&
               kFdAccept == FD_ACCEPT && kFdConnect == FD_CONNECT && kFdClose == FD_CLOSE);
 static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&

@@ -11,6 +11,15 @@
 
 namespace stewardry {
 
+// A knock that comes to nothing isn't the listener's failure, which would cost a rebind: else
+// twenty peers that connect and reset would end the process.
+Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer) {
+  const Result result = Sock_Accept(listener, sock, peer);
+  if (result == RESULT_FAILED) LogInfo("Sock_Accept failed");
+  if (result == RESULT_OK) (void)Sock_KeepAlive(*sock, true);  // it only stays longer without
+  return result;
+}
+
 bool FirmwareIsReady() {
   std::uint8_t OrrinStatus = kOrrinNoAnswer;
   GetOrrinStatus(&OrrinStatus);

@@ -24,6 +24,11 @@ struct RelayKind {
   std::uint32_t (*write)(packet* data);  // hands one read to the firmware
 };
 
+// Accepts a peer, and has the system look after it from time to time, so that one that vanishes
+// without a word doesn't keep its place. RESULT_OK; RESULT_WOULD_BLOCK if whoever knocked has gone,
+// and the listener is as good as before; after a logged line RESULT_FAILED. The server thread.
+Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer);
+
 // True if the firmware answers. One that says that it has been down is told everything again first.
 // Waits for the firmware without a time-out; a server thread.
 bool FirmwareIsReady();

@@ -73,7 +73,7 @@ class AcceptedSocket {
   AcceptedSocket& operator=(const AcceptedSocket&) = delete;
   ~AcceptedSocket() { Close(); }
 
-  Result Accept(Sock listener, RemoteAddress* peer) { return Sock_Accept(listener, &sock_, peer); }
+  Result Accept(Sock listener, RemoteAddress* peer) { return AcceptPeer(listener, &sock_, peer); }
   Sock Get() const { return sock_; }
   void EnterSlot() {
     OpenSlot(sock_);
@@ -126,16 +126,15 @@ bool StartConnection(Selector* sel, AcceptedSocket* accepted) {
   return false;
 }
 
-// Serves one knock. On every failed way out the accepted socket is closed, and a firmware that was
-// told of the connection is told of its end, so that neither waits for the other.
+// Serves one knock; false gives the listener up. On every failed way out the accepted socket is
+// closed, and a firmware that was told of the connection is told of its end, so that neither waits
+// for the other.
 bool AcceptConnection(Selector* sel, Handler* listener) {
   LogInfo("%s accept calling", "ListenHTTPSCallback");
   AcceptedSocket accepted;
   RemoteAddress peer;
-  if (accepted.Accept(listener->sock, &peer) != RESULT_OK) {
-    LogInfo("Sock_Accept failed");
-    return false;
-  }
+  const Result result = accepted.Accept(listener->sock, &peer);
+  if (result != RESULT_OK) return result == RESULT_WOULD_BLOCK;
   ReplaceConnection(sel);
   if (!FirmwareIsReady()) return false;
   accepted.EnterSlot();

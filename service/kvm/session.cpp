@@ -201,7 +201,7 @@ class Building {
     Close();
   }
 
-  Result Accept(Sock listener, RemoteAddress* peer) { return Sock_Accept(listener, &sock_, peer); }
+  Result Accept(Sock listener, RemoteAddress* peer) { return AcceptPeer(listener, &sock_, peer); }
   Sock Get() const { return sock_; }
   void EnterSession() {
     gKvmSocket.store(sock_, std::memory_order_seq_cst);
@@ -261,10 +261,8 @@ bool AcceptViewer(Selector* selector, Sock listener) {
   LogInfo("New KVM starting here...");
   LogInfo("%s accept calling", "ListenKVMCallback");
   RemoteAddress peer;
-  if (building.Accept(listener, &peer) != RESULT_OK) {
-    LogInfo("Sock_Accept failed");
-    return false;
-  }
+  const Result accepted = building.Accept(listener, &peer);
+  if (accepted != RESULT_OK) return accepted == RESULT_WOULD_BLOCK;
   if (!IsTrusted(peer)) {
     building.Close();
     LogInfo("KVM IP validation failed");

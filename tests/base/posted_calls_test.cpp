@@ -95,6 +95,9 @@ TEST_F(PostedCalls, DestroyedSelectorReleasesItsCallsUnrun) {
   Selector_Destroy(&selector_);
   EXPECT_TRUE(seen_.ids.empty());
   EXPECT_EQ(released_, 3);
+  Message* message = Message_Create(kNoOpReq, 136, 3, 0);
+  EXPECT_EQ(Selector_CallInRunThread(&selector_, Note, &seen_, message), RESULT_FAILED);
+  Message_Drop(message);
 }
 
 }  // namespace

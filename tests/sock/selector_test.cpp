@@ -121,17 +121,20 @@ TEST_F(SelectorTest, RefusingCallbackMayDetachAndCloseTheHandlerBehindIt) {
   EXPECT_EQ(calls_, "a:16 a:32 c:16 c:16 ");
 }
 
-TEST_F(SelectorTest, WriteInterestEndsWithTheMaskAndNoReadsModeReportsWritesOnly) {
-  SocketPair pair, unread;
-  Probe& probe = Add("w", pair.a, SELECTOR_READ | SELECTOR_WRITE);
+TEST_F(SelectorTest, ConnectAndWriteInterestEndWithTheMaskAndNoReadsModeReportsWritesOnly) {
+  SocketPair pair, unread, broken;
+  std::uint64_t count;
+  EXPECT_EQ(Sock_Write(broken.a, "x", 1, &count), RESULT_OK);
+  SocketPair::Close(&broken.b);  // with the byte unread, which resets the connection
+  Add("e", broken.a, SELECTOR_EXCEPTION);
+  Probe& probe = Add("w", pair.b, SELECTOR_READ | SELECTOR_WRITE);
   probe.act = [&] {
     if (probe.handler.eventMask == SELECTOR_READ) return Stop();
     probe.handler.eventMask = SELECTOR_READ;
-    pair.Send("x");
-    return true;
+    return Sock_Write(pair.a, "x", 1, &count) == RESULT_OK;
   };
   EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_OK);
-  EXPECT_EQ(calls_, "w:4 w:2 ");
+  EXPECT_EQ(calls_, "w:6 w:2 ");
   unread.Send("y");
   // A socket of its own: Winsock reports that a socket may be written once, until a send blocks.
   Add("n", unread.a, SELECTOR_READ | SELECTOR_WRITE).act = [&] {
@@ -140,6 +143,26 @@ TEST_F(SelectorTest, WriteInterestEndsWithTheMaskAndNoReadsModeReportsWritesOnly
   };
   EXPECT_EQ(Selector_Run(&sel_, kHang, true), RESULT_OK);
   EXPECT_EQ(calls_, "n:4 ");
+}
+
+// A handler that is told of data and a close together reads once and ends the connection. The
+// reader asks for another pass in the end, with a deadline that is due in it.
+TEST_F(SelectorTest, CloseComesBehindTheDataAndARepeatedPassBehindOneSocketAlone) {
+  SocketPair pair;
+  Probe& due = Add("t", kInvalidSock, 0);
+  Add("s", pair.a, SELECTOR_READ).act = [&] {
+    char byte;
+    std::uint64_t count;
+    EXPECT_EQ(Sock_Read(pair.a, &byte, 1, &count), RESULT_OK);
+    if (count > 0) return true;
+    due.handler.timeoutAt = Now();
+    Selector_Wakeup(&sel_, true);
+    return !Stop();
+  };
+  pair.Send("ab");
+  SocketPair::Close(&pair.b);
+  EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_OK);
+  EXPECT_EQ(calls_, "s:2 s:2 s:2 s:32 t:16 ");
 }
 
 // A lost wake leaves the run waiting. The other thread begins within the run, since a stop before

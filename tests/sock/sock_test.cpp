@@ -48,6 +48,18 @@ TEST_F(SockLayer, ConnectTextNeedsAColonAListenerAndAHostOfAtMost127Characters) 
   }
 }
 
+// Winsock's option gives a port to whoever asks for it.
+TEST_F(SockLayer, ListenerOfWinsockSharesItsPortWithNobody) {
+  Sock other, listener;
+  Addr address;
+  ASSERT_EQ(Sock_Create(&other, false), RESULT_OK);
+  EXPECT_EQ(Sock_ReuseAddr(other, true), RESULT_OK);
+  Addr_InitAny(&address, BindFreePort(other));
+  EXPECT_EQ(Sock_CreateListener(&listener, address),
+            platform::kSelectBeforeEachWait ? RESULT_FAILED : RESULT_OK);
+  for (const Sock each : {other, listener}) (void)Sock_Close(each);
+}
+
 TEST_F(SockLayer, DatagramArrivesWithItsSendersAddress) {
   constexpr int kDatagrams = 2;  // SOCK_DGRAM
   const Sock sender = platform::socket(platform::kAfInet, kDatagrams, 0);

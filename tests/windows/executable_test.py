@@ -41,6 +41,14 @@ class Executable(unittest.TestCase):
         size = re.search(r"Entry 5 \w+ (\w+) Base Relocation Directory", _headers)[1]
         self.assertGreater(int(size, 16), 0)
 
+    def test_functions_with_buffers_check_their_stack(self):
+        # The guard's name stays in the symbol table; each check ends in a call.
+        linux = os.path.join(os.environ["STEWARDRY_BIN"], "quillonsvc")
+        for tool, path in (("x86_64-w64-mingw32-objdump", PROGRAM), ("objdump", linux)):
+            code = subprocess.run([tool, "-d", path], check=True, capture_output=True,
+                                  text=True).stdout
+            self.assertGreater(code.count("<__stack_chk_fail"), 100, path)
+
     def test_the_properties_name_the_program_and_its_version(self):
         number = [int(part) for part in VERSION.split(".")]
         words = (number[0] << 16 | number[1], number[2] << 16 | number[3])

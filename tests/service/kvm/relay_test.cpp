@@ -94,7 +94,7 @@ TEST_F(KvmRelay, LastBytesOfAViewerReachTheFirmwareBeforeTheEnd) {
   EXPECT_EQ(firmware_->Inputs(kKvmBytes), "hold last words");
   EXPECT_EQ(Sequence(), "ASIDDRC");
   ASSERT_TRUE(Eventually([&] { return Logged("Free successful\nExiting KVM Callback"); }));
-  EXPECT_TRUE(Logged("SELECTOR_READ_CLOSE called. Client closed the connection so returned false"));
+  EXPECT_TRUE(Logged("KVM Client closed the connection so returned false"));
   EXPECT_TRUE(InOrder(ServiceMessages(),
                       {"KVM callback shutdown called", "Selector remove called for KVM callback",
                        "Closing handler Socket", "Freeing handler", "Free successful"}));
@@ -112,6 +112,8 @@ TEST_F(KvmRelay, FailedReadEndsTheSessionAndAnEmptyOneDoesNot) {
   Handler handler{};  // an event that it has not asked for removes a handler too
   EXPECT_EQ(KVMCallback(nullptr, &handler, SELECTOR_WRITE, 0), 0);
   EXPECT_TRUE(Logged("Unexpected write event in KVM callback"));
+  EXPECT_EQ(KVMCallback(nullptr, &handler, SELECTOR_READ_CLOSE, 0), 0);
+  EXPECT_TRUE(Logged("SELECTOR_READ_CLOSE called. Client closed the connection so returned false"));
 }
 
 // The reader writes while sessions end and begin on the other thread: no frame may reach a socket

@@ -149,6 +149,7 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
                  KeyBoardBufferVirtualAddress.load() != 0);
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
     firmware_->SetVerdict(kStatusByte, 0);
+    gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the next has gone again
     auto viewer = NewViewer(CountOf(Sequence(), "I") + 1);
     viewer->Send("x");
     EXPECT_TRUE(firmware_->Await(kKvmBytes, ++served));
