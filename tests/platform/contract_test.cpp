@@ -10,8 +10,10 @@
 #include "platform/error.h"
 #include "platform/event.h"
 #include "platform/file.h"
+#include "platform/http.h"
 #include "platform/mutex.h"
 #include "platform/network.h"
+#include "platform/private_folder.h"
 #include "platform/process.h"
 #include "platform/socket.h"
 #include "platform/thread.h"
@@ -156,7 +158,7 @@ class FileContract : public Prepared {
     char data[kMaxPath];
     ASSERT_TRUE(GetCommonAppDataFolder(data));
     folder_ = std::string(data) + "\\stewardry-contract";
-    CreateDirectoryA(folder_.c_str());
+    CreatePrivateFolder(folder_.c_str());
     one_ = folder_ + "\\1-" + std::to_string(GetCurrentProcessId());
     two_ = folder_ + "\\2-" + std::to_string(GetCurrentProcessId());
     TearDown();
@@ -206,7 +208,7 @@ TEST_F(FileContract, AppendFileKeepsItsBytes) {
 }
 
 TEST_F(FileContract, RefusalsHaveWindowsNumbers) {
-  EXPECT_FALSE(CreateDirectoryA(folder_.c_str()));
+  EXPECT_FALSE(CreatePrivateFolder(folder_.c_str()));
   EXPECT_EQ(LastError(), kErrorAlreadyExists);
   const std::string nowhere = folder_ + "\\none\\child";
   EXPECT_FALSE(RemoveFile(one_.c_str()));
@@ -345,6 +347,48 @@ TEST_F(SocketContract, RefusalsHaveWinsocksNumbers) {
   EXPECT_EQ(recv(near_, &byte, 1), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEWouldBlock);
   EXPECT_EQ(closesocket(other), 0);
+}
+
+// ---- Requests to a listener
+
+// The request of a thread; what it sends with the request is "B" and, of the body, "body".
+struct Post {
+  HttpSession session = WinHttpOpen(u"contract");
+  HttpConnection connection;
+  HttpRequest request;
+  std::uint32_t boundMs;
+
+  Post(const SockAddrIn& to, std::uint32_t flags, std::uint32_t bound) : boundMs(bound) {
+    EXPECT_TRUE(WinHttpSetTimeouts(session, 0, 0, 0, 0));  // no step has a limit
+    const int port = to.port >> 8 | (to.port & 0xFF) << 8;
+    connection = WinHttpConnect(session, u"127.0.0.1", static_cast<std::uint16_t>(port));
+    request = WinHttpOpenRequest(connection, u"POST", u"/", flags);
+    EXPECT_TRUE(WinHttpAddRequestHeaders(request, u"A: 1\r\n"));
+  }
+  static std::uint32_t Send(void* self) {
+    const Post& post = *static_cast<Post*>(self);
+    const bool sent = WinHttpSendRequest(post.request, u"B: 2\r\n", "body", 4, post.boundMs);
+    return sent ? 0 : LastError();
+  }
+};
+
+TEST_F(SocketContract, RequestToASilentListenerIsOverAtItsBound) {
+  Post post(address_, kWinHttpFlagSecure, 100);
+  EXPECT_EQ(Post::Send(&post), kErrorWinHttpTimeout);
+}
+
+TEST_F(SocketContract, RequestHasTheHeadersOfBothCallsOnce) {
+  Post post(address_, 0, kBound);
+  const Thread sender = CreateThread(Post::Send, &post);
+  SockAddrIn peer;
+  const SocketValue accepted = accept(listener_, &peer);
+  std::string text;
+  for (char byte; !text.ends_with("\r\n\r\nbody") && recv(accepted, &byte, 1) == 1;) text += byte;
+  EXPECT_LT(text.find("\r\nA: 1\r\n"), text.find("\r\nB: 2\r\n")) << text;
+  EXPECT_EQ(text.find("B: 2"), text.rfind("B: 2")) << text;
+  EXPECT_EQ(send(accepted, "HTTP/1.1 204 No Content\r\n\r\n", 27), 27);  // Wine waits for it
+  EXPECT_EQ(ExitCode(sender), 0U);
+  EXPECT_EQ(closesocket(accepted), 0);
 }
 
 }  // namespace

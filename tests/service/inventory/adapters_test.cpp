@@ -7,6 +7,7 @@
 #include <cstring>
 #include <tuple>
 
+#include "platform/wmi.h"
 #include "service/inventory/chassis.h"
 #include "service/inventory/status_report.h"
 #include "tests/service/inventory/inventory_fixture.h"
@@ -89,6 +90,17 @@ TEST_F(AdaptersTest, FailedWmiStepIsLoggedAndEndsCom) {
     EXPECT_EQ(WmiMessages().back().find(line), 0U) << WmiMessages().back();
     EXPECT_TRUE(WmiMessages().back().ends_with("ode = 0x80070005"));
   }
+}
+
+// What an access that overlaps with another, or follows one whose thread was ended, finds.
+TEST_F(AdaptersTest, SecurityThatIsInForceAlreadyIsTheServicesOwn) {
+  Put("adapters.txt", kEthernet);
+  ASSERT_EQ(platform::CoInitializeEx(), 0);
+  ASSERT_EQ(platform::CoInitializeSecurity(), 0);
+  EXPECT_EQ(platform::CoInitializeSecurity(), platform::kTooLate);
+  EXPECT_EQ(GetNetworkinformation(&record_), 0U);
+  EXPECT_EQ(TextOf(record_.Name), u"eth0");
+  platform::CoUninitialize();
 }
 
 TEST_F(AdaptersTest, OperatingSystemIsReadFromTheFirstRow) {
