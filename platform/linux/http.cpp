@@ -272,7 +272,8 @@ bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
 bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
                         std::uint32_t size, std::uint32_t boundMs) {
   const std::string more = headers != nullptr ? Utf16ToUtf8(headers) : std::string();
-  if (gate::Fails("WinHttpSendRequest", "%s%u,%u", more.c_str(), size, boundMs)) return false;
+  if (gate::Fails("WinHttpSendRequest", "%u,%u%s", size, boundMs, more.empty() ? "" : ",headers"))
+    return false;
   HttpState& state = StateOf(request.Raw());
   // Without the last one libcurl would ask the listener's leave before a long body.
   if (!AddHeaders(&state.headers, more) || !AddHeader(&state.headers, "Expect:")) return false;

@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <thread>
-#include <tuple>
 
 #include "service/diagnostics/side_log.h"
 #include "tests/service/mailbox_fixture.h"
@@ -55,39 +53,33 @@ TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
 // What a user of the machine has made at the logs' place before the service came.
 TEST_F(StartUp, LogFolderOfAnotherIsPutAsideAndWhatIsForeignInItGoes) {
   const fs::path data = lab() + "/ProgramData", company = data / "Corvane",
-                 logs = company / "Stewardry", trap = lab() + "/trap", file = trap / "file";
-  const auto link = [&](const fs::path& path) { fs::create_symlink(trap, path); };
-  const auto plain = [](const fs::path& path) { std::ofstream(path) << "text"; };
-  const auto own = [](const fs::path& path) { fs::create_directory(path); };
-  const auto foreign = [](const fs::path& path) {
-    fs::create_directory(path);
-    if (::chown(path.c_str(), 65534, 65534) != 0) fs::rename(path, path.string() + ".away");
+                 logs = company / "Stewardry", trap = lab() + "/trap";
+  const auto names = [](const fs::path& at) {
+    return std::distance(fs::directory_iterator(at), {});
   };
   fs::create_directory(trap);
-  plain(file);
-  using Row = std::tuple<fs::path, std::function<void(const fs::path&)>, std::ptrdiff_t>;
-  for (const auto& [place, make, names] :
-       {Row{logs, own, 1}, Row{logs, link, 2}, Row{logs, plain, 2}, Row{logs, foreign, 2},
-        Row{company, own, 1}, Row{company, link, 2}, Row{company, foreign, 2}}) {
-    fs::remove_all(data);
-    fs::create_directories(place.parent_path());
-    make(place);
-    EXPECT_TRUE(InitServiceLog());
-    EXPECT_EQ(std::distance(fs::directory_iterator(place.parent_path()), {}), names) << place;
-    for (const fs::path& folder : {company, logs})
-      EXPECT_EQ(fs::symlink_status(folder).permissions(), fs::perms::owner_all) << folder;
-  }
-  fs::create_symlink(file, logs / "tavrinKeyboardMouseLog.log");
-  fs::create_hard_link(file, logs / "tavrinWMI.log");
+  Put("trap/file", "text");
+  for (const fs::path& place : {company, logs})
+    for (const std::string kind : {"own", "link", "foreign"}) {
+      fs::remove_all(data);
+      fs::create_directories(kind == "link" ? place.parent_path() : place);
+      if (kind == "link") fs::create_symlink(trap, place);
+      if (kind == "foreign" && ::chown(place.c_str(), 65534, 65534) != 0) continue;
+      EXPECT_TRUE(InitServiceLog());
+      EXPECT_EQ(names(place.parent_path()), kind == "own" ? 1 : 2) << place << kind;
+      EXPECT_EQ(fs::symlink_status(place).permissions(), fs::perms::owner_all) << place << kind;
+    }
+  fs::create_symlink(trap / "file", logs / "tavrinKeyboardMouseLog.log");
+  fs::create_hard_link(trap / "file", logs / "tavrinWMI.log");
   EXPECT_TRUE(InitServiceLog());
-  EXPECT_EQ(std::distance(fs::directory_iterator(logs), {}), 1) << "the service's own log";
+  EXPECT_EQ(names(logs), 1) << "the service's own log";
   // A folder that can't be put aside gets nothing.
   fs::rename(logs, company / "old");
-  link(logs);
+  fs::create_symlink(trap, logs);
   gate::FailNext("rename", 5);
   EXPECT_FALSE(InitServiceLog());
   SideLog(kSideLogKeyboardMouse, "no line");
-  EXPECT_EQ(std::distance(fs::directory_iterator(trap), {}), 1);
+  EXPECT_EQ(names(trap), 1);
   EXPECT_TRUE(InitServiceLog());
 }
 
