@@ -39,20 +39,26 @@ bool MakePrivate(const char* path, bool (*takeOver)(const char*)) {
   return takeOver(path) || (PutAside(path) && platform::CreatePrivateFolder(path));
 }
 
+bool MakeBelow(const char* base, const char* name, bool (*takeOver)(const char*),
+               CheckedFormat<std::uint32_t> failureLine) {
+  Path path;
+  FormatTo(path, sizeof path, "%s%s", base, name);
+  if (MakePrivate(path, takeOver)) return true;
+  LogInfo(failureLine, platform::LastError());
+  return false;
+}
+
 // Whoever may write to the upper folder may put another one in the place of the lower, so both must
-// be private. Other programs of the company may have files in the upper one, which stay.
+// be private, and without the upper one the lower isn't made. Other programs of the company may
+// have files in the upper one, which stay.
 std::uint32_t MakeFolders(void*) {
   char base[platform::kMaxPath];
   if (!platform::GetCommonAppDataFolder(base)) return 0;
-  Path path;
-  FormatTo(path, sizeof path, "%s%s", base, kCompanyFolder);
-  const bool isUpperPrivate = MakePrivate(path, platform::ClaimPrivateFolder);
-  if (!isUpperPrivate) LogInfo("Error %u creating Corvane Folder.\n", platform::LastError());
-  FormatTo(path, sizeof path, "%s%s", base, kLogFolder);
-  if (!isUpperPrivate || !MakePrivate(path, TakeOver)) {
-    LogInfo("Error %u creating Tavrin Log Folder.\n", platform::LastError());
+  if (!MakeBelow(base, kCompanyFolder, platform::ClaimPrivateFolder,
+                 "Error %u creating Corvane Folder.\n") ||
+      !MakeBelow(base, kLogFolder, TakeOver, "Error %u creating Tavrin Log Folder.\n"))
     return 0;
-  }
+  Path path;
   FormatTo(path, sizeof path, "%s%s\\", base, kLogFolder);
   gLogFolderIsSafe.store(EqualIgnoringCase(path, STEWARDRY_FIXED_LOG_FOLDER),
                          std::memory_order_relaxed);

@@ -138,7 +138,7 @@ class Dash(WineLabTest, dash_test.Dash):
 
 
 class Indications(WineLabTest, indications_test.Indications):
-    # Wine's WinHttpSendRequest waits for the answer, without an end.
+    # Wine's WinHttpSendRequest waits for the answer, for as long as a post may take.
     test_a_listener_that_never_answers_does_not_hold_the_service = None
 
 
