@@ -33,9 +33,6 @@ std::FILE* OpenAppendStream(const char16_t* path);
 bool RemoveFile(const char* path);
 bool RenameFile(const char* from, const char* to);
 
-// CreateDirectoryA: false with kErrorAlreadyExists when it is there.
-bool CreateDirectoryA(const char* path);
-
 void CloseAppendFile(RawHandle raw);
 using AppendFile = Owned<struct AppendFileTag, CloseAppendFile>;
 

@@ -1,7 +1,7 @@
 // One HTTP or HTTPS request to a host, as far as the service goes with it: the request is sent and
-// the answer isn't read. Text is UTF-16; the operations are synchronous, on any thread, one thread
-// for a handle and what was made from it. A handle must go before the one it was made from. On
-// Linux libcurl does the work: the lab's service reaches real listeners.
+// the answer isn't read. Text is UTF-16; the operations return when they are done, on any thread,
+// one thread for a handle and what was made from it. A handle must go before the one it was made
+// from. On Linux libcurl does the work: the lab's service reaches real listeners.
 #pragma once
 
 #include <cstdint>
@@ -32,7 +32,9 @@ using HttpSession = Owned<struct HttpSessionTag, WinHttpCloseHandle>;
 using HttpConnection = Owned<struct HttpConnectionTag, WinHttpCloseHandle>;
 using HttpRequest = Owned<struct HttpRequestTag, WinHttpCloseHandle>;
 
-// WinHttpOpen with the default proxy of the system (on Linux: of the environment) and no flags.
+// WinHttpOpen with the default proxy of the system (on Linux: of the environment). Windows runs the
+// requests of the session in the background, and WinHttpSendRequest waits for them: only such a one
+// may be closed while it runs.
 HttpSession WinHttpOpen(const char16_t* agent);
 
 // WinHttpSetTimeouts, in milliseconds.
@@ -56,9 +58,10 @@ bool WinHttpAddRequestHeaders(const HttpRequest& request, const char16_t* header
 bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags);
 
 // WinHttpSendRequest: connects and sends the headers and `size` bytes of body, which is the whole
-// of it. `headers` are those that were added before; they go out once. True when everything has
-// been given to the connection.
+// of it. `headers` are more than were added before; null for none. True when everything has been
+// given to the connection. Over after `boundMs` in any case: then false with kErrorWinHttpTimeout,
+// and the request can only be closed. Once for a request.
 bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
-                        std::uint32_t size);
+                        std::uint32_t size, std::uint32_t boundMs);
 
 }  // namespace platform

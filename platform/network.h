@@ -23,12 +23,13 @@ std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std
 // GetIfTable(block, size, FALSE): 0 or an error; kErrorInsufficientBuffer with *size set.
 std::uint32_t GetIfTable(void* block, std::uint32_t* size);
 struct IfRow {
-  std::string description;  // bDescr, dwDescrLen bytes
-  std::uint32_t index;      // dwIndex
-  std::uint32_t speed;      // dwSpeed, bits per second
+  // bDescr, dwDescrLen bytes. The terminator is one of them on Windows, where it isn't, on Wine.
+  std::string description;
+  std::uint32_t index;  // dwIndex
+  std::uint32_t speed;  // dwSpeed, bits per second
 };
-std::uint32_t IfTableRows(const void* block);
-IfRow IfTableRow(const void* block, std::uint32_t row);
+// The rows of the table in its order.
+std::vector<IfRow> ReadIfTable(const void* block);
 
 // GetAdaptersInfo(block, size): 0 or an error; kErrorBufferOverflow with *size set.
 std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size);

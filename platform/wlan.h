@@ -38,7 +38,8 @@ struct WlanInterfaceList {
   std::vector<std::uint32_t> states;  // isState of each interface; 1 is connected
   std::vector<Guid> guids;            // InterfaceGuid of each
 };
-// WlanEnumInterfaces, and WlanFreeMemory of what it gave: 0 or an error.
+// WlanEnumInterfaces, and WlanFreeMemory of what it gave: 0 or an error. In this call and in the
+// two below a success that gives nothing leaves *list, *profiles or *xml empty.
 std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list);
 
 constexpr std::uint32_t kWlanProfileGroupPolicy = 1;  // WLAN_PROFILE_GROUP_POLICY

@@ -22,8 +22,11 @@ using WbemEnumerator = Owned<struct WbemEnumeratorTag, ReleaseUnknown>;
 using WbemObject = Owned<struct WbemObjectTag, ReleaseUnknown>;
 
 HResult CoInitializeEx();  // COINIT_MULTITHREADED
-// Default authentication level, RPC_C_IMP_LEVEL_IMPERSONATE, EOAC_NONE.
+// Default authentication level, RPC_C_IMP_LEVEL_IMPERSONATE, EOAC_NONE, for the whole process.
+// kTooLate if the process has its values already, which last for as long as any thread has COM
+// open.
 HResult CoInitializeSecurity();
+constexpr HResult kTooLate = static_cast<HResult>(0x80010119);  // RPC_E_TOO_LATE
 void CoUninitialize();
 
 // CoCreateInstance of WbemLocator, CLSCTX_INPROC_SERVER, IWbemLocator.

@@ -132,12 +132,6 @@ bool RenameFile(const char* from, const char* to) {
   return SetLastErrorFromErrno(errno), false;
 }
 
-bool CreateDirectoryA(const char* path) {
-  if (gate::Fails("CreateDirectoryA", "%s", path)) return false;
-  if (::mkdir(NativePath(path).c_str(), 0755) == 0) return true;
-  return SetErrorOfCreation(errno), false;
-}
-
 void CloseAppendFile(RawHandle raw) {
   gate::Note("CloseHandle");
   ::close(DescriptorOf(raw));

@@ -22,7 +22,6 @@ struct HttpState {
   std::string agent;
   long resolveMs = 0;  // no limit, as WinHTTP has it
   long connectMs = 60'000;
-  long sendMs = 30'000;
   std::string host;
   std::uint16_t port = 0;
   std::string verb, path;
@@ -45,7 +44,6 @@ std::unique_ptr<HttpState> Inherit(RawHandle above) {
   state->agent = from.agent;
   state->resolveMs = from.resolveMs;
   state->connectMs = from.connectMs;
-  state->sendMs = from.sendMs;
   state->host = from.host;
   state->port = from.port;
   return state;
@@ -91,7 +89,8 @@ std::string UrlOf(const HttpState& state) {
 // An answer isn't read; this is for what comes before the request is out.
 std::size_t Discard(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
-void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t size) {
+void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t size,
+           std::uint32_t boundMs) {
   const long checked = state.trustsAnyone ? 0 : 1;
   curl_easy_setopt(easy, CURLOPT_URL, UrlOf(state).c_str());
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -105,7 +104,8 @@ void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t s
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, checked);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2 * checked);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, state.resolveMs + state.connectMs);
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, state.resolveMs + state.connectMs + state.sendMs);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, long{boundMs});
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // doesn't wait for a name that is looked up
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Discard);
 }
@@ -172,11 +172,11 @@ class Attached {
   bool isDone_;
 };
 
-CURLcode Send(const HttpState& state, const char* body, std::uint32_t size) {
+CURLcode Send(const HttpState& state, const char* body, std::uint32_t size, std::uint32_t boundMs) {
   const Multi multi(curl_multi_init());
   const Easy easy(curl_easy_init());
   if (!multi || !easy) return CURLE_OUT_OF_MEMORY;
-  SetUp(easy.get(), state, body, size);
+  SetUp(easy.get(), state, body, size, boundMs);
   const Attached attached(multi.get(), easy.get());
   return attached ? Drive(multi.get(), easy.get(), size) : CURLE_FAILED_INIT;
 }
@@ -191,9 +191,16 @@ bool HasHeader(const curl_slist* headers, std::string_view name) {
 }
 
 bool AddHeader(curl_slist** headers, const std::string& line) {
+  if (HasHeader(*headers, NameOf(line))) return true;
   curl_slist* longer = curl_slist_append(*headers, line.c_str());
   if (longer == nullptr) return SetLastError(kErrorNotEnoughMemory), false;
   *headers = longer;
+  return true;
+}
+
+bool AddHeaders(curl_slist** headers, const std::string& text) {
+  for (std::size_t at = 0, end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
+    if (!AddHeader(headers, text.substr(at, end - at))) return false;
   return true;
 }
 
@@ -214,6 +221,7 @@ HttpSession WinHttpOpen(const char16_t* agent) {
   return HttpSession(state.release());
 }
 
+// The send's own limit is within the bound of the whole.
 bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, int send,
                         int receive) {
   if (gate::Fails("WinHttpSetTimeouts", "%d,%d,%d,%d", resolve, connect, send, receive))
@@ -221,7 +229,6 @@ bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, in
   HttpState& state = StateOf(session.Raw());
   state.resolveMs = resolve;
   state.connectMs = connect;
-  state.sendMs = send;
   return true;
 }
 
@@ -252,14 +259,7 @@ HttpRequest WinHttpOpenRequest(const HttpConnection& connection, const char16_t*
 bool WinHttpAddRequestHeaders(const HttpRequest& request, const char16_t* headers) {
   const std::string text = Utf16ToUtf8(headers);
   if (gate::Fails("WinHttpAddRequestHeaders", "%s", text.c_str())) return false;
-  HttpState& state = StateOf(request.Raw());
-  // Without this libcurl would ask the listener's leave before a long body.
-  if (!HasHeader(state.headers, "Expect:") && !AddHeader(&state.headers, "Expect:")) return false;
-  for (std::size_t at = 0, end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
-    const std::string line = text.substr(at, end - at);
-    if (!HasHeader(state.headers, NameOf(line)) && !AddHeader(&state.headers, line)) return false;
-  }
-  return true;
+  return AddHeaders(&StateOf(request.Raw()).headers, text);
 }
 
 bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
@@ -269,10 +269,15 @@ bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
   return true;
 }
 
-bool WinHttpSendRequest(const HttpRequest& request, const char16_t*, const char* body,
-                        std::uint32_t size) {
-  if (gate::Fails("WinHttpSendRequest", "%u", size)) return false;
-  const CURLcode code = Send(StateOf(request.Raw()), body, size);
+bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
+                        std::uint32_t size, std::uint32_t boundMs) {
+  const std::string more = headers != nullptr ? Utf16ToUtf8(headers) : std::string();
+  if (gate::Fails("WinHttpSendRequest", "%u,%u%s", size, boundMs, more.empty() ? "" : ",headers"))
+    return false;
+  HttpState& state = StateOf(request.Raw());
+  // Without the last one libcurl would ask the listener's leave before a long body.
+  if (!AddHeaders(&state.headers, more) || !AddHeader(&state.headers, "Expect:")) return false;
+  const CURLcode code = Send(state, body, size, boundMs);
   if (code == CURLE_OK) return true;
   SetLastError(ErrorOf(code));
   return false;

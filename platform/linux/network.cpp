@@ -211,17 +211,17 @@ std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
   return GiveBlock(bytes, kErrorInsufficientBuffer, block, size);
 }
 
-std::uint32_t IfTableRows(const void* block) {
+std::vector<IfRow> ReadIfTable(const void* block) {
   std::uint32_t count;
   std::memcpy(&count, block, sizeof count);
-  return count;
-}
-
-IfRow IfTableRow(const void* block, std::uint32_t row) {
-  TableRow entry;
-  std::memcpy(&entry, static_cast<const char*>(block) + sizeof(std::uint32_t) + row * sizeof entry,
-              sizeof entry);
-  return {entry.description, entry.index, entry.speed};
+  std::vector<IfRow> rows;
+  const char* at = static_cast<const char*>(block) + sizeof count;
+  for (TableRow entry; count > 0; --count, at += sizeof entry) {
+    std::memcpy(&entry, at, sizeof entry);
+    rows.push_back({std::string(entry.description, std::strlen(entry.description) + 1), entry.index,
+                    entry.speed});
+  }
+  return rows;
 }
 
 std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size) {

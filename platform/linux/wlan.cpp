@@ -187,13 +187,12 @@ std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
 }
 
 std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list) {
+  *list = {};
   if (const std::uint32_t error = gate::Enter("WlanEnumInterfaces")) return error;
   if (handle == nullptr) return kErrorInvalidParameter;
   auto states = InterfaceStates();
   if (!states) return kErrorServiceNotActive;
-  list->index = 0;
   list->states = std::move(*states);
-  list->guids.clear();
   for (std::size_t i = 0; i < list->states.size(); ++i) list->guids.push_back(GuidOf(i));
   return kErrorSuccess;
 }

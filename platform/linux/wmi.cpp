@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -38,6 +39,27 @@ constexpr HResult kInvalidQuery = Code(0x80041017);      // WBEM_E_INVALID_QUERY
 
 // How often this thread has opened COM and not yet ended it.
 thread_local std::uint32_t tComDepth = 0;
+
+// COM in the whole process: how often it is open, and whether its security has been set meanwhile.
+struct ProcessCom {
+  std::mutex lock;  // guards all below; held for a few instructions
+  std::uint32_t depth = 0;
+  bool isSecured = false;
+
+  void Open() {
+    std::lock_guard guard(lock);
+    ++depth;
+  }
+  void End() {
+    std::lock_guard guard(lock);
+    if (--depth == 0) isSecured = false;
+  }
+  HResult Secure() {
+    std::lock_guard guard(lock);
+    return std::exchange(isSecured, true) ? kTooLate : kOk;
+  }
+};
+ProcessLifetime<ProcessCom> gCom;  // threads use it while the process leaves
 
 template <class... Args>
 HResult Pass(const char* call, Args... args) {
@@ -242,17 +264,20 @@ void ReleaseUnknown(RawHandle raw) {
 
 HResult CoInitializeEx() {
   if (const HResult failure = Pass("CoInitializeEx")) return failure;
+  gCom->Open();
   return tComDepth++ == 0 ? kOk : kFalse;
 }
 
 HResult CoInitializeSecurity() {
   if (const HResult failure = Pass("CoInitializeSecurity")) return failure;
-  return tComDepth > 0 ? kOk : kNotInitialized;
+  return tComDepth > 0 ? gCom->Secure() : kNotInitialized;
 }
 
 void CoUninitialize() {
   gate::Note("CoUninitialize");
-  if (tComDepth > 0) --tComDepth;
+  if (tComDepth == 0) return;
+  --tComDepth;
+  gCom->End();
 }
 
 HResult CreateWbemLocator(WbemLocator* locator) {

@@ -42,8 +42,6 @@ bool RemoveFile(const char* path) { return ::DeleteFileA(path) != FALSE; }
 
 bool RenameFile(const char* from, const char* to) { return ::MoveFileA(from, to) != FALSE; }
 
-bool CreateDirectoryA(const char* path) { return ::CreateDirectoryA(path, nullptr) != FALSE; }
-
 void CloseAppendFile(RawHandle raw) { ::CloseHandle(raw); }
 
 AppendFile OpenAppendFile(const char* path) {

@@ -1,5 +1,9 @@
-// HTTP requests through WinHTTP.
+// HTTP requests through WinHTTP, which runs them in the background.
 #include "platform/http.h"
+
+#include <memory>
+#include <string>
+#include <utility>
 
 #include "platform/windows/windows_api.h"
 // This needs windows.h.
@@ -24,13 +28,56 @@ constexpr DWORD kZeroTerminated = static_cast<DWORD>(-1);
 
 const wchar_t* Wide(const char16_t* text) { return reinterpret_cast<const wchar_t*>(text); }
 
+// What a request is sent from. WinHTTP reads it until the request's handle has been closed, whether
+// or not its sender still waits (its thread may have been ended), so it goes with the handle.
+struct Sending {
+  std::wstring headers;
+  std::string body;
+  HANDLE done = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  // Written by WinHTTP's thread before it sets `done`, which orders it.
+  DWORD error = ERROR_SUCCESS;
+
+  Sending() = default;
+  Sending(const Sending&) = delete;
+  Sending& operator=(const Sending&) = delete;
+  ~Sending() {
+    if (done != nullptr) ::CloseHandle(done);
+  }
+};
+
+void CALLBACK Notify(HINTERNET, DWORD_PTR context, DWORD status, void* information, DWORD) {
+  auto* sending = reinterpret_cast<Sending*>(context);
+  if (sending == nullptr) return;
+  if (status == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
+    delete sending;  // the last call for a handle
+    return;
+  }
+  if (status == WINHTTP_CALLBACK_STATUS_REQUEST_ERROR)
+    sending->error = static_cast<const WINHTTP_ASYNC_RESULT*>(information)->dwError;
+  ::SetEvent(sending->done);  // by the flags below, the request has been sent, or has failed
+}
+
+// Gives `sending` to the request. False if it couldn't be, with the last error.
+bool Attach(HINTERNET request, std::unique_ptr<Sending> sending) {
+  constexpr DWORD kWanted = WINHTTP_CALLBACK_FLAG_SENDREQUEST_COMPLETE |
+                            WINHTTP_CALLBACK_FLAG_REQUEST_ERROR |
+                            WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING;  // a flag as well
+  auto context = reinterpret_cast<DWORD_PTR>(sending.get());
+  if (::WinHttpSetStatusCallback(request, Notify, kWanted, 0) == WINHTTP_INVALID_STATUS_CALLBACK ||
+      !::WinHttpSetOption(request, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof context))
+    return false;
+  (void)sending.release();
+  return true;
+}
+
 }  // namespace
 
 void WinHttpCloseHandle(RawHandle raw) { ::WinHttpCloseHandle(raw); }
 
 HttpSession WinHttpOpen(const char16_t* agent) {
   return HttpSession(::WinHttpOpen(Wide(agent), WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
-                                   WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0));
+                                   WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS,
+                                   WINHTTP_FLAG_ASYNC));
 }
 
 bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, int send,
@@ -60,12 +107,22 @@ bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
          FALSE;
 }
 
-// The request has the headers already. Given once more they would be added, not compared: whether
-// they then go out twice is left to the version of WinHTTP, so they aren't given.
-bool WinHttpSendRequest(const HttpRequest& request, const char16_t*, const char* body,
-                        std::uint32_t size) {
-  return ::WinHttpSendRequest(request.Raw(), WINHTTP_NO_ADDITIONAL_HEADERS, 0,
-                              const_cast<char*>(body), size, size, 0) != FALSE;
+bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
+                        std::uint32_t size, std::uint32_t boundMs) {
+  auto made = std::make_unique<Sending>();
+  if (made->done == nullptr) return false;
+  if (headers != nullptr) made->headers = Wide(headers);
+  const wchar_t* more = headers != nullptr ? made->headers.c_str() : WINHTTP_NO_ADDITIONAL_HEADERS;
+  made->body.assign(body, size);
+  Sending* sending = made.get();
+  if (!Attach(request.Raw(), std::move(made))) return false;
+  if (!::WinHttpSendRequest(request.Raw(), more, headers != nullptr ? kZeroTerminated : 0,
+                            sending->body.data(), size, size, reinterpret_cast<DWORD_PTR>(sending)))
+    return false;
+  if (::WaitForSingleObject(sending->done, boundMs) != WAIT_OBJECT_0)
+    return ::SetLastError(ERROR_WINHTTP_TIMEOUT), false;
+  ::SetLastError(sending->error);
+  return sending->error == ERROR_SUCCESS;
 }
 
 }  // namespace platform

@@ -82,15 +82,16 @@ std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
   return error;
 }
 
-std::uint32_t IfTableRows(const void* block) {
-  return static_cast<const MIB_IFTABLE*>(block)->dwNumEntries;
-}
-
-IfRow IfTableRow(const void* block, std::uint32_t row) {
-  const MIB_IFROW& entry = static_cast<const MIB_IFTABLE*>(block)->table[row];
-  const DWORD length = std::min<DWORD>(entry.dwDescrLen, MAXLEN_IFDESCR);
-  return {std::string(reinterpret_cast<const char*>(entry.bDescr), length), entry.dwIndex,
-          entry.dwSpeed};
+std::vector<IfRow> ReadIfTable(const void* block) {
+  const auto* table = static_cast<const MIB_IFTABLE*>(block);
+  std::vector<IfRow> rows;
+  for (DWORD row = 0; row < table->dwNumEntries; ++row) {
+    const MIB_IFROW& entry = table->table[row];
+    const DWORD length = std::min<DWORD>(entry.dwDescrLen, MAXLEN_IFDESCR);
+    rows.push_back({std::string(reinterpret_cast<const char*>(entry.bDescr), length), entry.dwIndex,
+                    entry.dwSpeed});
+  }
+  return rows;
 }
 
 std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size) {

@@ -29,6 +29,7 @@ struct FreeWlanMemory {
 std::atomic<WlanCallback> gCallback{nullptr};
 
 void WINAPI Notify(WLAN_NOTIFICATION_DATA* data, void* context) {
+  if (data == nullptr) return;
   const WlanNotification notification{data->NotificationSource, data->NotificationCode};
   gCallback.load(std::memory_order_acquire)(notification, context);
 }
@@ -52,10 +53,9 @@ std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list) {
   WLAN_INTERFACE_INFO_LIST* raw = nullptr;
   const DWORD error = ::WlanEnumInterfaces(handle, nullptr, &raw);
   const std::unique_ptr<WLAN_INTERFACE_INFO_LIST, FreeWlanMemory> found(raw);
-  if (error != ERROR_SUCCESS) return error;
+  *list = {};
+  if (error != ERROR_SUCCESS || !found) return error;
   list->index = found->dwIndex;
-  list->states.clear();
-  list->guids.clear();
   for (DWORD i = 0; i < found->dwNumberOfItems; ++i) {
     const WLAN_INTERFACE_INFO& row = found->InterfaceInfo[i];
     list->states.push_back(static_cast<std::uint32_t>(row.isState));
@@ -71,7 +71,7 @@ std::uint32_t WlanGetProfileList(WlanHandle handle, const Guid& interfaceGuid,
   const DWORD error = ::WlanGetProfileList(handle, &guid, nullptr, &raw);
   const std::unique_ptr<WLAN_PROFILE_INFO_LIST, FreeWlanMemory> found(raw);
   profiles->clear();
-  if (error != ERROR_SUCCESS) return error;
+  if (error != ERROR_SUCCESS || !found) return error;
   for (DWORD i = 0; i < found->dwNumberOfItems; ++i) {
     const WLAN_PROFILE_INFO& row = found->ProfileInfo[i];
     const auto* name = reinterpret_cast<const char16_t*>(row.strProfileName);
@@ -91,7 +91,7 @@ std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
                        &flags, nullptr);
   const std::unique_ptr<wchar_t, FreeWlanMemory> text(raw);
   xml->clear();
-  if (error == ERROR_SUCCESS) *xml = reinterpret_cast<const char16_t*>(text.get());
+  if (error == ERROR_SUCCESS && text) *xml = reinterpret_cast<const char16_t*>(text.get());
   return error;
 }
 

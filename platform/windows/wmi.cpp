@@ -13,8 +13,8 @@ namespace platform {
 
 static_assert(sizeof(RawVariant) == sizeof(VARIANT) &&
               offsetof(RawVariant, value) == offsetof(VARIANT, llVal));
-static_assert(kNoInterface == E_NOINTERFACE && kPointer == E_POINTER &&
-              kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
+static_assert(kTooLate == RPC_E_TOO_LATE && kNoInterface == E_NOINTERFACE &&
+              kPointer == E_POINTER && kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
               kWbemStatusProgress == WBEM_STATUS_PROGRESS);
 static_assert(sizeof(HResult) == sizeof(HRESULT) && sizeof(char16_t) == sizeof(OLECHAR));
 

@@ -22,23 +22,21 @@ namespace {
 constexpr std::size_t kMaxEvent = 4096;  // with its zero
 constexpr std::size_t kMaxHeader = 1024;
 constexpr int kTimeoutMs = 10'000;
+// A time-out is one of a step, or of one packet in it: a listener that answers byte by byte would
+// hold the reader thread for as long as it likes.
+constexpr std::uint32_t kPostBoundMs = 40'000;
 constexpr std::uint32_t kMaxPort = 65535;
+constexpr std::uint32_t kHttpPort = 80;
+constexpr std::uint32_t kHttpsPort = 443;
 
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
 // What a name or an address is written with; in brackets an IPv6 address may stand, with its zone.
+// Names in other letters than ASCII's are the platform's to look up.
 bool IsOfHost(char c) {
   constexpr std::string_view kSigns = ".-_:[]%";
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-         kSigns.find(c) != std::string_view::npos;
-}
-
-// The text of a record's field, ended and fit for a log line.
-template <std::size_t Size>
-void CopyForLog(char (&text)[Size], const char* field) {
-  std::memcpy(text, field, Size);
-  text[Size - 1] = 0;
-  std::replace_if(text, text + std::strlen(text), IsControl, '?');
+         static_cast<unsigned char>(c) >= 0x80 || kSigns.find(c) != std::string_view::npos;
 }
 
 // Nobody sees this of a service; in the foreground it appears at once.
@@ -65,7 +63,7 @@ const char* FindFault(std::string_view host, std::uint32_t port, std::string_vie
   if (host.empty() || !std::all_of(host.begin(), host.end(), IsOfHost))
     return "the host is no name and no address";
   if (std::any_of(path.begin(), path.end(), IsControl)) return "control characters in the path";
-  if (port == 0 || port > kMaxPort) return "the port is none";
+  if (port > kMaxPort) return "the port is none";
   return nullptr;
 }
 
@@ -73,13 +71,14 @@ void LogRefusal(const char* why) { LogError("Indication not posted: %s", why); }
 
 // The request is there; what is left is its headers, its options and itself.
 void SendPost(const platform::HttpRequest& request, const char16_t* header, const char* body) {
-  (void)platform::WinHttpAddRequestHeaders(request, header);  // they are given again below
+  const bool isAdded = platform::WinHttpAddRequestHeaders(request, header);
   if (!platform::WinHttpSetSecurityFlags(request, platform::kIgnoreUnknownCa |
                                                       platform::kIgnoreCertCnInvalid |
                                                       platform::kIgnoreCertDateInvalid))
     return PrintError("Error %u Options not set.\n");
-  if (!platform::WinHttpSendRequest(request, header, body,
-                                    static_cast<std::uint32_t>(std::strlen(body))))
+  // Headers that are there already would go out twice.
+  if (!platform::WinHttpSendRequest(request, isAdded ? nullptr : header, body,
+                                    static_cast<std::uint32_t>(std::strlen(body)), kPostBoundMs))
     PrintError("Error %u Request not sent.\n");
 }
 
@@ -112,9 +111,7 @@ void IndicationSubscribe(const std::uint8_t* payload, std::uint32_t length) {
   std::memcpy(&store, payload, std::min<std::size_t>(length, sizeof store));
   store.host[std::size(store.host) - 1] = 0;
   store.path[std::size(store.path) - 1] = 0;
-  char host[sizeof store.host];
-  CopyForLog(host, store.host);
-  LogInfo("Send size is %d, so subscribing to %s", length, static_cast<const char*>(host));
+  LogInfo("Send size is %d, so subscribing to %s", length, PrintableText(store.host));
   gIndicationSubscribed.store(1, std::memory_order_relaxed);
 }
 
@@ -134,6 +131,7 @@ void IndicationEvent(const std::uint8_t* payload, std::uint32_t length) {
 void PostIndication(const char* host, std::uint32_t port, const char* path, std::int32_t secure,
                     const char* body) {
   if (const char* fault = FindFault(host, port, path)) return LogRefusal(fault);
+  if (port == 0) port = secure != 0 ? kHttpsPort : kHttpPort;
   Header header;
   if (!FormatHeader(&header, host, port, std::strlen(body)))
     return LogRefusal("the host is too long for a header");

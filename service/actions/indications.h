@@ -2,7 +2,7 @@
 // no way to the console's listener of its own, so it says where that is, one listener at a time,
 // and hands over each event as finished text, which goes out as one HTTP or HTTPS POST. The answer
 // isn't read. All of it runs on the reader thread, which a listener that can't be reached holds up
-// for as long as the time-outs take.
+// for as long as the time-outs take, forty seconds at most.
 #pragma once
 
 #include <atomic>
@@ -41,9 +41,9 @@ void IndicationEvent(const std::uint8_t* payload, std::uint32_t length);
 
 // Posts `body` up to its zero to the listener, without a check of an HTTPS listener's certificate
 // but for its form. A failed step ends it, with a line on standard output; nothing is tried twice.
-// Nothing is sent, and a line logged, for a host that is no name and no address, a path with
-// control characters, a port that is none, or a host so long that its header doesn't fit in 1024
-// bytes.
+// Port 0 is the scheme's own. Nothing is sent, and a line logged, for a host that is no name and no
+// address, a path with control characters, a port above 65535, or a host so long that its header
+// doesn't fit in 1024 bytes.
 void PostIndication(const char* host, std::uint32_t port, const char* path, std::int32_t secure,
                     const char* body);
 

@@ -1,6 +1,8 @@
 // The power actions.
 #include "service/actions/power_actions.h"
 
+#include <span>
+
 #include "platform/error.h"
 #include "platform/power.h"
 #include "platform/thread.h"
@@ -19,6 +21,9 @@ constexpr char kShutdownPrivilege[] = "SeShutdownPrivilege";
 bool ShutDown(bool reboot) {
   return platform::InitiateSystemShutdownExA(nullptr, 0, true, reboot, kReasonMajorApplication);
 }
+bool ShutDownLater(bool reboot) {
+  return platform::InitiateSystemShutdownExA("DASH initiated power command", 5, false, reboot, 0);
+}
 bool Suspend(bool hibernate) { return platform::SetSuspendState(hibernate, true, false); }
 
 struct Action {
@@ -33,6 +38,7 @@ constexpr Action kActions[] = {
     {kPowerHibernate, "Hibernate initiated", Suspend, true},
     {kPowerSleep, "Sleep initiated", Suspend, false},
 };
+constexpr Action kNoticedShutdown = {kPowerShutdown, "Shutdown initiated", ShutDownLater, false};
 
 // Enables the shutdown privilege in `token`; false after a logged failure.
 bool EnableShutdownPrivilege(platform::Token* token) {
@@ -53,6 +59,19 @@ bool EnableShutdownPrivilege(platform::Token* token) {
   return false;
 }
 
+// The privilege, the line and the call; not 0 if the system took the request.
+std::uint32_t Perform(std::span<const Action> actions, std::uint32_t option) {
+  platform::Token token;
+  if (!EnableShutdownPrivilege(&token)) return 0;
+  for (const Action& action : actions) {
+    if (action.option != option) continue;
+    LogInfo("%s", action.line);
+    if (action.call(action.argument)) return 1;
+    LogInfo("Returned error %d", platform::LastError());
+  }
+  return 0;
+}
+
 void ApplyOrLog(std::uint8_t option) {
   if (ApplyPowerOption(option) == 0) LogInfo(" Power option failed PowerOption: 0x%x", option);
 }
@@ -70,17 +89,9 @@ bool StartDelay(platform::ThreadEntry entry) {
 
 }  // namespace
 
-std::uint32_t ApplyPowerOption(std::uint32_t powerOption) {
-  platform::Token token;
-  if (!EnableShutdownPrivilege(&token)) return 0;
-  for (const Action& action : kActions) {
-    if (action.option != powerOption) continue;
-    LogInfo("%s", action.line);
-    if (action.call(action.argument)) return 1;
-    LogInfo("Returned error %d", platform::LastError());
-  }
-  return 0;
-}
+std::uint32_t ApplyPowerOption(std::uint32_t powerOption) { return Perform(kActions, powerOption); }
+
+std::uint32_t ShutDownWithNotice() { return Perform({&kNoticedShutdown, 1}, kPowerShutdown); }
 
 bool ActOnPowerOption() {
   const std::uint8_t option = gPowerOption.load(std::memory_order_relaxed);

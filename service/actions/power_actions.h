@@ -23,6 +23,10 @@ extern std::atomic<std::uint8_t> gPowerOption;
 // system took the request; 0 after a logged failure. Any thread.
 std::uint32_t ApplyPowerOption(std::uint32_t powerOption);
 
+// Shuts the host down after five seconds' notice with a message, and forces no application closed.
+// The result is ApplyPowerOption's. No flow of the service asks for it. Any thread.
+std::uint32_t ShutDownWithNotice();
+
 // Acts on the pending option once a reply has been handed to the socket: shutdown and reboot at
 // once, hibernate and sleep two seconds later on a thread of their own. False if that thread could
 // not be started; the option then stays pending. The reader thread.

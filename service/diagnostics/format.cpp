@@ -150,6 +150,14 @@ std::size_t FormatText(char* out, std::size_t size, std::string_view format,
   return output.Finish();
 }
 
+std::string PrintableText(std::string_view text) {
+  std::string printable(text);
+  std::replace_if(
+      printable.begin(), printable.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+  return printable;
+}
+
 bool EqualIgnoringCase(const char* a, const char* b) {
   auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
   for (; *a != 0 && lower(*a) == lower(*b); ++a, ++b) {

@@ -135,6 +135,10 @@ std::size_t FormatTo(char* out, std::size_t size,
   return FormatText(out, size, format.text, std::span(list, sizeof...(Args)));
 }
 
+// A text from outside as a log may have it: each control character is a '?', so that it begins no
+// line of its own.
+std::string PrintableText(std::string_view text);
+
 // True if the zero-terminated texts are the same but for the case of the letters A to Z.
 bool EqualIgnoringCase(const char* a, const char* b);
 

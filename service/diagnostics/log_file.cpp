@@ -9,6 +9,8 @@
 
 namespace stewardry {
 
+std::atomic<bool> gLogFolderIsSafe{true};
+
 bool LogFile::SetPath(const char* path) {
   const std::size_t size = std::strlen(path) + 1;
   path_.reset(new (std::nothrow) char[size]);

@@ -3,6 +3,7 @@
 // place of the last character, and begun anew. Not locked: its owner's mutex guards it.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -49,6 +50,11 @@ std::uint32_t PrivateMegabytes();
 // side logs and the change log use.
 inline constexpr char kCompanyFolder[] = "\\Corvane";
 inline constexpr char kLogFolder[] = "\\Corvane\\Stewardry";
+// False once the folder was found to be somebody else's, or not to be that of the fixed form: then
+// nobody writes to it by the fixed form. Written when the process starts and again when its service
+// does; relaxed, it stands for itself.
+extern std::atomic<bool> gLogFolderIsSafe;
+
 #define STEWARDRY_FIXED_LOG_FOLDER "C:\\ProgramData\\Corvane\\Stewardry\\"
 
 // The last line of what "ver" prints, without its line end, into `line` of `size` bytes. False,

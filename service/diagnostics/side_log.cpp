@@ -36,16 +36,6 @@ struct Line {
   }
 };
 
-// The time as asctime gives it, without its newline.
-void PutTime(Line* line) {
-  const platform::LocalTime t = platform::GetLocalTime();
-  char day[3];
-  FormatTo(day, sizeof day, "%2d", t.day);
-  line->length = FormatTo(
-      line->text, sizeof line->text, "%s %s %s %02d:%02d:%02d %d: ", kDayNames[t.dayOfWeek % 7],
-      kMonthNames[(t.month + 11) % 12], day, t.hour, t.minute, t.second, t.year);
-}
-
 void PutConversion(Line* line, char letter, const FormatArg& arg) {
   const bool isText = letter == 's';
   if (isText != (arg.kind == FormatArg::Kind::kText)) return;  // not what the format asks for
@@ -54,8 +44,14 @@ void PutConversion(Line* line, char letter, const FormatArg& arg) {
 
 }  // namespace
 
+SideLogTime::SideLogTime(const platform::LocalTime& t) {
+  FormatTo(text, sizeof text, "%s %s %02d %02d:%02d:%02d %d", kDayNames[t.dayOfWeek % 7],
+           kMonthNames[(t.month + 11) % 12], t.day, t.hour, t.minute, t.second, t.year);
+}
+
 void SideLog_Write(std::uint32_t channel, const void* data, std::size_t size) {
   if (channel >= std::size(kChannelPaths)) return;
+  if (!gLogFolderIsSafe.load(std::memory_order_relaxed)) return;
   const platform::AppendFile file = platform::OpenAppendFile(kChannelPaths[channel]);
   if (!file) return;
   // The side log doesn't report on itself: a line that can't be written is lost.
@@ -65,7 +61,8 @@ void SideLog_Write(std::uint32_t channel, const void* data, std::size_t size) {
 void SideLog_Format(std::uint32_t channel, std::string_view format,
                     std::span<const FormatArg> args) {
   Line line;
-  PutTime(&line);
+  const SideLogTime now(platform::GetLocalTime());
+  line.PutFormatted("%s: ", static_cast<const char*>(now.text));
   std::size_t used = 0;
   for (std::size_t i = 0; i < format.size(); ++i) {
     if (format[i] != '%' || i + 1 == format.size()) {

@@ -7,12 +7,20 @@
 #include <span>
 #include <string_view>
 
+#include "platform/clock.h"
 #include "service/diagnostics/format.h"
 
 namespace stewardry {
 
 // Channels: 0 keyboard, mouse and agent; 1 the service log's file; 2 mailbox; 3 the WMI log's file.
 constexpr std::uint32_t kSideLogKeyboardMouse = 0;
+
+// A time as asctime of the Windows runtime that the service is linked with (msvcrt.dll) gives it,
+// without its newline: a day below 10 has a zero before it.
+struct SideLogTime {
+  explicit SideLogTime(const platform::LocalTime& time);
+  char text[32];
+};
 
 // Appends `size` bytes to the channel's file. A channel outside the table writes nothing, and a
 // file that can't be opened loses the bytes. Any thread.

@@ -106,7 +106,8 @@ int WmiLog_Open(const char* path, std::uint32_t limit) {
 void WmiLog_Start() {
   char folder[platform::kMaxPath] = "";
   (void)platform::GetCommonAppDataFolder(folder);  // without it the file just can't be opened
-  WmiLog_Open((std::string(folder) + kLogFolder + "\\tavrinWMI.log").c_str(), kLimit);
+  if (gLogFolderIsSafe.load(std::memory_order_relaxed))
+    WmiLog_Open((std::string(folder) + kLogFolder + "\\tavrinWMI.log").c_str(), kLimit);
   char version[128];
   if (ReadVerLine(version, sizeof version))
     return WmiInfo("Tavrin WMI started on %s", static_cast<const char*>(version));

@@ -14,7 +14,6 @@
 #include "service/inventory/address_watch.h"
 #include "service/inventory/battery_report.h"
 #include "service/inventory/status_report.h"
-#include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
@@ -121,11 +120,6 @@ void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
     gUserPresence.store(event.data[0], std::memory_order_relaxed);
 }
 
-std::uint32_t EndKvmSession(void*) {
-  FinishKVMSession();
-  return 0;
-}
-
 }  // namespace
 
 std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
@@ -176,23 +170,21 @@ void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
   SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
 }
 
-// A logon during a KVM session ends the session as any other end does, so that the firmware is told
-// and the agent goes. Nothing else stops, and no reboot follows: the words of the last line are
-// what the side log has always said here. The end waits for the firmware, and a service manager
-// doesn't wait for its handler, so it has a thread of its own.
+// A logon leaves these lines and nothing else: a session that is up goes on, with an agent that its
+// watch starts again at need. Nothing stops, and no reboot follows: the words of the last line are
+// what the side log has always said here.
 void NotifyKvmTerminationEvents() {
   constexpr const char* kName = "NotifyKvmTerminationEvents";
+  constexpr std::uint32_t kTracedLogons = 2;  // the later ones have no line about the region
   const bool ready = gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
-  SideLog(kSideLogKeyboardMouse, "%s: KVM%s", kName, ready ? "enabled" : "disabled");
+  SideLog(kSideLogKeyboardMouse, "%s: KVM", ready ? "enabled" : "disabled");
   if (!ready) return;
   SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", kName);
-  if (KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) == 0) {
-    SideLog(kSideLogKeyboardMouse, "Keyboard ring buffer invalid\n");
-  } else {
-    SideLog(kSideLogKeyboardMouse, "Requested Terminate KVM session\n");
+  if (gSessionLogonCount.load(std::memory_order_relaxed) <= kTracedLogons) {
+    const bool hasRegion = KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) != 0;
+    SideLog(kSideLogKeyboardMouse, "%s",
+            hasRegion ? "Requested Terminate KVM session\n" : "Keyboard ring buffer invalid\n");
   }
-  // Its handle isn't kept. Without the thread the session goes on, and the logon disturbs nothing.
-  (void)platform::CreateThread(EndKvmSession, nullptr);
   SideLog(kSideLogKeyboardMouse, "%s: KVM session terminated and Reboot initiated\n", kName);
 }
 

@@ -33,8 +33,7 @@ void SvcHandleSessionChange(std::uint32_t control, std::uint32_t eventType, void
 void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint);
 
-// What a user's logon means to KVM: ends a session that is up, on a thread of its own, with its
-// lines in the side log. Nothing without a session.
+// What a user's logon means to KVM: a trace in the side log. A session that is up goes on.
 void NotifyKvmTerminationEvents();
 
 }  // namespace stewardry

@@ -15,6 +15,7 @@
 #include "service/host/control.h"
 #include "service/host/event_entries.h"
 #include "service/host/install.h"
+#include "service/host/log_folder.h"
 #include "service/host/server_thread.h"
 #include "service/inventory/chassis.h"
 #include "service/inventory/service_version.h"
@@ -37,11 +38,6 @@ constexpr std::size_t kLogPathSize = 256;
 // The power settings that the service asks to be told of, in their order.
 constexpr platform::Guid kPowerSettings[] = {kGuidAcdcPowerSource, kGuidBatteryPercentageRemaining,
                                              kGuidGlobalUserPresence};
-
-// True if the folder is there afterwards.
-bool EnsureFolder(const char* path) {
-  return platform::CreateDirectoryA(path) || platform::LastError() == platform::kErrorAlreadyExists;
-}
 
 void LogBanner() {
   char buf[128];
@@ -85,11 +81,8 @@ void ServiceMain(std::uint32_t argc, char** argv) {
   if (gServiceStatusHandle == nullptr) {
     const std::uint32_t error = platform::LastError();
     ReportServiceEvent("RegisterServiceCtrlHandler", kEventError);
-    char text[256] = "";
-    platform::FormatMessageA(error, text, sizeof text);
-    SideLog(kSideLogKeyboardMouse, "RegisterServiceCtrlHandlerEx:%s",
-            static_cast<const char*>(text));
-    return;
+    platform::SetLastError(error);
+    return ReportLastError(kSideLogKeyboardMouse, "RegisterServiceCtrlHandlerEx:");
   }
   for (const platform::Guid& setting : kPowerSettings)
     (void)platform::RegisterPowerSettingNotification(gServiceStatusHandle, setting);  // not needed
@@ -107,19 +100,9 @@ void SetReportedStatus(const platform::ServiceStatus& status) {
 
 bool InitServiceLog() {
   char szAllUsersProfile[platform::kMaxPath];
-  if (!platform::GetCommonAppDataFolder(szAllUsersProfile)) return false;
-  char corvanePath[kLogPathSize];
-  FormatTo(corvanePath, sizeof corvanePath, "%s%s", szAllUsersProfile, kCompanyFolder);
-  if (!EnsureFolder(corvanePath))
-    LogInfo("Error %u creating Corvane Folder.\n", platform::LastError());
-  char szLogPath[kLogPathSize];
-  FormatTo(szLogPath, sizeof szLogPath, "%s%s", szAllUsersProfile, kLogFolder);
-  if (!EnsureFolder(szLogPath)) {
-    LogInfo("Error %u creating Tavrin Log Folder.\n", platform::LastError());
-    return false;
-  }
+  if (!MakeLogFolder() || !platform::GetCommonAppDataFolder(szAllUsersProfile)) return false;
   char logFile[kLogPathSize];
-  FormatTo(logFile, sizeof logFile, "%s\\tavrinLog.log", szLogPath);
+  FormatTo(logFile, sizeof logFile, "%s%s\\tavrinLog.log", szAllUsersProfile, kLogFolder);
   if (!ServiceLog_Start(logFile, kLogLimit)) return false;
   LogBanner();
   return true;

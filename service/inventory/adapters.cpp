@@ -3,10 +3,10 @@
 #include "service/inventory/adapters.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "platform/error.h"
-#include "platform/network.h"
 #include "service/diagnostics/wmi_log.h"
 #include "service/inventory/sized_block.h"
 #include "service/inventory/wmi_access.h"
@@ -67,11 +67,11 @@ void FillRecord(const Adapter& adapter, NetworkInfo* record) {
   record->StatusInfo = static_cast<std::uint16_t>(adapter.statusInfo);
 }
 
-std::uint64_t SpeedInTable(const void* table, const char* name) {
-  const std::uint32_t rows = platform::IfTableRows(table);
-  for (std::uint32_t i = 0; i < rows; ++i) {
-    const platform::IfRow row = platform::IfTableRow(table, i);
-    if (row.description != name) continue;
+}  // namespace
+
+std::uint64_t SpeedInTable(std::span<const platform::IfRow> rows, const char* name) {
+  for (const platform::IfRow& row : rows) {
+    if (std::strcmp(row.description.c_str(), name) != 0) continue;
     WmiInfo("\tDescription:\t%s", row.description);
     WmiInfo("\tindex: %d, Speed:\t %ld", row.index, row.speed);
     // A filter or a virtual twin may stand first under the same name, without a speed.
@@ -79,8 +79,6 @@ std::uint64_t SpeedInTable(const void* table, const char* name) {
   }
   return 0;
 }
-
-}  // namespace
 
 std::uint32_t GetNetworkinformation(NetworkInfo* record) {
   const WmiQuery query{u"SELECT * FROM Win32_NetworkAdapter", "GetNetworkinformation"};
@@ -104,7 +102,7 @@ std::uint64_t GetAdapterSpeed(const char* name) {
     WmiInfo("GetIfTable failed with error: %d", error);
     return kSpeedOfFailure;
   }
-  return SpeedInTable(table.Raw(), name);
+  return SpeedInTable(platform::ReadIfTable(table.Raw()), name);
 }
 
 bool IsAdapterDhcpEnabled(const char* name) {

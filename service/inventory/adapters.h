@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
+#include "platform/network.h"
 #include "service/inventory/records.h"
 
 namespace stewardry {
@@ -17,6 +19,10 @@ std::uint32_t GetNetworkinformation(NetworkInfo* record);
 // The speed in bits per second of the first interface of that name (ANSI) that has one; 0 if none
 // has, 1 if the interface table couldn't be read.
 std::uint64_t GetAdapterSpeed(const char* name);
+
+// The speed of the first of these rows that has that name, up to its first zero, and a speed; 0 if
+// there is none. Any thread.
+std::uint64_t SpeedInTable(std::span<const platform::IfRow> rows, const char* name);
 
 // Whether the first adapter of that name (ANSI) got its address by DHCP. False if there is none or
 // the list couldn't be read; true without memory for it.

@@ -8,6 +8,7 @@
 #include "platform/file.h"
 #include "platform/mutex.h"
 #include "platform/network.h"
+#include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/ip_config.h"
 #include "service/inventory/network_report.h"
@@ -86,7 +87,10 @@ platform::WlanHandle OpenWlan() {
 // the same.
 class ChangeLog final : public ReportLines {
  public:
-  ChangeLog() : stream_(platform::OpenStream(kChangeLogPath, "a+")) {}
+  ChangeLog() {
+    if (gLogFolderIsSafe.load(std::memory_order_relaxed))
+      stream_ = platform::OpenStream(kChangeLogPath, "a+");
+  }
 
  private:
   void Take(std::string_view format, std::span<const FormatArg> args) override {

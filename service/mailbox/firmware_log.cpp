@@ -6,6 +6,7 @@
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "service/diagnostics/format.h"
+#include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/request.h"
 
@@ -86,7 +87,7 @@ void WriteEntry(LogRing* ring, std::uint32_t index, CaptureFile* file) {
   char line[sizeof copy + 1];
   std::memcpy(line, &copy, sizeof copy);
   line[sizeof copy] = 0;
-  file->Write("%s\n", static_cast<const char*>(line));
+  file->Write("%s\n", PrintableText(line));
   file->Flush();
 }
 
@@ -163,7 +164,7 @@ std::uint32_t DeAllocateLogBuffer() {
 }
 
 void CaptureLogBuffer() {
-  if (!EmptyFileOnce()) return;
+  if (!gLogFolderIsSafe.load(std::memory_order_relaxed) || !EmptyFileOnce()) return;
   CaptureFile file;
   if (!file) return;
   const std::uint64_t address = gLogBufferAddress.load(std::memory_order_relaxed);

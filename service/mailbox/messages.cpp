@@ -58,8 +58,10 @@ void GetTavrinVersion(SharedRecord<TavrinVersionInfo>* target) {
   TavrinVersionInfo answer{};
   AskForRecord(Operation::kGetTavrinVersion, &answer, &outcome);
   if (!outcome.completed) return;
+  if (outcome.bytes < sizeof answer)
+    return LogInfo("GetTavrinVersion answer of %d bytes is too short", outcome.bytes);
   answer.version[sizeof answer.version - 1] = 0;  // a text without an end stops at its field
-  LogInfo("Read data is %s", static_cast<const char*>(answer.version));
+  LogInfo("Read data is %s", PrintableText(answer.version));
   target->Update([&](TavrinVersionInfo& info) {
     CopyVersion(&info, answer.version);
     info.provisionStatus = answer.provisionStatus;

@@ -69,7 +69,8 @@ std::uint32_t WriteKVMPacket(packet* data);
 // The firmware's status byte; *status changes only on success. 0 or 1.
 std::uint32_t GetOrrinStatus(std::uint8_t* status);
 // Asks for the version record and keeps its text, provisionStatus and KVMStatus in *target, which
-// stays as it was on failure.
+// stays as it was on failure. An answer that isn't whole is a failure: what it lacks would read as
+// a host that isn't provisioned.
 void GetTavrinVersion(SharedRecord<TavrinVersionInfo>* target);
 // 4 bytes, kServiceUp or kServiceGoingDown. 0 or 1.
 std::uint32_t WriteTavrinStatus(const std::uint32_t* status);

@@ -10,8 +10,10 @@
 #include "platform/error.h"
 #include "platform/event.h"
 #include "platform/file.h"
+#include "platform/http.h"
 #include "platform/mutex.h"
 #include "platform/network.h"
+#include "platform/private_folder.h"
 #include "platform/process.h"
 #include "platform/socket.h"
 #include "platform/thread.h"
@@ -156,7 +158,7 @@ class FileContract : public Prepared {
     char data[kMaxPath];
     ASSERT_TRUE(GetCommonAppDataFolder(data));
     folder_ = std::string(data) + "\\stewardry-contract";
-    CreateDirectoryA(folder_.c_str());
+    CreatePrivateFolder(folder_.c_str());
     one_ = folder_ + "\\1-" + std::to_string(GetCurrentProcessId());
     two_ = folder_ + "\\2-" + std::to_string(GetCurrentProcessId());
     TearDown();
@@ -206,7 +208,7 @@ TEST_F(FileContract, AppendFileKeepsItsBytes) {
 }
 
 TEST_F(FileContract, RefusalsHaveWindowsNumbers) {
-  EXPECT_FALSE(CreateDirectoryA(folder_.c_str()));
+  EXPECT_FALSE(CreatePrivateFolder(folder_.c_str()));
   EXPECT_EQ(LastError(), kErrorAlreadyExists);
   const std::string nowhere = folder_ + "\\none\\child";
   EXPECT_FALSE(RemoveFile(one_.c_str()));
@@ -345,6 +347,39 @@ TEST_F(SocketContract, RefusalsHaveWinsocksNumbers) {
   EXPECT_EQ(recv(near_, &byte, 1), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEWouldBlock);
   EXPECT_EQ(closesocket(other), 0);
+}
+
+// ---- Requests to a listener
+
+struct Post {
+  SockAddrIn to;
+  std::uint32_t flags, boundMs;
+};
+// Sends it, with headers added before and others that go with it. Returns 0 or the error.
+std::uint32_t Send(void* given) {
+  const Post& post = *static_cast<Post*>(given);
+  const HttpSession session = WinHttpOpen(u"contract");
+  EXPECT_TRUE(WinHttpSetTimeouts(session, 0, 0, 0, 0));  // no step has a limit
+  const auto port = static_cast<std::uint16_t>(post.to.port >> 8 | post.to.port << 8);
+  const HttpConnection connection = WinHttpConnect(session, u"127.0.0.1", port);
+  const HttpRequest request = WinHttpOpenRequest(connection, u"POST", u"/", post.flags);
+  EXPECT_TRUE(WinHttpAddRequestHeaders(request, u"A: 1\r\n"));
+  return WinHttpSendRequest(request, u"B: 2\r\n", "body", 4, post.boundMs) ? 0 : LastError();
+}
+
+TEST_F(SocketContract, RequestIsOverAtItsBoundAndHasTheHeadersOfBothCalls) {
+  Post post{address_, 0, kBound}, silence{address_, kWinHttpFlagSecure, 100};
+  SockAddrIn peer;
+  const Thread sender = CreateThread(Send, &post);
+  const SocketValue accepted = accept(listener_, &peer);
+  std::string text;
+  for (char byte; !text.ends_with("\r\n\r\nbody") && recv(accepted, &byte, 1) == 1;) text += byte;
+  EXPECT_LT(text.find("\r\nA: 1\r\n"), text.size()) << text;
+  EXPECT_LT(text.find("\r\nB: 2\r\n"), text.size()) << text;
+  EXPECT_EQ(send(accepted, "HTTP/1.1 204 No Content\r\n\r\n", 27), 27);  // Wine waits for it
+  EXPECT_EQ(ExitCode(sender), 0U);
+  EXPECT_EQ(closesocket(accepted), 0);
+  EXPECT_EQ(Send(&silence), kErrorWinHttpTimeout);
 }
 
 }  // namespace

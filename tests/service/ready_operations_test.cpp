@@ -8,6 +8,7 @@
 #include "platform/battery.h"
 #include "platform/socket.h"
 #include "service/diagnostics/service_log.h"
+#include "service/inventory/adapters.h"
 #include "service/inventory/address_dumps.h"
 #include "service/inventory/address_watch.h"
 #include "service/inventory/event_sink.h"
@@ -88,6 +89,14 @@ TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
   EXPECT_TRUE(Logged("Battery 0")) << "an operating system has no BatteryStatus";
   EXPECT_TRUE(Logged("Call complete. hResult = 0x0"));
   platform::CoUninitialize();
+}
+
+// Windows counts the terminator of a description, Wine doesn't.
+TEST_F(ReadyOperations, SpeedIsThatOfTheFirstRowOfTheNameThatHasOne) {
+  for (const std::string& end : {std::string(), std::string(1, '\0')})
+    EXPECT_EQ(
+        SpeedInTable({{{"eth" + end, 1, 9}, {"eth0" + end, 2, 0}, {"eth0" + end, 3, 7}}}, "eth0"),
+        7U);
 }
 
 TEST_F(ReadyOperations, AddressesAreWatchedAndDumped) {

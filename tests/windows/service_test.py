@@ -2,6 +2,8 @@
 # mailbox driver, with the firmware simulator behind it and foreign clients in front.
 import json
 import os
+import pathlib
+import shutil
 import unittest
 
 import wine_lab
@@ -41,6 +43,21 @@ class Install(unittest.TestCase):
         self.assertEqual(install(),
                          ("OpenSCManager successful\nCreateService failed with error (1073)\n", 0))
         self.assertEqual(prefix().run("reg", "query", KEY)[0], registered)
+
+
+class LogFolder(unittest.TestCase):
+    @unittest.skipUnless(os.geteuid() == 0, "only root gives a folder to another user")
+    def test_what_belongs_to_another_user_is_not_written_to(self):
+        company = pathlib.Path(prefix().folder, "ProgramData", "Corvane")
+        logs = company / "Stewardry"
+        for foreign in (logs, company, logs / "tavrinWMI.log"):
+            shutil.rmtree(company, ignore_errors=True)
+            logs.mkdir(parents=True)
+            foreign.touch()
+            os.chown(foreign, 65534, 65534)
+            prefix().run(program("quillonsvc.exe"), "no word")
+            self.assertFalse(foreign.exists() and foreign.stat().st_uid, foreign)
+            self.assertTrue((logs / "tavrinLog.log").exists())
 
 
 class Driver(unittest.TestCase):
@@ -121,7 +138,7 @@ class Dash(WineLabTest, dash_test.Dash):
 
 
 class Indications(WineLabTest, indications_test.Indications):
-    # Wine's WinHttpSendRequest waits for the answer, without an end.
+    # Wine's WinHttpSendRequest waits for the answer, for as long as a post may take.
     test_a_listener_that_never_answers_does_not_hold_the_service = None
 
 

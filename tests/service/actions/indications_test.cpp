@@ -55,7 +55,7 @@ TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
       "WinHttpAddRequestHeaders(Host: console:8080\r\nContent-Type: "
       "application/soap+xml;charset=UTF-8\r\nAccept: */*\r\nContent-Length: 5\r\n)",
       "WinHttpSetOption(31,0x3100)",
-      "WinHttpSendRequest(5)"};
+      "WinHttpSendRequest(5,40000)"};
   const std::tuple<const char*, std::size_t, std::size_t, const char*> kRows[] = {
       {"none", 7, 3, "Error 12029 Request not sent.\n"},
       {"WinHttpOpen", 1, 0, "Error 12345 Session not established.\n"},
@@ -69,6 +69,8 @@ TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
     expected.resize(made);
     expected.resize(made + closes, "WinHttpCloseHandle()");
     expected.push_back(printed);
+    if (failing == std::string("WinHttpAddRequestHeaders"))  // they go with the request
+      expected[6] = "WinHttpSendRequest(5,40000,headers)";
     EXPECT_EQ(Post("event", failing), expected) << failing;
   }
   EXPECT_EQ(gIndicationSubscribed.load(), 1) << "a failed post leaves the subscription";
@@ -96,9 +98,9 @@ TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
                     kPath = "control characters in the path",
                     kLong = "the host is too long for a header", kOf1024(1024, 'h');
   const std::tuple<std::string, std::string, std::uint32_t, std::string> kRows[] = {
-      {"", "/", 80, kHost},        {"a\r\nX: y", "/", 80, kHost}, {"user@host", "/", 80, kHost},
-      {"h\xF6st", "/", 80, kHost}, {"host", "/\x7F", 80, kPath},  {"host", "/a\tb", 80, kPath},
-      {"host", "/", 0, kPort},     {"host", "/", 65536, kPort},   {kOf1024, kOf1024, 80, kLong}};
+      {"", "/", 80, kHost},         {"a\r\nX: y", "/", 80, kHost}, {"user@host", "/", 80, kHost},
+      {"host", "/\x7F", 80, kPath}, {"host", "/a\tb", 80, kPath},  {"host", "/", 65536, kPort},
+      {kOf1024, kOf1024, 80, kLong}};
   for (const auto& [host, path, port, why] : kRows) {
     const std::size_t before = CountOf(Messages(), "Indication not posted: " + why);
     Subscribe(host, path, port);
@@ -106,6 +108,9 @@ TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
     EXPECT_EQ(CountOf(Messages(), "Indication not posted: " + why), before + 1) << host;
   }
   EXPECT_TRUE(Logged("Send size is 2060, so subscribing to a??X: y"));
+  Subscribe("h\xF6st", "/", 0);  // port 0 is the scheme's
+  EXPECT_EQ(Post("event").at(2), "WinHttpConnect(h\xC3\xB6st,443)");
+  Subscribe(kOf1024, kOf1024);
   EXPECT_EQ(std::strlen(gIndicationSubscription.host), 1023U) << "a text ends at its field";
   EXPECT_EQ(std::strlen(gIndicationSubscription.path), 1023U);
 }

@@ -32,6 +32,10 @@ TEST_F(PowerActions, OptionIsClearedAndMakesItsCall) {
     EXPECT_EQ(gPowerOption.load(), kPowerNone);
     EXPECT_TRUE(Logged(line)) << line;
   }
+  EXPECT_EQ(ShutDownWithNotice(), 1U);
+  EXPECT_EQ(LabText("power.txt").substr(calls.size()),
+            "InitiateSystemShutdownExA message=DASH initiated power command timeout=5 force=false "
+            "reboot=false reason=0x0\n");
   EXPECT_EQ(CountCalls("Sleep"), 2U);
   EXPECT_EQ(ApplyPowerOption(9), 0U);
 }

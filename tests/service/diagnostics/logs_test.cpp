@@ -148,9 +148,10 @@ TEST_F(Logs, SideLogKnowsFourConversionsAndLeavesOutWrongArguments) {
   SideLog(0, "%s %d %d%", 5, "five");
   SideLog(9, "no such channel");
   const std::string text = FileText(kKeyboardLog);
-  const std::string head = "[A-Z][a-z]{2} [A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d 20\\d\\d: ";
+  const std::string head = "[A-Z][a-z]{2} [A-Z][a-z]{2} \\d\\d \\d\\d:\\d\\d:\\d\\d 20\\d\\d: ";
   EXPECT_TRUE(std::regex_match(text, std::regex(head + "name:-5 ff ff % u\\|" + head + "  %")))
       << text;
+  EXPECT_STREQ(SideLogTime({2026, 11, 1, 2, 7, 34, 9, 0}).text, "Mon Nov 02 07:34:09 2026");
   SideLog(2, "%s", std::string(5000, 'z').c_str());
   EXPECT_EQ(FileText(STEWARDRY_FIXED_LOG_FOLDER "tavrinMailbox.log").size(), 1023U);
 }

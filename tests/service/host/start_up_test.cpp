@@ -3,13 +3,18 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
+#include "service/diagnostics/side_log.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
 
@@ -31,7 +36,7 @@ TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
   // Ends the connection, and so the dispatcher, once the service has given up.
   std::thread manager([&] {
     const int peer = ::accept(listener, nullptr, nullptr);
-    static constexpr char kLine[] = "RegisterServiceCtrlHandlerEx:Access denied.";
+    static constexpr char kLine[] = "RegisterServiceCtrlHandlerEx: failed with error 5: ";
     EXPECT_TRUE(Eventually([] { return CountOf(FileText(kSideLog), kLine) == 1; }));
     ::close(peer);
   });
@@ -43,6 +48,39 @@ TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
   ::close(listener);
   EXPECT_EQ(CountOf(LabText("eventlog.txt"), "[RegisterServiceCtrlHandler failed with 5]"), 1U);
   EXPECT_EQ(CountCalls("SetServiceStatus"), 0U);
+}
+
+// What a user of the machine has made at the logs' place before the service came.
+TEST_F(StartUp, LogFolderOfAnotherIsPutAsideAndWhatIsForeignInItGoes) {
+  const fs::path data = lab() + "/ProgramData", company = data / "Corvane",
+                 logs = company / "Stewardry", trap = lab() + "/trap";
+  const auto names = [](const fs::path& at) {
+    return std::distance(fs::directory_iterator(at), {});
+  };
+  fs::create_directory(trap);
+  Put("trap/file", "text");
+  for (const fs::path& place : {company, logs})
+    for (const std::string kind : {"own", "link", "foreign"}) {
+      fs::remove_all(data);
+      fs::create_directories(kind == "link" ? place.parent_path() : place);
+      if (kind == "link") fs::create_symlink(trap, place);
+      if (kind == "foreign" && ::chown(place.c_str(), 65534, 65534) != 0) continue;
+      EXPECT_TRUE(InitServiceLog());
+      EXPECT_EQ(names(place.parent_path()), kind == "own" ? 1 : 2) << place << kind;
+      EXPECT_EQ(fs::symlink_status(place).permissions(), fs::perms::owner_all) << place << kind;
+    }
+  fs::create_symlink(trap / "file", logs / "tavrinKeyboardMouseLog.log");
+  fs::create_hard_link(trap / "file", logs / "tavrinWMI.log");
+  EXPECT_TRUE(InitServiceLog());
+  EXPECT_EQ(names(logs), 1) << "the service's own log";
+  // A folder that can't be put aside gets nothing.
+  fs::rename(logs, company / "old");
+  fs::create_symlink(trap, logs);
+  gate::FailNext("rename", 5);
+  EXPECT_FALSE(InitServiceLog());
+  SideLog(kSideLogKeyboardMouse, "no line");
+  EXPECT_EQ(names(trap), 1);
+  EXPECT_TRUE(InitServiceLog());
 }
 
 }  // namespace

@@ -76,6 +76,14 @@ TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
   EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
   EXPECT_TRUE(Logged("uECAbsent 76767676"));
+  // One that isn't whole, and one that would be two lines.
+  firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(79, 'w'));
+  GetTavrinVersion(&gTavrinVersionInfo);
+  EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
+  EXPECT_EQ(gTavrinVersionInfo.Load().provisionStatus, 0x76767676U);
+  firmware_->SetAnswer(FirmwarePeer::kReadVersion, "7\r\n1" + std::string(76, '\0'));
+  GetTavrinVersion(&gTavrinVersionInfo);
+  EXPECT_TRUE(Logged("Read data is 7??1"));
 }
 
 TEST_F(Request, FailedStepHasTheOperationsWording) {
