@@ -11,6 +11,8 @@
 namespace stewardry {
 namespace {
 
+using std::chrono_literals::operator""s;
+
 constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
 
 class AgentTest : public MailboxTest {
@@ -31,17 +33,19 @@ class AgentTest : public MailboxTest {
 
 TEST_F(AgentTest, LaunchLogsItsStepsInOrder) {
   // The last winlogon in any case counts.
-  Put("processes.txt", "300 winlogon.exe\n1 WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
+  Put("processes.txt", "99999999 winlogon.exe\n" + std::to_string(::getpid()) +
+                           " WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
   ASSERT_TRUE(LaunchKVMAgent());
   EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
   ExpectInSideLog(
-      "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x1\n"
+      "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x[1-9a-f].*\n"
       ".*Process Handle retrieved successfully using Windows Logon PID: 0x.*\n"
       ".*CreateEnvironmentBlock success\n.*CreateProcessAsUser success\n"
       ".*Destroy Environment Block success\n");
   EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvmAgentPid.load())));
-  EXPECT_TRUE(
-      CallsOf({"CreateProcessAsUserA"}).back().ends_with(",0x408,block,Winsta0\\Default,5)"));
+  EXPECT_TRUE(std::regex_match(
+      CallsOf({"CreateProcessAsUserA"}).back(),
+      std::regex(R"(CreateProcessAsUserA\((/.*/KVM_Agent),\1,0x408,block,Winsta0\\Default,5\))")));
 }
 
 TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
@@ -53,8 +57,11 @@ TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
     const char* sideLine;
   };
   constexpr Row kRows[] = {
+      {"GetModuleFileNameA", 122, 0, false, "^$"},
       {"CreateToolhelp32Snapshot", 5, 0, false, "WindowsLogonPID 0x0\n"},
-      {"OpenProcess", 5, 1, false, "WindowsLogonPID 0x[1-9a-f]"},
+      {"OpenProcess", 5, 1, false, "WindowsLogonPID 0x0\n"},
+      {"GetTokenInformation", 5, 0, false, "WindowsLogonPID 0x0\n"},
+      {"OpenProcess", 5, 2, false, "WindowsLogonPID 0x[1-9a-f]"},
       {"DuplicateTokenEx", 5, 0, false, "Process Handle retrieved"},
       {"CreateProcessAsUserA", 2, 0, false, "CreateProcessAsUser failed 2\n"},
       {"CreateProcessAsUserA", 233, 0, true, "skip skip skip\n"},
@@ -89,6 +96,14 @@ TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   EXPECT_EQ(gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // the watch owns its handle now
   EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
+  // Two seconds between its looks, however short a sleep is.
+  const auto looks = [&] { return CountOf(Messages(), "KVM Agent PID: "); };
+  const std::size_t before = looks();
+  const auto start = std::chrono::steady_clock::now();
+  gate::FailEvery("Sleep(50)", gate::kFinishAtOnce);
+  EXPECT_TRUE(Eventually([] { return CountCalls("Sleep") >= 400; }));
+  gate::Arm();
+  EXPECT_LE(looks() - before, 1 + (std::chrono::steady_clock::now() - start) / 2s);
   TerminateKVMAgentThread();
   EXPECT_FALSE(*gKvmAgentThread);
   EXPECT_NE(gKvmAgentPid.load(), first);
@@ -104,6 +119,55 @@ std::string TakeMessage(int listener) {
   text.resize(static_cast<std::size_t>(::recv(peer, text.data(), text.size(), MSG_WAITALL)));
   ::close(peer);
   return text;
+}
+
+// A process of another user, and what it is given on a pipe that it serves.
+class Stranger {
+ public:
+  explicit Stranger(const std::string& path) : listener_(ListenUnix(path)) {
+    int ready[2];
+    EXPECT_EQ(::pipe(ready), 0);
+    id_ = ::fork();
+    if (id_ == 0) {
+      constexpr uid_t kNobody = 65534;
+      // To listen again names the process that serves from now on.
+      if (::setresuid(kNobody, kNobody, kNobody) == 0 && ::listen(listener_, 8) == 0)
+        (void)!::write(ready[1], "r", 1);
+      for (;;) ::pause();
+    }
+    char byte;
+    ::close(ready[1]);
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+  }
+  Stranger(const Stranger&) = delete;
+  Stranger& operator=(const Stranger&) = delete;
+  ~Stranger() {
+    ::kill(id_, SIGKILL);
+    ::waitpid(id_, nullptr, 0);
+    ::close(listener_);
+  }
+  std::string Id() const { return std::to_string(id_); }
+  std::string TakeMessage() const { return stewardry::TakeMessage(listener_); }
+
+ private:
+  int listener_;
+  pid_t id_;
+};
+
+TEST_F(AgentTest, StrangerIsNeitherSentAKeyNorTakenForWinlogon) {
+  if (::geteuid() != 0) GTEST_SKIP() << "may not become another user";
+  const Stranger stranger(lab() + "/pipe/KVMAgentKeyboard");
+  Put("processes.txt",
+      std::to_string(::getpid()) + " winlogon.exe\n" + stranger.Id() + " winlogon.exe\n");
+  EXPECT_EQ(FindWinlogonPid(), platform::GetCurrentProcessId());
+  WriteToAgentPipe(kAgentKeyboardPipe, "password", 8);
+  EXPECT_EQ(stranger.TakeMessage(), "");
+  EXPECT_EQ(CallsOf({"WriteFile"}).size(), 0U);
+  gKvmAgentPid =
+      static_cast<std::uint32_t>(std::stoul(stranger.Id()));  // the agent that was started
+  WriteToAgentPipe(kAgentKeyboardPipe, "key", 3);
+  EXPECT_TRUE(Eventually([&] { return stranger.TakeMessage() == "key"; }));
 }
 
 TEST_F(AgentTest, MessageIsSentWholeOrLostAtOnce) {
