@@ -359,14 +359,15 @@ std::uint8_t ListenKVMCallback(Selector* selector, Handler* handler, std::uint32
     LeaveKVMPort();
     return 1;
   }
-  if ((mask & (SELECTOR_READ | SELECTOR_TIMEOUT)) != 0 && PeerIsAwaited()) {
+  // The deadline stands for a knock that has been told already: not every system tells it again.
+  if ((mask & (SELECTOR_READ | SELECTOR_TIMEOUT)) == 0) return DoorIsOpen() ? 1 : 0;
+  if (PeerIsAwaited()) {
     handler->eventMask = SELECTOR_EXCEPTION;  // or the knock would be told without a pause
     handler->timeoutAt = currentTimeUsec + kPeerLookMicroseconds;
     return 1;
   }
   handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
   handler->timeoutAt = 0;
-  if ((mask & SELECTOR_READ) == 0) return DoorIsOpen() ? 1 : 0;
   return AcceptViewer(selector, handler->sock) ? 1 : 0;
 }
 
