@@ -77,9 +77,9 @@ bool IsServedByAgent(const platform::Pipe& pipe) {
 // Records a started agent, and says so.
 void KeepAgent(platform::Process process, bool hasEnvironment) {
   const std::uint32_t error = platform::LastError();
-  *gKvmAgentProcess = std::move(process);
-  const std::uint32_t id = platform::GetProcessId(*gKvmAgentProcess);
+  const std::uint32_t id = platform::GetProcessId(process);
   gKvmAgentPid.store(id, std::memory_order_relaxed);
+  *gKvmAgentProcess = std::move(process);  // from here on the earlier agent's id is free
   Trace(" ++++++ CreateProcessAsUser winlogon %d\n", error);
   if (!hasEnvironment)
     return Note(" ++++++ CreateProcessAsUser winlogon 2 getlastError: %d\n", error);
