@@ -16,7 +16,7 @@ struct Luid {
   std::int32_t high;
 };
 
-// OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY).
+// OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY): the service's own.
 Token OpenProcessToken();
 // LookupPrivilegeValueA(null, name).
 bool LookupPrivilegeValueA(const char* name, Luid* luid);

@@ -20,7 +20,8 @@ bool PrepareProcess();
 bool GetCommonAppDataFolder(char (&path)[kMaxPath]);
 
 // GetModuleFileNameA for the process: the executable's full path into `path` of kMaxPath bytes.
-// Gives its length, 0 on failure.
+// Gives its length; 0 on failure, with kErrorInsufficientBuffer for a path that is longer than that
+// and would be another file's when cut.
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]);
 
 // ExitProcess: ends the process at once, whichever thread calls. No destructor of a static object
@@ -29,6 +30,23 @@ std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]);
 
 // K32GetProcessMemoryInfo with the extended counters: PrivateUsage in bytes, 0 on failure.
 std::uint64_t GetPrivateUsage();
+
+constexpr std::uint32_t kMemCommit = 0x1000;           // MEM_COMMIT
+constexpr std::uint32_t kMemImage = 0x1000000;         // MEM_IMAGE
+constexpr std::uint32_t kPageReadWrite = 0x04;         // PAGE_READWRITE
+constexpr std::uint32_t kPageExecuteReadWrite = 0x40;  // PAGE_EXECUTE_READWRITE
+
+// MEMORY_BASIC_INFORMATION: the fields that are read. On Linux state, protection and type are told
+// in Windows' numbers, and an image is what is mapped privately from a file.
+struct MemoryInformation {
+  std::uint64_t baseAddress;  // of a run of pages that are alike
+  std::uint64_t regionSize;   // bytes
+  std::uint32_t state;
+  std::uint32_t protect;  // also bits beside those of the kind of access
+  std::uint32_t type;
+};
+// VirtualQuery: the pages of this process around `address`. False on failure.
+bool VirtualQuery(std::uint64_t address, MemoryInformation* information);
 
 void CloseCommandPipe(RawHandle raw);
 using CommandPipe = Owned<struct CommandPipeTag, CloseCommandPipe>;

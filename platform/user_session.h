@@ -2,6 +2,8 @@
 // process with one. On Linux a process is real, and sessions and tokens stand in.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "platform/handle.h"
@@ -34,6 +36,7 @@ using Process = Owned<struct ProcessTag, CloseProcess>;
 
 constexpr std::uint32_t kProcessAllAccess = 0x1FFFFF;  // PROCESS_ALL_ACCESS
 constexpr std::uint32_t kSynchronize = 0x100000;       // SYNCHRONIZE
+constexpr std::uint32_t kProcessQuery = 0x400;         // PROCESS_QUERY_INFORMATION
 
 // OpenProcess(access, FALSE, processId). Empty owner on failure.
 Process OpenProcess(std::uint32_t access, std::uint32_t processId);
@@ -46,8 +49,21 @@ bool TerminateProcess(const Process& process, std::uint32_t exitCode);
 // GetProcessId; 0 on failure.
 std::uint32_t GetProcessId(const Process& process);
 
-// OpenProcessToken(process, TOKEN_ALL_ACCESS). Empty owner on failure.
-Token OpenProcessToken(const Process& process);
+constexpr std::uint32_t kTokenAllAccess = 0xF01FF;  // TOKEN_ALL_ACCESS
+constexpr std::uint32_t kTokenQuery = 0x8;          // TOKEN_QUERY
+
+// OpenProcessToken(process, access). Empty owner on failure.
+Token OpenProcessToken(const Process& process, std::uint32_t access);
+
+// A user by his security identifier, zeroes behind it. On Linux it holds the user's number.
+struct UserSid {
+  static constexpr std::size_t kSize = 68;  // SECURITY_MAX_SID_SIZE
+  std::array<std::uint8_t, kSize> bytes{};
+  bool operator==(const UserSid&) const = default;
+};
+// GetTokenInformation(TokenUser): whose token it is. False on failure.
+bool GetTokenUser(const Token& token, UserSid* user);
+
 // DuplicateTokenEx to a primary token: TOKEN_ALL_ACCESS, SecurityImpersonation, TokenPrimary. Empty
 // owner on failure.
 Token DuplicateTokenEx(const Token& token);
@@ -69,11 +85,12 @@ struct StartupInformation {
 constexpr std::uint32_t kDetachedProcess = 0x8;             // DETACHED_PROCESS
 constexpr std::uint32_t kCreateUnicodeEnvironment = 0x400;  // CREATE_UNICODE_ENVIRONMENT
 
-// CreateProcessAsUserA: no application name, no security attributes, no inherited handle, no
-// current directory; an empty `environment` is null. Empty owner on failure. On Linux the command
-// line is the program's path, and the child inherits no descriptor.
-Process CreateProcessAsUserA(const Token& token, const char* commandLine, std::uint32_t flags,
-                             const EnvironmentBlock& environment,
+// CreateProcessAsUserA: no security attributes, no inherited handle, no current directory; an empty
+// `environment` is null. `application` is the program's full path, so that the command line names
+// nothing but what the program is told. Empty owner on failure. On Linux the command line is the
+// program's one word, and the child inherits no descriptor.
+Process CreateProcessAsUserA(const Token& token, const char* application, const char* commandLine,
+                             std::uint32_t flags, const EnvironmentBlock& environment,
                              const StartupInformation& startup);
 
 }  // namespace platform

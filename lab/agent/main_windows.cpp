@@ -53,8 +53,8 @@ constexpr std::size_t kFreeInstances = 200;
 
 HANDLE MakeInstance(const Pipe& pipe) {
   return CreateNamedPipeA((std::string("\\\\.\\pipe\\") + pipe.name).c_str(), PIPE_ACCESS_DUPLEX,
-                          PIPE_TYPE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, 1024, 1024, 0,
-                          nullptr);
+                          PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+                          PIPE_UNLIMITED_INSTANCES, 1024, 1024, 0, nullptr);
 }
 
 // All that one connection says until its end; cut behind what any message has.

@@ -20,8 +20,8 @@ using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
 Object MakeInstance(const std::string& name, DWORD mode) {
   HANDLE made = CreateNamedPipeA(("\\\\.\\pipe\\" + name).c_str(), PIPE_ACCESS_DUPLEX | mode,
-                                 PIPE_TYPE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, kBuffer,
-                                 kBuffer, 0, nullptr);
+                                 PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+                                 PIPE_UNLIMITED_INSTANCES, kBuffer, kBuffer, 0, nullptr);
   return Object(made == INVALID_HANDLE_VALUE ? nullptr : made);
 }
 

@@ -1,13 +1,15 @@
-// Named pipes as Unix stream sockets in the lab folder. Neither connecting nor writing waits: a
-// server that hangs makes them fail, as a pipe without a free instance does. A read waits, and a
+// Named pipes as Unix stream sockets in the lab folder. Connecting doesn't wait: a server that
+// hangs makes it fail, as a pipe without a free instance does. Reads and writes wait, and a
 // terminated thread leaves there.
 #include "platform/pipe.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -43,6 +45,19 @@ int Connect(const std::string& path) {
   return -1;
 }
 
+// Waits for room in the socket; false once the deadline has passed.
+bool AwaitRoom(int fd, Deadline deadline) {
+  int left = -1;
+  if (deadline != Deadline::max()) {
+    const auto time =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - Deadline::clock::now());
+    if (time.count() <= 0) return false;
+    left = static_cast<int>(time.count());
+  }
+  WaitDescriptor(fd, POLLOUT, left);  // false on a signal: the send tells whether there is room
+  return true;
+}
+
 }  // namespace
 
 void ClosePipe(RawHandle raw) {
@@ -56,15 +71,34 @@ Pipe OpenPipe(const char* name, std::uint32_t shareMode) {
   return Pipe(fd < 0 ? InvalidHandleValue() : HandleOf(fd));
 }
 
-bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uint32_t* written) {
+// Who was the server when it began to listen; a process that this one doesn't see is 0.
+bool GetNamedPipeServerProcessId(const Pipe& pipe, std::uint32_t* processId) {
+  if (gate::Fails("GetNamedPipeServerProcessId")) return false;
+  ucred server{};
+  socklen_t size = sizeof server;
+  if (::getsockopt(DescriptorOf(pipe.Raw()), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0)
+    return SetLastError(kErrorPipeNotConnected), false;
+  *processId = static_cast<std::uint32_t>(server.pid);
+  return true;
+}
+
+bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uint32_t milliseconds,
+               std::uint32_t* written) {
   *written = 0;
   if (gate::Fails("WriteFile", "%u", size)) return false;
-  const ssize_t n = ::send(DescriptorOf(pipe.Raw()), bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (n < 0) {
-    SetLastError(errno == EAGAIN ? kErrorPipeBusy : kErrorPipeNotConnected);
-    return false;
+  const int fd = DescriptorOf(pipe.Raw());
+  const Deadline deadline = DeadlineAfter(milliseconds);
+  while (*written < size) {
+    const ssize_t n = ::send(fd, static_cast<const char*>(bytes) + *written, size - *written,
+                             MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      *written += static_cast<std::uint32_t>(n);
+    } else if (errno != EAGAIN && errno != EINTR) {
+      return SetLastError(kErrorPipeNotConnected), false;
+    } else if (!AwaitRoom(fd, deadline)) {
+      return SetLastError(kErrorOperationAborted), false;
+    }
   }
-  *written = static_cast<std::uint32_t>(n);
   return true;
 }
 

@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <string>
 
 #include "platform/error.h"
@@ -82,8 +84,9 @@ bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {
 
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]) {
   if (gate::Fails("GetModuleFileNameA")) return 0;
-  const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+  const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path);
   if (n < 0) return SetLastError(kErrorPathNotFound), 0;
+  if (n == sizeof path) return SetLastError(kErrorInsufficientBuffer), 0;
   path[n] = 0;
   return static_cast<std::uint32_t>(n);
 }
@@ -109,6 +112,28 @@ std::uint64_t GetPrivateUsage() {
     askAgainAt.store(now + kKeepMs, std::memory_order_release);
   }
   return known.load(std::memory_order_relaxed);
+}
+
+bool VirtualQuery(std::uint64_t address, MemoryInformation* information) {
+  if (gate::Fails("VirtualQuery")) return false;
+  constexpr std::uint32_t kMemPrivate = 0x20000, kMemMapped = 0x40000;
+  constexpr std::uint32_t kPageReadOnly = 0x02;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    std::uint64_t start = 0, end = 0, inode = 0;
+    char access[5] = "";
+    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %*s %*s %" SCNu64, &start, &end,
+                    access, &inode) != 4)
+      continue;
+    if (address < start || address >= end) continue;
+    const bool isShared = access[3] == 's', isWritable = access[0] == 'r' && access[1] == 'w';
+    *information = {start, end - start, kMemCommit, isWritable ? kPageReadWrite : kPageReadOnly,
+                    isShared     ? kMemMapped
+                    : inode != 0 ? kMemImage
+                                 : kMemPrivate};
+    return true;
+  }
+  return SetLastError(kErrorInvalidParameter), false;
 }
 
 void CloseCommandPipe(RawHandle raw) {

@@ -18,14 +18,13 @@
 #include <iterator>
 #include <memory>
 
+#include "platform/error.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/wait.h"
 
 namespace platform {
 
 namespace {
-
-thread_local int tSocketError = 0;
 
 struct ErrnoRow {
   int number;
@@ -54,9 +53,10 @@ constexpr ErrnoRow kSocketErrors[] = {
 constexpr int kWsaEFault = 10014;
 
 int FailWith(int number) {
-  tSocketError = kWsaEFault;
+  int error = kWsaEFault;
   for (const ErrnoRow& row : kSocketErrors)
-    if (row.number == number) tSocketError = row.winsock;
+    if (row.number == number) error = row.winsock;
+  SetLastError(static_cast<std::uint32_t>(error));
   return -1;
 }
 
@@ -70,9 +70,7 @@ int SendError(int fd, int number) {
 
 // An error that the gate injects is a Winsock number already.
 bool Injected(const char* call, SocketValue sock) {
-  const std::uint32_t error = gate::Enter(call, "%d", static_cast<int>(sock));
-  if (error != 0) tSocketError = static_cast<int>(error);
-  return error != 0;
+  return gate::Fails(call, "%d", static_cast<int>(sock));
 }
 
 int Checked(int result) { return result < 0 ? FailWith(errno) : result; }
@@ -142,7 +140,8 @@ int WSAStartup() {
   return 0;
 }
 void WSACleanup() { gate::Note("WSACleanup"); }
-int WSAGetLastError() { return tSocketError; }
+// Windows keeps one last error for all calls of a thread, these among them.
+int WSAGetLastError() { return static_cast<int>(LastError()); }
 
 SocketValue socket(int family, int type, int protocol) {
   if (Injected("socket", 0)) return kInvalidSocket;

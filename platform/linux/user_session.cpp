@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +27,7 @@
 #include "platform/event.h"
 #include "platform/linux/gate.h"
 #include "platform/linux/lab_folder.h"
+#include "platform/linux/token_record.h"
 #include "platform/linux/wait.h"
 #include "platform/thread.h"
 
@@ -107,8 +110,16 @@ Process OpenById(pid_t id, bool isChild) {
   return Process(new ProcessRecord{fd, id, isChild});
 }
 
+// The user as which a process acts; false for one that has gone.
+bool EffectiveUser(pid_t id, std::uint32_t* user) {
+  std::ifstream status("/proc/" + std::to_string(id) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (std::sscanf(line.c_str(), "Uid: %*u %" SCNu32, user) == 1) return true;
+  return false;
+}
+
 // In a session of its own, with nothing of this process but its output and environment.
-pid_t Spawn(const char* path) {
+pid_t Spawn(const char* path, const char* word) {
   posix_spawnattr_t attributes;
   posix_spawn_file_actions_t actions;
   ::posix_spawnattr_init(&attributes);
@@ -122,7 +133,7 @@ pid_t Spawn(const char* path) {
       &attributes,
       static_cast<short>(POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
   ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  char* const words[] = {const_cast<char*>(path), nullptr};
+  char* const words[] = {const_cast<char*>(word), nullptr};
   pid_t child = 0;
   const int error = ::posix_spawn(&child, path, &actions, &attributes, words, environ);
   ::posix_spawn_file_actions_destroy(&actions);
@@ -210,13 +221,25 @@ std::uint32_t GetProcessId(const Process& process) {
   return static_cast<std::uint32_t>(RecordOf(process).id);
 }
 
-// A token needs no content here, see power.cpp.
-Token OpenProcessToken(const Process&) {
-  return gate::Fails("OpenProcessToken", "%s", "process") ? Token() : Token(new char(0));
+Token OpenProcessToken(const Process& process, std::uint32_t access) {
+  if (gate::Fails("OpenProcessToken", "process,0x%x", access)) return Token();
+  auto token = std::make_unique<TokenRecord>();
+  if (!EffectiveUser(RecordOf(process).id, &token->userId))
+    return SetLastError(kErrorAccessDenied), Token();
+  return Token(token.release());
 }
 
-Token DuplicateTokenEx(const Token&) {
-  return gate::Fails("DuplicateTokenEx") ? Token() : Token(new char(0));
+bool GetTokenUser(const Token& token, UserSid* user) {
+  if (gate::Fails("GetTokenInformation")) return false;
+  *user = {};
+  const TokenRecord& record = *static_cast<const TokenRecord*>(token.Raw());
+  std::memcpy(user->bytes.data(), &record.userId, sizeof record.userId);
+  return true;
+}
+
+Token DuplicateTokenEx(const Token& token) {
+  if (gate::Fails("DuplicateTokenEx")) return Token();
+  return Token(new TokenRecord(*static_cast<const TokenRecord*>(token.Raw())));
 }
 
 bool SetTokenSessionId(const Token&, std::uint32_t sessionId) {
@@ -233,14 +256,14 @@ EnvironmentBlock CreateEnvironmentBlock(const Token&) {
   return EnvironmentBlock(new char(0));
 }
 
-Process CreateProcessAsUserA(const Token&, const char* commandLine, std::uint32_t flags,
-                             const EnvironmentBlock& environment,
+Process CreateProcessAsUserA(const Token&, const char* application, const char* commandLine,
+                             std::uint32_t flags, const EnvironmentBlock& environment,
                              const StartupInformation& startup) {
   ReapAbandoned();
-  if (gate::Fails("CreateProcessAsUserA", "%s,0x%x,%s,%s,%u", commandLine, flags,
+  if (gate::Fails("CreateProcessAsUserA", "%s,%s,0x%x,%s,%s,%u", application, commandLine, flags,
                   environment ? "block" : "none", startup.desktop, startup.showWindow))
     return Process();
-  const pid_t child = Spawn(commandLine);
+  const pid_t child = Spawn(application, commandLine);
   if (child < 0) return SetLastError(kErrorFileNotFound), Process();
   return OpenById(child, true);
 }

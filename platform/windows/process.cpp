@@ -13,6 +13,8 @@ namespace platform {
 
 static_assert(kMaxPath == MAX_PATH);
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
+static_assert(kMemCommit == MEM_COMMIT && kMemImage == MEM_IMAGE &&
+              kPageReadWrite == PAGE_READWRITE && kPageExecuteReadWrite == PAGE_EXECUTE_READWRITE);
 
 bool PrepareProcess() {
   const bool isNarrow =
@@ -39,6 +41,15 @@ std::uint64_t GetPrivateUsage() {
   auto* plain = reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters);
   if (!::K32GetProcessMemoryInfo(::GetCurrentProcess(), plain, sizeof(counters))) return 0;
   return counters.PrivateUsage;
+}
+
+bool VirtualQuery(std::uint64_t address, MemoryInformation* information) {
+  MEMORY_BASIC_INFORMATION found{};
+  if (::VirtualQuery(reinterpret_cast<const void*>(address), &found, sizeof found) == 0)
+    return false;
+  *information = {reinterpret_cast<std::uint64_t>(found.BaseAddress), found.RegionSize, found.State,
+                  found.Protect, found.Type};
+  return true;
 }
 
 void CloseCommandPipe(RawHandle raw) { ::_pclose(static_cast<FILE*>(raw)); }

@@ -1,6 +1,7 @@
 // Processes, tokens and the start of a process in the console's session.
 #include "platform/user_session.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/windows/windows_api.h"
@@ -11,7 +12,10 @@
 namespace platform {
 
 static_assert(kErrorNoMoreFiles == ERROR_NO_MORE_FILES);
-static_assert(kProcessAllAccess == PROCESS_ALL_ACCESS && kSynchronize == SYNCHRONIZE);
+static_assert(kProcessAllAccess == PROCESS_ALL_ACCESS && kSynchronize == SYNCHRONIZE &&
+              kProcessQuery == PROCESS_QUERY_INFORMATION);
+static_assert(kTokenAllAccess == TOKEN_ALL_ACCESS && kTokenQuery == TOKEN_QUERY);
+static_assert(UserSid::kSize == SECURITY_MAX_SID_SIZE);
 static_assert(kDetachedProcess == DETACHED_PROCESS &&
               kCreateUnicodeEnvironment == CREATE_UNICODE_ENVIRONMENT);
 static_assert(sizeof(PROCESSENTRY32) == 304 && sizeof(STARTUPINFOA) == 104);
@@ -72,10 +76,25 @@ bool TerminateProcess(const Process& process, std::uint32_t exitCode) {
 
 std::uint32_t GetProcessId(const Process& process) { return ::GetProcessId(process.Raw()); }
 
-Token OpenProcessToken(const Process& process) {
+Token OpenProcessToken(const Process& process, std::uint32_t access) {
   HANDLE raw = nullptr;
-  ::OpenProcessToken(process.Raw(), TOKEN_ALL_ACCESS, &raw);
+  ::OpenProcessToken(process.Raw(), access, &raw);
   return Token(raw);
+}
+
+bool GetTokenUser(const Token& token, UserSid* user) {
+  union {
+    TOKEN_USER record;
+    std::uint8_t room[sizeof(TOKEN_USER) + UserSid::kSize];
+  } answer;
+  DWORD length = 0;
+  if (!::GetTokenInformation(token.Raw(), TokenUser, &answer, sizeof answer, &length)) return false;
+  const auto* sid = static_cast<const SID*>(answer.record.User.Sid);
+  const std::size_t size =
+      offsetof(SID, SubAuthority) + sid->SubAuthorityCount * sizeof sid->SubAuthority[0];
+  *user = {};
+  std::memcpy(user->bytes.data(), sid, std::min(size, UserSid::kSize));
+  return true;
 }
 
 Token DuplicateTokenEx(const Token& token) {
@@ -97,15 +116,15 @@ EnvironmentBlock CreateEnvironmentBlock(const Token& token) {
   return EnvironmentBlock(block);
 }
 
-Process CreateProcessAsUserA(const Token& token, const char* commandLine, std::uint32_t flags,
-                             const EnvironmentBlock& environment,
+Process CreateProcessAsUserA(const Token& token, const char* application, const char* commandLine,
+                             std::uint32_t flags, const EnvironmentBlock& environment,
                              const StartupInformation& startup) {
   STARTUPINFOA record{};
   record.cb = sizeof record;
   record.lpDesktop = const_cast<char*>(startup.desktop);
   record.wShowWindow = startup.showWindow;
   PROCESS_INFORMATION started{};
-  if (!::CreateProcessAsUserA(token.Raw(), nullptr, const_cast<char*>(commandLine), nullptr,
+  if (!::CreateProcessAsUserA(token.Raw(), application, const_cast<char*>(commandLine), nullptr,
                               nullptr, FALSE, flags, environment.Raw(), nullptr, &record, &started))
     return Process();
   ::CloseHandle(started.hThread);

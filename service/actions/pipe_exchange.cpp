@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/event.h"
 #include "platform/heap.h"
 #include "platform/pipe.h"
 #include "platform/thread.h"
@@ -52,7 +53,8 @@ void SendAnswer(const platform::Pipe& pipe, const char* text) {
   for (const char* end = kAnswerEnd; *end != 0; ++end) msg[length++] = *end;
   std::uint32_t written = 0;
   // An asker that has gone misses its answer, and nobody else is concerned.
-  (void)platform::WriteFile(pipe, msg.data(), static_cast<std::uint32_t>(length), &written);
+  (void)platform::WriteFile(pipe, msg.data(), static_cast<std::uint32_t>(length),
+                            platform::kInfinite, &written);
 }
 
 // Leaves the connection to the process, which closes it at its end.

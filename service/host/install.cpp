@@ -2,10 +2,12 @@
 #include "service/host/install.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "platform/error.h"
 #include "platform/process.h"
 #include "platform/service_manager.h"
+#include "service/diagnostics/format.h"
 #include "service/host/event_entries.h"
 
 namespace stewardry {
@@ -27,6 +29,11 @@ void SvcInstall() {
     std::printf("Cannot install service (%u)\n", platform::LastError());
     return;
   }
+  // The manager takes the registered text as a command line: without quotes a blank in the path
+  // would end the program's name, and C:\Program.exe might start in its place.
+  const char* quote = std::strchr(szPath, ' ') != nullptr ? "\"" : "";
+  char command[sizeof szPath + 2];
+  FormatTo(command, sizeof command, "%s%s%s", quote, static_cast<const char*>(szPath), quote);
   const platform::ServiceHandle manager = platform::OpenSCManagerA();
   if (!manager) {
     std::printf("OpenSCManager failed with error (%u)\n", platform::LastError());
@@ -35,7 +42,7 @@ void SvcInstall() {
   std::printf("OpenSCManager successful\n");
   const platform::ServiceHandle service = platform::CreateServiceA(
       manager, {kServiceName, kServiceName, kServiceAllAccess, kOwnProcess, kServiceAutoStart,
-                kServiceErrorNormal, szPath, kDependencies});
+                kServiceErrorNormal, command, kDependencies});
   if (!service) {
     std::printf("CreateService failed with error (%u)\n", platform::LastError());
     return;

@@ -11,7 +11,6 @@
 #include "service/host/pipe_threads.h"
 #include "service/inventory/link_watch.h"
 #include "service/inventory/status_report.h"
-#include "service/kvm/session.h"
 #include "service/mailbox/messages.h"
 #include "sock/sock.h"
 
@@ -47,9 +46,10 @@ void ServerStartup() {
   WmiLog_Start();
   MakeStartupReport();
   (void)WlanRegisterWifiNotification();  // logs its own failure; the link then goes unwatched
+  // Nothing is left to store: while KVM is off the peer is 0, from the process's start as from each
+  // session's end. While it is on, the peer is the one that the firmware has named to the reader
+  // thread, perhaps during the report; to wipe that out would let anybody in.
   LogInfo("Initializing KVM IP and Port to 0");
-  gKvmTrustedIP.store(0, std::memory_order_relaxed);
-  gKvmTrustedPort.store(0, std::memory_order_relaxed);
 }
 
 std::uint32_t MyThreadFunction(void*) {

@@ -1,6 +1,7 @@
 // The agent's launch, watch and messages.
 #include "service/kvm/agent.h"
 
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -21,8 +22,10 @@ platform::ProcessLifetime<platform::Process> gKvmAgentProcess;
 namespace {
 
 constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default", 5};  // SW_SHOW
-constexpr std::uint32_t kWatchMilliseconds = 2000;
-constexpr std::uint32_t kLookMilliseconds = 50;  // between two looks at the stop mark
+constexpr std::chrono::seconds kWatchPeriod{2};
+constexpr std::uint32_t kLookMilliseconds = 50;     // between two looks at the stop mark
+constexpr std::uint32_t kWriteMilliseconds = 1000;  // for an agent that doesn't read
+constexpr int kServerAttempts = 4;                  // to meet a server that may be trusted
 
 template <class... Args>
 void Note(std::string_view format, const Args&... args) {
@@ -37,26 +40,46 @@ void Trace(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... a
   platform::OutputDebugStringA(line);
 }
 
-// The agent's path, beside the service's executable. False if that has no folder; a path that can't
-// be had counts as an empty folder.
+// The agent's path, beside the service's executable. False if that has no folder, if its path can't
+// be had, or if the agent's fills the room and so may be cut: what is found elsewhere isn't our
+// agent, and would be given the system's rights.
 bool BuildAgentPath(char (&appPath)[platform::kMaxPath]) {
   char workDir[platform::kMaxPath] = {};
-  if (platform::GetModuleFileNameA(workDir) != 0) {
-    char* separator = std::strrchr(workDir, platform::kPathSeparator);
-    if (separator == nullptr) return false;
-    *separator = 0;
-  }
-  FormatTo(appPath, sizeof appPath, "%s%c%s%s", static_cast<const char*>(workDir),
-           platform::kPathSeparator, "KVM_Agent", platform::kProgramSuffix);
-  return true;
+  if (platform::GetModuleFileNameA(workDir) == 0) return false;
+  char* separator = std::strrchr(workDir, platform::kPathSeparator);
+  if (separator == nullptr) return false;
+  *separator = 0;
+  return FormatTo(appPath, sizeof appPath, "%s%c%s%s", static_cast<const char*>(workDir),
+                  platform::kPathSeparator, "KVM_Agent",
+                  platform::kProgramSuffix) < sizeof appPath - 1;
+}
+
+// True if the process runs as the service's own user. Any user may start a program of any name and
+// serve a pipe of any name; only the system and its administrators can do so as this one.
+bool IsOfOwnUser(std::uint32_t processId) {
+  const platform::Process process = platform::OpenProcess(platform::kProcessQuery, processId);
+  if (!process) return false;
+  const platform::Token token = platform::OpenProcessToken(process, platform::kTokenQuery);
+  const platform::Token ownToken = platform::OpenProcessToken();
+  platform::UserSid user, ownUser;
+  return token && ownToken && platform::GetTokenUser(token, &user) &&
+         platform::GetTokenUser(ownToken, &ownUser) && user == ownUser;
+}
+
+// True if the pipe leads to the agent that was started, or to a program that has the service's
+// rights anyway. What goes over it are the keys of whoever logs on.
+bool IsServedByAgent(const platform::Pipe& pipe) {
+  std::uint32_t id = 0;
+  if (!platform::GetNamedPipeServerProcessId(pipe, &id)) return false;
+  return (id != 0 && id == gKvmAgentPid.load(std::memory_order_relaxed)) || IsOfOwnUser(id);
 }
 
 // Records a started agent, and says so.
 void KeepAgent(platform::Process process, bool hasEnvironment) {
   const std::uint32_t error = platform::LastError();
-  *gKvmAgentProcess = std::move(process);
-  const std::uint32_t id = platform::GetProcessId(*gKvmAgentProcess);
+  const std::uint32_t id = platform::GetProcessId(process);
   gKvmAgentPid.store(id, std::memory_order_relaxed);
+  *gKvmAgentProcess = std::move(process);  // from here on the earlier agent's id is free
   Trace(" ++++++ CreateProcessAsUser winlogon %d\n", error);
   if (!hasEnvironment)
     return Note(" ++++++ CreateProcessAsUser winlogon 2 getlastError: %d\n", error);
@@ -86,7 +109,7 @@ bool StartAgent(const platform::Token& token, const char* appPath) {
   if (hasEnvironment) Note("CreateEnvironmentBlock success\n");
   platform::SetLastError(0);
   platform::Process process = platform::CreateProcessAsUserA(
-      token, appPath,
+      token, appPath, appPath,
       platform::kDetachedProcess | (hasEnvironment ? platform::kCreateUnicodeEnvironment : 0),
       environment, kStartupInformation);
   bool started = true;
@@ -104,7 +127,8 @@ bool StartAgent(const platform::Token& token, const char* appPath) {
 
 // Sleeps for one turn of the watch, or until the thread shall leave.
 void SleepBetweenLooks() {
-  for (std::uint32_t slept = 0; slept < kWatchMilliseconds; slept += kLookMilliseconds) {
+  const auto end = std::chrono::steady_clock::now() + kWatchPeriod;
+  while (std::chrono::steady_clock::now() < end) {
     if (gStopKVMAgentThread.load(std::memory_order_relaxed)) return;
     platform::Sleep(kLookMilliseconds);
   }
@@ -151,7 +175,7 @@ bool EnableTcbPrivilege() {
     const platform::Process self =
         platform::OpenProcess(platform::kProcessAllAccess, platform::GetCurrentProcessId());
     if (!self) return Note("Step 1 Open Process failed\n"), false;
-    const platform::Token token = platform::OpenProcessToken(self);
+    const platform::Token token = platform::OpenProcessToken(self, platform::kTokenAllAccess);
     if (!token) return Note("Step 2 Open Process Token failed\n"), false;
     platform::Luid luid;
     if (!platform::LookupPrivilegeValueA("SeTcbPrivilege", &luid))
@@ -174,7 +198,7 @@ bool GetWinlogonToken(platform::Token* token, std::uint32_t sessionId) {
       platform::OpenProcess(platform::kProcessAllAccess, windowsLogonPid);
   if (!process) return false;
   Note("Process Handle retrieved successfully using Windows Logon PID: 0x%x\n", windowsLogonPid);
-  const platform::Token source = platform::OpenProcessToken(process);
+  const platform::Token source = platform::OpenProcessToken(process, platform::kTokenAllAccess);
   if (source) *token = platform::DuplicateTokenEx(source);
   // A token that stays in its own session starts an agent that the console doesn't see; the start
   // is tried all the same.
@@ -189,15 +213,21 @@ std::uint32_t FindWinlogonPid() {
   platform::ProcessEntry entry;
   for (bool more = platform::Process32First(snapshot, &entry); more;
        more = platform::Process32Next(snapshot, &entry))
-    if (EqualIgnoringCase(entry.executable, "winlogon.exe")) found = entry.processId;
+    if (EqualIgnoringCase(entry.executable, "winlogon.exe") && IsOfOwnUser(entry.processId))
+      found = entry.processId;
   return found;
 }
 
 void WriteToAgentPipe(const char* pipe, const void* message, std::uint32_t length) {
-  const platform::Pipe connection = platform::OpenPipe(pipe, 0);
-  if (!connection) return;
-  std::uint32_t written = 0;
-  (void)platform::WriteFile(connection, message, length, &written);  // lost without a word
+  for (int attempt = 0; attempt < kServerAttempts; ++attempt) {
+    const platform::Pipe connection = platform::OpenPipe(pipe, 0);
+    if (!connection) return;
+    if (!IsServedByAgent(connection)) continue;  // the next instance may be the agent's
+    std::uint32_t written = 0;
+    (void)platform::WriteFile(connection, message, length, kWriteMilliseconds,
+                              &written);  // lost without a word
+    return;
+  }
 }
 
 void TerminateAgentOverPipe() {

@@ -16,8 +16,10 @@ inline constexpr char kAgentPipe[] = "\\\\.\\pipe\\KVMAgentPipe";              /
 inline constexpr char kAgentKeyboardPipe[] = "\\\\.\\pipe\\KVMAgentKeyboard";  // keyInfo
 inline constexpr char kAgentMousePipe[] = "\\\\.\\pipe\\KVMAgentMouse";        // mouseInfo
 
-// The id of the agent last started; a failed launch leaves it. Written by the launch, read by the
-// watch thread, which the launch starts or is; relaxed.
+// The id of the session's agent; a failed launch leaves it, and the session's end takes it back,
+// since the system may give the number to any other process once gKvmAgentProcess is closed.
+// Written by the launch and the end, read by the watch thread, and by the threads that write to the
+// agent: relaxed, a message that meets another server than this one finds out who that is.
 extern std::atomic<std::uint32_t> gKvmAgentPid;
 // The agent last started; null if none was. One thread at a time touches it: the thread that builds
 // the session, then the watch thread, then, once that has gone, the thread that ends the session.
@@ -45,12 +47,15 @@ bool EnableTcbPrivilege();
 bool Getsessionusertokenwin(platform::Token* token, std::uint32_t sessionId);
 bool GetWinlogonToken(platform::Token* token, std::uint32_t sessionId);
 
-// The id of the last winlogon.exe of the process list; 0 if there is none. Which one doesn't
-// matter, since the token is moved into the wanted session.
+// The id of the last winlogon.exe of the process list that runs as the service's own user; 0 if
+// there is none. Which one doesn't matter, since the token is moved into the wanted session; a
+// program of that name that a user has started would hand the session to that user.
 std::uint32_t FindWinlogonPid();
 
-// One message to a pipe of the agent: opens, writes, closes. `pipe` is one of the names above. It
-// never waits for a free instance.
+// One message to a pipe of the agent: opens, writes, closes. `pipe` is one of the names above. The
+// pipe must be served by the agent that was started or by another process of the service's own
+// user: a few others are hung up on, and then the message is lost. It never waits for a free
+// instance, and a second at most for a server that doesn't read. Any thread.
 void WriteToAgentPipe(const char* pipe, const void* message, std::uint32_t length);
 
 // Tells the agent to end itself.

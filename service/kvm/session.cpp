@@ -48,11 +48,36 @@ enum class SessionWork : std::uint32_t {
 };
 std::atomic<SessionWork> gSessionWork{SessionWork::kNone};
 
+using Clock = std::chrono::steady_clock;
+
+// Until when a knock waits for its peer's name; the past once that was named. Written by the reader
+// thread before it sets gKvmEnabled, and after it has stored the peer; read by the server threads.
+// Sequentially consistent with both: who doesn't wait finds the peer, if there was one in time.
+std::atomic<Clock::time_point> gPeerDueAt{Clock::time_point::min()};
+constexpr std::uint64_t kPeerLookMicroseconds = 10'000;  // between two looks at it
+
+// Whose session is up. Written by the server thread before gKvmSocketState says so, and read by the
+// reader thread after that; relaxed.
+std::atomic<std::uint32_t> gSessionPeer{0};
+
 // False after the line that every refused knock writes.
 bool DoorIsOpen() {
   if (gKvmEnabled.load(std::memory_order_seq_cst) == 1) return true;
   LogInfo("KVM disabled. Incoming SSH connection dropped.");
   return false;
+}
+
+bool IsTrusted(std::uint32_t peer) {
+  const std::uint32_t trusted = gKvmTrustedIP.load(std::memory_order_seq_cst);
+  return trusted == 0 || trusted == peer;
+}
+
+// True while a knock must not be served yet. The other knocks are refused or served at once.
+bool PeerIsAwaited() {
+  return gKvmEnabled.load(std::memory_order_seq_cst) == 1 &&
+         gKvmSocketState.load(std::memory_order_acquire) != kKvmSessionUp &&
+         gKvmTrustedIP.load(std::memory_order_seq_cst) == 0 &&
+         Clock::now() < gPeerDueAt.load(std::memory_order_seq_cst);
 }
 
 // The session's socket, or one that no call takes for a socket: the slot's 0 stands for none, but a
@@ -62,14 +87,16 @@ Sock SessionSocket() {
   return sock != 0 ? sock : kInvalidSock;
 }
 
-// The agent goes by its own; one that is still there is ended.
+// The agent goes by its own; one that is still there is ended. While the watch is left, the agent
+// is that thread's.
 void EndAgentProcess() {
-  if (!*gKvmAgentProcess) return;
+  if (*gKvmAgentThread || !*gKvmAgentProcess) return;
   LogInfo("Terminate KVM_Agent");
   std::uint32_t exitCode = 0;
   (void)platform::GetExitCodeProcess(*gKvmAgentProcess, &exitCode);  // a failure leaves it alone
   if (exitCode == platform::kStillActive)
     (void)platform::TerminateProcess(*gKvmAgentProcess, 0);  // it may have gone just now
+  gKvmAgentPid.store(0, std::memory_order_relaxed);
   gKvmAgentProcess->Reset();
 }
 
@@ -80,15 +107,28 @@ void EndSessionThreads() {
   TerminateMouseThread();
 }
 
-// Gives the region back. REQUIRES: the pumps are gone. The addresses go first: a later session to
-// which the driver delivers no address must find none, and not the one that was given back.
+bool ThreadsAreGone() { return !*gKvmAgentThread && !*gKeyboardThread && !*gMouseThread; }
+
+// Gives the region back, unless a pump is left that reads it. The addresses go first: a later
+// session to which the driver delivers no address must find none, and not the one that was given
+// back.
 void GiveRegionBack() {
+  if (*gKeyboardThread || *gMouseThread) return;
   UninitializeKeyboardMousePointers();
   (void)DeAllocateKVM_KB_MB_Buffers();  // logs its own failure; the session is over either way
 }
 
+void EndHostSide() {
+  StopKVMAgentWatch();
+  TerminateAgentOverPipe();
+  EndSessionThreads();
+  if (gKeyboardMouseReady.load(std::memory_order_relaxed) != 0) GiveRegionBack();
+  EndAgentProcess();
+}
+
 // Takes the host's side down again unless the session keeps it, also when the thread is ended while
-// it comes up: an agent without a session would fight the next one's for the pipes.
+// it comes up, and whichever step has failed: an agent without a session would fight the next one's
+// for the pipes.
 class HostSide {
  public:
   HostSide() = default;
@@ -97,11 +137,7 @@ class HostSide {
   ~HostSide() {
     if (kept_) return;
     const platform::StayInThread stay;
-    StopKVMAgentWatch();
-    TerminateAgentOverPipe();
-    EndSessionThreads();
-    if (gKeyboardMouseReady.load(std::memory_order_relaxed) != 0) GiveRegionBack();
-    EndAgentProcess();
+    EndHostSide();
   }
   bool Keep() { return kept_ = true; }
 
@@ -203,10 +239,15 @@ class Building {
 
   Result Accept(Sock listener, RemoteAddress* peer) { return AcceptPeer(listener, &sock_, peer); }
   Sock Get() const { return sock_; }
-  void EnterSession() {
+  // From here on it is a session. False if its peer has turned out to be the wrong one meanwhile.
+  // The state is stored before the trusted peer is looked at, and the reader thread stores that
+  // peer before it looks at the state, all sequentially consistent: one of the two sees the other.
+  bool EnterSession(std::uint32_t peer) {
+    gSessionPeer.store(peer, std::memory_order_relaxed);
     gKvmSocket.store(sock_, std::memory_order_seq_cst);
-    gKvmSocketState.store(kKvmSessionUp, std::memory_order_release);
+    gKvmSocketState.store(kKvmSessionUp, std::memory_order_seq_cst);
     up_ = true;
+    return IsTrusted(peer);
   }
   Sock Disown() { return std::exchange(sock_, kInvalidSock); }
   void Own(Sock sock) { sock_ = sock; }
@@ -220,11 +261,6 @@ class Building {
   Sock sock_ = kInvalidSock;
   bool up_ = false;
 };
-
-bool IsTrusted(const RemoteAddress& peer) {
-  const std::uint32_t trusted = gKvmTrustedIP.load(std::memory_order_seq_cst);
-  return trusted == 0 || trusted == peer.address;
-}
 
 // Hands the socket to a handler of the selector. From the add on the handler is the selector's,
 // even if the thread is ended within the add's first call.
@@ -263,7 +299,7 @@ bool AcceptViewer(Selector* selector, Sock listener) {
   RemoteAddress peer;
   const Result accepted = building.Accept(listener, &peer);
   if (accepted != RESULT_OK) return accepted == RESULT_WOULD_BLOCK;
-  if (!IsTrusted(peer)) {
+  if (!IsTrusted(peer.address)) {
     building.Close();
     LogInfo("KVM IP validation failed");
     return false;
@@ -275,7 +311,10 @@ bool AcceptViewer(Selector* selector, Sock listener) {
     LogInfo("InitKVM failed");
     return false;
   }
-  building.EnterSession();
+  if (!building.EnterSession(peer.address)) {
+    LogInfo("KVM IP validation failed");
+    return false;
+  }
   if (!FirmwareIsReady()) return false;
   AnnounceConnection(kKvmRelay, peer);
   return StartConnection(selector, &building);
@@ -284,6 +323,7 @@ bool AcceptViewer(Selector* selector, Sock listener) {
 }  // namespace
 
 void SetKVMEnabled(const std::uint8_t*, std::uint32_t) {
+  gPeerDueAt.store(Clock::now() + kPeerPatience, std::memory_order_seq_cst);
   gKvmEnabled.store(1, std::memory_order_seq_cst);
   StartKVMServer();
   LogInfo("Setting KVM Enabled to %s", "true");
@@ -300,24 +340,38 @@ void SetKVMIPAndPort(const std::uint8_t* payload, std::uint32_t length) {
   std::memcpy(&peer, payload, std::min<std::size_t>(length, sizeof peer));
   gKvmTrustedIP.store(peer.address, std::memory_order_seq_cst);
   gKvmTrustedPort.store(peer.port, std::memory_order_seq_cst);
+  gPeerDueAt.store(Clock::time_point::min(), std::memory_order_seq_cst);
   // A session that has ended meanwhile has shut the door, and its peer goes with it.
   if (gKvmEnabled.load(std::memory_order_seq_cst) != 1) ShutDoor();
   LogInfo("IP: 0x%x & Port: 0x%x", peer.address, peer.port);
+  if (gKvmSocketState.load(std::memory_order_seq_cst) == kKvmSessionUp &&
+      !IsTrusted(gSessionPeer.load(std::memory_order_relaxed)))
+    FinishKVMSession();
 }
 
 std::uint8_t ListenKVMCallback(Selector* selector, Handler* handler, std::uint32_t mask,
-                               std::uint64_t) {
+                               std::uint64_t currentTimeUsec) {
   if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) != 0) {
     const std::unique_ptr<Handler> owned(handler);
     (void)Sock_Close(handler->sock);  // nothing is left to do with it
     LeaveKVMPort();
     return 1;
   }
-  if ((mask & SELECTOR_READ) == 0) return DoorIsOpen() ? 1 : 0;
+  // The deadline stands for a knock that has been told already: not every system tells it again.
+  if ((mask & (SELECTOR_READ | SELECTOR_TIMEOUT)) == 0) return DoorIsOpen() ? 1 : 0;
+  if (PeerIsAwaited()) {
+    handler->eventMask = SELECTOR_EXCEPTION;  // or the knock would be told without a pause
+    handler->timeoutAt = currentTimeUsec + kPeerLookMicroseconds;
+    return 1;
+  }
+  handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
+  handler->timeoutAt = 0;
   return AcceptViewer(selector, handler->sock) ? 1 : 0;
 }
 
 bool InitKVM() {
+  if (!ThreadsAreGone()) EndHostSide();  // what the last session couldn't end
+  if (!ThreadsAreGone()) return false;
   if (!LaunchKVMAgent()) {
     LogInfo("Launch KVM_Agent failed");
     return false;

@@ -17,9 +17,15 @@
 // 3. gKvmSocket is stored before state 1 and cleared before its end is over, and a socket is closed
 //    only after gKvmSocket has let go of it and no write is under way on it. So neither a frame of
 //    the firmware nor a half-close meets a socket number that has been given to somebody else.
+// 4. A region isn't given back, and no session is built, while a thread that reads it is left. One
+//    that can't be ended keeps its handle, which tells; the next build tries again.
+// 5. The firmware opens KVM with two commands, and in between anybody would be let in. So a knock
+//    waits for the second one, which names the peer, though no longer than kPeerPatience; and a
+//    session that came up without it ends when it names somebody else.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "service/gateway/connection.h"
@@ -30,13 +36,16 @@ namespace stewardry {
 
 constexpr std::uint16_t kKvmPort = 22;
 
+// How long after command 0x26 a knock waits for command 0x27.
+constexpr std::chrono::milliseconds kPeerPatience{500};
+
 // 1: the firmware has enabled KVM. Set only by SetKVMEnabled, cleared only by FinishKVMSession;
 // read by the server threads. Sequentially consistent with the trusted peer, see ShutDoor in
 // session.cpp.
 extern std::atomic<std::uint8_t> gKvmEnabled;
 
 // The only peer that may connect. The two are filled as one record by SetKVMIPAndPort. Written by
-// the reader thread, at start-up and at a session's end; read by the server threads.
+// the reader thread, and at a session's end; read by the server threads. 0 whenever KVM is off.
 struct KvmTrustedPeer {
   std::uint32_t address;  // in the byte order of sin_addr; 0 means any peer
   std::uint32_t port;     // stored, logged and cleared; a peer's port is not checked
@@ -46,7 +55,8 @@ extern std::atomic<std::uint32_t> gKvmTrustedIP;
 extern std::atomic<std::uint32_t> gKvmTrustedPort;
 
 // 0: no session yet in this process, 1: a session is up, 2: the last session has been finished.
-// Release and acquire: who sees 1 finds the session's socket.
+// Release and acquire: who sees 1 finds the session's socket. Sequentially consistent against the
+// trusted peer, see EnterSession in session.cpp.
 extern std::atomic<std::uint16_t> gKvmSocketState;
 constexpr std::uint16_t kKvmNoSession = 0;
 constexpr std::uint16_t kKvmSessionUp = 1;
@@ -71,12 +81,14 @@ void SetKVMEnabled(const std::uint8_t* payload, std::uint32_t length);
 
 // Command 0x27: stores the first 8 bytes of the payload as the trusted peer: the address in the
 // byte order of sin_addr, then the port, 32 bits little-endian. A shorter payload leaves the rest
-// as it was. Stores nothing while KVM is off. The reader thread.
+// as it was. Stores nothing while KVM is off. A session whose viewer is another ends, for which the
+// firmware is waited for without a time-out. The reader thread.
 void SetKVMIPAndPort(const std::uint8_t* payload, std::uint32_t length);
 
 // The selector callback of the listener on port 22: checks and accepts a viewer, brings its session
 // up, tells the firmware and puts the connection under `selector`. Non-zero keeps the listener. It
-// waits for the firmware without a time-out. A KVM server thread.
+// waits for the firmware without a time-out, but not for the name of a peer: until then it leaves
+// the knock in the backlog and looks again when the handler's deadline comes. A KVM server thread.
 std::uint8_t ListenKVMCallback(Selector* selector, Handler* handler, std::uint32_t mask,
                                std::uint64_t currentTimeUsec);
 

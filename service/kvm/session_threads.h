@@ -25,8 +25,10 @@ extern std::atomic<bool> gStopMouseThread;
 // take that for a crash and start another one. TerminateKVMAgentThread follows.
 void StopKVMAgentWatch();
 
-// Each ends its thread and forgets the handle; nothing if there is none. When it returns, the
-// thread has left, or a failure to end it was logged. Not on the thread itself.
+// Each ends its thread and forgets the handle; nothing if there is none. A thread that is still
+// there after all of it, which is logged, keeps its handle, and its mark stays set: a pump that
+// went on would read a region that was given back. The call may be repeated. Not on the thread
+// itself.
 void TerminateKVMAgentThread();
 void TerminateKeyboardThread();
 void TerminateMouseThread();

@@ -1,6 +1,7 @@
 // The region of a session: asked for and forgotten.
 #include "service/kvm/shared_region.h"
 
+#include "platform/process.h"
 #include "platform/thread.h"
 #include "service/diagnostics/side_log.h"
 #include "service/mailbox/request.h"
@@ -21,12 +22,6 @@ struct KeyboardMouseBuffer {
 };
 static_assert(sizeof(KeyboardMouseBuffer) == 16);
 
-// A whole address, on which the indexes are words of their own.
-bool IsAddress(const KeyboardMouseBuffer& buffer, std::uint32_t bytes) {
-  return bytes >= sizeof buffer.address && buffer.address != 0 &&
-         buffer.address % alignof(SharedRegion) == 0;
-}
-
 void KeepRegion(std::uint64_t address) {
   KeyBoardBufferVirtualAddress.store(address, std::memory_order_relaxed);
   if (gKeyboardTailReset.exchange(1, std::memory_order_relaxed) == 0) {
@@ -41,6 +36,18 @@ void KeepRegion(std::uint64_t address) {
 
 }  // namespace
 
+bool IsSharedRegion(std::uint64_t address) {
+  if (address == 0 || address % alignof(SharedRegion) != 0) return false;
+  platform::MemoryInformation memory;
+  if (!platform::VirtualQuery(address, &memory)) return false;
+  const std::uint32_t access = memory.protect & 0xFF;  // above it stand caching, and the guard page
+  constexpr std::uint32_t kPageGuard = 0x100;
+  return memory.state == platform::kMemCommit && memory.type != platform::kMemImage &&
+         (access == platform::kPageReadWrite || access == platform::kPageExecuteReadWrite) &&
+         (memory.protect & kPageGuard) == 0 &&
+         memory.regionSize - (address - memory.baseAddress) >= sizeof(SharedRegion);
+}
+
 bool InitializeKeyboardMousePointers() {
   KeyboardMouseBuffer buffer{};
   RequestOutcome outcome;
@@ -48,7 +55,8 @@ bool InitializeKeyboardMousePointers() {
   MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
   if (AskForRecord(Operation::kInitializeKeyboardMousePointers, &buffer, &outcome) != 0)
     return false;
-  if (outcome.completed && !IsAddress(buffer, outcome.bytes)) {
+  if (outcome.completed &&
+      (outcome.bytes < sizeof buffer.address || !IsSharedRegion(buffer.address))) {
     SideLog(kSideLogKeyboardMouse, "Invalid keyboard and mouse buffer address\n");
     return false;
   }

@@ -59,10 +59,14 @@ extern std::atomic<std::uint8_t> gKeyboardMouseReady;
 // 1 once the keyboard's readIndex was zeroed, at the first session of the process. Relaxed.
 extern std::atomic<std::uint8_t> gKeyboardTailReset;
 
+// True if a region may lie there: 65536 bytes of this process's memory that can be written, and
+// aren't a program's own. The driver is asked for its address; this is what a wrong one meets.
+bool IsSharedRegion(std::uint64_t address);
+
 // Asks the driver for the region and keeps its address. False after a logged failure to ask, or
-// when the firmware gives none. A request that was started and then fails gives true without an
-// address: the session then runs without input, since the pumps end at once. Waits for the firmware
-// without a time-out. The thread that builds a session.
+// when the firmware gives none that may be one. A request that was started and then fails gives
+// true without an address: the session then runs without input, since the pumps end at once. Waits
+// for the firmware without a time-out. The thread that builds a session.
 bool InitializeKeyboardMousePointers();
 
 // Forgets the region. FinishKVMSession calls it when the pumps have gone: the next session must not

@@ -2,6 +2,7 @@
 # lab's scm.
 import os
 import re
+import shutil
 import subprocess
 
 import stewardry_lab
@@ -87,19 +88,29 @@ class Control(UnderAManager):
 
 class Entry(UnderAManager):
     def test_an_installed_service_is_started_by_its_manager(self):
-        self.assertEqual(self.run_tool("quillonsvc", "InStaLL", "ult"),
+        # From a folder with a blank, for which the path is registered in quotes.
+        folder = os.path.join(self.folder, "Stewardry Service")
+        os.mkdir(folder)
+        service = shutil.copy(SERVICE, folder)
+        self.assertEqual(self.run_tool(service, "InStaLL", "ult"),
                          (0, "OpenSCManager successful\nService installed successfully\n"))
         installed = self.read(self.path("services", "QuillonSvc"))
         for line in ("displayName=QuillonSvc", "desiredAccess=0xF01FF", "serviceType=16",
                      "startType=2", "errorControl=1", "dependencies=Tcpip,Tavrin-MailBoxDrv",
                      "description=Corvane Stewardy Service",
-                     "binaryPath=" + os.path.realpath(SERVICE)):
+                     'binaryPath="%s"' % service):
             self.assertIn(line + "\n", installed)
         self.assertEqual(self.run_tool("quillonsvc", "install"), (
             0, "OpenSCManager successful\nCreateService failed with error (1073)\n"))
         self.assertEqual(self.read(self.path("services", "QuillonSvc")), installed)
         self.start_managed(program=())
         self.assert_stops()
+
+    def test_a_path_that_would_be_cut_is_not_installed(self):
+        folder = os.path.join(self.folder, *["d" * 80] * 3)
+        os.makedirs(folder)
+        self.assertEqual(self.run_tool(shutil.copy(SERVICE, folder), "install"),
+                         (0, "Cannot install service (122)\n"))
 
     def test_a_start_from_a_console_ends_with_an_event(self):
         for words in ((), ("install2",), ("",)):

@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 constexpr std::uint32_t kShareWrite = 2;
+constexpr std::uint32_t kBound = 60'000;  // ends a hung test; no expectation
 
 // A pipe that the lab serves, and the service's end of it.
 class PipeContract : public ::testing::Test {
@@ -47,11 +48,23 @@ TEST_F(PipeContract, ReadsGiveEachByteOnce) {
     for (char next[3]; !heard.ends_with('\0') && ReadFile(pipe, next, 3, &count);)
       heard.append(next, count);
     EXPECT_EQ(heard, question + '\0');
-    EXPECT_TRUE(WriteFile(pipe, "yes\r\n", 5, &count));
+    EXPECT_TRUE(WriteFile(pipe, "yes\r\n", 5, kBound, &count));
     pipe.Reset();
     asker.join();
     EXPECT_EQ(answer_, "yes");
   }
+}
+
+TEST_F(PipeContract, WriteThatNobodyReadsEndsAndItsServerIsKnown) {
+  const Pipe pipe = Open();
+  ASSERT_TRUE(pipe);
+  const std::string bytes(4 << 20, 'b');
+  std::uint32_t count = 0, server = 0;
+  EXPECT_FALSE(WriteFile(pipe, bytes.data(), 4 << 20, 20, &count));
+  EXPECT_EQ(LastError(), kErrorOperationAborted);
+  EXPECT_LT(count, bytes.size());
+  EXPECT_TRUE(GetNamedPipeServerProcessId(pipe, &server));
+  EXPECT_EQ(server, GetCurrentProcessId());
 }
 
 // The server hangs up after an answer of 4096 bytes.
@@ -61,7 +74,7 @@ TEST_F(PipeContract, ClosedPipeGivesWhatIsLeftAndThenItsEnd) {
   std::thread asker = Ask("5");
   const std::string answer = std::string(4094, 'a') + "\r\n";
   std::uint32_t count = 0;
-  EXPECT_TRUE(WriteFile(pipe, answer.data(), 4096, &count));
+  EXPECT_TRUE(WriteFile(pipe, answer.data(), 4096, kBound, &count));
   asker.join();
   char all[8];
   EXPECT_TRUE(ReadFile(pipe, all, sizeof all, &count));

@@ -22,7 +22,7 @@ BANNER = "Quillon Stewardry Service 1.0.0.533 started on Windows version: "
 
 
 def install():
-    return prefix().run(program("quillonsvc.exe"), "install")
+    return prefix().run(prefix().service, "install")
 
 
 def setUpModule():
@@ -38,7 +38,7 @@ class Install(unittest.TestCase):
         registered = prefix().run("reg", "query", KEY)[0]
         # Wine's CreateServiceA keeps only the first of the dependencies.
         for value in (r"Start +REG_DWORD +0x2", r"DependOnService +REG_MULTI_SZ +Tcpip",
-                      r"ImagePath +REG_\w+ +Z:\S+\\quillonsvc.exe"):
+                      r'ImagePath +REG_\w+ +"C:\\Stewardry Service\\quillonsvc.exe"'):
             self.assertRegex(registered, " %s\n" % value)
         self.assertEqual(install(),
                          ("OpenSCManager successful\nCreateService failed with error (1073)\n", 0))

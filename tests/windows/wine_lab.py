@@ -44,6 +44,14 @@ class Prefix:
                         DISPLAY="")
         atexit.register(self.end)
         self.run("wineboot", "-i")
+        # The service stands in a folder with a blank; beside it a program that would be started in
+        # the place of its agent, and of itself, if their paths were only command lines.
+        home = os.path.join(self.folder, "Stewardry Service")
+        self.service = os.path.join(home, "quillonsvc.exe")
+        os.mkdir(home)
+        for name in ("quillonsvc.exe", "KVM_Agent.exe"):
+            shutil.copy(program(name), home)
+        shutil.copy(program("scm.exe"), os.path.join(self.folder, "Stewardry.exe"))
         # Without a program of its own in it, Wine ends its services with each command.
         self.keeper = subprocess.Popen([*HARMLESS, "wine", program("winlogon.exe")], env=self.env,
                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -154,7 +162,7 @@ class WineLabTest(LabTest):
         return orrin
 
     def start_service(self, ready=BOUND):
-        service = self.start_wine("service", "quillonsvc.exe", "ult")
+        service = self.start_wine("service", prefix().service, "ult")
         if ready:
             self.logged(ready)
         return service

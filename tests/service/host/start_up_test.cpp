@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "service/diagnostics/side_log.h"
+#include "service/host/server_thread.h"
+#include "service/kvm/session.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -29,6 +31,15 @@ TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
         CallsOf({"SetServiceStatus"}),
         std::vector<std::string>{"SetServiceStatus(16 1 0 " + std::to_string(error) + " 0 1 0)"});
   }
+}
+
+// The firmware's commands are served while the server thread makes its report.
+TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
+  gKvmEnabled = 1;
+  gKvmTrustedIP = 5;
+  ServerStartup();
+  EXPECT_TRUE(Logged("Initializing KVM IP and Port to 0"));
+  EXPECT_EQ(gKvmTrustedIP.load(), 5U);
 }
 
 TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {

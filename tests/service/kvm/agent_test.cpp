@@ -11,6 +11,8 @@
 namespace stewardry {
 namespace {
 
+using std::chrono_literals::operator""s;
+
 constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
 
 class AgentTest : public MailboxTest {
@@ -31,46 +33,52 @@ class AgentTest : public MailboxTest {
 
 TEST_F(AgentTest, LaunchLogsItsStepsInOrder) {
   // The last winlogon in any case counts.
-  Put("processes.txt", "300 winlogon.exe\n1 WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
+  Put("processes.txt", "99999999 winlogon.exe\n" + std::to_string(::getpid()) +
+                           " WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
   ASSERT_TRUE(LaunchKVMAgent());
   EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
   ExpectInSideLog(
-      "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x1\n"
+      "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x[1-9a-f].*\n"
       ".*Process Handle retrieved successfully using Windows Logon PID: 0x.*\n"
       ".*CreateEnvironmentBlock success\n.*CreateProcessAsUser success\n"
       ".*Destroy Environment Block success\n");
   EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvmAgentPid.load())));
-  EXPECT_TRUE(
-      CallsOf({"CreateProcessAsUserA"}).back().ends_with(",0x408,block,Winsta0\\Default,5)"));
+  EXPECT_TRUE(std::regex_match(
+      CallsOf({"CreateProcessAsUserA"}).back(),
+      std::regex(R"(CreateProcessAsUserA\((/.*/KVM_Agent),\1,0x408,block,Winsta0\\Default,5\))")));
 }
 
 TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
   struct Row {
     const char* call;
     std::uint32_t error;
-    std::uint64_t skip;
+    bool every;
     bool launched;
     const char* sideLine;
   };
   constexpr Row kRows[] = {
-      {"CreateToolhelp32Snapshot", 5, 0, false, "WindowsLogonPID 0x0\n"},
-      {"OpenProcess", 5, 1, false, "WindowsLogonPID 0x[1-9a-f]"},
-      {"DuplicateTokenEx", 5, 0, false, "Process Handle retrieved"},
-      {"CreateProcessAsUserA", 2, 0, false, "CreateProcessAsUser failed 2\n"},
-      {"CreateProcessAsUserA", 233, 0, true, "skip skip skip\n"},
-      {"SetTokenInformation", 5, 0, true, "CreateProcessAsUser success\n"},
-      {"CreateEnvironmentBlock", 5, 0, true, "CreateProcessAsUser winlogon 2 getlastError: 0\n"},
-      {"OpenProcess", 5, 0, true, "Step 1 Open Process failed\n"},
-      {"OpenProcessToken", 5, 0, true, "Step 2 Open Process Token failed\n"},
-      {"AdjustTokenPrivileges", 5, 0, true, "Step 4 Adjust Token Privileges Value failed\n"},
-      {"WTSGetActiveConsoleSessionId", 5, 0, true, "Session Id 0xffffffff\n"},
+      {"GetModuleFileNameA", 122, false, false, "^$"},
+      {"CreateToolhelp32Snapshot", 5, false, false, "WindowsLogonPID 0x0\n"},
+      {"OpenProcess", 5, true, false, "WindowsLogonPID 0x0\n"},
+      {"GetTokenInformation", 5, true, false, "WindowsLogonPID 0x0\n"},
+      {"DuplicateTokenEx", 5, false, false, "Process Handle retrieved"},
+      {"CreateProcessAsUserA", 2, false, false, "CreateProcessAsUser failed 2\n"},
+      {"CreateProcessAsUserA", 233, false, true, "skip skip skip\n"},
+      {"SetTokenInformation", 5, false, true, "CreateProcessAsUser success\n"},
+      {"CreateEnvironmentBlock", 5, false, true,
+       "CreateProcessAsUser winlogon 2 getlastError: 0\n"},
+      {"OpenProcess", 5, false, true, "Step 1 Open Process failed\n"},
+      {"OpenProcessToken", 5, false, true, "Step 2 Open Process Token failed\n"},
+      {"AdjustTokenPrivileges", 5, false, true, "Step 4 Adjust Token Privileges Value failed\n"},
+      {"WTSGetActiveConsoleSessionId", 5, false, true, "Session Id 0xffffffff\n"},
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.sideLine);
     EndAgent();
     gKvmAgentPid.store(77);
     std::filesystem::remove(platform::NativePath(kSideLog));
-    gate::FailNext(row.call, row.error, row.skip);
+    gate::Arm();
+    row.every ? gate::FailEvery(row.call, row.error) : gate::FailNext(row.call, row.error);
     EXPECT_EQ(LaunchKVMAgent(), row.launched);
     ExpectInSideLog(row.sideLine);
     const bool runs = row.launched && row.error != 233;
@@ -89,6 +97,15 @@ TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   EXPECT_EQ(gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // the watch owns its handle now
   EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
+  // Two seconds between its looks, however short a sleep is.
+  const auto looks = [&] { return CountOf(Messages(), "KVM Agent PID: "); };
+  const auto start = std::chrono::steady_clock::now();
+  const std::size_t before = looks();
+  gate::FailEvery("Sleep(50)", gate::kFinishAtOnce);
+  EXPECT_TRUE(Eventually([] { return CountCalls("Sleep") >= 400; }));
+  gate::Arm();
+  const std::size_t more = looks() - before;
+  EXPECT_LE(more, 1 + (std::chrono::steady_clock::now() - start) / 2s);
   TerminateKVMAgentThread();
   EXPECT_FALSE(*gKvmAgentThread);
   EXPECT_NE(gKvmAgentPid.load(), first);
@@ -104,6 +121,37 @@ std::string TakeMessage(int listener) {
   text.resize(static_cast<std::size_t>(::recv(peer, text.data(), text.size(), MSG_WAITALL)));
   ::close(peer);
   return text;
+}
+
+// Starts a process of another user, which serves the listener's pipe. The caller ends it.
+pid_t ServeAsAnotherUser(int listener) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // To listen again names the process that serves from now on.
+    if (::setresuid(65534, 65534, 65534) == 0 && ::listen(listener, 8) == 0) ::raise(SIGSTOP);
+    ::_exit(1);
+  }
+  int status = 0;
+  EXPECT_TRUE(::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status));
+  return child;
+}
+
+TEST_F(AgentTest, StrangerIsNeitherSentAKeyNorTakenForWinlogon) {
+  if (::geteuid() != 0) GTEST_SKIP() << "may not become another user";
+  const int listener = ListenUnix(lab() + "/pipe/KVMAgentKeyboard");
+  const pid_t stranger = ServeAsAnotherUser(listener);
+  for (const pid_t id : {::getpid(), stranger})
+    std::ofstream(lab() + "/processes.txt", std::ios::app) << id << " winlogon.exe\n";
+  EXPECT_EQ(FindWinlogonPid(), platform::GetCurrentProcessId());
+  WriteToAgentPipe(kAgentKeyboardPipe, "password", 8);
+  EXPECT_EQ(TakeMessage(listener), "");
+  EXPECT_EQ(CountCalls("WriteFile"), 0U);
+  gKvmAgentPid = static_cast<std::uint32_t>(stranger);  // as if it were the one that was started
+  WriteToAgentPipe(kAgentKeyboardPipe, "key", 3);
+  EXPECT_TRUE(Eventually([&] { return TakeMessage(listener) == "key"; }));
+  ::kill(stranger, SIGKILL);
+  ::waitpid(stranger, nullptr, 0);
+  ::close(listener);
 }
 
 TEST_F(AgentTest, MessageIsSentWholeOrLostAtOnce) {

@@ -20,6 +20,7 @@ constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardM
 // call may lose one. Returns false if the connection isn't made or ends, or with the reader.
 bool Exchange(FirmwarePeer* firmware, const std::string& word) {
   firmware->SendFrame("", 0x26);
+  firmware->SendFrame(std::string(8, '\0'), 0x27);
   if (gKvmEnabled.load() == 0) return false;
   TcpClient viewer(22);
   if (!viewer.Connected()) return false;

@@ -1,11 +1,14 @@
-// The shared rings and what the mouse pump makes of an entry.
+// The shared rings, what the mouse pump makes of an entry, and an agent that takes nothing.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "lab/tray/served_pipe.h"
+#include "service/kvm/agent.h"
 #include "service/kvm/mouse_pump.h"
 #include "service/kvm/shared_region.h"
 
@@ -59,6 +62,27 @@ TEST_F(Rings, DrainTakesTheEntriesBetweenTheIndexesUntilItIsStopped) {
   keyboard_.writeIndex = 100;
   EXPECT_TRUE(DrainRing(&keyboard_, stop_, [&](std::uint32_t entry) { stop_ = entry == 2; }));
   EXPECT_EQ(keyboard_.readIndex, 3u);
+}
+
+TEST_F(Rings, RegionLiesInMemoryOfItsSizeThatCanBeWritten) {
+  alignas(SharedRegion) static SharedRegion image{{1, 0, {}}, {}};
+  static const SharedRegion kConstant{{1, 0, {}}, {}};
+  const auto at = [](const void* memory) { return reinterpret_cast<std::uint64_t>(memory); };
+  EXPECT_TRUE(IsSharedRegion(at(region_.get())));
+  for (const std::uint64_t address :
+       {at(region_.get()) + 1, at(&image), at(&kConstant), std::uint64_t{0}, std::uint64_t{8},
+        ~std::uint64_t{0} - sizeof(SharedRegion) + 1, std::uint64_t{0x7FFE0000}})
+    EXPECT_FALSE(IsSharedRegion(address)) << address;
+}
+
+// It serves the pipe's name and reads nothing; the threads that write go on.
+TEST(AgentPipes, SquatterHoldsNobodyUp) {
+  const std::string name = "StewardrySquatter" + std::to_string(platform::GetCurrentProcessId());
+  lab::ServedPipe squatter;
+  std::string problem;
+  ASSERT_TRUE(squatter.Open(name, &problem)) << problem;
+  const std::string message(4 << 20, 'm');
+  WriteToAgentPipe(("\\\\.\\pipe\\" + name).c_str(), message.data(), 4 << 20);
 }
 
 // The producer as the firmware is: entry first, then the index.

@@ -128,6 +128,7 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
     SCOPED_TRACE(row.line);
     const std::string before = Sequence();
     Enable();
+    Trust(0);
     gate::Arm();
     gKvmRebindCount = 1;
     gKvmSocketState = kKvmNoSession;
@@ -204,25 +205,28 @@ TEST_F(KvmSession, ManyEndsAtOnceAreOneEnd) {
   }
 }
 
-// The close must not be lost, and must not take apart what the accept is building.
-TEST_F(KvmSession, CloseDuringTheAcceptEndsTheSessionOnceItIsBuilt) {
-  for (const std::uint32_t held : {kStatusByte, kAnnounce}) {
+// The close must not be lost, and must not take apart what the accept is building; nor must the
+// name of another peer, which comes late.
+TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt) {
+  for (const auto& [held, close] :
+       {std::pair(kStatusByte, true), {kAnnounce, true}, {kAnnounce, false}, {kRegion, false}}) {
     firmware_->SetVerdict(held, FirmwarePeer::kHold);
+    gKvmRebindCount = 1;
     Enable();
     ASSERT_TRUE(Listening());
     const std::size_t ends = CountOf(Messages(), "Finish KVM Session\n");
     const std::string before = Sequence();
     TcpClient viewer(22);
-    ASSERT_TRUE(firmware_->Await(held, CountOf(before, "I") + 1));
-    CloseByFirmware();
+    ASSERT_TRUE(firmware_->Await(held, 1 + CountOf(before, held == kRegion ? "A" : "I")));
+    close ? CloseByFirmware() : Trust(kStranger);
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends) << "the accept is not over";
     EndHeldRequest(held);
     ASSERT_TRUE(firmware_->Await(kClosed, CountOf(before, "C") + 1));
     EXPECT_TRUE(viewer.SeesEnd());
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends + 1);
     EXPECT_EQ(gKvmEnabled.load(), 0);
-    // Without an answer to the status the accept has failed, which takes the listener away.
-    ASSERT_TRUE(Eventually([] { return gKvmRebindCount.load() == 2; }));
+    // An accept that has failed has taken the listener away.
+    ASSERT_TRUE(held == kAnnounce || Eventually([] { return gKvmRebindCount.load() == 2; }));
   }
 }
 
@@ -240,6 +244,48 @@ TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
   EXPECT_EQ(gKvmTrustedIP.load(), kLoopbackAddress);
   TcpClient next(22);
   EXPECT_TRUE(firmware_->Await(kAnnounce, 2));
+}
+
+// Between the firmware's two commands KVM is open for anybody.
+TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
+  const auto start = std::chrono::steady_clock::now();
+  Enable();
+  ASSERT_TRUE(Listening());
+  TcpClient viewer(22);
+  ASSERT_TRUE(Served());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, kPeerPatience);
+  Trust(kLoopbackAddress);
+  EXPECT_EQ(gKvmSocketState.load(), kKvmSessionUp);
+  Trust(kStranger);
+  EXPECT_TRUE(viewer.SeesEnd());
+  EXPECT_EQ(Sequence(), "ASIRC");
+  EXPECT_EQ(gKvmEnabled.load(), 0);
+}
+
+std::atomic<bool> gLeave{false};
+std::uint32_t StayUntilLeave(void*) {
+  while (!gLeave) std::this_thread::yield();
+  return 0;
+}
+
+// The region is given back once nobody reads it.
+TEST_F(KvmSession, PumpThatCanNotBeEndedKeepsItsRegionAndTheNextSessionOut) {
+  auto viewer = NewViewer();
+  TerminateKeyboardThread();
+  *gKeyboardThread = platform::CreateThread(StayUntilLeave, nullptr);
+  gate::FailEvery("TerminateThread", 5);
+  CloseByFirmware();
+  EXPECT_EQ(Sequence(), "ASIC");
+  viewer.reset();
+  EXPECT_TRUE(Logged("TerminateThread for Keyboard failed"));
+  EXPECT_TRUE(gStopKeyboardThread.load());
+  Enable();
+  Trust(0);
+  EXPECT_TRUE(TcpClient(22).SeesEnd());
+  ASSERT_TRUE(Eventually([] { return gKvmRebindCount.load() == 2; }));
+  gLeave = true;
+  NewViewer(2);
+  EXPECT_EQ(Sequence().substr(0, 8), "ASICRASI");
 }
 
 TEST_F(KvmSession, EnableBindsOnceAfterTheBudget) {

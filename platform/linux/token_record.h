@@ -1,0 +1,12 @@
+// What stands behind a token here: the user, by which tokens are told apart.
+#pragma once
+
+#include <cstdint>
+
+namespace platform {
+
+struct TokenRecord {
+  std::uint32_t userId;
+};
+
+}  // namespace platform
