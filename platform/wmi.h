@@ -25,6 +25,9 @@ HResult CoInitializeEx();  // COINIT_MULTITHREADED
 // Default authentication level, RPC_C_IMP_LEVEL_IMPERSONATE, EOAC_NONE.
 HResult CoInitializeSecurity();
 void CoUninitialize();
+// Keeps COM's multithreaded apartment alive for the process's life, so that the libraries which an
+// access has loaded stay when it ends COM on its thread. The cookie isn't kept.
+HResult CoIncrementMTAUsage();
 
 // CoCreateInstance of WbemLocator, CLSCTX_INPROC_SERVER, IWbemLocator.
 HResult CreateWbemLocator(WbemLocator* locator);

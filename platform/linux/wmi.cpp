@@ -250,6 +250,8 @@ HResult CoInitializeSecurity() {
   return tComDepth > 0 ? kOk : kNotInitialized;
 }
 
+HResult CoIncrementMTAUsage() { return Pass("CoIncrementMTAUsage"); }
+
 void CoUninitialize() {
   gate::Note("CoUninitialize");
   if (tComDepth > 0) --tComDepth;

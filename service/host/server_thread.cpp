@@ -35,7 +35,8 @@ void MakeStartupReport() {
   gReportDone = true;
   std::uint8_t status = kOrrinNoAnswer;
   GetOrrinStatus(&status);  // asked for the firmware's sake; the answer changes nothing here
-  SendSystemInfo(nullptr);
+  ReportMark mark = ServerMark();
+  SendSystemInfo(&mark);
 }
 
 }  // namespace
@@ -45,7 +46,8 @@ void ServerStartup() {
   StartPipeThreads();
   (void)Sock_Start();  // without sockets the bind fails and says so
   WmiLog_Start();
-  MakeStartupReport();
+  if (!ServerStops()) MakeStartupReport();
+  if (ServerStops()) return;
   (void)WlanRegisterWifiNotification();  // logs its own failure; the link then goes unwatched
   LogInfo("Initializing KVM IP and Port to 0");
   gKvmTrustedIP.store(0, std::memory_order_relaxed);

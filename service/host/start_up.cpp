@@ -1,6 +1,7 @@
 // Process entry and service start-up.
 #include "service/host/start_up.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,7 @@
 #include "platform/file.h"
 #include "platform/process.h"
 #include "platform/thread.h"
+#include "platform/wmi.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
@@ -65,8 +67,10 @@ void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint
 // failure. A lock around each report won't do, since a manager may let no other report through
 // while it waits for the handler. A handler that hangs is given up.
 void AwaitStopPath() {
-  constexpr int kPatienceMilliseconds = 5000;
-  for (int i = 0; i < kPatienceMilliseconds && gStopPathRuns.load(std::memory_order_acquire); ++i)
+  constexpr std::chrono::seconds kPatience{5};
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  // Not turns: one may last a timer's tick of 16 ms.
+  while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
     platform::Sleep(1);
 }
 
@@ -126,6 +130,9 @@ bool InitServiceLog() {
 }
 
 void SvcInit(std::uint32_t, char**) {
+  // A thread that is ended in an access to WMI may have the loader's lock if the access loads WMI's
+  // libraries or lets them go. A Windows without this call does so each time.
+  (void)platform::CoIncrementMTAUsage();
   DetectChassis();
   LogInfo("%s line: %d Starting", "SvcInit", 361);
   *gServiceStopEvent = platform::CreateEventA(true, false);

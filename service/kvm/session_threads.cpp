@@ -2,6 +2,7 @@
 #include "service/kvm/session_threads.h"
 
 #include "service/diagnostics/service_log.h"
+#include "service/diagnostics/thread_end.h"
 
 namespace stewardry {
 
@@ -23,7 +24,7 @@ void EndSessionThread(platform::Thread* thread, std::atomic<bool>* stop, const c
   (void)platform::WaitForSingleObject(*thread, kPatienceMilliseconds);  // the exit code tells
   std::uint32_t exitCode = platform::kStillActive;
   if (!platform::GetExitCodeThread(*thread, &exitCode)) LogInfo("GetExitCodeThread failed");
-  if (exitCode == platform::kStillActive && !platform::TerminateThread(*thread, exitCode))
+  if (exitCode == platform::kStillActive && !EndThreadBetweenLines(*thread, exitCode))
     LogInfo("%s", failureLine);
   thread->Reset();
   stop->store(false, std::memory_order_relaxed);
