@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint32_t kLeaveMs = 150;
 // Longer than the mutexes are held here, since a thread that ends another may be ended itself.
-constexpr std::uint32_t kLineMs = 500;
+constexpr std::uint32_t kLineMs = 2000;
 // Windows ends a thread shortly after the call. On Linux a thread unwinds, and its destructors may
 // have lines to write: it must have the mutexes back soon.
 constexpr std::uint32_t kHeldMs = 100;

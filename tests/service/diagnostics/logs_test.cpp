@@ -1,16 +1,20 @@
 // The service log, the side log and the WMI log.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <memory>
 #include <regex>
 #include <thread>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
+#include "service/diagnostics/thread_end.h"
 #include "service/diagnostics/wmi_log.h"
 #include "tests/lab_folder_fixture.h"
 
@@ -40,9 +44,12 @@ class Logs : public LabTest {
 std::uint32_t EndWithMutex(void* mutex) {
   return platform::WaitForSingleObject(*static_cast<platform::Mutex*>(mutex), platform::kInfinite);
 }
-void AbandonMutex(platform::Mutex* mutex) {
-  const platform::Thread holder = platform::CreateThread(EndWithMutex, mutex);
-  EXPECT_EQ(platform::WaitForSingleObject(holder, 60'000), 0U);
+void AbandonMutex(platform::Mutex* mutex, platform::ThreadEntry next = nullptr) {
+  for (const platform::ThreadEntry entry : {platform::ThreadEntry{EndWithMutex}, next}) {
+    if (entry == nullptr) return;
+    const platform::Thread thread = platform::CreateThread(entry, mutex);
+    EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
+  }
 }
 
 TEST_F(Logs, LineBetweenStartAndCloseHasItsFormToTheByte) {
@@ -108,12 +115,71 @@ TEST_F(Logs, LineWithoutAFileGoesToTheDebugOutput) {
     EXPECT_EQ(CountOf(debug, line), 1U) << line;
 }
 
-TEST_F(Logs, MutexOfAnEndedThreadIsTakenForTheNextLine) {
-  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
+// Without a place the thread ends with the mutex that other processes share. Each line rotates.
+TEST_F(Logs, ThreadEndedInALineOrARotationLeavesTheLogToTheNextLine) {
   platform::Mutex mutex = platform::CreateMutexA("TavrinMutex");
-  AbandonMutex(&mutex);
-  LogInfo("alive");
-  EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U);
+  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1));
+  for (const char* place : {"none", "fseek", "remove", "rename", "_fsopen", "fwrite"}) {
+    LogInfo("before");
+    gate::FailNext(place, gate::kEndThread);
+    AbandonMutex(&mutex, [](void*) { return LogInfo("broken off"), 0U; });
+    LogInfo("alive");
+    EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U) << place;
+  }
+}
+
+// A process for each row, since it takes its mutexes once.
+TEST_F(Logs, NameThatIsNotOursStopsNoLine) {
+  for (const char* squatter : {"object of another kind", "refused mutex", "holder"}) {
+    const auto writes = [&] {
+      platform::Mutex held;
+      if (*squatter == 'o') std::filesystem::create_directory(lab() + "/mutex-TavrinMutex");
+      if (*squatter == 'r') gate::FailNext("CreateMutexA", platform::kErrorAccessDenied);
+      if (*squatter == 'h') held = platform::CreateMutexA("TavrinMutex");
+      if (held) platform::WaitForSingleObject(held, 0);
+      std::thread([&] {
+        LogInfo("%s", (ServiceLog_Start(kServiceLog, 1 << 20), squatter));
+      }).join();
+      std::filesystem::remove(lab() + "/mutex-TavrinMutex");
+      return CountOf(ServiceLogText(), squatter) == 1;
+    };
+    EXPECT_EXIT(std::_Exit(writes() ? 7 : 8), ::testing::ExitedWithCode(7), "") << squatter;
+  }
+}
+
+// The ended thread stands in a line until the one that ends it waits for the log, its n-th wait.
+TEST_F(Logs, ThreadIsEndedBetweenTwoLinesAndAThreadThatStaysIsReported) {
+  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
+  WmiLog_Info("TAG", "made");
+  struct Line {
+    const platform::Mutex* mutex;
+    std::size_t waits;
+    bool stays;
+    std::atomic<bool> written = false, leave = false;
+  };
+  Line lines[] = {{ServiceLog_Mutex(), 1, false}, {WmiLog_Mutex(), 2, true}};
+  for (Line& line : lines) {
+    const platform::Thread thread = platform::CreateThread(
+        [](void* given) {
+          Line& in = *static_cast<Line*>(given);
+          const auto stay = in.stays ? std::make_unique<platform::StayInThread>() : nullptr;
+          platform::WaitForSingleObject(*in.mutex, platform::kInfinite);
+          gate::Arm();
+          in.written = true;
+          EXPECT_TRUE(Eventually([&] { return CountCalls("WaitForSingleObject") >= in.waits; }));
+          platform::ReleaseMutex(*in.mutex);
+          while (!in.leave) platform::Sleep(1);
+          return 0U;
+        },
+        &line);
+    ASSERT_TRUE(Eventually([&] { return line.written.load(); }));
+    EXPECT_EQ(EndThreadBetweenLines(thread, 1), !line.stays);
+    const auto calls = CallsOf({"ReleaseMutex", "TerminateThread"});
+    EXPECT_EQ(calls.at(0), "ReleaseMutex()") << "of the line";
+    EXPECT_EQ(calls.at(1), "TerminateThread(exitCode=1)");
+    line.leave = true;
+    EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
+  }
 }
 
 TEST_F(Logs, LinesOfManyThreadsStayWholeThroughRotationsAndRestarts) {

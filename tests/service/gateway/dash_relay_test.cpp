@@ -10,6 +10,7 @@
 #include "service/actions/power_actions.h"
 #include "service/gateway/listeners.h"
 #include "service/mailbox/control_codes.h"
+#include "service/mailbox/slot_mark.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -106,6 +107,31 @@ TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServes) {
   TcpClient second(664);
   second.Send("x");
   ASSERT_TRUE(firmware_->Await(kData, 2));
+}
+
+TEST_F(DashRelay, ServerAskedToStopLeavesWithoutALineAndCloses) {
+  StartServer();
+  TcpClient client(664);
+  client.Send("x");
+  ASSERT_TRUE(firmware_->Await(kData));
+  ASSERT_TRUE(Eventually([] { return CountOf(Messages(), "Exiting HTTPS Callback") == 2; }));
+  const std::string before = Messages();
+  AskServerToStop();
+  EXPECT_EQ(platform::WaitForSingleObject(server_, 60'000), 0U);
+  EXPECT_EQ(Messages(), before);
+  EXPECT_TRUE(client.SeesEnd());
+  EXPECT_EQ(gHttpsHandler, nullptr);
+}
+
+// As a thread leaves it that is ended within a use.
+TEST(SlotMark, UseThatNeverEndsIsGivenUpOnce) {
+  static SlotMark mark;
+  alignas(SlotMark::Use) static std::byte place[sizeof(SlotMark::Use)];
+  new (place) SlotMark::Use(&mark);
+  const platform::Thread closer =
+      platform::CreateThread([](void*) { return mark.AwaitEndOfUse(), 0U; }, nullptr);
+  EXPECT_EQ(platform::WaitForSingleObject(closer, 60'000), 0U);
+  EXPECT_FALSE(mark.InUse());
 }
 
 // The reader writes while the server thread replaces and closes; without log and trace, which would

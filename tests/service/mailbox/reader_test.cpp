@@ -92,6 +92,18 @@ TEST_F(Reader, FailedStepEndsItWithItsLine) {
   }
 }
 
+// Idle, or in the handler of a frame that others follow.
+TEST_F(Reader, AskedToStopLeavesWithoutAnotherFrameOrLine) {
+  Start(10);
+  ASSERT_TRUE(Eventually([] { return Logged("intThreadFunction before Processread"); }));
+  const std::string before = Messages();
+  AskReaderToStop();
+  EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
+  EXPECT_EQ(Messages(), before);
+  EXPECT_FALSE(*gInterruptDevice);
+  EXPECT_TRUE(firmware_->AwaitKind(lablink::kClose));
+}
+
 TEST_F(Reader, SlotThatCannotBeRearmedOrALostDeviceEndsIt) {
   Start(10);
   gate::FailNext("ReadFile", 21);
