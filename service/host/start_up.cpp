@@ -62,18 +62,6 @@ void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint
       {kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0});
 }
 
-// Lets the control handler come to its end, so that SERVICE_STOPPED is the last report: a pending
-// one behind it would stand for ever, or make the manager take the end of the process for a
-// failure. A lock around each report won't do, since a manager may let no other report through
-// while it waits for the handler. A handler that hangs is given up.
-void AwaitStopPath() {
-  constexpr std::chrono::seconds kPatience{5};
-  const auto end = std::chrono::steady_clock::now() + kPatience;
-  // Not turns: one may last a timer's tick of 16 ms.
-  while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
-    platform::Sleep(1);
-}
-
 void FailStart() { ReportStatus(kServiceStopped, 0, platform::LastError(), 1); }
 
 bool StartThread(int slot, platform::ThreadEntry entry) {
@@ -107,6 +95,16 @@ void SetReportedStatus(const platform::ServiceStatus& status) {
   gServiceStatus.Store(status);
   // Without a service manager the report goes nowhere.
   (void)platform::SetServiceStatus(gServiceStatusHandle, status);
+}
+
+// A lock around each report won't do, since a manager may let no other report through while it
+// waits for the handler.
+void AwaitStopPath() {
+  constexpr std::chrono::seconds kPatience{5};
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  // Not turns: one may last a timer's tick of 16 ms.
+  while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
+    platform::Sleep(1);
 }
 
 bool InitServiceLog() {

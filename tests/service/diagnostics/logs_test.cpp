@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -40,16 +39,13 @@ class Logs : public LabTest {
   }
 };
 
-// A thread that takes the mutex and ends with it.
+void RunToItsEnd(platform::ThreadEntry entry, void* parameter) {
+  const platform::Thread thread = platform::CreateThread(entry, parameter);
+  EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
+}
+// On a thread that takes the mutex and ends with it.
 std::uint32_t EndWithMutex(void* mutex) {
   return platform::WaitForSingleObject(*static_cast<platform::Mutex*>(mutex), platform::kInfinite);
-}
-void AbandonMutex(platform::Mutex* mutex, platform::ThreadEntry next = nullptr) {
-  for (const platform::ThreadEntry entry : {platform::ThreadEntry{EndWithMutex}, next}) {
-    if (entry == nullptr) return;
-    const platform::Thread thread = platform::CreateThread(entry, mutex);
-    EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
-  }
 }
 
 TEST_F(Logs, LineBetweenStartAndCloseHasItsFormToTheByte) {
@@ -122,7 +118,8 @@ TEST_F(Logs, ThreadEndedInALineOrARotationLeavesTheLogToTheNextLine) {
   for (const char* place : {"none", "fseek", "remove", "rename", "_fsopen", "fwrite"}) {
     LogInfo("before");
     gate::FailNext(place, gate::kEndThread);
-    AbandonMutex(&mutex, [](void*) { return LogInfo("broken off"), 0U; });
+    RunToItsEnd(EndWithMutex, &mutex);
+    RunToItsEnd([](void*) { return LogInfo("broken off"), 0U; }, nullptr);
     LogInfo("alive");
     EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U) << place;
   }
@@ -147,39 +144,22 @@ TEST_F(Logs, NameThatIsNotOursStopsNoLine) {
   }
 }
 
-// The ended thread stands in a line until the one that ends it waits for the log, its n-th wait.
-TEST_F(Logs, ThreadIsEndedBetweenTwoLinesAndAThreadThatStaysIsReported) {
+TEST_F(Logs, BothAreHeldAroundTheEndOfAThreadAndOneThatStaysIsReported) {
+  static std::atomic<bool> stays{true};
   ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
-  WmiLog_Info("TAG", "made");
-  struct Line {
-    const platform::Mutex* mutex;
-    std::size_t waits;
-    bool stays;
-    std::atomic<bool> written = false, leave = false;
+  (void)WmiLog_Get();
+  const platform::ThreadEntry stay = [](void*) {
+    for (const platform::StayInThread here; stays;) platform::Sleep(1);
+    return 0U;
   };
-  Line lines[] = {{ServiceLog_Mutex(), 1, false}, {WmiLog_Mutex(), 2, true}};
-  for (Line& line : lines) {
-    const platform::Thread thread = platform::CreateThread(
-        [](void* given) {
-          Line& in = *static_cast<Line*>(given);
-          const auto stay = in.stays ? std::make_unique<platform::StayInThread>() : nullptr;
-          platform::WaitForSingleObject(*in.mutex, platform::kInfinite);
-          gate::Arm();
-          in.written = true;
-          EXPECT_TRUE(Eventually([&] { return CountCalls("WaitForSingleObject") >= in.waits; }));
-          platform::ReleaseMutex(*in.mutex);
-          while (!in.leave) platform::Sleep(1);
-          return 0U;
-        },
-        &line);
-    ASSERT_TRUE(Eventually([&] { return line.written.load(); }));
-    EXPECT_EQ(EndThreadBetweenLines(thread, 1), !line.stays);
-    const auto calls = CallsOf({"ReleaseMutex", "TerminateThread"});
-    EXPECT_EQ(calls.at(0), "ReleaseMutex()") << "of the line";
-    EXPECT_EQ(calls.at(1), "TerminateThread(exitCode=1)");
-    line.leave = true;
-    EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
-  }
+  const platform::Thread thread = platform::CreateThread(stay, nullptr);
+  gate::Arm();
+  EXPECT_FALSE(EndThreadBetweenLines(thread, 1));
+  EXPECT_EQ(CallsOf({"TerminateThread", "ReleaseMutex"}),
+            (std::vector<std::string>{"TerminateThread(exitCode=1)", "ReleaseMutex()",
+                                      "ReleaseMutex()"}));
+  stays = false;
+  EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
 }
 
 TEST_F(Logs, LinesOfManyThreadsStayWholeThroughRotationsAndRestarts) {
@@ -201,8 +181,8 @@ TEST_F(Logs, ProcessEndsWithTheHolderOfTheWmiLogsMutex) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        std::filesystem::remove_all(lab());  // nothing of an ended process cleans it up
-        AbandonMutex(reinterpret_cast<platform::Mutex*>(&WmiLog_Get()));  // its first member
+        std::filesystem::remove_all(lab());        // nothing of an ended process cleans it up
+        RunToItsEnd(EndWithMutex, &WmiLog_Get());  // the mutex is its first member
         WmiLog_Info("TAG", "never written");
         std::_Exit(7);
       },
