@@ -11,7 +11,7 @@ std::uint32_t MyThreadFunction(void* parameter);
 
 // The pipes' threads, sockets, WMI log, the first status report, which waits for as long as the
 // host has no network connection, and the watch on the wireless link. Nothing is bound before it
-// has finished. Left out from the step on before which the server was asked to stop.
+// has finished. A server that is asked to stop meanwhile goes no further than its step.
 void ServerStartup();
 
 }  // namespace stewardry
