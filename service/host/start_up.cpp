@@ -33,6 +33,7 @@ platform::ProcessLifetime<ServiceThreads> gServiceThreads;
 
 namespace {
 
+constexpr std::chrono::seconds kHandlerPatience{5};
 constexpr std::uint32_t kLogLimit = 0xA00000;  // 10 MiB
 constexpr std::size_t kLogPathSize = 256;
 
@@ -99,9 +100,8 @@ void SetReportedStatus(const platform::ServiceStatus& status) {
 
 // A lock around each report won't do, since a manager may let no other report through while it
 // waits for the handler.
-void AwaitStopPath() {
-  constexpr std::chrono::seconds kPatience{5};
-  const auto end = std::chrono::steady_clock::now() + kPatience;
+void AwaitStopPath(std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
   // Not turns: one may last a timer's tick of 16 ms.
   while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
     platform::Sleep(1);
@@ -144,7 +144,7 @@ void SvcInit(std::uint32_t, char**) {
   ReportServiceEvent("SvcInit-After CreateThread", kEventInformation);
   ReportStatus(kServiceRunning, kServiceAcceptStop | kServiceAcceptPreshutdown, 0, 0);
   (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
-  AwaitStopPath();
+  AwaitStopPath(kHandlerPatience);
   ReportStatus(kServiceStopped, 0, 0, 3);
 }
 

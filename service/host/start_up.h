@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "platform/event.h"
@@ -54,8 +55,8 @@ int RunProcess(int argc, char** argv);
 
 // Lets the control handler come to its end, so that SERVICE_STOPPED is the last report: a pending
 // one behind it would stand for ever, or make the manager take the end of the process for a
-// failure. A handler that hangs is given up after five seconds. SvcInit's thread.
-void AwaitStopPath();
+// failure. A handler that hangs is given up after `patience`. SvcInit's thread.
+void AwaitStopPath(std::chrono::milliseconds patience);
 
 // Makes the log folders, starts the service log and writes the banner. True if the log is open.
 bool InitServiceLog();
