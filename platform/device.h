@@ -92,4 +92,9 @@ CompletionPort CreateIoCompletionPort(const DeviceHandle& device, std::uint64_t 
 bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes, std::uint64_t* key,
                                RequestRecord** record);
 
+// PostQueuedCompletionStatus(port, 0, key, null): lets one GetQueuedCompletionStatus return, with 0
+// bytes, that key and a null record, behind the reads that have finished. True on success. Any
+// thread.
+bool PostQueuedCompletionStatus(const CompletionPort& port, std::uint64_t key);
+
 }  // namespace platform

@@ -13,17 +13,18 @@ namespace platform {
 void CloseStream(RawHandle raw);
 using Stream = Owned<struct StreamTag, CloseStream>;
 
-// _fsopen(path, mode, _SH_DENYNO): a buffered stream shared with other openers. Modes used: "a+t",
-// "w+t", "a+" and "w", all text modes, in which each '\n' reaches the file as "\r\n". Empty owner
-// on failure; *errorNumber, where given, gets errno. A stream belongs to one thread at a time.
+// _fsopen(path, mode, _SH_DENYNO): a text file shared with other openers. Modes used: "a+t", "w+t",
+// "a+" and "w", all text modes. Empty owner on failure; *errorNumber, where given, gets errno. A
+// stream belongs to one thread at a time. The calls below and the close take no lock and no heap
+// block that a thread ended in one of them could keep.
 Stream OpenStream(const char* path, const char* mode, int* errorNumber = nullptr);
 
-// fseek to the end and ftell: the file's size in bytes, -1 on failure.
+// Seeks to the end: the file's size in bytes, -1 on failure.
 std::int64_t SeekToEnd(const Stream& stream);
 
-// fwrite and fflush. True when everything was taken.
+// Writes at the end of the file, whatever the mode, each '\n' as "\r\n". Nothing is buffered: the
+// text has left the process when the call returns. True when everything was taken.
 bool WriteStream(const Stream& stream, const char* text, std::size_t size);
-bool FlushStream(const Stream& stream);
 
 // _wfsopen(path, "a", _SH_DENYNO): a buffered text stream at the end of a file of the host itself,
 // which isn't mapped. Null on failure. The caller closes it with std::fclose; any thread may write.

@@ -11,7 +11,9 @@ void CloseMutex(RawHandle raw);
 using Mutex = Owned<struct MutexTag, CloseMutex>;
 
 // CreateMutexA, not owned at first. A `name` makes it machine-wide: every process that gives the
-// name gets the same mutex; null makes one private to this process. Empty owner on failure.
+// name gets the same mutex; null makes one private to this process. Empty owner on failure: with
+// kErrorInvalidHandle if an object of another kind has the name, with kErrorAccessDenied if this
+// process may not open the mutex that has it.
 Mutex CreateMutexA(const char* name);
 
 // WaitForSingleObject on a mutex: kWaitObject0 when taken, kWaitAbandoned when taken from a holder

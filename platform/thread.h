@@ -19,9 +19,10 @@ using Thread = Owned<struct ThreadTag, CloseThread>;
 // `parameter` stays the caller's. Empty owner on failure, with the last error set.
 Thread CreateThread(ThreadEntry entry, void* parameter);
 
-// TerminateThread: ends a thread from outside with `exitCode`. Windows ends it where it stands.
-// Linux marks it, and it leaves by unwinding at its next wait; the call returns when it has left,
-// or after two seconds without that. A thread that has ended already is a success.
+// TerminateThread: begins the end of a thread from outside, with `exitCode`, and returns: true says
+// that the thread is to end, and only a wait for it that it has. Windows ends it where it stands.
+// Linux marks it, and it leaves by unwinding at its next wait. A thread that has ended already is a
+// success.
 bool TerminateThread(const Thread& thread, std::uint32_t exitCode);
 
 // GetExitCodeThread: kStillActive while the thread runs. False on failure.

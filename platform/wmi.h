@@ -28,6 +28,9 @@ HResult CoInitializeEx();  // COINIT_MULTITHREADED
 HResult CoInitializeSecurity();
 constexpr HResult kTooLate = static_cast<HResult>(0x80010119);  // RPC_E_TOO_LATE
 void CoUninitialize();
+// Keeps COM's multithreaded apartment alive for the process's life, so that the libraries which an
+// access has loaded stay when it ends COM on its thread. The cookie isn't kept.
+HResult CoIncrementMTAUsage();
 
 // CoCreateInstance of WbemLocator, CLSCTX_INPROC_SERVER, IWbemLocator.
 HResult CreateWbemLocator(WbemLocator* locator);

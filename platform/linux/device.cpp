@@ -241,10 +241,24 @@ bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes,
   const PortState::Finished finished = state.queue.front();
   state.queue.pop_front();
   *bytes = finished.bytes;
-  *key = state.key;
+  *key = finished.record != nullptr ? state.key : finished.postedKey;
   *record = finished.record;
   if (finished.error == 0) return true;
   return SetLastError(finished.error), false;
+}
+
+bool PostQueuedCompletionStatus(const CompletionPort& port, std::uint64_t key) {
+  if (gate::Fails("PostQueuedCompletionStatus")) return false;
+  PortState& state = *static_cast<PortState*>(port.Raw());
+  const std::shared_ptr<MailboxLink> link = state.link.lock();
+  {
+    Wakes wakes;
+    std::lock_guard guard(WaitLock());
+    state.queue.push_back({nullptr, 0, 0, key});
+    wakes.Add(state.changed);
+  }
+  if (link) link->WakeLeader();
+  return true;
 }
 
 }  // namespace platform

@@ -21,13 +21,6 @@ namespace platform {
 
 namespace {
 
-struct StreamState {
-  int descriptor;
-  std::string buffer;
-};
-
-StreamState& StateOf(const Stream& stream) { return *static_cast<StreamState*>(stream.Raw()); }
-
 bool WriteAll(int descriptor, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t n = ::write(descriptor, data, size);
@@ -39,12 +32,6 @@ bool WriteAll(int descriptor, const char* data, std::size_t size) {
   return true;
 }
 
-bool FlushBuffer(StreamState& stream) {
-  const bool whole = WriteAll(stream.descriptor, stream.buffer.data(), stream.buffer.size());
-  stream.buffer.clear();
-  return whole;
-}
-
 // A missing folder on the way is another error than a missing file. For the calls that make what
 // they are given, nothing else can be missing.
 void SetErrorOfCreation(int number) {
@@ -53,7 +40,7 @@ void SetErrorOfCreation(int number) {
 }
 
 int OpenFlags(std::string_view mode) {
-  return O_RDWR | O_CREAT | O_CLOEXEC | (mode[0] == 'a' ? O_APPEND : O_TRUNC);
+  return O_RDWR | O_CREAT | O_CLOEXEC | O_APPEND | (mode[0] == 'a' ? 0 : O_TRUNC);
 }
 
 RawHandle FromDescriptor(int descriptor) {
@@ -65,10 +52,7 @@ int DescriptorOf(RawHandle raw) { return static_cast<int>(reinterpret_cast<std::
 
 void CloseStream(RawHandle raw) {
   gate::Note("fclose");
-  auto* stream = static_cast<StreamState*>(raw);
-  FlushBuffer(*stream);
-  ::close(stream->descriptor);
-  delete stream;
+  ::close(DescriptorOf(raw));
 }
 
 Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
@@ -82,7 +66,7 @@ Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
     if (errorNumber != nullptr) *errorNumber = errno;
     return Stream();
   }
-  return Stream(new StreamState{descriptor, {}});
+  return Stream(FromDescriptor(descriptor));
 }
 
 std::FILE* OpenAppendStream(const char16_t* path) {
@@ -93,28 +77,17 @@ std::FILE* OpenAppendStream(const char16_t* path) {
 
 std::int64_t SeekToEnd(const Stream& stream) {
   if (gate::Fails("fseek")) return -1;
-  StreamState& state = StateOf(stream);
-  if (!state.buffer.empty()) FlushBuffer(state);
-  return ::lseek(state.descriptor, 0, SEEK_END);
+  return ::lseek(DescriptorOf(stream.Raw()), 0, SEEK_END);
 }
 
 bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
   if (gate::Fails("fwrite")) return false;
-  std::string& buffer = StateOf(stream).buffer;
-  std::string_view rest(text, size);
-  for (;;) {
-    const std::size_t end = rest.find('\n');
-    if (end == std::string_view::npos) break;
-    buffer.append(rest.substr(0, end)).append("\r\n");
-    rest.remove_prefix(end + 1);
+  std::string bytes;
+  for (const char c : std::string_view(text, size)) {
+    if (c == '\n') bytes += '\r';
+    bytes += c;
   }
-  buffer.append(rest);
-  return true;
-}
-
-bool FlushStream(const Stream& stream) {
-  if (gate::Fails("fflush")) return false;
-  return FlushBuffer(StateOf(stream));
+  return WriteAll(DescriptorOf(stream.Raw()), bytes.data(), bytes.size());
 }
 
 bool RemoveFile(const char* path) {

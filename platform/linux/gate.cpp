@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "platform/error.h"
+#include "platform/linux/wait.h"
 
 namespace platform::gate {
 
@@ -69,6 +70,7 @@ std::uint32_t EnterArmed(const char* call, const std::string& arguments) {
     error = Verdict(gate, call, entry);
     gate.trace.push_back(std::move(entry));
   }
+  if (error == kEndThread) throw ThreadEnd{};
   if (error != 0) SetLastError(error);
   return error;
 }

@@ -15,6 +15,9 @@ namespace platform::gate {
 // request at once makes it.
 constexpr std::uint32_t kFinishAtOnce = 0xFFFFFFFF;
 
+// An "error" for any call: the calling thread, which platform::CreateThread made, is ended in it.
+constexpr std::uint32_t kEndThread = 0xFFFFFFFE;
+
 // Written by Arm and Disarm, read by every call. Relaxed: a test arms the gate before the threads
 // that it wants to see, and what they record is under the gate's own lock.
 extern std::atomic<bool> gArmed;

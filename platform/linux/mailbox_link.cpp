@@ -294,6 +294,8 @@ void MailboxLink::AwaitFinished(PortState* port, std::unique_lock<std::mutex>* l
   }
 }
 
+void MailboxLink::WakeLeader() { Ring(outboxDescriptor_); }
+
 void MailboxLink::Run() {
   while (!stopping_.load(std::memory_order_acquire)) {
     while (LeadOnce()) {
@@ -325,8 +327,8 @@ void MailboxLink::AwaitCall() {
   backstopCalled_ = false;
 }
 
-// The leader's wait for the firmware's next bytes, sending what the outbox holds meanwhile. False
-// when `endDescriptor` became readable instead.
+// The leader's wait for the firmware's next bytes or for a ring, sending what the outbox holds
+// meanwhile. False when `endDescriptor` became readable instead.
 bool MailboxLink::AwaitReadable(int endDescriptor) {
   for (;;) {
     short events = POLLIN;
@@ -342,9 +344,9 @@ bool MailboxLink::AwaitReadable(int endDescriptor) {
     if (ready < 0) continue;  // interrupted
     if (ready == 0) HoldReads(false);
     if (fds[2].revents != 0) return false;
-    if (fds[1].revents != 0) Drain(outboxDescriptor_);
     if ((fds[0].revents & POLLOUT) != 0) FlushOutbox();
-    if ((fds[0].revents & ~POLLOUT) != 0) return true;
+    if (fds[1].revents != 0) Drain(outboxDescriptor_);
+    if (fds[1].revents != 0 || (fds[0].revents & ~POLLOUT) != 0) return true;
   }
 }
 

@@ -53,9 +53,10 @@ inline RecordState& StateOf(RequestRecord* record) {
 // Finished reads of the handles bound to it, in the order of their finish.
 struct PortState {
   struct Finished {
-    RequestRecord* record;
+    RequestRecord* record;  // null for what was posted
     std::uint32_t bytes;
     std::uint32_t error;
+    std::uint64_t postedKey = 0;
   };
   std::condition_variable& changed = SleepingPlace();
   std::deque<Finished> queue;
@@ -89,6 +90,8 @@ class MailboxLink {
   // Waits, under WaitLock, which is given back meanwhile, until the port has a finished read.
   // Leaves the thread if it was terminated.
   void AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock);
+  // Lets the leader look at its port: something was posted to it.
+  void WakeLeader();
 
  private:
   struct Pending {
@@ -135,7 +138,7 @@ class MailboxLink {
 
   const int descriptor_;
   const int stopDescriptor_;                           // an eventfd: ends the backstop
-  const int outboxDescriptor_;                         // an eventfd: tells the leader of an outbox
+  const int outboxDescriptor_;                         // an eventfd: an outbox, or WakeLeader
   const int timerDescriptor_;                          // a timerfd: calls the backstop
   std::unique_ptr<std::byte, void (*)(void*)> inbox_;  // page-aligned; the leader's
   std::size_t filled_ = 0;                             // bytes in it; the leader's

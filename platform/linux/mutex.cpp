@@ -68,6 +68,8 @@ MappingPointer Map(int descriptor, int flags) {
 // The file's lock makes sure that one process alone initialises the mutex.
 MappingPointer MapNamed(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  // What isn't a file is an object of another kind with that name.
+  if (fd < 0 && errno == EISDIR) return SetLastError(kErrorInvalidHandle), nullptr;
   if (fd < 0) return SetLastErrorFromErrno(errno), nullptr;
   ::flock(fd, LOCK_EX);
   MappingPointer mapping;

@@ -5,7 +5,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <system_error>
 #include <thread>
@@ -18,8 +17,6 @@
 namespace platform {
 
 namespace {
-
-constexpr std::chrono::seconds kEndGrace{2};
 
 using RecordPointer = std::shared_ptr<ThreadRecord>;
 
@@ -74,7 +71,7 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   if (gate::Fails("TerminateThread", "exitCode=%u", exitCode)) return false;
   if (!thread) return SetLastError(kErrorInvalidHandle), false;
   ThreadRecord& record = *RecordOf(thread);
-  std::unique_lock lock(WaitLock());
+  std::lock_guard guard(WaitLock());
   if (!record.running) return true;
   record.ended = true;
   record.exitCode = exitCode;
@@ -82,7 +79,6 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   std::uint64_t one = 1;
   [[maybe_unused]] ssize_t written = ::write(record.endDescriptor, &one, sizeof one);
   if (&record == &CurrentThread()) throw ThreadEnd{};
-  record.finished.wait_for(lock, kEndGrace, [&] { return !record.running; });
   return true;
 }
 

@@ -273,6 +273,8 @@ HResult CoInitializeSecurity() {
   return tComDepth > 0 ? gCom->Secure() : kNotInitialized;
 }
 
+HResult CoIncrementMTAUsage() { return Pass("CoIncrementMTAUsage"); }
+
 void CoUninitialize() {
   gate::Note("CoUninitialize");
   if (tComDepth == 0) return;

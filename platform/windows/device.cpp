@@ -119,4 +119,8 @@ bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes,
   return done != FALSE;
 }
 
+bool PostQueuedCompletionStatus(const CompletionPort& port, std::uint64_t key) {
+  return ::PostQueuedCompletionStatus(port.Raw(), 0, key, nullptr) != FALSE;
+}
+
 }  // namespace platform

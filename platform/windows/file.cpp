@@ -1,6 +1,13 @@
 // Files, folders and the debug output.
+//
+// A stream is the file's handle below the C runtime's stream. A thread that is ended from outside
+// keeps the runtime's locks for good, and every later write, seek and close of that stream would
+// wait for it; the kernel takes its own locks back. So the stream of the open is closed within the
+// open, which gives its slot back too, and what is kept is a duplicate of its handle: CloseHandle
+// ends it, and the runtime has no share in that.
 #include "platform/file.h"
 
+#include <io.h>
 #include <share.h>
 
 #include <cerrno>
@@ -12,16 +19,32 @@ namespace platform {
 
 namespace {
 
-FILE* File(const Stream& stream) { return static_cast<FILE*>(stream.Raw()); }
+// An offset of all ones is the end of the file, found in the write itself.
+bool Append(const Stream& stream, const char* data, DWORD size) {
+  OVERLAPPED end{};
+  end.Offset = end.OffsetHigh = 0xFFFFFFFF;
+  DWORD written = 0;
+  return ::WriteFile(stream.Raw(), data, size, &written, &end) && written == size;
+}
 
 }  // namespace
 
-void CloseStream(RawHandle raw) { std::fclose(static_cast<FILE*>(raw)); }
+void CloseStream(RawHandle raw) { ::CloseHandle(raw); }
 
 Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
-  Stream stream(::_fsopen(path, mode, _SH_DENYNO));
-  if (!stream && errorNumber != nullptr) *errorNumber = errno;
-  return stream;
+  FILE* opened = ::_fsopen(path, mode, _SH_DENYNO);
+  if (opened == nullptr) {
+    if (errorNumber != nullptr) *errorNumber = errno;
+    return Stream();
+  }
+  const auto handle = reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(opened)));
+  const HANDLE process = ::GetCurrentProcess();
+  HANDLE kept = nullptr;
+  if (!::DuplicateHandle(process, handle, process, &kept, 0, FALSE, DUPLICATE_SAME_ACCESS) &&
+      errorNumber != nullptr)
+    *errorNumber = EMFILE;
+  std::fclose(opened);
+  return Stream(kept);
 }
 
 std::FILE* OpenAppendStream(const char16_t* path) {
@@ -29,14 +52,23 @@ std::FILE* OpenAppendStream(const char16_t* path) {
 }
 
 std::int64_t SeekToEnd(const Stream& stream) {
-  return std::fseek(File(stream), 0, SEEK_END) == 0 ? ::_ftelli64(File(stream)) : -1;
+  LARGE_INTEGER position;
+  return ::SetFilePointerEx(stream.Raw(), {}, &position, FILE_END) ? position.QuadPart : -1;
 }
 
 bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
-  return std::fwrite(text, 1, size, File(stream)) == size;
+  char part[2048];  // a line of a log in one write, and not of the heap
+  DWORD used = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (used + 2 > sizeof part) {
+      if (!Append(stream, part, used)) return false;
+      used = 0;
+    }
+    if (text[i] == '\n') part[used++] = '\r';
+    part[used++] = text[i];
+  }
+  return used == 0 || Append(stream, part, used);
 }
-
-bool FlushStream(const Stream& stream) { return std::fflush(File(stream)) == 0; }
 
 bool RemoveFile(const char* path) { return ::DeleteFileA(path) != FALSE; }
 

@@ -144,6 +144,11 @@ void ReleaseUnknown(RawHandle raw) { static_cast<IUnknown*>(raw)->Release(); }
 
 HResult CoInitializeEx() { return ::CoInitializeEx(nullptr, COINIT_MULTITHREADED); }
 
+HResult CoIncrementMTAUsage() {
+  CO_MTA_USAGE_COOKIE cookie;
+  return ::CoIncrementMTAUsage(&cookie);
+}
+
 HResult CoInitializeSecurity() {
   return ::CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
                                 RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);

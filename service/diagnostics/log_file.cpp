@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <new>
-#include <string>
 
 #include "platform/process.h"
 
@@ -13,9 +12,12 @@ std::atomic<bool> gLogFolderIsSafe{true};
 
 bool LogFile::SetPath(const char* path) {
   const std::size_t size = std::strlen(path) + 1;
-  path_.reset(new (std::nothrow) char[size]);
+  backup_.reset(new (std::nothrow) char[size]);
+  path_.reset(backup_ ? new (std::nothrow) char[size] : nullptr);
   if (!path_) return false;
   std::memcpy(path_.get(), path, size);
+  std::memcpy(backup_.get(), path, size);
+  if (size > 1) backup_[size - 2] = '_';
   return true;
 }
 
@@ -26,13 +28,11 @@ bool LogFile::Open(const char* mode, int* errorNumber) {
 
 void LogFile::Rotate() {
   if (!stream_ || platform::SeekToEnd(stream_) <= static_cast<std::int64_t>(maxSize_)) return;
-  (void)platform::FlushStream(stream_);  // each line was flushed when it was written
+  reopenDue_ = true;  // before the close: a thread ended from here on leaves the open to the next
   stream_.Reset();
-  std::string backup = path_.get();
-  backup.back() = '_';
   // If the rename fails, emptying the file below still bounds it.
-  (void)platform::RemoveFile(backup.c_str());
-  (void)platform::RenameFile(path_.get(), backup.c_str());
+  (void)platform::RemoveFile(backup_.get());
+  (void)platform::RenameFile(path_.get(), backup_.get());
   (void)platform::OpenStream(path_.get(), "w+t");
   Reopen();
 }
@@ -48,7 +48,6 @@ void LogFile::Write(const char* text, std::size_t size) {
   if (!stream_) return platform::OutputDebugStringA(text);
   // A disk that takes no more loses the line: the log never reports on itself.
   (void)platform::WriteStream(stream_, text, size);
-  (void)platform::FlushStream(stream_);
 }
 
 std::uint32_t PrivateMegabytes() {

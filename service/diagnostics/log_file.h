@@ -29,12 +29,14 @@ class LogFile {
   // Rotates if due, writes the text and flushes it. While the file isn't open the text goes to the
   // debug output. A file that couldn't be opened again in a rotation is tried anew for each text,
   // so that the log goes on once the disk lets it; the failed text itself goes to the debug output.
+  // A thread that is ended anywhere in here leaves a file that the next text still reaches.
   void Write(const char* text, std::size_t size);
 
  private:
   void Reopen();
 
   std::unique_ptr<char[]> path_;
+  std::unique_ptr<char[]> backup_;  // made with the path: a rotation takes nothing from the heap
   platform::Stream stream_;
   std::uint32_t maxSize_ = 0;
   bool reopenDue_ = false;

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "platform/clock.h"
+#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/file.h"
 #include "platform/mutex.h"
@@ -27,45 +28,75 @@ struct ServiceLog {
   LogFile file;
 };
 
-// The log in use; null before the start and after the close. Written under TavrinMutex; read
+// The log in use; null before the start and after the close. Written under the log's lock; read
 // before it, where only null or not counts (acquire keeps that look ahead of the lock's), and
 // again under it, where the record is used. So no line reaches a closed log.
 std::atomic<ServiceLog*> gServiceLog{nullptr};
 
-// One handle of the named mutex serves the whole process for as long as it lives; the log can't
-// work without it, so the process ends if it can't be had.
-const platform::Mutex& LogMutex() {
-  static std::atomic<const platform::Mutex*> known{nullptr};
-  // Release and acquire: who sees the pointer sees the mutex behind it.
-  if (const platform::Mutex* mutex = known.load(std::memory_order_acquire)) return *mutex;
-  auto made = std::make_unique<platform::Mutex>(platform::CreateMutexA(kMutexName));
-  if (!*made) platform::ExitProcess(0);
-  const platform::Mutex* expected = nullptr;
-  if (known.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+// How long a line waits for the named mutex: a line of another process of the service takes much
+// less, and no thread of this one has it.
+constexpr std::uint32_t kOtherProcessMs = 2000;
+
+// What serialises the lines. One handle of each mutex serves the whole process for as long as it
+// lives.
+struct LogMutexes {
+  platform::Mutex own;    // between the threads of this process
+  platform::Mutex named;  // taken after `own`; between processes. Empty if the name isn't ours
+  // The named mutex is left alone from now on: its holder is none of ours. Relaxed: a thread that
+  // doesn't know it yet finds out for itself.
+  std::atomic<bool> squatted{false};
+};
+// Release and acquire: who sees the pointer sees the mutexes behind it.
+std::atomic<LogMutexes*> gLogMutexes{nullptr};
+
+// The log can't work without a mutex, so the process ends if it can't be had. But any user can make
+// an object of the name first, another kind of object or one that the service may not open, and
+// that mustn't end the process: the lines of several processes then go without their order.
+LogMutexes& Mutexes() {
+  if (LogMutexes* mutexes = gLogMutexes.load(std::memory_order_acquire)) return *mutexes;
+  auto made = std::make_unique<LogMutexes>();
+  made->named = platform::CreateMutexA(kMutexName);
+  const std::uint32_t error = made->named ? platform::kErrorSuccess : platform::LastError();
+  const bool taken =
+      error == platform::kErrorAccessDenied || error == platform::kErrorInvalidHandle;
+  if (made->named || taken) made->own = platform::CreateMutexA(nullptr);
+  if (!made->own) platform::ExitProcess(0);
+  LogMutexes* expected = nullptr;
+  if (gLogMutexes.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
     return *made.release();
   return *expected;
 }
 
-// Holds TavrinMutex. Any result of the wait but a time-out counts as taken, an abandoned mutex
-// too: threads of this service are ended from outside, perhaps within a line.
+// Holds both mutexes. Any result of the first wait but a time-out counts as taken, an abandoned
+// mutex too: threads of this service are ended from outside, perhaps within a line.
 class LogLock {
  public:
-  LogLock() : mutex_(LogMutex()) {
+  LogLock() : mutexes_(Mutexes()) {
     std::uint32_t result;
     do {
-      result = platform::WaitForSingleObject(mutex_, platform::kInfinite);
+      result = platform::WaitForSingleObject(mutexes_.own, platform::kInfinite);
     } while (result == platform::kWaitTimeout);
-    held_ = result != platform::kWaitFailed;
+    ownHeld_ = result != platform::kWaitFailed;
+    namedHeld_ = TakeNamed();
   }
   LogLock(const LogLock&) = delete;
   LogLock& operator=(const LogLock&) = delete;
   ~LogLock() {
-    if (held_) platform::ReleaseMutex(mutex_);
+    if (namedHeld_) platform::ReleaseMutex(mutexes_.named);
+    if (ownHeld_) platform::ReleaseMutex(mutexes_.own);
   }
 
  private:
-  const platform::Mutex& mutex_;
-  bool held_;  // a failed wait has nothing to release
+  bool TakeNamed() {
+    if (!mutexes_.named || mutexes_.squatted.load(std::memory_order_relaxed)) return false;
+    const std::uint32_t result = platform::WaitForSingleObject(mutexes_.named, kOtherProcessMs);
+    if (result == platform::kWaitTimeout) mutexes_.squatted.store(true, std::memory_order_relaxed);
+    return result != platform::kWaitTimeout && result != platform::kWaitFailed;
+  }
+
+  LogMutexes& mutexes_;
+  bool ownHeld_;  // a failed wait has nothing to release
+  bool namedHeld_;
 };
 
 template <class... Args>
@@ -127,6 +158,11 @@ bool ServiceLog_Start(const char* path, std::uint32_t maxSize) {
 
 void ServiceLog_Close() {
   if (gServiceLog.load(std::memory_order_acquire) != nullptr) Exchange(nullptr);
+}
+
+const platform::Mutex* ServiceLog_Mutex() {
+  const LogMutexes* mutexes = gLogMutexes.load(std::memory_order_acquire);
+  return mutexes != nullptr ? &mutexes->own : nullptr;
 }
 
 void ServiceLog_Write(LogHeader header, std::string_view format, std::span<const FormatArg> args) {

@@ -1,12 +1,14 @@
 // The service log: the one text file that tells what the whole service does, bounded by rotation
-// into a single backup. Any thread may log at any time; a named mutex serialises the lines, also
-// between processes, and a thread that dies inside a line doesn't stop the next one.
+// into a single backup. Any thread may log at any time; a mutex of the process's own serialises the
+// lines, a named one those of several processes, and a thread that dies inside a line doesn't stop
+// the next one. Nobody else can either: a name or a named mutex that is somebody else's isn't used.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string_view>
 
+#include "platform/mutex.h"
 #include "service/diagnostics/format.h"
 
 namespace stewardry {
@@ -18,6 +20,10 @@ bool ServiceLog_Start(const char* path, std::uint32_t maxSize);
 // Flushes and closes the file and ends the log: lines written from then on are dropped. Does
 // nothing without a log. Safe while other threads log.
 void ServiceLog_Close();
+
+// The mutex that a thread of this process holds while it writes a line; null before the first line
+// or start. It lives as long as the process. Any thread.
+const platform::Mutex* ServiceLog_Mutex();
 
 // The header word of a line, with its blanks.
 enum class LogHeader { kInfo, kWarn, kError };

@@ -2,8 +2,9 @@
 #include "service/diagnostics/wmi_log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <string>
 
 #include "platform/clock.h"
@@ -23,6 +24,9 @@ struct WmiLog {
 };
 
 namespace {
+
+// Release and acquire: who sees the pointer sees the log behind it.
+std::atomic<WmiLog*> gWmiLog{nullptr};
 
 constexpr std::size_t kLineSize = 1024;
 constexpr std::uint32_t kLimit = 0xA00000;  // 10 MiB
@@ -80,15 +84,22 @@ void WriteLine(const char* level, const char* tag, const char* text) {
 
 }  // namespace
 
-// Never destroyed, so that a thread which outlives the service can still log.
+// Never destroyed, so that a thread which outlives the service can still log. Made without a guard
+// that a thread ended within it would keep.
 WmiLog& WmiLog_Get() {
-  static WmiLog* log = [] {
-    auto* made = new WmiLog;
-    made->mutex = platform::CreateMutexA(nullptr);
-    if (!made->mutex) platform::ExitProcess(0);
-    return made;
-  }();
-  return *log;
+  if (WmiLog* log = gWmiLog.load(std::memory_order_acquire)) return *log;
+  auto made = std::make_unique<WmiLog>();
+  made->mutex = platform::CreateMutexA(nullptr);
+  if (!made->mutex) platform::ExitProcess(0);
+  WmiLog* expected = nullptr;
+  if (gWmiLog.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+    return *made.release();
+  return *expected;
+}
+
+const platform::Mutex* WmiLog_Mutex() {
+  const WmiLog* log = gWmiLog.load(std::memory_order_acquire);
+  return log != nullptr ? &log->mutex : nullptr;
 }
 
 int WmiLog_Open(const char* path, std::uint32_t limit) {

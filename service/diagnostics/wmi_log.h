@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "platform/mutex.h"
 #include "service/diagnostics/format.h"
 
 namespace stewardry {
@@ -15,6 +16,10 @@ struct WmiLog;
 
 // The single object, made on first use; ends the process if its mutex can't be made. Any thread.
 WmiLog& WmiLog_Get();
+
+// The mutex that a thread holds while it writes a line; null before the first use. It lives as long
+// as the process. Any thread.
+const platform::Mutex* WmiLog_Mutex();
 
 // Starts the log on tavrinWMI.log in the log folder and writes the banner with what "ver" prints.
 // Called once, from the server thread.

@@ -2,11 +2,9 @@
 #include "service/gateway/connection.h"
 
 #include "platform/socket.h"
-#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/ip_config.h"
 #include "service/inventory/records.h"
-#include "service/inventory/status_report.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -20,15 +18,15 @@ Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer) {
   return result;
 }
 
-bool FirmwareIsReady() {
+bool FirmwareIsReady(const ReportMark* mark) {
   std::uint8_t OrrinStatus = kOrrinNoAnswer;
   GetOrrinStatus(&OrrinStatus);
   if (OrrinStatus == kOrrinNoAnswer) {
     LogInfo("ORRIN Status return failed");
     return false;
   }
-  if (OrrinStatus == kOrrinDown) ResendSystemInfo();
-  return true;
+  if (OrrinStatus == kOrrinDown) ResendSystemInfo(mark);
+  return mark == nullptr || mark->Holds();
 }
 
 void AnnounceConnection(const RelayKind& relay, const RemoteAddress& peer) {
@@ -65,10 +63,6 @@ ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buf
   LogInfo(" read size %d", data.sendSize);
   (void)relay.write(&data);  // the bytes of a failed request are gone; the connection goes on
   return ReadOutcome::kForwarded;
-}
-
-void SlotMark::AwaitEndOfUse() const {
-  while (used_.load(std::memory_order_seq_cst)) platform::Sleep(0);
 }
 
 }  // namespace stewardry

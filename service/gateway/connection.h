@@ -3,9 +3,10 @@
 // close of another. The steps that differ, and their order, are each relay's own.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
+#include "service/inventory/status_report.h"
+#include "service/mailbox/slot_mark.h"
 #include "sock/sock.h"
 
 namespace stewardry {
@@ -29,9 +30,10 @@ struct RelayKind {
 // and the listener is as good as before; after a logged line RESULT_FAILED. The server thread.
 Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer);
 
-// True if the firmware answers. One that says that it has been down is told everything again first.
-// Waits for the firmware without a time-out; a server thread.
-bool FirmwareIsReady();
+// True if the firmware answers. One that says that it has been down is told everything again first;
+// false if `mark`, where given, has ended that report. Waits for the firmware without a time-out; a
+// server thread.
+bool FirmwareIsReady(const ReportMark* mark = nullptr);
 
 // Tells the firmware of the peer, before the first byte of its connection can reach it. Waits for
 // the firmware without a time-out; a server thread.
@@ -53,33 +55,5 @@ enum class ReadOutcome { kNothing, kForwarded, kEnded };
 // read that failed. A server thread.
 ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buffer,
                            std::uint32_t* size);
-
-// Keeps apart the reader thread, which writes to the socket in a slot, and the thread that closes
-// that socket. The writer holds a Use from before it reads the slot until its write is over; the
-// closer clears the slot and then awaits the end of a use. All of it is sequentially consistent:
-// either the writer finds the slot cleared, or the closer finds the mark and waits. So the writer
-// never meets a socket number that has been given to somebody else.
-class SlotMark {
- public:
-  // One at a time: the reader thread's.
-  class Use {
-   public:
-    explicit Use(SlotMark* mark) : mark_(mark) {
-      mark_->used_.store(true, std::memory_order_seq_cst);
-    }
-    Use(const Use&) = delete;
-    Use& operator=(const Use&) = delete;
-    ~Use() { mark_->used_.store(false, std::memory_order_release); }
-
-   private:
-    SlotMark* mark_;
-  };
-
-  // Returns once a use that may have seen the slot's old value is over; a use doesn't block.
-  void AwaitEndOfUse() const;
-
- private:
-  std::atomic<bool> used_{false};
-};
 
 }  // namespace stewardry

@@ -136,7 +136,8 @@ bool AcceptConnection(Selector* sel, Handler* listener) {
   const Result result = accepted.Accept(listener->sock, &peer);
   if (result != RESULT_OK) return result == RESULT_WOULD_BLOCK;
   ReplaceConnection(sel);
-  if (!FirmwareIsReady()) return false;
+  const ReportMark mark = ServerMark();
+  if (!FirmwareIsReady(&mark)) return false;
   accepted.EnterSlot();
   AnnounceConnection(kDashRelay, peer);
   if (StartConnection(sel, &accepted)) return true;
@@ -197,6 +198,7 @@ std::uint8_t HTTPSCallback(Selector*, Handler* handler, std::uint32_t mask, std:
   }
   if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) != 0) {
     const LettingGo gone(handler);
+    if (ServerStops()) return 1;  // a thread that was ended would say nothing either
     if ((mask & SELECTOR_REMOVE) != 0) LogInfo("Selector remove called for HTTPS callback");
   } else if ((mask & SELECTOR_READ_CLOSE) != 0) {
     LogInfo("SELECTOR_READ_CLOSE called");

@@ -8,6 +8,7 @@
 #include "platform/process.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
+#include "service/mailbox/slot_mark.h"
 
 namespace stewardry {
 
@@ -23,6 +24,8 @@ std::span<const PortCallback> gPortCallbacks;
 // when the listener has been closed or the bind has failed. Acquire and release: who takes the port
 // finds it free.
 std::atomic<bool> gKvmPortTaken{false};
+
+StopMark<Selector> gServerStop;
 
 constexpr std::uint64_t kRunMicroseconds = 10'000'000;
 
@@ -61,14 +64,23 @@ struct ServerKind {
   const char* proceedLine;
   std::atomic<std::int32_t>* rebindCount;
   std::atomic<bool>* portTaken;  // null: nobody else ever wants the port
+  StopMark<Selector>* stop;      // null: the server ends with the process
+
+  bool Stops() const { return stop != nullptr && stop->IsSet(); }
 };
 
-const ServerKind kHttpsServer = {kHttpsPort, "HTTPS binding failed",
+const ServerKind kHttpsServer = {kHttpsPort,
+                                 "HTTPS binding failed",
                                  "After HTTPS port binding, proceed to selector run",
-                                 &gHttpsRebindCount, nullptr};
-const ServerKind kKvmServer = {22, "VNC binding failed",
+                                 &gHttpsRebindCount,
+                                 nullptr,
+                                 &gServerStop};
+const ServerKind kKvmServer = {22,
+                               "VNC binding failed",
                                "After KVM port binding, proceeding to selector run",
-                               &gKvmRebindCount, &gKvmPortTaken};
+                               &gKvmRebindCount,
+                               &gKvmPortTaken,
+                               nullptr};
 
 // True if the calling server is the one that binds from now on.
 bool TakePort(const ServerKind& server) {
@@ -80,25 +92,31 @@ void LeavePort(const ServerKind& server) {
   if (server.portTaken != nullptr) server.portTaken->store(false, std::memory_order_release);
 }
 
-// Destroys the selector on every way out, also when the thread is ended within a run.
+// Destroys the selector on every way out, also when the thread is ended within a run. Lends it to
+// whoever asks its server to stop.
 class OwnedSelector {
  public:
-  OwnedSelector() { (void)Selector_Init(&selector_); }  // without one the bind and run fail
+  explicit OwnedSelector(const ServerKind& server) : stop_(server.stop) {
+    (void)Selector_Init(&selector_);  // without one the bind and run fail
+    if (stop_ != nullptr && selector_.state != nullptr) stop_->Lend(&selector_);
+  }
   OwnedSelector(const OwnedSelector&) = delete;
   OwnedSelector& operator=(const OwnedSelector&) = delete;
   ~OwnedSelector() {
     const platform::StayInThread stay;
+    if (stop_ != nullptr) stop_->TakeBack();
     Selector_Destroy(&selector_);
   }
   Selector* Get() { return &selector_; }
 
  private:
+  StopMark<Selector>* stop_;
   Selector selector_;
 };
 
-// One bind and the runs on it, until a run fails.
+// One bind and the runs on it, until a run fails or the server is to stop.
 void ServeOnce(const ServerKind& server) {
-  OwnedSelector sel;
+  OwnedSelector sel(server);
   if (!BindListener(sel.Get(), server.port)) {
     LogInfo("%s", server.failureLine);
     LeavePort(server);
@@ -107,15 +125,17 @@ void ServeOnce(const ServerKind& server) {
   Result result;
   do {
     result = Selector_Run(sel.Get(), kRunMicroseconds, false);
-  } while (result == RESULT_OK || result == RESULT_TIME_OUT);
+  } while (!server.Stops() && (result == RESULT_OK || result == RESULT_TIME_OUT));
+  if (server.Stops()) return;
   LogInfo("Selector run failed");
   LogInfo("Should not reach here. Distroy selector and rebind.");
 }
 
-// Binds anew until the budget is spent, or the port is another server's.
+// Binds anew until the budget is spent, the port is another server's, or the server is to stop.
 void Serve(const ServerKind& server) {
-  for (;;) {
+  while (!server.Stops()) {
     ServeOnce(server);
+    if (server.Stops()) return;
     if (server.rebindCount->load(std::memory_order_relaxed) >= kRebindBudget) return;
     if (!TakePort(server)) return;
     server.rebindCount->fetch_add(1, std::memory_order_relaxed);
@@ -169,8 +189,24 @@ bool BindListener(Selector* selector, std::uint32_t port) {
 
 void RunServer() {
   Serve(kHttpsServer);
-  platform::ExitProcess(0);
+  if (!ServerStops()) platform::ExitProcess(0);
 }
+
+// A posted call stays listed until a run takes it, so it also ends a run that hasn't begun.
+void AskServerToStop() {
+  static PostedCall call{};
+  gServerStop.Ask([](Selector* selector) {
+    call.callback = [](void* running, Message*) {
+      Selector_StopRunning(static_cast<Selector*>(running));
+    };
+    call.callbackData = selector;
+    Selector_Post(selector, &call, [](Message*) {});
+  });
+}
+
+bool ServerStops() { return gServerStop.IsSet(); }
+
+ReportMark ServerMark() { return {&gServerStop.Word(), 0}; }
 
 std::uint32_t RunKVMServer(void*) {
   Serve(kKvmServer);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 
+#include "service/inventory/status_report.h"
 #include "sock/selector.h"
 
 namespace stewardry {
@@ -30,8 +31,17 @@ void SetPortCallbacks(std::span<const PortCallback> callbacks);
 // callback, with SELECTOR_ADD. True on success; after a logged failure nothing stays open.
 bool BindListener(Selector* selector, std::uint32_t port);
 
-// The HTTPS server. Does not come back: when the rebind budget is spent it ends the process.
+// The HTTPS server. When the rebind budget is spent it ends the process; it returns only when it
+// was asked to stop, without a line and with its sockets closed.
 void RunServer();
+
+// Asks the server thread to leave and wakes it. It begins nothing new from then on, and writes
+// nothing once the step that it is in has ended. For the rest of the process; the control handler's
+// thread.
+void AskServerToStop();
+bool ServerStops();
+// What the server thread's reports look at.
+ReportMark ServerMark();
 
 // The KVM server, a thread entry; the parameter is not used. Result 0 when its budget is spent, or
 // when another server has taken the port while this one had no listener. Started by StartKVMServer.

@@ -10,6 +10,8 @@
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
+#include "service/diagnostics/thread_end.h"
+#include "service/gateway/listeners.h"
 #include "service/host/start_up.h"
 #include "service/inventory/address_watch.h"
 #include "service/inventory/battery_report.h"
@@ -17,6 +19,7 @@
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
+#include "service/mailbox/reader.h"
 
 namespace stewardry {
 
@@ -47,11 +50,12 @@ struct PowerBroadcastSetting {
 };
 static_assert(sizeof(PowerBroadcastSetting) == 24);
 
-void EndThread(int slot, const char* failureLine) {
-  const platform::Thread& thread = gServiceThreads->thread[slot];
-  std::uint32_t Exitcode = 0;
-  if (!platform::GetExitCodeThread(thread, &Exitcode)) LogInfo("GetExitCodeThread failed");
-  if (!platform::TerminateThread(thread, Exitcode)) LogInfo("%s", failureLine);
+// Both threads are asked at once, so that they leave side by side.
+void EndThreads(const char* readerFailureLine) {
+  AskServerToStop();
+  AskReaderToStop();
+  AwaitOrEndThread(gServiceThreads->thread[kServerThread], "TerminateThread failed");
+  AwaitOrEndThread(gServiceThreads->thread[kReaderThread], readerFailureLine);
 }
 
 void StopService() {
@@ -61,8 +65,7 @@ void StopService() {
   gTavrinRunning.store(0, std::memory_order_relaxed);
   UnregisterNetworkEvent();
   LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
-  EndThread(kServerThread, "TerminateThread failed");
-  EndThread(kReaderThread, "TerminateThread failed");
+  EndThreads("TerminateThread failed");
   if (!platform::CancelIoEx(*gRequestDevice, nullptr))
     LogInfo("CancelIoEx failed. Error status %d", platform::LastError());
   // Without the event SvcInit goes on waiting: the service manager sees it pending for ever.
@@ -77,8 +80,7 @@ void PrepareShutdown() {
   (void)SetS5Status();  // logs its own failure; the steps below are due either way
   LogInfo("Shutdown Command sent to ORRIN");
   LogInfo("CancelIO called preshutdown");
-  EndThread(kServerThread, "TerminateThread failed");
-  EndThread(kReaderThread, "Terminatethread failed");
+  EndThreads("Terminatethread failed");
   if (!platform::CancelIoEx(*gRequestDevice, nullptr))
     LogInfo("CancelIoEx failed %d", platform::LastError());
 }

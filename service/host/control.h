@@ -1,5 +1,5 @@
-// What the service manager calls: stop, preshutdown, power and session events. Stopping is not a
-// cooperative wind-down: the two long-lived threads are ended from outside.
+// What the service manager calls: stop, preshutdown, power and session events. Stopping waits for
+// nobody: the two long-lived threads are asked to leave, and ended from outside soon after.
 #pragma once
 
 #include <atomic>

@@ -1,8 +1,12 @@
 // The resume report.
 #include "service/host/resume.h"
 
+#include <atomic>
+#include <cstdint>
+
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
+#include "service/diagnostics/thread_end.h"
 #include "service/host/start_up.h"
 #include "service/inventory/status_report.h"
 #include "service/mailbox/messages.h"
@@ -11,12 +15,15 @@ namespace stewardry {
 
 namespace {
 
-void EndEarlierReport(const platform::Thread& thread) {
-  if (!thread) return;
-  std::uint32_t exitCode = 0;
-  if (!platform::GetExitCodeThread(thread, &exitCode)) LogInfo("GetExitCodeThread failed");
-  if (!platform::TerminateThread(thread, exitCode))
-    LogInfo("TerminateThread for ORRIN_TAVRIN_CMD_S0i3_RESUME failed");
+// The resume report that is wanted: the latest one. Written by the reader thread; a report that
+// finds another number than its own leaves.
+std::atomic<std::uint32_t> gResumeCount{0};
+
+// The parameter is the report's number.
+std::uint32_t RunResumeReport(void* number) {
+  ReportMark mark{&gResumeCount,
+                  static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(number))};
+  return SendSystemInfo(&mark);
 }
 
 }  // namespace
@@ -27,9 +34,12 @@ void ResumeReport() {
     return;
   }
   platform::Thread& thread = gServiceThreads->thread[kResumeThread];
-  EndEarlierReport(thread);
+  const std::uint32_t number = gResumeCount.fetch_add(1, std::memory_order_relaxed) + 1;
+  // A thread that is ended where it stands may take the heap or the loader's lock with it, which
+  // a service that lives on needs. So the older report is asked first.
+  if (thread) AwaitOrEndThread(thread, "TerminateThread for ORRIN_TAVRIN_CMD_S0i3_RESUME failed");
   thread.Reset();
-  thread = platform::CreateThread(SendSystemInfo, nullptr);
+  thread = platform::CreateThread(RunResumeReport, reinterpret_cast<void*>(std::uintptr_t{number}));
 }
 
 }  // namespace stewardry

@@ -3,8 +3,9 @@
 
 namespace stewardry {
 
-// Ends the report of an earlier resume wherever it stands and starts a new one on a thread of its
-// own, if the firmware is provisioned. The reader thread.
+// Lets the report of an earlier resume leave, ends it from outside if it doesn't within 150
+// milliseconds, and starts a new one on a thread of its own, if the firmware is provisioned. The
+// reader thread.
 void ResumeReport();
 
 }  // namespace stewardry

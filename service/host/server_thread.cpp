@@ -34,7 +34,8 @@ void MakeStartupReport() {
   gReportDone = true;
   std::uint8_t status = kOrrinNoAnswer;
   GetOrrinStatus(&status);  // asked for the firmware's sake; the answer changes nothing here
-  SendSystemInfo(nullptr);
+  ReportMark mark = ServerMark();
+  SendSystemInfo(&mark);
 }
 
 }  // namespace
@@ -44,7 +45,8 @@ void ServerStartup() {
   StartPipeThreads();
   (void)Sock_Start();  // without sockets the bind fails and says so
   WmiLog_Start();
-  MakeStartupReport();
+  if (!ServerStops()) MakeStartupReport();
+  if (ServerStops()) return;
   (void)WlanRegisterWifiNotification();  // logs its own failure; the link then goes unwatched
   // Nothing is left to store: while KVM is off the peer is 0, from the process's start as from each
   // session's end. While it is on, the peer is the one that the firmware has named to the reader

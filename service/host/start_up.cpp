@@ -1,6 +1,7 @@
 // Process entry and service start-up.
 #include "service/host/start_up.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,7 @@
 #include "platform/file.h"
 #include "platform/process.h"
 #include "platform/thread.h"
+#include "platform/wmi.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
@@ -32,6 +34,7 @@ platform::ProcessLifetime<ServiceThreads> gServiceThreads;
 
 namespace {
 
+constexpr std::chrono::seconds kHandlerPatience{5};
 constexpr std::uint32_t kLogLimit = 0xA00000;  // 10 MiB
 constexpr std::size_t kLogPathSize = 256;
 
@@ -54,16 +57,6 @@ void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint
                   std::uint32_t checkPoint) {
   SetReportedStatus(
       {kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0});
-}
-
-// Lets the control handler come to its end, so that SERVICE_STOPPED is the last report: a pending
-// one behind it would stand for ever, or make the manager take the end of the process for a
-// failure. A lock around each report won't do, since a manager may let no other report through
-// while it waits for the handler. A handler that hangs is given up.
-void AwaitStopPath() {
-  constexpr int kPatienceMilliseconds = 5000;
-  for (int i = 0; i < kPatienceMilliseconds && gStopPathRuns.load(std::memory_order_acquire); ++i)
-    platform::Sleep(1);
 }
 
 void FailStart() { ReportStatus(kServiceStopped, 0, platform::LastError(), 1); }
@@ -98,6 +91,15 @@ void SetReportedStatus(const platform::ServiceStatus& status) {
   (void)platform::SetServiceStatus(gServiceStatusHandle, status);
 }
 
+// A lock around each report won't do, since a manager may let no other report through while it
+// waits for the handler.
+void AwaitStopPath(std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  // Not turns: one may last a timer's tick of 16 ms.
+  while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
+    platform::Sleep(1);
+}
+
 bool InitServiceLog() {
   char szAllUsersProfile[platform::kMaxPath];
   if (!MakeLogFolder() || !platform::GetCommonAppDataFolder(szAllUsersProfile)) return false;
@@ -109,6 +111,9 @@ bool InitServiceLog() {
 }
 
 void SvcInit(std::uint32_t, char**) {
+  // A thread that is ended in an access to WMI may have the loader's lock if the access loads WMI's
+  // libraries or lets them go. A Windows without this call does so each time.
+  (void)platform::CoIncrementMTAUsage();
   DetectChassis();
   LogInfo("%s line: %d Starting", "SvcInit", 361);
   *gServiceStopEvent = platform::CreateEventA(true, false);
@@ -122,7 +127,7 @@ void SvcInit(std::uint32_t, char**) {
   ReportServiceEvent("SvcInit-After CreateThread", kEventInformation);
   ReportStatus(kServiceRunning, kServiceAcceptStop | kServiceAcceptPreshutdown, 0, 0);
   (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
-  AwaitStopPath();
+  AwaitStopPath(kHandlerPatience);
   ReportStatus(kServiceStopped, 0, 0, 3);
 }
 

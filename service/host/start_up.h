@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "platform/event.h"
@@ -51,6 +52,11 @@ extern platform::ProcessLifetime<ServiceThreads> gServiceThreads;
 // The process's course, by its first argument: "ult" in the foreground, "install", or the service.
 // Always 0.
 int RunProcess(int argc, char** argv);
+
+// Lets the control handler come to its end, so that SERVICE_STOPPED is the last report: a pending
+// one behind it would stand for ever, or make the manager take the end of the process for a
+// failure. A handler that hangs is given up after `patience`. SvcInit's thread.
+void AwaitStopPath(std::chrono::milliseconds patience);
 
 // Makes the log folders, starts the service log and writes the banner. True if the log is open.
 bool InitServiceLog();

@@ -2,6 +2,8 @@
 #include "service/inventory/address_watch.h"
 
 #include "platform/address_change.h"
+#include "platform/event.h"
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/ip_config.h"
 #include "service/inventory/link_watch.h"
@@ -44,6 +46,13 @@ class Entry {
   const bool isFirst_;
 };
 
+std::uint32_t GiveHandleBack(void*) {
+  const platform::RawHandle handle = gIpChangeHandle.exchange(nullptr, std::memory_order_acq_rel);
+  if (handle != nullptr && platform::CancelMibChangeNotify2(handle) == 0)
+    LogInfo("CancelMibChangeNotify2 Passed");
+  return 0;
+}
+
 }  // namespace
 
 std::uint32_t RegisterNetworkEvent() {
@@ -56,10 +65,15 @@ std::uint32_t RegisterNetworkEvent() {
   return 1;
 }
 
+// The platform waits for a callback at work, which may be waiting for a firmware that never
+// answers. So a thread of its own gives the handle back, and is left to itself when that takes too
+// long.
 void UnregisterNetworkEvent() {
-  const platform::RawHandle handle = gIpChangeHandle.exchange(nullptr, std::memory_order_acq_rel);
-  if (handle == nullptr) return;
-  if (platform::CancelMibChangeNotify2(handle) == 0) LogInfo("CancelMibChangeNotify2 Passed");
+  constexpr std::uint32_t kPatienceMs = 1000;
+  if (gIpChangeHandle.load(std::memory_order_acquire) == nullptr) return;
+  const platform::Thread thread = platform::CreateThread(GiveHandleBack, nullptr);
+  if (!thread) return;  // the watch stays until the process ends
+  (void)platform::WaitForSingleObject(thread, kPatienceMs);
 }
 
 void IpInterfaceChangeCallback(void* context, const void* row, std::uint32_t notificationType) {

@@ -25,8 +25,9 @@ extern std::atomic<std::uint32_t> gIpChangeEntry;
 std::uint32_t RegisterNetworkEvent();
 
 // Gives the watch's handle back and says so in the service log if that worked. Nothing without a
-// watch. Waits for a callback that is at work, and so for the firmware that it may be talking to;
-// must not be called from one.
+// watch. Waits up to a second for a callback that is at work, which may be talking to a firmware
+// that doesn't answer: the rest then happens on a thread of its own. Must not be called from a
+// callback.
 void UnregisterNetworkEvent();
 
 // A change of the host's interfaces: reports an address that hasn't been reported. `row` isn't

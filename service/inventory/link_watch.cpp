@@ -99,7 +99,6 @@ class ChangeLog final : public ReportLines {
     const std::size_t length = FormatText(text, sizeof text, format, args);
     // A trace for engineers: what the disk doesn't take is lost.
     (void)platform::WriteStream(stream_, text, length);
-    (void)platform::FlushStream(stream_);
   }
 
   platform::Stream stream_;

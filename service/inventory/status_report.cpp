@@ -1,6 +1,7 @@
 // The report, step by step in SendSystemInfo. The firmware relies on the order of the messages.
 #include "service/inventory/status_report.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -77,22 +78,40 @@ void ReportNoNetwork() {
   WriteNwInfo(&none);
 }
 
-void WaitForNetwork() {
+bool IsWanted(const ReportMark* mark) { return mark == nullptr || mark->Holds(); }
+
+void WaitForNetwork(const ReportMark* mark) {
   bool connected = false;
-  for (std::uint32_t turn = 1; !connected; ++turn) {
+  for (std::uint32_t turn = 1; !connected && IsWanted(mark); ++turn) {
     std::uint32_t flags = 0;
     connected = platform::InternetGetConnectedState(&flags);
     platform::Sleep(kNetworkPollMs);
-    if (turn == kNoNetworkTurn) ReportNoNetwork();
+    if (turn == kNoNetworkTurn && IsWanted(mark)) ReportNoNetwork();
   }
 }
 
-void ReportAddress(ReportLines* lines) {
+void ReportAddress() {
+  ServiceLogLines lines;
   const bool wlan = WlanIsConnected() == 0;
   LogInfo("System is connected to %s", wlan ? "WLAN" : "LAN");
   LogInfo("Getting value from GetIPCompleteInfomartion");
   GetIPCompleteInfomartion(&gIPInfo, kReportPort, wlan ? kWirelessAdapter : kAnyAdapter);
-  SendIpReport(lines);
+  SendIpReport(&lines);
+}
+
+void ReportAdapter() {
+  ServiceLogLines lines;
+  SendAdapterReport(&lines);
+}
+
+// Before and behind the wait for a network.
+constexpr void (*kFirstSteps[])() = {ReportServiceUp, ReportOperatingSystem,
+                                     RefreshFirmwareVersion};
+constexpr void (*kNetworkSteps[])() = {ReportAddress, SendSystemBooted, ReportAdapter};
+
+void TakeSteps(const ReportMark* mark, std::span<void (*const)()> steps) {
+  for (const auto step : steps)
+    if (IsWanted(mark)) step();
 }
 
 bool ReadOperatingSystem(const platform::WbemObject& row, OperationSysSInfo* record) {
@@ -107,21 +126,17 @@ bool ReadOperatingSystem(const platform::WbemObject& row, OperationSysSInfo* rec
 
 }  // namespace
 
-std::uint32_t SendSystemInfo(void*) {
-  ServiceLogLines lines;
-  ReportServiceUp();
-  ReportOperatingSystem();
-  RefreshFirmwareVersion();
-  WaitForNetwork();
-  ReportAddress(&lines);
-  SendSystemBooted();
-  SendAdapterReport(&lines);
+std::uint32_t SendSystemInfo(void* given) {
+  const auto* mark = static_cast<const ReportMark*>(given);
+  TakeSteps(mark, kFirstSteps);
+  WaitForNetwork(mark);
+  TakeSteps(mark, kNetworkSteps);
   return 0;
 }
 
-void ResendSystemInfo() {
+void ResendSystemInfo(const ReportMark* mark) {
   LogInfo("ORRIN is down pass nonDASH commands");
-  (void)SendSystemInfo(nullptr);  // always 0
+  (void)SendSystemInfo(const_cast<ReportMark*>(mark));  // always 0; a thread's entry takes no const
 }
 
 std::uint32_t GetOSinformation(OperationSysSInfo* record) {

@@ -14,14 +14,24 @@ namespace stewardry {
 // looks at nothing else because of it, so every access is relaxed.
 extern std::atomic<std::uint32_t> gTavrinRunning;
 
-// Sends the report and gives 0. The parameter isn't used: the routine can be a thread's entry
-// (platform::ThreadEntry). It waits, without a bound, until the host has a network connection.
-// Failures are logged where they happen, and the report goes on with its next step. Sock_Start must
-// have run. Reports of several threads may overlap.
-std::uint32_t SendSystemInfo(void* parameter);
+// By what a report learns that nobody wants it any more: the word has another value than the one
+// that it had for this report.
+struct ReportMark {
+  const std::atomic<std::uint32_t>* word;
+  std::uint32_t value;
+  // Relaxed: nothing else is told by it.
+  bool Holds() const { return word->load(std::memory_order_relaxed) == value; }
+};
+
+// Sends the report and gives 0. `mark` is null or a const ReportMark, which is looked at before
+// each step and in the wait for a network: the report ends there once it doesn't hold. The routine
+// can be a thread's entry (platform::ThreadEntry). It waits, without a bound, until the host has a
+// network connection. Failures are logged where they happen, and the report goes on with its next
+// step. Sock_Start must have run. Reports of several threads may overlap.
+std::uint32_t SendSystemInfo(void* mark);
 
 // The report after the firmware was found to have been down.
-void ResendSystemInfo();
+void ResendSystemInfo(const ReportMark* mark = nullptr);
 
 // Fills the WMI texts and OSType of *record, which the caller has zeroed. 0, or 1 on a WMI failure,
 // which leaves them as they were. Any thread.

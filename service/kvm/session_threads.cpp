@@ -3,6 +3,7 @@
 
 #include "platform/event.h"
 #include "service/diagnostics/service_log.h"
+#include "service/diagnostics/thread_end.h"
 
 namespace stewardry {
 
@@ -18,19 +19,13 @@ namespace {
 // Longer than any step between two looks at the mark, a hung agent's start apart.
 constexpr std::uint32_t kPatienceMilliseconds = 2000;
 
-// A thread that is ended by force may run for a moment after the call.
-bool EndByForce(const platform::Thread& thread, std::uint32_t exitCode) {
-  return platform::TerminateThread(thread, exitCode) &&
-         platform::WaitForSingleObject(thread, kPatienceMilliseconds) == platform::kWaitObject0;
-}
-
 void EndSessionThread(platform::Thread* thread, std::atomic<bool>* stop, const char* failureLine) {
   if (!*thread) return;
   stop->store(true, std::memory_order_relaxed);
   (void)platform::WaitForSingleObject(*thread, kPatienceMilliseconds);  // the exit code tells
   std::uint32_t exitCode = platform::kStillActive;
   if (!platform::GetExitCodeThread(*thread, &exitCode)) LogInfo("GetExitCodeThread failed");
-  if (exitCode == platform::kStillActive && !EndByForce(*thread, exitCode)) {
+  if (exitCode == platform::kStillActive && !EndThreadBetweenLines(*thread, exitCode)) {
     LogInfo("%s", failureLine);
     return;  // handle and mark stay with the thread
   }

@@ -32,11 +32,6 @@ struct Answer {
 class CaptureFile {
  public:
   CaptureFile() : stream_(platform::OpenStream(kFirmwareLogPath, "a+")) {}
-  CaptureFile(const CaptureFile&) = delete;
-  CaptureFile& operator=(const CaptureFile&) = delete;
-  ~CaptureFile() {
-    if (stream_) Flush();
-  }
   explicit operator bool() const { return static_cast<bool>(stream_); }
 
   template <class... Args>
@@ -45,7 +40,6 @@ class CaptureFile {
     const std::size_t length = FormatTo(text, sizeof text, format, args...);
     (void)platform::WriteStream(stream_, text, length);
   }
-  void Flush() { (void)platform::FlushStream(stream_); }
 
  private:
   platform::Stream stream_;
@@ -88,7 +82,6 @@ void WriteEntry(LogRing* ring, std::uint32_t index, CaptureFile* file) {
   std::memcpy(line, &copy, sizeof copy);
   line[sizeof copy] = 0;
   file->Write("%s\n", PrintableText(line));
-  file->Flush();
 }
 
 void WriteEntries(LogRing* ring, std::uint32_t from, std::uint32_t end, CaptureFile* file) {
@@ -98,7 +91,7 @@ void WriteEntries(LogRing* ring, std::uint32_t from, std::uint32_t end, CaptureF
 void CopyNewLines(LogRing* ring, const Indexes& indexes, std::int32_t delta, CaptureFile* file) {
   if (delta == 0) {
     file->Write("No new data logged\n");
-    return file->Flush();
+    return;
   }
   if (delta > 0) {
     const std::uint32_t end = indexes.read + static_cast<std::uint32_t>(delta);
@@ -120,7 +113,6 @@ void CaptureRing(LogRing* ring, CaptureFile* file) {
   const auto delta =
       static_cast<std::int32_t>(indexes.write) - static_cast<std::int32_t>(indexes.read);
   file->Write("Starting log buffer capture at %s\n", TimeText().text);
-  file->Flush();
   // The first capture starts at entry 0 and takes as many lines as were new before that. Both
   // indexes are legal, so the end of these lines is no later than the write index.
   if (gLogFirstCapture.exchange(0, std::memory_order_relaxed) != 0) {
@@ -128,7 +120,6 @@ void CaptureRing(LogRing* ring, CaptureFile* file) {
     StoreReadIndex(ring, 0);
   }
   file->Write("read pointer: %d\t write pointer: %d\n", indexes.read, indexes.write);
-  file->Flush();
   CopyNewLines(ring, indexes, delta, file);
   file->Write("Ending log buffer capture at %s\n", TimeText().text);
 }

@@ -6,6 +6,8 @@
 //    is taken, so frames are handled strictly one at a time.
 // 3. No buffer goes while a read into it is in flight: on every way out the reads are cancelled
 //    and waited for first.
+// 4. A reader that was asked to stop handles no frame, arms no slot and writes no line any more, as
+//    if it had been ended there.
 #include "service/mailbox/reader.h"
 
 #include <algorithm>
@@ -19,6 +21,7 @@
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/dispatcher.h"
+#include "service/mailbox/slot_mark.h"
 
 namespace stewardry {
 
@@ -26,7 +29,10 @@ namespace {
 
 constexpr std::size_t kSlots = 10;
 constexpr std::uint64_t kCompletionKey = 1;
+constexpr std::uint64_t kStopKey = 2;
 constexpr std::size_t kPage = 4096;
+
+StopMark<platform::CompletionPort> gReaderStop;
 
 // A frame's room. Page-aligned: a copy to or from a buffer that begins a few bytes into a page is
 // many times slower on common processors.
@@ -65,15 +71,19 @@ class ReadSlots {
 
 ReadSlots::~ReadSlots() {
   const platform::StayInThread stay;
+  gReaderStop.TakeBack();
   if (InFlight() > 0) (void)platform::CancelIoEx(*gInterruptDevice, nullptr);  // or they finished
   while (InFlight() > 0) {
     std::uint32_t bytes;
-    std::uint64_t key;
+    std::uint64_t key = kCompletionKey;
     platform::RequestRecord* record = nullptr;
     (void)platform::GetQueuedCompletionStatus(port_, &bytes, &key,
                                               &record);  // aborted, most likely
-    if (SlotOf(record) == kSlots) break;                 // the port itself has failed
-    inFlight_[SlotOf(record)] = false;
+    if (SlotOf(record) < kSlots) {
+      inFlight_[SlotOf(record)] = false;
+    } else if (key != kStopKey) {
+      break;  // the port itself has failed
+    }
   }
   gInterruptDevice->Reset(platform::InvalidHandleValue());
 }
@@ -85,8 +95,12 @@ bool ReadSlots::Open() {
     return false;
   }
   port_ = platform::CreateIoCompletionPort(*gInterruptDevice, kCompletionKey);
-  if (!port_) LogInfo("Cannot open completion port %d", platform::LastError());
-  return static_cast<bool>(port_);
+  if (!port_) {
+    LogInfo("Cannot open completion port %d", platform::LastError());
+    return false;
+  }
+  gReaderStop.Lend(&port_);
+  return true;
 }
 
 bool ReadSlots::Arm(std::size_t slot) {
@@ -117,11 +131,13 @@ bool ReadSlots::Turn() {
   const bool taken = platform::GetQueuedCompletionStatus(port_, &nobytesret, &key, &completedOv);
   const std::size_t slot = SlotOf(completedOv);
   if (slot < kSlots) inFlight_[slot] = false;
+  if (gReaderStop.IsSet()) return false;
   if (!taken || slot >= kSlots) {
     LogInfo("GetQueuedCompletionStatus failed %d", platform::LastError());
     return false;
   }
   if (nobytesret > 0) Processread(nobytesret, buffer_[slot]->bytes);
+  if (gReaderStop.IsSet()) return false;
   if (Arm(slot)) return true;
   LogInfo("Asynchronous read command failed %u", platform::LastError());
   return false;
@@ -131,14 +147,21 @@ void ReadFrames() {
   ReadSlots slots;
   if (!slots.Open() || !slots.ArmAll()) return;
   LogInfo("intThreadFunction before Processread");
-  while (slots.Turn()) {
+  while (!gReaderStop.IsSet() && slots.Turn()) {
   }
 }
 
 }  // namespace
 
+void AskReaderToStop() {
+  gReaderStop.Ask([](const platform::CompletionPort* port) {
+    (void)platform::PostQueuedCompletionStatus(*port, kStopKey);  // or it is ended from outside
+  });
+}
+
 std::uint32_t intThreadFunction(void*) {
   ReadFrames();
+  if (gReaderStop.IsSet()) return 0;
   LogInfo("%s ln: %d Before RunServer bstatus %d", "intThreadFunction", 658, 0);
   return 0;
 }

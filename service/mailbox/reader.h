@@ -10,7 +10,11 @@ namespace stewardry {
 constexpr std::uint32_t kFrameSize = 131072;
 
 // The reader thread's entry; the parameter is not used. Ends, for good, when the device can't be
-// opened or read, after a log line. Result 0.
+// opened or read, after a log line, or when it is asked to stop. Result 0.
 std::uint32_t intThreadFunction(void* parameter);
+
+// Asks the reader to leave and wakes it. It does so without another frame or line, once the handler
+// that it is in, if any, has returned. For the rest of the process; the control handler's thread.
+void AskReaderToStop();
 
 }  // namespace stewardry

@@ -1,16 +1,19 @@
 // The service log, the side log and the WMI log.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <regex>
 #include <thread>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
+#include "service/diagnostics/thread_end.h"
 #include "service/diagnostics/wmi_log.h"
 #include "tests/lab_folder_fixture.h"
 
@@ -36,13 +39,13 @@ class Logs : public LabTest {
   }
 };
 
-// A thread that takes the mutex and ends with it.
+void RunToItsEnd(platform::ThreadEntry entry, void* parameter) {
+  const platform::Thread thread = platform::CreateThread(entry, parameter);
+  EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
+}
+// On a thread that takes the mutex and ends with it.
 std::uint32_t EndWithMutex(void* mutex) {
   return platform::WaitForSingleObject(*static_cast<platform::Mutex*>(mutex), platform::kInfinite);
-}
-void AbandonMutex(platform::Mutex* mutex) {
-  const platform::Thread holder = platform::CreateThread(EndWithMutex, mutex);
-  EXPECT_EQ(platform::WaitForSingleObject(holder, 60'000), 0U);
 }
 
 TEST_F(Logs, LineBetweenStartAndCloseHasItsFormToTheByte) {
@@ -108,12 +111,55 @@ TEST_F(Logs, LineWithoutAFileGoesToTheDebugOutput) {
     EXPECT_EQ(CountOf(debug, line), 1U) << line;
 }
 
-TEST_F(Logs, MutexOfAnEndedThreadIsTakenForTheNextLine) {
-  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
+// Without a place the thread ends with the mutex that other processes share. Each line rotates.
+TEST_F(Logs, ThreadEndedInALineOrARotationLeavesTheLogToTheNextLine) {
   platform::Mutex mutex = platform::CreateMutexA("TavrinMutex");
-  AbandonMutex(&mutex);
-  LogInfo("alive");
-  EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U);
+  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1));
+  for (const char* place : {"none", "fseek", "remove", "rename", "_fsopen", "fwrite"}) {
+    LogInfo("before");
+    gate::FailNext(place, gate::kEndThread);
+    RunToItsEnd(EndWithMutex, &mutex);
+    RunToItsEnd([](void*) { return LogInfo("broken off"), 0U; }, nullptr);
+    LogInfo("alive");
+    EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U) << place;
+  }
+}
+
+// A process for each row, since it takes its mutexes once.
+TEST_F(Logs, NameThatIsNotOursStopsNoLine) {
+  for (const char* squatter : {"object of another kind", "refused mutex", "holder"}) {
+    const auto writes = [&] {
+      platform::Mutex held;
+      if (*squatter == 'o') std::filesystem::create_directory(lab() + "/mutex-TavrinMutex");
+      if (*squatter == 'r') gate::FailNext("CreateMutexA", platform::kErrorAccessDenied);
+      if (*squatter == 'h') held = platform::CreateMutexA("TavrinMutex");
+      if (held) platform::WaitForSingleObject(held, 0);
+      std::thread([&] {
+        LogInfo("%s", (ServiceLog_Start(kServiceLog, 1 << 20), squatter));
+      }).join();
+      std::filesystem::remove(lab() + "/mutex-TavrinMutex");
+      return CountOf(ServiceLogText(), squatter) == 1;
+    };
+    EXPECT_EXIT(std::_Exit(writes() ? 7 : 8), ::testing::ExitedWithCode(7), "") << squatter;
+  }
+}
+
+TEST_F(Logs, BothAreHeldAroundTheEndOfAThreadAndOneThatStaysIsReported) {
+  static std::atomic<bool> stays{true};
+  ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
+  (void)WmiLog_Get();
+  const platform::ThreadEntry stay = [](void*) {
+    for (const platform::StayInThread here; stays;) platform::Sleep(1);
+    return 0U;
+  };
+  const platform::Thread thread = platform::CreateThread(stay, nullptr);
+  gate::Arm();
+  EXPECT_FALSE(EndThreadBetweenLines(thread, 1));
+  EXPECT_EQ(CallsOf({"TerminateThread", "ReleaseMutex"}),
+            (std::vector<std::string>{"TerminateThread(exitCode=1)", "ReleaseMutex()",
+                                      "ReleaseMutex()"}));
+  stays = false;
+  EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
 }
 
 TEST_F(Logs, LinesOfManyThreadsStayWholeThroughRotationsAndRestarts) {
@@ -135,8 +181,8 @@ TEST_F(Logs, ProcessEndsWithTheHolderOfTheWmiLogsMutex) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        std::filesystem::remove_all(lab());  // nothing of an ended process cleans it up
-        AbandonMutex(reinterpret_cast<platform::Mutex*>(&WmiLog_Get()));  // its first member
+        std::filesystem::remove_all(lab());        // nothing of an ended process cleans it up
+        RunToItsEnd(EndWithMutex, &WmiLog_Get());  // the mutex is its first member
         WmiLog_Info("TAG", "never written");
         std::_Exit(7);
       },

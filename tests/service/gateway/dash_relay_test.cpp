@@ -11,6 +11,7 @@
 #include "service/actions/power_actions.h"
 #include "service/gateway/listeners.h"
 #include "service/mailbox/control_codes.h"
+#include "service/mailbox/slot_mark.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -96,8 +97,9 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
   EXPECT_EQ(gHttpsSocket.load(), 0U);
 }
 
-// A selector that is destroyed under a connection must leave nothing that a later accept acts on.
-TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServes) {
+// A selector that is destroyed under a connection must leave nothing that a later accept acts on. A
+// server that is asked to stop writes no line about it.
+TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedToStop) {
   StartServer();
   TcpClient first(664);
   first.Send("x");
@@ -110,6 +112,21 @@ TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServes) {
   TcpClient second(664);
   second.Send("x");
   ASSERT_TRUE(firmware_->Await(kData, 2));
+  ASSERT_TRUE(Eventually([] { return Messages().ends_with("Exiting HTTPS Callback\n"); }));
+  const std::string before = Messages();
+  AskServerToStop();
+  EXPECT_EQ(platform::WaitForSingleObject(server_, 60'000), 0U);
+  EXPECT_EQ(Messages(), before);
+  EXPECT_TRUE(second.SeesEnd());
+}
+
+// As a thread leaves it that is ended within a use.
+TEST(SlotMark, UseThatNeverEndsIsGivenUp) {
+  static SlotMark mark;
+  static const auto* use = new SlotMark::Use(&mark);
+  EXPECT_TRUE(use != nullptr && mark.InUse());
+  mark.AwaitEndOfUse();
+  EXPECT_FALSE(mark.InUse());
 }
 
 // The reader writes while the server thread replaces and closes; without log and trace, which would

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <thread>
 
@@ -30,6 +31,8 @@ TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
     EXPECT_EQ(
         CallsOf({"SetServiceStatus"}),
         std::vector<std::string>{"SetServiceStatus(16 1 0 " + std::to_string(error) + " 0 1 0)"});
+    const auto com = CallsOf({"CoIncrementMTAUsage", "CoInitializeEx"});
+    EXPECT_EQ(com.at(0), "CoIncrementMTAUsage()") << "no access lets WMI's libraries go";
   }
 }
 
@@ -40,6 +43,17 @@ TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
   ServerStartup();
   EXPECT_TRUE(Logged("Initializing KVM IP and Port to 0"));
   EXPECT_EQ(gKvmTrustedIP.load(), 5U);
+}
+
+// A pause may be much shorter or longer than it was asked for: here it takes no time.
+TEST_F(StartUp, StopAwaitsAHungHandlerForATimeAndNotForAsManyPauses) {
+  constexpr std::chrono::milliseconds kPatience{500};
+  gate::FailEvery("Sleep(1)", gate::kFinishAtOnce);
+  gStopPathRuns = true;
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  AwaitStopPath(kPatience);
+  EXPECT_GE(std::chrono::steady_clock::now(), end);
+  gStopPathRuns = false;
 }
 
 TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {

@@ -55,7 +55,7 @@ class Reader : public MailboxTest {
   platform::Thread reader_;
 };
 
-TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlight) {
+TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlightUntilItIsAskedToStop) {
   Start(10);
   std::vector<std::string> expected;
   for (std::size_t i = 0; i < 200; ++i) expected.emplace_back(i, 'f');
@@ -63,7 +63,10 @@ TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlight) {
   for (const std::string& payload : expected) firmware_->SendFrame(payload, 0x08);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kRead, 10 + expected.size())) << "each slot is rearmed";
   EXPECT_EQ(Received(), expected);
-  EXPECT_TRUE(Logged("intThreadFunction before Processread"));
+  AskReaderToStop();
+  EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
+  EXPECT_TRUE(Messages().ends_with("intThreadFunction before Processread\n")) << "no other line";
+  EXPECT_FALSE(*gInterruptDevice);
 }
 
 TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {

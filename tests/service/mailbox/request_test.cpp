@@ -95,8 +95,8 @@ TEST_F(Request, FailedStepHasTheOperationsWording) {
         // A driver that finishes the request at once.
         Row{"DeviceIoControl", 0, gate::kFinishAtOnce, 1,
             "Asynchronous WriteTavrinStatus command failed with error: "},
-        // The log's own wait comes first in each line: the request's wait is the one behind it.
-        Row{"WaitForSingleObject", 1, 6, 0,
+        // The log's own two waits come first in each line: the request's wait is behind them.
+        Row{"WaitForSingleObject", 2, 6, 0,
             "WaitForSingleObject unexpected return with error: 4294967295"},
         Row{"GetOverlappedResult", 0, 995, 0,
             "GetOverlappedResult failed for WriteTavrinStatus with error: 995"}}) {
