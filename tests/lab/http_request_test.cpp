@@ -23,7 +23,6 @@ TEST(HttpRequest, ReadsTheSameAtEverySplit) {
   const Row rows[] = {
       {"\r\n\r\n" + Get(kHost), "", true},
       {"GET https://h:664 HTTP/1.1\r\n" + kHost + "\r\n", "", true},
-      {"GET / HTTP/1.0\r\n\r\n", "", false},
       {"GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", "", true},
       {Get(kHost + "Connection: x, Close\r\n"), "", false},
       {Post("Content-Length: 2\r\nContent-Length: 2\r\n", "ab"), "ab", true},
@@ -64,9 +63,7 @@ TEST(HttpRequest, WhatTwoReadersCouldUnderstandDifferentlyIsRefused) {
       {Post("Content-Length: 67108865\r\n", ""), 413},
       {Post("Content-Length: 18446744073709551617\r\n", ""), 413},
       {Post("Transfer-Encoding: gzip\r\n", ""), 501},
-      {Post(kChunked + kChunked, ""), 400},
       {Post(kChunked, "0x1\r\na\r\n"), 400},
-      {Post(kChunked, "4000001\r\n"), 413},
       {Post(kChunked, "1\r\nab\r\n"), 400},
       {Post("Expect: tea\r\nContent-Length: 1\r\n", "a"), 417},
       {Get(kHost + "A: " + std::string(kMaxHttpHead, 'a') + "\r\n"), 431},

@@ -6,14 +6,12 @@
 
 #include "lab/firmware/frames.h"
 #include "lab/firmware/link.h"
-#include "lab/firmware/operations.h"
 #include "tests/lab/lab_process.h"
 #include "tests/lab_folder_fixture.h"
 
 namespace {
 
 using orrin::Bytes;
-using orrin::ByteView;
 
 struct Message {
   lablink::Head head{};  // all zero if the link has ended
@@ -31,27 +29,12 @@ class MailboxEnd {
     message.body.resize(message.head.length);
     return Receive(message.body.data(), message.body.size()) ? message : Message{};
   }
-  // Sends a request. Returns its answer, which must come next.
-  Message Answer(std::uint32_t code, std::uint32_t outputSize, ByteView input = {}) {
-    const lablink::Head head{lablink::kMagic, lablink::kRequest, ++lastId_, code,
-                             static_cast<std::uint32_t>(sizeof outputSize + input.size())};
-    std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
-    bytes.append(reinterpret_cast<const char*>(&outputSize), sizeof outputSize);
-    bytes.append(input.begin(), input.end());
-    EXPECT_EQ(send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-    const Message message = Next();
-    EXPECT_EQ(message.head.kind, lablink::kComplete);
-    EXPECT_EQ(message.head.id, lastId_);
-    return message;
-  }
 
  private:
   bool Receive(void* to, std::size_t size) {
     return size == 0 || recv(socket_.Get(), to, size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
   lab::Descriptor socket_;
-  std::uint64_t lastId_ = 100;
 };
 
 class OrrinTest : public LabTest {
@@ -64,15 +47,6 @@ class OrrinTest : public LabTest {
   const std::string socketPath_ = lab() + "/mailbox/mailbox0";
   std::optional<LabProcess> orrin_;
 };
-
-TEST_F(OrrinTest, AnswerIsNoLongerThanTheRequestsOutput) {
-  MailboxEnd end(socketPath_);
-  EXPECT_EQ(end.Answer(orrin::kGetTavrinVersion, 10).body.size(), 10u);
-  EXPECT_EQ(end.Answer(0x9C41A404, 0).head.word, 1u);
-  EXPECT_TRUE(orrin_->Prints("unknown control code 0x9c41a404"));
-  EXPECT_EQ(end.Answer(orrin::kWriteOsInfo, 0, Bytes(803)).head.word, 87u);
-  EXPECT_TRUE(orrin_->Prints("WriteOsInfo: wrong input size, 803 bytes for 804"));
-}
 
 TEST_F(OrrinTest, ScriptRunsOnASocketThatAKilledProcessLeft) {
   LabProcess second({ORRIN_PATH});

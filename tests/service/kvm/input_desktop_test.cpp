@@ -156,17 +156,5 @@ TEST_F(InputDesktop, SelectedDesktopReplacesTheOneBefore) {
   });
 }
 
-TEST_F(InputDesktop, PlatformWithoutDesktopsIsNotAskedForThem) {
-  gate::FailNext("GetVersionExA", 31);
-  ReadWindowsVersion();
-  EXPECT_FALSE(IsWinNT() || IsWin9x());
-  gPlatformId = platform::kPlatformWin9x;
-  EXPECT_TRUE(IsWin9x() && IsInputDesktopCurrent() && SelectHDESK(nullptr));
-  EXPECT_TRUE(SelectDesktop(nullptr, nullptr));
-  EXPECT_FALSE(SelectDesktop("Default", nullptr));
-  EXPECT_EQ(Log(), "(name == NULL) return val H\n(name == NULL) return val H\n");
-  EXPECT_EQ(CountCalls("GetThreadDesktop") + CountCalls("OpenDesktopA"), 0U);
-}
-
 }  // namespace
 }  // namespace stewardry
