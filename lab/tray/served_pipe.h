@@ -5,10 +5,18 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace lab {
+
+// A write of so many bytes waits until the server reads: no served pipe's buffers hold them.
+#ifdef _WIN32
+constexpr std::uint32_t kMoreThanAPipeHolds = 16 << 10;  // the buffer has 1024 bytes
+#else
+constexpr std::uint32_t kMoreThanAPipeHolds = 4 << 20;  // a Unix socket has some 200 KiB
+#endif
 
 using Deadline = std::chrono::steady_clock::time_point;
 

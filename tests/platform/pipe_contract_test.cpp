@@ -58,9 +58,9 @@ TEST_F(PipeContract, ReadsGiveEachByteOnce) {
 TEST_F(PipeContract, WriteThatNobodyReadsEndsAndItsServerIsKnown) {
   const Pipe pipe = Open();
   ASSERT_TRUE(pipe);
-  const std::string bytes(4 << 20, 'b');
+  const std::string bytes(lab::kMoreThanAPipeHolds, 'b');
   std::uint32_t count = 0, server = 0;
-  EXPECT_FALSE(WriteFile(pipe, bytes.data(), 4 << 20, 20, &count));
+  EXPECT_FALSE(WriteFile(pipe, bytes.data(), lab::kMoreThanAPipeHolds, 20, &count));
   EXPECT_EQ(LastError(), kErrorOperationAborted);
   EXPECT_LT(count, bytes.size());
   EXPECT_TRUE(GetNamedPipeServerProcessId(pipe, &server));

@@ -81,8 +81,8 @@ TEST(AgentPipes, SquatterHoldsNobodyUp) {
   lab::ServedPipe squatter;
   std::string problem;
   ASSERT_TRUE(squatter.Open(name, &problem)) << problem;
-  const std::string message(4 << 20, 'm');
-  WriteToAgentPipe(("\\\\.\\pipe\\" + name).c_str(), message.data(), 4 << 20);
+  const std::string message(lab::kMoreThanAPipeHolds, 'm');
+  WriteToAgentPipe(("\\\\.\\pipe\\" + name).c_str(), message.data(), lab::kMoreThanAPipeHolds);
 }
 
 // The producer as the firmware is: entry first, then the index.
