@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Runs scripts/test.sh on another Debian, with its compilers, libraries and Wine: in a root folder of
-# its own, from the files that git tracks here. Nothing of it stays.
+# its own, from the files that git tracks here. Nothing of it stays. The house rules are left out:
+# another clang-format lays the same code out in another way.
 #   test_on.sh SUITE [words for test.sh]      for example: test_on.sh trixie
 # Needs mmdebstrap, root, about 8 GB in TMPDIR (/var/tmp), and the network for the packages. With
 # STEWARDRY_ROOT=FOLDER the root is made in FOLDER and kept, and a later run uses it again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ $# -lt 1 ]; then
-  sed -n '2,6s/^# \{0,1\}//p' "$0" >&2
+  sed -n '2,8s/^# \{0,1\}//p' "$0" >&2
   exit 2
 fi
 suite=$1
@@ -54,7 +55,7 @@ unshare --mount --pid --fork --kill-child bash -euc '
   [ -e /etc/resolv.conf ] && cp -L /etc/resolv.conf etc/resolv.conf
   exec env -i HOME=/root TERM="${TERM:-dumb}" LANG=C.UTF-8 \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-    STEWARDRY_SKIP_TIDY="${STEWARDRY_SKIP_TIDY:-1}" CI="${CI:-}" \
+    STEWARDRY_SKIP_HOUSE=1 CI="${CI:-}" XDG_RUNTIME_DIR=/tmp \
     chroot "$root" bash -c "cd /stewardry && exec scripts/test.sh \"\$@\"" test.sh "$@"
 ' unshare "$root" "$@" &
 child=$!

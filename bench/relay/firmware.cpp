@@ -40,6 +40,8 @@ using Trailer = std::uint8_t[2];
 constexpr Trailer kDashData = {stewardry::ORRIN_TAVRIN_CMD_DASH_DATA, 0};
 constexpr Trailer kKvmData = {stewardry::ORRIN_TAVRIN_CMD_KVM_DATA, 0};
 constexpr Trailer kKvmOn = {stewardry::ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS, 0};
+constexpr Trailer kKvmPeer = {stewardry::ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, 0};
+constexpr std::uint64_t kAnyPeer = 0;  // address and port
 constexpr std::size_t kLongestPayload = lablink::kMaxFrame - sizeof(Trailer);
 constexpr std::uint32_t kGeneralFailure = 31;     // ERROR_GEN_FAILURE
 constexpr std::uint64_t kSomeAddress[] = {1, 0};  // the mailbox end puts its own there
@@ -202,7 +204,10 @@ class Mailbox {
   Stream* StreamOf(std::uint32_t code) {
     return code == kDashBytes ? &dash_ : code == kKvmBytes ? &kvm_ : nullptr;
   }
-  void EnableKvm() { answer_.Frame(kKvmOn, nullptr, 0); }
+  void EnableKvm() {
+    answer_.Frame(kKvmOn, nullptr, 0);
+    answer_.Frame(kKvmPeer, &kAnyPeer, sizeof kAnyPeer);  // without it a viewer waits for its name
+  }
   void AnswerQuestion(const lablink::Head& head) {
     if (head.word == kNewConnection) (AnnouncesKvm() ? kvm_ : dash_).Begin();
     if (head.word == kReadVersion) return answer_.Complete(head.id, &version_, sizeof version_);
