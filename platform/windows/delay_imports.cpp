@@ -81,15 +81,32 @@ Type* At(RVA offset) {
   return reinterpret_cast<Type*>(reinterpret_cast<std::uintptr_t>(&__ImageBase) + offset);
 }
 
-}  // namespace
-
-void BindDelayImports() {
+// Calls use(dll, function) for each row of each delay-load library's address table.
+template <typename Use>
+void ForEachFunction(Use use) {
   for (const ImgDelayDescr* dll : kDlls) {
     auto* function = At<FARPROC>(dll->rvaIAT);
     const auto* name = At<const IMAGE_THUNK_DATA>(dll->rvaINT);
-    for (; name->u1.AddressOfData != 0; ++name, ++function)
-      (void)__delayLoadHelper2(dll, function);  // stores what it gives
+    for (; name->u1.AddressOfData != 0; ++name, ++function) use(dll, function);
   }
+}
+
+// The helper stores into the address tables, which linkers from binutils 2.44 on put into a
+// read-only section. A constructor, since a program may call a delayed function at any time. A
+// failure shows at the first such call.
+[[gnu::constructor]] void MakeAddressTablesWritable() {
+  ForEachFunction([](const ImgDelayDescr*, FARPROC* function) {
+    DWORD before;
+    (void)::VirtualProtect(function, sizeof *function, PAGE_READWRITE, &before);
+  });
+}
+
+}  // namespace
+
+void BindDelayImports() {
+  ForEachFunction([](const ImgDelayDescr* dll, FARPROC* function) {
+    (void)__delayLoadHelper2(dll, function);  // stores what it gives
+  });
 }
 
 }  // namespace platform

@@ -30,6 +30,10 @@ HARMLESS = [*_STEADY, "setpriv", "--bounding-set=-sys_boot", "--inh-caps=-sys_bo
 BOUNDED = ["timeout", "--kill-after=5", "120"]
 
 
+# Wine 8 differs from Windows where later versions don't.
+IS_WINE_8 = "wine-8." in subprocess.getoutput("wine --version")
+
+
 def program(name):
     return os.path.join(os.environ["STEWARDRY_WINDOWS_BIN"], name)
 
