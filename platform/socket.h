@@ -53,7 +53,7 @@ int setsockopt(SocketValue sock, int level, int option, const void* value, int s
 int bind(SocketValue sock, const void* address, int size);
 int connect(SocketValue sock, const void* address, int size);
 int listen(SocketValue sock, int backlog);
-// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset tells
+// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset means
 // of a connection that ended while it waited, and has taken that one out of the queue.
 SocketValue accept(SocketValue sock, SockAddrIn* peer);
 int SetNonBlocking(SocketValue sock, bool nonBlocking);  // ioctlsocket(FIONBIO)
@@ -95,7 +95,7 @@ struct SocketSelection {
   std::uint32_t selected;   // network events the socket is selected for
   std::uint32_t signalled;  // what the last wait saw, in the platform's own terms; 0 for nothing
   bool listening;           // a listener's news is a knock, not data
-  bool connecting;          // the end of a connect is still to be told
+  bool connecting;          // the end of a connect is still to be reported
 };
 
 SocketEvent WSACreateEvent();

@@ -49,7 +49,8 @@ Result Sock_CreateListener(Sock* sock, const Addr& address);
 // Any local address and the port that the text names.
 Result Sock_ListenOnPort(Sock* sock, const char* port);
 
-// 0, 1, or 1003 when nobody knocks now. Connections that ended while they waited are passed over.
+// RESULT_OK, RESULT_FAILED, or RESULT_WOULD_BLOCK if no connection is pending. Connections that
+// ended while they waited are passed over.
 Result Sock_Accept(Sock listener, Sock* sock, RemoteAddress* peer);
 Result Sock_SetBlocking(Sock sock, bool blocking);
 

@@ -170,13 +170,13 @@ bool Peek(UINT64 region, UINT32 offset, ULONG count) {
   auto* copy =
       static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, count == 0 ? 1 : count, kPoolTag));
   if (copy == nullptr) return false;
-  bool told = GuardedCopy(copy, from, count) != 0;
-  if (told) {
+  bool sent = GuardedCopy(copy, from, count) != 0;
+  if (sent) {
     Lock lock;
-    told = Tell(lablink::kMemory, region, offset, copy, count);
+    sent = Tell(lablink::kMemory, region, offset, copy, count);
   }
   ExFreePoolWithTag(copy, kPoolTag);
-  return told;
+  return sent;
 }
 
 void UnmapBridge(FILE_OBJECT* file) {

@@ -54,7 +54,7 @@ bool AwaitRoom(int fd, Deadline deadline) {
     if (time.count() <= 0) return false;
     left = static_cast<int>(time.count());
   }
-  WaitDescriptor(fd, POLLOUT, left);  // false on a signal: the send tells whether there is room
+  WaitDescriptor(fd, POLLOUT, left);  // false on a signal: the send shows whether there is room
   return true;
 }
 

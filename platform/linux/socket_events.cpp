@@ -72,7 +72,7 @@ int BytesWaiting(SocketValue sock) {
   return ::ioctl(static_cast<int>(sock), FIONREAD, &count) == 0 ? count : 0;
 }
 
-// Whether the end of a connect is still to be told. Linux tells it once, with success, to whoever
+// Whether the end of a connect is still to be reported. Linux reports it once, with success, to who
 // connects again; an accepted socket is connected already.
 bool HasConnectToTell(SocketValue sock) {
   sockaddr_storage peer;
@@ -95,8 +95,8 @@ std::uint32_t NetworkEvents(SocketValue sock, SocketSelection* selection) {
     if ((seen & kBroken) != 0) return kFdConnect;  // it has failed
     events |= kFdConnect;
   }
-  // A peer's close comes with EPOLLIN whether data is left or not. Winsock tells of it once the
-  // data has been read, and a handler that is told of both reads once and closes.
+  // A peer's close comes with EPOLLIN whether data is left or not. Winsock reports it once the
+  // data has been read, and a handler that gets both events reads once and closes.
   const bool closed = (seen & (EPOLLRDHUP | kBroken)) != 0;
   if ((seen & EPOLLIN) != 0 && (!closed || BytesWaiting(sock) > 0)) {
     events |= kFdRead;

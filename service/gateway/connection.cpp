@@ -9,7 +9,7 @@
 
 namespace stewardry {
 
-// A knock that comes to nothing isn't the listener's failure, which would cost a rebind: else
+// A peer that has gone isn't the listener's failure, which would cost a rebind: else
 // twenty peers that connect and reset would end the process.
 Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer) {
   const Result result = Sock_Accept(listener, sock, peer);

@@ -26,7 +26,7 @@ struct RelayKind {
 };
 
 // Accepts a peer, and has the system look after it from time to time, so that one that vanishes
-// without a word doesn't keep its place. RESULT_OK; RESULT_WOULD_BLOCK if whoever knocked has gone,
+// without a word doesn't keep its place. RESULT_OK; RESULT_WOULD_BLOCK if that peer has gone,
 // and the listener is as good as before; after a logged line RESULT_FAILED. The server thread.
 Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer);
 

@@ -126,9 +126,9 @@ bool StartConnection(Selector* sel, AcceptedSocket* accepted) {
   return false;
 }
 
-// Serves one knock; false gives the listener up. On every failed way out the accepted socket is
-// closed, and a firmware that was told of the connection is told of its end, so that neither waits
-// for the other.
+// Accepts one connection; false gives the listener up. On every failed way out the accepted socket
+// is closed, and a firmware that was told of the connection is told of its end, so that neither
+// waits for the other.
 bool AcceptConnection(Selector* sel, Handler* listener) {
   LogInfo("%s accept calling", "ListenHTTPSCallback");
   AcceptedSocket accepted;

@@ -7,9 +7,9 @@ namespace stewardry {
 
 // Makes the company's folder and the log folder in it, for the system and the administrators alone.
 // What is there is used if it is theirs, less the files in it that are not; otherwise it is renamed
-// (".aside-" and a number behind its name) and made anew. False, after a log line, if that can't be
-// done, or not within some seconds; gLogFolderIsSafe is set accordingly. While the process has one
-// thread that logs.
+// (".aside-" and a number behind its name) and created again. False, after a log line, if that
+// can't be done, or not within some seconds; gLogFolderIsSafe is set accordingly. While the process
+// has one thread that logs.
 bool MakeLogFolder();
 
 }  // namespace stewardry

@@ -19,7 +19,7 @@ extern std::atomic<std::uint32_t> gTavrinRunning;
 struct ReportMark {
   const std::atomic<std::uint32_t>* word;
   std::uint32_t value;
-  // Relaxed: nothing else is told by it.
+  // Relaxed: it publishes nothing else.
   bool Holds() const { return word->load(std::memory_order_relaxed) == value; }
 };
 

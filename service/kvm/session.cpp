@@ -50,9 +50,10 @@ std::atomic<SessionWork> gSessionWork{SessionWork::kNone};
 
 using Clock = std::chrono::steady_clock;
 
-// Until when a knock waits for its peer's name; the past once that was named. Written by the reader
-// thread before it sets gKvmEnabled, and after it has stored the peer; read by the server threads.
-// Sequentially consistent with both: who doesn't wait finds the peer, if there was one in time.
+// Until when a connection waits for its peer's name; the past once that was named. Written by the
+// reader thread before it sets gKvmEnabled, and after it has stored the peer; read by the server
+// threads. Sequentially consistent with both: who doesn't wait finds the peer, if there was one in
+// time.
 std::atomic<Clock::time_point> gPeerDueAt{Clock::time_point::min()};
 constexpr std::uint64_t kPeerLookMicroseconds = 10'000;  // between two looks at it
 
@@ -72,7 +73,7 @@ bool IsTrusted(std::uint32_t peer) {
   return trusted == 0 || trusted == peer;
 }
 
-// True while a knock must not be served yet. The other knocks are refused or served at once.
+// True while a connection must not be accepted yet. Others are refused or accepted at once.
 bool PeerIsAwaited() {
   return gKvmEnabled.load(std::memory_order_seq_cst) == 1 &&
          gKvmSocketState.load(std::memory_order_acquire) != kKvmSessionUp &&
@@ -357,10 +358,10 @@ std::uint8_t ListenKVMCallback(Selector* selector, Handler* handler, std::uint32
     LeaveKVMPort();
     return 1;
   }
-  // The deadline stands for a knock that has been told already: not every system tells it again.
+  // The deadline stands for a connection already reported: not every system reports it again.
   if ((mask & (SELECTOR_READ | SELECTOR_TIMEOUT)) == 0) return DoorIsOpen() ? 1 : 0;
   if (PeerIsAwaited()) {
-    handler->eventMask = SELECTOR_EXCEPTION;  // or the knock would be told without a pause
+    handler->eventMask = SELECTOR_EXCEPTION;  // or it would be reported without a pause
     handler->timeoutAt = currentTimeUsec + kPeerLookMicroseconds;
     return 1;
   }

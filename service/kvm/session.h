@@ -18,8 +18,8 @@
 //    only after gKvmSocket has let go of it and no write is under way on it. So neither a frame of
 //    the firmware nor a half-close meets a socket number that has been given to somebody else.
 // 4. A region isn't given back, and no session is built, while a thread that reads it is left. One
-//    that can't be ended keeps its handle, which tells; the next build tries again.
-// 5. The firmware opens KVM with two commands, and in between anybody would be let in. So a knock
+//    that can't be ended keeps its handle, which shows it; the next build tries again.
+// 5. The firmware opens KVM with two commands, and in between anybody would be let in. So a viewer
 //    waits for the second one, which names the peer, though no longer than kPeerPatience; and a
 //    session that came up without it ends when it names somebody else.
 #pragma once
@@ -36,7 +36,7 @@ namespace stewardry {
 
 constexpr std::uint16_t kKvmPort = 22;
 
-// How long after command 0x26 a knock waits for command 0x27.
+// How long after command 0x26 a connection waits for command 0x27.
 constexpr std::chrono::milliseconds kPeerPatience{500};
 
 // 1: the firmware has enabled KVM. Set only by SetKVMEnabled, cleared only by FinishKVMSession;
@@ -87,8 +87,9 @@ void SetKVMIPAndPort(const std::uint8_t* payload, std::uint32_t length);
 
 // The selector callback of the listener on port 22: checks and accepts a viewer, brings its session
 // up, tells the firmware and puts the connection under `selector`. Non-zero keeps the listener. It
-// waits for the firmware without a time-out, but not for the name of a peer: until then it leaves
-// the knock in the backlog and looks again when the handler's deadline comes. A KVM server thread.
+// waits for the firmware without a time-out, but not for the name of a peer: until then a
+// connection stays in the backlog, and it looks again when the handler's deadline comes. A KVM
+// server thread.
 std::uint8_t ListenKVMCallback(Selector* selector, Handler* handler, std::uint32_t mask,
                                std::uint64_t currentTimeUsec);
 

@@ -145,7 +145,7 @@ TEST_F(SelectorTest, ConnectAndWriteInterestEndWithTheMaskAndNoReadsModeReportsW
   EXPECT_EQ(calls_, "n:4 ");
 }
 
-// A handler that is told of data and a close together reads once and ends the connection. The
+// A handler that gets data and a close together reads once and ends the connection. The
 // reader asks for another pass in the end, with a deadline that is due in it.
 TEST_F(SelectorTest, CloseComesBehindTheDataAndARepeatedPassBehindOneSocketAlone) {
   SocketPair pair;

@@ -36,7 +36,7 @@ inline std::uint16_t BindFreePort(Sock sock) {
 
 struct SocketPair {
   Sock a = kInvalidSock;  // the accepted end, non-blocking
-  Sock b = kInvalidSock;  // the connecting end; nobody was told of the connect
+  Sock b = kInvalidSock;  // the connecting end; the connect was reported to nobody
 
   SocketPair() {
     Sock listener;

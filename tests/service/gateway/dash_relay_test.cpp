@@ -191,7 +191,7 @@ TEST_F(DashCallbacks, FailedSetUpClosesTheAcceptedSocketAndReportsTheEndOfTheCon
   }
 }
 
-// As many knocks as there are rebinds would otherwise end the process.
+// As many of these as there are rebinds would otherwise end the process.
 TEST_F(DashCallbacks, KnockOfAPeerThatHasGoneCostsNoListenerAndALivePeerIsLookedAfter) {
   gate::FailNext("accept", platform::kWsaEConnReset);
   gate::FailNext("accept", platform::kWsaEWouldBlock);
