@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "base/base64.h"
+#include "cim/text/base64.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ std::size_t Size(const benchmark::State& state) { return static_cast<std::size_t
 void OurEncode(benchmark::State& state) {
   const Bytes raw = Raw(Size(state));
   for (auto _ : state) {
-    if (stewardry::Base64Enc(raw.data(), raw.size(), Discard, nullptr) != 0) std::abort();
+    if (stewardry::cim::Base64Enc(raw.data(), raw.size(), Discard, nullptr) != 0) std::abort();
   }
   Finish(state, raw);
 }
@@ -59,7 +59,7 @@ void OurDecode(benchmark::State& state) {
   const Bytes raw = Raw(Size(state));
   const Bytes text = Encoded(raw);
   for (auto _ : state) {
-    if (stewardry::Base64Dec(text.data(), text.size(), Discard, nullptr) < 0) std::abort();
+    if (stewardry::cim::Base64Dec(text.data(), text.size(), Discard, nullptr) < 0) std::abort();
   }
   Finish(state, raw);
 }

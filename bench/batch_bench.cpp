@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "base/batch.h"
+#include "cim/memory/batch.h"
 
 #define obstack_chunk_alloc std::malloc
 #define obstack_chunk_free std::free
@@ -44,10 +44,10 @@ void Time(benchmark::State& state, Round round) {
 
 void InBatch(benchmark::State& state) {
   Time(state, [](const auto& sizes) {
-    stewardry::Batch batch;
-    stewardry::Batch_Init(&batch, stewardry::kNoPageLimit);
-    Fill(sizes, [&](std::size_t size) { return stewardry::Batch_Alloc(&batch, size); });
-    stewardry::Batch_Destroy(&batch);
+    stewardry::cim::Batch batch;
+    stewardry::cim::Batch_Init(&batch, stewardry::cim::kNoPageLimit);
+    Fill(sizes, [&](std::size_t size) { return stewardry::cim::Batch_Alloc(&batch, size); });
+    stewardry::cim::Batch_Destroy(&batch);
   });
 }
 

@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/instance/class_definitions.h"
-#include "base/instance/instance.h"
+#include "cim/instance/class_definitions.h"
+#include "cim/instance/instance.h"
 
 namespace {
 
@@ -58,18 +58,19 @@ void FindAll(benchmark::State& state, const std::vector<u16string>& wanted, Find
 
 void Ours(benchmark::State& state) {
   const std::vector<u16string> names = MakeNames(CountOf(state));
-  stewardry::Instance* instance = nullptr;
-  (void)stewardry::Instance_CreateDynamic(&instance, u"Bench", stewardry::FLAG_CLASS, nullptr);
+  stewardry::cim::Instance* instance = nullptr;
+  (void)stewardry::cim::Instance_CreateDynamic(&instance, u"Bench", stewardry::cim::FLAG_CLASS,
+                                               nullptr);
   for (const u16string& name : names) {
-    if (stewardry::Instance_AddProperty(instance, name.c_str(), nullptr, stewardry::CIM_UINT32,
-                                        0) != stewardry::RESULT_OK)
+    if (stewardry::cim::Instance_AddProperty(instance, name.c_str(), nullptr,
+                                             stewardry::cim::CIM_UINT32, 0) != stewardry::RESULT_OK)
       return state.SkipWithError("no property");
   }
-  const stewardry::ClassDef* def = stewardry::Instance_Body(instance)->def;
+  const stewardry::cim::ClassDef* def = stewardry::cim::Instance_Body(instance)->def;
   FindAll(state, Shuffled(names), [def](const u16string& name) {
-    return stewardry::ClassDef_FindProperty(def, name.c_str());
+    return stewardry::cim::ClassDef_FindProperty(def, name.c_str());
   });
-  (void)stewardry::Instance_Delete(instance);
+  (void)stewardry::cim::Instance_Delete(instance);
 }
 
 std::unordered_map<u16string, int> MapOf(const std::vector<u16string>& names) {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/datetime.h"
-#include "base/text_conversion.h"
+#include "cim/value/datetime.h"
+#include "cim/value/text_conversion.h"
 
 namespace {
 
@@ -38,18 +38,18 @@ Value Hidden(Value value) {
   return value;
 }
 
-template <int (*Parse)(const char16_t*, stewardry::CimDatetime*)>
+template <int (*Parse)(const char16_t*, stewardry::cim::CimDatetime*)>
 void OurParse(benchmark::State& state, const char16_t* text) {
-  stewardry::CimDatetime value;
+  stewardry::cim::CimDatetime value;
   benchmark::DoNotOptimize(&value);
   Repeat(state, [&] { return Parse(Hidden(text), &value) == 0; });
 }
 
-template <void (*Print)(const stewardry::CimDatetime*, char16_t*)>
+template <void (*Print)(const stewardry::cim::CimDatetime*, char16_t*)>
 void OurPrint(benchmark::State& state) {
-  stewardry::CimDatetime value;
-  if (stewardry::Datetime_Parse(kOurFixed, &value) != 0) std::abort();
-  char16_t text[stewardry::kSchemaDatetimeSize];
+  stewardry::cim::CimDatetime value;
+  if (stewardry::cim::Datetime_Parse(kOurFixed, &value) != 0) std::abort();
+  char16_t text[stewardry::cim::kSchemaDatetimeSize];
   benchmark::DoNotOptimize(text);
   Repeat(state, [&] {
     Print(Hidden(&value), text);
@@ -227,9 +227,9 @@ std::uint64_t Strtoull(const char* text, char** end) { return std::strtoull(text
 std::int64_t Strtol(const char* text, char** end) { return std::strtol(text, end, 0); }
 double Strtod(const char* text, char** end) { return std::strtod(text, end); }
 
-using stewardry::Datetime_Parse;
-using stewardry::Datetime_ToFixed;
-using stewardry::Datetime_ToSchema;
+using stewardry::cim::Datetime_Parse;
+using stewardry::cim::Datetime_ToFixed;
+using stewardry::cim::Datetime_ToSchema;
 
 void RegisterDatetimes() {
   using benchmark::RegisterBenchmark;
@@ -255,18 +255,19 @@ void RegisterNumbers() {
   using benchmark::RegisterBenchmark;
   const char16_t* ourUnsigned = u"18446744073709551615";
   const char* asUnsigned = "18446744073709551615";
-  RegisterBenchmark("number/uint64", OurNumber<std::uint64_t, stewardry::Text_ToUint64>,
+  RegisterBenchmark("number/uint64", OurNumber<std::uint64_t, stewardry::cim::Text_ToUint64>,
                     ourUnsigned);
   RegisterBenchmark("number/uint64_strtoull", CNumber<std::uint64_t, Strtoull>, asUnsigned);
   RegisterBenchmark("number/uint64_from_chars", CxxNumber<std::uint64_t>, asUnsigned);
   const char16_t* ourSigned = u"-123456789";
   const char* asSigned = "-123456789";
-  RegisterBenchmark("number/sint32", OurNumber<std::int32_t, stewardry::Text_ToSint32>, ourSigned);
+  RegisterBenchmark("number/sint32", OurNumber<std::int32_t, stewardry::cim::Text_ToSint32>,
+                    ourSigned);
   RegisterBenchmark("number/sint32_strtol", CNumber<std::int32_t, Strtol>, asSigned);
   RegisterBenchmark("number/sint32_from_chars", CxxNumber<std::int32_t>, asSigned);
   const char16_t* ourReal = u"3.14159265358979e-7";
   const char* asReal = "3.14159265358979e-7";
-  RegisterBenchmark("number/real64", OurNumber<double, stewardry::Text_ToReal64>, ourReal);
+  RegisterBenchmark("number/real64", OurNumber<double, stewardry::cim::Text_ToReal64>, ourReal);
   RegisterBenchmark("number/real64_strtod", CNumber<double, Strtod>, asReal);
   RegisterBenchmark("number/real64_from_chars", CxxNumber<double>, asReal);
 }

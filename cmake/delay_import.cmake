@@ -5,7 +5,7 @@
 # it always takes from the system folder. So only kernel32 and msvcrt are imported that way. Every
 # other function comes from a delay-load library made here: its DLL is loaded once the DLL search
 # has been narrowed, and a DLL or a function that this Windows lacks doesn't keep the program from
-# starting. platform/windows/delay_imports.cpp is the run-time half.
+# starting. platform/windows/runtime/delay_imports.cpp is the run-time half.
 
 find_program(STEWARDRY_DLLTOOL x86_64-w64-mingw32-dlltool REQUIRED)
 

@@ -17,7 +17,7 @@ endif()
 if(WIN32)
   # Windows 10 is the oldest system served. Everything is linked in, so the .exe runs alone.
   add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
-  # The second option is for programs without platform/windows/stack_guard.cpp: they get GCC's.
+  # The second option is for programs without platform/windows/runtime/stack_guard.cpp: they get GCC's.
   add_link_options(-static -fstack-protector-strong)
 endif()
 

@@ -24,7 +24,7 @@ struct PendingCalls {
   // since a post that it misses signals wakeEvent afterwards, and so ends the wait that follows.
   std::atomic<std::uint32_t> count{0};
   // Written by each post, with one value; relaxed, since the list's guard orders it before its use.
-  std::atomic<void (*)(Message*)> drop{nullptr};
+  std::atomic<void (*)(void*)> drop{nullptr};
 };
 
 struct SelectorState {
@@ -144,7 +144,7 @@ PostedCall* TakePosted(SelectorState* state) {
 void FinishPosted(SelectorState* state, PostedCall* call, bool runs) {
   while (call != nullptr) {
     PostedCall* next = call->next;
-    Message* message = call->message;
+    void* message = call->message;
     if (runs) call->callback(call->callbackData, message);
     state->pending.drop.load(std::memory_order_relaxed)(message);
     call = next;
@@ -377,7 +377,7 @@ void Selector_Wakeup(Selector* selector, bool repeat) {
   (void)platform::SetEvent(selector->state->wakeEvent);  // a failure leaves the wait to its bound
 }
 
-void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(Message* message)) {
+void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(void* message)) {
   SelectorState* state = selector->state;
   PendingCalls* list = TakePendingList(state);
   DList_Append(&list->head, &list->tail, call);

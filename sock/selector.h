@@ -40,17 +40,14 @@ struct Selector {
 
 struct Handler;
 
-// The object library's; here only handed through.
-struct Message;
-
 // A callback that another thread wants to be run on the run thread. It lies where its message does,
-// which lives as long as the call is listed.
+// which lives as long as the call is listed. What a message is, only the poster knows.
 struct PostedCall {
   PostedCall* next;
   PostedCall* prev;
-  void (*callback)(void* callbackData, Message* message);
+  void (*callback)(void* callbackData, void* message);
   void* callbackData;
-  Message* message;
+  void* message;
 };
 static_assert(sizeof(PostedCall) == 40);
 
@@ -116,7 +113,7 @@ void Selector_StopRunningNoReads(Selector* selector);
 // `drop` gives the message back, once the callback has run or when the selector is destroyed
 // without that; it is the same for all calls of a selector. Any thread; not while the selector is
 // destroyed.
-void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(Message* message));
+void Selector_Post(Selector* selector, PostedCall* call, void (*drop)(void* message));
 
 // The library log's numbers for what the selector has to report.
 enum class SelectorEvent : std::uint32_t {

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/lab_link.h"
+#include "lablink/lab_link.h"
 #include "tests/socket_address.h"
 
 namespace stewardry {

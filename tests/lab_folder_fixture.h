@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
 #include "tests/eventually.h"
 #include "tests/observe.h"
 

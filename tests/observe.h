@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/gate.h"
 
 // The traced calls of these names, "Name(arguments)" each, in their order.
 inline std::vector<std::string> CallsOf(std::initializer_list<std::string> names) {

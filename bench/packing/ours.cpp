@@ -6,15 +6,16 @@
 #include <iterator>
 #include <vector>
 
-#include "base/instance/packing.h"
-#include "base/message.h"
 #include "bench/packing/heap_calls.h"
 #include "bench/packing/record.h"
+#include "cim/message/message.h"
+#include "cim/packing/packing.h"
 
 namespace bench {
 namespace {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 struct Field {
   const char16_t* name;

@@ -12,7 +12,7 @@
 
 #include "bench/relay/ends.h"
 #include "bench/relay/stream.h"
-#include "platform/linux/lab_link.h"
+#include "lablink/lab_link.h"
 #include "service/inventory/records.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "lab/agent/events.h"
-#include "lab/firmware/local_socket.h"
+#include "lab/local/local_socket.h"
 
 namespace {
 

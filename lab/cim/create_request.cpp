@@ -3,9 +3,10 @@
 
 #include <bit>
 
-namespace cim {
+namespace cim_ship {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 namespace {
 
@@ -155,4 +156,4 @@ const CreateInstanceRequest* AsCreateRequest(const Message* message) {
   return reinterpret_cast<const CreateInstanceRequest*>(message);
 }
 
-}  // namespace cim
+}  // namespace cim_ship

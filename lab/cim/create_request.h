@@ -6,24 +6,24 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/instance/instance.h"
-#include "base/message.h"
+#include "cim/instance/instance.h"
+#include "cim/message/message.h"
 
-namespace cim {
+namespace cim_ship {
 
 constexpr std::uint32_t kCreateInstanceTag =
-    stewardry::kCreateInstanceReq | stewardry::kTagIsRequest;
+    stewardry::cim::kCreateInstanceReq | stewardry::cim::kTagIsRequest;
 
 struct CreateInstanceRequest {
-  stewardry::Message head;
+  stewardry::cim::Message head;
   std::uint64_t requestWords[2];
   const char16_t* requestText;  // here: the language that errors should come in
   std::uint64_t requestWord;
-  stewardry::Instance* requestInstance;
+  stewardry::cim::Instance* requestInstance;
   void* requestPacked;
   std::uint32_t requestPackedSize;
   const char16_t* nameSpace;  // required
-  stewardry::Instance* instance;
+  stewardry::cim::Instance* instance;
   void* packed;
   std::uint32_t packedSize;
   std::uint32_t filler[3];
@@ -43,6 +43,6 @@ static_assert(offsetof(CreateInstanceRequest, requestText) == 96 &&
 CreateInstanceRequest* MakeCreateRequest(std::uint64_t correlationId, const char16_t* name);
 
 // The message as such a request; empty if it is another kind of message.
-const CreateInstanceRequest* AsCreateRequest(const stewardry::Message* message);
+const CreateInstanceRequest* AsCreateRequest(const stewardry::cim::Message* message);
 
-}  // namespace cim
+}  // namespace cim_ship

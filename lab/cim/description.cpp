@@ -4,12 +4,13 @@
 #include <array>
 #include <charconv>
 
-#include "base/datetime.h"
-#include "base/text.h"
+#include "cim/text/text.h"
+#include "cim/value/datetime.h"
 
-namespace cim {
+namespace cim_ship {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 namespace {
 
@@ -134,4 +135,4 @@ std::string DescribeAt(const Instance* instance, std::size_t indent) {
 
 std::string Describe(const Instance* instance) { return DescribeAt(instance, 0); }
 
-}  // namespace cim
+}  // namespace cim_ship

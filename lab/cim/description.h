@@ -4,12 +4,12 @@
 
 #include <string>
 
-#include "base/instance/instance.h"
+#include "cim/instance/instance.h"
 
-namespace cim {
+namespace cim_ship {
 
 // UTF-8, each line ended. Texts come out in quotes, control characters in them as dots; a null as
 // null. Empty for an instance that can't be read.
-std::string Describe(const stewardry::Instance* instance);
+std::string Describe(const stewardry::cim::Instance* instance);
 
-}  // namespace cim
+}  // namespace cim_ship

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/text.h"
+#include "cim/text/text.h"
 #include "lab/cim/create_request.h"
 #include "lab/cim/description.h"
 #include "lab/cim/shipment.h"
@@ -15,6 +15,7 @@
 namespace {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 int Fail(const char* what) {
   std::fprintf(stderr, "cim_ship: %s\n", what);
@@ -48,11 +49,11 @@ struct Closing {
 };
 
 int Print(const Message* message) {
-  const cim::CreateInstanceRequest* request = cim::AsCreateRequest(message);
+  const cim_ship::CreateInstanceRequest* request = cim_ship::AsCreateRequest(message);
   if (request == nullptr || request->instance == nullptr) return Fail("no CreateInstanceReq");
   std::printf("%s %llu\n", Message_TagName(message->tag),
               static_cast<unsigned long long>(message->correlationId));
-  std::fputs(cim::Describe(request->instance).c_str(), stdout);
+  std::fputs(cim_ship::Describe(request->instance).c_str(), stdout);
   return 0;
 }
 
@@ -67,7 +68,7 @@ int Receive(std::uint16_t port) {
   RemoteAddress from;
   if (Sock_Accept(listener.sock, &peer.sock, &from) != RESULT_OK) return Fail("nobody came");
   Message* message = nullptr;
-  if (const char* fault = cim::Shipment_Receive(peer.sock, &message)) return Fail(fault);
+  if (const char* fault = cim_ship::Shipment_Receive(peer.sock, &message)) return Fail(fault);
   const int code = Print(message);
   Message_Drop(message);
   return code;
@@ -77,9 +78,9 @@ int Send(std::uint16_t port, const std::u16string& name) {
   const std::string target = "127.0.0.1:" + std::to_string(port);
   Closing peer;
   if (Sock_ConnectTo(&peer.sock, target.c_str()) != RESULT_OK) return Fail("nobody listens there");
-  cim::CreateInstanceRequest* request = cim::MakeCreateRequest(7, name.c_str());
+  cim_ship::CreateInstanceRequest* request = cim_ship::MakeCreateRequest(7, name.c_str());
   if (request == nullptr) return Fail("there is no memory");
-  const bool sent = cim::Shipment_Send(peer.sock, &request->head);
+  const bool sent = cim_ship::Shipment_Send(peer.sock, &request->head);
   Message_Drop(&request->head);
   return sent ? 0 : Fail("the shipment didn't leave");
 }

@@ -3,9 +3,10 @@
 
 #include <vector>
 
-namespace cim {
+namespace cim_ship {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 namespace {
 
@@ -90,4 +91,4 @@ const char* Shipment_Receive(Sock sock, Message** message) {
   return fault;
 }
 
-}  // namespace cim
+}  // namespace cim_ship

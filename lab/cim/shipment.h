@@ -13,10 +13,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/message.h"
+#include "cim/message/message.h"
 #include "sock/sock.h"
 
-namespace cim {
+namespace cim_ship {
 
 struct ShipmentHead {
   std::uint32_t magic;  // kShipmentMagic
@@ -31,10 +31,10 @@ constexpr std::uint64_t kMaxShipment = 16 * 1024 * 1024;  // bytes of all pages
 
 // Makes the sending form of `message`, which must have everything in its own batch, and writes it
 // to a blocking socket. True when the socket took it all. The message stays the caller's.
-bool Shipment_Send(stewardry::Sock sock, stewardry::Message* message);
+bool Shipment_Send(stewardry::Sock sock, stewardry::cim::Message* message);
 
 // Reads one shipment from a blocking socket and restores it. Empty with the message, which the
 // caller gives back with Message_Drop; else what was wrong, in words, and nothing is left behind.
-const char* Shipment_Receive(stewardry::Sock sock, stewardry::Message** message);
+const char* Shipment_Receive(stewardry::Sock sock, stewardry::cim::Message** message);
 
-}  // namespace cim
+}  // namespace cim_ship

@@ -21,7 +21,7 @@
 #include <initializer_list>
 
 #include "lab/driver/lab_control.h"
-#include "platform/linux/lab_link.h"
+#include "lablink/lab_link.h"
 
 namespace tavrin {
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "lab/firmware/frames.h"
-#include "lab/firmware/text.h"
+#include "lab/firmware/core/frames.h"
+#include "lab/firmware/core/text.h"
 
 namespace orrin {
 namespace {

@@ -12,14 +12,14 @@
 #include <set>
 #include <string>
 
-#include "lab/firmware/dash_session.h"
-#include "lab/firmware/inventory.h"
-#include "lab/firmware/kvm_console.h"
-#include "lab/firmware/link.h"
-#include "lab/firmware/operations.h"
-#include "lab/firmware/records.h"
-#include "lab/firmware/tls_records.h"
-#include "lab/firmware/trace.h"
+#include "lab/firmware/core/inventory.h"
+#include "lab/firmware/core/link.h"
+#include "lab/firmware/core/operations.h"
+#include "lab/firmware/core/records.h"
+#include "lab/firmware/core/trace.h"
+#include "lab/firmware/dash/dash_session.h"
+#include "lab/firmware/dash/tls_records.h"
+#include "lab/firmware/kvm/kvm_console.h"
 
 namespace orrin {
 

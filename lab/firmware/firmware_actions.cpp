@@ -2,9 +2,9 @@
 // answers. Inputs have passed FitsInput when an action or an answer runs.
 #include <cstring>
 
-#include "lab/firmware/describe.h"
+#include "lab/firmware/core/describe.h"
+#include "lab/firmware/core/text.h"
 #include "lab/firmware/firmware.h"
-#include "lab/firmware/text.h"
 
 namespace orrin {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "lab/firmware/local_socket.h"
+#include "lab/local/local_socket.h"
 
 namespace scm {
 

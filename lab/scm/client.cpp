@@ -4,9 +4,9 @@
 #include <fstream>
 #include <string_view>
 
-#include "lab/firmware/local_socket.h"
+#include "lab/local/line_stream.h"
+#include "lab/local/local_socket.h"
 #include "lab/scm/controls.h"
-#include "lab/scm/line_stream.h"
 
 namespace scm {
 namespace {

@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "lab/firmware/local_socket.h"
+#include "lab/local/line_stream.h"
+#include "lab/local/local_socket.h"
 #include "lab/scm/child.h"
 #include "lab/scm/controls.h"
-#include "lab/scm/line_stream.h"
 
 namespace scm {
 

@@ -22,10 +22,10 @@
 #include <thread>
 
 #include "platform/error.h"
-#include "platform/linux/descriptor.h"
-#include "platform/linux/errno_map.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/descriptor.h"
+#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/linux/batteries.h"
-#include "platform/linux/device_paths.h"
-#include "platform/linux/gate.h"
+#include "platform/linux/hostfacts/batteries.h"
+#include "platform/linux/lab/device_paths.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

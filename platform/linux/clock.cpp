@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

@@ -19,8 +19,8 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
 #include "platform/thread.h"
 
 namespace platform {

@@ -13,11 +13,11 @@
 
 #include "platform/battery.h"
 #include "platform/error.h"
-#include "platform/linux/batteries.h"
-#include "platform/linux/device_paths.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/mailbox_link.h"
+#include "platform/linux/hostfacts/batteries.h"
+#include "platform/linux/lab/device_paths.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/lab/mailbox_link.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/linux/errno_map.h"
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

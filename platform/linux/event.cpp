@@ -2,8 +2,8 @@
 #include "platform/event.h"
 
 #include "platform/error.h"
-#include "platform/linux/event_state.h"
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/event_state.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

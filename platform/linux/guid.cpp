@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

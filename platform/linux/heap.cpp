@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

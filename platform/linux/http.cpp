@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/utf16.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/utf16.h"
+#include "platform/linux/runtime/wait.h"
 
 namespace platform {
 

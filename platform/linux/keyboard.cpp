@@ -4,8 +4,8 @@
 
 #include <fstream>
 
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

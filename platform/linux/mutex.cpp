@@ -17,10 +17,10 @@
 
 #include "platform/error.h"
 #include "platform/event.h"
-#include "platform/linux/errno_map.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
 
 namespace platform {

@@ -15,10 +15,10 @@
 #include <string_view>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/interfaces.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/utf16.h"
+#include "platform/linux/hostfacts/interfaces.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/utf16.h"
 
 namespace platform {
 

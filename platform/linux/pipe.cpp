@@ -14,10 +14,10 @@
 #include <string_view>
 
 #include "platform/error.h"
-#include "platform/linux/descriptor_handle.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/descriptor_handle.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/wait.h"
 
 namespace platform {
 

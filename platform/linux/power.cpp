@@ -8,9 +8,9 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/token_record.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/token_record.h"
 
 namespace platform {
 

@@ -17,8 +17,8 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
 
 namespace platform {
 

@@ -20,9 +20,9 @@
 #include <vector>
 
 #include "platform/error.h"
-#include "platform/linux/errno_map.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/gate.h"
 #include "platform/thread.h"
 
 namespace platform {

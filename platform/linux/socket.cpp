@@ -19,8 +19,8 @@
 #include <memory>
 
 #include "platform/error.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/wait.h"
 
 namespace platform {
 

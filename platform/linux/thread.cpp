@@ -11,8 +11,8 @@
 
 #include "platform/error.h"
 #include "platform/event.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/wait.h"
 
 namespace platform {
 

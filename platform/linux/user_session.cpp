@@ -25,10 +25,10 @@
 
 #include "platform/error.h"
 #include "platform/event.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/token_record.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/token_record.h"
+#include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
 
 namespace platform {

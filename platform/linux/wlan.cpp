@@ -18,12 +18,12 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/linux/errno_map.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/interfaces.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/utf16.h"
-#include "platform/linux/wait.h"
+#include "platform/linux/hostfacts/interfaces.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/utf16.h"
+#include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
 
 namespace platform {

@@ -16,11 +16,11 @@
 #include <utility>
 
 #include "platform/error.h"
-#include "platform/linux/batteries.h"
-#include "platform/linux/gate.h"
-#include "platform/linux/interfaces.h"
-#include "platform/linux/lab_folder.h"
-#include "platform/linux/utf16.h"
+#include "platform/linux/hostfacts/batteries.h"
+#include "platform/linux/hostfacts/interfaces.h"
+#include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/utf16.h"
 #include "platform/thread.h"
 
 namespace platform {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <iphlpapi.h>
 

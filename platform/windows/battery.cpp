@@ -1,8 +1,8 @@
 // Battery devices.
 #include "platform/battery.h"
 
-#include "platform/windows/guid_cast.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/guid_cast.h"
+#include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <winioctl.h>
 

@@ -6,7 +6,7 @@
 #include <iterator>
 
 #include "platform/network.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

@@ -1,7 +1,7 @@
 // Window stations and desktops.
 #include "platform/desktop.h"
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

@@ -4,8 +4,8 @@
 #include <bit>
 #include <cstring>
 
-#include "platform/windows/guid_cast.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/guid_cast.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <setupapi.h>
 

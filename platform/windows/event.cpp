@@ -1,7 +1,7 @@
 // Events.
 #include "platform/event.h"
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

@@ -13,7 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

@@ -1,5 +1,5 @@
 // A GUID's text.
-#include "platform/windows/guid_cast.h"
+#include "platform/windows/runtime/guid_cast.h"
 // This needs windows.h.
 #include <objbase.h>
 

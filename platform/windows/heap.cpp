@@ -1,7 +1,7 @@
 // Blocks of the process heap.
 #include "platform/heap.h"
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

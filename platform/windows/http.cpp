@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <winhttp.h>
 

@@ -1,7 +1,7 @@
 // The keyboard layout, key states and the screen, of user32.
 #include "platform/keyboard.h"
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

@@ -1,7 +1,7 @@
 // Mutexes.
 #include "platform/mutex.h"
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

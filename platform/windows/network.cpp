@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstring>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <iphlpapi.h>
 #include <wininet.h>

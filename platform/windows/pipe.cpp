@@ -3,7 +3,7 @@
 
 #include "platform/error.h"
 #include "platform/event.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

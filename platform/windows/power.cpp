@@ -3,7 +3,7 @@
 
 #include <bit>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <powrprof.h>
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "platform/handle.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <sddl.h>
 

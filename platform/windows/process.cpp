@@ -3,8 +3,8 @@
 
 #include <cstdio>
 
-#include "platform/windows/delay_imports.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/delay_imports.h"
+#include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <psapi.h>
 #include <shlobj.h>

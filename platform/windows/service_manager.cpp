@@ -5,8 +5,8 @@
 #include <atomic>
 #include <bit>
 
-#include "platform/windows/guid_cast.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/guid_cast.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

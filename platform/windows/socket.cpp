@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
 

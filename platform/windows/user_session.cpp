@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <tlhelp32.h>
 #include <userenv.h>

@@ -7,8 +7,8 @@
 #include <cwchar>
 #include <memory>
 
-#include "platform/windows/guid_cast.h"
-#include "platform/windows/windows_api.h"
+#include "platform/windows/runtime/guid_cast.h"
+#include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
 #include <wlanapi.h>
 

@@ -196,11 +196,11 @@ void RunServer() {
 void AskServerToStop() {
   static PostedCall call{};
   gServerStop.Ask([](Selector* selector) {
-    call.callback = [](void* running, Message*) {
+    call.callback = [](void* running, void*) {
       Selector_StopRunning(static_cast<Selector*>(running));
     };
     call.callbackData = selector;
-    Selector_Post(selector, &call, [](Message*) {});
+    Selector_Post(selector, &call, [](void*) {});
   });
 }
 

@@ -13,13 +13,13 @@
 #include "service/diagnostics/thread_end.h"
 #include "service/gateway/listeners.h"
 #include "service/host/start_up.h"
-#include "service/inventory/address_watch.h"
-#include "service/inventory/battery_report.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
 #include "service/mailbox/reader.h"
+#include "service/standby/address_watch.h"
+#include "service/standby/battery_report.h"
 
 namespace stewardry {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "platform/linux/gate.h"
+#include "platform/linux/runtime/gate.h"
 #include "service/host/command_table.h"
 #include "service/mailbox/dispatcher.h"
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "service/mailbox/firmware_log.h"
+#include "service/standby/firmware_log.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   static std::string lab = "/tmp/stewardry-log-ring-XXXXXX";

@@ -5,11 +5,11 @@
 #include <cstring>
 #include <vector>
 
-#include "base/instance/packing.h"
-#include "base/instance/typed_instance.h"
-#include "tests/base/instance/rack_schema.h"
+#include "cim/instance/typed_instance.h"
+#include "cim/packing/packing.h"
+#include "tests/cim/instance/rack_schema.h"
 
-namespace stewardry {
+namespace stewardry::cim {
 namespace {
 
 void Require(bool holds) {
@@ -49,12 +49,13 @@ OwnBytes Pack(const Instance* instance, std::size_t capacity) {
 }
 
 }  // namespace
-}  // namespace stewardry
+}  // namespace stewardry::cim
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace stewardry;
+  using namespace stewardry::cim;
   OwnBytes borrowed(data, data + size), copied = borrowed;
   PackBuf borrow = borrowed.Reader(), copy = copied.Reader();
   Instance *shallow = nullptr, *deep = nullptr;

@@ -5,12 +5,13 @@
 #include <cstring>
 #include <vector>
 
-#include "base/instance/packing.h"
-#include "base/message.h"
+#include "cim/message/message.h"
+#include "cim/packing/packing.h"
 
 namespace {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 constexpr std::size_t kMaxPages = 8;
 

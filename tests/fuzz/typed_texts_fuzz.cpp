@@ -6,14 +6,15 @@
 #include <cstring>
 #include <vector>
 
-#include "base/datetime.h"
-#include "base/heap.h"
-#include "base/instance/typed_instance.h"
-#include "tests/base/instance/rack_schema.h"
+#include "cim/instance/typed_instance.h"
+#include "cim/memory/heap.h"
+#include "cim/value/datetime.h"
+#include "tests/cim/instance/rack_schema.h"
 
 namespace {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 constexpr std::size_t kHead = 3;
 

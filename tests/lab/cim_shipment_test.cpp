@@ -1,5 +1,5 @@
 // The object library's example over a real socket: what arrives, and what a receiver must survive.
-// Which messages are refused is the subject of tests/base/message_test.cpp.
+// Which messages are refused is the subject of tests/cim/message/message_test.cpp.
 #include "lab/cim/shipment.h"
 
 #include <gtest/gtest.h>
@@ -11,10 +11,11 @@
 #include "lab/cim/description.h"
 #include "tests/sock/socket_pair.h"
 
-namespace cim {
+namespace cim_ship {
 namespace {
 
 using namespace stewardry;
+using namespace stewardry::cim;
 
 class CimShipment : public SocketTest {
  protected:
@@ -92,4 +93,4 @@ TEST_F(CimShipment, WrongByteLeavesTheNextShipmentWhole) {
 }
 
 }  // namespace
-}  // namespace cim
+}  // namespace cim_ship

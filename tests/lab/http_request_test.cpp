@@ -1,5 +1,5 @@
 // Requests as a stranger on the network may send them.
-#include "lab/firmware/http_request.h"
+#include "lab/firmware/dash/http_request.h"
 
 #include <gtest/gtest.h>
 

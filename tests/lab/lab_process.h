@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "lab/firmware/local_socket.h"
+#include "lab/local/local_socket.h"
 
 class LabProcess {
  public:

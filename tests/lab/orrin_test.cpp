@@ -4,8 +4,8 @@
 #include <fstream>
 #include <optional>
 
-#include "lab/firmware/frames.h"
-#include "lab/firmware/link.h"
+#include "lab/firmware/core/frames.h"
+#include "lab/firmware/core/link.h"
 #include "tests/lab/lab_process.h"
 #include "tests/lab_folder_fixture.h"
 

@@ -1,6 +1,6 @@
 // The bytes of a viewer as a stranger on the network may send them; the pixels are compared end to
 // end, with two foreign viewers.
-#include "lab/firmware/rfb_session.h"
+#include "lab/firmware/kvm/rfb_session.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "platform/linux/utf16.h"
+#include "platform/linux/runtime/utf16.h"
 #include "platform/network.h"
 #include "platform/wmi.h"
 #include "tests/own_network.h"

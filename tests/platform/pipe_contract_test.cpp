@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "lab/tray/served_pipe.h"
+#include "lab/local/served_pipe.h"
 #include "platform/error.h"
 #include "platform/thread.h"
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "lab/driver/lab_control.h"
-#include "platform/linux/lab_link.h"
+#include "lablink/lab_link.h"
 
 namespace {
 

@@ -9,12 +9,12 @@
 
 #include "service/host/resume.h"
 #include "service/host/start_up.h"
-#include "service/inventory/address_watch.h"
-#include "service/inventory/battery_report.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
+#include "service/standby/address_watch.h"
+#include "service/standby/battery_report.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "lab/tray/served_pipe.h"
+#include "lab/local/served_pipe.h"
 #include "service/kvm/agent.h"
 #include "service/kvm/mouse_pump.h"
 #include "service/kvm/shared_region.h"

@@ -1,0 +1,283 @@
+// The operations table of the library's instances.
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "cim/instance/definition_copy.h"
+#include "cim/instance/instance.h"
+#include "cim/instance/instance_body.h"
+#include "cim/instance/table_call.h"
+#include "cim/value/names.h"
+
+namespace stewardry::cim {
+namespace {
+
+Result IsKindOf(const Instance* self, const ClassDef* def, bool* isKind) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr || def == nullptr) return RESULT_INVALID_PARAMETER;
+  const ClassDef* each = body->def;
+  while (each != nullptr && each != def) each = each->superclass;
+  StoreOut(isKind, each != nullptr);
+  return RESULT_OK;
+}
+
+Result ClassNameOf(const Instance* self, const char16_t** name) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  StoreOut(name, body->def->name);
+  return RESULT_OK;
+}
+
+// Replaces one of the body's texts by a copy of `text`, or by empty. False when memory fails.
+bool ReplaceText(Instance* body, const char16_t** field, const char16_t* text) {
+  const char16_t* copy = nullptr;
+  if (text != nullptr) {
+    copy = Batch_DupText(body->batch, text);
+    if (copy == nullptr) return false;
+  }
+  Batch_Release(body->batch, *field);
+  *field = copy;
+  return true;
+}
+
+Result SetNamespace(Instance* self, const char16_t* name) {
+  Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  return ReplaceText(body, &body->namespaceName, name) ? RESULT_OK : RESULT_FAILED;
+}
+
+Result NamespaceOf(const Instance* self, const char16_t** name) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  StoreOut(name, body->namespaceName);
+  return RESULT_OK;
+}
+
+Result SetHostName(Instance* self, const char16_t* name) {
+  Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  if (!ReplaceText(body, &body->hostName, name)) return RESULT_SERVER_LIMITS_EXCEEDED;
+  self->hostName = body->hostName;
+  return RESULT_OK;
+}
+
+Result HostNameOf(const Instance* self, const char16_t** name) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  StoreOut(name, body->hostName);
+  return RESULT_OK;
+}
+
+Result PropertyCountOf(const Instance* self, std::uint32_t* count) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  StoreOut(count, body->def->propertyCount);
+  return RESULT_OK;
+}
+
+Result StorePropertyAt(Instance* self, std::uint32_t index, const CimValue* value,
+                       std::uint32_t type, std::uint32_t flags) {
+  Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  if (index >= body->def->propertyCount) return RESULT_FAILED;
+  const PropertyDef& property = *body->def->properties[index];
+  if (property.type != type) return RESULT_TYPE_MISMATCH;
+  return ValueSlot_Assign(Instance_Slot(body, property), type, value, flags, body->batch);
+}
+
+// The index of the property with that name. The results are those of the calls by name.
+Result FindByName(const Instance* self, const char16_t* name, std::uint32_t* index) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr || name == nullptr) return RESULT_INVALID_PARAMETER;
+  const std::int64_t found = ClassDef_FindProperty(body->def, name);
+  if (found == kNoIndex) return RESULT_NO_SUCH_PROPERTY;
+  *index = static_cast<std::uint32_t>(found);
+  return RESULT_OK;
+}
+
+Result StoreProperty(Instance* self, const char16_t* name, const CimValue* value,
+                     std::uint32_t type, std::uint32_t flags) {
+  std::uint32_t index = 0;
+  const Result result = FindByName(self, name, &index);
+  return result != RESULT_OK ? result : StorePropertyAt(self, index, value, type, flags);
+}
+
+std::uint32_t FlagsOf(const PropertyDef& property, bool present, std::uint8_t slotFlags) {
+  std::uint32_t flags = property.flags & ~(FLAG_NULL | FLAG_NOT_MODIFIED);
+  if (!present) flags |= FLAG_NULL;
+  if ((slotFlags & SLOT_MODIFIED) == 0) flags |= FLAG_NOT_MODIFIED;
+  return flags;
+}
+
+Result PropertyAt(const Instance* self, std::uint32_t index, const char16_t** name, CimValue* value,
+                  std::uint32_t* type, std::uint32_t* flags) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr || index >= body->def->propertyCount) return RESULT_INVALID_PARAMETER;
+  const PropertyDef& property = *body->def->properties[index];
+  StoreOut(name, property.name);
+  StoreOut(type, property.type);
+  if (value == nullptr && flags == nullptr) return RESULT_OK;
+  bool present = false;
+  std::uint8_t slotFlags = 0;
+  CimValue unwanted;
+  ValueSlot_Read(Instance_Slot(body, property), property.type, value != nullptr ? value : &unwanted,
+                 &present, &slotFlags);
+  StoreOut(flags, FlagsOf(property, present, slotFlags));
+  return RESULT_OK;
+}
+
+Result ReadProperty(const Instance* self, const char16_t* name, CimValue* value,
+                    std::uint32_t* type, std::uint32_t* flags, std::uint32_t* index) {
+  std::uint32_t found = 0;
+  const Result result = FindByName(self, name, &found);
+  if (result != RESULT_OK) return result;
+  StoreOut(index, found);
+  return PropertyAt(self, found, nullptr, value, type, flags);
+}
+
+Result ClearPropertyAt(Instance* self, std::uint32_t index) {
+  Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  if (index >= body->def->propertyCount) return RESULT_FAILED;
+  const PropertyDef& property = *body->def->properties[index];
+  ValueSlot_Clear(Instance_Slot(body, property), property.type, body->batch);
+  return RESULT_OK;
+}
+
+Result ClearProperty(Instance* self, const char16_t* name) {
+  std::uint32_t index = 0;
+  const Result result = FindByName(self, name, &index);
+  return result != RESULT_OK ? result : ClearPropertyAt(self, index);
+}
+
+// Makes room for one property more, which may move the body. The body, or empty when memory fails.
+Instance* MakeRoom(Instance* wrapper, ClassDef* def) {
+  Instance* body = wrapper->body;
+  const std::uint32_t count = def->propertyCount;
+  if (count < DynamicDef_Capacity(count)) return body;
+  const std::uint64_t oldTable = std::uint64_t{count} * sizeof(void*);
+  void* table = Batch_Realloc(body->batch, def->properties, oldTable, 2 * oldTable);
+  if (table == nullptr) return nullptr;
+  const std::uint64_t oldSize = DynamicBodySize(count) + sizeof(InstanceHeader);
+  const std::uint64_t newSize = DynamicBodySize(2 * std::uint64_t{count}) + sizeof(InstanceHeader);
+  void* block = Batch_Realloc(body->batch, Instance_Header(body), oldSize, newSize);
+  if (block == nullptr) return nullptr;
+  auto* header = new (block) InstanceHeader{kInstanceMagic, 0, {1}};
+  auto* moved = reinterpret_cast<Instance*>(header + 1);
+  moved->body = moved;
+  def->properties = static_cast<const PropertyDef**>(table);
+  Instance_SyncWrapper(wrapper, moved);
+  return moved;
+}
+
+PropertyDef* MakeProperty(Batch* batch, const char16_t* name, std::uint32_t type,
+                          std::uint32_t flags, std::uint32_t offset) {
+  auto* property = static_cast<PropertyDef*>(Batch_AllocZero(batch, sizeof(PropertyDef)));
+  if (property == nullptr) return nullptr;
+  property->name = Batch_DupText(batch, name);
+  if (property->name == nullptr) return nullptr;
+  property->nameCode = Name_Code(name);
+  property->flags = flags;
+  property->type = type;
+  property->offset = offset;
+  return property;
+}
+
+// Puts the property behind the last, as a null.
+void AppendProperty(Instance* body, ClassDef* def, PropertyDef* property) {
+  const_cast<const PropertyDef**>(def->properties)[def->propertyCount] = property;
+  ++def->propertyCount;
+  def->size += DYNAMIC_SLOT_SIZE;
+  std::memset(static_cast<void*>(Instance_Slot(body, *property)), 0, DYNAMIC_SLOT_SIZE);
+}
+
+Result AddProperty(Instance* self, const char16_t* name, const CimValue* value, std::uint32_t type,
+                   std::uint32_t flags) {
+  Instance* body = Instance_LiveBody(self);
+  if (body == nullptr || name == nullptr) return RESULT_INVALID_PARAMETER;
+  if (body == self) return RESULT_FAILED;
+  if (!Name_IsValid(name) || type >= kCimTypes) return RESULT_INVALID_PARAMETER;
+  if (ClassDef_FindProperty(body->def, name) != kNoIndex) return RESULT_ALREADY_EXISTS;
+  ClassDef* def = Instance_PrivateDef(body);
+  const std::uint64_t offset = DynamicBodySize(def->propertyCount);
+  if (offset + DYNAMIC_SLOT_SIZE > std::numeric_limits<std::uint32_t>::max()) return RESULT_FAILED;
+  body = MakeRoom(self, def);
+  if (body == nullptr) return RESULT_FAILED;
+  PropertyDef* property =
+      MakeProperty(body->batch, name, type, flags, static_cast<std::uint32_t>(offset));
+  if (property == nullptr) return RESULT_FAILED;
+  AppendProperty(body, def, property);
+  Instance_SyncWrapper(self, body);
+  const std::uint32_t valueFlags = flags & (FLAG_NULL | FLAG_BORROW);
+  return StorePropertyAt(self, def->propertyCount - 1, value, type, valueFlags);
+}
+
+Result MakeClassObject(const Instance* self, ClassObject** made) {
+  const Instance* body = Instance_LiveBody(self);
+  if (body == nullptr) return RESULT_INVALID_PARAMETER;
+  return Class_FromDef(body->def, body->namespaceName, body->hostName, made);
+}
+
+}  // namespace
+
+const InstanceOps kInstanceOps = {
+    instance_ops::Clone,  instance_ops::Dismantle,
+    instance_ops::Delete, IsKindOf,
+    ClassNameOf,          SetNamespace,
+    NamespaceOf,          PropertyCountOf,
+    AddProperty,          StoreProperty,
+    StorePropertyAt,      ReadProperty,
+    PropertyAt,           ClearProperty,
+    ClearPropertyAt,      HostNameOf,
+    SetHostName,          MakeClassObject,
+};
+
+Result Instance_ReserveArray(Instance* instance, const char16_t* name, std::uint32_t elementType,
+                             std::uint32_t flags, std::uint32_t capacity, std::uint32_t* index) {
+  Instance* body = Instance_LiveBody(instance);
+  if (body == nullptr || index == nullptr) return RESULT_INVALID_PARAMETER;
+  const std::int64_t found = ClassDef_FindProperty(body->def, name);
+  if (found == kNoIndex) return RESULT_NO_SUCH_PROPERTY;
+  const PropertyDef& property = *body->def->properties[found];
+  const std::uint32_t type = elementType | CIM_ARRAY;
+  if (property.type != type) return RESULT_TYPE_MISMATCH;
+  // The room comes first, so that the old value goes only when nothing can fail any more.
+  CimValue empty{};
+  void* data = nullptr;
+  if (capacity > 0) {
+    const std::size_t elementSize = kElementSizes[CimType_Element(type)];
+    data = Batch_Alloc(body->batch, std::size_t{capacity} * elementSize);
+    if (data == nullptr) return RESULT_SERVER_LIMITS_EXCEEDED;
+  }
+  empty.array = ArrayValue{};
+  ValueSlot* slot = Instance_Slot(body, property);
+  const Result result = ValueSlot_Assign(slot, type, &empty, flags, body->batch);
+  if (result != RESULT_OK) return result;
+  const ArrayValue reserved{data, 0, 0};
+  std::memcpy(static_cast<void*>(slot), &reserved, sizeof reserved);
+  *index = static_cast<std::uint32_t>(found);
+  return RESULT_OK;
+}
+
+Result Instance_AppendToArray(Instance* instance, std::uint32_t index, const void* element) {
+  Instance* body = Instance_LiveBody(instance);
+  if (body == nullptr || element == nullptr) return RESULT_INVALID_PARAMETER;
+  if (index >= body->def->propertyCount) return RESULT_INVALID_PARAMETER;
+  const PropertyDef& property = *body->def->properties[index];
+  if (!CimType_IsArray(property.type)) return RESULT_TYPE_MISMATCH;
+  ValueSlot* slot = Instance_Slot(body, property);
+  CimValue value{};
+  bool present = false;
+  std::uint8_t slotFlags = 0;
+  ValueSlot_Read(slot, property.type, &value, &present, &slotFlags);
+  if (value.array.data == nullptr || (slotFlags & SLOT_BORROWED) != 0) return RESULT_FAILED;
+  const Result result = ArrayValue_StoreAt(body->batch, CimType_Element(property.type),
+                                           value.array.data, value.array.size, element);
+  if (result != RESULT_OK) return result;
+  ++value.array.size;
+  std::memcpy(static_cast<void*>(slot), &value.array, sizeof value.array);
+  reinterpret_cast<std::uint8_t*>(slot)[sizeof value.array] = 1;  // `present`
+  return RESULT_OK;
+}
+
+}  // namespace stewardry::cim

@@ -1,0 +1,208 @@
+#include "cim/instance/typed_instance.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "cim/instance/class_object.h"
+#include "cim/log/log_events.h"
+#include "cim/memory/heap.h"
+#include "cim/memory/size.h"
+#include "cim/text/base64.h"
+#include "cim/value/text_conversion.h"
+
+namespace stewardry::cim {
+namespace {
+
+constexpr std::size_t kOctetHead = 4;  // the total length in front of an octet string's content
+
+void StoreOctetLength(std::uint32_t length, std::uint8_t* head) {
+  for (std::size_t i = 0; i < kOctetHead; ++i)
+    head[i] = static_cast<std::uint8_t>(length >> (24 - 8 * i));
+}
+
+std::uint32_t LoadOctetLength(const std::uint8_t* head) {
+  return (std::uint32_t{head[0]} << 24) | (std::uint32_t{head[1]} << 16) |
+         (std::uint32_t{head[2]} << 8) | head[3];
+}
+
+struct HeapDeleter {
+  void operator()(std::uint8_t* block) const { Heap_Free(block); }
+};
+using HeapBytes = std::unique_ptr<std::uint8_t, HeapDeleter>;
+
+// An octet string on its way into a property, which stores a copy.
+struct OctetString {
+  OctetString() = default;
+  OctetString(const OctetString&) = delete;
+  OctetString& operator=(const OctetString&) = delete;
+  ~OctetString() { Heap_Free(sink.data); }
+
+  OctetSink sink{};
+};
+
+Result TypeOfProperty(const Instance* instance, const char16_t* name, std::uint32_t* type) {
+  return Instance_ReadProperty(instance, name, nullptr, type, nullptr, nullptr);
+}
+
+// Whether the property's own class says that it holds an octet string.
+Result HasOctetQualifier(const Instance* instance, const char16_t* name, bool* has) {
+  ClassObject* object = nullptr;
+  const ClassDef* def = Instance_Body(instance)->def;
+  Result result = Class_FromDef(def, nullptr, nullptr, &object);
+  if (result != RESULT_OK) return result;
+  QualifierSet qualifiers{};
+  result = Class_ReadProperty(object, name, nullptr, nullptr, nullptr, nullptr, &qualifiers,
+                              nullptr, nullptr);
+  std::uint32_t type = 0;
+  CimValue value{};
+  *has = result == RESULT_OK &&
+         QualifierSet_FindQualifier(&qualifiers, u"Octetstring", &type, nullptr, &value, nullptr) ==
+             RESULT_OK &&
+         type == CIM_BOOLEAN && value.boolean != 0;
+  (void)Class_Delete(object);  // what comes out of a qualifier set ends here
+  return result;
+}
+
+// Decodes Base64 text into an octet string. RESULT_FAILED, with a line in the log, for a text that
+// is none and when memory fails.
+Result DecodeOctets(const char16_t* text, OctetSink* sink) {
+  const std::u16string_view units(text);
+  const HeapBytes narrow(static_cast<std::uint8_t*>(Heap_Allocate(units.size() + 1)));
+  if (narrow == nullptr) return RESULT_FAILED;
+  std::transform(units.begin(), units.end(), narrow.get(),
+                 [](char16_t unit) { return static_cast<std::uint8_t>(unit); });
+  if (Base64Dec(narrow.get(), units.size(), OctetSink_Append, sink) < 0) {
+    LibLog_Base64DecFailed("", 0);
+    return RESULT_FAILED;
+  }
+  // Nothing decoded: the empty octet string, which is its length alone.
+  if (sink->data == nullptr && OctetSink_Append(narrow.get(), 0, sink) != 0) {
+    LibLog_OutOfMemory("", 0);
+    return RESULT_FAILED;
+  }
+  return RESULT_OK;
+}
+
+Result SetOctetString(Instance* instance, const char16_t* name, const char16_t* text) {
+  OctetString octets;
+  const Result result = DecodeOctets(text, &octets.sink);
+  if (result != RESULT_OK) return result;
+  CimValue value{};
+  value.array = octets.sink;
+  return Instance_StoreProperty(instance, name, &value, CIM_UINT8A, FLAG_ADOPT);
+}
+
+// Converts the texts and stores them. The block of the converted values is given back in any case,
+// because a set copies.
+Result SetConvertedArray(Instance* instance, const char16_t* name, std::uint32_t type,
+                         const char16_t* const* texts, std::uint32_t count) {
+  const TextConverter convert = TextConverters[CimType_Element(type)];
+  if (convert == nullptr) return RESULT_FAILED;
+  const std::size_t elementSize = kElementSizes[CimType_Element(type)];
+  std::size_t places = 0;
+  std::size_t size = 0;
+  if (Size_Add(count, 1, &places) != 0 || Size_Mul(places, elementSize, &size) != 0)
+    return RESULT_SERVER_LIMITS_EXCEEDED;
+  Batch* batch = Instance_Body(instance)->batch;
+  auto* block = static_cast<std::uint8_t*>(Batch_Alloc(batch, size));
+  if (block == nullptr) return RESULT_SERVER_LIMITS_EXCEEDED;
+
+  Result result = RESULT_OK;
+  for (std::uint32_t i = 0; i < count && result == RESULT_OK; ++i) {
+    if (convert(texts[i], block + i * elementSize) != 0) result = RESULT_INVALID_PARAMETER;
+  }
+  if (result == RESULT_OK) {
+    CimValue value{};
+    value.array = ArrayValue{block, count, 0};
+    result = Instance_StoreProperty(instance, name, &value, type, FLAG_ADOPT);
+  }
+  Batch_Release(batch, block);
+  return result;
+}
+
+Result SetTexts(Instance* instance, const char16_t* name, const char16_t* const* texts,
+                std::uint32_t count) {
+  CimValue value{};
+  // A set with copy reads the table and doesn't keep it.
+  value.array = ArrayValue{const_cast<const char16_t**>(texts), count, 0};
+  return Instance_StoreProperty(instance, name, &value, CIM_STRINGA, 0);
+}
+
+}  // namespace
+
+Result Instance_SetFromText(Instance* instance, const char16_t* name, const char16_t* text,
+                            std::uint32_t textFlags) {
+  if (instance == nullptr || name == nullptr || text == nullptr) return RESULT_INVALID_PARAMETER;
+  std::uint32_t type = 0;
+  const Result result = TypeOfProperty(instance, name, &type);
+  if (result != RESULT_OK) return result;
+  if (CimType_IsArray(type)) return Instance_SetArrayFromTexts(instance, name, &text, 1, textFlags);
+
+  CimValue value{};
+  if (type == CIM_STRING) {
+    value.string = text;
+    return Instance_StoreProperty(instance, name, &value, type, 0);
+  }
+  const TextConverter convert = TextConverters[type];
+  if (convert == nullptr || convert(text, &value) != 0) return RESULT_FAILED;
+  return Instance_StoreProperty(instance, name, &value, type, 0);
+}
+
+Result Instance_SetArrayFromTexts(Instance* instance, const char16_t* name,
+                                  const char16_t* const* texts, std::uint32_t count,
+                                  std::uint32_t textFlags) {
+  if (instance == nullptr || name == nullptr || texts == nullptr) return RESULT_INVALID_PARAMETER;
+  std::uint32_t type = 0;
+  const Result result = TypeOfProperty(instance, name, &type);
+  if (result != RESULT_OK) return result;
+  if (!CimType_IsArray(type)) return RESULT_TYPE_MISMATCH;
+
+  // The class is looked at only where its answer counts.
+  if (type == CIM_UINT8A && (textFlags & kTextOctetString) != 0) {
+    bool isOctetString = false;
+    const Result looked = HasOctetQualifier(instance, name, &isOctetString);
+    if (looked != RESULT_OK) return looked;
+    if (isOctetString && (count == 0 || texts[0] == nullptr)) return RESULT_INVALID_PARAMETER;
+    if (isOctetString) return SetOctetString(instance, name, texts[0]);
+  }
+  if (type == CIM_STRINGA) return SetTexts(instance, name, texts, count);
+  return SetConvertedArray(instance, name, type, texts, count);
+}
+
+Result Instance_GetValueOfType(const Instance* instance, const char16_t* name, void* value,
+                               std::uint32_t type) {
+  CimValue held{};
+  std::uint32_t heldType = 0;
+  std::uint32_t flags = 0;
+  const Result result = Instance_ReadProperty(instance, name, &held, &heldType, &flags, nullptr);
+  if (result != RESULT_OK) return result;
+  if (heldType != type) return RESULT_TYPE_MISMATCH;
+  if ((flags & FLAG_NULL) != 0) return RESULT_NOT_FOUND;
+  if (value == nullptr) return RESULT_INVALID_PARAMETER;
+  std::memcpy(value, &held, kElementSizes[type]);
+  return RESULT_OK;
+}
+
+int OctetSink_Append(const std::uint8_t* chunk, std::size_t length, void* sink) {
+  auto* octets = static_cast<OctetSink*>(sink);
+  auto* old = static_cast<std::uint8_t*>(octets->data);
+  const std::size_t held = old == nullptr ? kOctetHead : LoadOctetLength(old);
+  std::size_t total = 0;
+  std::uint8_t* block = nullptr;
+  if (Size_Add(held, length, &total) == 0 && total <= UINT32_MAX)
+    block = static_cast<std::uint8_t*>(Heap_Reallocate(old, total));
+  if (block == nullptr) {
+    Heap_Free(old);
+    *octets = OctetSink{};
+    return -1;
+  }
+  StoreOctetLength(static_cast<std::uint32_t>(total), block);
+  if (length != 0) std::memcpy(block + held, chunk, length);
+  octets->data = block;
+  octets->size = static_cast<std::uint32_t>(total);
+  return 0;
+}
+
+}  // namespace stewardry::cim

@@ -1,0 +1,201 @@
+#include "cim/value/text_conversion.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string_view>
+#include <system_error>
+
+#include "cim/memory/heap.h"
+#include "cim/text/number_scan.h"
+#include "cim/value/datetime.h"
+#include "cim/value/names.h"
+
+namespace stewardry::cim {
+namespace {
+
+// `Take` narrows the scanned number to the value's type.
+template <class Value, auto Take>
+int ConvertWhole(const char16_t* text, Value* value) {
+  if (text == nullptr || value == nullptr) return -1;
+  const ScannedNumber number = ScanAnyBase(text);
+  if (*number.end != 0) return -1;
+  *value = static_cast<Value>(Take(number));
+  return 0;
+}
+
+// The text of a real number in narrow characters, which is what std::from_chars reads.
+class NarrowNumber {
+ public:
+  // Without digits when a unit is no ASCII, or when a long text finds no memory.
+  explicit NarrowNumber(const char16_t* text) {
+    std::size_t length = 0;
+    while (length < sizeof buffer_ && text[length] != 0) {
+      buffer_[length] = static_cast<char>(text[length]);
+      seen_ |= text[length++];
+    }
+    if (length == sizeof buffer_) {
+      TakeLong(text);
+    } else if (seen_ < 128) {
+      digits_ = std::string_view(buffer_, length);
+    }
+  }
+  NarrowNumber(const NarrowNumber&) = delete;
+  NarrowNumber& operator=(const NarrowNumber&) = delete;
+  ~NarrowNumber() { Heap_Free(block_); }
+
+  std::string_view Digits() const { return digits_; }
+
+ private:
+  void TakeLong(const char16_t* text) {
+    const std::u16string_view units(text);
+    block_ = static_cast<char*>(Heap_Allocate(units.size()));
+    if (block_ == nullptr) return;
+    for (std::size_t i = 0; i < units.size(); ++i) {
+      block_[i] = static_cast<char>(units[i]);
+      seen_ |= units[i];
+    }
+    if (seen_ < 128) digits_ = std::string_view(block_, units.size());
+  }
+
+  char buffer_[120];
+  std::uint32_t seen_ = 0;  // the bits of all units
+  char* block_ = nullptr;
+  std::string_view digits_;
+};
+
+// Whether a number that has no double is too large for one rather than too small: its order of
+// magnitude, roughly, in decimal or binary digits, which is far from 0 either way.
+bool IsTooLarge(std::string_view digits, bool hex) {
+  const std::size_t mark = std::min(digits.find_first_of(hex ? "pP" : "eE"), digits.size());
+  const std::string_view mantissa = digits.substr(0, mark);
+  const std::size_t lead = mantissa.find_first_not_of("0.");
+  if (lead == std::string_view::npos) return false;
+  const auto point = static_cast<std::int64_t>(std::min(mantissa.find('.'), mantissa.size()));
+  const std::int64_t order = (point - static_cast<std::int64_t>(lead)) * (hex ? 4 : 1);
+
+  std::string_view power = digits.substr(std::min(mark + 1, digits.size()));
+  if (power.starts_with('+')) power.remove_prefix(1);
+  std::int64_t exponent = 0;
+  const auto read = std::from_chars(power.data(), power.data() + power.size(), exponent);
+  if (read.ec == std::errc::result_out_of_range) return power.front() != '-';
+  return exponent > -order;
+}
+
+// Behind the prefix come digits: std::from_chars alone would also take a sign and a word there.
+bool StartsHex(std::string_view digits) {
+  if (digits.size() < 3 || digits[0] != '0' || (digits[1] | 0x20) != 'x') return false;
+  return digits[2] == '.' || DigitValue(static_cast<unsigned char>(digits[2])) < 16;
+}
+
+// A number without blanks and sign, to its very end.
+bool ReadMagnitude(std::string_view digits, double* magnitude) {
+  const bool hex = StartsHex(digits);
+  if (hex) digits.remove_prefix(2);
+  if (digits.empty() || digits.front() == '-') return false;
+  const char* last = digits.data() + digits.size();
+  const auto format = hex ? std::chars_format::hex : std::chars_format::general;
+  const auto read = std::from_chars(digits.data(), last, *magnitude, format);
+  if (read.ec == std::errc::invalid_argument || read.ptr != last) return false;
+  if (read.ec == std::errc::result_out_of_range) {
+    *magnitude = IsTooLarge(digits, hex) ? std::numeric_limits<double>::infinity() : 0.0;
+  }
+  return true;
+}
+
+// The table's form of a converter.
+template <class Value, int (*Convert)(const char16_t*, Value*)>
+int Into(const char16_t* text, void* value) {
+  return Convert(text, static_cast<Value*>(value));
+}
+
+}  // namespace
+
+int Text_ToBoolean(const char16_t* text, std::uint8_t* value) {
+  if (text == nullptr || value == nullptr) return -1;
+  const bool isTrue = Name_Equal(text, u"true");
+  if (!isTrue && !Name_Equal(text, u"false")) return -1;
+  *value = isTrue ? 1 : 0;
+  return 0;
+}
+
+int Text_ToUint8(const char16_t* text, std::uint8_t* value) {
+  return ConvertWhole<std::uint8_t, AsUint32>(text, value);
+}
+
+int Text_ToUint16(const char16_t* text, std::uint16_t* value) {
+  return ConvertWhole<std::uint16_t, AsUint32>(text, value);
+}
+
+int Text_ToUint32(const char16_t* text, std::uint32_t* value) {
+  return ConvertWhole<std::uint32_t, AsUint32>(text, value);
+}
+
+int Text_ToChar16(const char16_t* text, char16_t* value) {
+  return ConvertWhole<char16_t, AsUint32>(text, value);
+}
+
+int Text_ToSint8(const char16_t* text, std::int8_t* value) {
+  return ConvertWhole<std::int8_t, AsSint32>(text, value);
+}
+
+int Text_ToSint16(const char16_t* text, std::int16_t* value) {
+  return ConvertWhole<std::int16_t, AsSint32>(text, value);
+}
+
+int Text_ToSint32(const char16_t* text, std::int32_t* value) {
+  return ConvertWhole<std::int32_t, AsSint32>(text, value);
+}
+
+int Text_ToUint64(const char16_t* text, std::uint64_t* value) {
+  return ConvertWhole<std::uint64_t, AsUint64>(text, value);
+}
+
+int Text_ToSint64(const char16_t* text, std::int64_t* value) {
+  return ConvertWhole<std::int64_t, AsSint64>(text, value);
+}
+
+int Text_ToReal64(const char16_t* text, double* value) {
+  if (text == nullptr || value == nullptr) return -1;
+  if (*text == 0) {
+    *value = 0;
+    return 0;
+  }
+  while (IsBlankUnit(*text)) ++text;
+  const bool negative = *text == u'-';
+  if (negative || *text == u'+') ++text;
+  const NarrowNumber number(text);
+  double magnitude = 0;
+  if (!ReadMagnitude(number.Digits(), &magnitude)) return -1;
+  *value = negative ? -magnitude : magnitude;
+  return 0;
+}
+
+int Text_ToReal32(const char16_t* text, float* value) {
+  double wide = 0;
+  if (value == nullptr || Text_ToReal64(text, &wide) != 0) return -1;
+  *value = static_cast<float>(wide);
+  return 0;
+}
+
+const TextConverter TextConverters[kTextConverterCount] = {
+    Into<std::uint8_t, Text_ToBoolean>,
+    Into<std::uint8_t, Text_ToUint8>,
+    Into<std::int8_t, Text_ToSint8>,
+    Into<std::uint16_t, Text_ToUint16>,
+    Into<std::int16_t, Text_ToSint16>,
+    Into<std::uint32_t, Text_ToUint32>,
+    Into<std::int32_t, Text_ToSint32>,
+    Into<std::uint64_t, Text_ToUint64>,
+    Into<std::int64_t, Text_ToSint64>,
+    Into<float, Text_ToReal32>,
+    Into<double, Text_ToReal64>,
+    Into<char16_t, Text_ToChar16>,
+    Into<CimDatetime, Datetime_Parse>,
+    nullptr,  // STRING
+    nullptr,  // REFERENCE
+    nullptr,  // INSTANCE
+};
+
+}  // namespace stewardry::cim

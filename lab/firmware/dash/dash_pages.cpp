@@ -1,0 +1,83 @@
+#include "lab/firmware/dash/dash_pages.h"
+
+#include <string_view>
+
+#include "lab/firmware/core/text.h"
+#include "lab/firmware/dash/wsman.h"
+
+namespace orrin {
+namespace {
+
+constexpr std::string_view kBytesPath = "/bytes/";
+
+HttpResponse InventoryPage(HttpRequest&, const PageFacts& facts) {
+  HttpResponse response;
+  response.contentType = "application/json";
+  response.body = InventoryJson(facts.inventory) + "\n";
+  return response;
+}
+
+HttpResponse EchoPage(HttpRequest& request, const PageFacts&) {
+  HttpResponse response;
+  if (const std::string* type = request.Field("content-type")) response.contentType = *type;
+  response.body = std::move(request.body);
+  return response;
+}
+
+HttpResponse WsmanPage(HttpRequest& request, const PageFacts& facts) {
+  return AnswerWsman(request.body, facts.version);
+}
+
+HttpResponse BytesPage(HttpRequest& request, const PageFacts&) {
+  const auto count =
+      Number(std::string_view(request.target).substr(kBytesPath.size()), kMaxPattern);
+  if (!count) return Refusal(404);
+  HttpResponse response;
+  response.contentType = "application/octet-stream";
+  response.patternLength = *count;
+  return response;
+}
+
+struct Page {
+  std::string_view path;
+  bool isPrefix;
+  std::string_view method;  // HEAD goes where GET goes
+  HttpResponse (*answer)(HttpRequest& request, const PageFacts& facts);
+};
+
+constexpr Page kPages[] = {
+    {"/", false, "GET", InventoryPage},
+    {"/wsman", false, "POST", WsmanPage},
+    {"/echo", false, "POST", EchoPage},
+    {kBytesPath, true, "GET", BytesPage},
+};
+
+bool Offers(const Page& page, std::string_view method) {
+  return method == page.method || (method == "HEAD" && page.method == "GET");
+}
+
+}  // namespace
+
+HttpResponse AnswerPage(HttpRequest& request, const PageFacts& facts) {
+  request.target.resize(std::min(request.target.find('?'), request.target.size()));
+  for (const Page& page : kPages) {
+    const bool here =
+        page.isPrefix ? request.target.starts_with(page.path) : request.target == page.path;
+    if (!here) continue;
+    if (Offers(page, request.method)) return page.answer(request, facts);
+    HttpResponse refused = Refusal(405);
+    refused.fields.emplace_back("Allow", page.method == "GET" ? "GET, HEAD" : "POST");
+    return refused;
+  }
+  return Refusal(404);
+}
+
+HttpResponse Refusal(int status) {
+  HttpResponse response;
+  response.status = status;
+  response.contentType = "text/plain";
+  response.body = Format("%d\n", status);
+  return response;
+}
+
+}  // namespace orrin

@@ -1,0 +1,178 @@
+#include "lab/firmware/prompt/simulator.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "lab/firmware/core/text.h"
+
+namespace orrin {
+namespace {
+
+// A mailbox end that leaves so much unread has gone wrong.
+constexpr std::size_t kMaxUnread = std::size_t{16} << 20;
+
+// Only a plain file name: the socket stays within the mailbox folder.
+bool IsSocketName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+// The sooner of two poll times, where -1 is never.
+int Sooner(int one, int other) {
+  if (one < 0 || other < 0) return std::max(one, other);
+  return std::min(one, other);
+}
+
+}  // namespace
+
+bool ReadOptions(int count, char** words, SimulatorOptions* options) {
+  bool named = false;
+  for (int i = 1; i < count; i += 2) {
+    if (i + 1 >= count) return false;
+    const std::string_view option = words[i];
+    const std::string_view value = words[i + 1];
+    if (option == "--socket" && IsSocketName(value)) {
+      options->socketName = value;
+      named = true;
+    } else if (option == "--tcp" && Number(value, UINT16_MAX)) {
+      options->tcpPort = static_cast<std::uint16_t>(*Number(value, UINT16_MAX));
+    } else if (option == "--script" && !value.empty()) {
+      options->script = value;
+    } else {
+      return false;
+    }
+  }
+  return !(named && options->tcpPort);
+}
+
+Simulator::Simulator(int input, int output)
+    : input_(input), trace_(output), firmware_(trace_, writer_, tls_), prompt_(firmware_, trace_) {}
+
+int Simulator::Run(const SimulatorOptions& options) {
+  if (!Start(options)) {
+    trace_.Flush();
+    return 1;
+  }
+  while (!stops_ && !prompt_.WantsQuit()) {
+    Turn();
+    if (!prompt_.WantsQuit()) Wait();
+  }
+  FlushLink();
+  trace_.Note("ends");
+  trace_.Flush();
+  return 0;
+}
+
+bool Simulator::Start(const SimulatorOptions& options) {
+  if (!tls_.IsGood()) {
+    trace_.Note("no TLS: " + tls_.Problem());
+    return false;
+  }
+  stopSignals_ = lab::OpenStopSignals();
+  if (!stopSignals_) {
+    trace_.Note(std::string("signalfd: ") + std::strerror(errno));
+    return false;
+  }
+  if (!Listen(options)) return false;
+  if (options.script.empty() || prompt_.LoadScript(options.script)) return true;
+  trace_.Note("cannot read the script " + options.script);
+  return false;
+}
+
+bool Simulator::Listen(const SimulatorOptions& options) {
+  std::string problem;
+  if (options.tcpPort) {
+    std::uint16_t port = *options.tcpPort;
+    tcp_ = lab::ListenLoopback(&port, &problem);
+    trace_.Note(tcp_ ? Format("listening on 127.0.0.1:%u", port) : "cannot listen: " + problem);
+    return static_cast<bool>(tcp_);
+  }
+  const bool open = local_.Open(lab::LabFolder() + "/mailbox/" + options.socketName, &problem);
+  trace_.Note(open ? "listening on " + local_.Path() : "cannot listen: " + problem);
+  return open;
+}
+
+// Commands first, then what they and the last messages brought leaves in one write, and only then
+// the trace of it all.
+void Simulator::Turn() {
+  prompt_.Run();
+  firmware_.Pump();
+  FlushLink();
+  if (prompt_.TakeDrop()) {
+    mailbox_ ? DropMailbox("dropped at the prompt") : trace_.Note("no mailbox end is connected");
+  }
+  trace_.Flush();
+}
+
+void Simulator::FlushLink() {
+  if (!mailbox_) return;
+  if (!writer_.Flush(mailbox_.Get())) {
+    DropMailbox(std::strerror(errno));
+  } else if (writer_.Pending() > kMaxUnread) {
+    DropMailbox("it doesn't read what is sent to it");
+  }
+}
+
+void Simulator::Wait() {
+  // A negative descriptor is passed over by poll.
+  const int listener = tcp_ ? tcp_.Get() : local_.Get();
+  const short linkEvents = static_cast<short>(POLLIN | (writer_.Pending() > 0 ? POLLOUT : 0));
+  pollfd polled[] = {
+      {stopSignals_.Get(), POLLIN, 0},
+      {mailbox_ ? -1 : listener, POLLIN, 0},
+      {mailbox_.Get(), linkEvents, 0},
+      {inputEnded_ || !prompt_.HasRoom() ? -1 : input_, POLLIN, 0},
+  };
+  const int milliseconds = Sooner(prompt_.MillisecondsLeft(), firmware_.MillisecondsLeft());
+  if (poll(polled, std::size(polled), milliseconds) <= 0) return;
+  if (polled[0].revents) stops_ = true;
+  if (polled[1].revents) AcceptMailbox();
+  if (polled[2].revents & (POLLIN | POLLHUP | POLLERR)) ReadLink();
+  if (polled[3].revents) ReadInput();
+}
+
+void Simulator::AcceptMailbox() {
+  mailbox_ = lab::AcceptOne(tcp_ ? tcp_.Get() : local_.Get());
+  if (!mailbox_) return;
+  reader_.Clear();
+  writer_.Clear();
+  firmware_.MailboxArrived();
+}
+
+void Simulator::ReadLink() {
+  const std::span<std::uint8_t> room = reader_.Room();
+  const ssize_t count = read(mailbox_.Get(), room.data(), room.size());
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count < 0) return DropMailbox(std::strerror(errno));
+  if (count == 0) {
+    return DropMailbox(reader_.Torn() ? "the link ended within a message" : "the link was closed");
+  }
+  reader_.Filled(static_cast<std::size_t>(count));
+  LinkMessage message;
+  LinkReader::Result result;
+  while ((result = reader_.Next(&message)) == LinkReader::Result::kMessage) {
+    if (!firmware_.Take(message)) return DropMailbox("malformed request");
+  }
+  if (result == LinkReader::Result::kMalformed) DropMailbox("malformed head");
+}
+
+void Simulator::ReadInput() {
+  char bytes[4096];
+  const ssize_t count = read(input_, bytes, sizeof(bytes));
+  if (count > 0) return prompt_.Typed({bytes, static_cast<std::size_t>(count)});
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  inputEnded_ = true;
+  prompt_.EndTyped();
+}
+
+void Simulator::DropMailbox(const std::string& why) {
+  mailbox_.Close();
+  firmware_.MailboxLeft(why);
+  trace_.Note("waiting for a mailbox end");
+}
+
+}  // namespace orrin

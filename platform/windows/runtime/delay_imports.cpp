@@ -1,0 +1,117 @@
+// The run-time half of cmake/delay_import.cmake. Mind that the linker's helper raises an exception
+// for a function that Windows lacks unless the failure hook below gives it something to call.
+#include "platform/windows/runtime/delay_imports.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/windows/runtime/windows_api.h"
+// This needs windows.h.
+#include <delayimp.h>
+
+// The generated rows name each DLL by the descriptor that its delay-load library defines.
+#define DELAYED_FUNCTION(name, kind)
+#define DELAYED_DLL(dll) \
+  extern "C" const ImgDelayDescr __DELAY_IMPORT_DESCRIPTOR_libdelay_##dll##_a;
+#include "delay_rows.inc"
+#undef DELAYED_DLL
+#undef DELAYED_FUNCTION
+
+// The helper that the delay-load libraries call, of the C runtime; its header leaves it out.
+extern "C" FARPROC WINAPI __delayLoadHelper2(const ImgDelayDescr* dll, FARPROC* function);
+extern "C" IMAGE_DOS_HEADER __ImageBase;
+
+namespace platform {
+
+namespace {
+
+// What stands in for a missing function. The caller clears its arguments away (x64 calling
+// convention), so one function serves every list of them.
+INT_PTR WINAPI GiveZero() {
+  ::SetLastError(ERROR_PROC_NOT_FOUND);
+  return 0;
+}
+
+INT_PTR WINAPI GiveMinusOne() {
+  ::SetLastError(ERROR_PROC_NOT_FOUND);
+  return -1;
+}
+
+INT_PTR WINAPI GiveError() { return ERROR_PROC_NOT_FOUND; }
+
+INT_PTR WINAPI GiveHResult() { return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND); }
+
+struct Row {
+  const char* name;
+  FARPROC give;
+};
+
+constexpr Row kRows[] = {
+#define DELAYED_DLL(dll)
+#define DELAYED_FUNCTION(name, kind) {#name, Give##kind},
+#include "delay_rows.inc"
+#undef DELAYED_FUNCTION
+#undef DELAYED_DLL
+};
+
+constexpr const ImgDelayDescr* kDlls[] = {
+#define DELAYED_FUNCTION(name, kind)
+#define DELAYED_DLL(dll) &__DELAY_IMPORT_DESCRIPTOR_libdelay_##dll##_a,
+#include "delay_rows.inc"
+#undef DELAYED_DLL
+#undef DELAYED_FUNCTION
+};
+
+FARPROC StandIn(const char* name) {
+  for (const Row& row : kRows)
+    if (std::strcmp(row.name, name) == 0) return row.give;
+  return GiveZero;  // not reached: the libraries and the rows come from one table
+}
+
+// Called by the helper on a failure; what it gives is used in place of what wasn't found.
+FARPROC WINAPI Replace(unsigned failed, PDelayLoadInfo info) {
+  // A missing DLL: this program, which exports nothing, so that each of the functions is missing.
+  if (failed == dliFailLoadLib) return reinterpret_cast<FARPROC>(&__ImageBase);
+  if (failed == dliFailGetProc) return StandIn(info->dlp.szProcName);
+  return nullptr;
+}
+
+template <typename Type>
+Type* At(RVA offset) {
+  return reinterpret_cast<Type*>(reinterpret_cast<std::uintptr_t>(&__ImageBase) + offset);
+}
+
+// Calls use(dll, function) for each row of each delay-load library's address table.
+template <typename Use>
+void ForEachFunction(Use use) {
+  for (const ImgDelayDescr* dll : kDlls) {
+    auto* function = At<FARPROC>(dll->rvaIAT);
+    const auto* name = At<const IMAGE_THUNK_DATA>(dll->rvaINT);
+    for (; name->u1.AddressOfData != 0; ++name, ++function) use(dll, function);
+  }
+}
+
+// The helper stores into the address tables, which linkers from binutils 2.44 on put into a
+// read-only section. A constructor, since a program may call a delayed function at any time. A
+// failure shows at the first such call.
+[[gnu::constructor]] void MakeAddressTablesWritable() {
+  ForEachFunction([](const ImgDelayDescr*, FARPROC* function) {
+    DWORD before;
+    (void)::VirtualProtect(function, sizeof *function, PAGE_READWRITE, &before);
+  });
+}
+
+}  // namespace
+
+void BindDelayImports() {
+  ForEachFunction([](const ImgDelayDescr* dll, FARPROC* function) {
+    (void)__delayLoadHelper2(dll, function);  // stores what it gives
+  });
+}
+
+}  // namespace platform
+
+// In force from the first instruction on: the runtime's own hook is a null pointer.
+extern "C" {
+PfnDliHook __pfnDliFailureHook2 = platform::Replace;
+}

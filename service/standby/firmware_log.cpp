@@ -1,0 +1,166 @@
+// The firmware's log: two requests and the capture.
+#include "service/standby/firmware_log.h"
+
+#include <cstring>
+
+#include "platform/clock.h"
+#include "platform/file.h"
+#include "service/diagnostics/format.h"
+#include "service/diagnostics/log_file.h"
+#include "service/diagnostics/service_log.h"
+#include "service/mailbox/request.h"
+
+namespace stewardry {
+
+std::atomic<std::uint64_t> gLogBufferAddress{0};
+std::atomic<std::uint8_t> gLogFileCreated{0};
+std::atomic<std::uint32_t> gLogFirstCapture{1};
+
+namespace {
+
+// The driver's answer to either request.
+struct Answer {
+  std::uint64_t address = 0;
+  RequestOutcome outcome;
+  // An address on which the indexes are words of their own.
+  bool IsAddress() const {
+    return outcome.bytes == sizeof address && address % alignof(LogRing) == 0;
+  }
+};
+
+// The open capture file. It tells of nothing: what the disk doesn't take is lost.
+class CaptureFile {
+ public:
+  CaptureFile() : stream_(platform::OpenStream(kFirmwareLogPath, "a+")) {}
+  explicit operator bool() const { return static_cast<bool>(stream_); }
+
+  template <class... Args>
+  void Write(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
+    char text[160];  // the longest is an entry's 128 bytes and the line end
+    const std::size_t length = FormatTo(text, sizeof text, format, args...);
+    (void)platform::WriteStream(stream_, text, length);
+  }
+
+ private:
+  platform::Stream stream_;
+};
+
+// Both indexes as they stood at one moment: the firmware goes on writing meanwhile.
+struct Indexes {
+  std::uint32_t read;
+  std::uint32_t write;
+};
+
+Indexes LoadIndexes(LogRing* ring) {
+  // Acquire: the entries before the write index are read after it.
+  return {std::atomic_ref(ring->readIndex).load(std::memory_order_relaxed),
+          std::atomic_ref(ring->writeIndex).load(std::memory_order_acquire)};
+}
+
+// Release: the firmware may use an entry again once the read index has passed it.
+void StoreReadIndex(LogRing* ring, std::uint32_t index) {
+  std::atomic_ref(ring->readIndex).store(index, std::memory_order_release);
+}
+
+struct TimeText {
+  TimeText() {
+    const platform::LocalTime t = platform::GetLocalTime();
+    FormatTo(text, sizeof text, "%02u/%02u/%02u %02u:%02u:%02u", t.year, t.month, t.day, t.hour,
+             t.minute, t.second);
+  }
+  char text[32];
+};
+
+// Copies the entry word by word, since the firmware may be writing it, and puts an end behind it,
+// since a line of 128 bytes has none of its own.
+void WriteEntry(LogRing* ring, std::uint32_t index, CaptureFile* file) {
+  LogRingEntry copy;
+  LogRingEntry& entry = ring->entries[index];
+  for (std::size_t i = 0; i < std::size(copy.words); ++i)
+    copy.words[i] = std::atomic_ref(entry.words[i]).load(std::memory_order_relaxed);
+  char line[sizeof copy + 1];
+  std::memcpy(line, &copy, sizeof copy);
+  line[sizeof copy] = 0;
+  file->Write("%s\n", PrintableText(line));
+}
+
+void WriteEntries(LogRing* ring, std::uint32_t from, std::uint32_t end, CaptureFile* file) {
+  for (std::uint32_t index = from; index < end; ++index) WriteEntry(ring, index, file);
+}
+
+void CopyNewLines(LogRing* ring, const Indexes& indexes, std::int32_t delta, CaptureFile* file) {
+  if (delta == 0) {
+    file->Write("No new data logged\n");
+    return;
+  }
+  if (delta > 0) {
+    const std::uint32_t end = indexes.read + static_cast<std::uint32_t>(delta);
+    WriteEntries(ring, indexes.read, end, file);
+    return StoreReadIndex(ring, end);
+  }
+  WriteEntries(ring, indexes.read, LogRing::kWriteIndexMax, file);
+  WriteEntries(ring, 0, indexes.write, file);
+  StoreReadIndex(ring, indexes.write);
+}
+
+void CaptureRing(LogRing* ring, CaptureFile* file) {
+  Indexes indexes = LoadIndexes(ring);
+  if (indexes.write > LogRing::kWriteIndexMax || indexes.read >= LogRing::kEntries) {
+    file->Write("Read / write log buffer pointer is pointing to invalid address!!!\n");
+    file->Write("Read pointer is 0x%x write pointer is 0x%x\n", indexes.read, indexes.write);
+    return;
+  }
+  const auto delta =
+      static_cast<std::int32_t>(indexes.write) - static_cast<std::int32_t>(indexes.read);
+  file->Write("Starting log buffer capture at %s\n", TimeText().text);
+  // The first capture starts at entry 0 and takes as many lines as were new before that. Both
+  // indexes are legal, so the end of these lines is no later than the write index.
+  if (gLogFirstCapture.exchange(0, std::memory_order_relaxed) != 0) {
+    indexes.read = 0;
+    StoreReadIndex(ring, 0);
+  }
+  file->Write("read pointer: %d\t write pointer: %d\n", indexes.read, indexes.write);
+  CopyNewLines(ring, indexes, delta, file);
+  file->Write("Ending log buffer capture at %s\n", TimeText().text);
+}
+
+// The first capture of a process starts with an empty file.
+bool EmptyFileOnce() {
+  if (gLogFileCreated.load(std::memory_order_relaxed) != 0) return true;
+  if (!platform::OpenStream(kFirmwareLogPath, "w")) return false;
+  gLogFileCreated.store(1, std::memory_order_relaxed);
+  return true;
+}
+
+}  // namespace
+
+std::uint32_t WriteLogBuffer() {
+  Answer answer;
+  const std::uint32_t result =
+      AskForRecord(Operation::kWriteLogBuffer, &answer.address, &answer.outcome);
+  if (!answer.outcome.completed) return result;
+  if (!answer.IsAddress()) LogInfo("Invalid log buffer address");
+  gLogBufferAddress.store(answer.IsAddress() ? answer.address : 0, std::memory_order_relaxed);
+  return result;
+}
+
+// Whatever the answer holds, and a driver may leave the old address in it: the memory has gone, and
+// nothing may read there again.
+std::uint32_t DeAllocateLogBuffer() {
+  Answer answer;
+  const std::uint32_t result =
+      AskForRecord(Operation::kDeAllocateLogBuffer, &answer.address, &answer.outcome);
+  if (answer.outcome.completed) gLogBufferAddress.store(0, std::memory_order_relaxed);
+  return result;
+}
+
+void CaptureLogBuffer() {
+  if (!gLogFolderIsSafe.load(std::memory_order_relaxed) || !EmptyFileOnce()) return;
+  CaptureFile file;
+  if (!file) return;
+  const std::uint64_t address = gLogBufferAddress.load(std::memory_order_relaxed);
+  if (address == 0) return file.Write("Log Buffer pointer returned NULL\n");
+  CaptureRing(reinterpret_cast<LogRing*>(address), &file);
+}
+
+}  // namespace stewardry
