@@ -51,7 +51,8 @@ def command_for_clang(entry, windows):
                                if argument not in GCC_ONLY and "cmake_pch" not in argument
                                and argument != "-include"]
     if windows:
-        arguments[1:1] = ["--target=x86_64-w64-windows-gnu", "-nostdinc++"]
+        arguments[1:1] = ["--target=x86_64-w64-windows-gnu", "-nostdinc++",
+                           "-Wno-unknown-attributes"]
         for folder in includes_of_cross_compiler(given[0]):
             arguments += ["-isystem", folder]
     return arguments
