@@ -32,7 +32,7 @@ def git(*arguments):
 
 
 def includes_of_cross_compiler(compiler):
-    """The system include folders of the cross compiler, which clang can't find by itself."""
+    """The system include folders of the cross compiler, which clang cannot find by itself."""
     shown = subprocess.run([compiler, "-xc++", "-E", "-v", os.devnull], check=True,
                            capture_output=True, text=True).stderr
     listed = shown.split("#include <...> search starts here:\n")[1].split("End of search list")[0]
@@ -64,7 +64,7 @@ def write_database(presets):
     for preset in presets:
         path = os.path.join(ROOT, "build", preset, "compile_commands.json")
         if not os.path.exists(path):
-            print("  no compile commands of preset %s: it isn't configured" % preset)
+            print("  no compile commands of preset %s: it is not configured" % preset)
             continue
         with open(path, encoding="utf-8") as file:
             for entry in json.load(file):
