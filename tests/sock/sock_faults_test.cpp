@@ -136,9 +136,9 @@ TEST_F(SockFaults, FailingStepOfARunEndsItWithItsOwnReport) {
   const UnixPair pair;  // with a byte and a close for the handler
   EXPECT_EQ(::send(pair.ends[1], "x", 1, 0), 1);
   ::shutdown(pair.ends[1], SHUT_WR);
-  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t, const Handler* which) {
+  Selector_SetReport([](SelectorEvent event, const Selector*, std::uint32_t, const Handler* which) {
     gReport = {event, which};
-  };
+  });
   Handler handler;
   const std::tuple<const char*, Result, decltype(gReport)> kRows[] = {
       {"WSAEventSelect", RESULT_FAILED, {SelectorEvent::kSetSockEvents, &handler}},
