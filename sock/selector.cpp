@@ -66,7 +66,7 @@ Result Fail(SelectorEvent event, const Selector* selector, std::uint32_t detail 
 }
 
 // True on the only thread that may access the handlers: the run thread of a run, or between two
-// runs the caller, who then must be the only one.
+// runs the caller, which must be the only one.
 [[maybe_unused]] bool OwnsHandlers(const Selector* selector) {
   return !selector->state->isRunning.load(std::memory_order_relaxed) ||
          Selector_IsRunThread(selector);

@@ -10,7 +10,8 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint64_t kSmallestHalved = 4096;  // a failed write of this size or less isn't halved
+constexpr std::uint64_t kSmallestHalved =
+    4096;  // a failed write of this size or less is not halved
 constexpr std::size_t kLongestHost = 127;
 constexpr int kBacklog = 1;
 constexpr int kMostEndedConnections = 64;  // that one accept skips

@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t kShareWrite = 2;  // FILE_SHARE_WRITE
 constexpr std::uint32_t kRetryMilliseconds = 2000;
 constexpr std::size_t kQuestionSize = 100;  // with its zero byte
-constexpr std::size_t kAnswerSize = 128;    // with CR LF, and a terminator that isn't sent
+constexpr std::size_t kAnswerSize = 128;    // with CR LF, and a terminator that is not sent
 constexpr char kAnswerEnd[] = "\r\n";
 
 platform::Pipe ConnectToPipe(const char* name) {

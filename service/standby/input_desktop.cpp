@@ -270,7 +270,7 @@ bool SelectDesktop(const char* name, platform::DesktopHandle* current) {
   Log("Step 2 SelectHDESK done\n");
   if (current != nullptr) {
     const platform::DesktopHandle before = std::exchange(*current, desktop);
-    // The thread has left it, so it can be closed.
+    // The thread is on the new desktop, so the old one can be closed.
     if (before != nullptr) (void)platform::CloseDesktop(before);
   }
   Log("Step 3 Successfully switched desktops to 0x%x\n", Shown(desktop));

@@ -1,5 +1,5 @@
-// The selector on real sockets. A case that needs several handlers to be due in one pass sets
-// deadlines, since bytes for several sockets may arrive one after another.
+// A case that needs several handlers in one pass sets deadlines, since bytes for several sockets
+// may arrive one after another.
 #include "sock/selector.h"
 
 #include <gtest/gtest.h>
@@ -95,7 +95,6 @@ TEST_F(SelectorTest, AddRemoveAndDestroyCallTheHandlerOnceEach) {
   EXPECT_FALSE(Selector_IsRunThread(&sel_));
 }
 
-// AnotherThreadWakesAndStopsTheRun covers a deadline of 0.
 TEST_F(SelectorTest, DeadlineCallsItsHandlerInEachTurn) {
   Probe& probe = AddDue("t");
   probe.handler.timeoutAt += 20'000;

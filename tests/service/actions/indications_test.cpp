@@ -20,10 +20,7 @@ const std::uint8_t* Bytes(const void* record) { return static_cast<const std::ui
 
 class Indications : public MailboxTest {
  protected:
-  void SetUp() override {
-    MailboxTest::SetUp();
-    Renew(&gActions);
-  }
+  Indications() { Renew(&gActions); }
   // Returns the record of the subscription.
   static IndicationSubscription Subscribe(const std::string& host, const std::string& path,
                                           std::uint32_t port = 8080) {

@@ -6,12 +6,16 @@
 #include <tuple>
 
 #include "service/actions/actions_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
 namespace {
 
-class PowerActions : public MailboxTest {};
+class PowerActions : public MailboxTest {
+ protected:
+  PowerActions() { Renew(&gActions); }
+};
 
 TEST_F(PowerActions, ReplyClearsTheOptionAndMakesItsCall) {
   const std::tuple<std::uint8_t, const char*, const char*> kRows[] = {

@@ -14,7 +14,6 @@
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
 #include "service/standby/address_watch.h"
-#include "service/standby/battery_report.h"
 #include "service/standby/standby_state.h"
 #include "tests/service/mailbox_fixture.h"
 

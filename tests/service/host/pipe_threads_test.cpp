@@ -13,7 +13,6 @@
 #include "service/actions/upgrade.h"
 #include "service/host/command_table.h"
 #include "service/inventory/reports.h"
-#include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/dispatcher.h"
 #include "tests/service/host/pipe_server.h"

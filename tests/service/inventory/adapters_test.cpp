@@ -1,5 +1,3 @@
-// The adapter's record, the steps of a WMI access with each of their failures, and the two other
-// uses of WMI: operating system and chassis.
 #include "service/inventory/adapters.h"
 
 #include <gtest/gtest.h>

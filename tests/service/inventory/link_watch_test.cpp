@@ -5,7 +5,6 @@
 #include <thread>
 #include <tuple>
 
-#include "service/inventory/ip_config.h"
 #include "tests/service/inventory/inventory_fixture.h"
 
 namespace stewardry {

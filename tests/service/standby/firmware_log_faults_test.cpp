@@ -1,4 +1,3 @@
-// The capture when its file fails, and the ring in the firmware's own memory.
 #include <gtest/gtest.h>
 
 #include <memory>

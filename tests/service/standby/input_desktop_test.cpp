@@ -1,4 +1,3 @@
-// The thread's desktop and the side log after each operation, also where a call fails.
 #include "service/standby/input_desktop.h"
 
 #include <gtest/gtest.h>
@@ -21,17 +20,11 @@ constexpr char kInfoCall[] = "GetUserObjectInformationA";
 
 class InputDesktop : public LabTest {
  protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    SetUpDesktopState();
-  }
-  static void SetUpDesktopState() {
-    Renew(&gStandby);
-    gStandby->gPlatformId = platform::kPlatformWinNt;
-  }
   // A new thread starts on the default desktop.
   template <class Body>
   static void OnNewThread(Body body) {
+    Renew(&gStandby);
+    gStandby->gPlatformId = platform::kPlatformWinNt;
     std::filesystem::remove(platform::NativePath(kSideLog));
     std::thread(body).join();
   }
@@ -126,7 +119,6 @@ TEST_F(InputDesktop, FailedCallIsReportedAndDecidesTheResult) {
   for (const Row& row : kRows)
     OnNewThread([&row] {
       SCOPED_TRACE(row.line);
-      SetUpDesktopState();
       gate::Arm();
       gate::FailEvery("Sleep(500)", gate::kFinishAtOnce);
       gate::FailNext(row.call, row.error, row.skip);
