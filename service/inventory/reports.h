@@ -17,8 +17,8 @@ struct Reports {
 
   // The last IP record. Unordered between its words; see SharedRecord.
   SharedRecord<IPInfo> gIPInfo;
-  // 1 once the firmware has answered with a real version text, 0 again at stop. Relaxed: it
-  // publishes nothing else.
+  // 1 once the firmware has answered with a real version text; the control handler stores 0 at
+  // stop. Relaxed: it publishes nothing else.
   std::atomic<std::uint32_t> gTavrinRunning{0};
   // The client handle of the WLAN service: null until the first use, then open for the life of the
   // process. Stored with release and loaded with acquire, since the opening thread wrote what the
