@@ -10,15 +10,14 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint64_t kSmallestHalved =
-    4096;  // a failed write of this size or less is not halved
+constexpr std::uint64_t kMostUnhalved = 4096;  // a failed write of more bytes is halved
 constexpr std::size_t kLongestHost = 127;
 constexpr int kBacklog = 1;
 constexpr int kMostEndedConnections = 64;  // that one accept skips
 
 Result ToResult(int status) { return status == 0 ? RESULT_OK : RESULT_FAILED; }
 
-// The status of a call that has just failed.
+// Returns the status of a call that has just failed.
 Result FailureResult() {
   return platform::WSAGetLastError() == platform::kWsaEWouldBlock ? RESULT_WOULD_BLOCK
                                                                   : RESULT_FAILED;
@@ -57,7 +56,7 @@ Result WriteWith(std::uint64_t size, std::uint64_t* count, Call call) {
       return RESULT_OK;
     }
     if (FailureResult() == RESULT_WOULD_BLOCK) return RESULT_WOULD_BLOCK;
-    if (size <= kSmallestHalved) return RESULT_FAILED;
+    if (size <= kMostUnhalved) return RESULT_FAILED;
     size >>= 1;
   }
 }

@@ -45,6 +45,7 @@ Result Sock_ReuseAddr(Sock sock, bool on);
 Result Sock_KeepAlive(Sock sock, bool on);
 Result Sock_SetNoDelay(Sock sock, bool on);
 
+// Binds the socket to the address.
 Result Sock_Bind(Sock sock, const Addr& address);
 
 // Listens with a backlog of 1.
@@ -62,6 +63,7 @@ Result Sock_ListenOnPort(Sock* sock, const char* port);
 // is kInvalidSock unless the result is RESULT_OK.
 Result Sock_Accept(Sock listener, Sock* sock, RemoteAddress* peer);
 
+// Decides whether calls on the socket block or return RESULT_WOULD_BLOCK.
 Result Sock_SetBlocking(Sock sock, bool blocking);
 
 // Reads at most `size` bytes and stores their number in *count, 0 unless the result is RESULT_OK.
