@@ -13,9 +13,9 @@ class RecordedViewer : public RfbOutput {
     seen.insert(seen.end(), bytes.begin(), bytes.end());
   }
   bool HasRoom() const override { return true; }
-  void TakeKey(std::uint32_t, bool) override { inputs++; }
-  void TakePointer(std::uint8_t, std::uint16_t, std::uint16_t) override { inputs++; }
-  void CloseViewer() override { closes++; }
+  void HandleKey(std::uint32_t, bool) override { ++inputs; }
+  void HandlePointer(std::uint8_t, std::uint16_t, std::uint16_t) override { ++inputs; }
+  void CloseViewer() override { ++closes; }
   void Say(const std::string&) override {}
 
   Bytes seen;
