@@ -1,7 +1,6 @@
 // KVM_Agent.exe, the stand-in of the program that plays a viewer's input into the console, for
 // Windows test machines and Wine: it serves the three pipes and appends each event in words to
-// KVM_Agent.txt in the common application data folder. It takes no arguments, since its launcher
-// gives none.
+// KVM_Agent.txt in the common application data folder. Its launcher passes no arguments.
 #include <windows.h>
 // This needs windows.h.
 #include <shlobj.h>
@@ -43,12 +42,12 @@ void Say(const std::string& line) {
 
 struct Pipe {
   const char* name;
-  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to go
+  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to exit
   std::deque<Object> instances;                 // free ones, the oldest first
 };
 
-// The service never waits for an instance: what comes while none is free is lost. This many take
-// the events of a typed sentence in one go.
+// The service never waits for an instance: a message that arrives while none is free is lost. This
+// many suffice for the events of a typed sentence.
 constexpr std::size_t kFreeInstances = 200;
 
 HANDLE MakeInstance(const Pipe& pipe) {
@@ -57,8 +56,8 @@ HANDLE MakeInstance(const Pipe& pipe) {
                           PIPE_UNLIMITED_INSTANCES, 1024, 1024, 0, nullptr);
 }
 
-// All that one connection says until its end; cut behind what any message has.
-std::vector<std::uint8_t> TakeMessage(HANDLE instance) {
+// Reads one connection up to its end, or up to a size above that of any message.
+std::vector<std::uint8_t> ReadMessage(HANDLE instance) {
   std::vector<std::uint8_t> message(1024);
   DWORD size = 0, n = 0;
   while (size < message.size() &&
@@ -71,18 +70,18 @@ std::vector<std::uint8_t> TakeMessage(HANDLE instance) {
 }
 
 void Serve(const Pipe& pipe, HANDLE instance) {
-  const std::vector<std::uint8_t> message = TakeMessage(instance);
+  const std::vector<std::uint8_t> message = ReadMessage(instance);
   if (pipe.describe != nullptr) return Say(pipe.describe(message));
-  if (!lab_agent::IsTerminate(message)) return Say("an order that is none");
+  if (!lab_agent::IsTerminate(message)) return Say("unknown order");
   Say("told to go");
   ExitProcess(0);
 }
 
-// A client may have come before the wait for one, and may have said its message and gone.
+// A client may have connected before the wait for one, and may have closed after its message.
 bool HasHadClient(DWORD error) { return error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA; }
 
-// A client meets the instance that has waited longest, so that one thread a pipe, which serves them
-// by their age, keeps the order of the messages.
+// A client is connected to the oldest instance. One thread for each pipe serves the instances by
+// age and keeps the order of the messages.
 DWORD WINAPI RunPipe(void* parameter) {
   Pipe& pipe = *static_cast<Pipe*>(parameter);
   for (;; pipe.instances.pop_front()) {

@@ -1,6 +1,7 @@
 #include "lab/scm/controls.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <charconv>
 #include <cstdio>
@@ -16,7 +17,7 @@ constexpr std::uint32_t kAcceptPowerEvent = 0x40;
 constexpr std::uint32_t kAcceptSessionChange = 0x80;
 // winuser.h: PBT_POWERSETTINGCHANGE.
 constexpr std::uint32_t kPowerSettingChange = 0x8013;
-// The session that the lab's events are about.
+// The session of the lab's session events.
 constexpr std::uint32_t kConsoleSession = 1;
 constexpr std::string_view kForce = "--force";
 
@@ -32,7 +33,7 @@ constexpr PlainControl kPlainControls[] = {
     {"preshutdown", 15, 0x100},
 };
 
-// What a service must accept to get a control by its number.
+// What a service must accept for a control given by its number.
 constexpr PlainControl kNumberedControls[] = {
     {"stop", 1, 0x1},          {"pause", 2, 0x2},          {"continue", 3, 0x2},
     {"shutdown", 5, 0x4},      {"paramchange", 6, 0x8},    {"hardwareprofile", 12, 0x20},
@@ -67,15 +68,15 @@ std::optional<std::uint32_t> U32(std::string_view text) {
 
 std::string HexU32(std::uint32_t value) {
   std::string text;
-  for (int i = 0; i < 4; i++, value >>= 8) {
+  for (int i = 0; i < 4; ++i, value >>= 8) {
     char digits[3];
-    std::snprintf(digits, sizeof(digits), "%02x", value & 0xFFU);
+    std::snprintf(digits, sizeof digits, "%02x", value & 0xFFU);
     text += digits;
   }
   return text;
 }
 
-// A GUID's bytes in memory: its first three fields are little-endian, the rest stands as written.
+// Returns a GUID's bytes in memory: the first three fields are little-endian.
 std::string HexGuid(std::string_view braced) {
   std::string digits;
   for (char c : braced) {
@@ -83,13 +84,14 @@ std::string HexGuid(std::string_view braced) {
       digits += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
   }
+  assert(digits.size() == 32);
   constexpr std::size_t kOrder[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
   std::string hex;
   for (std::size_t byte : kOrder) hex += digits.substr(2 * byte, 2);
   return hex;
 }
 
-// POWERBROADCAST_SETTING with a 32-bit value.
+// The data is POWERBROADCAST_SETTING with a 32-bit value.
 std::optional<Control> PowerControl(const std::vector<std::string>& words) {
   if (words.size() != 3) return std::nullopt;
   const auto value = U32(words[2]);
@@ -97,7 +99,7 @@ std::optional<Control> PowerControl(const std::vector<std::string>& words) {
     if (setting.word != words[1] || !value) continue;
     return Control{kControlPowerEvent,
                    kPowerSettingChange,
-                   HexGuid(setting.guid) + HexU32(sizeof(*value)) + HexU32(*value),
+                   HexGuid(setting.guid) + HexU32(sizeof *value) + HexU32(*value),
                    kAcceptPowerEvent,
                    setting.guid,
                    false};
@@ -105,7 +107,7 @@ std::optional<Control> PowerControl(const std::vector<std::string>& words) {
   return std::nullopt;
 }
 
-// WTSSESSION_NOTIFICATION: its size and the session.
+// The data is WTSSESSION_NOTIFICATION: its size and the session.
 std::optional<Control> SessionControl(const std::vector<std::string>& words) {
   if (words.size() != 2) return std::nullopt;
   for (const SessionEvent& event : kSessionEvents) {
@@ -130,7 +132,7 @@ std::optional<Control> NumberedControl(const std::vector<std::string>& words) {
   return control;
 }
 
-std::optional<Control> Unforced(const std::vector<std::string>& words) {
+std::optional<Control> ParseUnforced(const std::vector<std::string>& words) {
   if (words.empty()) return std::nullopt;
   if (words[0] == "power") return PowerControl(words);
   if (words[0] == "session") return SessionControl(words);
@@ -168,7 +170,7 @@ std::string StateName(std::uint32_t state) {
 
 std::string DescribeStatus(const Status& status) {
   char accepted[16];
-  std::snprintf(accepted, sizeof(accepted), "0x%x", status.accepted);
+  std::snprintf(accepted, sizeof accepted, "0x%x", status.accepted);
   return StateName(status.state) + ", accepts " + accepted + ", exit " +
          std::to_string(status.win32Exit) + "/" + std::to_string(status.specificExit) +
          ", check point " + std::to_string(status.checkPoint) + ", wait hint " +
@@ -182,7 +184,7 @@ std::optional<Status> ParseStatus(std::string_view numbers) {
                                    &status.win32Exit,   &status.specificExit, &status.checkPoint,
                                    &status.waitHint};
   if (words.size() != std::size(fields)) return std::nullopt;
-  for (std::size_t i = 0; i < words.size(); i++) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
     const auto value = U32(words[i]);
     if (!value) return std::nullopt;
     *fields[i] = *value;
@@ -193,7 +195,7 @@ std::optional<Status> ParseStatus(std::string_view numbers) {
 std::optional<Control> ParseControl(const std::vector<std::string>& words) {
   std::vector<std::string> plain = words;
   const bool forced = std::erase(plain, kForce) > 0;
-  std::optional<Control> control = Unforced(plain);
+  std::optional<Control> control = ParseUnforced(plain);
   if (control) control->isForced = forced;
   return control;
 }
@@ -206,7 +208,7 @@ std::uint32_t Refusal(const Control& control, const std::optional<Status>& statu
     return kErrorServiceCannotAcceptCtrl;
   }
   if ((status->accepted & control.needs) != control.needs) return kErrorServiceCannotAcceptCtrl;
-  // A power setting reaches only those that asked for it.
+  // A power setting is delivered only to a service that has registered for it.
   const bool registered =
       control.setting.empty() ||
       std::any_of(settings.begin(), settings.end(),
