@@ -40,7 +40,7 @@ Options ReadOptions() {
   return options;
 }
 
-void Say(const std::string& line) {
+void AppendLine(const std::string& line) {
   std::ofstream(lab::LabFolder() + "/agent.txt", std::ios::app) << line << '\n' << std::flush;
 }
 
@@ -68,7 +68,7 @@ struct Pipe {
 bool Open(Pipe* pipe) {
   std::string problem;
   if (pipe->listener.Open(lab::LabFolder() + "/pipe/" + pipe->name, &problem)) return true;
-  Say(problem);
+  AppendLine(problem);
   return false;
 }
 
@@ -77,7 +77,7 @@ bool Serve(const Pipe& pipe) {
   const std::vector<std::uint8_t> message = ReadMessage(pipe.listener.Get());
   const bool isOrder = pipe.describe == nullptr;
   const bool exits = isOrder && lab_agent::IsTerminate(message);
-  Say(!isOrder ? pipe.describe(message) : exits ? "told to go" : "unknown order");
+  AppendLine(!isOrder ? pipe.describe(message) : exits ? "told to go" : "unknown order");
   return !exits;
 }
 
@@ -89,7 +89,7 @@ int Run(const Options& options) {
                   {"KVMAgentMouse", lab_agent::DescribeMouse, {}}};
   for (Pipe& pipe : pipes)
     if (options.pipes && !Open(&pipe)) return 1;
-  Say("agent " + std::to_string(::getpid()) + " runs");
+  AppendLine("agent " + std::to_string(::getpid()) + " runs");
   while ((!options.pipes || options.hang) && LabExists())
     ::poll(nullptr, 0, kFolderCheckMilliseconds);
   for (long served = 0; options.events < 0 || served < options.events;) {
@@ -105,7 +105,7 @@ int Run(const Options& options) {
       ++served;
     }
   }
-  Say("dies");
+  AppendLine("dies");
   return 3;
 }
 

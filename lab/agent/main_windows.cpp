@@ -25,18 +25,19 @@ using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
 std::string OutputPath() {
   char folder[MAX_PATH] = "";
+  // Without the folder the lines have no place, and without lines the tests fail.
   (void)SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, folder);
   return std::string(folder) + "\\KVM_Agent.txt";
 }
 
-void Say(const std::string& line) {
+void AppendLine(const std::string& line) {
   static std::mutex lock;
   const std::lock_guard guard(lock);
   const Object file(CreateFileA(OutputPath().c_str(), FILE_APPEND_DATA,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                 OPEN_ALWAYS, 0, nullptr));
   const std::string text = line + "\n";
-  DWORD written;
+  DWORD written;  // not checked, as above
   (void)WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
@@ -71,9 +72,9 @@ std::vector<std::uint8_t> ReadMessage(HANDLE instance) {
 
 void Serve(const Pipe& pipe, HANDLE instance) {
   const std::vector<std::uint8_t> message = ReadMessage(instance);
-  if (pipe.describe != nullptr) return Say(pipe.describe(message));
-  if (!lab_agent::IsTerminate(message)) return Say("unknown order");
-  Say("told to go");
+  if (pipe.describe != nullptr) return AppendLine(pipe.describe(message));
+  if (!lab_agent::IsTerminate(message)) return AppendLine("unknown order");
+  AppendLine("told to go");
   ExitProcess(0);
 }
 
@@ -87,7 +88,7 @@ DWORD WINAPI RunPipe(void* parameter) {
   for (;; pipe.instances.pop_front()) {
     HANDLE instance = pipe.instances.front().get();
     if (!ConnectNamedPipe(instance, nullptr) && !HasHadClient(GetLastError())) {
-      Say(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
+      AppendLine(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
       return 1;
     }
     Serve(pipe, instance);
@@ -105,7 +106,7 @@ int main() {
     while (pipe.instances.size() < kFreeInstances) pipe.instances.emplace_back(MakeInstance(pipe));
   HANDLE threads[3];
   for (int i = 0; i < 3; ++i) threads[i] = CreateThread(nullptr, 0, RunPipe, &pipes[i], 0, nullptr);
-  Say("agent " + std::to_string(GetCurrentProcessId()) + " runs");
+  AppendLine("agent " + std::to_string(GetCurrentProcessId()) + " runs");
   WaitForMultipleObjects(3, threads, TRUE, INFINITE);
   return 1;
 }

@@ -62,7 +62,7 @@ struct FirmwareState final : DashOutput, KvmOutput {
   void PeekInput(std::uint32_t offset, std::uint32_t count) override;
   void SendCommand(std::uint8_t code) override;
   bool HasRoom() const override;
-  void Say(const std::string& words) override { trace.Note(words); }
+  void AddNote(const std::string& words) override { trace.AddNote(words); }
 
   void SendFrame(ByteView frame, const std::string& words);
   bool Peek(PeekOwner owner, std::uint64_t region, std::uint32_t offset, std::uint32_t count);
@@ -74,7 +74,7 @@ struct FirmwareState final : DashOutput, KvmOutput {
 
   std::uint64_t readsArmed = 0;
   std::uint64_t readsSpent = 0;
-  bool saidArmed = false;
+  bool reportedArmed = false;
 
   bool silentAll = false;
   std::set<std::uint32_t> silent;
@@ -91,7 +91,7 @@ namespace {
 
 void ResetReads(FirmwareState& state) {
   state.readsArmed = state.readsSpent = 0;
-  state.saidArmed = false;
+  state.reportedArmed = false;
 }
 
 void ForgetHeld(FirmwareState& state) {
@@ -129,7 +129,7 @@ void Serve(FirmwareState& state, const Request& request) {
     return Complete(state, request, kErrorInvalidParameter, {});
   }
   if (const std::uint32_t error = NextFailure(state, request.code); error != 0) {
-    state.trace.Note(Format("%s fails with error %u, as set", operation->name, error));
+    state.trace.AddNote(Format("%s fails with error %u, as set", operation->name, error));
     return Complete(state, request, error, {});
   }
   const Action* action = FindAction(request.code);
@@ -167,11 +167,11 @@ bool HandleRequest(FirmwareState& state, const LinkMessage& message) {
     return true;
   }
   if (state.held.size() >= kMaxHeldRequests || state.heldBytes + input.size() > kMaxHeldBytes) {
-    state.trace.Note("too many requests are held; this one is refused");
+    state.trace.AddNote("too many requests are held; this one is refused");
     Complete(state, request, kErrorNoSystemResources, {});
     return true;
   }
-  state.trace.Note(Format("request %llu is held unanswered", Printed(request.id)));
+  state.trace.AddNote(Format("request %llu is held unanswered", Printed(request.id)));
   state.heldBytes += input.size();
   state.held.push_back(std::move(request));
   return true;
@@ -195,8 +195,8 @@ bool HandleOpenOrClose(FirmwareState& state, const LinkMessage& message) {
 
 bool HandleRead(FirmwareState& state, const LinkMessage&) {
   ++state.readsArmed;
-  if (state.readsArmed != kReadsOfService || state.saidArmed) return true;
-  state.saidArmed = true;
+  if (state.readsArmed != kReadsOfService || state.reportedArmed) return true;
+  state.reportedArmed = true;
   state.trace.HostToFirmware(Format("ten reads armed (%llu)", Printed(kReadsOfService)));
   return true;
 }
@@ -249,9 +249,9 @@ constexpr MessageRow kMessages[] = {
 // --- output ---
 
 void FirmwareState::SendFrame(ByteView frame, const std::string& words) {
-  if (!hasMailbox) return trace.Note("no mailbox end is connected; not sent: " + words);
+  if (!hasMailbox) return trace.AddNote("no mailbox end is connected; not sent: " + words);
   if (frame.size() > lablink::kMaxFrame) {
-    return trace.Note("longer than a frame can be; not sent: " + words);
+    return trace.AddNote("longer than a frame can be; not sent: " + words);
   }
   ++readsSpent;
   link.Send(lablink::kFrame, 0, 0, frame);
@@ -298,6 +298,12 @@ bool FirmwareState::HasRoom() const {
   return link.Pending() < kMaxLinkQueue && readsKeepUp;
 }
 
+std::uint32_t RegionSize(std::uint64_t region) {
+  if (region == lablink::kKeyboardMouseRegion) return lablink::kKeyboardMouseRegionSize;
+  if (region == lablink::kLogRegion) return lablink::kLogRegionSize;
+  return 0;
+}
+
 // --- the firmware ---
 
 Firmware::Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls)
@@ -310,7 +316,7 @@ void Firmware::HandleMailboxArrival() {
   state_->hasMailbox = true;
   ResetReads(*state_);
   state_->context.kvm.HandleHostArrival();
-  state_->trace.Note("a mailbox end has connected");
+  state_->trace.AddNote("a mailbox end has connected");
 }
 
 void Firmware::HandleMailboxLoss(const std::string& why) {
@@ -321,7 +327,7 @@ void Firmware::HandleMailboxLoss(const std::string& why) {
   state_->context.kvm.HandleHostLoss();
   state_->peeks.clear();
   state_->link.Clear();
-  state_->trace.Note("the mailbox end has disconnected: " + why);
+  state_->trace.AddNote("the mailbox end has disconnected: " + why);
 }
 
 bool Firmware::HandleMessage(const LinkMessage& message) {
@@ -360,6 +366,7 @@ bool Firmware::FailRead(std::uint32_t error) {
 }
 
 bool Firmware::Poke(std::uint64_t region, std::uint32_t offset, ByteView bytes) {
+  assert(bytes.size() <= RegionSize(region) && offset <= RegionSize(region) - bytes.size());
   if (!state_->hasMailbox) return false;
   state_->link.Send(lablink::kPoke, region, offset, bytes);
   state_->trace.FirmwareToHost(
@@ -368,6 +375,7 @@ bool Firmware::Poke(std::uint64_t region, std::uint32_t offset, ByteView bytes) 
 }
 
 bool Firmware::Peek(std::uint64_t region, std::uint32_t offset, std::uint32_t count) {
+  assert(count <= RegionSize(region) && offset <= RegionSize(region) - count);
   return state_->Peek(PeekOwner::kPrompt, region, offset, count);
 }
 

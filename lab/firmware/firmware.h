@@ -27,6 +27,9 @@ struct FirmwareFacts {
   std::uint8_t orrinStatus = 1;
 };
 
+// Returns the size of a shared region, or 0 if there is no such region.
+std::uint32_t RegionSize(std::uint64_t region);
+
 struct FirmwareState;
 
 // One thread. Trace, link and TLS context outlive it.

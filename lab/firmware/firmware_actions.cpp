@@ -87,7 +87,7 @@ void StoreNetwork(ActionContext& context, ByteView input) {
 }
 
 void EndDash(ActionContext& context, const char* why) {
-  if (context.dash != nullptr) context.trace.Note(std::string("DASH: session ended, ") + why);
+  if (context.dash != nullptr) context.trace.AddNote(std::string("DASH: session ended, ") + why);
   context.dash.reset();
 }
 
@@ -115,7 +115,7 @@ void HandleClose(ActionContext& context, ByteView input) {
 
 void ReceiveDash(ActionContext& context, ByteView input) {
   if (context.dash != nullptr) return context.dash->Receive(input);
-  context.trace.Note("DASH: no connection was announced; the bytes are dropped");
+  context.trace.AddNote("DASH: no connection was announced; the bytes are dropped");
 }
 
 void ReceiveKvm(ActionContext& context, ByteView input) { context.kvm.Receive(input); }

@@ -21,24 +21,29 @@ constexpr std::uint32_t kPowerSettingChange = 0x8013;
 constexpr std::uint32_t kConsoleSession = 1;
 constexpr std::string_view kForce = "--force";
 
-struct PlainControl {
+// What a service must accept for a control. A control without a command of its own is given by
+// number.
+struct KnownControl {
   std::string_view word;
   std::uint32_t control;
   std::uint32_t needs;
+  bool isCommand;
 };
 
-constexpr PlainControl kPlainControls[] = {
-    {"stop", 1, 0x1},
-    {"interrogate", 4, 0},
-    {"preshutdown", 15, 0x100},
+constexpr KnownControl kKnownControls[] = {
+    {"stop", kControlStop, 0x1, true},
+    {"pause", 2, 0x2, false},
+    {"continue", 3, 0x2, false},
+    {"interrogate", 4, 0, true},
+    {"shutdown", 5, 0x4, false},
+    {"paramchange", 6, 0x8, false},
+    {"hardwareprofile", 12, 0x20, false},
+    {"power", kControlPowerEvent, kAcceptPowerEvent, false},
+    {"session", kControlSessionChange, kAcceptSessionChange, false},
+    {"preshutdown", 15, 0x100, true},
+    {"timechange", 16, 0x200, false},
+    {"triggerevent", 32, 0x400, false},
 };
-
-// What a service must accept for a control given by its number.
-constexpr PlainControl kNumberedControls[] = {
-    {"stop", 1, 0x1},          {"pause", 2, 0x2},          {"continue", 3, 0x2},
-    {"shutdown", 5, 0x4},      {"paramchange", 6, 0x8},    {"hardwareprofile", 12, 0x20},
-    {"power", 13, 0x40},       {"session", 14, 0x80},      {"preshutdown", 15, 0x100},
-    {"timechange", 16, 0x200}, {"triggerevent", 32, 0x400}};
 
 struct PowerSetting {
   std::string_view word;
@@ -126,7 +131,7 @@ std::optional<Control> NumberedControl(const std::vector<std::string>& words) {
   const auto number = words.size() == 2 ? U32(words[1]) : std::nullopt;
   if (!number) return std::nullopt;
   Control control{*number, 0, "-", 0, {}, false};
-  for (const PlainControl& known : kNumberedControls) {
+  for (const KnownControl& known : kKnownControls) {
     if (known.control == *number) control.needs = known.needs;
   }
   return control;
@@ -137,9 +142,9 @@ std::optional<Control> ParseUnforced(const std::vector<std::string>& words) {
   if (words[0] == "power") return PowerControl(words);
   if (words[0] == "session") return SessionControl(words);
   if (words[0] == "control") return NumberedControl(words);
-  for (const PlainControl& plain : kPlainControls) {
-    if (plain.word != words[0] || words.size() != 1) continue;
-    return Control{plain.control, 0, "-", plain.needs, {}, false};
+  for (const KnownControl& known : kKnownControls) {
+    if (!known.isCommand || known.word != words[0] || words.size() != 1) continue;
+    return Control{known.control, 0, "-", known.needs, {}, false};
   }
   return std::nullopt;
 }

@@ -18,6 +18,9 @@ constexpr std::uint32_t kErrorServiceRequestTimeout = 1053;
 constexpr std::uint32_t kErrorServiceCannotAcceptCtrl = 1061;
 constexpr std::uint32_t kErrorServiceNotActive = 1062;
 
+// winsvc.h: SERVICE_CONTROL_STOP.
+constexpr std::uint32_t kControlStop = 1;
+
 // SERVICE_STATUS, as in a STATUS line.
 struct Status {
   std::uint32_t serviceType = 0;

@@ -27,9 +27,8 @@ constexpr std::chrono::seconds kControlBound{30};
 constexpr std::chrono::seconds kStopBound{30};
 constexpr std::size_t kMaxPeers = 64;
 constexpr std::size_t kMaxHistory = 256;
-constexpr std::uint32_t kControlStop = 1;
 
-void Say(const std::string& words) {
+void PrintLine(const std::string& words) {
   std::printf("scm: %s\n", words.c_str());
   std::fflush(stdout);
 }
@@ -122,10 +121,10 @@ int Manager::Run(const std::string& socketPath, const std::vector<std::string>& 
   std::string problem;
   signals_ = lab::OpenStopSignals();
   if (!signals_ || !listener_.Open(socketPath, &problem) || !child_.Start(program, &problem)) {
-    Say("cannot start: " + problem);
+    PrintLine("cannot start: " + problem);
     return 1;
   }
-  Say("started " + program[0] + ", process " + std::to_string(child_.Id()));
+  PrintLine("started " + program[0] + ", process " + std::to_string(child_.Id()));
   while (true) {
     Turn();
     if (const auto ended = child_.Reap()) return FinishRun(*ended);
@@ -202,32 +201,33 @@ void Manager::HandleFirstLine(Peer& peer, const std::string& line) {
     settings_.clear();
     history_.clear();
     status_ = Status();
-    Say(serviceName_ + " has connected");
+    PrintLine(serviceName_ + " has connected");
   } else {
-    Say("a connection was refused: \"" + line.substr(0, 80) + "\"");
+    PrintLine("a connection was refused: \"" + line.substr(0, 80) + "\"");
     peer.isClosed = true;
   }
 }
 
 void Manager::HandleServiceLine(const std::string& line) {
+  assert(service_ != nullptr);
   const std::size_t blank = std::min(line.find(' '), line.size());
   const std::string word = line.substr(0, blank);
   const std::string rest = line.substr(std::min(blank + 1, line.size()));
   if (word == "POWERSETTING") {
     if (settings_.size() < kMaxHistory)
       settings_.push_back(Words(rest).empty() ? "" : Words(rest)[0]);
-    Say("registered for power setting " + rest);
+    PrintLine("registered for power setting " + rest);
   } else if (word == "RESULT") {
     HandleResult(rest);
   } else if (const auto status = word == "STATUS" ? ParseStatus(rest) : std::nullopt) {
     HandleStatus(*status);
   } else {
-    Say("not understood from the service: \"" + line.substr(0, 80) + "\"");
+    PrintLine("not understood from the service: \"" + line.substr(0, 80) + "\"");
   }
 }
 
 void Manager::HandleStatus(const Status& status) {
-  Say("status: " + DescribeStatus(status));
+  PrintLine("status: " + DescribeStatus(status));
   // SERVICE_STOPPED is final, whatever a late thread of the service still reports.
   if (status_ && status_->state == kStopped) return;
   status_ = status;
@@ -249,10 +249,10 @@ void Manager::FinishIfStopped(Peer& client) {
 }
 
 void Manager::HandleResult(const std::string& number) {
-  if (deliveries_.empty() || !deliveries_.front().isSent) return Say("unexpected result");
+  if (deliveries_.empty() || !deliveries_.front().isSent) return PrintLine("unexpected result");
   const Delivery done = deliveries_.front();
   deliveries_.pop_front();
-  Say("control " + std::to_string(done.control.control) + ": result " + number);
+  PrintLine("control " + std::to_string(done.control.control) + ": result " + number);
   SendNext();
   if (done.client == nullptr) return;
   done.client->deadline.reset();
@@ -300,11 +300,12 @@ void Manager::SendNext() {
   next.deadline = Clock::now() + kControlBound;
   const std::string line = "CONTROL " + std::to_string(next.control.control) + " " +
                            std::to_string(next.control.eventType) + " " + next.control.data;
-  Say("sent " + line);
+  PrintLine("sent " + line);
   service_->stream.Send(line);
 }
 
 void Manager::FinishClient(Peer& client, int exitCode, const std::string& words) {
+  assert(client.role == Role::kClient);
   if (client.isServed) return;
   client.stream.Send(words);
   client.stream.Send("EXIT " + std::to_string(exitCode));
@@ -319,7 +320,7 @@ void Manager::ExpireDeadlines() {
     Peer* client = std::exchange(deliveries_.front().client, nullptr);
     // The control stays the first: a late result of it must not be taken for another one's.
     deliveries_.front().deadline = now + std::chrono::hours(24);
-    Say("control not answered in time");
+    PrintLine("control not answered in time");
     if (client != nullptr) FinishClient(*client, 1, DescribeError(kErrorServiceRequestTimeout));
   }
   for (const auto& peer : peers_) {
@@ -330,7 +331,8 @@ void Manager::ExpireDeadlines() {
 
 // Ends everything that waits for the service.
 void Manager::HandleServiceLoss() {
-  Say("the service's connection has ended");
+  assert(service_ != nullptr);
+  PrintLine("the service's connection has ended");
   service_ = nullptr;
   const bool stopped = status_ && status_->state == kStopped;
   status_.reset();
@@ -368,11 +370,11 @@ void Manager::StopBySignal() {
   (void)!read(signals_.Get(), &info, sizeof info);
   const Control stop{kControlStop, 0, "-", 0, {}, true};
   if (stopRequested_ || Refusal(stop, status_, settings_) != 0) {
-    Say("kills the service's process");
+    PrintLine("kills the service's process");
     return child_.Kill();
   }
   stopRequested_ = true;
-  Say("stops the service");
+  PrintLine("stops the service");
   Deliver(stop, nullptr);
 }
 
@@ -389,7 +391,7 @@ int Manager::FinishRun(int waitStatus) {
   }
   RemoveClosed();
   const int code = WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
-  Say("the service's process has ended with " + std::to_string(code));
+  PrintLine("the service's process has ended with " + std::to_string(code));
   return code;
 }
 

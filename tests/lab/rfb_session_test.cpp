@@ -16,7 +16,7 @@ class RecordedViewer : public RfbOutput {
   void HandleKey(std::uint32_t, bool) override { ++inputs; }
   void HandlePointer(std::uint8_t, std::uint16_t, std::uint16_t) override { ++inputs; }
   void CloseViewer() override { ++closes; }
-  void Say(const std::string&) override {}
+  void AddNote(const std::string&) override {}
 
   Bytes seen;
   int inputs = 0, closes = 0;

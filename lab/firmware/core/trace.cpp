@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 
 #include "lab/firmware/core/text.h"
@@ -41,12 +42,12 @@ bool WriteAll(int descriptor, std::string_view text) {
 
 }  // namespace
 
-Trace::Trace(int descriptor) : descriptor_(descriptor) {}
+Trace::Trace(int descriptor) : descriptor_(descriptor) { assert(descriptor >= 0); }
 
 void Trace::HostToFirmware(std::string_view words) { AddEvent("host > firmware", words); }
 void Trace::FirmwareToHost(std::string_view words) { AddEvent("firmware > host", words); }
-void Trace::Note(std::string_view words) { AddEvent("orrin", words); }
-void Trace::Plain(std::string_view words) { AddLine(words); }
+void Trace::AddNote(std::string_view words) { AddEvent("orrin", words); }
+void Trace::AddPlain(std::string_view words) { AddLine(words); }
 
 void Trace::AddEvent(std::string_view direction, std::string_view words) {
   std::string line = TimeStamp() + " ";

@@ -18,9 +18,9 @@ class Trace {
   void HostToFirmware(std::string_view words);
   void FirmwareToHost(std::string_view words);
   // Adds a line about the simulator itself.
-  void Note(std::string_view words);
+  void AddNote(std::string_view words);
   // Adds a line as it is, without time stamp: the answer to a prompt command.
-  void Plain(std::string_view words);
+  void AddPlain(std::string_view words);
 
   // Writes what is held. Once the descriptor's reader has closed it, drops lines instead.
   void Flush();

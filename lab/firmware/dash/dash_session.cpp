@@ -52,7 +52,7 @@ struct DashState {
   DashOutput& output;
   std::unique_ptr<SSL, FreeSsl> ssl;  // null only after a failed Open
   Phase phase = Phase::kHandshake;
-  bool saidIgnoring = false;
+  bool reportedIgnoring = false;
   HttpRequestReader reader;
   std::string plaintext;  // read from TLS and not yet by the reader
   std::optional<ResponseStream> response;
@@ -75,8 +75,8 @@ void DashState::Open(const TlsContext& context) {
 
 void DashState::Receive(ByteView ciphertext) {
   if (phase == Phase::kClosed) {
-    if (!saidIgnoring) output.Say("DASH: the session is over, further bytes are ignored");
-    saidIgnoring = true;
+    if (!reportedIgnoring) output.AddNote("DASH: the session is over, further bytes are ignored");
+    reportedIgnoring = true;
     return;
   }
   BIO* in = SSL_get_rbio(ssl.get());
@@ -103,8 +103,8 @@ void DashState::ContinueHandshake() {
   const int result = SSL_accept(ssl.get());
   if (result != 1) return HandleNoResult(result);
   phase = Phase::kOpen;
-  output.Say(Format("DASH: TLS session open, %s, %s", SSL_get_version(ssl.get()),
-                    SSL_get_cipher_name(ssl.get())));
+  output.AddNote(Format("DASH: TLS session open, %s, %s", SSL_get_version(ssl.get()),
+                        SSL_get_cipher_name(ssl.get())));
 }
 
 // Returns false until a whole request has been received.
@@ -132,7 +132,7 @@ bool DashState::ReadPlaintext() {
 void DashState::BeginAnswer() {
   assert(!response);
   if (reader.Failure() != 0) {
-    output.Say(Format("DASH: request refused with %d", reader.Failure()));
+    output.AddNote(Format("DASH: request refused with %d", reader.Failure()));
     response.emplace(Refusal(reader.Failure()), true, false);
     return;
   }
@@ -142,7 +142,7 @@ void DashState::BeginAnswer() {
   std::string line = "DASH: " + Printable(request.method + " " + request.target, 200) +
                      Format(", body %zu bytes", request.body.size());
   HttpResponse answer = AnswerPage(request, facts);
-  output.Say(line + Format(": %d", answer.status));
+  output.AddNote(line + Format(": %d", answer.status));
   if (answer.command) {
     FlushCiphertext();  // invariant 2
     output.SendCommand(*answer.command);
@@ -152,6 +152,7 @@ void DashState::BeginAnswer() {
 
 // Returns false while the rest has no room.
 bool DashState::WriteResponse() {
+  assert(response);
   while (output.HasRoom()) {
     const std::string_view piece = response->Next();
     if (piece.empty()) {
@@ -221,7 +222,7 @@ void DashState::Close(const std::string& words) {
   response.reset();
   plaintext.clear();
   reader.Reset();
-  output.Say("DASH: " + words);
+  output.AddNote("DASH: " + words);
 }
 
 DashSession::DashSession(const TlsContext& context, PageFacts facts, DashOutput& output)

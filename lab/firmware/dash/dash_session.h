@@ -30,7 +30,7 @@ class DashOutput {
   // Returns true while more bulk output can be queued.
   virtual bool HasRoom() const = 0;
   // Adds a line to the trace.
-  virtual void Say(const std::string& words) = 0;
+  virtual void AddNote(const std::string& words) = 0;
 };
 
 struct DashState;

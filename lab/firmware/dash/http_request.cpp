@@ -178,6 +178,7 @@ bool HttpRequestReader::Accept(int status) {
 }
 
 std::size_t HttpRequestReader::FeedBody(std::string_view bytes) {
+  assert(InBody() && bodyLeft_ > 0);
   const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), bodyLeft_));
   request_.body.append(bytes.substr(0, count));
   bodyLeft_ -= count;
@@ -186,6 +187,7 @@ std::size_t HttpRequestReader::FeedBody(std::string_view bytes) {
 }
 
 std::size_t HttpRequestReader::FeedLine(std::string_view bytes) {
+  assert(!InBody());
   const bool inHead =
       step_ == Step::kRequestLine || step_ == Step::kField || step_ == Step::kTrailer;
   const std::size_t bound = inHead ? kMaxHttpHead - headBytes_ : kMaxChunkLine - line_.size();

@@ -3,6 +3,7 @@
 // could understand differently is refused.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -42,7 +43,10 @@ class HttpRequestReader {
   bool IsPartial() const;
 
   // The request read last; valid once it is complete. The caller may move parts out of it.
-  HttpRequest& Request() { return request_; }
+  HttpRequest& Request() {
+    assert(IsComplete());
+    return request_;
+  }
   // Prepares for the next request.
   void Reset() { *this = HttpRequestReader(); }
 
@@ -59,7 +63,8 @@ class HttpRequestReader {
     kFailed
   };
 
-  // Ends the request if the status is not 0. Returns true if it is 0.
+  // Ends the request unless the status is 0. Returns true if it is 0. The result may be ignored
+  // where nothing of the step follows.
   bool Accept(int status);
   bool InBody() const { return step_ == Step::kBody || step_ == Step::kChunkData; }
   std::size_t FeedBody(std::string_view bytes);

@@ -1,6 +1,7 @@
 #include "lab/firmware/dash/tls_records.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -68,6 +69,7 @@ std::string TlsRecordWatch::Describe(ByteView bytes) {
 }
 
 std::string TlsRecordWatch::ReadHead(ByteView rest) {
+  assert(headFilled_ == kHeadSize);
   const char* type = WordsFor(kContentTypes, head_[0]);
   bodyLeft_ = std::size_t{head_[3]} * 256 + head_[4];
   headFilled_ = 0;

@@ -1,6 +1,7 @@
 #include "lab/firmware/dash/wsman.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
@@ -110,6 +111,7 @@ std::size_t TagEnd(std::string_view text) {
 }
 
 bool TagWalk::Read(Tag* tag) {
+  assert(Starts("<"));
   const std::size_t end = TagEnd(rest_);
   if (end == std::string_view::npos) return false;
   std::string_view inner = rest_.substr(1, end - 1);

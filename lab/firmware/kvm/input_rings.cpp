@@ -37,6 +37,7 @@ void InputRing::Put(ByteView entry) {
 
 // Returns how many entries may be written from the write index on up to the ring's end.
 std::uint32_t InputRing::FreeInRun() const {
+  assert(writeIndex_ < layout_.entries);
   const std::uint32_t last = layout_.entries - 1;
   if (readIndex_ > writeIndex_) return readIndex_ - writeIndex_ - 1;
   // Invariants 2 and 3: with the read index at 0, the write index may become neither 0 nor `last`.

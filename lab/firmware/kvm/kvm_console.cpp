@@ -27,6 +27,8 @@ std::string CharacterRemark(std::uint32_t keysym) {
 
 }  // namespace
 
+static_assert(kMaxRfbPiece <= kMaxPayload);
+
 struct KvmState final : RfbOutput, RegionAccess {
   explicit KvmState(KvmOutput& kvmOutput) : output(kvmOutput) {}
 
@@ -39,7 +41,7 @@ struct KvmState final : RfbOutput, RegionAccess {
   void HandlePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) override;
   // The session stays until the host reports the end of the connection.
   void CloseViewer() override { output.SendCommand(kVncSocketClose); }
-  void Say(const std::string& words) override { output.Say(words); }
+  void AddNote(const std::string& words) override { output.AddNote(words); }
   void PokeRegion(std::uint32_t offset, ByteView bytes) override {
     assert(offset + bytes.size() <= 2 * kRingSize);
     output.PokeInput(offset, bytes);
@@ -60,7 +62,7 @@ struct KvmState final : RfbOutput, RegionAccess {
   bool isStalled = false;
   bool withholdsRegion = false;
   bool hostKnowsRings = false;
-  bool saidNoSession = false;
+  bool reportedNoSession = false;
 };
 
 namespace {
@@ -76,8 +78,8 @@ void PutEvents(KvmState& state, InputRing* ring, std::uint32_t count, Event even
   for (std::uint32_t i = 0; i < count; ++i) ring->Put(BytesOf(event(i)));
   ring->Flush();
   if (ring->Dropped() == before) return;
-  state.output.Say(Format("KVM: the %s ring is full, %llu events dropped", ring->Layout().name,
-                          static_cast<unsigned long long>(ring->Dropped() - before)));
+  state.output.AddNote(Format("KVM: the %s ring is full, %llu events dropped", ring->Layout().name,
+                              static_cast<unsigned long long>(ring->Dropped() - before)));
 }
 
 std::uint32_t FloodKey(std::uint32_t index) {
@@ -92,16 +94,16 @@ PointerEntry FloodStep(std::uint32_t index) {
 }  // namespace
 
 void KvmState::HandleKey(std::uint32_t keysym, bool pressed) {
-  output.Say(Format("KVM: key 0x%04x", keysym) + CharacterRemark(keysym) +
-             (pressed ? " pressed" : " released") +
-             Format(", keyboard entry %u", keys.WriteIndex()));
+  output.AddNote(Format("KVM: key 0x%04x", keysym) + CharacterRemark(keysym) +
+                 (pressed ? " pressed" : " released") +
+                 Format(", keyboard entry %u", keys.WriteIndex()));
   PutEvents(*this, &keys, 1, [=](std::uint32_t) { return KeyEntry(keysym, pressed); });
   picture.SetKey(keysym, pressed);
 }
 
 void KvmState::HandlePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) {
-  output.Say(Format("KVM: pointer at %u,%u, buttons 0x%02x, mouse entry %u", x, y, buttons,
-                    pointer.WriteIndex()));
+  output.AddNote(Format("KVM: pointer at %u,%u, buttons 0x%02x, mouse entry %u", x, y, buttons,
+                        pointer.WriteIndex()));
   PutEvents(*this, &pointer, 1, [=](std::uint32_t) { return PointerEntry{buttons, x, y}; });
   picture.SetPointer(x, y, buttons != 0);
 }
@@ -111,22 +113,22 @@ KvmConsole::~KvmConsole() = default;
 
 void KvmConsole::Begin() {
   if (state_->session != nullptr) End("another connection replaces it");
-  state_->saidNoSession = false;
+  state_->reportedNoSession = false;
   state_->session = std::make_unique<RfbSession>(state_->picture, *state_);
 }
 
 void KvmConsole::Receive(ByteView bytes) {
   KvmState& state = *state_;
   if (state.session == nullptr) {
-    if (!state.saidNoSession) {
-      state.output.Say("KVM: no connection was announced; the bytes are dropped");
+    if (!state.reportedNoSession) {
+      state.output.AddNote("KVM: no connection was announced; the bytes are dropped");
     }
-    state.saidNoSession = true;
+    state.reportedNoSession = true;
     return;
   }
   if (!state.isStalled) return state.session->Receive(bytes);
   if (state.stalledBytes.size() + bytes.size() > kMaxStalledBytes) {
-    state.output.Say("KVM: closed, the viewer sends too much to a stalled screen");
+    state.output.AddNote("KVM: closed, the viewer sends too much to a stalled screen");
     return state.CloseViewer();
   }
   state.stalledBytes.insert(state.stalledBytes.end(), bytes.begin(), bytes.end());
@@ -134,7 +136,7 @@ void KvmConsole::Receive(ByteView bytes) {
 
 void KvmConsole::End(const std::string& why) {
   if (state_->session == nullptr) return;
-  state_->output.Say("KVM: session ended, " + why);
+  state_->output.AddNote("KVM: session ended, " + why);
   state_->session.reset();
   state_->stalledBytes.clear();
 }

@@ -25,7 +25,7 @@ class KvmOutput {
   // Requests bytes of that region. The answer goes to KvmConsole::HandleInputMemory.
   virtual void PeekInput(std::uint32_t offset, std::uint32_t count) = 0;
   // Adds a line to the trace.
-  virtual void Say(const std::string& words) = 0;
+  virtual void AddNote(const std::string& words) = 0;
 };
 
 struct KvmState;

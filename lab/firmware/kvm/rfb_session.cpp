@@ -49,10 +49,10 @@ struct RfbState {
   Phase phase = Phase::kVersion;
   int minorVersion = 8;
   PixelFormat format = kNativeFormat;
-  Bytes head;                       // of a message that is not complete
-  std::uint64_t bodyLeft = 0;       // bytes to skip
-  std::optional<Area> wished;       // by an incremental request
-  std::optional<Area> wishedWhole;  // by a request of the whole area
+  Bytes head;                            // of a message that is not complete
+  std::uint64_t bodyLeft = 0;            // bytes to skip
+  std::optional<Area> requestedChanges;  // by an incremental request
+  std::optional<Area> requestedWhole;    // by a request of the whole area
   Picture::Pixels sent;
   Bytes out;
   std::size_t outSent = 0;
@@ -78,7 +78,7 @@ void Close(RfbState& session, const std::string& words) {
   session.phase = Phase::kClosed;
   session.out.clear();
   session.outSent = 0;
-  session.output.Say("KVM: closed, " + words);
+  session.output.AddNote("KVM: closed, " + words);
   session.output.CloseViewer();
 }
 
@@ -100,7 +100,7 @@ void HandleVersion(RfbState& session, ByteView head) {
   const auto minor = MinorVersion(TextOf(head));
   if (!minor) return Close(session, "the viewer's version is malformed");
   session.minorVersion = *minor;
-  session.output.Say(Format("KVM: the viewer speaks RFB 3.%d", session.minorVersion));
+  session.output.AddNote(Format("KVM: the viewer speaks RFB 3.%d", session.minorVersion));
   OfferSecurity(session);
 }
 
@@ -124,7 +124,7 @@ void HandleClientInit(RfbState& session) {
   AppendText(kScreenName, &session.out);
   Flush(session);
   session.phase = Phase::kOpen;
-  session.output.Say(
+  session.output.AddNote(
       Format("KVM: the viewer sees the screen, %d x %d", Picture::kWidth, Picture::kHeight));
 }
 
@@ -134,15 +134,15 @@ void SetPixelFormat(RfbState& session, ByteView head) {
   const auto format = ReadPixelFormat(head.subspan(4));
   if (!format) return Close(session, "the viewer requests a pixel format that is not true colour");
   session.format = *format;
-  session.output.Say(Format("KVM: pixels of %u bits, %s-endian", format->bitsPerPixel,
-                            format->isBigEndian ? "big" : "little"));
+  session.output.AddNote(Format("KVM: pixels of %u bits, %s-endian", format->bitsPerPixel,
+                                format->isBigEndian ? "big" : "little"));
 }
 
 // Ignores the list: Raw is always allowed (section 7.7.1).
 void SetEncodings(RfbState& session, ByteView head) {
   const std::uint16_t count = ReadBig16(head.subspan(2));
   session.bodyLeft = std::uint64_t{count} * sizeof kRawEncoding;
-  session.output.Say(Format("KVM: %u encodings offered, Raw is used", count));
+  session.output.AddNote(Format("KVM: %u encodings offered, Raw is used", count));
 }
 
 void RequestUpdate(RfbState& session, ByteView head) {
@@ -150,8 +150,8 @@ void RequestUpdate(RfbState& session, ByteView head) {
   const Area requested = {ReadBig16(head.subspan(2)), ReadBig16(head.subspan(4)),
                           ReadBig16(head.subspan(6)), ReadBig16(head.subspan(8))};
   const Area area = Intersection(requested, Picture::kWhole);
-  std::optional<Area>& wish = isIncremental ? session.wished : session.wishedWhole;
-  if (!area.IsEmpty()) wish = Hull(wish.value_or(Area{}), area);
+  std::optional<Area>& request = isIncremental ? session.requestedChanges : session.requestedWhole;
+  if (!area.IsEmpty()) request = Hull(request.value_or(Area{}), area);
 }
 
 void PressKey(RfbState& session, ByteView head) {
@@ -166,7 +166,7 @@ void SkipCutText(RfbState& session, ByteView head) {
   const std::uint32_t length = ReadBig32(head.subspan(4));
   if (length > kMaxCutText) return Close(session, Format("a cut text of %u bytes", length));
   session.bodyLeft = length;
-  session.output.Say(Format("KVM: a cut text of %u bytes is ignored", length));
+  session.output.AddNote(Format("KVM: a cut text of %u bytes is ignored", length));
 }
 
 struct Message {
@@ -239,16 +239,17 @@ void AppendUpdate(RfbState& session, const Area& area) {
 // Leaves `out` empty if no update is due.
 void BeginUpdate(RfbState& session) {
   assert(session.out.empty());
-  if (session.wishedWhole) {
-    AppendUpdate(session, *session.wishedWhole);
-    session.wishedWhole.reset();
+  if (session.requestedWhole) {
+    AppendUpdate(session, *session.requestedWhole);
+    session.requestedWhole.reset();
     return;
   }
-  if (!session.wished) return;
-  const Area changed = Intersection(session.picture.Difference(session.sent), *session.wished);
+  if (!session.requestedChanges) return;
+  const Area changed =
+      Intersection(session.picture.Difference(session.sent), *session.requestedChanges);
   if (changed.IsEmpty()) return;
   AppendUpdate(session, changed);
-  session.wished.reset();
+  session.requestedChanges.reset();
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ class RfbOutput {
   // Closes the connection: the session has closed itself.
   virtual void CloseViewer() = 0;
   // Adds a line to the trace.
-  virtual void Say(const std::string& words) = 0;
+  virtual void AddNote(const std::string& words) = 0;
 };
 
 // A host writes a frame of this size in one step even to a slow viewer. A longer one may be torn.

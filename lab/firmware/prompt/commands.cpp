@@ -35,13 +35,6 @@ bool FindTarget(std::string_view name, const Operation** operation) {
   return *operation != nullptr || SameIgnoringCase(name, "all");
 }
 
-// Returns a region's size, or 0 if there is no such region.
-std::uint32_t RegionSize(std::uint64_t region) {
-  if (region == lablink::kKeyboardMouseRegion) return lablink::kKeyboardMouseRegionSize;
-  if (region == lablink::kLogRegion) return lablink::kLogRegionSize;
-  return 0;
-}
-
 struct RegionPlace {
   std::uint64_t region;
   std::uint32_t offset;
@@ -127,7 +120,7 @@ bool FailRead(CommandContext& context, std::string_view arguments) {
   const auto error = ParseNumber(arguments, UINT32_MAX);
   if (!error) return false;
   const bool isSent = context.firmware.FailRead(static_cast<std::uint32_t>(*error));
-  if (!isSent) context.trace.Note("no mailbox end is connected");
+  if (!isSent) context.trace.AddNote("no mailbox end is connected");
   return true;
 }
 
@@ -194,7 +187,7 @@ bool DropLink(CommandContext& context, std::string_view arguments) {
 
 bool ShowInventory(CommandContext& context, std::string_view arguments) {
   if (!arguments.empty()) return false;
-  context.trace.Plain(InventoryJson(context.firmware.Reported()));
+  context.trace.AddPlain(InventoryJson(context.firmware.Reported()));
   return true;
 }
 
@@ -203,7 +196,7 @@ bool PokeMemory(CommandContext& context, std::string_view arguments) {
   const auto bytes = BytesFromHex(arguments);
   if (!place || !bytes || bytes->empty() || bytes->size() > place->room) return false;
   const bool isSent = context.firmware.Poke(place->region, place->offset, *bytes);
-  if (!isSent) context.trace.Note("no mailbox end is connected");
+  if (!isSent) context.trace.AddNote("no mailbox end is connected");
   return true;
 }
 
@@ -213,7 +206,7 @@ bool PeekMemory(CommandContext& context, std::string_view arguments) {
   if (!count) return false;
   const bool isSent =
       context.firmware.Peek(place->region, place->offset, static_cast<std::uint32_t>(*count));
-  if (!isSent) context.trace.Note("no mailbox end is connected");
+  if (!isSent) context.trace.AddNote("no mailbox end is connected");
   return true;
 }
 
@@ -285,7 +278,8 @@ void RunLine(CommandContext& context, std::string_view line) {
   if (word.empty() || word.starts_with('#')) return;
   const Command* command = FindCommand(kCommands, word);
   if (command == nullptr) {
-    return context.trace.Note("unknown command \"" + Printable(word, 80) + "\"; help lists them");
+    return context.trace.AddNote("unknown command \"" + Printable(word, 80) +
+                                 "\"; help lists them");
   }
   if (!command->run(context, arguments)) ReportUsage(context, "", *command);
 }
@@ -301,13 +295,13 @@ void ShowHelp(CommandContext& context, std::string_view prefix, std::span<const 
   for (const Command& command : commands) {
     const std::string call =
         std::string(prefix) + std::string(command.word) + " " + std::string(command.usage);
-    context.trace.Plain(Format("  %-42s  ", call.c_str()) + std::string(command.meaning));
+    context.trace.AddPlain(Format("  %-42s  ", call.c_str()) + std::string(command.meaning));
   }
 }
 
 void ReportUsage(CommandContext& context, std::string_view prefix, const Command& command) {
-  context.trace.Note("wrong arguments; usage: " + std::string(prefix) + std::string(command.word) +
-                     " " + std::string(command.usage));
+  context.trace.AddNote("wrong arguments; usage: " + std::string(prefix) +
+                        std::string(command.word) + " " + std::string(command.usage));
 }
 
 bool SendWithoutPayload(CommandContext& context, std::uint8_t code, std::string_view arguments) {

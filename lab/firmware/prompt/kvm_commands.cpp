@@ -22,9 +22,9 @@ bool SaveScreen(CommandContext& context, std::string_view arguments) {
   const std::string path(arguments);
   if (path.empty()) return false;
   const bool saved = context.firmware.Kvm().Screen().Save(path);
-  context.trace.Note(saved ? "KVM: the screen is in " + Printable(path, 200)
-                           : "KVM: cannot write " + Printable(path, 200) + ": " +
-                                 std::strerror(errno));
+  context.trace.AddNote(saved ? "KVM: the screen is in " + Printable(path, 200)
+                              : "KVM: cannot write " + Printable(path, 200) + ": " +
+                                    std::strerror(errno));
   return true;
 }
 
@@ -64,8 +64,8 @@ bool SetIndex(CommandContext& context, std::string_view arguments) {
   KvmConsole& kvm = context.firmware.Kvm();
   InputRing& ring = name == kKeyboardRing.name ? kvm.Keys() : kvm.Pointer();
   if (arguments.empty()) {
-    context.trace.Note(Format("KVM: %s writes at %u next, %zu events wait", ring.Layout().name,
-                              ring.WriteIndex(), ring.Waiting()));
+    context.trace.AddNote(Format("KVM: %s writes at %u next, %zu events wait", ring.Layout().name,
+                                 ring.WriteIndex(), ring.Waiting()));
     return true;
   }
   const std::string_view which = TakeWord(&arguments);

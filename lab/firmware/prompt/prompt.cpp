@@ -38,7 +38,7 @@ void Prompt::HandleInput(std::string_view bytes) {
 
 void Prompt::EndInput() {
   if (isTooLong_) {
-    context_.trace.Note("a command line was too long and is ignored");
+    context_.trace.AddNote("a command line was too long and is ignored");
   } else if (!partialLine_.empty()) {
     lines_.push_back(partialLine_);
   }
@@ -61,7 +61,7 @@ bool Prompt::IsHeld() {
   const std::string& awaited = context_.awaited;
   const bool found = !awaited.empty() && context_.trace.FindNext(awaited);
   if (!found && PromptClock::now() < *context_.heldUntil) return true;
-  if (!found && !awaited.empty()) context_.trace.Note("gave up waiting for \"" + awaited + "\"");
+  if (!found && !awaited.empty()) context_.trace.AddNote("gave up waiting for \"" + awaited + "\"");
   context_.heldUntil.reset();
   context_.awaited.clear();
   return false;

@@ -107,24 +107,24 @@ int Simulator::Run(const Options& options) {
     if (!prompt_.WantsQuit()) Wait();
   }
   FlushLink();
-  trace_.Note("ends");
+  trace_.AddNote("ends");
   trace_.Flush();
   return 0;
 }
 
 bool Simulator::Start(const Options& options) {
   if (!tls_.IsGood()) {
-    trace_.Note("no TLS: " + tls_.Problem());
+    trace_.AddNote("no TLS: " + tls_.Problem());
     return false;
   }
   stopSignals_ = lab::OpenStopSignals();
   if (!stopSignals_) {
-    trace_.Note(std::string("signalfd: ") + std::strerror(errno));
+    trace_.AddNote(std::string("signalfd: ") + std::strerror(errno));
     return false;
   }
   if (!Listen(options)) return false;
   if (options.script.empty() || prompt_.LoadScript(options.script)) return true;
-  trace_.Note("cannot read the script " + options.script);
+  trace_.AddNote("cannot read the script " + options.script);
   return false;
 }
 
@@ -133,11 +133,11 @@ bool Simulator::Listen(const Options& options) {
   if (options.tcpPort) {
     std::uint16_t port = *options.tcpPort;
     tcp_ = lab::ListenLoopback(&port, &problem);
-    trace_.Note(tcp_ ? Format("listening on 127.0.0.1:%u", port) : "cannot listen: " + problem);
+    trace_.AddNote(tcp_ ? Format("listening on 127.0.0.1:%u", port) : "cannot listen: " + problem);
     return static_cast<bool>(tcp_);
   }
   const bool open = local_.Open(lab::LabFolder() + "/mailbox/" + options.socketName, &problem);
-  trace_.Note(open ? "listening on " + local_.Path() : "cannot listen: " + problem);
+  trace_.AddNote(open ? "listening on " + local_.Path() : "cannot listen: " + problem);
   return open;
 }
 
@@ -148,7 +148,7 @@ void Simulator::Turn() {
   firmware_.Pump();
   FlushLink();
   if (prompt_.TakeDrop()) {
-    mailbox_ ? DropMailbox("dropped at the prompt") : trace_.Note("no mailbox end is connected");
+    mailbox_ ? DropMailbox("dropped at the prompt") : trace_.AddNote("no mailbox end is connected");
   }
   trace_.Flush();
 }
@@ -181,6 +181,7 @@ void Simulator::Wait() {
 }
 
 void Simulator::AcceptMailbox() {
+  assert(!mailbox_);
   mailbox_ = lab::AcceptOne(tcp_ ? tcp_.Get() : local_.Get());
   if (!mailbox_) return;
   reader_.Clear();
@@ -189,6 +190,7 @@ void Simulator::AcceptMailbox() {
 }
 
 void Simulator::ReadLink() {
+  assert(mailbox_);
   const std::span<std::uint8_t> room = reader_.Room();
   const ssize_t count = read(mailbox_.Get(), room.data(), room.size());
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
@@ -218,7 +220,7 @@ void Simulator::DropMailbox(const std::string& why) {
   assert(mailbox_);
   mailbox_.Close();
   firmware_.HandleMailboxLoss(why);
-  trace_.Note("waiting for a mailbox end");
+  trace_.AddNote("waiting for a mailbox end");
 }
 
 }  // namespace
