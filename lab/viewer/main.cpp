@@ -23,7 +23,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <string_view>
 
 namespace {
 
@@ -108,12 +107,12 @@ class Viewer {
   int updates_ = 0;
 };
 
-// Returns the next code point of UTF-8 text. A byte that does not begin one counts as itself.
+// The next code point of UTF-8 text; a byte that doesn't begin one stands for itself.
 std::uint32_t NextCharacter(const std::string& text, std::size_t* at) {
   const auto first = static_cast<unsigned char>(text[(*at)++]);
   const int more = first >= 0xF0 ? 3 : first >= 0xE0 ? 2 : first >= 0xC0 ? 1 : 0;
   std::uint32_t code = more == 0 ? first : first & (0x3Fu >> more);
-  for (int i = 0; i < more && *at < text.size(); ++i) {
+  for (int i = 0; i < more && *at < text.size(); i++) {
     code = code << 6 | (static_cast<unsigned char>(text[(*at)++]) & 0x3Fu);
   }
   return code;
