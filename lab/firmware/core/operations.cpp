@@ -12,6 +12,7 @@ constexpr auto kExact = InputRule::kExact;
 constexpr auto kAny = InputRule::kAny;
 constexpr auto kLength = InputRule::kLengthAtOffset;
 
+// Fixed names; their spelling must not change.
 constexpr Operation kOperations[] = {
     {kWriteDashPacket, "WriteDASHPacket", kAny, 0, 0, 0},
     {kWriteTavrinStatus, "WriteTavrinStatus", kExact, 4, 0, 0},
