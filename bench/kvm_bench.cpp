@@ -26,9 +26,8 @@
 #include "service/kvm/agent.h"
 #include "service/kvm/key_translation.h"
 #include "service/kvm/keyboard_pump.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
-#include "service/kvm/session_threads.h"
-#include "service/kvm/shared_region.h"
 
 namespace {
 
@@ -161,10 +160,7 @@ struct KeyboardRoad {
   }
   static std::uint32_t Last(const SharedRegion& region) { return region.keyboard.writeIndex; }
   static constexpr std::uint32_t kStandsStill = KeyboardRing::kEntries - 1;
-  static void Start() {
-    gStopKeyboardThread = false;
-    *gKeyboardThread = platform::CreateThread(ProcessKeyboardEvents, nullptr);
-  }
+  static void Start() { (void)gKvm->gKeyboardThread.Start(ProcessKeyboardEvents); }
   static void End() { TerminateKeyboardThread(); }
 };
 
@@ -175,10 +171,7 @@ struct MouseRoad {
   }
   static std::uint32_t Last(const SharedRegion& region) { return region.mouse.writeIndex; }
   static constexpr std::uint32_t kStandsStill = MouseRing::kEntries - 1;
-  static void Start() {
-    gStopMouseThread = false;
-    *gMouseThread = platform::CreateThread(ProcessMouseEvents, nullptr);
-  }
+  static void Start() { (void)gKvm->gMouseThread.Start(ProcessMouseEvents); }
   static void End() { TerminateMouseThread(); }
 };
 
@@ -187,8 +180,8 @@ template <class Road>
 class Session {
  public:
   Session() : region_(std::make_unique<SharedRegion>()), agent_(Road::kPipe) {
-    KeyBoardBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->keyboard);
-    MouseBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->mouse);
+    gKvm->KeyBoardBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->keyboard);
+    gKvm->MouseBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->mouse);
     Road::Start();
   }
   Session(const Session&) = delete;

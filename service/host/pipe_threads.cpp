@@ -9,7 +9,7 @@
 #include "service/inventory/ip_config.h"
 #include "service/inventory/service_version.h"
 #include "service/inventory/status_report.h"
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -29,7 +29,9 @@ void AnswerProvisioning(AnswerText text) {
 void AnswerFirmwareVersion(AnswerText text) {
   Say(text, TextOf(gTavrinVersionInfo.Load().version).c_str());
 }
-void AnswerKvmSession(AnswerText text) { Say(text, TextOf(gKvmSessionStatus.Load().text).c_str()); }
+void AnswerKvmSession(AnswerText text) {
+  Say(text, TextOf(gKvm->gKvmSessionStatus.Load().text).c_str());
+}
 void AnswerServiceVersion(AnswerText text) { Say(text, kServiceVersion); }
 void AnswerNotAvailable(AnswerText text) { Say(text, "N/A"); }
 void AnswerServiceState(AnswerText text) {

@@ -9,9 +9,9 @@
 #include <tuple>
 
 #include "service/actions/power_actions.h"
-#include "service/gateway/listeners.h"
+#include "service/gateway/gateway_state.h"
 #include "service/mailbox/control_codes.h"
-#include "service/mailbox/slot_mark.h"
+#include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -25,12 +25,12 @@ constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).c
 constexpr std::uint32_t kStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
 
 constexpr PortCallback kCallbacks[] = {{664, ListenHTTPSCallback}};
-constexpr std::uint16_t kOpen = 1, kClosed = 2;  // of gHttpsSocketState
 
 class DashRelay : public MailboxTest {
  protected:
   void SetUp() override {
     if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+    Renew(&gGateway);
     MailboxTest::SetUp();
     OpenMailbox();
     SetPortCallbacks(kCallbacks);
@@ -93,8 +93,8 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
   EXPECT_EQ(std::regex_replace(Sequence(), std::regex("D+"), "D"), "SICSIDC");
   EXPECT_TRUE(firmware_->Inputs(kData) == sent);
   ASSERT_TRUE(Eventually([] { return Logged("Selector remove called for HTTPS callback"); }));
-  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-  EXPECT_EQ(gHttpsSocket.load(), 0U);
+  EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(gGateway->dash.gHttpsSocket.load(), 0U);
 }
 
 // A selector that is destroyed under a connection must leave nothing that a later accept acts on. A
@@ -106,8 +106,8 @@ TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedT
   ASSERT_TRUE(firmware_->Await(kData));
   EndThread(&server_);
   EXPECT_TRUE(first.SeesEnd());
-  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-  EXPECT_EQ(gHttpsHandler, nullptr);
+  EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr);
   StartServer();
   TcpClient second(664);
   second.Send("x");
@@ -152,17 +152,16 @@ TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
 class DashCallbacks : public DashRelay {
  protected:
   void SetUp() override {
-    listener_.sock = kInvalidSock;
     DashRelay::SetUp();
     if (IsSkipped()) return;
     Addr any;
     Addr_InitAny(&any, 664);
     ASSERT_EQ(Sock_CreateListener(&listener_.sock, any), RESULT_OK);
+    owned_.Reset(listener_.sock);
     ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
   }
   void TearDown() override {
     Selector_Destroy(&selector_);
-    (void)Sock_Close(listener_.sock);
     DashRelay::TearDown();
   }
   bool Accept(Selector* selector) {
@@ -170,6 +169,7 @@ class DashCallbacks : public DashRelay {
   }
 
   Handler listener_{};
+  UniqueSock owned_;
   Selector selector_;
 };
 
@@ -186,8 +186,8 @@ TEST_F(DashCallbacks, FailedSetUpClosesTheAcceptedSocketAndReportsTheEndOfTheCon
     EXPECT_TRUE(client.SeesEnd()) << line;
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Sequence(), before + "SIC") << line;
-    EXPECT_EQ(gHttpsSocketState.load(), kClosed) << line;
-    EXPECT_EQ(gHttpsHandler, nullptr) << line;
+    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed) << line;
+    EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr) << line;
   }
 }
 
@@ -201,7 +201,8 @@ TEST_F(DashCallbacks, KnockOfAPeerThatHasGoneCostsNoListenerAndALivePeerIsLooked
   ASSERT_TRUE(Accept(&selector_));
   int on = 0;
   socklen_t size = sizeof on;
-  ::getsockopt(static_cast<int>(gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
+  ::getsockopt(static_cast<int>(gGateway->dash.gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on,
+               &size);
   EXPECT_EQ(on, 1);
 }
 
@@ -215,20 +216,21 @@ TEST_F(DashCallbacks, EventThatEndsTheConnectionClearsTheSlotWithItsLineAndMessa
     const std::string before = Sequence();
     TcpClient client(664);
     ASSERT_TRUE(Accept(&selector_));
-    Handler* handler = gHttpsHandler;
+    Handler* handler = gGateway->dash.gHttpsHandler;
     EXPECT_EQ(HTTPSCallback(&selector_, handler, SELECTOR_READ, 0), 1) << "nothing to read";
     auto* foreign = new Handler{};
     foreign->sock = kInvalidSock;
     EXPECT_EQ(ListenHTTPSCallback(&selector_, foreign, SELECTOR_REMOVE, 0), 1);
-    EXPECT_EQ(gHttpsSocketState.load(), kOpen) << "another handler was released";
+    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsOpen)
+        << "another handler was released";
     client.Send("last words");
     gate::FailNext(failing, 10054);
     const auto call = [&, events = mask] { return HTTPSCallback(&selector_, handler, events, 0); };
     ASSERT_TRUE(Eventually([&] { return call() == 0; })) << "once the bytes have arrived";
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Selector_RemoveHandler(&selector_, handler), RESULT_OK);
-    EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-    EXPECT_EQ(gHttpsHandler, nullptr);
+    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
+    EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr);
     EXPECT_EQ(Sequence(), before + sequence) << line;
   }
 }

@@ -14,7 +14,7 @@
 #include "service/host/command_table.h"
 #include "service/inventory/ip_config.h"
 #include "service/inventory/status_report.h"
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/dispatcher.h"
 #include "tests/service/host/pipe_server.h"
 #include "tests/service/mailbox_fixture.h"
@@ -65,7 +65,7 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
   info.KVMStatus = 1200;
   gTavrinVersionInfo.Store(info);
   gTavrinRunning.store(1);
-  gKvmSessionStatus.Store({"YES"});
+  gKvm->gKvmSessionStatus.Store({"YES"});
   gIPInfo.Update([](IPInfo& ip) { ip.dnsAddress = 0xABCDEF01; });
   tray.ExpectAnswers(
       1, {"ON", "Completed", std::string(64, 'v'), "YES", "1.0.0.533", "N/A", "Service Started",

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <regex>
 
+#include "service/kvm/kvm_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -17,14 +19,15 @@ constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboard
 
 class AgentTest : public MailboxTest {
  protected:
+  AgentTest() { Renew(&gKvm); }
   void TearDown() override {
     TerminateKVMAgentThread();
     EndAgent();
     MailboxTest::TearDown();
   }
   static void EndAgent() {
-    if (*gKvmAgentProcess) (void)platform::TerminateProcess(*gKvmAgentProcess, 0);
-    gKvmAgentProcess->Reset();
+    if (gKvm->gKvmAgentProcess) (void)platform::TerminateProcess(gKvm->gKvmAgentProcess, 0);
+    gKvm->gKvmAgentProcess.Reset();
   }
   static void ExpectInSideLog(const std::string& pattern) {
     EXPECT_TRUE(std::regex_search(FileText(kSideLog), std::regex(pattern))) << FileText(kSideLog);
@@ -36,13 +39,13 @@ TEST_F(AgentTest, LaunchLogsItsStepsInOrder) {
   Put("processes.txt", "99999999 winlogon.exe\n" + std::to_string(::getpid()) +
                            " WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
   ASSERT_TRUE(LaunchKVMAgent());
-  EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
+  EXPECT_TRUE(IsProcessRunning(gKvm->gKvmAgentPid.load()));
   ExpectInSideLog(
       "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x[1-9a-f].*\n"
       ".*Process Handle retrieved successfully using Windows Logon PID: 0x.*\n"
       ".*CreateEnvironmentBlock success\n.*CreateProcessAsUser success\n"
       ".*Destroy Environment Block success\n");
-  EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvmAgentPid.load())));
+  EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvm->gKvmAgentPid.load())));
   EXPECT_TRUE(std::regex_match(
       CallsOf({"CreateProcessAsUserA"}).back(),
       std::regex(R"(CreateProcessAsUserA\((/.*/KVM_Agent),\1,0x408,block,Winsta0\\Default,5\))")));
@@ -75,15 +78,15 @@ TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.sideLine);
     EndAgent();
-    gKvmAgentPid.store(77);
+    gKvm->gKvmAgentPid.store(77);
     std::filesystem::remove(platform::NativePath(kSideLog));
     gate::Arm();
     row.every ? gate::FailEvery(row.call, row.error) : gate::FailNext(row.call, row.error);
     EXPECT_EQ(LaunchKVMAgent(), row.launched);
     ExpectInSideLog(row.sideLine);
     const bool runs = row.launched && row.error != 233;
-    EXPECT_EQ(static_cast<bool>(*gKvmAgentProcess), runs);
-    EXPECT_EQ(gKvmAgentPid.load() != 77, runs);
+    EXPECT_EQ(static_cast<bool>(gKvm->gKvmAgentProcess), runs);
+    EXPECT_EQ(gKvm->gKvmAgentPid.load() != 77, runs);
   }
   EXPECT_FALSE(Getsessionusertokenwin(nullptr, 1));
   ExpectInSideLog("User Token is NULL\n");
@@ -91,10 +94,10 @@ TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
 
 TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   ASSERT_TRUE(LaunchKVMAgent());
-  const std::uint32_t first = gKvmAgentPid.load();
-  *gKvmAgentThread = platform::CreateThread(WatchKVMAgent, nullptr);
+  const std::uint32_t first = gKvm->gKvmAgentPid.load();
+  ASSERT_TRUE(gKvm->gKvmAgentThread.Start(WatchKVMAgent));
   EXPECT_TRUE(Eventually([&] { return Logged("KVM Agent PID: " + std::to_string(first)); }));
-  EXPECT_EQ(gKvmAgentPid.load(), first);
+  EXPECT_EQ(gKvm->gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // the watch owns its handle now
   EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
   // Two seconds between its looks, however short a sleep is.
@@ -107,9 +110,9 @@ TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   const std::size_t more = looks() - before;
   EXPECT_LE(more, 1 + (std::chrono::steady_clock::now() - start) / 2s);
   TerminateKVMAgentThread();
-  EXPECT_FALSE(*gKvmAgentThread);
-  EXPECT_NE(gKvmAgentPid.load(), first);
-  EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
+  EXPECT_FALSE(gKvm->gKvmAgentThread.Exists());
+  EXPECT_NE(gKvm->gKvmAgentPid.load(), first);
+  EXPECT_TRUE(IsProcessRunning(gKvm->gKvmAgentPid.load()));
   EXPECT_FALSE(IsProcessRunning(first));
   EXPECT_EQ(CountCalls("TerminateThread"), 0U);
 }
@@ -146,7 +149,8 @@ TEST_F(AgentTest, StrangerIsNeitherSentAKeyNorTakenForWinlogon) {
   WriteToAgentPipe(kAgentKeyboardPipe, "password", 8);
   EXPECT_EQ(TakeMessage(listener), "");
   EXPECT_EQ(CountCalls("WriteFile"), 0U);
-  gKvmAgentPid = static_cast<std::uint32_t>(stranger);  // as if it were the one that was started
+  gKvm->gKvmAgentPid =
+      static_cast<std::uint32_t>(stranger);  // as if it were the one that was started
   WriteToAgentPipe(kAgentKeyboardPipe, "key", 3);
   EXPECT_TRUE(Eventually([&] { return TakeMessage(listener) == "key"; }));
   ::kill(stranger, SIGKILL);

@@ -3,7 +3,7 @@
 // started before; its start is swept with DASH.
 #include <gtest/gtest.h>
 
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/control_codes.h"
 #include "tests/service/host/fault_sweep.h"
 #include "tests/tcp_client.h"
@@ -21,7 +21,7 @@ constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardM
 bool Exchange(FirmwarePeer* firmware, const std::string& word) {
   firmware->SendFrame("", 0x26);
   firmware->SendFrame(std::string(8, '\0'), 0x27);
-  if (gKvmEnabled.load() == 0) return false;
+  if (gKvm->gKvmEnabled.load() == 0) return false;
   TcpClient viewer(22);
   if (!viewer.Connected()) return false;
   constexpr int kRepeat = 64;  // polls between two repetitions, so that a good run has none
@@ -45,7 +45,7 @@ bool Session(FirmwarePeer* firmware, const std::string& name) {
 
 bool SessionIsGone() {
   return Eventually(
-      [] { return gKvmSocketState.load() != kKvmSessionUp && gKvmSocket.load() == 0; });
+      [] { return gKvm->gKvmSocketState.load() != kKvmSessionUp && gKvm->gKvmSocket.load() == 0; });
 }
 
 Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "service/kvm/key_table.h"
-#include "service/kvm/special_key.h"
 #include "tests/service/kvm/test_keyboard.h"
 
 namespace stewardry {

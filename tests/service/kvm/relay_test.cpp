@@ -55,7 +55,7 @@ TEST_F(KvmRelay, FiftiethAttemptKeepsTheSession) {
 TEST_F(KvmRelay, SessionEndsAfterTheLastAttempt) {
   WithoutPauses();
   std::size_t frames = 0;
-  for (; gKvmSocketState.load() == kKvmSessionUp; ++frames) {
+  for (; gKvm->gKvmSocketState.load() == kKvmSessionUp; ++frames) {
     gate::Arm();
     WithoutPauses();
     Data(std::string(131070, 'u'));  // until the viewer, who reads nothing, has no room left
@@ -70,7 +70,7 @@ TEST_F(KvmRelay, SessionEndsAfterTheLastAttempt) {
        "Send index:" + std::to_string(frames - 1) +
            " Send buffer size: 1fffe; Socket data size: 0; Match:Fail"}));
   EXPECT_EQ(Sequence(), "ASIRC");
-  EXPECT_EQ(gKvmEnabled.load(), 0);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
 }
 
 // The session ends under the retries: the rest of them must end too, on no socket.
@@ -130,14 +130,14 @@ TEST_F(KvmRelay, FramesAndClosesOnTwoThreadsKeepToTheirSockets) {
   WithoutPauses();
   std::thread reader([&] {
     while (!stop) {
-      if (gKvmEnabled.load() == 0) Enable(), Trust(0);
-      if (gKvmSocketState.load() == kKvmSessionUp) Data("r");
+      if (gKvm->gKvmEnabled.load() == 0) Enable(), Trust(0);
+      if (gKvm->gKvmSocketState.load() == kKvmSessionUp) Data("r");
     }
   });
   int served = 0;
   EXPECT_TRUE(Eventually([&] {
-    gKvmRebindCount = 1;
-    if (gKvmEnabled.load() == 0 || !PortIs("0A")) return false;
+    gGateway->gKvmRebindCount = 1;
+    if (gKvm->gKvmEnabled.load() == 0 || !PortIs("0A")) return false;
     TcpClient client(22);
     client.Send("x");
     if (client.Receive(1) == "r") ++served;

@@ -9,8 +9,8 @@
 
 #include "lab/local/served_pipe.h"
 #include "service/kvm/agent.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
-#include "service/kvm/shared_region.h"
 
 namespace stewardry {
 namespace {
@@ -132,14 +132,14 @@ TEST(MouseTranslation, FlagsFollowTheChangeOfButtonsAndPlace) {
       {"bits that aren't read", {0, 0, 0}, {0xFFFFFFE0, 0, 0}, 0x8000, 0, 0x8000},
   };
   for (const Row& row : kRows) {
-    gLastMouseRingData = row.last;
+    gKvm->gLastMouseRingData = row.last;
     const mouseInfo straight = TranslateMouseEntry(row.entry, 1024, 768, [] { return false; });
     const mouseInfo swapped = TranslateMouseEntry(row.entry, 1024, 768, [] { return true; });
     EXPECT_EQ(straight.flags, row.flags) << row.name;
     EXPECT_EQ(straight.dwData, row.wheel) << row.name;
     EXPECT_EQ(swapped.flags, row.swappedFlags) << row.name;
   }
-  gLastMouseRingData = {};
+  gKvm->gLastMouseRingData = {};
 }
 
 TEST(MouseTranslation, PlaceIsScaledTo65535) {

@@ -6,15 +6,15 @@
 #include <regex>
 #include <string>
 
-#include "service/gateway/listeners.h"
+#include "service/gateway/gateway_state.h"
 #include "service/host/command_table.h"
 #include "service/kvm/agent.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/relay.h"
 #include "service/kvm/session.h"
-#include "service/kvm/session_threads.h"
-#include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
+#include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -32,6 +32,8 @@ class KvmTest : public MailboxTest {
  protected:
   void SetUp() override {
     if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+    Renew(&gKvm);
+    Renew(&gGateway);
     MailboxTest::SetUp();
     ComposeService();
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
@@ -44,10 +46,10 @@ class KvmTest : public MailboxTest {
   void TearDown() override {
     if (IsSkipped()) return;
     gate::Disarm();
-    gKvmRebindCount = kRebindBudget;
+    gGateway->gKvmRebindCount = kRebindBudget;
     FinishKVMSession();
     EXPECT_TRUE(Eventually([&] {
-      gKvmEnabled = 0;
+      gKvm->gKvmEnabled = 0;
       if (Held().threads == before_.threads) return true;
       TcpClient refused(22);  // takes the listener away, which ends its server
       return false;
@@ -116,7 +118,7 @@ class KvmTest : public MailboxTest {
       letters += "ASIDRC?"[std::find(std::begin(kCodes), std::end(kCodes), code) - kCodes];
     return letters;
   }
-  static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
+  static std::string TrayStatus() { return gKvm->gKvmSessionStatus.Load().text; }
   Holdings before_{};
 };
 

@@ -32,15 +32,15 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.order);
-    gKvmEnabled = 0;
-    gKvmTrustedIP = gKvmTrustedPort = 0;
-    gKvmSocketState = row.stateBefore;
+    gKvm->gKvmEnabled = 0;
+    gKvm->gKvmTrustedIP = gKvm->gKvmTrustedPort = 0;
+    gKvm->gKvmSocketState = row.stateBefore;
     const std::size_t before = Sequence().size();
     for (const char* command = row.order; *command != 0; ++command)
       *command == 'E' ? Enable() : *command == 'T' ? Trust(kStranger) : CloseByFirmware();
-    EXPECT_EQ(gKvmEnabled.load(), row.enabled);
-    EXPECT_EQ(gKvmTrustedIP.load(), row.trusted);
-    EXPECT_EQ(gKvmSocketState.load(), row.stateAfter);
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), row.enabled);
+    EXPECT_EQ(gKvm->gKvmTrustedIP.load(), row.trusted);
+    EXPECT_EQ(gKvm->gKvmSocketState.load(), row.stateAfter);
     EXPECT_EQ(Sequence().substr(before), row.sequence);
   }
   EXPECT_TRUE(Logged("KVM is disabled"));
@@ -48,8 +48,8 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
   EXPECT_TRUE(Logged("shutdown error 10038")) << "without a session there is nothing to half-close";
   Enable();
   Command(ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, "\1\2\3\4\5");
-  EXPECT_EQ(gKvmTrustedIP.load(), 0x04030201U);
-  EXPECT_EQ(gKvmTrustedPort.load(), 5U) << "the rest stays as it was";
+  EXPECT_EQ(gKvm->gKvmTrustedIP.load(), 0x04030201U);
+  EXPECT_EQ(gKvm->gKvmTrustedPort.load(), 5U) << "the rest stays as it was";
 }
 
 // The host side is up before the announcement.
@@ -67,7 +67,7 @@ TEST_F(KvmSession, BeginAndEndFollowTheirOrder) {
   EXPECT_EQ(info.remoteAddress, kLoopbackAddress);
   EXPECT_NE(info.remotePort, 0U);
   EXPECT_EQ(TrayStatus(), "YES");
-  EXPECT_EQ(gKvmSocketState.load(), kKvmSessionUp);
+  EXPECT_EQ(gKvm->gKvmSocketState.load(), kKvmSessionUp);
   EXPECT_EQ(Held().threads, idle.threads + 3);
   EXPECT_EQ(Held().children, idle.children + 1);
   EXPECT_TRUE(
@@ -130,8 +130,8 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
     Enable();
     Trust(0);
     gate::Arm();
-    gKvmRebindCount = 1;
-    gKvmSocketState = kKvmNoSession;
+    gGateway->gKvmRebindCount = 1;
+    gKvm->gKvmSocketState = kKvmNoSession;
     if (row.call == "region") firmware_->SetAnswer(kRegion, std::string(16, '\0'));
     if (row.call == "status") firmware_->SetVerdict(kStatusByte, row.error);
     gate::FailNext(row.call.c_str(), row.error, row.skip);
@@ -141,13 +141,14 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
     EXPECT_EQ(Sequence().substr(before.size()), row.sequence);
     // A failure before the session is up leaves KVM enabled; a later one ends the session.
     const bool wasUp = std::string_view(row.sequence).ends_with('C');
-    EXPECT_EQ(gKvmEnabled.load(), wasUp ? 0 : 1);
-    EXPECT_EQ(gKvmSocketState.load(), wasUp ? kKvmSessionFinished : kKvmNoSession);
-    EXPECT_EQ(gKvmSocket.load(), 0U);
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), wasUp ? 0 : 1);
+    EXPECT_EQ(gKvm->gKvmSocketState.load(), wasUp ? kKvmSessionFinished : kKvmNoSession);
+    EXPECT_EQ(gKvm->gKvmSocket.load(), 0U);
     EXPECT_EQ(TrayStatus(), "NO");
     ExpectHeld(idle);
-    EXPECT_FALSE(*gKvmAgentThread || *gKeyboardThread || *gMouseThread || *gKvmAgentProcess ||
-                 KeyBoardBufferVirtualAddress.load() != 0);
+    EXPECT_FALSE(gKvm->gKvmAgentThread.Exists() || gKvm->gKeyboardThread.Exists() ||
+                 gKvm->gMouseThread.Exists() || gKvm->gKvmAgentProcess ||
+                 gKvm->KeyBoardBufferVirtualAddress.load() != 0);
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
     firmware_->SetVerdict(kStatusByte, 0);
     gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the next has gone again
@@ -169,7 +170,7 @@ TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   ASSERT_TRUE(Eventually([] { return Logged("New KVM connection dropped") && !PortIs("0A"); }));
   viewer->Send("still here");
   EXPECT_TRUE(firmware_->Await(kKvmBytes));
-  EXPECT_EQ(gKvmRebindCount.load(), 1);
+  EXPECT_EQ(gGateway->gKvmRebindCount.load(), 1);
   Enable();
   EXPECT_TRUE(Listening());
   Enable();  // finds the listener and starts nothing
@@ -177,8 +178,8 @@ TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   viewer.reset();
   ASSERT_TRUE(firmware_->Await(kClosed));
   ExpectHeld(idle);  // the server without a listener ends with its connection, without a bind
-  EXPECT_EQ(gKvmRebindCount.load(), 1);
-  EXPECT_EQ(gKvmEnabled.load(), 0) << "an enable during the session was for that session";
+  EXPECT_EQ(gGateway->gKvmRebindCount.load(), 1);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0) << "an enable during the session was for that session";
   NewViewer(2);
 }
 
@@ -211,7 +212,7 @@ TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt)
   for (const auto& [held, close] :
        {std::pair(kStatusByte, true), {kAnnounce, true}, {kAnnounce, false}, {kRegion, false}}) {
     firmware_->SetVerdict(held, FirmwarePeer::kHold);
-    gKvmRebindCount = 1;
+    gGateway->gKvmRebindCount = 1;
     Enable();
     ASSERT_TRUE(Listening());
     const std::size_t ends = CountOf(Messages(), "Finish KVM Session\n");
@@ -224,9 +225,10 @@ TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt)
     ASSERT_TRUE(firmware_->Await(kClosed, CountOf(before, "C") + 1));
     EXPECT_TRUE(viewer.SeesEnd());
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends + 1);
-    EXPECT_EQ(gKvmEnabled.load(), 0);
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
     // An accept that has failed has taken the listener away.
-    ASSERT_TRUE(held == kAnnounce || Eventually([] { return gKvmRebindCount.load() == 2; }));
+    ASSERT_TRUE(held == kAnnounce ||
+                Eventually([] { return gGateway->gKvmRebindCount.load() == 2; }));
   }
 }
 
@@ -240,8 +242,8 @@ TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
   Trust(kLoopbackAddress);
   EndHeldRequest(kClosed);
   ASSERT_TRUE(Eventually([&] { return Logged("Free successful"); }));
-  EXPECT_EQ(gKvmEnabled.load(), 1);
-  EXPECT_EQ(gKvmTrustedIP.load(), kLoopbackAddress);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 1);
+  EXPECT_EQ(gKvm->gKvmTrustedIP.load(), kLoopbackAddress);
   TcpClient next(22);
   EXPECT_TRUE(firmware_->Await(kAnnounce, 2));
 }
@@ -255,11 +257,11 @@ TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
   ASSERT_TRUE(Served());
   EXPECT_GE(std::chrono::steady_clock::now() - start, kPeerPatience);
   Trust(kLoopbackAddress);
-  EXPECT_EQ(gKvmSocketState.load(), kKvmSessionUp);
+  EXPECT_EQ(gKvm->gKvmSocketState.load(), kKvmSessionUp);
   Trust(kStranger);
   EXPECT_TRUE(viewer.SeesEnd());
   EXPECT_EQ(Sequence(), "ASIRC");
-  EXPECT_EQ(gKvmEnabled.load(), 0);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
 }
 
 std::atomic<bool> gLeave{false};
@@ -272,30 +274,30 @@ std::uint32_t StayUntilLeave(void*) {
 TEST_F(KvmSession, PumpThatCanNotBeEndedKeepsItsRegionAndTheNextSessionOut) {
   auto viewer = NewViewer();
   TerminateKeyboardThread();
-  *gKeyboardThread = platform::CreateThread(StayUntilLeave, nullptr);
+  ASSERT_TRUE(gKvm->gKeyboardThread.Start(StayUntilLeave));
   gate::FailEvery("TerminateThread", 5);
   CloseByFirmware();
   EXPECT_EQ(Sequence(), "ASIC");
   viewer.reset();
   EXPECT_TRUE(Logged("TerminateThread for Keyboard failed"));
-  EXPECT_TRUE(gStopKeyboardThread.load());
+  EXPECT_TRUE(gKvm->gKeyboardThread.StopRequested());
   Enable();
   Trust(0);
   EXPECT_TRUE(TcpClient(22).SeesEnd());
-  ASSERT_TRUE(Eventually([] { return gKvmRebindCount.load() == 2; }));
+  ASSERT_TRUE(Eventually([] { return gGateway->gKvmRebindCount.load() == 2; }));
   gLeave = true;
   NewViewer(2);
   EXPECT_EQ(Sequence().substr(0, 8), "ASICRASI");
 }
 
 TEST_F(KvmSession, EnableBindsOnceAfterTheBudget) {
-  gKvmRebindCount = kRebindBudget;
+  gGateway->gKvmRebindCount = kRebindBudget;
   gate::FailNext("CreateThread", 8);
   Enable();
   EXPECT_EQ(Held(), before_) << "a server that cannot start leaves nothing";
   Enable();
   ASSERT_TRUE(Listening());
-  gKvmEnabled = 0;
+  gKvm->gKvmEnabled = 0;
   EXPECT_TRUE(TcpClient(22).SeesEnd());
   ExpectHeld(before_);
   EXPECT_TRUE(Logged("KVM disabled. Incoming SSH connection dropped."));

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "service/kvm/key_translation.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
 
@@ -39,7 +40,7 @@ class TestKeyboard {
     notes.clear();
     capsLock = false;
     deadInLayout = 0;
-    gPendingDeadKey.store(0);
+    gKvm->gPendingDeadKey.store(0);
   }
   // Translates symbols: a press each, or a release where it is negative. Returns what came out:
   // virtual keys in hex with '+' for a press and '-' for a release, "x+" and "x-" for extended
