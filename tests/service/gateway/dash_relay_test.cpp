@@ -11,6 +11,7 @@
 #include "service/actions/power_actions.h"
 #include "service/gateway/gateway_state.h"
 #include "service/mailbox/control_codes.h"
+#include "sock/unique_sock.h"
 #include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
