@@ -31,7 +31,7 @@ constexpr std::uint16_t kKvmSessionFinished = 2;
 enum class SessionPhase : std::uint32_t { kIdle, kSetup, kSetupEndRequested, kTeardown };
 
 struct KvmState {
-  // Who may connect. Written by the reader thread and by a session's teardown, read by the server
+  // Access. Written by the reader thread and by a session's teardown, read by the server
   // threads. Sequentially consistent with each other and with gKvmSocketState: RevokeAccess and
   // AcceptViewer in session.cpp depend on it.
   std::atomic<std::uint8_t> gKvmEnabled{0};       // 1: the firmware has enabled KVM
@@ -42,9 +42,8 @@ struct KvmState {
   std::atomic<std::chrono::steady_clock::time_point> peerDueAt{
       std::chrono::steady_clock::time_point::min()};
 
-  // The session. Written by the thread that its phase makes the only one: set-up on a server
-  // thread, teardown on any. Read by all.
-  // Acquire when a phase is entered, release when it is left.
+  // The session. Written by the one thread that its phase allows: set-up on a server thread,
+  // teardown on any. Read by all. The phase is entered with acquire and left with release.
   std::atomic<SessionPhase> phase{SessionPhase::kIdle};
   // Release and acquire: a thread that loads kKvmSessionUp finds the session's socket.
   std::atomic<std::uint16_t> gKvmSocketState{kKvmNoSession};

@@ -1,4 +1,3 @@
-// The DASH relay between consoles and a firmware, on port 664 of a network of the test's own.
 #include "service/gateway/dash_relay.h"
 
 #include <gtest/gtest.h>
@@ -65,12 +64,13 @@ class DashRelay : public MailboxTest {
   }
 
   platform::Thread server_;
+  DashSlot& slot_ = gGateway->dash;
 };
 
 TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) {
   StartServer();
   const std::string sent(400'000, 's');  // several reads, with the peer's close behind the last
-  gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the first has gone again
+  gate::FailNext("accept", platform::kWsaEConnReset);  // an earlier peer has gone
   {
     TcpClient first(664);
     ASSERT_TRUE(firmware_->Await(kAnnounce));
@@ -94,21 +94,21 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
   EXPECT_EQ(std::regex_replace(Sequence(), std::regex("D+"), "D"), "SICSIDC");
   EXPECT_TRUE(firmware_->Inputs(kData) == sent);
   ASSERT_TRUE(Eventually([] { return Logged("Selector remove called for HTTPS callback"); }));
-  EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
-  EXPECT_EQ(gGateway->dash.gHttpsSocket.load(), 0U);
+  EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(slot_.gHttpsSocket.load(), 0U);
 }
 
-// A selector that is destroyed under a connection must leave nothing that a later accept acts on. A
-// server that is asked to stop writes no line about it.
-TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedToStop) {
+// A selector that is destroyed under a connection leaves nothing that a later accept uses. A server
+// that stops on request logs nothing.
+TEST_F(DashRelay, EndedServerLeavesAClearSlotAndTheNextOneServesUntilItsStop) {
   StartServer();
   TcpClient first(664);
   first.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
   EndThread(&server_);
   EXPECT_TRUE(first.SeesEnd());
-  EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
-  EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr);
+  EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(slot_.gHttpsHandler, nullptr);
   StartServer();
   TcpClient second(664);
   second.Send("x");
@@ -121,7 +121,7 @@ TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedT
   EXPECT_TRUE(second.SeesEnd());
 }
 
-// As a thread leaves it that is ended within a use.
+// The mark of a thread that was ended within a use.
 TEST(SlotMark, UseThatNeverEndsIsGivenUp) {
   static SlotMark mark;
   static const auto* use = new SlotMark::Use(&mark);
@@ -130,9 +130,9 @@ TEST(SlotMark, UseThatNeverEndsIsGivenUp) {
   EXPECT_FALSE(mark.InUse());
 }
 
-// The reader writes while the server thread replaces and closes; without log and trace, which would
-// keep the two threads apart.
-TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
+// The reader writes while the server thread replaces and closes. Log and trace are off: they would
+// order the two threads.
+TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsKeepToTheirSockets) {
   StartServer();
   ServiceLog_Close();
   gate::Disarm();
@@ -187,23 +187,22 @@ TEST_F(DashCallbacks, FailedSetUpClosesTheAcceptedSocketAndReportsTheEndOfTheCon
     EXPECT_TRUE(client.SeesEnd()) << line;
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Sequence(), before + "SIC") << line;
-    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed) << line;
-    EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr) << line;
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed) << line;
+    EXPECT_EQ(slot_.gHttpsHandler, nullptr) << line;
   }
 }
 
-// As many of these as there are rebinds would otherwise end the process.
-TEST_F(DashCallbacks, KnockOfAPeerThatHasGoneCostsNoListenerAndALivePeerIsLookedAfter) {
+// One rebind for each such peer would end the process.
+TEST_F(DashCallbacks, PeerThatHasGoneLeavesTheListenerAndALivePeerHasKeepAlive) {
   gate::FailNext("accept", platform::kWsaEConnReset);
   gate::FailNext("accept", platform::kWsaEWouldBlock);
-  EXPECT_TRUE(Accept(&selector_)) << "nobody is left";
+  EXPECT_TRUE(Accept(&selector_)) << "no connection is pending";
   EXPECT_FALSE(Logged("Sock_Accept failed"));
   TcpClient client(664);
   ASSERT_TRUE(Accept(&selector_));
   int on = 0;
   socklen_t size = sizeof on;
-  ::getsockopt(static_cast<int>(gGateway->dash.gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on,
-               &size);
+  ::getsockopt(static_cast<int>(slot_.gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
   EXPECT_EQ(on, 1);
 }
 
@@ -217,21 +216,20 @@ TEST_F(DashCallbacks, EventThatEndsTheConnectionClearsTheSlotWithItsLineAndMessa
     const std::string before = Sequence();
     TcpClient client(664);
     ASSERT_TRUE(Accept(&selector_));
-    Handler* handler = gGateway->dash.gHttpsHandler;
+    Handler* handler = slot_.gHttpsHandler;
     EXPECT_EQ(HTTPSCallback(&selector_, handler, SELECTOR_READ, 0), 1) << "nothing to read";
     auto* foreign = new Handler{};
     foreign->sock = kInvalidSock;
     EXPECT_EQ(ListenHTTPSCallback(&selector_, foreign, SELECTOR_REMOVE, 0), 1);
-    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsOpen)
-        << "another handler was released";
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsOpen) << "another handler was released";
     client.Send("last words");
     gate::FailNext(failing, 10054);
     const auto call = [&, events = mask] { return HTTPSCallback(&selector_, handler, events, 0); };
     ASSERT_TRUE(Eventually([&] { return call() == 0; })) << "once the bytes have arrived";
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Selector_RemoveHandler(&selector_, handler), RESULT_OK);
-    EXPECT_EQ(gGateway->dash.gHttpsSocketState.load(), kHttpsClosed);
-    EXPECT_EQ(gGateway->dash.gHttpsHandler, nullptr);
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+    EXPECT_EQ(slot_.gHttpsHandler, nullptr);
     EXPECT_EQ(Sequence(), before + sequence) << line;
   }
 }

@@ -1,4 +1,3 @@
-// Binding, the server loop and its budget, on the real ports of a network of the test's own.
 #include "service/gateway/listeners.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,3 @@
-// The agent's launch, watch and messages, on the gate's trace and with real child processes.
 #include "service/kvm/agent.h"
 
 #include <gtest/gtest.h>
@@ -100,14 +99,14 @@ TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   EXPECT_EQ(gKvm->gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // the watch owns its handle now
   EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
-  // Two seconds between its looks, however short a sleep is.
-  const auto looks = [&] { return CountOf(Messages(), "KVM Agent PID: "); };
+  // Two seconds between its checks, however short a sleep is.
+  const auto checks = [] { return CountOf(Messages(), "KVM Agent PID: "); };
   const auto start = std::chrono::steady_clock::now();
-  const std::size_t before = looks();
+  const std::size_t before = checks();
   gate::FailEvery("Sleep(50)", gate::kFinishAtOnce);
   EXPECT_TRUE(Eventually([] { return CountCalls("Sleep") >= 400; }));
   gate::Arm();
-  const std::size_t more = looks() - before;
+  const std::size_t more = checks() - before;
   EXPECT_LE(more, 1 + (std::chrono::steady_clock::now() - start) / 2s);
   TerminateKVMAgentThread();
   EXPECT_FALSE(gKvm->gKvmAgentThread.Exists());
@@ -130,7 +129,7 @@ std::string TakeMessage(int listener) {
 pid_t ServeAsAnotherUser(int listener) {
   const pid_t child = ::fork();
   if (child == 0) {
-    // To listen again names the process that serves from now on.
+    // A second listen makes this process the server of the pipe.
     if (::setresuid(65534, 65534, 65534) == 0 && ::listen(listener, 8) == 0) ::raise(SIGSTOP);
     ::_exit(1);
   }
@@ -139,26 +138,25 @@ pid_t ServeAsAnotherUser(int listener) {
   return child;
 }
 
-TEST_F(AgentTest, StrangerIsNeitherSentAKeyNorTakenForWinlogon) {
+TEST_F(AgentTest, OnlyTheOwnUsersProcessesReceiveKeysAndCountAsWinlogon) {
   if (::geteuid() != 0) GTEST_SKIP() << "may not become another user";
   const int listener = ListenUnix(lab() + "/pipe/KVMAgentKeyboard");
-  const pid_t stranger = ServeAsAnotherUser(listener);
-  for (const pid_t id : {::getpid(), stranger})
+  const pid_t other = ServeAsAnotherUser(listener);
+  for (const pid_t id : {::getpid(), other})
     std::ofstream(lab() + "/processes.txt", std::ios::app) << id << " winlogon.exe\n";
   EXPECT_EQ(FindWinlogonPid(), platform::GetCurrentProcessId());
   WriteToAgentPipe(kAgentKeyboardPipe, "password", 8);
   EXPECT_EQ(TakeMessage(listener), "");
   EXPECT_EQ(CountCalls("WriteFile"), 0U);
-  gKvm->gKvmAgentPid =
-      static_cast<std::uint32_t>(stranger);  // as if it were the one that was started
+  gKvm->gKvmAgentPid = static_cast<std::uint32_t>(other);  // as if the launch had started it
   WriteToAgentPipe(kAgentKeyboardPipe, "key", 3);
   EXPECT_TRUE(Eventually([&] { return TakeMessage(listener) == "key"; }));
-  ::kill(stranger, SIGKILL);
-  ::waitpid(stranger, nullptr, 0);
+  ::kill(other, SIGKILL);
+  ::waitpid(other, nullptr, 0);
   ::close(listener);
 }
 
-TEST_F(AgentTest, MessageIsSentWholeOrLostAtOnce) {
+TEST_F(AgentTest, MessageIsSentWholeOrDroppedAtOnce) {
   WriteToAgentPipe(kAgentMousePipe, "no listener", 11);
   const int agent = ListenUnix(lab() + "/pipe/KVMAgentPipe");
   TerminateAgentOverPipe();

@@ -42,7 +42,7 @@ class KvmTest : public MailboxTest {
     LogInfo("The log's own descriptors are open from here on");
     before_ = Held();
   }
-  // Ends every session and server; what they held must be free again.
+  // Ends every session and server, and checks that they hold nothing.
   void TearDown() override {
     if (IsSkipped()) return;
     gate::Disarm();
@@ -51,7 +51,7 @@ class KvmTest : public MailboxTest {
     EXPECT_TRUE(Eventually([&] {
       gKvm->gKvmEnabled = 0;
       if (Held().threads == before_.threads) return true;
-      TcpClient refused(22);  // takes the listener away, which ends its server
+      TcpClient refused(22);  // removes the listener, which ends its server
       return false;
     })) << "a thread is left";
     ExpectHeld(before_);
@@ -74,6 +74,10 @@ class KvmTest : public MailboxTest {
     std::memcpy(payload.data(), &address, sizeof address);
     Command(ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, payload);
   }
+  static void EnableForAnyPeer() {
+    Enable();
+    Trust(0);
+  }
   static void CloseByFirmware() { Command(ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE); }
   static void Data(const std::string& bytes) { Command(ORRIN_TAVRIN_CMD_KVM_DATA, bytes); }
 
@@ -93,22 +97,21 @@ class KvmTest : public MailboxTest {
              return CallsOf({"accept", "WaitForMultipleObjectsEx"}).back()[0] == 'W';
            });
   }
-  // Enables KVM for any peer and connects a viewer, who is served.
+  // Enables KVM for any peer, and connects a viewer that is served.
   std::unique_ptr<TcpClient> NewViewer(std::size_t announcements = 1) {
-    Enable();
-    Trust(0);
+    EnableForAnyPeer();
     EXPECT_TRUE(Listening());
     auto viewer = std::make_unique<TcpClient>(22);
     EXPECT_TRUE(Served(announcements));
     return viewer;
   }
-  // Lets a held request of this code end without an answer.
+  // Ends a held request of this code without an answer.
   void EndHeldRequest(std::uint32_t code) {
     firmware_->SetVerdict(code, 0);
     platform::CancelIoEx(*gRequestDevice, nullptr);
   }
 
-  // The messages to the firmware, a letter each: A asks for the region, S status, I announcement,
+  // The messages to the firmware, a letter each: A region requested, S status, I announcement,
   // D data, R region given back, C close.
   std::string Sequence() {
     constexpr std::uint32_t kCodes[] = {kRegion,   kStatusByte, kAnnounce,

@@ -1,4 +1,3 @@
-// The KVM session's states, its accept, its ends, and what they leave behind.
 #include "service/kvm/session.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +8,7 @@
 namespace stewardry {
 namespace {
 
-constexpr std::uint32_t kStranger = 0x0A00000A;  // 10.0.0.10
+constexpr std::uint32_t kOther = 0x0A00000A;  // 10.0.0.10
 
 class KvmSession : public KvmTest {};
 
@@ -23,12 +22,10 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
     const char* sequence;
   };
   constexpr Row kRows[] = {
-      {"T", 0, 0, 0, 0, ""},           {"C", 2, 0, 0, 2, ""},
-      {"EET", 0, 1, kStranger, 0, ""}, {"ETC", 0, 0, 0, 2, "RC"},
-      {"ETC", 2, 1, kStranger, 2, ""}, {"ECT", 0, 0, 0, 2, "RC"},
-      {"TEC", 0, 0, 0, 2, "RC"},       {"TEC", 2, 1, 0, 2, ""},
-      {"TCE", 0, 1, 0, 2, "RC"},       {"CET", 0, 1, kStranger, 2, "RC"},
-      {"ETECC", 0, 0, 0, 2, "RC"},
+      {"T", 0, 0, 0, 0, ""},          {"C", 2, 0, 0, 2, ""},        {"EET", 0, 1, kOther, 0, ""},
+      {"ETC", 0, 0, 0, 2, "RC"},      {"ETC", 2, 1, kOther, 2, ""}, {"ECT", 0, 0, 0, 2, "RC"},
+      {"TEC", 0, 0, 0, 2, "RC"},      {"TEC", 2, 1, 0, 2, ""},      {"TCE", 0, 1, 0, 2, "RC"},
+      {"CET", 0, 1, kOther, 2, "RC"}, {"ETECC", 0, 0, 0, 2, "RC"},
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.order);
@@ -37,7 +34,7 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
     gKvm->gKvmSocketState = row.stateBefore;
     const std::size_t before = Sequence().size();
     for (const char* command = row.order; *command != 0; ++command)
-      *command == 'E' ? Enable() : *command == 'T' ? Trust(kStranger) : CloseByFirmware();
+      *command == 'E' ? Enable() : *command == 'T' ? Trust(kOther) : CloseByFirmware();
     EXPECT_EQ(gKvm->gKvmEnabled.load(), row.enabled);
     EXPECT_EQ(gKvm->gKvmTrustedIP.load(), row.trusted);
     EXPECT_EQ(gKvm->gKvmSocketState.load(), row.stateAfter);
@@ -102,7 +99,7 @@ TEST_F(KvmSession, BeginAndEndFollowTheirOrder) {
   EXPECT_TRUE(firmware_->Await(kKvmBytes)) << "the half-closed viewer is still read";
 }
 
-// Each row: a step that fails, or what the firmware answers wrongly, its line, and how far it came.
+// A row: the call or answer that fails, its log line, and the messages up to it.
 TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
   struct Row {
     std::string call;
@@ -127,8 +124,7 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
        }) {
     SCOPED_TRACE(row.line);
     const std::string before = Sequence();
-    Enable();
-    Trust(0);
+    EnableForAnyPeer();
     gate::Arm();
     gGateway->gKvmRebindCount = 1;
     gKvm->gKvmSocketState = kKvmNoSession;
@@ -146,12 +142,10 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
     EXPECT_EQ(gKvm->gKvmSocket.load(), 0U);
     EXPECT_EQ(TrayStatus(), "NO");
     ExpectHeld(idle);
-    EXPECT_FALSE(gKvm->gKvmAgentThread.Exists() || gKvm->gKeyboardThread.Exists() ||
-                 gKvm->gMouseThread.Exists() || gKvm->gKvmAgentProcess ||
-                 gKvm->KeyBoardBufferVirtualAddress.load() != 0);
+    EXPECT_FALSE(gKvm->gKvmAgentProcess || gKvm->KeyBoardBufferVirtualAddress.load() != 0);
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
     firmware_->SetVerdict(kStatusByte, 0);
-    gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the next has gone again
+    gate::FailNext("accept", platform::kWsaEConnReset);  // an earlier peer has gone
     auto viewer = NewViewer(CountOf(Sequence(), "I") + 1);
     viewer->Send("x");
     EXPECT_TRUE(firmware_->Await(kKvmBytes, ++served));
@@ -160,7 +154,7 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
   }
 }
 
-// A second viewer must cost the first nothing, and a new enable must find or make a listener.
+// The first viewer stays connected, and a new enable finds or creates a listener.
 TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   Enable();
   ASSERT_TRUE(Listening());
@@ -206,9 +200,8 @@ TEST_F(KvmSession, ManyEndsAtOnceAreOneEnd) {
   }
 }
 
-// The close must not be lost, and must not take apart what the accept is building; nor must the
-// name of another peer, which comes late.
-TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt) {
+// A close, or a late name of another peer, must not be lost and must not disturb the set-up.
+TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsUp) {
   for (const auto& [held, close] :
        {std::pair(kStatusByte, true), {kAnnounce, true}, {kAnnounce, false}, {kRegion, false}}) {
     firmware_->SetVerdict(held, FirmwarePeer::kHold);
@@ -219,7 +212,7 @@ TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt)
     const std::string before = Sequence();
     TcpClient viewer(22);
     ASSERT_TRUE(firmware_->Await(held, 1 + CountOf(before, held == kRegion ? "A" : "I")));
-    close ? CloseByFirmware() : Trust(kStranger);
+    close ? CloseByFirmware() : Trust(kOther);
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends) << "the accept is not over";
     EndHeldRequest(held);
     ASSERT_TRUE(firmware_->Await(kClosed, CountOf(before, "C") + 1));
@@ -227,13 +220,12 @@ TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt)
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends + 1);
     EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
     // An accept that has failed has taken the listener away.
-    ASSERT_TRUE(held == kAnnounce ||
-                Eventually([] { return gGateway->gKvmRebindCount.load() == 2; }));
+    ASSERT_TRUE(held == kAnnounce || Eventually([] { return gGateway->gKvmRebindCount == 2; }));
   }
 }
 
 // The firmware's answer to the close is the enable of the next session.
-TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
+TEST_F(KvmSession, EnableThatAnswersTheCloseHoldsAfterTheEnd) {
   auto viewer = NewViewer();
   firmware_->SetVerdict(kClosed, FirmwarePeer::kHold);
   viewer.reset();
@@ -248,8 +240,8 @@ TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
   EXPECT_TRUE(firmware_->Await(kAnnounce, 2));
 }
 
-// Between the firmware's two commands KVM is open for anybody.
-TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
+// Between the firmware's two commands any peer would be accepted.
+TEST_F(KvmSession, ViewerBeforeTheTrustedPeerWaitsAndEndsIfItIsAnotherOne) {
   const auto start = std::chrono::steady_clock::now();
   Enable();
   ASSERT_TRUE(Listening());
@@ -258,7 +250,7 @@ TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, kPeerPatience);
   Trust(kLoopbackAddress);
   EXPECT_EQ(gKvm->gKvmSocketState.load(), kKvmSessionUp);
-  Trust(kStranger);
+  Trust(kOther);
   EXPECT_TRUE(viewer.SeesEnd());
   EXPECT_EQ(Sequence(), "ASIRC");
   EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
@@ -270,8 +262,7 @@ std::uint32_t StayUntilLeave(void*) {
   return 0;
 }
 
-// The region is given back once nobody reads it.
-TEST_F(KvmSession, PumpThatCanNotBeEndedKeepsItsRegionAndTheNextSessionOut) {
+TEST_F(KvmSession, PumpThatCannotBeEndedKeepsItsRegionAndDelaysTheNextSession) {
   auto viewer = NewViewer();
   TerminateKeyboardThread();
   ASSERT_TRUE(gKvm->gKeyboardThread.Start(StayUntilLeave));
@@ -281,8 +272,7 @@ TEST_F(KvmSession, PumpThatCanNotBeEndedKeepsItsRegionAndTheNextSessionOut) {
   viewer.reset();
   EXPECT_TRUE(Logged("TerminateThread for Keyboard failed"));
   EXPECT_TRUE(gKvm->gKeyboardThread.StopRequested());
-  Enable();
-  Trust(0);
+  EnableForAnyPeer();
   EXPECT_TRUE(TcpClient(22).SeesEnd());
   ASSERT_TRUE(Eventually([] { return gGateway->gKvmRebindCount.load() == 2; }));
   gLeave = true;
