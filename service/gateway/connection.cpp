@@ -91,6 +91,7 @@ void HalfClose(Sock sock) {
 
 ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buffer,
                            std::uint32_t* size) {
+  assert(relay.write != nullptr && buffer != nullptr && size != nullptr);
   std::uint64_t numberOfBytesSentByClient = 0;
   const Result result =
       Sock_Read(sock, buffer->bytes, sizeof buffer->bytes, &numberOfBytesSentByClient);

@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "service/inventory/status_report.h"
-#include "service/mailbox/slot_mark.h"
 #include "sock/selector.h"
 #include "sock/unique_sock.h"
 

@@ -39,6 +39,7 @@ void ClearSlot() {
 // A slot may still hold the socket, as after the destruction of a selector. It is cleared first:
 // nothing may use a released connection.
 void LeaveSlot(Sock sock) {
+  assert(sock != 0);
   if (gGateway->dash.gHttpsSocket.load(std::memory_order_relaxed) == sock) ClearSlot();
 }
 
@@ -134,6 +135,7 @@ std::uint8_t HTTPSCallback(Selector*, Handler* handler, std::uint32_t mask, std:
 }
 
 void WriteDASHRXdata(const std::uint8_t* data, std::uint32_t length) {
+  assert(data != nullptr);
   DashSlot& slot = gGateway->dash;
   std::uint64_t written = 0;
   Result result;

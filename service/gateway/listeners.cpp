@@ -116,6 +116,7 @@ void SetPortCallbacks(std::span<const PortCallback> callbacks) {
 }
 
 bool BindListener(Selector* selector, std::uint32_t port) {
+  assert(port <= 0xFFFF);
   LogInfo("Checking");
   Addr address;
   Addr_InitAny(&address, static_cast<std::uint16_t>(port));

@@ -278,6 +278,7 @@ std::uint32_t ComposeDeadKey(std::uint32_t deadKey, std::uint32_t keysym) {
 }
 
 void ResetDeadKeys(const KeyboardHost& host) {
+  assert(host.vkKeyScan != nullptr && host.toAscii != nullptr && host.note != nullptr);
   KeyStates states{};
   for (const std::uint8_t character : kDeadCharacters) {
     const std::uint16_t scanKey = host.vkKeyScan(character);
@@ -286,6 +287,8 @@ void ResetDeadKeys(const KeyboardHost& host) {
 }
 
 void KeyboardActionEvent(const KeyboardHost& host, std::uint32_t keysym, bool pressed) {
+  assert(host.vkKeyScan != nullptr && host.scanCode != nullptr && host.capsLockIsOn != nullptr);
+  assert(host.isDown != nullptr && host.send != nullptr && host.note != nullptr);
   host.note("Keystorke identified handling keys\n");
   if (IsDeadKey(keysym)) {
     gKvm->gPendingDeadKey.store(keysym, std::memory_order_relaxed);

@@ -324,6 +324,7 @@ void FinishKVMSession() {
 }
 
 void ReleaseKVMSocket(Sock sock) {
+  assert(sock != 0);  // the value of a free slot
   if (gKvm->gKvmSocket.load(std::memory_order_seq_cst) == sock) FinishKVMSession();
   while (gKvm->gKvmSocket.load(std::memory_order_seq_cst) == sock) platform::Sleep(1);
   gKvm->gKvmSlotMark.AwaitEndOfUse();

@@ -23,9 +23,9 @@
 //    session's threads, agent, region and socket have one writer, and each writer sees what the one
 //    before it has stored.
 // 2. An end that is requested during set-up is not lost: the set-up carries it out when it is done.
-// 3. gKvmSocket is stored before state 1 and cleared before the teardown is over. A socket is closed
-//    only after gKvmSocket has another value and no write on it is under way. So neither a frame of
-//    the firmware nor a half-close reaches a socket number that has been reused.
+// 3. gKvmSocket is stored before state 1 and cleared before the teardown is over. A socket is
+//    closed only after gKvmSocket has another value and no write on it is under way. So neither a
+//    frame of the firmware nor a half-close reaches a socket number that has been reused.
 // 4. A region is not given back, and no session is set up, while a thread that reads it exists. A
 //    thread that cannot be ended keeps its handle, which marks it; the next set-up tries again.
 // 5. The firmware opens KVM with two commands, and in between any peer would be accepted. So a

@@ -83,7 +83,7 @@ Entry LoadEntry(Entry* entry) {
 // `stop` ends the run between two entries. One consumer thread.
 template <class Ring, class Handle>
 bool DrainRing(Ring* ring, const std::atomic<bool>& stop, Handle handle) {
-  assert(ring != nullptr);
+  assert(ring != nullptr && reinterpret_cast<std::uintptr_t>(ring) % alignof(Ring) == 0);
   const std::uint32_t writeIndex =
       std::atomic_ref(ring->writeIndex).load(std::memory_order_acquire);
   if (writeIndex >= Ring::kEntries - 1) return false;
