@@ -26,9 +26,8 @@
 #include "service/kvm/agent.h"
 #include "service/kvm/key_translation.h"
 #include "service/kvm/keyboard_pump.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
-#include "service/kvm/session_threads.h"
-#include "service/kvm/shared_region.h"
 
 namespace {
 
@@ -139,8 +138,8 @@ class Agent {
   std::thread thread_;
 };
 
-// Puts an entry into a ring as the firmware does. It waits for room, and passes the last legal
-// index, at which the pump stands still, only with room behind it.
+// Puts an entry into a ring as the firmware does. Waits for room, and passes the last legal index,
+// at which the pump halts, only with room behind it.
 template <class Ring, class Entry>
 void Put(Ring* ring, const Entry& entry) {
   const std::uint32_t at = std::atomic_ref(ring->writeIndex).load(std::memory_order_relaxed);
@@ -154,54 +153,48 @@ void Put(Ring* ring, const Entry& entry) {
   std::atomic_ref(ring->writeIndex).store(next, std::memory_order_release);
 }
 
-struct KeyboardRoad {
+struct KeyboardPump {
   static constexpr const char* kPipe = kAgentKeyboardPipe;
   static void Press(SharedRegion* region, std::uint32_t n) {
     Put(&region->keyboard, (n % 2 == 0 ? 0x80000000u : 0u) | ('a' + n / 2 % 26));
   }
   static std::uint32_t Last(const SharedRegion& region) { return region.keyboard.writeIndex; }
-  static constexpr std::uint32_t kStandsStill = KeyboardRing::kEntries - 1;
-  static void Start() {
-    gStopKeyboardThread = false;
-    *gKeyboardThread = platform::CreateThread(ProcessKeyboardEvents, nullptr);
-  }
+  static constexpr std::uint32_t kHaltIndex = KeyboardRing::kEntries - 1;
+  static void Start() { (void)gKvm->gKeyboardThread.Start(ProcessKeyboardEvents); }
   static void End() { TerminateKeyboardThread(); }
 };
 
-struct MouseRoad {
+struct MousePump {
   static constexpr const char* kPipe = kAgentMousePipe;
   static void Press(SharedRegion* region, std::uint32_t n) {
     Put(&region->mouse, mouseBufferRingData{n / 64 % 2, n % 1024, n % 768});
   }
   static std::uint32_t Last(const SharedRegion& region) { return region.mouse.writeIndex; }
-  static constexpr std::uint32_t kStandsStill = MouseRing::kEntries - 1;
-  static void Start() {
-    gStopMouseThread = false;
-    *gMouseThread = platform::CreateThread(ProcessMouseEvents, nullptr);
-  }
+  static constexpr std::uint32_t kHaltIndex = MouseRing::kEntries - 1;
+  static void Start() { (void)gKvm->gMouseThread.Start(ProcessMouseEvents); }
   static void End() { TerminateMouseThread(); }
 };
 
 // A region, an agent, and the pump between them.
-template <class Road>
+template <class Pump>
 class Session {
  public:
-  Session() : region_(std::make_unique<SharedRegion>()), agent_(Road::kPipe) {
-    KeyBoardBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->keyboard);
-    MouseBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->mouse);
-    Road::Start();
+  Session() : region_(std::make_unique<SharedRegion>()), agent_(Pump::kPipe) {
+    gKvm->KeyBoardBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->keyboard);
+    gKvm->MouseBufferVirtualAddress = reinterpret_cast<std::uint64_t>(&region_->mouse);
+    Pump::Start();
   }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
   ~Session() {
-    Road::End();
+    Pump::End();
     UninitializeKeyboardMousePointers();
   }
   // One more entry; letters give one event each, pointer states too.
-  void Put() { Road::Press(region_.get(), put_++); }
+  void Put() { Pump::Press(region_.get(), put_++); }
   bool AwaitAll() {
     // At the last legal index nothing would move; the entry behind it gets it going.
-    if (Road::Last(*region_) == Road::kStandsStill) Put();
+    if (Pump::Last(*region_) == Pump::kHaltIndex) Put();
     return agent_.AwaitTaken(put_);
   }
 
@@ -211,14 +204,14 @@ class Session {
   std::uint32_t put_ = 0;
 };
 
-// The same path without a pump: each message is opened, written and closed where it arises.
-template <class Road>
+// The same path without a pump: the caller opens, writes and closes for each message.
+template <class Pump>
 class PlainClient {
  public:
-  PlainClient() : agent_(Road::kPipe) {}
+  PlainClient() : agent_(Pump::kPipe) {}
   void Put() {
     const keyInfo message{'A', 0, 0, 0};
-    WriteToAgentPipe(Road::kPipe, &message, sizeof message);
+    WriteToAgentPipe(Pump::kPipe, &message, sizeof message);
     ++put_;
   }
   bool AwaitAll() { return agent_.AwaitTaken(put_); }
@@ -260,15 +253,15 @@ void Sustained(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kBurst);
 }
 
-template <class Road>
-void RegisterRoad(const std::string& name) {
+template <class Pump>
+void RegisterPump(const std::string& name) {
   const auto add = [](const std::string& full, auto run) {
     benchmark::RegisterBenchmark(full.c_str(), run)->UseRealTime();
   };
-  add("pump/latency/" + name, Latency<Session<Road>>);
-  add("pump/latency_plain/" + name, Latency<PlainClient<Road>>);
-  add("pump/sustained/" + name, Sustained<Session<Road>>);
-  add("pump/sustained_plain/" + name, Sustained<PlainClient<Road>>);
+  add("pump/latency/" + name, Latency<Session<Pump>>);
+  add("pump/latency_plain/" + name, Latency<PlainClient<Pump>>);
+  add("pump/sustained/" + name, Sustained<Session<Pump>>);
+  add("pump/sustained_plain/" + name, Sustained<PlainClient<Pump>>);
 }
 
 }  // namespace
@@ -283,8 +276,8 @@ int main(int argc, char** argv) {
     add(std::string("keys/translation/") + keys.name, Translate);
     add(std::string("keys/hash_map/") + keys.name, LookUp);
   }
-  RegisterRoad<KeyboardRoad>("keys");
-  RegisterRoad<MouseRoad>("pointer");
+  RegisterPump<KeyboardPump>("keys");
+  RegisterPump<MousePump>("pointer");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   benchmark::RunSpecifiedBenchmarks();

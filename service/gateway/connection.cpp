@@ -1,7 +1,10 @@
-// The steps that both relays take.
 #include "service/gateway/connection.h"
 
+#include <cassert>
+#include <new>
+
 #include "platform/socket.h"
+#include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/records.h"
 #include "service/inventory/reports.h"
@@ -9,13 +12,49 @@
 
 namespace stewardry {
 
-// A peer that has gone isn't the listener's failure, which would cost a rebind: else
-// twenty peers that connect and reset would end the process.
-Result AcceptPeer(Sock listener, Sock* sock, RemoteAddress* peer) {
-  const Result result = Sock_Accept(listener, sock, peer);
+// A peer that has gone is no failure of the listener, which would cost a rebind: twenty peers that
+// connect and reset would otherwise end the process.
+Result ConnectionSock::Accept(Sock listener, RemoteAddress* peer) {
+  assert(!sock_);
+  Sock sock = kInvalidSock;
+  const Result result = Sock_Accept(listener, &sock, peer);
   if (result == RESULT_FAILED) LogInfo("Sock_Accept failed");
-  if (result == RESULT_OK) (void)Sock_KeepAlive(*sock, true);  // it only stays longer without
-  return result;
+  if (result != RESULT_OK) return result;
+  sock_.Reset(sock);
+  (void)Sock_KeepAlive(sock, true);  // without it a vanished peer only stays longer
+  return RESULT_OK;
+}
+
+void ConnectionSock::Close() {
+  if (!sock_) return;
+  const platform::StayInThread stay;
+  if (leaveSlot_ != nullptr) leaveSlot_(sock_.Get());
+  sock_.Reset();
+}
+
+Handler* AddHandler(Selector* selector, UniqueSock* sock, std::uint32_t eventMask,
+                    SelectorCallback callback) {
+  assert(selector != nullptr && *sock && callback != nullptr);
+  std::unique_ptr<Handler> handler(new (std::nothrow) Handler{});
+  if (handler == nullptr) return nullptr;
+  handler->sock = sock->Release();
+  handler->eventMask = eventMask;
+  handler->callback = callback;
+  Handler* added = handler.release();
+  if (Selector_AddHandler(selector, added) == RESULT_OK) return added;
+  handler.reset(added);
+  sock->Reset(added->sock);
+  return nullptr;
+}
+
+Handler* AddConnection(Selector* selector, ConnectionSock* sock, SelectorCallback callback) {
+  if (Sock_SetBlocking(sock->Get(), false) != RESULT_OK) {
+    LogInfo("Sock_SetBlocking failed");
+    return nullptr;
+  }
+  Handler* added = AddHandler(selector, &sock->sock_, SELECTOR_READ, callback);
+  if (added == nullptr) LogInfo("Selector_AddHandler failed");
+  return added;
 }
 
 bool FirmwareIsReady(const ReportMark* mark) {
@@ -52,6 +91,7 @@ void HalfClose(Sock sock) {
 
 ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buffer,
                            std::uint32_t* size) {
+  assert(relay.write != nullptr && buffer != nullptr && size != nullptr);
   std::uint64_t numberOfBytesSentByClient = 0;
   const Result result =
       Sock_Read(sock, buffer->bytes, sizeof buffer->bytes, &numberOfBytesSentByClient);
@@ -61,7 +101,7 @@ ReadOutcome ForwardOneRead(const RelayKind& relay, Sock sock, ReceiveBuffer* buf
   if (numberOfBytesSentByClient == 0) return ReadOutcome::kEnded;
   packet data{sock, buffer->bytes, *size, nullptr, 0};
   LogInfo(" read size %d", data.sendSize);
-  (void)relay.write(&data);  // the bytes of a failed request are gone; the connection goes on
+  (void)relay.write(&data);  // the bytes of a failed request are lost; the connection goes on
   return ReadOutcome::kForwarded;
 }
 

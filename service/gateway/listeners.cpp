@@ -1,69 +1,35 @@
-// Listeners and server loops.
 #include "service/gateway/listeners.h"
 
-#include <memory>
-#include <new>
-#include <utility>
+#include <cassert>
 
 #include "platform/process.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
-#include "service/mailbox/slot_mark.h"
+#include "service/gateway/connection.h"
+#include "service/gateway/gateway_state.h"
 
 namespace stewardry {
 
-std::atomic<std::int32_t> gHttpsRebindCount{1};
-std::atomic<std::int32_t> gKvmRebindCount{1};
+platform::ProcessLifetime<GatewayState> gGateway;
 
 namespace {
-
-// Written once before any server runs, which orders it.
-std::span<const PortCallback> gPortCallbacks;
-
-// A KVM server has a listener on port 22 or is about to bind one. Whoever sets it binds; cleared
-// when the listener has been closed or the bind has failed. Acquire and release: who takes the port
-// finds it free.
-std::atomic<bool> gKvmPortTaken{false};
-
-StopMark<Selector> gServerStop;
 
 constexpr std::uint64_t kRunMicroseconds = 10'000'000;
 
 SelectorCallback CallbackOf(std::uint32_t port) {
-  for (const PortCallback& row : gPortCallbacks)
+  for (const PortCallback& row : gGateway->portCallbacks)
     if (row.port == port) return row.callback;
   return nullptr;
 }
 
-// A listening socket until its handler owns it.
-class Listener {
- public:
-  explicit Listener(Sock sock) : sock_(sock) {}
-  Listener(const Listener&) = delete;
-  Listener& operator=(Listener&& other) noexcept {
-    std::swap(sock_, other.sock_);
-    return *this;
-  }
-  ~Listener() {
-    if (sock_ != kInvalidSock) (void)Sock_Close(sock_);  // a failed bind leaves nothing open
-  }
-  Sock Release() {
-    const Sock sock = sock_;
-    sock_ = kInvalidSock;
-    return sock;
-  }
-
- private:
-  Sock sock_;
-};
-
-// The words and numbers in which the two servers differ.
+// The log lines and numbers in which the two servers differ. Fixed log texts; their wording must
+// not change.
 struct ServerKind {
-  std::uint32_t port;
+  std::uint16_t port;
   const char* failureLine;
   const char* proceedLine;
   std::atomic<std::int32_t>* rebindCount;
-  std::atomic<bool>* portTaken;  // null: nobody else ever wants the port
+  std::atomic<bool>* portTaken;  // null: no other server ever binds the port
   StopMark<Selector>* stop;      // null: the server ends with the process
 
   bool Stops() const { return stop != nullptr && stop->IsSet(); }
@@ -72,17 +38,17 @@ struct ServerKind {
 const ServerKind kHttpsServer = {kHttpsPort,
                                  "HTTPS binding failed",
                                  "After HTTPS port binding, proceed to selector run",
-                                 &gHttpsRebindCount,
+                                 &gGateway->gHttpsRebindCount,
                                  nullptr,
-                                 &gServerStop};
-const ServerKind kKvmServer = {22,
+                                 &gGateway->serverStop};
+const ServerKind kKvmServer = {kKvmPort,
                                "VNC binding failed",
                                "After KVM port binding, proceeding to selector run",
-                               &gKvmRebindCount,
-                               &gKvmPortTaken,
+                               &gGateway->gKvmRebindCount,
+                               &gGateway->kvmPortTaken,
                                nullptr};
 
-// True if the calling server is the one that binds from now on.
+// Returns true if the calling server is the one that binds from now on.
 bool TakePort(const ServerKind& server) {
   return server.portTaken == nullptr ||
          !server.portTaken->exchange(true, std::memory_order_acq_rel);
@@ -93,7 +59,7 @@ void LeavePort(const ServerKind& server) {
 }
 
 // Destroys the selector on every way out, also when the thread is ended within a run. Lends it to
-// whoever asks its server to stop.
+// the thread that asks its server to stop.
 class OwnedSelector {
  public:
   explicit OwnedSelector(const ServerKind& server) : stop_(server.stop) {
@@ -114,7 +80,7 @@ class OwnedSelector {
   Selector selector_;
 };
 
-// One bind and the runs on it, until a run fails or the server is to stop.
+// Binds once and runs the selector until a run fails or the server is to stop.
 void ServeOnce(const ServerKind& server) {
   OwnedSelector sel(server);
   if (!BindListener(sel.Get(), server.port)) {
@@ -131,7 +97,7 @@ void ServeOnce(const ServerKind& server) {
   LogInfo("Should not reach here. Distroy selector and rebind.");
 }
 
-// Binds anew until the budget is spent, the port is another server's, or the server is to stop.
+// Serves until the budget is used up, another server has the port, or the server is to stop.
 void Serve(const ServerKind& server) {
   while (!server.Stops()) {
     ServeOnce(server);
@@ -144,42 +110,33 @@ void Serve(const ServerKind& server) {
 
 }  // namespace
 
-void SetPortCallbacks(std::span<const PortCallback> callbacks) { gPortCallbacks = callbacks; }
+void SetPortCallbacks(std::span<const PortCallback> callbacks) {
+  assert(!callbacks.empty());
+  gGateway->portCallbacks = callbacks;
+}
 
 bool BindListener(Selector* selector, std::uint32_t port) {
+  assert(port <= 0xFFFF);
   LogInfo("Checking");
   Addr address;
   Addr_InitAny(&address, static_cast<std::uint16_t>(port));
-  Sock sock;
-  if (Sock_CreateListener(&sock, address) != RESULT_OK) {
+  Sock created = kInvalidSock;
+  if (Sock_CreateListener(&created, address) != RESULT_OK) {
     LogInfo("Sock create failed for %d", port);
     return false;
   }
-  Listener listener(sock);
-  if (Sock_SetBlocking(sock, false) != RESULT_OK) {
+  UniqueSock listener(created);
+  if (Sock_SetBlocking(listener.Get(), false) != RESULT_OK) {
     LogInfo("Set blocking failed for %d", port);
     return false;
   }
-  std::unique_ptr<Handler> handler(new (std::nothrow) Handler{});
-  LogInfo("Listen socket address %I64x", sock);
+  LogInfo("Listen socket address %I64x", listener.Get());
   const SelectorCallback callback = CallbackOf(port);
   if (callback == nullptr) {
     LogInfo("Unhandled port used %d", port);
     return false;
   }
-  if (!handler) {
-    LogInfo("Add handler failed for %d", port);
-    return false;
-  }
-  handler->eventMask = SELECTOR_READ | SELECTOR_EXCEPTION;
-  handler->callback = callback;
-  // From the add on handler and socket are the selector's, even if the thread is ended within the
-  // add's first call.
-  handler->sock = listener.Release();
-  Handler* added = handler.release();
-  if (Selector_AddHandler(selector, added) != RESULT_OK) {
-    listener = Listener(added->sock);
-    handler.reset(added);
+  if (AddHandler(selector, &listener, SELECTOR_READ | SELECTOR_EXCEPTION, callback) == nullptr) {
     LogInfo("Add handler failed for %d", port);
     return false;
   }
@@ -192,10 +149,10 @@ void RunServer() {
   if (!ServerStops()) platform::ExitProcess(0);
 }
 
-// A posted call stays listed until a run takes it, so it also ends a run that hasn't begun.
+// A posted call stays listed until a run takes it, so it also ends a run that begins later.
 void AskServerToStop() {
-  static PostedCall call{};
-  gServerStop.Ask([](Selector* selector) {
+  gGateway->serverStop.Ask([](Selector* selector) {
+    PostedCall& call = gGateway->stopCall;
     call.callback = [](void* running, void*) {
       Selector_StopRunning(static_cast<Selector*>(running));
     };
@@ -204,9 +161,9 @@ void AskServerToStop() {
   });
 }
 
-bool ServerStops() { return gServerStop.IsSet(); }
+bool ServerStops() { return gGateway->serverStop.IsSet(); }
 
-ReportMark ServerMark() { return {&gServerStop.Word(), 0}; }
+ReportMark ServerMark() { return {&gGateway->serverStop.Word(), 0}; }
 
 std::uint32_t RunKVMServer(void*) {
   Serve(kKvmServer);

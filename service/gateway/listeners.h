@@ -1,9 +1,8 @@
-// The two TCP listeners and the loop around their selectors: binding a port, running its selector,
-// and destroying and binding anew, within a budget, when a run fails. What happens when a peer
-// knocks is the listen callback's affair.
+// The two TCP listeners and the loop around their selectors: binds a port, runs its selector, and
+// after a failed run destroys it and binds again, within a budget. The listen callback decides what
+// happens to a connection.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <span>
 
@@ -12,51 +11,50 @@
 
 namespace stewardry {
 
-constexpr std::uint32_t kHttpsPort = 664;
+constexpr std::uint16_t kHttpsPort = 664;
+constexpr std::uint16_t kKvmPort = 22;
 
-// Rebinds so far, plus one. Each is written by its server's threads; they never go down. Relaxed:
-// only the count matters.
-extern std::atomic<std::int32_t> gHttpsRebindCount;
-extern std::atomic<std::int32_t> gKvmRebindCount;
+// The value of a rebind count at which its server ends.
 constexpr std::int32_t kRebindBudget = 20;
 
-// Which callback serves the listener of a port. The table must outlive the servers.
+// The callback that serves the listener of a port. The table must outlive the servers.
 struct PortCallback {
   std::uint32_t port;
   SelectorCallback callback;
 };
 void SetPortCallbacks(std::span<const PortCallback> callbacks);
 
-// Binds a listener on any local IPv4 address into the selector, which makes the first call of its
-// callback, with SELECTOR_ADD. True on success; after a logged failure nothing stays open.
+// Binds a listener on any local IPv4 address and adds it to the selector, which calls its callback
+// with SELECTOR_ADD. Returns false after a logged failure, with nothing left open.
 bool BindListener(Selector* selector, std::uint32_t port);
 
-// The HTTPS server. When the rebind budget is spent it ends the process; it returns only when it
-// was asked to stop, without a line and with its sockets closed.
+// Runs the HTTPS server. Ends the process when the rebind budget is used up. Returns only after a
+// stop request, without a log line and with its sockets closed.
 void RunServer();
 
-// Asks the server thread to leave and wakes it. It begins nothing new from then on, and writes
-// nothing once the step that it is in has ended. For the rest of the process; the control handler's
+// Asks the server thread to exit and wakes it. The request stays for the rest of the process: the
+// thread finishes its current step, then begins and logs nothing more. The control handler's
 // thread.
 void AskServerToStop();
 bool ServerStops();
-// What the server thread's reports look at.
+// Returns the mark that ends the server thread's reports.
 ReportMark ServerMark();
 
-// The KVM server, a thread entry; the parameter is not used. Result 0 when its budget is spent, or
-// when another server has taken the port while this one had no listener. Started by StartKVMServer.
+// Runs the KVM server, as a thread entry; the parameter is not used. Returns 0 when its budget is
+// used up, or when another server has taken the port while this one had no listener. Started by
+// StartKVMServer.
 std::uint32_t RunKVMServer(void* parameter);
 
-// Sees to a listener on port 22: starts a server on a new thread, whose handle isn't kept, unless
-// one has a listener already or is about to bind one. The reader thread.
+// Makes sure that port 22 has a listener: starts a server on a new thread, whose handle is not
+// kept, unless a server has a listener or is about to bind one. The reader thread.
 //
-// A server may run without a listener, while it serves a connection whose listener a second viewer
-// has knocked away. It stays as it is then, the new one binds, and the old one ends with its last
+// A server may run without a listener: a second viewer costs it the listener while it serves the
+// first one. It then stays as it is, the new server binds, and the old one ends with its last
 // connection. So there is at most one listener on the port, a command of the firmware always finds
-// or makes it, and no thread outlives its last connection but the one that listens.
+// or creates it, and only the thread that listens outlives its last connection.
 void StartKVMServer();
 
-// The listener on port 22 has been closed. Called by its listen callback, after the close.
+// Marks port 22 as free. The listen callback calls it after it has closed the listener.
 void LeaveKVMPort();
 
 }  // namespace stewardry

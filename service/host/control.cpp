@@ -14,6 +14,8 @@
 #include "service/gateway/listeners.h"
 #include "service/host/start_up.h"
 #include "service/inventory/reports.h"
+#include "service/inventory/status_report.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
@@ -179,12 +181,12 @@ void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
 void NotifyKvmTerminationEvents() {
   constexpr const char* kName = "NotifyKvmTerminationEvents";
   constexpr std::uint32_t kTracedLogons = 2;  // the later ones have no line about the region
-  const bool ready = gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
+  const bool ready = gKvm->gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
   SideLog(kSideLogKeyboardMouse, "%s: KVM", ready ? "enabled" : "disabled");
   if (!ready) return;
   SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", kName);
   if (gSessionLogonCount.load(std::memory_order_relaxed) <= kTracedLogons) {
-    const bool hasRegion = KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) != 0;
+    const bool hasRegion = gKvm->KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) != 0;
     SideLog(kSideLogKeyboardMouse, "%s",
             hasRegion ? "Requested Terminate KVM session\n" : "Keyboard ring buffer invalid\n");
   }

@@ -8,7 +8,7 @@
 #include "service/diagnostics/format.h"
 #include "service/inventory/reports.h"
 #include "service/inventory/status_report.h"
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -28,7 +28,9 @@ void AnswerProvisioning(AnswerText text) {
 void AnswerFirmwareVersion(AnswerText text) {
   Say(text, TextOf(gTavrinVersionInfo.Load().version).c_str());
 }
-void AnswerKvmSession(AnswerText text) { Say(text, TextOf(gKvmSessionStatus.Load().text).c_str()); }
+void AnswerKvmSession(AnswerText text) {
+  Say(text, TextOf(gKvm->gKvmSessionStatus.Load().text).c_str());
+}
 void AnswerServiceVersion(AnswerText text) { Say(text, kServiceVersion); }
 void AnswerNotAvailable(AnswerText text) { Say(text, "N/A"); }
 void AnswerServiceState(AnswerText text) {

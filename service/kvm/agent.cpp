@@ -1,6 +1,6 @@
-// The agent's launch, watch and messages.
 #include "service/kvm/agent.h"
 
+#include <cassert>
 #include <chrono>
 #include <cstring>
 #include <utility>
@@ -13,26 +13,30 @@
 #include "service/diagnostics/format.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
-
-std::atomic<std::uint32_t> gKvmAgentPid{0};
-platform::ProcessLifetime<platform::Process> gKvmAgentProcess;
 
 namespace {
 
 constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default", 5};  // SW_SHOW
 constexpr std::chrono::seconds kWatchPeriod{2};
-constexpr std::uint32_t kLookMilliseconds = 50;     // between two looks at the stop mark
-constexpr std::uint32_t kWriteMilliseconds = 1000;  // for an agent that doesn't read
-constexpr int kServerAttempts = 4;                  // to meet a server that may be trusted
+constexpr std::uint32_t kCheckMilliseconds = 50;    // between two checks for a stop request
+constexpr std::uint32_t kWriteMilliseconds = 1000;  // for an agent that does not read
+constexpr int kServerAttempts = 4;                  // to reach a server that may be trusted
 
 template <class... Args>
 void Note(std::string_view format, const Args&... args) {
   SideLog(kSideLogKeyboardMouse, format, args...);
 }
 
-// A trace line for a debugger.
+// Writes a side log line. Returns false, the caller's result.
+bool Fail(const char* line) {
+  Note("%s", line);
+  return false;
+}
+
+// Writes a trace line for a debugger.
 template <class... Args>
 void Trace(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
   char line[256];
@@ -40,9 +44,9 @@ void Trace(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... a
   platform::OutputDebugStringA(line);
 }
 
-// The agent's path, beside the service's executable. False if that has no folder, if its path can't
-// be had, or if the agent's fills the room and so may be cut: what is found elsewhere isn't our
-// agent, and would be given the system's rights.
+// Builds the agent's path, beside the service's executable. Returns false if the executable's path
+// or folder is not available, or if the result fills the buffer and may be cut: a program found
+// elsewhere is not our agent, and would run with the system's rights.
 bool BuildAgentPath(char (&appPath)[platform::kMaxPath]) {
   char workDir[platform::kMaxPath] = {};
   if (platform::GetModuleFileNameA(workDir) == 0) return false;
@@ -54,8 +58,8 @@ bool BuildAgentPath(char (&appPath)[platform::kMaxPath]) {
                   platform::kProgramSuffix) < sizeof appPath - 1;
 }
 
-// True if the process runs as the service's own user. Any user may start a program of any name and
-// serve a pipe of any name; only the system and its administrators can do so as this one.
+// Returns true if the process runs as the service's own user. Any user may start a program of any
+// name and serve a pipe of any name; only the system and its administrators can do so as this user.
 bool IsOfOwnUser(std::uint32_t processId) {
   const platform::Process process = platform::OpenProcess(platform::kProcessQuery, processId);
   if (!process) return false;
@@ -66,29 +70,32 @@ bool IsOfOwnUser(std::uint32_t processId) {
          platform::GetTokenUser(ownToken, &ownUser) && user == ownUser;
 }
 
-// True if the pipe leads to the agent that was started, or to a program that has the service's
-// rights anyway. What goes over it are the keys of whoever logs on.
+// Returns true if the pipe's server is the agent that was started, or a program that has the
+// service's rights anyway. The pipe carries the keys of a user who logs on.
 bool IsServedByAgent(const platform::Pipe& pipe) {
   std::uint32_t id = 0;
   if (!platform::GetNamedPipeServerProcessId(pipe, &id)) return false;
-  return (id != 0 && id == gKvmAgentPid.load(std::memory_order_relaxed)) || IsOfOwnUser(id);
+  return (id != 0 && id == gKvm->gKvmAgentPid.load(std::memory_order_relaxed)) || IsOfOwnUser(id);
 }
 
-// Records a started agent, and says so.
-void KeepAgent(platform::Process process, bool hasEnvironment) {
+// Stores a started agent, and logs it.
+void StoreAgent(platform::Process process, bool hasEnvironment) {
   const std::uint32_t error = platform::LastError();
   const std::uint32_t id = platform::GetProcessId(process);
-  gKvmAgentPid.store(id, std::memory_order_relaxed);
-  *gKvmAgentProcess = std::move(process);  // from here on the earlier agent's id is free
+  gKvm->gKvmAgentPid.store(id, std::memory_order_relaxed);
+  gKvm->gKvmAgentProcess = std::move(process);  // from here on the earlier agent's id is free
   Trace(" ++++++ CreateProcessAsUser winlogon %d\n", error);
-  if (!hasEnvironment)
-    return Note(" ++++++ CreateProcessAsUser winlogon 2 getlastError: %d\n", error);
+  if (!hasEnvironment) {
+    Note(" ++++++ CreateProcessAsUser winlogon 2 getlastError: %d\n", error);
+    return;
+  }
   Note("CreateProcessAsUser success\n");
   LogInfo("KVM_Agent PID: %d", id);
 }
 
-// What a failed start counts as. 233: the session can't take a process yet, and will later.
-bool JudgeFailedStart(bool hasEnvironment) {
+// Logs a failed start. Returns true if it counts as started: the session cannot take a process yet,
+// and will later.
+bool CountsAsStarted(bool hasEnvironment) {
   const std::uint32_t error = platform::LastError();
   if (hasEnvironment) {
     Note(" ++++++ CreateProcessAsUser failed %d\n", error);
@@ -102,7 +109,8 @@ bool JudgeFailedStart(bool hasEnvironment) {
   return true;
 }
 
-// Starts the agent with the environment of the token's user, or, if that can't be had, without.
+// Starts the agent with the environment of the token's user, or without one if that is not
+// available.
 bool StartAgent(const platform::Token& token, const char* appPath) {
   platform::EnvironmentBlock environment = platform::CreateEnvironmentBlock(token);
   const bool hasEnvironment = static_cast<bool>(environment);
@@ -114,9 +122,9 @@ bool StartAgent(const platform::Token& token, const char* appPath) {
       environment, kStartupInformation);
   bool started = true;
   if (process) {
-    KeepAgent(std::move(process), hasEnvironment);
+    StoreAgent(std::move(process), hasEnvironment);
   } else {
-    started = JudgeFailedStart(hasEnvironment);
+    started = CountsAsStarted(hasEnvironment);
   }
   if (hasEnvironment) {
     environment.Reset();
@@ -125,12 +133,12 @@ bool StartAgent(const platform::Token& token, const char* appPath) {
   return started;
 }
 
-// Sleeps for one turn of the watch, or until the thread shall leave.
-void SleepBetweenLooks() {
+// Sleeps for one turn of the watch, or until a stop request.
+void SleepBetweenChecks() {
   const auto end = std::chrono::steady_clock::now() + kWatchPeriod;
   while (std::chrono::steady_clock::now() < end) {
-    if (gStopKVMAgentThread.load(std::memory_order_relaxed)) return;
-    platform::Sleep(kLookMilliseconds);
+    if (gKvm->gKvmAgentThread.StopRequested()) return;
+    platform::Sleep(kCheckMilliseconds);
   }
 }
 
@@ -142,7 +150,7 @@ bool LaunchKVMAgent() {
   Note("Application %s\n", static_cast<const char*>(appPath));
   const std::uint32_t sessionId = platform::WTSGetActiveConsoleSessionId();
   Note("Session Id 0x%x\n", sessionId);
-  (void)EnableTcbPrivilege();  // the steps that need it find out for themselves
+  (void)EnableTcbPrivilege();  // the steps that need it fail themselves
   platform::Token token;
   if (!Getsessionusertokenwin(&token, sessionId)) {
     Trace(" ++++++ Getsessionusertokenwin failed %d\n", platform::LastError());
@@ -152,15 +160,15 @@ bool LaunchKVMAgent() {
 }
 
 std::uint32_t WatchKVMAgent(void*) {
-  while (!gStopKVMAgentThread.load(std::memory_order_relaxed)) {
-    const std::uint32_t id = gKvmAgentPid.load(std::memory_order_relaxed);
+  while (!gKvm->gKvmAgentThread.StopRequested()) {
+    const std::uint32_t id = gKvm->gKvmAgentPid.load(std::memory_order_relaxed);
     if (IsProcessRunning(id)) {
       LogInfo("KVM Agent PID: %d", id);
-    } else if (!gStopKVMAgentThread.load(std::memory_order_relaxed)) {
+    } else if (!gKvm->gKvmAgentThread.StopRequested()) {
       (void)LaunchKVMAgent();  // tried again in the next turn
       LogInfo("KVM Agent Launched again");
     }
-    SleepBetweenLooks();
+    SleepBetweenChecks();
   }
   return 0;
 }
@@ -174,24 +182,25 @@ bool EnableTcbPrivilege() {
   {
     const platform::Process self =
         platform::OpenProcess(platform::kProcessAllAccess, platform::GetCurrentProcessId());
-    if (!self) return Note("Step 1 Open Process failed\n"), false;
+    if (!self) return Fail("Step 1 Open Process failed\n");
     const platform::Token token = platform::OpenProcessToken(self, platform::kTokenAllAccess);
-    if (!token) return Note("Step 2 Open Process Token failed\n"), false;
+    if (!token) return Fail("Step 2 Open Process Token failed\n");
     platform::Luid luid;
     if (!platform::LookupPrivilegeValueA("SeTcbPrivilege", &luid))
-      return Note("Step 3 Lookup Privilege Value failed\n"), false;
+      return Fail("Step 3 Lookup Privilege Value failed\n");
     if (!platform::AdjustTokenPrivileges(token, luid))
-      return Note("Step 4 Adjust Token Privileges Value failed\n"), false;
+      return Fail("Step 4 Adjust Token Privileges Value failed\n");
   }
-  return platform::LastError() == 0;  // a privilege that isn't held is told by the error alone
+  return platform::LastError() == 0;  // only the error reports a privilege that is not held
 }
 
 bool Getsessionusertokenwin(platform::Token* token, std::uint32_t sessionId) {
-  if (token == nullptr) return Note("User Token is NULL\n"), false;
+  if (token == nullptr) return Fail("User Token is NULL\n");
   return GetWinlogonToken(token, sessionId);
 }
 
 bool GetWinlogonToken(platform::Token* token, std::uint32_t sessionId) {
+  assert(token != nullptr);
   const std::uint32_t windowsLogonPid = FindWinlogonPid();
   Note("WindowsLogonPID 0x%x\n", windowsLogonPid);
   const platform::Process process =
@@ -200,7 +209,7 @@ bool GetWinlogonToken(platform::Token* token, std::uint32_t sessionId) {
   Note("Process Handle retrieved successfully using Windows Logon PID: 0x%x\n", windowsLogonPid);
   const platform::Token source = platform::OpenProcessToken(process, platform::kTokenAllAccess);
   if (source) *token = platform::DuplicateTokenEx(source);
-  // A token that stays in its own session starts an agent that the console doesn't see; the start
+  // A token that stays in its own session starts an agent that the console does not see. The start
   // is tried all the same.
   if (*token) (void)platform::SetTokenSessionId(*token, sessionId);
   return static_cast<bool>(*token);
@@ -219,13 +228,14 @@ std::uint32_t FindWinlogonPid() {
 }
 
 void WriteToAgentPipe(const char* pipe, const void* message, std::uint32_t length) {
+  assert(pipe != nullptr && message != nullptr);
   for (int attempt = 0; attempt < kServerAttempts; ++attempt) {
     const platform::Pipe connection = platform::OpenPipe(pipe, 0);
     if (!connection) return;
     if (!IsServedByAgent(connection)) continue;  // the next instance may be the agent's
     std::uint32_t written = 0;
-    (void)platform::WriteFile(connection, message, length, kWriteMilliseconds,
-                              &written);  // lost without a word
+    // A message that is not written whole is dropped.
+    (void)platform::WriteFile(connection, message, length, kWriteMilliseconds, &written);
     return;
   }
 }

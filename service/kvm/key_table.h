@@ -1,4 +1,4 @@
-// From X keysyms to Windows' virtual keys, for the keys that aren't characters. Keysyms are those
+// Maps X keysyms to Windows' virtual keys, for the keys that are not characters. Keysyms are those
 // of X11's keysymdef.h, virtual keys those of winuser.h.
 #pragma once
 
@@ -17,7 +17,7 @@ struct KeyMapRow {
 
 namespace key_table {
 
-// `count` rows: keysyms and virtual keys both count up.
+// `count` rows with consecutive keysyms and virtual keys.
 struct Run {
   std::uint32_t keysym;
   std::uint8_t virtualKey;
@@ -25,10 +25,10 @@ struct Run {
   std::uint8_t count = 1;
 };
 
-// Where this isn't the plain mapping: left Shift is VK_SHIFT but right Shift VK_RSHIFT, both
-// Controls are VK_CONTROL, left Alt is VK_MENU but right Alt VK_RMENU; the Windows keys aren't
-// extended; the keypad's navigation keys aren't extended and the main block's are. The lock keys
-// have no row, so a viewer can't change them.
+// Where this is not the plain mapping: left Shift is VK_SHIFT but right Shift VK_RSHIFT, both
+// Controls are VK_CONTROL, left Alt is VK_MENU but right Alt VK_RMENU; the Windows keys are not
+// extended; the keypad's navigation keys are not extended and the main block's are. The lock keys
+// have no row, so a viewer cannot change them.
 inline constexpr Run kRuns[] = {
     {0xFF08, 0x08, false},     // BackSpace: VK_BACK
     {0xFF09, 0x09, false},     // Tab: VK_TAB
@@ -97,7 +97,7 @@ constexpr auto Expand() {
 
 }  // namespace key_table
 
-// Sorted by keysym; each stands once.
+// Sorted by keysym, each once.
 inline constexpr auto kKeyMap = key_table::Expand();
 static_assert(kKeyMap.size() == 97);
 static_assert(std::adjacent_find(kKeyMap.begin(), kKeyMap.end(),
@@ -105,7 +105,7 @@ static_assert(std::adjacent_find(kKeyMap.begin(), kKeyMap.end(),
                                    return a.keysym >= b.keysym;
                                  }) == kKeyMap.end());
 
-// The row of a keysym, null if it has none. Any thread.
+// Returns the row of a keysym, or null if it has none. Any thread.
 constexpr const KeyMapRow* FindKeyMapEntry(std::uint32_t keysym) {
   const auto* row =
       std::lower_bound(kKeyMap.begin(), kKeyMap.end(), keysym,

@@ -1,16 +1,14 @@
-// Key symbols to key events.
 #include "service/kvm/key_translation.h"
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 #include <span>
 
 #include "service/kvm/key_table.h"
-#include "service/kvm/special_key.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
-
-std::atomic<std::uint32_t> gPendingDeadKey{0};
 
 namespace {
 
@@ -107,23 +105,39 @@ static_assert(std::adjacent_find(std::begin(kCompositions), std::end(kCompositio
                                           (a.deadKey == b.deadKey && a.letter >= b.letter);
                                  }) == std::end(kCompositions));
 
+bool IsDown(const KeyboardHost& host, const SpecialKey& key) {
+  return key.virtualKey >= 0 && key.virtualKey <= 0xFF &&
+         host.isDown(static_cast<std::uint8_t>(key.virtualKey));
+}
+
+// Sends one event of a key with its scan code. Logs a number that is no virtual key (0 to 255) and
+// does not send it.
+void SendVirtualKey(const KeyboardHost& host, std::int64_t virtualKey, std::uint32_t flags) {
+  if (virtualKey < 0 || virtualKey > 0xFF) {
+    host.note("Harmful Keysymbol received\n");
+    return;
+  }
+  const auto key = static_cast<std::uint8_t>(virtualKey);
+  host.send(key, host.scanCode(key), flags);
+}
+
 bool IsDeadKey(std::uint32_t keysym) { return keysym >= kFirstDeadKey && keysym <= kLastDeadKey; }
 
 bool IsCharacter(std::uint32_t keysym) {
   return (keysym >= 0x20 && keysym <= 0x7E) || (keysym >= 0xA0 && keysym <= 0xFF);
 }
 
-// A dead key is used up by the next character, whether or not the two compose.
+// The next character uses the dead key up, whether or not the two compose.
 std::uint32_t ApplyDeadKey(const KeyboardHost& host, std::uint32_t keysym) {
-  const std::uint32_t deadKey = gPendingDeadKey.load(std::memory_order_relaxed);
+  const std::uint32_t deadKey = gKvm->gPendingDeadKey.load(std::memory_order_relaxed);
   if (deadKey == 0) return keysym;
-  gPendingDeadKey.store(0, std::memory_order_relaxed);
+  gKvm->gPendingDeadKey.store(0, std::memory_order_relaxed);
   const std::uint32_t composed = ComposeDeadKey(deadKey, keysym);
   host.note("Contains dead keys");
   return composed;
 }
 
-// The modifiers of one character, in the order in which they are put back.
+// The modifiers of one character, in the order in which they are restored.
 struct Modifiers {
   SpecialKey control, alt, shift, leftShift, rightShift;
 
@@ -165,11 +179,11 @@ void PressCombinationModifiers(const KeyboardHost& host, std::uint8_t virtualKey
   }
 }
 
-// A character that the layout has. A release goes out alone.
+// Sends a character that the layout has. A release is sent without modifiers.
 void SendCombinationKey(const KeyboardHost& host, std::uint16_t scanKey, bool pressed) {
   const auto virtualKey = static_cast<std::uint8_t>(scanKey & 0xFF);
   std::uint32_t needs = scanKey >> 8;
-  if (host.capsLockIsOn()) needs ^= kNeedsShift;  // holds for digits and signs too
+  if (host.capsLockIsOn()) needs ^= kNeedsShift;  // also for digits and signs
   Modifiers modifiers;
   if (pressed) PressCombinationModifiers(host, virtualKey, needs, &modifiers);
   host.note("Handling multiple Combination keys\n");
@@ -182,7 +196,7 @@ void Tap(const KeyboardHost& host, std::uint8_t virtualKey) {
   SendVirtualKey(host, virtualKey, kKeyUp);
 }
 
-// Alt and the code's digits on the keypad; the zero before them selects the ANSI code page.
+// Types Alt and the code's digits on the keypad; the zero before them selects the ANSI code page.
 void SendAltKeypadCode(const KeyboardHost& host, std::uint32_t code) {
   SendVirtualKey(host, kVkMenu, 0);
   for (const std::uint32_t digit : {0u, code / 100, code / 10 % 10, code % 10})
@@ -190,8 +204,9 @@ void SendAltKeypadCode(const KeyboardHost& host, std::uint32_t code) {
   SendVirtualKey(host, kVkMenu, kKeyUp);
 }
 
-// A character that the layout hasn't got. `code` is at most 255.
+// Sends a character that the layout does not have. Requires a `code` of at most 255.
 void SendShiftBasedCombination(const KeyboardHost& host, std::uint32_t code) {
+  assert(code <= 0xFF);
   Modifiers modifiers;
   ReleaseShiftKeys(host, &modifiers);
   host.note("Handling Shift based combination keys\n");
@@ -202,12 +217,16 @@ void SendShiftBasedCombination(const KeyboardHost& host, std::uint32_t code) {
 void HandleCharacterKey(const KeyboardHost& host, std::uint32_t keysym, bool pressed) {
   const std::uint16_t scanKey = host.vkKeyScan(static_cast<std::uint8_t>(keysym & 0xFF));
   host.note("Testing for Japanese Keys\n");
-  if (scanKey != kNotInLayout) return SendCombinationKey(host, scanKey, pressed);
-  if (pressed) return SendShiftBasedCombination(host, keysym);
-  host.note("Unhandled Keydown Event\n");
+  if (scanKey != kNotInLayout) {
+    SendCombinationKey(host, scanKey, pressed);
+  } else if (pressed) {
+    SendShiftBasedCombination(host, keysym);
+  } else {
+    host.note("Unhandled Keydown Event\n");
+  }
 }
 
-// Asking for the conversion of a dead key a second time takes it out of the layout's state again.
+// A second conversion of a dead key takes it out of the layout's state again.
 void ResetDeadKey(const KeyboardHost& host, KeyStates* states, std::uint16_t scanKey) {
   const std::uint32_t needs = scanKey >> 8;
   constexpr std::uint8_t kDown = 0x80, kIsUp = 0;
@@ -217,10 +236,39 @@ void ResetDeadKey(const KeyboardHost& host, KeyStates* states, std::uint16_t sca
   const auto virtualKey = static_cast<std::uint8_t>(scanKey & 0xFF);
   if (host.toAscii(virtualKey, *states) >= 0) return;
   host.note("Found dead key");
-  (void)host.toAscii(virtualKey, *states);  // the state is all that it is asked for
+  (void)host.toAscii(virtualKey, *states);  // only its effect on the state counts
 }
 
 }  // namespace
+
+void SpecialKey_Init(SpecialKey* key, std::int32_t virtualKey) {
+  assert(key != nullptr);
+  *key = {virtualKey, 0, false, false};
+}
+
+void SpecialKey_Press(const KeyboardHost& host, SpecialKey* key) {
+  if (IsDown(host, *key)) return;
+  host.note("Special Key Pressed\n");
+  SendVirtualKey(host, key->virtualKey, key->flags);
+  key->pressed = true;
+}
+
+void SpecialKey_Release(const KeyboardHost& host, SpecialKey* key) {
+  if (!IsDown(host, *key)) return;
+  host.note("Special Key Released\n");
+  SendVirtualKey(host, key->virtualKey, key->flags | kKeyUp);
+  key->released = true;
+}
+
+void SpecialKey_Restore(const KeyboardHost& host, const SpecialKey& key) {
+  if (key.pressed) {
+    host.note("Special Key was earlier pressed now performing release\n");
+    SendVirtualKey(host, key.virtualKey, key.flags | kKeyUp);
+  } else if (key.released) {
+    host.note("Special Key was earlier released now performing press\n");
+    SendVirtualKey(host, key.virtualKey, key.flags);
+  }
+}
 
 std::uint32_t ComposeDeadKey(std::uint32_t deadKey, std::uint32_t keysym) {
   for (const Composition& row : kCompositions)
@@ -230,6 +278,7 @@ std::uint32_t ComposeDeadKey(std::uint32_t deadKey, std::uint32_t keysym) {
 }
 
 void ResetDeadKeys(const KeyboardHost& host) {
+  assert(host.vkKeyScan != nullptr && host.toAscii != nullptr && host.note != nullptr);
   KeyStates states{};
   for (const std::uint8_t character : kDeadCharacters) {
     const std::uint16_t scanKey = host.vkKeyScan(character);
@@ -238,14 +287,17 @@ void ResetDeadKeys(const KeyboardHost& host) {
 }
 
 void KeyboardActionEvent(const KeyboardHost& host, std::uint32_t keysym, bool pressed) {
+  assert(host.vkKeyScan != nullptr && host.scanCode != nullptr && host.capsLockIsOn != nullptr);
+  assert(host.isDown != nullptr && host.send != nullptr && host.note != nullptr);
   host.note("Keystorke identified handling keys\n");
   if (IsDeadKey(keysym)) {
-    gPendingDeadKey.store(keysym, std::memory_order_relaxed);
-    return host.note("Keysym is outside the valid range.");
+    gKvm->gPendingDeadKey.store(keysym, std::memory_order_relaxed);
+    host.note("Keysym is outside the valid range.");
+    return;
   }
   if (IsCharacter(keysym)) {
-    const std::uint32_t character = pressed ? ApplyDeadKey(host, keysym) : keysym;
-    return HandleCharacterKey(host, character, pressed);
+    HandleCharacterKey(host, pressed ? ApplyDeadKey(host, keysym) : keysym, pressed);
+    return;
   }
   const KeyMapRow* virtualKeyPressed = FindKeyMapEntry(keysym);
   if (virtualKeyPressed == nullptr) return;

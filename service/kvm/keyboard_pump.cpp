@@ -1,11 +1,10 @@
-// From the keyboard ring to the agent's keyboard pipe.
 #include "service/kvm/keyboard_pump.h"
 
 #include "platform/keyboard.h"
 #include "service/diagnostics/side_log.h"
 #include "service/kvm/agent.h"
 #include "service/kvm/key_translation.h"
-#include "service/kvm/session_threads.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/shared_region.h"
 
 namespace stewardry {
@@ -49,7 +48,10 @@ void HandleEntry(std::uint32_t entry) {
 void Keyboard_UNICODE_Event(std::uint8_t virtualKey, std::uint8_t scanCode, std::uint32_t flags,
                             std::uint64_t) {
   Note("Keyboard_UNICODE_Eventreached\n");
-  if (IsHostModifierDown()) return Note("not calling keybd_event\n");
+  if (IsHostModifierDown()) {
+    Note("not calling keybd_event\n");
+    return;
+  }
   Note("before setting Keystroke event\n");
   const keyInfo message{virtualKey, scanCode, flags, 0};
   WriteToAgentPipe(kAgentKeyboardPipe, &message, sizeof message);
@@ -57,15 +59,16 @@ void Keyboard_UNICODE_Event(std::uint8_t virtualKey, std::uint8_t scanCode, std:
 }
 
 std::uint32_t ProcessKeyboardEvents(void*) {
-  auto* ring =
-      reinterpret_cast<KeyboardRing*>(KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed));
+  auto* ring = reinterpret_cast<KeyboardRing*>(
+      gKvm->KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed));
   if (ring == nullptr) {
     SideLog(kSideLogKeyboardMouse, "%s: Keyboard buffer not initialized. Exiting the thread\n",
             "ProcessKeyboardEvents");
     return 0;
   }
-  while (!gStopKeyboardThread.load(std::memory_order_relaxed))
-    if (!DrainRing(ring, gStopKeyboardThread, HandleEntry)) SpinOnce();
+  const SessionThread& self = gKvm->gKeyboardThread;
+  while (!self.StopRequested())
+    if (!DrainRing(ring, self.StopFlag(), HandleEntry)) SpinOnce();
   return 0;
 }
 

@@ -1,4 +1,4 @@
-// The keyboard pump: the thread that empties the ring of key symbols into the agent.
+// The keyboard pump: the thread that passes the key symbols of the ring to the agent.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,12 @@ struct keyInfo {
 };
 static_assert(sizeof(keyInfo) == 16);
 
-// A session's thread: polls the keyboard ring and translates each entry until
-// gStopKeyboardThread is set. Gives 0, at once if there is no ring. The parameter is not used.
+// A session's thread: polls the keyboard ring and translates each entry until gKeyboardThread is
+// asked to stop. Returns 0, at once if there is no ring. The parameter is not used.
 std::uint32_t ProcessKeyboardEvents(void* parameter);
 
-// The last stop of every key event: hands it to the agent, unless the host's own left Alt, left
-// Control or left Windows key is down. The keyboard pump's thread.
+// Sends a key event to the agent, unless the host's own left Alt, left Control or left Windows key
+// is down. The keyboard thread.
 void Keyboard_UNICODE_Event(std::uint8_t virtualKey, std::uint8_t scanCode, std::uint32_t flags,
                             std::uint64_t extraInfo);
 

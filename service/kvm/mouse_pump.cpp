@@ -1,13 +1,12 @@
-// From the mouse ring to the agent's mouse pipe.
 #include "service/kvm/mouse_pump.h"
+
+#include <cassert>
 
 #include "platform/keyboard.h"
 #include "service/kvm/agent.h"
-#include "service/kvm/session_threads.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
-
-mouseBufferRingData gLastMouseRingData{};
 
 namespace {
 
@@ -28,9 +27,10 @@ constexpr ButtonFlags kLeftFlags = {kMouseLeftDown, kMouseLeftUp};
 constexpr ButtonFlags kMiddleFlags = {kMouseMiddleDown, kMouseMiddleUp};
 constexpr ButtonFlags kRightFlags = {kMouseRightDown, kMouseRightUp};
 
-// x * 65535 / (size - 1) in wrapping signed 32-bit arithmetic. The one quotient that would not fit,
-// of the least number by -1, can't arise: size is above 1.
+// Returns x * 65535 / (size - 1) in wrapping signed 32-bit arithmetic. The one quotient that does
+// not fit, of the least number by -1, cannot occur: size is above 1.
 std::uint32_t Scale(std::uint32_t pixels, std::int32_t size) {
+  assert(size > 1);
   const auto product = static_cast<std::int32_t>(pixels * 65535u);
   return static_cast<std::uint32_t>(product / (size - 1));
 }
@@ -39,7 +39,7 @@ std::uint32_t Scale(std::uint32_t pixels, std::int32_t size) {
 
 std::int32_t TranslateMouseButtons(std::uint32_t* flags, const mouseBufferRingData& entry,
                                    bool (*swapped)()) {
-  const mouseBufferRingData& last = gLastMouseRingData;
+  const mouseBufferRingData& last = gKvm->gLastMouseRingData;
   const std::uint32_t changed = entry.buttonMask ^ last.buttonMask;
   const auto add = [&](std::uint32_t bit, const ButtonFlags& button) {
     *flags |= (entry.buttonMask & bit) != 0 ? button.down : button.up;
@@ -48,7 +48,7 @@ std::int32_t TranslateMouseButtons(std::uint32_t* flags, const mouseBufferRingDa
   if ((changed & kLeft) != 0) add(kLeft, swapped() ? kRightFlags : kLeftFlags);
   if ((changed & kMiddle) != 0) add(kMiddle, kMiddleFlags);
   if ((changed & kRight) != 0) add(kRight, swapped() ? kLeftFlags : kRightFlags);
-  // Each entry with a wheel bit is one notch: the wheel isn't compared with the entry before.
+  // Each entry with a wheel bit is one notch: the wheel is not compared with the entry before.
   if ((entry.buttonMask & (kWheelUp | kWheelDown)) == 0) return 0;
   *flags |= kMouseWheel;
   return (entry.buttonMask & kWheelDown) != 0 ? -kWheelDelta : kWheelDelta;
@@ -66,7 +66,7 @@ mouseInfo TranslateMouseEntry(const mouseBufferRingData& entry, std::int32_t wid
 
 std::uint32_t ProcessMouseEvents(void*) {
   auto* ring =
-      reinterpret_cast<MouseRing*>(MouseBufferVirtualAddress.load(std::memory_order_relaxed));
+      reinterpret_cast<MouseRing*>(gKvm->MouseBufferVirtualAddress.load(std::memory_order_relaxed));
   if (ring == nullptr) return 1;
   const int width = platform::GetSystemMetrics(kScreenWidth);
   const int height = platform::GetSystemMetrics(kScreenHeight);
@@ -74,10 +74,11 @@ std::uint32_t ProcessMouseEvents(void*) {
   const auto send = [&](const mouseBufferRingData& entry) {
     const mouseInfo message = TranslateMouseEntry(entry, width, height, ButtonsAreSwapped);
     WriteToAgentPipe(kAgentMousePipe, &message, sizeof message);
-    gLastMouseRingData = entry;
+    gKvm->gLastMouseRingData = entry;
   };
-  while (!gStopMouseThread.load(std::memory_order_relaxed))
-    if (!DrainRing(ring, gStopMouseThread, send)) SpinOnce();
+  const SessionThread& self = gKvm->gMouseThread;
+  while (!self.StopRequested())
+    if (!DrainRing(ring, self.StopFlag(), send)) SpinOnce();
   return 1;
 }
 

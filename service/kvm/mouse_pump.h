@@ -1,5 +1,5 @@
-// The mouse pump: the thread that empties the ring of pointer states into the agent. A state says
-// how things are, a mouse event what has changed; so each entry is compared with the one before.
+// The mouse pump: the thread that passes the pointer states of the ring to the agent. A mouse event
+// holds only changes, so each entry is compared with the one before.
 #pragma once
 
 #include <cstdint>
@@ -30,25 +30,21 @@ enum : std::uint32_t {
   kMouseAbsolute = 0x8000,
 };
 
-// The last entry that was sent. It outlives the session: a button that was down at the end of one
-// goes up with the first entry of the next that has it up. The mouse pump's thread alone touches
-// it, and sessions follow one another.
-extern mouseBufferRingData gLastMouseRingData;
-
-// Adds to *flags what has changed from gLastMouseRingData to `entry`, and gives the wheel amount.
-// `swapped()` tells whether the host has the left and right buttons swapped; it is asked only when
-// one of them has changed.
+// Adds to *flags what has changed from gLastMouseRingData to `entry`, and returns the wheel amount.
+// `swapped()` returns whether the host has the left and right buttons swapped; it is called only
+// when one of them has changed.
 std::int32_t TranslateMouseButtons(std::uint32_t* flags, const mouseBufferRingData& entry,
                                    bool (*swapped)());
 
-// The message of one entry on a screen of that size, both above 1. The arithmetic is the 32-bit one
-// of the message: a coordinate beyond any screen wraps, and harms nothing but the pointer's place.
+// Returns the message of one entry on a screen of that size. Requires both above 1. The arithmetic
+// has 32 bits, as the message: a coordinate beyond any screen wraps, and only misplaces the
+// pointer.
 mouseInfo TranslateMouseEntry(const mouseBufferRingData& entry, std::int32_t width,
                               std::int32_t height, bool (*swapped)());
 
-// A session's thread: polls the mouse ring and sends one message for each entry until
-// gStopMouseThread is set. Gives 1, at once if there is no ring or the screen has no size. The
-// parameter is not used.
+// A session's thread: polls the mouse ring and sends one message for each entry until gMouseThread
+// is asked to stop. Returns 1, at once if there is no ring or the screen has no size. The parameter
+// is not used.
 std::uint32_t ProcessMouseEvents(void* parameter);
 
 }  // namespace stewardry

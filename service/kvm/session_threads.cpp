@@ -1,54 +1,48 @@
-// The ends of a session's threads.
 #include "service/kvm/session_threads.h"
+
+#include <cassert>
 
 #include "platform/event.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/thread_end.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
 
-platform::ProcessLifetime<platform::Thread> gKvmAgentThread;
-platform::ProcessLifetime<platform::Thread> gKeyboardThread;
-platform::ProcessLifetime<platform::Thread> gMouseThread;
-std::atomic<bool> gStopKVMAgentThread{false};
-std::atomic<bool> gStopKeyboardThread{false};
-std::atomic<bool> gStopMouseThread{false};
-
 namespace {
 
-// Longer than any step between two looks at the mark, a hung agent's start apart.
+// Longer than any step between two checks of the request, except a hung agent's start.
 constexpr std::uint32_t kPatienceMilliseconds = 2000;
-
-void EndSessionThread(platform::Thread* thread, std::atomic<bool>* stop, const char* failureLine) {
-  if (!*thread) return;
-  stop->store(true, std::memory_order_relaxed);
-  (void)platform::WaitForSingleObject(*thread, kPatienceMilliseconds);  // the exit code tells
-  std::uint32_t exitCode = platform::kStillActive;
-  if (!platform::GetExitCodeThread(*thread, &exitCode)) LogInfo("GetExitCodeThread failed");
-  if (exitCode == platform::kStillActive && !EndThreadBetweenLines(*thread, exitCode)) {
-    LogInfo("%s", failureLine);
-    return;  // handle and mark stay with the thread
-  }
-  thread->Reset();
-  stop->store(false, std::memory_order_relaxed);
-}
 
 }  // namespace
 
-void StopKVMAgentWatch() {
-  if (*gKvmAgentThread) gStopKVMAgentThread.store(true, std::memory_order_relaxed);
+bool SessionThread::Start(platform::ThreadEntry entry) {
+  assert(!Exists() && !StopRequested());
+  thread_ = platform::CreateThread(entry, nullptr);
+  if (!Exists()) LogInfo("%s thread failed", name_);
+  return Exists();
 }
 
-void TerminateKVMAgentThread() {
-  EndSessionThread(&*gKvmAgentThread, &gStopKVMAgentThread, "TerminateThread for KVM Agent failed");
+void SessionThread::AskToStop() {
+  if (Exists()) stop_.store(true, std::memory_order_relaxed);
 }
 
-void TerminateKeyboardThread() {
-  EndSessionThread(&*gKeyboardThread, &gStopKeyboardThread, "TerminateThread for Keyboard failed");
+void SessionThread::EndOrTerminate() {
+  if (!Exists()) return;
+  AskToStop();
+  (void)platform::WaitForSingleObject(thread_, kPatienceMilliseconds);  // the exit code decides
+  std::uint32_t exitCode = platform::kStillActive;
+  if (!platform::GetExitCodeThread(thread_, &exitCode)) LogInfo("GetExitCodeThread failed");
+  if (exitCode == platform::kStillActive && !EndThreadBetweenLines(thread_, exitCode)) {
+    LogInfo("TerminateThread for %s failed", name_);
+    return;
+  }
+  thread_.Reset();
+  stop_.store(false, std::memory_order_relaxed);
 }
 
-void TerminateMouseThread() {
-  EndSessionThread(&*gMouseThread, &gStopMouseThread, "TerminateThread for Mouse failed");
-}
+void TerminateKVMAgentThread() { gKvm->gKvmAgentThread.EndOrTerminate(); }
+void TerminateKeyboardThread() { gKvm->gKeyboardThread.EndOrTerminate(); }
+void TerminateMouseThread() { gKvm->gMouseThread.EndOrTerminate(); }
 
 }  // namespace stewardry

@@ -1,7 +1,6 @@
-// The three threads of a KVM session and how they are ended. None has a stop condition of its own
-// in its work, so each looks at a stop mark between two steps; only one that doesn't leave by that
-// is ended by force, because a thread that is ended wherever it stands may take the heap's or the
-// loader's lock with it.
+// The three threads of a KVM session. None has a stop condition in its work, so each checks a stop
+// request between two steps. A thread is terminated only if it does not exit on request: a thread
+// that is ended at any instruction may hold the lock of the heap or of the loader.
 #pragma once
 
 #include <atomic>
@@ -10,25 +9,37 @@
 
 namespace stewardry {
 
-// Null when there is none. Written by the thread that builds or ends the session, one at a time.
-extern platform::ProcessLifetime<platform::Thread> gKvmAgentThread;
-extern platform::ProcessLifetime<platform::Thread> gKeyboardThread;
-extern platform::ProcessLifetime<platform::Thread> gMouseThread;
+// One thread of the session. The thread that sets up or tears down the session makes all calls but
+// StopRequested and StopFlag, which are the session thread's own.
+class SessionThread {
+ public:
+  // `name` is the thread's in the log lines.
+  explicit SessionThread(const char* name) : name_(name) {}
+  SessionThread(const SessionThread&) = delete;
+  SessionThread& operator=(const SessionThread&) = delete;
 
-// True while the thread of that name shall leave. Set and cleared by the functions below, read by
-// the thread; relaxed, nothing else is published with it.
-extern std::atomic<bool> gStopKVMAgentThread;
-extern std::atomic<bool> gStopKeyboardThread;
-extern std::atomic<bool> gStopMouseThread;
+  // Starts the thread. Requires that none exists. Returns false, and logs it, on failure.
+  bool Start(platform::ThreadEntry entry);
+  // True from Start until the thread has ended.
+  bool Exists() const { return static_cast<bool>(thread_); }
+  // Asks the thread, if it exists, to exit. EndOrTerminate must follow.
+  void AskToStop();
+  // Ends the thread, if it exists, and closes its handle. A thread that cannot be ended, which is
+  // logged, keeps handle and stop request: a pump that went on would read a region that was given
+  // back. May be repeated. Not on the thread itself.
+  void EndOrTerminate();
 
-// Marks the agent's watch to leave, if it runs, before the agent is told to go: the watch would
-// take that for a crash and start another one. TerminateKVMAgentThread follows.
-void StopKVMAgentWatch();
+  // Relaxed: the request publishes nothing else.
+  bool StopRequested() const { return stop_.load(std::memory_order_relaxed); }
+  const std::atomic<bool>& StopFlag() const { return stop_; }
 
-// Each ends its thread and forgets the handle; nothing if there is none. A thread that is still
-// there after all of it, which is logged, keeps its handle, and its mark stays set: a pump that
-// went on would read a region that was given back. The call may be repeated. Not on the thread
-// itself.
+ private:
+  const char* const name_;
+  platform::Thread thread_;
+  std::atomic<bool> stop_{false};
+};
+
+// EndOrTerminate of each thread.
 void TerminateKVMAgentThread();
 void TerminateKeyboardThread();
 void TerminateMouseThread();

@@ -1,17 +1,12 @@
-// The region of a session: asked for and forgotten.
 #include "service/kvm/shared_region.h"
 
 #include "platform/process.h"
 #include "platform/thread.h"
 #include "service/diagnostics/side_log.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/request.h"
 
 namespace stewardry {
-
-std::atomic<std::uint64_t> KeyBoardBufferVirtualAddress{0};
-std::atomic<std::uint64_t> MouseBufferVirtualAddress{0};
-std::atomic<std::uint8_t> gKeyboardMouseReady{0};
-std::atomic<std::uint8_t> gKeyboardTailReset{0};
 
 namespace {
 
@@ -22,16 +17,16 @@ struct KeyboardMouseBuffer {
 };
 static_assert(sizeof(KeyboardMouseBuffer) == 16);
 
-void KeepRegion(std::uint64_t address) {
-  KeyBoardBufferVirtualAddress.store(address, std::memory_order_relaxed);
-  if (gKeyboardTailReset.exchange(1, std::memory_order_relaxed) == 0) {
+void StoreRegion(std::uint64_t address) {
+  gKvm->KeyBoardBufferVirtualAddress.store(address, std::memory_order_relaxed);
+  if (gKvm->gKeyboardTailReset.exchange(1, std::memory_order_relaxed) == 0) {
     auto* region = reinterpret_cast<SharedRegion*>(address);
     std::atomic_ref(region->keyboard.readIndex).store(0, std::memory_order_release);
   }
   SideLog(kSideLogKeyboardMouse, "KeyBoardBufferVirtualAddress High 0x%x low 0x%x \n",
           static_cast<std::uint32_t>(address >> 32), static_cast<std::uint32_t>(address));
-  MouseBufferVirtualAddress.store(address + offsetof(SharedRegion, mouse),
-                                  std::memory_order_relaxed);
+  gKvm->MouseBufferVirtualAddress.store(address + offsetof(SharedRegion, mouse),
+                                        std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -40,7 +35,8 @@ bool IsSharedRegion(std::uint64_t address) {
   if (address == 0 || address % alignof(SharedRegion) != 0) return false;
   platform::MemoryInformation memory;
   if (!platform::VirtualQuery(address, &memory)) return false;
-  const std::uint32_t access = memory.protect & 0xFF;  // above it stand caching, and the guard page
+  const std::uint32_t access =
+      memory.protect & 0xFF;  // the higher bits are caching and the guard page
   constexpr std::uint32_t kPageGuard = 0x100;
   return memory.state == platform::kMemCommit && memory.type != platform::kMemImage &&
          (access == platform::kPageReadWrite || access == platform::kPageExecuteReadWrite) &&
@@ -51,8 +47,8 @@ bool IsSharedRegion(std::uint64_t address) {
 bool InitializeKeyboardMousePointers() {
   KeyboardMouseBuffer buffer{};
   RequestOutcome outcome;
-  KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
-  MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  gKvm->KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  gKvm->MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
   if (AskForRecord(Operation::kInitializeKeyboardMousePointers, &buffer, &outcome) != 0)
     return false;
   if (outcome.completed &&
@@ -60,15 +56,15 @@ bool InitializeKeyboardMousePointers() {
     SideLog(kSideLogKeyboardMouse, "Invalid keyboard and mouse buffer address\n");
     return false;
   }
-  if (outcome.completed) KeepRegion(buffer.address);
-  gKeyboardMouseReady.store(1, std::memory_order_relaxed);
+  if (outcome.completed) StoreRegion(buffer.address);
+  gKvm->gKeyboardMouseReady.store(1, std::memory_order_relaxed);
   return true;
 }
 
 void UninitializeKeyboardMousePointers() {
-  KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
-  MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
-  gKeyboardMouseReady.store(0, std::memory_order_relaxed);
+  gKvm->KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  gKvm->MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
+  gKvm->gKeyboardMouseReady.store(0, std::memory_order_relaxed);
   SideLog(kSideLogKeyboardMouse, "Exit UninitializeKeyboardMousePointers\n");
 }
 

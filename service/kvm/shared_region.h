@@ -1,16 +1,17 @@
-// The memory that the firmware and the service share in a KVM session: two rings, of key events and
-// of pointer events. A memory format: all integers little-endian, all offsets fixed.
+// The memory that the firmware and the service share in a KVM session: a ring of key events and a
+// ring of pointer events. A memory format: all integers little-endian, all offsets fixed.
 //
-// 1. The firmware writes entries and `writeIndex`, the service `readIndex`. Equal indexes mean
-//    empty, so a writer leaves one entry free; the index behind the last is 0.
-// 2. No lock stands between them. An entry is written before the index that covers it, so the index
-//    is read with acquire; readIndex is stored with release, once its entry is done with.
-// 3. Nothing in the region is trusted: an index never leads outside it (DrainRing).
+// 1. The firmware writes entries and `writeIndex`, the service `readIndex`. Equal indexes mean an
+//    empty ring, so a writer leaves one entry free; the index behind the last is 0.
+// 2. There is no lock. An entry is written before the index that covers it, so the index is loaded
+//    with acquire. readIndex is stored with release, after its entry has been handled.
+// 3. Nothing in the region is trusted: no index leads to an access outside it (DrainRing).
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
@@ -20,7 +21,7 @@ struct KeyboardRing {
   static constexpr std::uint32_t kEntries = 8190;
   std::uint32_t writeIndex;
   std::uint32_t readIndex;
-  // Bit 31: pressed, else released. Bits 15 to 0: the X keysym. The others aren't read.
+  // Bit 31: pressed, else released. Bits 15 to 0: the X keysym. The others are not read.
   std::uint32_t entries[kEntries];
 };
 static_assert(sizeof(KeyboardRing) == 32768 && offsetof(KeyboardRing, readIndex) == 4 &&
@@ -49,28 +50,18 @@ struct SharedRegion {
 };
 static_assert(sizeof(SharedRegion) == 65536 && offsetof(SharedRegion, mouse) == 32768);
 
-// Where each ring lies in this process; 0 while the region isn't there. Written by the thread that
-// builds or ends a session, while no pump runs; the pumps read them once, at their start. Relaxed:
-// the start of a thread orders them.
-extern std::atomic<std::uint64_t> KeyBoardBufferVirtualAddress;
-extern std::atomic<std::uint64_t> MouseBufferVirtualAddress;
-// 1 once the region has been asked for. Relaxed: only compared.
-extern std::atomic<std::uint8_t> gKeyboardMouseReady;
-// 1 once the keyboard's readIndex was zeroed, at the first session of the process. Relaxed.
-extern std::atomic<std::uint8_t> gKeyboardTailReset;
-
-// True if a region may lie there: 65536 bytes of this process's memory that can be written, and
-// aren't a program's own. The driver is asked for its address; this is what a wrong one meets.
+// Returns true if the address may be a region's: 65536 bytes of writable memory of this process
+// that belong to no image. Guards against a wrong address from the driver.
 bool IsSharedRegion(std::uint64_t address);
 
-// Asks the driver for the region and keeps its address. False after a logged failure to ask, or
-// when the firmware gives none that may be one. A request that was started and then fails gives
-// true without an address: the session then runs without input, since the pumps end at once. Waits
-// for the firmware without a time-out. The thread that builds a session.
+// Requests the region from the driver and stores its address. Returns false after a logged failure
+// to send the request, or if the address cannot be a region's. Returns true without an address if a
+// request that was sent fails: the session then runs without input, since the pumps end at once.
+// Waits for the firmware without a time-out. The session's set-up.
 bool InitializeKeyboardMousePointers();
 
-// Forgets the region. FinishKVMSession calls it when the pumps have gone: the next session must not
-// run on an address that was given back, even if its own request ends without one.
+// Clears the addresses. Requires that no pump runs. The next session must not use an address that
+// was given back, even if its own request returns none.
 void UninitializeKeyboardMousePointers();
 
 // Copies an entry word by word, each atomic: the firmware may write it at the same time.
@@ -85,13 +76,14 @@ Entry LoadEntry(Entry* entry) {
   return std::bit_cast<Entry>(words);
 }
 
-// Hands the entries from readIndex up to the writeIndex found at the call to handle(entry), and
-// moves readIndex behind each once it has been handled. True if there was any. It stands still
-// while writeIndex is the last legal index or beyond: no entry is lost, the run that follows the
-// wrap takes them all. A readIndex outside the ring, which only a broken peer can leave there,
-// is set to 0. `stop` ends the run between two entries. One consumer thread.
+// Calls handle(entry) for the entries from readIndex up to the writeIndex loaded at the call, and
+// moves readIndex behind each after it was handled. Returns true if there was any. Handles none
+// while writeIndex is the last legal index or beyond: no entry is lost, the run after the wrap
+// handles them all. Sets a readIndex outside the ring, which only a broken peer can store, to 0.
+// `stop` ends the run between two entries. One consumer thread.
 template <class Ring, class Handle>
 bool DrainRing(Ring* ring, const std::atomic<bool>& stop, Handle handle) {
+  assert(ring != nullptr && reinterpret_cast<std::uintptr_t>(ring) % alignof(Ring) == 0);
   const std::uint32_t writeIndex =
       std::atomic_ref(ring->writeIndex).load(std::memory_order_acquire);
   if (writeIndex >= Ring::kEntries - 1) return false;
@@ -110,8 +102,8 @@ bool DrainRing(Ring* ring, const std::atomic<bool>& stop, Handle handle) {
   return true;
 }
 
-// The empty turn of a pump, which polls without a pause: a hint to the processor, and now and then
-// the rest of the time slice to whoever is ready, so that two pumps don't starve two processors.
+// The wait of a pump that found no entry. The pumps poll without a pause: this yields the rest of
+// the time slice to any ready thread, so that two pumps do not occupy two processors.
 void SpinOnce();
 
 }  // namespace stewardry

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "service/kvm/key_translation.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
 #include "service/kvm/shared_region.h"
 
@@ -51,14 +52,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::memcpy(&gAnswers, data + kIndexes, sizeof gAnswers);
 
   static const std::atomic<bool> stop{false};
-  gLastMouseRingData = {};
+  gKvm->gLastMouseRingData = {};
   DrainRing(&region->keyboard, stop, [](std::uint32_t entry) {
     ResetDeadKeys(kHost);
     KeyboardActionEvent(kHost, entry & 0xFFFF, (entry & 0x80000000) != 0);
   });
   DrainRing(&region->mouse, stop, [](const mouseBufferRingData& entry) {
     (void)TranslateMouseEntry(entry, 1024, 768, [] { return (Answer() >> 31) != 0; });
-    gLastMouseRingData = entry;
+    gKvm->gLastMouseRingData = entry;
   });
   if (region->keyboard.readIndex >= KeyboardRing::kEntries &&
       region->keyboard.writeIndex < KeyboardRing::kEntries - 1)

@@ -1,4 +1,3 @@
-// The DASH relay between consoles and a firmware, on port 664 of a network of the test's own.
 #include "service/gateway/dash_relay.h"
 
 #include <gtest/gtest.h>
@@ -9,9 +8,12 @@
 #include <tuple>
 
 #include "service/actions/actions_state.h"
+#include "service/actions/power_actions.h"
+#include "service/gateway/gateway_state.h"
 #include "service/gateway/listeners.h"
 #include "service/mailbox/control_codes.h"
-#include "service/mailbox/slot_mark.h"
+#include "sock/unique_sock.h"
+#include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -25,12 +27,12 @@ constexpr std::uint32_t kGone = ControlCodeFor(Operation::kSendCloseSocketcmd).c
 constexpr std::uint32_t kStatus = ControlCodeFor(Operation::kGetOrrinStatus).code;
 
 constexpr PortCallback kCallbacks[] = {{664, ListenHTTPSCallback}};
-constexpr std::uint16_t kOpen = 1, kClosed = 2;  // of gHttpsSocketState
 
 class DashRelay : public MailboxTest {
  protected:
   void SetUp() override {
     if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+    Renew(&gGateway);
     MailboxTest::SetUp();
     OpenMailbox();
     SetPortCallbacks(kCallbacks);
@@ -64,12 +66,13 @@ class DashRelay : public MailboxTest {
   }
 
   platform::Thread server_;
+  DashSlot& slot_ = gGateway->dash;
 };
 
 TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) {
   StartServer();
   const std::string sent(400'000, 's');  // several reads, with the peer's close behind the last
-  gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the first has gone again
+  gate::FailNext("accept", platform::kWsaEConnReset);  // an earlier peer has gone
   {
     TcpClient first(664);
     ASSERT_TRUE(firmware_->Await(kAnnounce));
@@ -93,21 +96,21 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
   EXPECT_EQ(std::regex_replace(Sequence(), std::regex("D+"), "D"), "SICSIDC");
   EXPECT_TRUE(firmware_->Inputs(kData) == sent);
   ASSERT_TRUE(Eventually([] { return Logged("Selector remove called for HTTPS callback"); }));
-  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-  EXPECT_EQ(gHttpsSocket.load(), 0U);
+  EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(slot_.gHttpsSocket.load(), 0U);
 }
 
-// A selector that is destroyed under a connection must leave nothing that a later accept acts on. A
-// server that is asked to stop writes no line about it.
-TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedToStop) {
+// A selector that is destroyed under a connection leaves nothing that a later accept uses. A server
+// that stops on request logs nothing.
+TEST_F(DashRelay, EndedServerLeavesAClearSlotAndTheNextOneServesUntilItsStop) {
   StartServer();
   TcpClient first(664);
   first.Send("x");
   ASSERT_TRUE(firmware_->Await(kData));
   EndThread(&server_);
   EXPECT_TRUE(first.SeesEnd());
-  EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-  EXPECT_EQ(gHttpsHandler, nullptr);
+  EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+  EXPECT_EQ(slot_.gHttpsHandler, nullptr);
   StartServer();
   TcpClient second(664);
   second.Send("x");
@@ -120,7 +123,7 @@ TEST_F(DashRelay, EndedServerLeavesAnEmptySlotAndTheNextOneServesUntilItIsAskedT
   EXPECT_TRUE(second.SeesEnd());
 }
 
-// As a thread leaves it that is ended within a use.
+// The mark of a thread that was ended within a use.
 TEST(SlotMark, UseThatNeverEndsIsGivenUp) {
   static SlotMark mark;
   static const auto* use = new SlotMark::Use(&mark);
@@ -129,9 +132,9 @@ TEST(SlotMark, UseThatNeverEndsIsGivenUp) {
   EXPECT_FALSE(mark.InUse());
 }
 
-// The reader writes while the server thread replaces and closes; without log and trace, which would
-// keep the two threads apart.
-TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
+// The reader writes while the server thread replaces and closes. Log and trace are off: they would
+// order the two threads.
+TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsKeepToTheirSockets) {
   StartServer();
   ServiceLog_Close();
   gate::Disarm();
@@ -152,17 +155,16 @@ TEST_F(DashRelay, RepliesAndClosesOnTwoThreadsMeetOnNoForeignSocket) {
 class DashCallbacks : public DashRelay {
  protected:
   void SetUp() override {
-    listener_.sock = kInvalidSock;
     DashRelay::SetUp();
     if (IsSkipped()) return;
     Addr any;
     Addr_InitAny(&any, 664);
     ASSERT_EQ(Sock_CreateListener(&listener_.sock, any), RESULT_OK);
+    owned_.Reset(listener_.sock);
     ASSERT_EQ(Selector_Init(&selector_), RESULT_OK);
   }
   void TearDown() override {
     Selector_Destroy(&selector_);
-    (void)Sock_Close(listener_.sock);
     DashRelay::TearDown();
   }
   bool Accept(Selector* selector) {
@@ -170,6 +172,7 @@ class DashCallbacks : public DashRelay {
   }
 
   Handler listener_{};
+  UniqueSock owned_;
   Selector selector_;
 };
 
@@ -186,22 +189,22 @@ TEST_F(DashCallbacks, FailedSetUpClosesTheAcceptedSocketAndReportsTheEndOfTheCon
     EXPECT_TRUE(client.SeesEnd()) << line;
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Sequence(), before + "SIC") << line;
-    EXPECT_EQ(gHttpsSocketState.load(), kClosed) << line;
-    EXPECT_EQ(gHttpsHandler, nullptr) << line;
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed) << line;
+    EXPECT_EQ(slot_.gHttpsHandler, nullptr) << line;
   }
 }
 
-// As many of these as there are rebinds would otherwise end the process.
-TEST_F(DashCallbacks, KnockOfAPeerThatHasGoneCostsNoListenerAndALivePeerIsLookedAfter) {
+// One rebind for each such peer would end the process.
+TEST_F(DashCallbacks, PeerThatHasGoneLeavesTheListenerAndALivePeerHasKeepAlive) {
   gate::FailNext("accept", platform::kWsaEConnReset);
   gate::FailNext("accept", platform::kWsaEWouldBlock);
-  EXPECT_TRUE(Accept(&selector_)) << "nobody is left";
+  EXPECT_TRUE(Accept(&selector_)) << "no connection is pending";
   EXPECT_FALSE(Logged("Sock_Accept failed"));
   TcpClient client(664);
   ASSERT_TRUE(Accept(&selector_));
   int on = 0;
   socklen_t size = sizeof on;
-  ::getsockopt(static_cast<int>(gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
+  ::getsockopt(static_cast<int>(slot_.gHttpsHandler->sock), SOL_SOCKET, SO_KEEPALIVE, &on, &size);
   EXPECT_EQ(on, 1);
 }
 
@@ -215,20 +218,20 @@ TEST_F(DashCallbacks, EventThatEndsTheConnectionClearsTheSlotWithItsLineAndMessa
     const std::string before = Sequence();
     TcpClient client(664);
     ASSERT_TRUE(Accept(&selector_));
-    Handler* handler = gHttpsHandler;
+    Handler* handler = slot_.gHttpsHandler;
     EXPECT_EQ(HTTPSCallback(&selector_, handler, SELECTOR_READ, 0), 1) << "nothing to read";
     auto* foreign = new Handler{};
     foreign->sock = kInvalidSock;
     EXPECT_EQ(ListenHTTPSCallback(&selector_, foreign, SELECTOR_REMOVE, 0), 1);
-    EXPECT_EQ(gHttpsSocketState.load(), kOpen) << "another handler was released";
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsOpen) << "another handler was released";
     client.Send("last words");
     gate::FailNext(failing, 10054);
     const auto call = [&, events = mask] { return HTTPSCallback(&selector_, handler, events, 0); };
     ASSERT_TRUE(Eventually([&] { return call() == 0; })) << "once the bytes have arrived";
     EXPECT_TRUE(Logged(line)) << line;
     EXPECT_EQ(Selector_RemoveHandler(&selector_, handler), RESULT_OK);
-    EXPECT_EQ(gHttpsSocketState.load(), kClosed);
-    EXPECT_EQ(gHttpsHandler, nullptr);
+    EXPECT_EQ(slot_.gHttpsSocketState.load(), kHttpsClosed);
+    EXPECT_EQ(slot_.gHttpsHandler, nullptr);
     EXPECT_EQ(Sequence(), before + sequence) << line;
   }
 }

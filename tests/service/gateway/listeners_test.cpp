@@ -1,10 +1,12 @@
-// Binding, the server loop and its budget, on the real ports of a network of the test's own.
 #include "service/gateway/listeners.h"
 
 #include <gtest/gtest.h>
 
 #include <tuple>
 
+#include "service/gateway/connection.h"
+#include "service/gateway/gateway_state.h"
+#include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -18,16 +20,13 @@ std::uint8_t RefuseEverySecond(Selector* selector, Handler* handler, std::uint32
                                std::uint64_t) {
   static int accepted = 0;
   if ((mask & (SELECTOR_REMOVE | SELECTOR_DESTROY)) != 0) {
-    (void)Sock_Close(handler->sock);
+    { const ClosingHandler closing(handler); }
     LeaveKVMPort();
-    delete handler;
     return 1;
   }
-  Sock sock;
+  ConnectionSock sock(nullptr);
   RemoteAddress peer;
-  if ((mask & SELECTOR_READ) == 0 || Sock_Accept(handler->sock, &sock, &peer) != RESULT_OK)
-    return 1;
-  (void)Sock_Close(sock);
+  if ((mask & SELECTOR_READ) == 0 || sock.Accept(handler->sock, &peer) != RESULT_OK) return 1;
   Selector_StopRunning(selector);
   return ++accepted % 2 != 0 ? 1 : 0;
 }
@@ -37,6 +36,7 @@ class Listeners : public MailboxTest {
  protected:
   void SetUp() override {
     if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+    Renew(&gGateway);
     MailboxTest::SetUp();
     SetPortCallbacks(kCallbacks);
   }
@@ -63,7 +63,7 @@ TEST_F(Listeners, FailedBindLogsItsLineAndLeavesNothingOpen) {
 }
 
 TEST_F(Listeners, ServerRunsOnAfterAGoodRunAndRebindsAfterAFailedOneWithinItsBudget) {
-  gKvmRebindCount = kRebindBudget - 1;
+  gGateway->gKvmRebindCount = kRebindBudget - 1;
   const platform::Thread server = platform::CreateThread(RunKVMServer, nullptr);
   for (std::size_t i = 0; i < 4; ++i) {
     ASSERT_TRUE(
@@ -74,7 +74,7 @@ TEST_F(Listeners, ServerRunsOnAfterAGoodRunAndRebindsAfterAFailedOneWithinItsBud
   EXPECT_EQ(platform::WaitForSingleObject(server, 60'000), 0U);
   EXPECT_EQ(CountOf(Messages(), "Selector run failed\n"), 2U);
   EXPECT_FALSE(TcpClient(22).Connected());
-  EXPECT_EQ(gHttpsRebindCount.load(), 1) << "the other server's budget";
+  EXPECT_EQ(gGateway->gHttpsRebindCount.load(), 1) << "the other server's budget";
 }
 
 }  // namespace

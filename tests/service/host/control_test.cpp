@@ -10,6 +10,8 @@
 #include "service/host/resume.h"
 #include "service/host/start_up.h"
 #include "service/inventory/reports.h"
+#include "service/inventory/status_report.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
@@ -132,16 +134,16 @@ TEST_F(Control, PowerEventKeepsItsValue) {
 // A logon must never stop half of the service.
 TEST_F(Control, LogonLeavesATraceAndTheSessionUp) {
   for (std::uint32_t event = 4; event <= 9; ++event) SvcCtrlHandler(14, event, nullptr, nullptr);
-  gKeyboardMouseReady = 1;
-  gKvmSocketState = kKvmSessionUp;
-  gKvmEnabled = 1;
+  gKvm->gKeyboardMouseReady = 1;
+  gKvm->gKvmSocketState = kKvmSessionUp;
+  gKvm->gKvmEnabled = 1;
   for (const std::uint64_t region : {0, 0x10000}) {
     gSessionLogonCount = 1;
-    KeyBoardBufferVirtualAddress = region;
+    gKvm->KeyBoardBufferVirtualAddress = region;
     SvcCtrlHandler(14, 5, nullptr, nullptr);
   }
   SvcCtrlHandler(14, 5, nullptr, nullptr);
-  EXPECT_TRUE(gKvmSocketState == kKvmSessionUp && gKvmEnabled == 1);
+  EXPECT_TRUE(gKvm->gKvmSocketState == kKvmSessionUp && gKvm->gKvmEnabled == 1);
   const std::string side = FileText(kSideLog);
   const std::pair<const char*, std::size_t> kLines[] = {{"WTS_SESSION_LOGOFF", 1},
                                                         {"WTS_SESSION_LOCK", 1},

@@ -11,7 +11,7 @@
 
 #include "service/diagnostics/side_log.h"
 #include "service/host/server_thread.h"
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -38,11 +38,11 @@ TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
 
 // The firmware's commands are served while the server thread makes its report.
 TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
-  gKvmEnabled = 1;
-  gKvmTrustedIP = 5;
+  gKvm->gKvmEnabled = 1;
+  gKvm->gKvmTrustedIP = 5;
   ServerStartup();
   EXPECT_TRUE(Logged("Initializing KVM IP and Port to 0"));
-  EXPECT_EQ(gKvmTrustedIP.load(), 5U);
+  EXPECT_EQ(gKvm->gKvmTrustedIP.load(), 5U);
 }
 
 // A pause may be much shorter or longer than it was asked for: here it takes no time.

@@ -1,4 +1,3 @@
-// The agent's launch, watch and messages, on the gate's trace and with real child processes.
 #include "service/kvm/agent.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +5,8 @@
 #include <csignal>
 #include <regex>
 
+#include "service/kvm/kvm_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -17,14 +18,15 @@ constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboard
 
 class AgentTest : public MailboxTest {
  protected:
+  AgentTest() { Renew(&gKvm); }
   void TearDown() override {
     TerminateKVMAgentThread();
     EndAgent();
     MailboxTest::TearDown();
   }
   static void EndAgent() {
-    if (*gKvmAgentProcess) (void)platform::TerminateProcess(*gKvmAgentProcess, 0);
-    gKvmAgentProcess->Reset();
+    if (gKvm->gKvmAgentProcess) (void)platform::TerminateProcess(gKvm->gKvmAgentProcess, 0);
+    gKvm->gKvmAgentProcess.Reset();
   }
   static void ExpectInSideLog(const std::string& pattern) {
     EXPECT_TRUE(std::regex_search(FileText(kSideLog), std::regex(pattern))) << FileText(kSideLog);
@@ -36,13 +38,13 @@ TEST_F(AgentTest, LaunchLogsItsStepsInOrder) {
   Put("processes.txt", "99999999 winlogon.exe\n" + std::to_string(::getpid()) +
                            " WINLOGON.EXE\n4 winlogon.exe.mui\n5 winlogon\n");
   ASSERT_TRUE(LaunchKVMAgent());
-  EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
+  EXPECT_TRUE(IsProcessRunning(gKvm->gKvmAgentPid.load()));
   ExpectInSideLog(
       "Application .*KVM_Agent\n.*Session Id 0x1\n.*WindowsLogonPID 0x[1-9a-f].*\n"
       ".*Process Handle retrieved successfully using Windows Logon PID: 0x.*\n"
       ".*CreateEnvironmentBlock success\n.*CreateProcessAsUser success\n"
       ".*Destroy Environment Block success\n");
-  EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvmAgentPid.load())));
+  EXPECT_TRUE(Logged("KVM_Agent PID: " + std::to_string(gKvm->gKvmAgentPid.load())));
   EXPECT_TRUE(std::regex_match(
       CallsOf({"CreateProcessAsUserA"}).back(),
       std::regex(R"(CreateProcessAsUserA\((/.*/KVM_Agent),\1,0x408,block,Winsta0\\Default,5\))")));
@@ -75,15 +77,15 @@ TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.sideLine);
     EndAgent();
-    gKvmAgentPid.store(77);
+    gKvm->gKvmAgentPid.store(77);
     std::filesystem::remove(platform::NativePath(kSideLog));
     gate::Arm();
     row.every ? gate::FailEvery(row.call, row.error) : gate::FailNext(row.call, row.error);
     EXPECT_EQ(LaunchKVMAgent(), row.launched);
     ExpectInSideLog(row.sideLine);
     const bool runs = row.launched && row.error != 233;
-    EXPECT_EQ(static_cast<bool>(*gKvmAgentProcess), runs);
-    EXPECT_EQ(gKvmAgentPid.load() != 77, runs);
+    EXPECT_EQ(static_cast<bool>(gKvm->gKvmAgentProcess), runs);
+    EXPECT_EQ(gKvm->gKvmAgentPid.load() != 77, runs);
   }
   EXPECT_FALSE(Getsessionusertokenwin(nullptr, 1));
   ExpectInSideLog("User Token is NULL\n");
@@ -91,25 +93,25 @@ TEST_F(AgentTest, FailedStepIsLoggedAndDecidesTheLaunch) {
 
 TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   ASSERT_TRUE(LaunchKVMAgent());
-  const std::uint32_t first = gKvmAgentPid.load();
-  *gKvmAgentThread = platform::CreateThread(WatchKVMAgent, nullptr);
+  const std::uint32_t first = gKvm->gKvmAgentPid.load();
+  ASSERT_TRUE(gKvm->gKvmAgentThread.Start(WatchKVMAgent));
   EXPECT_TRUE(Eventually([&] { return Logged("KVM Agent PID: " + std::to_string(first)); }));
-  EXPECT_EQ(gKvmAgentPid.load(), first);
+  EXPECT_EQ(gKvm->gKvmAgentPid.load(), first);
   ASSERT_EQ(::kill(static_cast<pid_t>(first), SIGKILL), 0);  // the watch owns its handle now
   EXPECT_TRUE(Eventually([] { return Logged("KVM Agent Launched again"); }));
-  // Two seconds between its looks, however short a sleep is.
-  const auto looks = [&] { return CountOf(Messages(), "KVM Agent PID: "); };
+  // Two seconds between its checks, however short a sleep is.
+  const auto checks = [] { return CountOf(Messages(), "KVM Agent PID: "); };
   const auto start = std::chrono::steady_clock::now();
-  const std::size_t before = looks();
+  const std::size_t before = checks();
   gate::FailEvery("Sleep(50)", gate::kFinishAtOnce);
   EXPECT_TRUE(Eventually([] { return CountCalls("Sleep") >= 400; }));
   gate::Arm();
-  const std::size_t more = looks() - before;
+  const std::size_t more = checks() - before;
   EXPECT_LE(more, 1 + (std::chrono::steady_clock::now() - start) / 2s);
   TerminateKVMAgentThread();
-  EXPECT_FALSE(*gKvmAgentThread);
-  EXPECT_NE(gKvmAgentPid.load(), first);
-  EXPECT_TRUE(IsProcessRunning(gKvmAgentPid.load()));
+  EXPECT_FALSE(gKvm->gKvmAgentThread.Exists());
+  EXPECT_NE(gKvm->gKvmAgentPid.load(), first);
+  EXPECT_TRUE(IsProcessRunning(gKvm->gKvmAgentPid.load()));
   EXPECT_FALSE(IsProcessRunning(first));
   EXPECT_EQ(CountCalls("TerminateThread"), 0U);
 }
@@ -127,7 +129,7 @@ std::string TakeMessage(int listener) {
 pid_t ServeAsAnotherUser(int listener) {
   const pid_t child = ::fork();
   if (child == 0) {
-    // To listen again names the process that serves from now on.
+    // A second listen makes this process the server of the pipe.
     if (::setresuid(65534, 65534, 65534) == 0 && ::listen(listener, 8) == 0) ::raise(SIGSTOP);
     ::_exit(1);
   }
@@ -136,25 +138,25 @@ pid_t ServeAsAnotherUser(int listener) {
   return child;
 }
 
-TEST_F(AgentTest, StrangerIsNeitherSentAKeyNorTakenForWinlogon) {
+TEST_F(AgentTest, OnlyTheOwnUsersProcessesReceiveKeysAndCountAsWinlogon) {
   if (::geteuid() != 0) GTEST_SKIP() << "may not become another user";
   const int listener = ListenUnix(lab() + "/pipe/KVMAgentKeyboard");
-  const pid_t stranger = ServeAsAnotherUser(listener);
-  for (const pid_t id : {::getpid(), stranger})
+  const pid_t other = ServeAsAnotherUser(listener);
+  for (const pid_t id : {::getpid(), other})
     std::ofstream(lab() + "/processes.txt", std::ios::app) << id << " winlogon.exe\n";
   EXPECT_EQ(FindWinlogonPid(), platform::GetCurrentProcessId());
   WriteToAgentPipe(kAgentKeyboardPipe, "password", 8);
   EXPECT_EQ(TakeMessage(listener), "");
   EXPECT_EQ(CountCalls("WriteFile"), 0U);
-  gKvmAgentPid = static_cast<std::uint32_t>(stranger);  // as if it were the one that was started
+  gKvm->gKvmAgentPid = static_cast<std::uint32_t>(other);  // as if the launch had started it
   WriteToAgentPipe(kAgentKeyboardPipe, "key", 3);
   EXPECT_TRUE(Eventually([&] { return TakeMessage(listener) == "key"; }));
-  ::kill(stranger, SIGKILL);
-  ::waitpid(stranger, nullptr, 0);
+  ::kill(other, SIGKILL);
+  ::waitpid(other, nullptr, 0);
   ::close(listener);
 }
 
-TEST_F(AgentTest, MessageIsSentWholeOrLostAtOnce) {
+TEST_F(AgentTest, MessageIsSentWholeOrDroppedAtOnce) {
   WriteToAgentPipe(kAgentMousePipe, "no listener", 11);
   const int agent = ListenUnix(lab() + "/pipe/KVMAgentPipe");
   TerminateAgentOverPipe();

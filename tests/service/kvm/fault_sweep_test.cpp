@@ -1,9 +1,8 @@
 // The fault sweep of KVM: an enable, a session with bytes both ways and its end, once for each
-// platform call that is chosen of them, with that call failing. The service runs whole and has
-// started before; its start is swept with DASH.
+// chosen platform call, with that call failing. The service's start is swept with DASH.
 #include <gtest/gtest.h>
 
-#include "service/kvm/session.h"
+#include "service/kvm/kvm_state.h"
 #include "service/mailbox/control_codes.h"
 #include "tests/service/host/fault_sweep.h"
 #include "tests/tcp_client.h"
@@ -16,12 +15,12 @@ using sweep::Outcome;
 constexpr std::uint32_t kBytes = ControlCodeFor(Operation::kWriteKVMPacket).code;
 constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardMousePointers).code;
 
-// One viewer that says a word until it is answered with it. Both ends repeat theirs, since a failed
-// call may lose one. Returns false if the connection isn't made or ends, or with the reader.
+// Connects one viewer that sends a word until it receives it. Both ends repeat theirs, since a
+// failed call may lose one. Returns false if the connection fails or ends, or at the reader's end.
 bool Exchange(FirmwarePeer* firmware, const std::string& word) {
   firmware->SendFrame("", 0x26);
   firmware->SendFrame(std::string(8, '\0'), 0x27);
-  if (gKvmEnabled.load() == 0) return false;
+  if (gKvm->gKvmEnabled.load() == 0) return false;
   TcpClient viewer(22);
   if (!viewer.Connected()) return false;
   constexpr int kRepeat = 64;  // polls between two repetitions, so that a good run has none
@@ -35,7 +34,7 @@ bool Exchange(FirmwarePeer* firmware, const std::string& word) {
   return viewer.HasInput() && viewer.Receive(word.size()) == word;
 }
 
-// A session that works and ends with its viewer; the reader's end takes the reason to expect one.
+// Repeats Exchange until it succeeds or the reader ends.
 bool Session(FirmwarePeer* firmware, const std::string& name) {
   int attempt = 0;
   return Eventually([&] {
@@ -45,7 +44,7 @@ bool Session(FirmwarePeer* firmware, const std::string& name) {
 
 bool SessionIsGone() {
   return Eventually(
-      [] { return gKvmSocketState.load() != kKvmSessionUp && gKvmSocket.load() == 0; });
+      [] { return gKvm->gKvmSocketState.load() != kKvmSessionUp && gKvm->gKvmSocket.load() == 0; });
 }
 
 Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {

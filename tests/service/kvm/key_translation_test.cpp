@@ -1,10 +1,9 @@
-// Key translation on three layouts. What comes out stands as text, see TestKeyboard::Type.
+// Key translation on three layouts. Expected events are texts, see TestKeyboard::Type.
 #include "service/kvm/key_translation.h"
 
 #include <gtest/gtest.h>
 
 #include "service/kvm/key_table.h"
-#include "service/kvm/special_key.h"
 #include "tests/service/kvm/test_keyboard.h"
 
 namespace stewardry {
@@ -36,7 +35,7 @@ TEST(KeyTranslation, TableKeyHasItsVirtualKeyAndFlag) {
              {"first and last of the runs",
               {0xFFBE, 0xFFD5, 0xFFB0, 0xFFB9, 0xFF51, 0xFF54, 0xFF96},
               "70+ 87+ 60+ 69+ 25x+ 28x+ 25+"},
-             {"lock keys, holes and strangers",
+             {"lock keys and unknown keysyms",
               {0xFFE5, 0xFF7F, 0xFF14, 0x7F, 0x80, 0x9F, 0x1F, 0x100, 0xFE61, 0xFE4F, 0xFF0A,
                0xFFD6, 0xFFFE},
               ""}});
@@ -59,7 +58,7 @@ TEST(KeyTranslation, CharacterComesWithTheModifiersOfItsLayout) {
   ExpectAll({{"digit with Shift", {'1', '&'}, "10+ 31+ 10- 31+"}});
 }
 
-TEST(KeyTranslation, ModifiersThatTheHostHoldsArePutBack) {
+TEST(KeyTranslation, ModifiersThatTheHostHoldsAreRestored) {
   const TestKeyboard keyboard(kUsLayout);
   TestKeyboard::down = {0x10, 0xA0};  // a left Shift
   ExpectAll({{"capital", {'A'}, "41+"},
@@ -103,7 +102,7 @@ TEST(KeyTranslation, DeadKeyIsTakenOutOfTheLayout) {
   }
 }
 
-TEST(SpecialKeys, NumberThatIsNoVirtualKeyIsNotSent) {
+TEST(SpecialKeys, NumberBeyondTheVirtualKeysIsOnlyLogged) {
   const TestKeyboard keyboard(kUsLayout);
   for (const std::int32_t virtualKey : {-1, 256, 0x7FFFFFFF}) {
     TestKeyboard::notes.clear();

@@ -1,4 +1,3 @@
-// The KVM relay: bytes both ways, viewers that are slow or gone, and two threads on one socket.
 #include "service/kvm/relay.h"
 
 #include <gtest/gtest.h>
@@ -48,17 +47,17 @@ TEST_F(KvmRelay, FiftiethAttemptKeepsTheSession) {
       {"Send index:0 Send buffer size: 8; Socket data size: 8; Match:Pass ; Overall size: 8",
        "Send index:1 Send buffer size: 3; Socket data size: 3; Match:Pass ; Overall size: b"}));
   CloseByFirmware();
-  Data("nobody");
+  Data("late");
   EXPECT_EQ(CountOf(Messages(), "Socket is closed. GetLastError: "), 1U);
 }
 
 TEST_F(KvmRelay, SessionEndsAfterTheLastAttempt) {
   WithoutPauses();
   std::size_t frames = 0;
-  for (; gKvmSocketState.load() == kKvmSessionUp; ++frames) {
+  for (; gKvm->gKvmSocketState.load() == kKvmSessionUp; ++frames) {
     gate::Arm();
     WithoutPauses();
-    Data(std::string(131070, 'u'));  // until the viewer, who reads nothing, has no room left
+    Data(std::string(131070, 'u'));  // until the viewer, which reads nothing, has no room
   }
   EXPECT_EQ(CountCalls("send"), 101U);
   const auto pauses = CallsOf({"Sleep"});  // the agent's watch has its own
@@ -70,11 +69,11 @@ TEST_F(KvmRelay, SessionEndsAfterTheLastAttempt) {
        "Send index:" + std::to_string(frames - 1) +
            " Send buffer size: 1fffe; Socket data size: 0; Match:Fail"}));
   EXPECT_EQ(Sequence(), "ASIRC");
-  EXPECT_EQ(gKvmEnabled.load(), 0);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
 }
 
-// The session ends under the retries: the rest of them must end too, on no socket.
-TEST_F(KvmRelay, EndUnderTheRetriesIsOneEnd) {
+// The session ends during the retries; the remaining ones fail without a socket.
+TEST_F(KvmRelay, EndDuringTheRetriesIsOneEnd) {
   gate::FailEvery("send", 10054);
   std::thread reader([] { Data("unheard"); });
   ASSERT_TRUE(Eventually([&] { return CountOf(Messages(), "Retry Count value: ") >= 2; }));
@@ -105,7 +104,7 @@ TEST_F(KvmRelay, LastBytesOfAViewerReachTheFirmwareBeforeTheEnd) {
                        "Closing handler Socket", "Freeing handler", "Free successful"}));
 }
 
-TEST_F(KvmRelay, FailedReadEndsTheSessionAndAnEmptyOneDoesNot) {
+TEST_F(KvmRelay, FailedReadEndsTheSessionAndAnEmptyOneKeepsIt) {
   gate::FailNext("recv", platform::kWsaEWouldBlock);
   viewer_->Send("kept");
   ASSERT_TRUE(Eventually([&] { return firmware_->Inputs(kKvmBytes) == "kept"; }));
@@ -114,15 +113,15 @@ TEST_F(KvmRelay, FailedReadEndsTheSessionAndAnEmptyOneDoesNot) {
   ASSERT_TRUE(firmware_->Await(kClosed));
   EXPECT_TRUE(Logged("Sockread failed or client closed the connection for KVM callback"));
   EXPECT_TRUE(Logged("KVM Client closed the connection so returned false"));
-  Handler handler{};  // an event that it has not asked for removes a handler too
+  Handler handler{};  // an event outside the mask removes a handler too
   EXPECT_EQ(KVMCallback(nullptr, &handler, SELECTOR_WRITE, 0), 0);
   EXPECT_TRUE(Logged("Unexpected write event in KVM callback"));
   EXPECT_EQ(KVMCallback(nullptr, &handler, SELECTOR_READ_CLOSE, 0), 0);
   EXPECT_TRUE(Logged("SELECTOR_READ_CLOSE called. Client closed the connection so returned false"));
 }
 
-// The reader writes while sessions end and begin on the other thread: no frame may reach a socket
-// number that has been given to somebody else.
+// The reader writes while sessions end and begin on the other thread: no frame may reach a reused
+// socket number.
 TEST_F(KvmRelay, FramesAndClosesOnTwoThreadsKeepToTheirSockets) {
   viewer_.reset();
   ASSERT_TRUE(firmware_->Await(kClosed));
@@ -130,18 +129,18 @@ TEST_F(KvmRelay, FramesAndClosesOnTwoThreadsKeepToTheirSockets) {
   WithoutPauses();
   std::thread reader([&] {
     while (!stop) {
-      if (gKvmEnabled.load() == 0) Enable(), Trust(0);
-      if (gKvmSocketState.load() == kKvmSessionUp) Data("r");
+      if (gKvm->gKvmEnabled == 0) EnableForAnyPeer();
+      if (gKvm->gKvmSocketState.load() == kKvmSessionUp) Data("r");
     }
   });
   int served = 0;
   EXPECT_TRUE(Eventually([&] {
-    gKvmRebindCount = 1;
-    if (gKvmEnabled.load() == 0 || !PortIs("0A")) return false;
+    gGateway->gKvmRebindCount = 1;
+    if (gKvm->gKvmEnabled.load() == 0 || !PortIs("0A")) return false;
     TcpClient client(22);
     client.Send("x");
     if (client.Receive(1) == "r") ++served;
-    TcpClient bystander(22);  // takes the number that was just closed, or is dropped
+    TcpClient bystander(22);  // gets the number that was just closed, or is dropped
     return served == 30;
   }));
   stop = true;

@@ -1,4 +1,3 @@
-// The shared rings, what the mouse pump makes of an entry, and an agent that takes nothing.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,8 +8,8 @@
 
 #include "lab/local/served_pipe.h"
 #include "service/kvm/agent.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
-#include "service/kvm/shared_region.h"
 
 namespace stewardry {
 namespace {
@@ -22,7 +21,7 @@ class Rings : public testing::Test {
   Rings() {
     for (std::uint32_t i = 0; i < KeyboardRing::kEntries; ++i) keyboard_.entries[i] = i;
   }
-  // The entries that one run takes from these indexes.
+  // Returns the entries that one run handles between these indexes.
   Entries Drain(std::uint32_t readIndex, std::uint32_t writeIndex) {
     keyboard_.readIndex = readIndex;
     keyboard_.writeIndex = writeIndex;
@@ -75,17 +74,18 @@ TEST_F(Rings, RegionLiesInMemoryOfItsSizeThatCanBeWritten) {
     EXPECT_FALSE(IsSharedRegion(address)) << address;
 }
 
-// It serves the pipe's name and reads nothing; the threads that write go on.
-TEST(AgentPipes, SquatterHoldsNobodyUp) {
-  const std::string name = "StewardrySquatter" + std::to_string(platform::GetCurrentProcessId());
-  lab::ServedPipe squatter;
+// The server of the pipe's name reads nothing.
+TEST(AgentPipes, WriteToASilentServerReturns) {
+  const std::string name =
+      "StewardrySilentServer" + std::to_string(platform::GetCurrentProcessId());
+  lab::ServedPipe server;
   std::string problem;
-  ASSERT_TRUE(squatter.Open(name, &problem)) << problem;
+  ASSERT_TRUE(server.Open(name, &problem)) << problem;
   const std::string message(lab::kMoreThanAPipeHolds, 'm');
   WriteToAgentPipe(("\\\\.\\pipe\\" + name).c_str(), message.data(), lab::kMoreThanAPipeHolds);
 }
 
-// The producer as the firmware is: entry first, then the index.
+// The producer writes as the firmware: the entry first, then the index.
 TEST_F(Rings, EntryIsSeenWholeAfterItWasWritten) {
   constexpr std::uint32_t kCount = MouseRing::kEntries - 2;  // up to the last legal index
   MouseRing& ring = region_->mouse;
@@ -129,17 +129,17 @@ TEST(MouseTranslation, FlagsFollowTheChangeOfButtonsAndPlace) {
       {"wheel down", {0, 0, 0}, {16, 0, 0}, 0x8800, -120, 0x8800},
       {"both: down wins", {0, 0, 0}, {24, 0, 0}, 0x8800, -120, 0x8800},
       {"all buttons at once", {0, 0, 0}, {7, 0, 0}, 0x802A, 0, 0x802A},
-      {"bits that aren't read", {0, 0, 0}, {0xFFFFFFE0, 0, 0}, 0x8000, 0, 0x8000},
+      {"unused bits", {0, 0, 0}, {0xFFFFFFE0, 0, 0}, 0x8000, 0, 0x8000},
   };
   for (const Row& row : kRows) {
-    gLastMouseRingData = row.last;
+    gKvm->gLastMouseRingData = row.last;
     const mouseInfo straight = TranslateMouseEntry(row.entry, 1024, 768, [] { return false; });
     const mouseInfo swapped = TranslateMouseEntry(row.entry, 1024, 768, [] { return true; });
     EXPECT_EQ(straight.flags, row.flags) << row.name;
     EXPECT_EQ(straight.dwData, row.wheel) << row.name;
     EXPECT_EQ(swapped.flags, row.swappedFlags) << row.name;
   }
-  gLastMouseRingData = {};
+  gKvm->gLastMouseRingData = {};
 }
 
 TEST(MouseTranslation, PlaceIsScaledTo65535) {

@@ -6,15 +6,15 @@
 #include <regex>
 #include <string>
 
-#include "service/gateway/listeners.h"
+#include "service/gateway/gateway_state.h"
 #include "service/host/command_table.h"
 #include "service/kvm/agent.h"
+#include "service/kvm/kvm_state.h"
 #include "service/kvm/relay.h"
 #include "service/kvm/session.h"
-#include "service/kvm/session_threads.h"
-#include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
+#include "tests/fresh_state.h"
 #include "tests/own_network.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/tcp_client.h"
@@ -32,6 +32,8 @@ class KvmTest : public MailboxTest {
  protected:
   void SetUp() override {
     if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
+    Renew(&gKvm);
+    Renew(&gGateway);
     MailboxTest::SetUp();
     ComposeService();
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
@@ -40,16 +42,16 @@ class KvmTest : public MailboxTest {
     LogInfo("The log's own descriptors are open from here on");
     before_ = Held();
   }
-  // Ends every session and server; what they held must be free again.
+  // Ends every session and server, and checks that they hold nothing.
   void TearDown() override {
     if (IsSkipped()) return;
     gate::Disarm();
-    gKvmRebindCount = kRebindBudget;
+    gGateway->gKvmRebindCount = kRebindBudget;
     FinishKVMSession();
     EXPECT_TRUE(Eventually([&] {
-      gKvmEnabled = 0;
+      gKvm->gKvmEnabled = 0;
       if (Held().threads == before_.threads) return true;
-      TcpClient refused(22);  // takes the listener away, which ends its server
+      TcpClient refused(22);  // removes the listener, which ends its server
       return false;
     })) << "a thread is left";
     ExpectHeld(before_);
@@ -72,6 +74,10 @@ class KvmTest : public MailboxTest {
     std::memcpy(payload.data(), &address, sizeof address);
     Command(ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, payload);
   }
+  static void EnableForAnyPeer() {
+    Enable();
+    Trust(0);
+  }
   static void CloseByFirmware() { Command(ORRIN_TAVRIN_CMD_VNC_SOC_CLOSE); }
   static void Data(const std::string& bytes) { Command(ORRIN_TAVRIN_CMD_KVM_DATA, bytes); }
 
@@ -91,22 +97,21 @@ class KvmTest : public MailboxTest {
              return CallsOf({"accept", "WaitForMultipleObjectsEx"}).back()[0] == 'W';
            });
   }
-  // Enables KVM for any peer and connects a viewer, who is served.
+  // Enables KVM for any peer, and connects a viewer that is served.
   std::unique_ptr<TcpClient> NewViewer(std::size_t announcements = 1) {
-    Enable();
-    Trust(0);
+    EnableForAnyPeer();
     EXPECT_TRUE(Listening());
     auto viewer = std::make_unique<TcpClient>(22);
     EXPECT_TRUE(Served(announcements));
     return viewer;
   }
-  // Lets a held request of this code end without an answer.
+  // Ends a held request of this code without an answer.
   void EndHeldRequest(std::uint32_t code) {
     firmware_->SetVerdict(code, 0);
     platform::CancelIoEx(*gRequestDevice, nullptr);
   }
 
-  // The messages to the firmware, a letter each: A asks for the region, S status, I announcement,
+  // The messages to the firmware, a letter each: A region requested, S status, I announcement,
   // D data, R region given back, C close.
   std::string Sequence() {
     constexpr std::uint32_t kCodes[] = {kRegion,   kStatusByte, kAnnounce,
@@ -116,7 +121,7 @@ class KvmTest : public MailboxTest {
       letters += "ASIDRC?"[std::find(std::begin(kCodes), std::end(kCodes), code) - kCodes];
     return letters;
   }
-  static std::string TrayStatus() { return gKvmSessionStatus.Load().text; }
+  static std::string TrayStatus() { return gKvm->gKvmSessionStatus.Load().text; }
   Holdings before_{};
 };
 

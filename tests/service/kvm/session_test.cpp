@@ -1,4 +1,3 @@
-// The KVM session's states, its accept, its ends, and what they leave behind.
 #include "service/kvm/session.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +8,7 @@
 namespace stewardry {
 namespace {
 
-constexpr std::uint32_t kStranger = 0x0A00000A;  // 10.0.0.10
+constexpr std::uint32_t kOther = 0x0A00000A;  // 10.0.0.10
 
 class KvmSession : public KvmTest {};
 
@@ -23,24 +22,22 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
     const char* sequence;
   };
   constexpr Row kRows[] = {
-      {"T", 0, 0, 0, 0, ""},           {"C", 2, 0, 0, 2, ""},
-      {"EET", 0, 1, kStranger, 0, ""}, {"ETC", 0, 0, 0, 2, "RC"},
-      {"ETC", 2, 1, kStranger, 2, ""}, {"ECT", 0, 0, 0, 2, "RC"},
-      {"TEC", 0, 0, 0, 2, "RC"},       {"TEC", 2, 1, 0, 2, ""},
-      {"TCE", 0, 1, 0, 2, "RC"},       {"CET", 0, 1, kStranger, 2, "RC"},
-      {"ETECC", 0, 0, 0, 2, "RC"},
+      {"T", 0, 0, 0, 0, ""},          {"C", 2, 0, 0, 2, ""},        {"EET", 0, 1, kOther, 0, ""},
+      {"ETC", 0, 0, 0, 2, "RC"},      {"ETC", 2, 1, kOther, 2, ""}, {"ECT", 0, 0, 0, 2, "RC"},
+      {"TEC", 0, 0, 0, 2, "RC"},      {"TEC", 2, 1, 0, 2, ""},      {"TCE", 0, 1, 0, 2, "RC"},
+      {"CET", 0, 1, kOther, 2, "RC"}, {"ETECC", 0, 0, 0, 2, "RC"},
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.order);
-    gKvmEnabled = 0;
-    gKvmTrustedIP = gKvmTrustedPort = 0;
-    gKvmSocketState = row.stateBefore;
+    gKvm->gKvmEnabled = 0;
+    gKvm->gKvmTrustedIP = gKvm->gKvmTrustedPort = 0;
+    gKvm->gKvmSocketState = row.stateBefore;
     const std::size_t before = Sequence().size();
     for (const char* command = row.order; *command != 0; ++command)
-      *command == 'E' ? Enable() : *command == 'T' ? Trust(kStranger) : CloseByFirmware();
-    EXPECT_EQ(gKvmEnabled.load(), row.enabled);
-    EXPECT_EQ(gKvmTrustedIP.load(), row.trusted);
-    EXPECT_EQ(gKvmSocketState.load(), row.stateAfter);
+      *command == 'E' ? Enable() : *command == 'T' ? Trust(kOther) : CloseByFirmware();
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), row.enabled);
+    EXPECT_EQ(gKvm->gKvmTrustedIP.load(), row.trusted);
+    EXPECT_EQ(gKvm->gKvmSocketState.load(), row.stateAfter);
     EXPECT_EQ(Sequence().substr(before), row.sequence);
   }
   EXPECT_TRUE(Logged("KVM is disabled"));
@@ -48,8 +45,8 @@ TEST_F(KvmSession, CommandsInEachOrderEndInTheirState) {
   EXPECT_TRUE(Logged("shutdown error 10038")) << "without a session there is nothing to half-close";
   Enable();
   Command(ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, "\1\2\3\4\5");
-  EXPECT_EQ(gKvmTrustedIP.load(), 0x04030201U);
-  EXPECT_EQ(gKvmTrustedPort.load(), 5U) << "the rest stays as it was";
+  EXPECT_EQ(gKvm->gKvmTrustedIP.load(), 0x04030201U);
+  EXPECT_EQ(gKvm->gKvmTrustedPort.load(), 5U) << "the rest stays as it was";
 }
 
 // The host side is up before the announcement.
@@ -67,7 +64,7 @@ TEST_F(KvmSession, BeginAndEndFollowTheirOrder) {
   EXPECT_EQ(info.remoteAddress, kLoopbackAddress);
   EXPECT_NE(info.remotePort, 0U);
   EXPECT_EQ(TrayStatus(), "YES");
-  EXPECT_EQ(gKvmSocketState.load(), kKvmSessionUp);
+  EXPECT_EQ(gKvm->gKvmSocketState.load(), kKvmSessionUp);
   EXPECT_EQ(Held().threads, idle.threads + 3);
   EXPECT_EQ(Held().children, idle.children + 1);
   EXPECT_TRUE(
@@ -102,7 +99,7 @@ TEST_F(KvmSession, BeginAndEndFollowTheirOrder) {
   EXPECT_TRUE(firmware_->Await(kKvmBytes)) << "the half-closed viewer is still read";
 }
 
-// Each row: a step that fails, or what the firmware answers wrongly, its line, and how far it came.
+// A row: the call or answer that fails, its log line, and the messages up to it.
 TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
   struct Row {
     std::string call;
@@ -127,11 +124,10 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
        }) {
     SCOPED_TRACE(row.line);
     const std::string before = Sequence();
-    Enable();
-    Trust(0);
+    EnableForAnyPeer();
     gate::Arm();
-    gKvmRebindCount = 1;
-    gKvmSocketState = kKvmNoSession;
+    gGateway->gKvmRebindCount = 1;
+    gKvm->gKvmSocketState = kKvmNoSession;
     if (row.call == "region") firmware_->SetAnswer(kRegion, std::string(16, '\0'));
     if (row.call == "status") firmware_->SetVerdict(kStatusByte, row.error);
     gate::FailNext(row.call.c_str(), row.error, row.skip);
@@ -141,16 +137,15 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
     EXPECT_EQ(Sequence().substr(before.size()), row.sequence);
     // A failure before the session is up leaves KVM enabled; a later one ends the session.
     const bool wasUp = std::string_view(row.sequence).ends_with('C');
-    EXPECT_EQ(gKvmEnabled.load(), wasUp ? 0 : 1);
-    EXPECT_EQ(gKvmSocketState.load(), wasUp ? kKvmSessionFinished : kKvmNoSession);
-    EXPECT_EQ(gKvmSocket.load(), 0U);
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), wasUp ? 0 : 1);
+    EXPECT_EQ(gKvm->gKvmSocketState.load(), wasUp ? kKvmSessionFinished : kKvmNoSession);
+    EXPECT_EQ(gKvm->gKvmSocket.load(), 0U);
     EXPECT_EQ(TrayStatus(), "NO");
     ExpectHeld(idle);
-    EXPECT_FALSE(*gKvmAgentThread || *gKeyboardThread || *gMouseThread || *gKvmAgentProcess ||
-                 KeyBoardBufferVirtualAddress.load() != 0);
+    EXPECT_FALSE(gKvm->gKvmAgentProcess || gKvm->KeyBoardBufferVirtualAddress.load() != 0);
     firmware_->SetAnswer(kRegion, std::string(16, '\1'));
     firmware_->SetVerdict(kStatusByte, 0);
-    gate::FailNext("accept", platform::kWsaEConnReset);  // somebody before the next has gone again
+    gate::FailNext("accept", platform::kWsaEConnReset);  // an earlier peer has gone
     auto viewer = NewViewer(CountOf(Sequence(), "I") + 1);
     viewer->Send("x");
     EXPECT_TRUE(firmware_->Await(kKvmBytes, ++served));
@@ -159,7 +154,7 @@ TEST_F(KvmSession, FailedStepLeavesNothingBehindAndTheNextViewerIsServed) {
   }
 }
 
-// A second viewer must cost the first nothing, and a new enable must find or make a listener.
+// The first viewer stays connected, and a new enable finds or creates a listener.
 TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   Enable();
   ASSERT_TRUE(Listening());
@@ -169,7 +164,7 @@ TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   ASSERT_TRUE(Eventually([] { return Logged("New KVM connection dropped") && !PortIs("0A"); }));
   viewer->Send("still here");
   EXPECT_TRUE(firmware_->Await(kKvmBytes));
-  EXPECT_EQ(gKvmRebindCount.load(), 1);
+  EXPECT_EQ(gGateway->gKvmRebindCount.load(), 1);
   Enable();
   EXPECT_TRUE(Listening());
   Enable();  // finds the listener and starts nothing
@@ -177,8 +172,8 @@ TEST_F(KvmSession, EnableListensAgainAfterASecondViewerWasDropped) {
   viewer.reset();
   ASSERT_TRUE(firmware_->Await(kClosed));
   ExpectHeld(idle);  // the server without a listener ends with its connection, without a bind
-  EXPECT_EQ(gKvmRebindCount.load(), 1);
-  EXPECT_EQ(gKvmEnabled.load(), 0) << "an enable during the session was for that session";
+  EXPECT_EQ(gGateway->gKvmRebindCount.load(), 1);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0) << "an enable during the session was for that session";
   NewViewer(2);
 }
 
@@ -205,33 +200,32 @@ TEST_F(KvmSession, ManyEndsAtOnceAreOneEnd) {
   }
 }
 
-// The close must not be lost, and must not take apart what the accept is building; nor must the
-// name of another peer, which comes late.
-TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsBuilt) {
+// A close, or a late name of another peer, must not be lost and must not disturb the set-up.
+TEST_F(KvmSession, CloseOrAnotherPeerDuringTheAcceptEndsTheSessionOnceItIsUp) {
   for (const auto& [held, close] :
        {std::pair(kStatusByte, true), {kAnnounce, true}, {kAnnounce, false}, {kRegion, false}}) {
     firmware_->SetVerdict(held, FirmwarePeer::kHold);
-    gKvmRebindCount = 1;
+    gGateway->gKvmRebindCount = 1;
     Enable();
     ASSERT_TRUE(Listening());
     const std::size_t ends = CountOf(Messages(), "Finish KVM Session\n");
     const std::string before = Sequence();
     TcpClient viewer(22);
     ASSERT_TRUE(firmware_->Await(held, 1 + CountOf(before, held == kRegion ? "A" : "I")));
-    close ? CloseByFirmware() : Trust(kStranger);
+    close ? CloseByFirmware() : Trust(kOther);
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends) << "the accept is not over";
     EndHeldRequest(held);
     ASSERT_TRUE(firmware_->Await(kClosed, CountOf(before, "C") + 1));
     EXPECT_TRUE(viewer.SeesEnd());
     EXPECT_EQ(CountOf(Messages(), "Finish KVM Session\n"), ends + 1);
-    EXPECT_EQ(gKvmEnabled.load(), 0);
+    EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
     // An accept that has failed has taken the listener away.
-    ASSERT_TRUE(held == kAnnounce || Eventually([] { return gKvmRebindCount.load() == 2; }));
+    ASSERT_TRUE(held == kAnnounce || Eventually([] { return gGateway->gKvmRebindCount == 2; }));
   }
 }
 
 // The firmware's answer to the close is the enable of the next session.
-TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
+TEST_F(KvmSession, EnableThatAnswersTheCloseHoldsAfterTheEnd) {
   auto viewer = NewViewer();
   firmware_->SetVerdict(kClosed, FirmwarePeer::kHold);
   viewer.reset();
@@ -240,14 +234,14 @@ TEST_F(KvmSession, EnableThatAnswersTheCloseStandsAfterTheEnd) {
   Trust(kLoopbackAddress);
   EndHeldRequest(kClosed);
   ASSERT_TRUE(Eventually([&] { return Logged("Free successful"); }));
-  EXPECT_EQ(gKvmEnabled.load(), 1);
-  EXPECT_EQ(gKvmTrustedIP.load(), kLoopbackAddress);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 1);
+  EXPECT_EQ(gKvm->gKvmTrustedIP.load(), kLoopbackAddress);
   TcpClient next(22);
   EXPECT_TRUE(firmware_->Await(kAnnounce, 2));
 }
 
-// Between the firmware's two commands KVM is open for anybody.
-TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
+// Between the firmware's two commands any peer would be accepted.
+TEST_F(KvmSession, ViewerBeforeTheTrustedPeerWaitsAndEndsIfItIsAnotherOne) {
   const auto start = std::chrono::steady_clock::now();
   Enable();
   ASSERT_TRUE(Listening());
@@ -255,11 +249,11 @@ TEST_F(KvmSession, ViewerThatComesBeforeItsPeerIsNamedWaitsAndMakesWayForIt) {
   ASSERT_TRUE(Served());
   EXPECT_GE(std::chrono::steady_clock::now() - start, kPeerPatience);
   Trust(kLoopbackAddress);
-  EXPECT_EQ(gKvmSocketState.load(), kKvmSessionUp);
-  Trust(kStranger);
+  EXPECT_EQ(gKvm->gKvmSocketState.load(), kKvmSessionUp);
+  Trust(kOther);
   EXPECT_TRUE(viewer.SeesEnd());
   EXPECT_EQ(Sequence(), "ASIRC");
-  EXPECT_EQ(gKvmEnabled.load(), 0);
+  EXPECT_EQ(gKvm->gKvmEnabled.load(), 0);
 }
 
 std::atomic<bool> gLeave{false};
@@ -268,34 +262,32 @@ std::uint32_t StayUntilLeave(void*) {
   return 0;
 }
 
-// The region is given back once nobody reads it.
-TEST_F(KvmSession, PumpThatCanNotBeEndedKeepsItsRegionAndTheNextSessionOut) {
+TEST_F(KvmSession, PumpThatCannotBeEndedKeepsItsRegionAndDelaysTheNextSession) {
   auto viewer = NewViewer();
   TerminateKeyboardThread();
-  *gKeyboardThread = platform::CreateThread(StayUntilLeave, nullptr);
+  ASSERT_TRUE(gKvm->gKeyboardThread.Start(StayUntilLeave));
   gate::FailEvery("TerminateThread", 5);
   CloseByFirmware();
   EXPECT_EQ(Sequence(), "ASIC");
   viewer.reset();
   EXPECT_TRUE(Logged("TerminateThread for Keyboard failed"));
-  EXPECT_TRUE(gStopKeyboardThread.load());
-  Enable();
-  Trust(0);
+  EXPECT_TRUE(gKvm->gKeyboardThread.StopRequested());
+  EnableForAnyPeer();
   EXPECT_TRUE(TcpClient(22).SeesEnd());
-  ASSERT_TRUE(Eventually([] { return gKvmRebindCount.load() == 2; }));
+  ASSERT_TRUE(Eventually([] { return gGateway->gKvmRebindCount.load() == 2; }));
   gLeave = true;
   NewViewer(2);
   EXPECT_EQ(Sequence().substr(0, 8), "ASICRASI");
 }
 
 TEST_F(KvmSession, EnableBindsOnceAfterTheBudget) {
-  gKvmRebindCount = kRebindBudget;
+  gGateway->gKvmRebindCount = kRebindBudget;
   gate::FailNext("CreateThread", 8);
   Enable();
   EXPECT_EQ(Held(), before_) << "a server that cannot start leaves nothing";
   Enable();
   ASSERT_TRUE(Listening());
-  gKvmEnabled = 0;
+  gKvm->gKvmEnabled = 0;
   EXPECT_TRUE(TcpClient(22).SeesEnd());
   ExpectHeld(before_);
   EXPECT_TRUE(Logged("KVM disabled. Incoming SSH connection dropped."));

@@ -1,5 +1,5 @@
-// A keyboard in memory: a layout as a table, key states that a test sets, and the events that came
-// out as text.
+// A keyboard in memory: a layout as a table, key states that a test sets, and the sent events as
+// text.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "service/kvm/key_translation.h"
+#include "service/kvm/kvm_state.h"
 
 namespace stewardry {
 
@@ -30,7 +31,7 @@ inline constexpr LayoutKey kFrenchLayout[] = {{0x20, ' ', 0, 0},         {0x31, 
                                               {0x32, 0xE9, '2', '~', 4}, {0x33, '"', '3', '#'},
                                               {0x37, 0xE8, '7', '`', 4}, {0xDD, '^', 0xA8, 0, 3}};
 
-// One at a time: all is static, since a KeyboardHost has no place for a pointer.
+// One at a time: all members are static, since a KeyboardHost has no context pointer.
 class TestKeyboard {
  public:
   explicit TestKeyboard(Layout layout) {
@@ -39,9 +40,9 @@ class TestKeyboard {
     notes.clear();
     capsLock = false;
     deadInLayout = 0;
-    gPendingDeadKey.store(0);
+    gKvm->gPendingDeadKey.store(0);
   }
-  // Translates symbols: a press each, or a release where it is negative. Returns what came out:
+  // Translates symbols: a press each, or a release where it is negative. Returns the events:
   // virtual keys in hex with '+' for a press and '-' for a release, "x+" and "x-" for extended
   // ones.
   static std::string Type(std::initializer_list<std::int32_t> keysyms) {
