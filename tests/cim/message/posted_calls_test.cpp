@@ -1,5 +1,5 @@
 // Calls that other threads post into a selector's run.
-#include "cim/message/posted_calls.h"
+#include "cim/message/message.h"
 
 #include <gtest/gtest.h>
 
