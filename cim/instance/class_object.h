@@ -6,8 +6,7 @@
 // 1. `refs` is 0 for a view and at least 1 for a class object in use. No other field changes after
 //    creation: any thread may read a class object that it holds a reference on.
 // 2. The definition's `owner` is the class object's address: an instance of that definition
-// releases
-//    its reference through it.
+//    releases its reference through it.
 // 3. Default values may hold instances, which may hold references on other class objects. They are
 //    deleted before the batch is destroyed.
 #pragma once
@@ -39,6 +38,7 @@ struct ClassObject {
 // RESULT_INVALID_PARAMETER for a null object or a null required out. Outs point into the
 // definition: they are not to be freed and are valid as long as the class object exists.
 struct ClassOps {
+  // Store the class name, the name space and the host name, of which the last two may be null.
   Result (*ClassNameOf)(const ClassObject* self, const char16_t** name);
   Result (*NamespaceOf)(const ClassObject* self, const char16_t** name);
   Result (*HostNameOf)(const ClassObject* self, const char16_t** name);
@@ -55,6 +55,7 @@ struct ClassOps {
                        CimValue* value, bool* present, std::uint32_t* type,
                        const char16_t** referenceClass, QualifierSet* qualifiers,
                        std::uint32_t* flags);
+  // Stores a view of the class' own qualifiers.
   Result (*ClassQualifiers)(const ClassObject* self, QualifierSet* qualifiers);
   Result (*MethodCountOf)(const ClassObject* self, std::uint32_t* count);
   // Stores one method's definition. Only `name` is required. Returns RESULT_METHOD_NOT_FOUND for an

@@ -7,8 +7,8 @@
 // 1. `body` of a body points to itself, `body` of a wrapper to the current body. Every operation
 //    resolves it first. Only the body's head is current: of a wrapper's copy, `ops` and `body` are
 //    read, and `hostName` is kept in step.
-// 2. A slot lies at the body's address plus the property's offset. In a dynamic instance that is
-//    64 + 40 x index, and the body has room for DynamicDef_Capacity slots.
+// 2. A slot lies at the body's address plus the property's offset. In a dynamic instance the offset
+//    is 64 + 40 x index, and the body has room for DynamicDef_Capacity slots.
 // 3. The definition's `owner` names what frees it: nothing (kOwnerNone), this instance
 //    (kOwnerDynamic), or a ClassObject on which this instance holds a reference. `ownsDef` marks a
 //    deep copy of a class in this instance's batch, which no other instance may share.
@@ -135,9 +135,10 @@ static_assert(sizeof(InstanceOps) == 18 * sizeof(void*));
 extern const InstanceOps kInstanceOps;
 
 // Makes a static instance of `def` with all properties null and one reference, in `batch` or, if
-// that is null, in a batch of its own. A definition without an owner is shared and must outlive the
-// instance. Returns RESULT_INVALID_PARAMETER for a null out or definition and for a definition
-// whose size is below the 64 bytes of a head, and RESULT_FAILED if allocation fails.
+// that is null, in a batch of its own. Accepts MethodDef_AsClass too. A definition without an owner
+// is shared and must outlive the instance. Returns RESULT_INVALID_PARAMETER for a null out or
+// definition and for a definition whose size is below the 64 bytes of a head, and RESULT_FAILED if
+// allocation fails.
 Result Instance_Create(Instance** made, const ClassDef* def, Batch* batch);
 
 // Makes a static instance in the caller's memory. Requires `def->size` bytes, aligned to 8, that

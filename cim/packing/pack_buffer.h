@@ -5,12 +5,10 @@
 // 1. Alignment counts from `data`, which is aligned to 8. The bytes that it skips are filler: a
 //    writer zeroes them, since they leave the process, and a reader ignores them.
 // 2. A writer's `data` follows a BatchPage in one heap block: the finished buffer becomes a page of
-// a
-//    batch without a copy (PackBuf_TakeBlock, Batch_AttachPage). After the capacity the block has
+//    a batch without a copy (PackBuf_TakeBlock, Batch_AttachPage). After the capacity the block has
 //    kFillerRoom more bytes, which zeroing a filler may overwrite.
 // 3. A reader's bytes are untrusted. Nothing outside `size` is accessed, and a step that fails
-// leaves
-//    the position and every out unchanged.
+//    leaves the position and every out unchanged.
 //
 // One thread at a time uses a buffer. No argument may be null unless its contract says so.
 #pragma once

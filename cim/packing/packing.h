@@ -54,18 +54,15 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
 // nested in it, in `batch` or, if that is null, in a batch of its own. The bytes are untrusted; the
 // memory used is proportional to them.
 // - Without `copy`: names, texts and arrays are borrowed from the bytes, which must stay in place
-// as
-//   long as the instance exists. Each property's flags get FLAG_BORROW.
+//   as long as the instance exists. Each property's flags get FLAG_BORROW.
 // - With `copy`: everything is copied. Flags lose FLAG_BORROW, and the class of a nested instance
-// has
-//   no flags, as in any copy.
+//   has no flags, as in any copy.
 // A property with FLAG_NULL becomes a null, with or without a value. The offsets of a STRINGA are
 // replaced by pointers in place: bytes that hold one can be read once.
 //
 // Returns RESULT_OK. Otherwise stores null and returns
 // - RESULT_INVALID_PARAMETER for a null argument, bytes not aligned to 8, a wrong tail, and an
-// invalid
-//   class or property name;
+//   invalid class or property name;
 // - RESULT_ALREADY_EXISTS for two properties of one name;
 // - RESULT_FAILED if allocation fails, and for bytes that end too soon, a wrong head, a type above
 // 31,
