@@ -10,14 +10,14 @@
 namespace stewardry::cim {
 namespace {
 
-// A slot of any type, with a guard behind its last byte.
+// A slot of any type with a guard after its last byte.
 struct Slot {
   alignas(8) std::uint8_t bytes[kMaxSlotSize + 1];
   Slot() { std::memset(bytes, 0xEE, sizeof bytes); }
   operator ValueSlot*() { return reinterpret_cast<ValueSlot*>(bytes); }
 };
 
-// Instances hold a reference on their class object, which shows an instance that was not deleted.
+// Instances hold a reference on their class object, whose count reveals an instance not deleted.
 class ValueSlotTest : public ::testing::Test {
  protected:
   ValueSlotTest() {
@@ -26,11 +26,11 @@ class ValueSlotTest : public ::testing::Test {
     instances_[0] = instances_[1] = instance_;
   }
   ~ValueSlotTest() override {
-    instance_.End();
+    instance_.Delete();
     EXPECT_EQ(class_->refs.load(), 1u);
     EXPECT_EQ(Class_Delete(class_), RESULT_OK);
   }
-  // A value of each type; arrays have two elements.
+  // Returns a value of the type. Arrays have two elements.
   CimValue ValueOf(std::uint32_t type) {
     if (type == CIM_STRING) return Text(u"text");
     if (type == CIM_STRINGA) return Array(texts_, 2);
