@@ -42,8 +42,8 @@ Result GetArray(PackBuf* reader, const Element** data, std::uint32_t* count) {
 std::uint64_t TextBytes(const PackedTexts& found, std::uint64_t room) {
   std::uint64_t end = 0;
   for (std::uint32_t i = 1; i <= found.count; ++i) {
-    const std::uint64_t next =
-        found.offsets[i] - found.offsets[0];  // a decrease wraps to more than `room`
+    // A decrease wraps to more than `room`.
+    const std::uint64_t next = found.offsets[i] - found.offsets[0];
     if (next <= end || next > room || next % sizeof(char16_t) != 0) return 0;
     if (found.texts[next / sizeof(char16_t) - 1] != 0) return 0;
     end = next;

@@ -18,7 +18,7 @@ constexpr std::array<std::uint8_t, 128> kFoldedUnits = MakeFoldedUnits();
 
 std::uint32_t Folded(char16_t unit) { return unit < kFoldedUnits.size() ? kFoldedUnits[unit] : 0; }
 
-constexpr bool IsDigit(std::uint32_t folded) { return folded <= '9'; }  // or 0
+constexpr bool IsDigit(std::uint32_t folded) { return folded <= '9'; }  // true for 0
 
 }  // namespace
 

@@ -58,21 +58,26 @@ constexpr std::uint32_t CIM_ARRAY = 16;
 static_assert(CIM_INSTANCEA == kCimTypes - 1 && CIM_BOOLEANA == CIM_ARRAY);
 
 // "BOOLEAN" to "INSTANCEA", by type code.
-extern const std::array<const char*, kCimTypes> kCimTypeNames;
+inline constexpr std::array<const char*, kCimTypes> kCimTypeNames = {
+    "BOOLEAN",  "UINT8",   "SINT8",   "UINT16",  "SINT16",    "UINT32",  "SINT32",     "UINT64",
+    "SINT64",   "REAL32",  "REAL64",  "CHAR16",  "DATETIME",  "STRING",  "REFERENCE",  "INSTANCE",
+    "BOOLEANA", "UINT8A",  "SINT8A",  "UINT16A", "SINT16A",   "UINT32A", "SINT32A",    "UINT64A",
+    "SINT64A",  "REAL32A", "REAL64A", "CHAR16A", "DATETIMEA", "STRINGA", "REFERENCEA", "INSTANCEA"};
 
 // Bytes of a value, by type code.
 constexpr std::array<std::uint8_t, kCimTypes> kElementSizes = {
     1,  1,  1,  2,  2,  4,  4,  8,  8,  4,  8,  2,  36, 8,  8,  8,
     16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16};
 
-// Predicates and parts of a type code. Any number is accepted.
+// Return whether a type code is an array's, and the code of its elements. Accept any number.
 constexpr bool CimType_IsArray(std::uint32_t type) { return (type & CIM_ARRAY) != 0; }
 constexpr std::uint32_t CimType_Element(std::uint32_t type) { return type & ~CIM_ARRAY; }
 // Returns true for REFERENCE, INSTANCE and arrays of them.
 constexpr bool CimType_HoldsInstances(std::uint32_t type) {
   return CimType_Element(type) == CIM_REFERENCE || CimType_Element(type) == CIM_INSTANCE;
 }
-// Returns the alignment of a value in bytes: 1, 2, 4 (DATETIME: that of its words) or 8.
+// Returns the alignment of a value in bytes: 1, 2, 4 (DATETIME: that of its words) or 8. Requires a
+// type up to 31.
 constexpr std::size_t CimType_Alignment(std::uint32_t type) {
   assert(type < kCimTypes);
   if (type == CIM_DATETIME) return 4;
@@ -80,13 +85,13 @@ constexpr std::size_t CimType_Alignment(std::uint32_t type) {
 }
 
 // Element flags: in definitions, and as argument and result of the operations on elements.
-constexpr std::uint32_t FLAG_CLASS = 0x00000001;
-constexpr std::uint32_t FLAG_METHOD = 0x00000002;
-constexpr std::uint32_t FLAG_PARAMETER = 0x00000008;
-constexpr std::uint32_t FLAG_KIND_10 = 0x00000010;
-constexpr std::uint32_t FLAG_KIND_20 = 0x00000020;
-constexpr std::uint32_t FLAG_KEY = 0x00001000;
-constexpr std::uint32_t FLAG_OUT = 0x00004000;
+constexpr std::uint32_t FLAG_CLASS = 0x00000001;         // a class
+constexpr std::uint32_t FLAG_METHOD = 0x00000002;        // a method
+constexpr std::uint32_t FLAG_PARAMETER = 0x00000008;     // a parameter of a method
+constexpr std::uint32_t FLAG_KIND_10 = 0x00000010;       // another kind of class
+constexpr std::uint32_t FLAG_KIND_20 = 0x00000020;       // another kind of class
+constexpr std::uint32_t FLAG_KEY = 0x00001000;           // a key property
+constexpr std::uint32_t FLAG_OUT = 0x00004000;           // an outgoing parameter
 constexpr std::uint32_t FLAG_NOT_MODIFIED = 0x02000000;  // result: SLOT_MODIFIED is clear
 constexpr std::uint32_t FLAG_NULL = 0x20000000;    // argument: store a null; result: it is null
 constexpr std::uint32_t FLAG_BORROW = 0x40000000;  // argument: store the pointer without a copy
@@ -162,10 +167,20 @@ inline void CimValue_CopyBytes(void* to, const void* from, std::size_t size) {
 
 // Reads the value stored at `raw` in its element size. Stores zeros for a null `raw` and for a type
 // above 31.
-void CimValue_FromRaw(std::uint32_t type, const void* raw, CimValue* value);
+inline void CimValue_FromRaw(std::uint32_t type, const void* raw, CimValue* value) {
+  assert(value != nullptr);
+  std::memset(value, 0, sizeof *value);
+  if (raw != nullptr && type < kCimTypes) std::memcpy(value, raw, kElementSizes[type]);
+}
 
 // Returns true if both have the same form and the same words of that form. The unused words of an
 // interval are ignored.
-bool Datetime_Equal(const CimDatetime* a, const CimDatetime* b);
+inline bool Datetime_Equal(const CimDatetime* a, const CimDatetime* b) {
+  assert(a != nullptr && b != nullptr);
+  if (a->timestampForm != b->timestampForm) return false;
+  return a->timestampForm != 0
+             ? std::memcmp(&a->timestamp, &b->timestamp, sizeof a->timestamp) == 0
+             : std::memcmp(&a->interval, &b->interval, offsetof(CimDatetime::Interval, zero)) == 0;
+}
 
 }  // namespace stewardry::cim
