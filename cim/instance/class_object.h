@@ -49,8 +49,7 @@ struct ClassOps {
                          bool* present, std::uint32_t* type, const char16_t** referenceClass,
                          QualifierSet* qualifiers, std::uint32_t* flags, std::uint32_t* index);
   // Stores one property's definition and default. Every out may be null. Without a default
-  // `present` is false and `value` zeroed. Returns RESULT_NO_SUCH_PROPERTY for an index not below
-  // the count.
+  // `present` is false and `value` zeroed. Returns RESULT_NO_SUCH_PROPERTY for a wrong index.
   Result (*PropertyAt)(const ClassObject* self, std::uint32_t index, const char16_t** name,
                        CimValue* value, bool* present, std::uint32_t* type,
                        const char16_t** referenceClass, QualifierSet* qualifiers,
@@ -58,8 +57,8 @@ struct ClassOps {
   // Stores a view of the class' own qualifiers.
   Result (*ClassQualifiers)(const ClassObject* self, QualifierSet* qualifiers);
   Result (*MethodCountOf)(const ClassObject* self, std::uint32_t* count);
-  // Stores one method's definition. Only `name` is required. Returns RESULT_METHOD_NOT_FOUND for an
-  // index not below the count.
+  // Stores one method's definition. Only `name` is required. Returns RESULT_METHOD_NOT_FOUND for a
+  // wrong index.
   Result (*MethodAt)(const ClassObject* self, std::uint32_t index, const char16_t** name,
                      QualifierSet* qualifiers, ParameterSet* parameters);
   // Finds the method by name, ignoring case. The outs may be null. Returns RESULT_METHOD_NOT_FOUND

@@ -31,7 +31,7 @@ struct QualifierSetOps {
   // Stores the number of qualifiers.
   Result (*QualifierCountOf)(const QualifierSet* self, std::uint32_t* count);
   // Stores one qualifier. All outs are required. The texts and what the value points to stay the
-  // definition's. Returns RESULT_NOT_FOUND for an index not below the count.
+  // definition's. Returns RESULT_NOT_FOUND for a wrong index.
   Result (*QualifierAt)(const QualifierSet* self, std::uint32_t index, const char16_t** name,
                         std::uint32_t* type, std::uint32_t* flavor, CimValue* value);
   // Finds the first qualifier of that name, ignoring case. The outs may be null. Returns
@@ -49,8 +49,8 @@ struct ParameterSetOps {
                               QualifierSet* qualifiers);
   // Stores the number of parameters without the return value, 0 for an empty set.
   Result (*ParameterCountOf)(const ParameterSet* self, std::uint32_t* count);
-  // Stores one parameter. Only `referenceClass` may be null. Returns RESULT_NOT_FOUND for an index
-  // not below the count.
+  // Stores one parameter. Only `referenceClass` may be null. Returns RESULT_NOT_FOUND for a wrong
+  // index.
   Result (*ParameterAt)(const ParameterSet* self, std::uint32_t index, const char16_t** name,
                         std::uint32_t* type, const char16_t** referenceClass,
                         QualifierSet* qualifiers);

@@ -66,36 +66,32 @@ static_assert(offsetof(Instance, def) == 8 && offsetof(Instance, hostName) == 16
               sizeof(Instance) == 64);
 
 // The operations of an instance, in the table's order. All return RESULT_OK on success. All but
-// Clone resolve the body first and return RESULT_INVALID_PARAMETER for a null object. Texts and
-// pointers in outs stay the instance's and are valid until it changes.
+// Clone resolve the body first and return RESULT_INVALID_PARAMETER for a null object. Outs may be
+// null, except in Clone and MakeClassObject; texts and pointers in them stay the instance's and are
+// valid until it changes.
 struct InstanceOps {
-  // Stores a copy in a batch of its own, see Instance_Copy. Returns RESULT_FAILED for a null
-  // object.
+  // Copies as Instance_Copy does, into a new batch. Returns RESULT_FAILED for a null object.
   Result (*Clone)(const Instance* self, Instance** clone);
   // Releases the content, and the batch if the instance owns it. Keeps the instance's own block.
   // Returns RESULT_FAILED for an instance without content.
   Result (*Dismantle)(Instance* self);
-  // Dismantles the instance and releases its own block. Returns RESULT_FAILED for an instance
-  // without content.
+  // Dismantles the instance and releases its own block. Fails as Dismantle.
   Result (*Delete)(Instance* self);
   // Stores whether `def`, by address, is the instance's definition or one of its superclasses.
-  // Returns RESULT_INVALID_PARAMETER for a null definition. Ignores a null out.
+  // Returns RESULT_INVALID_PARAMETER for a null definition.
   Result (*IsKindOf)(const Instance* self, const ClassDef* def, bool* isKind);
-  // Stores the name of the class. Ignores a null out.
   Result (*ClassNameOf)(const Instance* self, const char16_t** name);
   // Stores a copy of the text, or null, in the instance. Returns RESULT_FAILED and keeps the old
   // text if allocation fails.
   Result (*SetNamespace)(Instance* self, const char16_t* name);
-  // Stores the name space or null. Ignores a null out.
+  // Stores the name space or null.
   Result (*NamespaceOf)(const Instance* self, const char16_t** name);
-  // Stores the number of properties. Ignores a null out.
   Result (*PropertyCountOf)(const Instance* self, std::uint32_t* count);
   // Appends a property to a dynamic instance and stores its value. A null value or FLAG_NULL makes
   // a null, FLAG_BORROW stores the caller's pointer, and all flags become the definition's. Returns
   // RESULT_INVALID_PARAMETER for a null or invalid name or a type above 31, RESULT_ALREADY_EXISTS
   // for a name that exists, ignoring case, and RESULT_FAILED for a static instance or if allocation
-  // fails. If only copying the value fails, the property stays, as a null, and the failure is
-  // returned.
+  // fails. If only copying the value fails, the property stays, as a null.
   Result (*AddProperty)(Instance* self, const char16_t* name, const CimValue* value,
                         std::uint32_t type, std::uint32_t flags);
   // Finds the property by name, ignoring case, and continues as StorePropertyAt. Returns
@@ -103,25 +99,24 @@ struct InstanceOps {
   Result (*StoreProperty)(Instance* self, const char16_t* name, const CimValue* value,
                           std::uint32_t type, std::uint32_t flags);
   // Replaces a property's value once the new one is complete. Any failure leaves the old value.
-  // Returns RESULT_FAILED for an index not below the count, RESULT_TYPE_MISMATCH for another type
-  // than the property's, and otherwise what ValueSlot_Assign returns.
+  // Returns RESULT_FAILED for a wrong index, RESULT_TYPE_MISMATCH for another type than the
+  // property's, and otherwise what ValueSlot_Assign returns.
   Result (*StorePropertyAt)(Instance* self, std::uint32_t index, const CimValue* value,
                             std::uint32_t type, std::uint32_t flags);
   // Finds the property by name, ignoring case, and continues as PropertyAt. Returns
-  // RESULT_INVALID_PARAMETER for a null name and RESULT_NO_SUCH_PROPERTY. All outs may be null.
+  // RESULT_INVALID_PARAMETER for a null name and RESULT_NO_SUCH_PROPERTY.
   Result (*ReadProperty)(const Instance* self, const char16_t* name, CimValue* value,
                          std::uint32_t* type, std::uint32_t* flags, std::uint32_t* index);
-  // Stores one property's name, value, type and flags without copying what the value points to. All
-  // outs may be null. `flags` are the definition's, with FLAG_NULL for a null and FLAG_NOT_MODIFIED
-  // for a slot not marked modified. Returns RESULT_INVALID_PARAMETER for an index not below the
-  // count.
+  // Stores one property's name, value, type and flags without copying what the value points to.
+  // `flags` are the definition's, with FLAG_NULL for a null and FLAG_NOT_MODIFIED for a slot not
+  // marked modified. Returns RESULT_INVALID_PARAMETER for a wrong index.
   Result (*PropertyAt)(const Instance* self, std::uint32_t index, const char16_t** name,
                        CimValue* value, std::uint32_t* type, std::uint32_t* flags);
   // Finds the property by name and continues as ClearPropertyAt. Fails as StoreProperty.
   Result (*ClearProperty)(Instance* self, const char16_t* name);
-  // Makes the property null. Returns RESULT_FAILED for an index not below the count.
+  // Makes the property null. Returns RESULT_FAILED for a wrong index.
   Result (*ClearPropertyAt)(Instance* self, std::uint32_t index);
-  // Stores the host's name or null. Ignores a null out.
+  // Stores the host's name or null.
   Result (*HostNameOf)(const Instance* self, const char16_t** name);
   // As SetNamespace, but returns RESULT_SERVER_LIMITS_EXCEEDED if allocation fails.
   Result (*SetHostName)(Instance* self, const char16_t* name);
@@ -196,9 +191,9 @@ Result Instance_ReserveArray(Instance* instance, const char16_t* name, std::uint
 
 // Appends a copy of one element and makes the property present. The caller stays within the
 // capacity that it reserved, which is not checked. Returns RESULT_INVALID_PARAMETER for a null
-// argument or an index not below the count, RESULT_TYPE_MISMATCH for a scalar property,
-// RESULT_FAILED for an array that was not reserved or has borrowed elements, and otherwise what
-// ArrayValue_StoreAt returns.
+// argument or a wrong index, RESULT_TYPE_MISMATCH for a scalar property, RESULT_FAILED for an
+// array that was not reserved or has borrowed elements, and otherwise what ArrayValue_StoreAt
+// returns.
 Result Instance_AppendToArray(Instance* instance, std::uint32_t index, const void* element);
 
 // Returns the number of properties with FLAG_KEY, or 0 for a null instance.

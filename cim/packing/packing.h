@@ -37,7 +37,6 @@ constexpr std::uint32_t kPackCapacity = 16384;
 // a null element of a REFERENCEA or INSTANCEA; RESULT_FAILED if allocation fails, for a present
 // REFERENCE or INSTANCE without an instance, and for a present array without data, except a
 // STRINGA, REFERENCEA or INSTANCEA of size 0. After a failure the buffer's content is undefined.
-//
 // Nesting deeper than kMaxPackedDepth and more than kMaxUnpackedProperties properties are packed,
 // but cannot be unpacked.
 Result Instance_Pack(const Instance* instance, bool keysOnly, PackFilter filter, void* filterData,
@@ -60,15 +59,13 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
 // A property with FLAG_NULL becomes a null, with or without a value. The offsets of a STRINGA are
 // replaced by pointers in place: bytes that hold one can be read once.
 //
-// Returns RESULT_OK. Otherwise stores null and returns
+// Returns RESULT_OK. Otherwise stores null, keeps what was built in the caller's batch, and returns
 // - RESULT_INVALID_PARAMETER for a null argument, bytes not aligned to 8, a wrong tail, and an
 //   invalid class or property name;
 // - RESULT_ALREADY_EXISTS for two properties of one name;
-// - RESULT_FAILED if allocation fails, and for bytes that end too soon, a wrong head, a type above
-// 31,
+// - RESULT_FAILED if allocation fails, and for bytes that end too soon, a wrong head, a wrong type,
 //   a text without terminator, offsets that decrease, nesting deeper than kMaxPackedDepth, and more
 //   than kMaxUnpackedProperties properties.
-// After a failure the caller's batch keeps what was built.
 Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy);
 
 // Unpacks `size` bytes without copying and returns true on success. Bytes not aligned to 8 are

@@ -97,8 +97,7 @@ TEST(TypedInstanceTest, ATextIsAnOctetStringForAPropertyWithTheQualifier) {
 TEST(TypedInstanceTest, AnOctetStringBeyond32BitsIsRefused) {
   OctetSink sink{};
   EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 1, &sink), 0);
-  EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 0xFFFFFFFB, &sink),
-            -1);  // before the chunk is read
+  EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 0xFFFFFFFB, &sink), -1);  // unread
   EXPECT_EQ(sink.data, nullptr);
 }
 

@@ -73,8 +73,7 @@ TEST(UnpackingTest, MalformedBytesAreRefused) {
        mark + "02 00 00 00 'F' 00 00 01 00 00 00 'x' -- -- 00 00 00 00"},
       {"more properties than bytes", kFailed, kHead + "FF FF FF FF"},
       {"bad property name of 4096", kInvalid, kHead + "00 10 00 00" + bad},
-      {"one property too many", kFailed,
-       kHead + "01 10 00 00" + bad},  // refused before any is read
+      {"one property too many", kFailed, kHead + "01 10 00 00" + bad},  // none is read
       {"null of type 32", kFailed, kOne + "20 00 00 00 00 -- -- --"},
       {"value of type FFFFFFFF", kFailed, kOne + "FF FF FF FF 01 05 -- --"},
       {"text of 4 GiB", kFailed, text + "00 00 00 80"},
@@ -187,8 +186,7 @@ TEST_F(RichTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
   odd.Get().insert(odd.Get().begin(), 0);
   EXPECT_FALSE(Instance_UnpackBytes(nullptr, odd.Get().data() + 1, size, &made));
   EXPECT_EQ(made, nullptr);
-  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size,
-                                   &made));  // copied to an aligned address
+  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // copied
 }
 
 TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
