@@ -1,5 +1,5 @@
-// A batch beside what a program would use in its place: 1000 objects of 8 to 128 bytes, the first
-// word of each written, and then all of them freed at once. An item is an object.
+// Compares a batch with its alternatives: allocates 1000 objects of 8 to 128 bytes, writes the
+// first word of each, and frees all at once. An item is an object.
 #include <benchmark/benchmark.h>
 #include <google/protobuf/arena.h>
 #include <obstack.h>
@@ -25,7 +25,7 @@ std::vector<std::uint32_t> Sizes() {
   return sizes;
 }
 
-// `allocate` is given each size in turn.
+// Calls `allocate` with each size in turn.
 template <class Allocate>
 void Fill(const std::vector<std::uint32_t>& sizes, Allocate allocate) {
   for (const std::uint32_t size : sizes) {
@@ -86,7 +86,7 @@ void InMonotonicBuffer(benchmark::State& state) {
   });
 }
 
-// The least: a pointer moved through room for all of it.
+// The lower bound: a pointer advanced through preallocated memory.
 void InOneBlock(benchmark::State& state) {
   std::vector<std::uint64_t> room(1000 * 128 / 8);
   Time(state, [&](const auto& sizes) {

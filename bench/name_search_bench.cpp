@@ -1,6 +1,6 @@
-// Finding a property by its name, ignoring case, among 5, 32 and 200: the library's search beside a
-// hash map from names to indexes, which heeds the case, and beside the map that a caller who has
-// only a text must build a string for. An item is one name found; all names are asked for in turn.
+// Finds a property by its name, ignoring case, among 5, 32 and 200: the library's search, a
+// case-sensitive hash map from names to indexes, and the same map for a caller that must first
+// build a string from a text. An item is one name found; every name is searched in turn.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 
 using std::u16string;
 
-// Names as schemas have them: two or three words, of which many names share some.
+// Returns names like those of schemas: two or three words, some shared by many names.
 std::vector<u16string> MakeNames(std::size_t count) {
   static const char16_t* const kWords[] = {u"Current", u"Enabled",   u"Requested", u"System",
                                            u"Time",    u"Operation", u"Health",    u"State",
@@ -35,7 +35,7 @@ std::vector<u16string> MakeNames(std::size_t count) {
   return names;
 }
 
-// The order in which the names are asked for; the texts are the caller's own, at other addresses.
+// Returns the names in the order of the search, as copies at other addresses.
 std::vector<u16string> Shuffled(std::vector<u16string> names) {
   std::mt19937 random(7);
   std::shuffle(names.begin(), names.end(), random);

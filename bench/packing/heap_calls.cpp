@@ -1,4 +1,4 @@
-// malloc and realloc in front of the C library's own.
+// malloc and realloc that count and call the C library's.
 #include "bench/packing/heap_calls.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// How often the heap was asked, by anybody in the program.
+// Counts the heap allocations of the whole program.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -7,9 +7,10 @@
 
 namespace bench {
 
+// Returns the calls of malloc and realloc so far.
 std::uint64_t HeapCalls();
 
-// Tells a benchmark's calls for each iteration as its counter "heap_calls".
+// Reports the calls of each iteration of a benchmark as its counter "heap_calls".
 class CountsHeapCalls {
  public:
   explicit CountsHeapCalls(benchmark::State* state) : state_(state), before_(HeapCalls()) {}

@@ -33,7 +33,7 @@ constexpr Field kFields[] = {
     {u"Addresses", CIM_UINT32A}, {u"Owners", CIM_STRINGA},  {u"Octets", CIM_UINT8A},
     {u"Part", CIM_INSTANCE}};
 
-// A class as a schema would have it written out.
+// A class like that of a generated schema.
 class Class {
  public:
   template <std::size_t kCount>
@@ -65,7 +65,7 @@ class Class {
   std::vector<const PropertyDef*> pointers_;
 };
 
-// Stores the fields one after the other, borrowed from the plain record.
+// Stores the fields in order, borrowed from the plain record.
 class Stored {
  public:
   Stored(void* memory, const Class& of, Batch* batch) {
@@ -99,7 +99,7 @@ class Stored {
   bool isGood_;
 };
 
-// The record as an instance in memory of its own.
+// The record as an instance in preallocated memory.
 class RecordInstance {
  public:
   RecordInstance() { Batch_Init(&batch_, kNoPageLimit); }
@@ -158,7 +158,7 @@ void AddText(Sum* sum, const char16_t* text) {
   sum->AddText(text, std::char_traits<char16_t>::length(text));
 }
 
-// A value of any type but those of instances and lists of texts.
+// Adds a value of any type but those of instances and arrays of texts.
 void AddValue(Sum* sum, std::uint32_t type, const CimValue& value) {
   const ArrayValue& array = value.array;
   switch (type) {
@@ -239,7 +239,7 @@ bool AddWalked(Sum* sum, PackBuf* reader) {
   return Packed_ReadTail(reader) == RESULT_OK;
 }
 
-// Empties the buffer and packs into it again.
+// Clears the buffer and packs into it again.
 std::size_t Repack(const Instance* instance, PackBuf* buffer) {
   buffer->size = 0;
   const Result result = Instance_Pack(instance, false, nullptr, nullptr, buffer);
@@ -288,7 +288,7 @@ std::vector<std::uint64_t> PackedRecord(std::uint32_t* size) {
   return bytes;
 }
 
-// The bytes can be unpacked once, so a copy of them is made each time.
+// The bytes can be unpacked once, so each iteration copies them.
 void Unpack(benchmark::State& state) {
   std::uint32_t size = 0;
   const std::vector<std::uint64_t> packed = PackedRecord(&size);
@@ -316,7 +316,7 @@ void Walk(benchmark::State& state) {
   });
 }
 
-// What the transport does: the pages' bytes are copied once.
+// Stands for the transport: copies the pages' bytes once.
 Message* Ship(const Message* sent) {
   BatchPageInfo list[8];
   if (Batch_PageCount(sent->batch) > std::size(list)) return nullptr;
@@ -326,11 +326,11 @@ Message* Ship(const Message* sent) {
   for (std::size_t i = 0; i < count; ++i)
     std::memcpy(Batch_PageAt(batch, i), list[i].data, list[i].size);
   Message* made = nullptr;
-  (void)Message_Restore(batch, sent, list, count, false, &made);  // a failure leaves the message null
+  (void)Message_Restore(batch, sent, list, count, false, &made);  // a failure leaves a null
   return made;
 }
 
-// A request with the record: made ready, shipped, restored, read and dropped.
+// A request with the record: packed for sending, shipped, restored, read and dropped.
 void ShipMessage(benchmark::State& state) {
   RecordInstance record;
   Message* message = Message_Create(kCreateInstanceReq, Message_SizeOf(kCreateInstanceReq), 1, 0);

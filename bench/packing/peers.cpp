@@ -1,5 +1,5 @@
-// The peers of the packed form: protobuf with UTF-8, FlatBuffers with texts of 16 bits, and, as the
-// least that could do the work, fixed fields with a table of where the rest lies.
+// The peers of the packed form: protobuf with UTF-8, FlatBuffers with 16-bit texts, and, as the
+// lower bound, fixed fields with a table of offsets.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -162,7 +162,7 @@ void WalkFlatBuffers(benchmark::State& state) {
   });
 }
 
-// The floor: the fields of fixed size, and where each of the others lies, at multiples of 8.
+// The lower bound: fields of fixed size and the offsets of the others, at multiples of 8.
 struct Floor {
   std::uint64_t serial;
   std::int64_t balance;

@@ -1,6 +1,6 @@
-// The record that is packed and read: 23 properties of all kinds, one of which is a record again.
-// Whoever reads it adds up what it finds, so that every field is looked at and every form is seen
-// to hold the same.
+// The record that the benchmarks pack and read: 23 properties of all kinds, one of them a nested
+// record. A reader adds up all fields; the sum proves that every field was read and that all forms
+// are equal.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -12,7 +12,7 @@
 
 namespace bench {
 
-// A text for those that want 16 bits and for those that want 8.
+// A text in 16-bit and in 8-bit units.
 struct BothText {
   explicit BothText(const char* text) : narrow(text), wide(narrow.begin(), narrow.end()) {}
   std::string narrow;
@@ -54,7 +54,7 @@ inline const PlainRecord kRecord;
 
 class Sum {
  public:
-  // Numbers by their whole part; signed ones wrap alike everywhere.
+  // Adds the integer part of a number.
   template <class Number>
   void Add(Number number) {
     sum_ += static_cast<std::uint64_t>(static_cast<std::int64_t>(number));
@@ -91,7 +91,7 @@ inline std::uint64_t SumOf(const PlainRecord& record) {
   return sum.Get();
 }
 
-// Times `read`, which gives the sum of what it has read; ends with the bytes of the form.
+// Times `read`, which returns the sum of the fields. Reports `bytes`, the size of the form.
 template <class Read>
 void TimeReading(benchmark::State& state, std::size_t bytes, Read read) {
   const std::uint64_t expected = SumOf(kRecord);
@@ -101,7 +101,7 @@ void TimeReading(benchmark::State& state, std::size_t bytes, Read read) {
   state.counters["bytes"] = static_cast<double>(bytes);
 }
 
-// Times `pack`, which gives the number of bytes.
+// Times `pack`, which returns the number of bytes.
 template <class Pack>
 void TimePacking(benchmark::State& state, Pack pack) {
   std::size_t bytes = 0;

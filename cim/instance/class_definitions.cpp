@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 
 namespace stewardry::cim {
@@ -31,10 +32,11 @@ const ClassDef* MethodDef_AsClass(const MethodDef* method) {
   return reinterpret_cast<const ClassDef*>(method);
 }
 
-// Both readers go through the bytes: what stands there may be a record of the other type.
+// Both readers copy bytes, since the record may be of the other type.
 
 ClassDef ClassDef_CommonPart(const ClassDef* def) {
   static_assert(offsetof(ClassDef, superclassName) == offsetof(MethodDef, returnType));
+  assert(def != nullptr);
   ClassDef part{};
   std::memcpy(static_cast<void*>(&part), static_cast<const void*>(def),
               offsetof(ClassDef, superclassName));
@@ -43,8 +45,10 @@ ClassDef ClassDef_CommonPart(const ClassDef* def) {
 
 ParameterDef PropertyDef_CommonPart(const PropertyDef* const* properties, std::uint32_t index) {
   static_assert(sizeof(ParameterDef) == offsetof(PropertyDef, originClass));
+  assert(properties != nullptr);
   const void* entry = nullptr;
   std::memcpy(&entry, properties + index, sizeof entry);
+  assert(entry != nullptr);
   ParameterDef part{};
   std::memcpy(&part, entry, sizeof part);
   return part;

@@ -1,13 +1,14 @@
 // The records that describe a class: its properties, methods, parameters and qualifiers. A schema
-// writes them out as constant data, a class object holds a deep copy of them, and a dynamic
-// instance grows its own. All are read-only while anyone uses them, save the last kind.
+// is constant data, a class object holds a deep copy, and a dynamic instance grows records of its
+// own. The first two are read-only while in use; any thread may read them.
 //
 // Invariants:
-// 1. The layout is fixed (64-bit, little-endian), so that a schema may be produced by other tools.
+// 1. The layout is fixed (64-bit, little-endian): other tools may generate schemas.
 // 2. ClassDef and MethodDef agree up to `size`, PropertyDef and ParameterDef up to `offset`. An
 //    instance of a method's parameters is laid out through that common part alone.
 // 3. `nameCode` is Name_Code of `name`; a search compares it first.
-// 4. Arrays are arrays of pointers; a pointer and its count are both set or both empty.
+// 4. Arrays are arrays of pointers. A pointer and its count are both set, or null and 0.
+// 5. An `offset` is a multiple of CimType_Alignment of the type, and the slot ends within `size`.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +23,7 @@ struct ClassDef;
 struct MethodDef;
 struct SchemaDef;
 
-// What every definition but a qualifier begins with.
+// The common head of every definition except a qualifier.
 struct DefinitionHead {
   std::uint32_t flags = 0;  // element flags, FLAG_...
   std::uint32_t nameCode = 0;
@@ -32,8 +33,8 @@ struct DefinitionHead {
 struct QualifierDef {
   const char16_t* name = nullptr;
   std::uint32_t type = 0;       // CIM type code
-  std::uint32_t flavor = 0;     // bits of the schema's, see Qualifier_IsListed
-  const void* value = nullptr;  // the stored value, or empty
+  std::uint32_t flavor = 0;     // bits that the schema defines, see Qualifier_IsListed
+  const void* value = nullptr;  // the value in its stored form, or null
 };
 
 struct ParameterDef {
@@ -60,8 +61,8 @@ struct PropertyDef {
   std::uint32_t offset = 0;  // bytes from the body's start to the value slot
   const char16_t* originClass = nullptr;
   const char16_t* propagatorClass = nullptr;
-  // The default in its stored form, or empty: a scalar in place, a STRING, REFERENCE or INSTANCE as
-  // a cell that holds the pointer, an array as an ArrayValue.
+  // The default in its stored form, or null: a scalar in place, for a STRING, REFERENCE or INSTANCE
+  // the address of the pointer, for an array an ArrayValue.
   const void* value = nullptr;
 };
 
@@ -77,8 +78,8 @@ struct MethodDef {
   std::uint32_t returnType = 0;
   const char16_t* originClass = nullptr;
   const char16_t* propagatorClass = nullptr;
-  const SchemaDef* schema = nullptr;  // empty in copies
-  std::uintptr_t invoke = 0;          // the schema's own, copied as it is
+  const SchemaDef* schema = nullptr;  // null in copies
+  std::uintptr_t invoke = 0;          // defined by the schema, copied unchanged
 };
 
 struct ClassDef {
@@ -94,16 +95,16 @@ struct ClassDef {
   const ClassDef* superclass = nullptr;
   const MethodDef* const* methods = nullptr;
   std::uint32_t methodCount = 0;
-  const SchemaDef* schema = nullptr;  // empty in copies
-  std::uintptr_t extension = 0;       // the schema's own, copied as it is
+  const SchemaDef* schema = nullptr;  // null in copies
+  std::uintptr_t extension = 0;       // defined by the schema, copied unchanged
   std::uintptr_t owner = 0;  // kOwnerNone, kOwnerDynamic, or the address of the ClassObject
 };
 
-// What the library reads of a schema.
+// The part of a schema that the library reads.
 struct SchemaDef {
   const ClassDef* const* classes = nullptr;
   std::uint32_t classCount = 0;
-  // Records of another kind that begin like definitions.
+  // A second array, of records that begin with a DefinitionHead.
   const DefinitionHead* const* seconds = nullptr;
   std::uint32_t secondCount = 0;
 };
@@ -112,36 +113,38 @@ struct SchemaDef {
 constexpr std::uintptr_t kOwnerNone = 0;
 // `owner` of a dynamic instance's definition, and of a superclass that was copied along.
 constexpr std::uintptr_t kOwnerDynamic = ~std::uintptr_t{0};
-// A definition with one of these bits is a class of some kind.
+// A definition with one of these flags is a class.
 constexpr std::uint32_t kClassKinds = FLAG_CLASS | FLAG_KIND_10 | FLAG_KIND_20;
 
-// The index in `properties` of the first property with that name, ignoring case, or kNoIndex. An
-// empty definition, text or pointer gives kNoIndex.
+// Returns the index in `properties` of the first property with that name, ignoring case, or
+// kNoIndex. Returns kNoIndex for a null argument and an empty name.
 std::int64_t ClassDef_FindProperty(const ClassDef* def, const char16_t* name);
 
-// The same as a record, or empty.
+// Returns that property, or null.
 const PropertyDef* ClassDef_GetProperty(const ClassDef* def, const char16_t* name);
 
-// A method in the place of a class: its parameters, the return value first, take the place of
-// properties. The calls that say so take the result; anything past `size` must not be read.
+// Returns the method in the form of a class whose properties are the parameters, the return value
+// first. Only calls that name it in their contract accept the result; fields after `size` must not
+// be read.
 const ClassDef* MethodDef_AsClass(const MethodDef* method);
 
-// The part of a definition that a class and a method have in common, up to `size`, read so that
-// `def` may be either; the rest is empty. `properties` may then hold ParameterDefs, each to be read
-// by PropertyDef_CommonPart.
+// Returns the part that a class and a method have in common, up to `size`, for a `def` that may be
+// either. The rest is zeroed. `properties` may hold ParameterDefs: read each entry with
+// PropertyDef_CommonPart.
 ClassDef ClassDef_CommonPart(const ClassDef* def);
 
-// Entry `index` of such an array, up to `offset`.
+// Returns entry `index` of such an array, up to `offset`.
 ParameterDef PropertyDef_CommonPart(const PropertyDef* const* properties, std::uint32_t index);
 
-// The schema's class of that name, ignoring case, or empty; empty also for an empty argument.
+// Returns the schema's class of that name, ignoring case, or null. Returns null for a null
+// argument.
 const ClassDef* Schema_FindClass(const SchemaDef* schema, const char16_t* name);
 
-// The same in the schema's second array.
+// Returns the record of that name in the schema's second array, or null.
 const DefinitionHead* Schema_FindSecond(const SchemaDef* schema, const char16_t* name);
 
-// True for a qualifier whose flavor has bit 0x400 and whose name, ignoring case, is "Abstract",
-// "Deprecated", "Experimental", "Override", "Version" or "ClassVersion".
+// Returns true for a qualifier whose flavor has bit 0x400 and whose name, ignoring case, is
+// "Abstract", "Deprecated", "Experimental", "Override", "Version" or "ClassVersion".
 bool Qualifier_IsListed(const QualifierDef* qualifier);
 
 static_assert(sizeof(DefinitionHead) == 16 && sizeof(QualifierDef) == 24);

@@ -1,9 +1,10 @@
 #include "cim/instance/class_object.h"
 
+#include <cassert>
 #include <new>
 
 #include "cim/instance/definition_copy.h"
-#include "cim/instance/table_call.h"
+#include "cim/instance/operations.h"
 #include "cim/memory/atomic_counter.h"
 
 namespace stewardry::cim {
@@ -18,14 +19,15 @@ QualifierSet QualifiersOf(const MethodDef& method) {
 }
 
 template <class Value>
-Result GiveOut(const ClassObject* self, Value* out, Value ClassDef::*field) {
+Result StoreField(const ClassObject* self, Value* out, Value ClassDef::*field) {
   if (self == nullptr || out == nullptr) return RESULT_INVALID_PARAMETER;
+  assert(self->def != nullptr);
   *out = self->def->*field;
   return RESULT_OK;
 }
 
 Result ClassNameOf(const ClassObject* self, const char16_t** name) {
-  return GiveOut(self, name, &ClassDef::name);
+  return StoreField(self, name, &ClassDef::name);
 }
 
 Result NamespaceOf(const ClassObject* self, const char16_t** name) {
@@ -41,7 +43,7 @@ Result HostNameOf(const ClassObject* self, const char16_t** name) {
 }
 
 Result PropertyCountOf(const ClassObject* self, std::uint32_t* count) {
-  return GiveOut(self, count, &ClassDef::propertyCount);
+  return StoreField(self, count, &ClassDef::propertyCount);
 }
 
 Result PropertyAt(const ClassObject* self, std::uint32_t index, const char16_t** name,
@@ -78,7 +80,7 @@ Result ClassQualifiers(const ClassObject* self, QualifierSet* qualifiers) {
 }
 
 Result MethodCountOf(const ClassObject* self, std::uint32_t* count) {
-  return GiveOut(self, count, &ClassDef::methodCount);
+  return StoreField(self, count, &ClassDef::methodCount);
 }
 
 Result MethodAt(const ClassObject* self, std::uint32_t index, const char16_t** name,
@@ -105,7 +107,7 @@ Result FindMethod(const ClassObject* self, const char16_t* name, QualifierSet* q
 }
 
 Result SuperclassNameOf(const ClassObject* self, const char16_t** name) {
-  const Result result = GiveOut(self, name, &ClassDef::superclassName);
+  const Result result = StoreField(self, name, &ClassDef::superclassName);
   if (result != RESULT_OK) return result;
   return *name == nullptr ? RESULT_INVALID_SUPERCLASS : RESULT_OK;
 }
@@ -115,7 +117,9 @@ Result SuperclassOf(const ClassObject*, ClassObject**) { return RESULT_FAILED; }
 Result Delete(ClassObject* self) {
   if (self == nullptr) return RESULT_INVALID_PARAMETER;
   if (self->refs.load(std::memory_order_relaxed) == 0) return RESULT_OK;  // a view never changes
-  if (Atomic_Dec(&self->refs) != 0 || self->batch == nullptr) return RESULT_OK;
+  const std::uint64_t refs = Atomic_Dec(&self->refs);
+  assert(refs != UINT64_MAX);
+  if (refs != 0 || self->batch == nullptr) return RESULT_OK;
   ClassDef_Release(self->def);
   Batch_Destroy(self->batch);  // the object lies in it
   return RESULT_OK;
@@ -124,25 +128,20 @@ Result Delete(ClassObject* self) {
 Result Clone(ClassObject* self, ClassObject** clone) {
   if (self == nullptr || clone == nullptr) return RESULT_INVALID_PARAMETER;
   if (self->refs.load(std::memory_order_relaxed) == 0) return RESULT_FAILED;
-  static_cast<void>(Atomic_Inc(&self->refs));  // the count itself interests only the last Delete
+  [[maybe_unused]] const std::uint64_t refs = Atomic_Inc(&self->refs);
+  assert(refs > 1);
   *clone = self;
   return RESULT_OK;
 }
 
-bool CopyName(Batch* batch, const char16_t* name, const char16_t** copy) {
-  if (name == nullptr) return true;
-  *copy = Batch_DupText(batch, name);
-  return *copy != nullptr;
-}
-
-// A class object in `batch` with one reference, or empty.
+// Makes a class object in `batch` with one reference. Returns null if allocation fails.
 ClassObject* BuildIn(Batch* batch, const ClassDef* def, const char16_t* namespaceName,
                      const char16_t* hostName) {
-  void* room = Batch_AllocZero(batch, sizeof(ClassObject));
-  if (room == nullptr) return nullptr;
-  auto* made = new (room) ClassObject{&kClassOps, nullptr, nullptr, nullptr, batch, {1}};
-  if (!CopyName(batch, namespaceName, &made->namespaceName)) return nullptr;
-  if (!CopyName(batch, hostName, &made->hostName)) return nullptr;
+  void* block = Batch_AllocZero(batch, sizeof(ClassObject));
+  if (block == nullptr) return nullptr;
+  auto* made = new (block) ClassObject{&kClassOps, nullptr, nullptr, nullptr, batch, {1}};
+  if (!CopyOptionalText(batch, namespaceName, &made->namespaceName)) return nullptr;
+  if (!CopyOptionalText(batch, hostName, &made->hostName)) return nullptr;
   ClassDef* copy = ClassDef_Clone(batch, def);
   if (copy == nullptr) return nullptr;
   copy->owner = reinterpret_cast<std::uintptr_t>(made);
@@ -178,7 +177,7 @@ Result Class_View(ClassObject* view, const ClassDef* def) {
 }
 
 Result Class_Flags(const ClassObject* object, std::uint32_t* flags) {
-  return GiveOut(object, flags, &ClassDef::flags);
+  return StoreField(object, flags, &ClassDef::flags);
 }
 
 Result Class_Superclass(const ClassObject* object, ClassObject* view) {

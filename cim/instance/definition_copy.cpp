@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "cim/instance/instance.h"
+#include "cim/instance/operations.h"
 
 namespace stewardry::cim {
 namespace {
@@ -16,14 +18,8 @@ Record* AllocRecord(Batch* batch) {
 
 template <class Record>
 const Record** AllocTable(Batch* batch, std::uint64_t count) {
+  assert(count != 0);
   return static_cast<const Record**>(Batch_AllocZero(batch, count * sizeof(void*)));
-}
-
-// An empty text stays empty. False when memory fails.
-bool CloneText(Batch* batch, const char16_t* text, const char16_t** copy) {
-  if (text == nullptr) return true;
-  *copy = Batch_DupText(batch, text);
-  return *copy != nullptr;
 }
 
 bool CloneValue(Batch* batch, std::uint32_t type, const void* value, const void** copy) {
@@ -32,8 +28,8 @@ bool CloneValue(Batch* batch, std::uint32_t type, const void* value, const void*
   return *copy != nullptr;
 }
 
-// Copies an array of definitions that has both pointer and count. Each record is linked before
-// `fill` works on it, for the sake of ClassDef_Release.
+// Copies an array of definitions that has both pointer and count. Each record is linked before it
+// is filled, for ClassDef_Release.
 template <class Definition>
 bool CloneArray(Batch* batch, const Definition* const* source, std::uint32_t count,
                 const Definition* const** copy, std::uint32_t* copyCount,
@@ -44,6 +40,7 @@ bool CloneArray(Batch* batch, const Definition* const* source, std::uint32_t cou
   *copy = table;
   *copyCount = count;
   for (std::uint32_t i = 0; i < count; ++i) {
+    assert(source[i] != nullptr);
     auto* record = AllocRecord<Definition>(batch);
     if (record == nullptr) return false;
     table[i] = record;
@@ -55,35 +52,35 @@ bool CloneArray(Batch* batch, const Definition* const* source, std::uint32_t cou
 bool FillQualifier(Batch* batch, QualifierDef* copy, const QualifierDef& source) {
   copy->type = source.type;
   copy->flavor = source.flavor;
-  return CloneText(batch, source.name, &copy->name) &&
+  return CopyOptionalText(batch, source.name, &copy->name) &&
          CloneValue(batch, source.type, source.value, &copy->value);
 }
 
-// What properties, parameters, methods and classes begin with.
+// Fills the part that properties, parameters, methods and classes begin with.
 template <class Definition>
 bool FillHead(Batch* batch, Definition* copy, const Definition& source) {
   copy->flags = source.flags;
   copy->nameCode = source.nameCode;
-  return CloneText(batch, source.name, &copy->name) &&
+  return CopyOptionalText(batch, source.name, &copy->name) &&
          CloneArray(batch, source.qualifiers, source.qualifierCount, &copy->qualifiers,
                     &copy->qualifierCount, FillQualifier);
 }
 
-// What properties and parameters have in common behind the head.
+// Fills the part after the head that properties and parameters have in common.
 template <class Element>
 bool FillElement(Batch* batch, Element* copy, const Element& source) {
   copy->type = source.type;
   copy->maxSize = source.maxSize;
   copy->offset = source.offset;
   return FillHead(batch, copy, source) &&
-         CloneText(batch, source.referenceClass, &copy->referenceClass);
+         CopyOptionalText(batch, source.referenceClass, &copy->referenceClass);
 }
 
-// Where a property or a method comes from.
+// Fills the classes that a property or a method comes from.
 template <class Element>
 bool FillOrigin(Batch* batch, Element* copy, const Element& source) {
-  return CloneText(batch, source.originClass, &copy->originClass) &&
-         CloneText(batch, source.propagatorClass, &copy->propagatorClass);
+  return CopyOptionalText(batch, source.originClass, &copy->originClass) &&
+         CopyOptionalText(batch, source.propagatorClass, &copy->propagatorClass);
 }
 
 bool FillProperty(Batch* batch, PropertyDef* copy, const PropertyDef& source) {
@@ -105,14 +102,14 @@ bool FillClass(Batch* batch, ClassDef* copy, const ClassDef& source) {
   copy->size = source.size;
   copy->extension = source.extension;
   return FillHead(batch, copy, source) &&
-         CloneText(batch, source.superclassName, &copy->superclassName) &&
+         CopyOptionalText(batch, source.superclassName, &copy->superclassName) &&
          CloneArray(batch, source.properties, source.propertyCount, &copy->properties,
                     &copy->propertyCount, FillProperty) &&
          CloneArray(batch, source.methods, source.methodCount, &copy->methods, &copy->methodCount,
                     FillMethod);
 }
 
-// Fills `copy` and all classes above it.
+// Fills `copy` and copies its superclasses.
 bool FillClassChain(Batch* batch, ClassDef* copy, const ClassDef* source) {
   while (FillClass(batch, copy, *source)) {
     source = source->superclass;
@@ -154,12 +151,13 @@ void ReleaseMethods(const ClassDef& def) {
   }
 }
 
-bool IsInstanceType(std::uint32_t elementType) {
-  return elementType == CIM_REFERENCE || elementType == CIM_INSTANCE;
+bool IsPointerType(std::uint32_t elementType) {
+  return elementType == CIM_STRING || CimType_HoldsInstances(elementType);
 }
 
-// Copies what a pointer of the element type points to; an empty one stays empty.
+// Copies what a pointer of the element type points to. A null stays null.
 bool ClonePointer(Batch* batch, std::uint32_t elementType, const void* source, void** copy) {
+  assert(IsPointerType(elementType));
   if (source == nullptr) return true;
   if (elementType == CIM_STRING) {
     *copy = Batch_DupText(batch, static_cast<const char16_t*>(source));
@@ -185,13 +183,10 @@ bool ClonePointers(Batch* batch, std::uint32_t elementType, const void* source, 
   return true;
 }
 
-bool IsPointerType(std::uint32_t elementType) {
-  return elementType == CIM_STRING || IsInstanceType(elementType);
-}
-
-// Fills a zeroed ArrayValue. What a failure leaves behind is good for Value_ReleaseCell.
+// Fills a zeroed ArrayValue. After a failure Value_ReleaseCell releases what was copied.
 bool CloneArrayCell(Batch* batch, std::uint32_t type, const void* value, void* cell) {
-  const std::uint32_t elementType = type & ~CIM_ARRAY;
+  assert(type < kCimTypes && CimType_IsArray(type));
+  const std::uint32_t elementType = CimType_Element(type);
   ArrayValue source{};
   std::memcpy(&source, value, sizeof source);
   ArrayValue copy{};
@@ -210,13 +205,13 @@ bool CloneArrayCell(Batch* batch, std::uint32_t type, const void* value, void* c
 void DeleteAt(const void* place) {
   Instance* instance = nullptr;
   std::memcpy(&instance, place, sizeof(void*));
-  if (instance != nullptr)
-    static_cast<void>(Instance_Delete(instance));  // nothing else can be done
+  (void)Instance_Delete(instance);  // fails only for a null
 }
 
 }  // namespace
 
 ClassDef* ClassDef_Clone(Batch* batch, const ClassDef* def) {
+  assert(batch != nullptr && def != nullptr);
   auto* copy = AllocRecord<ClassDef>(batch);
   if (copy == nullptr) return nullptr;
   if (FillClassChain(batch, copy, def)) return copy;
@@ -237,7 +232,7 @@ void* Value_CloneCell(Batch* batch, std::uint32_t type, const void* value) {
   void* cell = Batch_AllocZero(batch, kElementSizes[type]);
   if (cell == nullptr) return nullptr;
   bool copied = true;
-  if ((type & CIM_ARRAY) != 0) {
+  if (CimType_IsArray(type)) {
     copied = CloneArrayCell(batch, type, value, cell);
   } else if (IsPointerType(type)) {
     copied = ClonePointers(batch, type, value, 1, cell);
@@ -250,8 +245,8 @@ void* Value_CloneCell(Batch* batch, std::uint32_t type, const void* value) {
 }
 
 void Value_ReleaseCell(std::uint32_t type, const void* cell) {
-  if (cell == nullptr || !IsInstanceType(type & ~CIM_ARRAY)) return;
-  if ((type & CIM_ARRAY) == 0) return DeleteAt(cell);
+  if (cell == nullptr || !CimType_HoldsInstances(type)) return;
+  if (!CimType_IsArray(type)) return DeleteAt(cell);
   ArrayValue array{};
   std::memcpy(&array, cell, sizeof array);
   if (array.data == nullptr) return;
@@ -265,11 +260,12 @@ std::uint64_t DynamicDef_Capacity(std::uint32_t count) {
 }
 
 ClassDef* DynamicDef_Copy(const ClassDef* def, Batch* batch) {
+  assert(batch != nullptr && def != nullptr);
   const ClassDef source = ClassDef_CommonPart(def);
   auto* copy = AllocRecord<ClassDef>(batch);
   auto** properties = AllocTable<PropertyDef>(batch, DynamicDef_Capacity(source.propertyCount));
   if (copy == nullptr || properties == nullptr) return nullptr;
-  if (!CloneText(batch, source.name, &copy->name)) return nullptr;
+  if (!CopyOptionalText(batch, source.name, &copy->name)) return nullptr;
   copy->nameCode = source.nameCode;
   copy->size = source.size;
   copy->owner = kOwnerDynamic;
@@ -284,7 +280,7 @@ ClassDef* DynamicDef_Copy(const ClassDef* def, Batch* batch) {
 
 PropertyDef* PropertyDef_CopyShallow(Batch* batch, const ParameterDef& source) {
   auto* copy = AllocRecord<PropertyDef>(batch);
-  if (copy == nullptr || !CloneText(batch, source.name, &copy->name)) return nullptr;
+  if (copy == nullptr || !CopyOptionalText(batch, source.name, &copy->name)) return nullptr;
   copy->nameCode = source.nameCode;
   copy->flags = source.flags;
   copy->type = source.type;
@@ -302,8 +298,9 @@ PropertyDef* PropertyDef_CopyShallow(Batch* batch, const ParameterDef& source) {
 }
 
 QualifierDef* QualifierDef_CopyShallow(Batch* batch, const QualifierDef* source) {
+  assert(source != nullptr);
   auto* copy = AllocRecord<QualifierDef>(batch);
-  if (copy == nullptr || !CloneText(batch, source->name, &copy->name)) return nullptr;
+  if (copy == nullptr || !CopyOptionalText(batch, source->name, &copy->name)) return nullptr;
   copy->type = source->type;
   copy->flavor = source->flavor;
   if (source->type != CIM_BOOLEAN) return copy;

@@ -1,6 +1,8 @@
 #include "cim/instance/definition_sets.h"
 
-#include "cim/instance/table_call.h"
+#include <cassert>
+
+#include "cim/instance/operations.h"
 #include "cim/value/names.h"
 
 namespace stewardry::cim {
@@ -44,7 +46,7 @@ QualifierSet QualifiersOf(const ParameterDef& parameter) {
   return QualifierSet_Of(parameter.qualifiers, parameter.qualifierCount);
 }
 
-// The number of parameters without the return value, which is element 0.
+// Element 0 is the return value.
 std::uint32_t CountWithoutReturn(const ParameterSet& set) {
   return set.count == 0 ? 0 : static_cast<std::uint32_t>(set.count - 1);
 }
@@ -106,10 +108,12 @@ const ParameterSetOps kParameterSetOps = {ReturnParameterOf, ParameterCountOf, P
                                           FindParameter, ParameterAtExt};
 
 QualifierSet QualifierSet_Of(const QualifierDef* const* qualifiers, std::uint32_t count) {
+  assert(count == 0 || qualifiers != nullptr);
   return {count, qualifiers, &kQualifierSetOps};
 }
 
 ParameterSet ParameterSet_Of(const MethodDef* method) {
+  assert(method->parameterCount == 0 || method->parameters != nullptr);
   return {method->parameterCount, method->parameters, &kParameterSetOps};
 }
 

@@ -1,5 +1,5 @@
-// Views of a definition's parameters and qualifiers, built in the caller's memory by the reads of a
-// class object. They own nothing: what they show lives and ends with the definition.
+// Views of a definition's parameters and qualifiers, which the read operations of a class object
+// build in the caller's memory. They own nothing and must not outlive the definition.
 #pragma once
 
 #include <cstdint>
@@ -25,38 +25,42 @@ struct ParameterSet {
   const ParameterSetOps* ops;
 };
 
-// The operations of a qualifier set, in the table's order. Each gives RESULT_INVALID_PARAMETER for
-// an empty set, name or required out pointer.
+// The operations of a qualifier set, in the table's order. Each returns RESULT_OK, or
+// RESULT_INVALID_PARAMETER for a null set, name or required out.
 struct QualifierSetOps {
-  // The number of qualifiers.
+  // Stores the number of qualifiers.
   Result (*QualifierCountOf)(const QualifierSet* self, std::uint32_t* count);
-  // One qualifier; all outs are required. The texts and what the value points to stay the
-  // definition's. RESULT_NOT_FOUND at or past the count.
+  // Stores one qualifier. All outs are required. The texts and what the value points to stay the
+  // definition's. Returns RESULT_NOT_FOUND for a wrong index.
   Result (*QualifierAt)(const QualifierSet* self, std::uint32_t index, const char16_t** name,
                         std::uint32_t* type, std::uint32_t* flavor, CimValue* value);
-  // The first qualifier of that name, ignoring case; the outs may be empty. RESULT_NOT_FOUND.
+  // Finds the first qualifier of that name, ignoring case. The outs may be null. Returns
+  // RESULT_NOT_FOUND for an unknown name.
   Result (*FindQualifier)(const QualifierSet* self, const char16_t* name, std::uint32_t* type,
                           std::uint32_t* flavor, CimValue* value, std::uint32_t* index);
 };
 
-// The operations of a parameter set, in the table's order. Each gives RESULT_INVALID_PARAMETER for
-// an empty set, name or required out pointer. Parameters are numbered from 0 without the return
-// value, whose name no search finds.
+// The operations of a parameter set, in the table's order. Each returns RESULT_OK, or
+// RESULT_INVALID_PARAMETER for a null set, name or required out. Parameters are numbered from 0
+// without the return value, whose name is not searched.
 struct ParameterSetOps {
-  // The return value; both outs are required. RESULT_NOT_FOUND for a set without one.
+  // Stores the return value. Both outs are required. Returns RESULT_NOT_FOUND for an empty set.
   Result (*ReturnParameterOf)(const ParameterSet* self, std::uint32_t* type,
                               QualifierSet* qualifiers);
-  // The number of parameters, 0 for an empty set.
+  // Stores the number of parameters without the return value, 0 for an empty set.
   Result (*ParameterCountOf)(const ParameterSet* self, std::uint32_t* count);
-  // One parameter; `referenceClass` may be empty. RESULT_NOT_FOUND past the end.
+  // Stores one parameter. Only `referenceClass` may be null. Returns RESULT_NOT_FOUND for a wrong
+  // index.
   Result (*ParameterAt)(const ParameterSet* self, std::uint32_t index, const char16_t** name,
                         std::uint32_t* type, const char16_t** referenceClass,
                         QualifierSet* qualifiers);
-  // The first parameter of that name, ignoring case; the outs may be empty. RESULT_NOT_FOUND.
+  // Finds the first parameter of that name, ignoring case. The outs may be null. Returns
+  // RESULT_NOT_FOUND for an unknown name.
   Result (*FindParameter)(const ParameterSet* self, const char16_t* name, std::uint32_t* type,
                           const char16_t** referenceClass, QualifierSet* qualifiers,
                           std::uint32_t* index);
-  // ParameterAt with the size limit and the flags; these two and `referenceClass` may be empty.
+  // As ParameterAt, and stores the size limit and the flags. These two and `referenceClass` may be
+  // null.
   Result (*ParameterAtExt)(const ParameterSet* self, std::uint32_t index, const char16_t** name,
                            std::uint32_t* type, std::uint32_t* maxSize,
                            const char16_t** referenceClass, QualifierSet* qualifiers,
@@ -67,16 +71,16 @@ static_assert(sizeof(QualifierSet) == 24 && sizeof(ParameterSet) == 24);
 static_assert(sizeof(QualifierSetOps) == 3 * sizeof(void*));
 static_assert(sizeof(ParameterSetOps) == 5 * sizeof(void*));
 
-// The one table of each kind.
+// The table of each kind.
 extern const QualifierSetOps kQualifierSetOps;
 extern const ParameterSetOps kParameterSetOps;
 
-// A view of `count` definitions.
+// Return a view of `count` definitions, and of a method's parameters.
 QualifierSet QualifierSet_Of(const QualifierDef* const* qualifiers, std::uint32_t count);
 ParameterSet ParameterSet_Of(const MethodDef* method);
 
-// The operations through the set's own table: RESULT_INVALID_PARAMETER for an empty set or table,
-// else what the operation of that name gives.
+// Call the operation of that name through the set's own table. Return RESULT_INVALID_PARAMETER for
+// a null set or table, and otherwise what the operation returns.
 Result QualifierSet_QualifierCountOf(const QualifierSet* set, std::uint32_t* count);
 Result QualifierSet_QualifierAt(const QualifierSet* set, std::uint32_t index, const char16_t** name,
                                 std::uint32_t* type, std::uint32_t* flavor, CimValue* value);

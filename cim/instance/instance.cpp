@@ -1,11 +1,13 @@
 #include "cim/instance/instance.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <new>
 
 #include "cim/instance/definition_copy.h"
 #include "cim/instance/instance_body.h"
+#include "cim/instance/operations.h"
 #include "cim/memory/atomic_counter.h"
 #include "cim/memory/heap.h"
 #include "cim/value/names.h"
@@ -13,19 +15,20 @@
 namespace stewardry::cim {
 namespace {
 
-// The part of the head that a wrapper is made with; the rest is filler.
+// The bytes of the head that a wrapper begins with. The rest is filler.
 constexpr std::size_t kHeadInUse = 56;
 static_assert(offsetof(Instance, ownsDef) < kHeadInUse);
-// The body that a dynamic instance begins with lies in a block that is kept.
+// The first body of a dynamic instance fits a block of the size that the heap keeps for reuse.
 static_assert(sizeof(BatchPage) + sizeof(InstanceHeader) + DynamicBodySize(INSTANCE_MIN_CAPACITY) <=
               kBodyBlockSize);
 
-// The batch of one call: the caller's, or one made for it that ends with the call unless it is
-// kept.
+// The batch of one call: the caller's, or one made for the call and destroyed with it unless an
+// instance takes it over.
 class CallBatch {
  public:
-  explicit CallBatch(Batch* given)
-      : batch_(given != nullptr ? given : Batch_Create(kNoPageLimit)), isMade_(given == nullptr) {}
+  explicit CallBatch(Batch* callersBatch)
+      : batch_(callersBatch != nullptr ? callersBatch : Batch_Create(kNoPageLimit)),
+        isMade_(callersBatch == nullptr) {}
   CallBatch(const CallBatch&) = delete;
   CallBatch& operator=(const CallBatch&) = delete;
   ~CallBatch() {
@@ -33,8 +36,9 @@ class CallBatch {
   }
 
   Batch* Get() const { return batch_; }
-  // Hands the batch on to the instance, which ends it if it was made here.
-  void KeepIn(Instance* handle) {
+  // Transfers the batch to the instance, which owns it if it was made here.
+  void TransferTo(Instance* handle) {
+    assert(batch_ != nullptr && handle->body->batch == batch_);
     handle->ownsBatch = handle->body->ownsBatch = isMade_ ? 1 : 0;
     batch_ = nullptr;
   }
@@ -47,6 +51,7 @@ class CallBatch {
 Result OkIf(const void* made) { return made != nullptr ? RESULT_OK : RESULT_FAILED; }
 
 Result ShareClassObject(Instance* body, const ClassDef& def) {
+  assert(def.owner != kOwnerNone && def.owner != kOwnerDynamic);
   ClassObject* clone = nullptr;
   const Result result = Class_Clone(reinterpret_cast<ClassObject*>(def.owner), &clone);
   if (result == RESULT_OK) body->def = clone->def;
@@ -64,8 +69,8 @@ Result CopyDynamic(Instance* body, const ClassDef* def, Batch* batch) {
   return OkIf(body->def);
 }
 
-// A new instance's own hold on a definition, which may be a method's.
-Result TakeDefinition(Instance* body, const ClassDef* def, Batch* batch) {
+// Shares or copies a definition, which may be a method's, for a new instance.
+Result AcquireDefinition(Instance* body, const ClassDef* def, Batch* batch) {
   if ((ClassDef_CommonPart(def).flags & kClassKinds) == 0) return CopyDynamic(body, def, batch);
   if (def->owner == kOwnerDynamic) return CopyClass(body, def, batch);
   if (def->owner != kOwnerNone) return ShareClassObject(body, *def);
@@ -73,25 +78,26 @@ Result TakeDefinition(Instance* body, const ClassDef* def, Batch* batch) {
   return RESULT_OK;
 }
 
-// A copy's hold on the definition of its source.
-Result TakeDefinitionOf(Instance* body, const Instance& source, Batch* batch) {
+// Shares or copies the source's definition for a copy.
+Result AcquireDefinitionOf(Instance* body, const Instance& source, Batch* batch) {
   if (source.def->owner == kOwnerDynamic) return CopyDynamic(body, source.def, batch);
   if (source.ownsDef != 0) return CopyClass(body, source.def, batch);
-  return TakeDefinition(body, source.def, batch);
+  return AcquireDefinition(body, source.def, batch);
 }
 
-// Gives the hold on a definition back that isn't a wrapper's.
-void DropDefinition(const Instance& body) {
+// Releases the definition of an instance that has no wrapper.
+void ReleaseDefinition(const Instance& body) {
   const ClassDef* def = body.def;
   if (body.ownsDef != 0) return ClassDef_Release(def);
   if ((def->flags & kClassKinds) == 0) return;
   if (def->owner == kOwnerNone || def->owner == kOwnerDynamic) return;
-  static_cast<void>(Class_Delete(reinterpret_cast<ClassObject*>(def->owner)));  // always succeeds
+  (void)Class_Delete(reinterpret_cast<ClassObject*>(def->owner));  // always succeeds
 }
 
-// Gives back what of a dynamic instance the batch can give back.
+// Releases the blocks of a dynamic instance that the batch can free early.
 void ReleaseDynamic(Instance* body, Batch* batch) {
   const ClassDef* def = body->def;
+  assert(def->owner == kOwnerDynamic);
   for (std::uint32_t i = 0; i < def->propertyCount; ++i) {
     Batch_Release(batch, def->properties[i]->name);
     Batch_Release(batch, def->properties[i]);
@@ -109,18 +115,24 @@ void DestroySlots(Instance* body) {
   }
 }
 
-bool CopyText(Batch* batch, const char16_t* text, const char16_t** copy) {
-  if (text == nullptr) return true;
-  *copy = Batch_DupText(batch, text);
-  return *copy != nullptr;
+// Returns true if every slot is aligned and lies within the definition's size.
+[[maybe_unused]] bool SlotsFit(const ClassDef& def) {
+  for (std::uint32_t i = 0; i < def.propertyCount; ++i) {
+    const ParameterDef property = PropertyDef_CommonPart(def.properties, i);
+    if (property.type >= kCimTypes) continue;  // such a property has no slot
+    if (property.offset < sizeof(Instance)) return false;
+    if (property.offset % CimType_Alignment(property.type) != 0) return false;
+    if (std::uint64_t{property.offset} + kSlotSizes[property.type] > def.size) return false;
+  }
+  return true;
 }
 
-// Texts, definition and values of a copy whose head is set up.
+// Copies texts, definition and values into a body whose head is set up.
 Result CopyContent(Instance* body, const Instance& source) {
   Batch* batch = body->batch;
-  if (!CopyText(batch, source.namespaceName, &body->namespaceName)) return RESULT_FAILED;
-  if (!CopyText(batch, source.hostName, &body->hostName)) return RESULT_FAILED;
-  const Result result = TakeDefinitionOf(body, source, batch);
+  if (!CopyOptionalText(batch, source.namespaceName, &body->namespaceName)) return RESULT_FAILED;
+  if (!CopyOptionalText(batch, source.hostName, &body->hostName)) return RESULT_FAILED;
+  const Result result = AcquireDefinitionOf(body, source, batch);
   if (result != RESULT_OK) return result;
   for (std::uint32_t i = 0; i < body->def->propertyCount; ++i) {
     const PropertyDef& property = *body->def->properties[i];
@@ -131,14 +143,14 @@ Result CopyContent(Instance* body, const Instance& source) {
   return RESULT_OK;
 }
 
-// A copy's body has room for a dynamic instance to grow into.
+// Returns the bytes of a copy's body, with room for a dynamic instance to grow.
 std::uint64_t CopySize(const ClassDef& def) {
   std::uint64_t slots = INSTANCE_MIN_CAPACITY;
   if (def.owner == kOwnerDynamic) slots = DynamicDef_Capacity(def.propertyCount);
   return std::max<std::uint64_t>(DynamicBodySize(slots), def.size);
 }
 
-// The one bit of a dynamic definition that tells its kind.
+// Returns the one flag of a dynamic definition that names its kind.
 std::uint32_t KindOf(std::uint32_t flags) {
   for (const std::uint32_t kind : {FLAG_KIND_10, FLAG_KIND_20, FLAG_METHOD}) {
     if ((flags & kind) != 0) return kind;
@@ -165,6 +177,7 @@ ClassDef* MakeDynamicDef(Batch* batch, const char16_t* className, std::uint32_t 
 bool Instance_IsWrapped(const Instance* instance) { return Instance_Body(instance) != instance; }
 
 Instance* Instance_AllocBody(Batch* batch, std::uint64_t size) {
+  assert(batch != nullptr && size >= sizeof(Instance));
   void* block = Batch_AllocZero(batch, size + sizeof(InstanceHeader));
   if (block == nullptr) return nullptr;
   auto* header = new (block) InstanceHeader{kInstanceMagic, 0, {1}};
@@ -174,6 +187,7 @@ Instance* Instance_AllocBody(Batch* batch, std::uint64_t size) {
 }
 
 Instance* Instance_Wrap(Instance* body, Batch* batch) {
+  assert(body->body == body);
   Instance* wrapper = Instance_AllocBody(batch, sizeof(Instance));
   if (wrapper == nullptr) return nullptr;
   std::memcpy(wrapper, body, kHeadInUse);
@@ -182,6 +196,7 @@ Instance* Instance_Wrap(Instance* body, Batch* batch) {
 }
 
 void Instance_SyncWrapper(Instance* wrapper, const Instance* body) {
+  assert(wrapper != body && body->body == body);
   *wrapper = *body;
   wrapper->body = const_cast<Instance*>(body);
 }
@@ -190,16 +205,18 @@ Result Instance_InitAt(void* memory, const ClassDef* def, Batch* batch) {
   if (memory == nullptr || def == nullptr) return RESULT_INVALID_PARAMETER;
   const std::uint32_t size = ClassDef_CommonPart(def).size;
   if (size < sizeof(Instance)) return RESULT_INVALID_PARAMETER;
+  assert(reinterpret_cast<std::uintptr_t>(memory) % alignof(Instance) == 0);
   CallBatch own(batch);
   if (own.Get() == nullptr) return RESULT_FAILED;
   std::memset(memory, 0, size);
   auto* body = new (memory) Instance{};
   body->ops = &kInstanceOps;
   body->body = body;
-  const Result result = TakeDefinition(body, def, own.Get());
+  const Result result = AcquireDefinition(body, def, own.Get());
   if (result != RESULT_OK) return result;
+  assert(SlotsFit(ClassDef_CommonPart(body->def)));
   body->batch = own.Get();
-  own.KeepIn(body);
+  own.TransferTo(body);
   return RESULT_OK;
 }
 
@@ -218,7 +235,7 @@ Result Instance_Create(Instance** made, const ClassDef* def, Batch* batch) {
     Batch_Release(own.Get(), Instance_Header(body));
     return result;
   }
-  own.KeepIn(body);
+  own.TransferTo(body);
   *made = body;
   return RESULT_OK;
 }
@@ -238,7 +255,7 @@ Result Instance_CreateDynamic(Instance** made, const char16_t* className, std::u
   body->batch = own.Get();
   Instance* wrapper = Instance_Wrap(body, own.Get());
   if (wrapper == nullptr) return RESULT_FAILED;
-  own.KeepIn(wrapper);
+  own.TransferTo(wrapper);
   *made = wrapper;
   return RESULT_OK;
 }
@@ -264,10 +281,10 @@ Result Instance_Copy(const Instance* instance, Instance** copy, Batch* batch) {
     result = OkIf(handle);
   }
   if (result != RESULT_OK) {
-    static_cast<void>(instance_ops::Delete(body));  // for the references it already holds
+    (void)instance_ops::Delete(body);  // releases the references that it already holds
     return result;
   }
-  own.KeepIn(handle);
+  own.TransferTo(handle);
   *copy = handle;
   return RESULT_OK;
 }
@@ -286,10 +303,10 @@ Result instance_ops::Dismantle(Instance* self) {
   Batch_Release(batch, body->namespaceName);
   if (body->def != nullptr) {
     DestroySlots(body);
-    if (self == body) DropDefinition(*body);
+    if (self == body) ReleaseDefinition(*body);
     if (self != body) ReleaseDynamic(body, batch);
   }
-  // The block that stays must not lead to what has gone. It may lie in the batch itself.
+  // The block that stays must not point to released memory. It may lie in the batch itself.
   *self = Instance{};
   self->ops = &kInstanceOps;
   self->body = self;
@@ -310,13 +327,17 @@ Result instance_ops::Delete(Instance* self) {
 
 void Instance_Retain(Instance* instance) {
   if (instance == nullptr) return;
-  static_cast<void>(Atomic_Inc(&Instance_Header(instance)->refs));  // only the last Drop reads it
+  assert(Instance_Header(instance)->magic == kInstanceMagic);
+  [[maybe_unused]] const std::uint64_t refs = Atomic_Inc(&Instance_Header(instance)->refs);
+  assert(refs > 1);
 }
 
 void Instance_Drop(Instance* instance) {
   if (instance == nullptr) return;
+  assert(Instance_Header(instance)->magic == kInstanceMagic);
+  assert(Instance_Header(instance)->refs.load() > 0);
   if (Atomic_Dec(&Instance_Header(instance)->refs) != 0) return;
-  static_cast<void>(Instance_Delete(instance));  // an instance with a reference has a content
+  (void)Instance_Delete(instance);  // an instance with a reference has content
 }
 
 Result Instance_SetClassName(Instance* instance, const char16_t* name) {

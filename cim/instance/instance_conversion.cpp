@@ -1,6 +1,6 @@
-// Instance_ConvertToClass. A nested instance is first rebuilt as an instance of its own in the
-// target's batch and then stored; a store copies, so what was rebuilt is deleted afterwards in any
-// case.
+// Instance_ConvertToClass. A nested instance is rebuilt in the target's batch and then stored. A
+// store copies, so the rebuilt instance is always deleted afterwards.
+#include <cassert>
 #include <cstring>
 
 #include "cim/instance/typed_instance.h"
@@ -10,7 +10,7 @@
 namespace stewardry::cim {
 namespace {
 
-// What stays the same for one target instance.
+// The parameters of the conversion of one target instance.
 struct Conversion {
   const SchemaDef* schema;  // of the target, for nested instances
   bool keysOnly;
@@ -20,7 +20,7 @@ struct Conversion {
   std::uint32_t depth;  // of the instances around this one
 };
 
-// The schema that a class or a method belongs to, which may be empty.
+// Stores the schema of a class or a method, which may be null.
 Result SchemaOf(const ClassDef* target, const SchemaDef** schema) {
   if ((target->flags & FLAG_METHOD) != 0) {
     *schema = reinterpret_cast<const MethodDef*>(target)->schema;
@@ -42,9 +42,9 @@ Result CopyNames(Instance* made, const Instance* source) {
   return stored ? RESULT_OK : RESULT_SERVER_LIMITS_EXCEEDED;
 }
 
-// Gives a key that the source lacks the default of the class. The new instance's own definition is
-// asked: for a method it is a copy that has no defaults, as parameters have none.
-Result TakeMissingKeys(Instance* made, const Instance* source) {
+// Stores the class' default in each key that the source lacks. Reads the new instance's definition:
+// for a method it is a copy without defaults, since parameters have none.
+Result StoreMissingKeys(Instance* made, const Instance* source) {
   const ClassDef& def = *made->def;
   for (std::uint32_t i = 0; i < def.propertyCount; ++i) {
     const PropertyDef& key = *def.properties[i];
@@ -61,7 +61,7 @@ Result TakeMissingKeys(Instance* made, const Instance* source) {
 }
 
 Result MatchKeys(Instance* made, const Instance* source) {
-  Result result = TakeMissingKeys(made, source);
+  Result result = StoreMissingKeys(made, source);
   std::uint32_t count = 0;
   if (result == RESULT_OK) result = Instance_PropertyCountOf(source, &count);
   for (std::uint32_t i = 0; i < count && result == RESULT_OK; ++i) {
@@ -77,8 +77,10 @@ Result MatchKeys(Instance* made, const Instance* source) {
 
 Result Fill(Instance* made, const Instance* source, bool skipKeyCheck, const Conversion& how);
 
-// A new instance in the batch, of the class in the schema that the source's class names.
+// Makes an instance in the batch, of the class in the schema that has the name of the source's
+// class.
 Result Rebuild(const Instance* source, bool skipKeyCheck, const Conversion& how, Instance** made) {
+  assert(how.batch != nullptr);
   if (how.depth >= kMaxConvertDepth) return RESULT_FAILED;
   const char16_t* className = nullptr;
   Result result = Instance_ClassNameOf(source, &className);
@@ -92,17 +94,17 @@ Result Rebuild(const Instance* source, bool skipKeyCheck, const Conversion& how,
   if (result == RESULT_OK) result = Instance_Create(made, target, how.batch);
   if (result != RESULT_OK) return result;
   result = Fill(*made, source, skipKeyCheck, inner);
-  if (result != RESULT_OK) (void)Instance_Delete(*made);  // the first failure is the one to report
+  if (result != RESULT_OK) (void)Instance_Delete(*made);  // the first failure is returned
   return result;
 }
 
-// Stores a rebuilt instance under the type that the target's property has.
+// Stores a rebuilt instance as the type of the target's property.
 Result StoreNested(Instance* made, const char16_t* name, Instance* nested) {
   std::uint32_t type = 0;
   const Result result = Instance_ReadProperty(made, name, nullptr, &type, nullptr, nullptr);
   if (result != RESULT_OK) return result;
   CimValue value{};
-  Instance* one[] = {nested};  // the set reads it and doesn't keep it
+  Instance* one[] = {nested};  // a set that copies only reads it
   switch (type) {
     case CIM_REFERENCE:
     case CIM_INSTANCE:
@@ -125,11 +127,11 @@ Result ConvertNested(Instance* made, const char16_t* name, const Instance* sourc
   Result result = Rebuild(source, skipKeyCheck, how, &nested);
   if (result != RESULT_OK) return result;
   result = StoreNested(made, name, nested);
-  (void)Instance_Delete(nested);  // always OK: it was made above
+  (void)Instance_Delete(nested);  // always succeeds: it was made above
   return result;
 }
 
-// An INSTANCEA also goes into a property of references.
+// An INSTANCEA may be stored in a REFERENCEA property too.
 Result StoreNestedArray(Instance* made, const char16_t* name, std::uint32_t type,
                         const ArrayValue& array) {
   CimValue value{};
@@ -144,7 +146,8 @@ Result ConvertNestedArray(Instance* made, const char16_t* name, std::uint32_t ty
   if (source.data == nullptr || source.size == 0)
     return StoreNestedArray(made, name, type, ArrayValue{});
   std::size_t size = 0;
-  if (Size_Mul(source.size, sizeof(void*), &size) != 0) return RESULT_SERVER_LIMITS_EXCEEDED;
+  if (Size_Mul(source.size, sizeof(void*), &size) != RESULT_OK)
+    return RESULT_SERVER_LIMITS_EXCEEDED;
   auto* table = static_cast<Instance**>(Batch_Alloc(how.batch, size));
   if (table == nullptr) return RESULT_SERVER_LIMITS_EXCEEDED;
 
@@ -157,13 +160,13 @@ Result ConvertNestedArray(Instance* made, const char16_t* name, std::uint32_t ty
   }
   if (result == RESULT_OK)
     result = StoreNestedArray(made, name, type, ArrayValue{table, source.size, 0});
-  while (done > 0) (void)Instance_Delete(table[--done]);  // always OK: they were made above
+  while (done > 0) (void)Instance_Delete(table[--done]);  // always succeeds: they were made above
   Batch_Release(how.batch, table);
   return result;
 }
 
-// Without elements there is no text to convert, and an array of any type that takes texts is empty
-// then, as arrays of the other types are.
+// An array without elements has no text to convert: it becomes an array without elements of any
+// type that texts convert to.
 Result ConvertTexts(Instance* made, const char16_t* name, const ArrayValue& source,
                     const Conversion& how) {
   if (source.data != nullptr && source.size != 0)
@@ -195,8 +198,9 @@ Result ConvertProperty(Instance* made, const char16_t* name, const CimValue& val
   }
 }
 
-// Steps that a new, empty instance takes to become the source's likeness.
+// Copies names, keys and properties of the source into a new instance.
 Result Fill(Instance* made, const Instance* source, bool skipKeyCheck, const Conversion& how) {
+  assert(made->body == made && made->batch == how.batch);
   Result result = CopyNames(made, source);
   if (result == RESULT_OK && !skipKeyCheck) result = MatchKeys(made, source);
   std::uint32_t count = 0;
@@ -214,14 +218,14 @@ Result Fill(Instance* made, const Instance* source, bool skipKeyCheck, const Con
   return result;
 }
 
-// The same in a batch of the instance's own, which ends with a failure; the memory then holds no
-// instance that a caller could take for one.
+// As Fill, for an instance with a batch of its own. A failure destroys the batch and clears the
+// memory.
 Result FillWithOwnBatch(Instance* made, const Instance* source, bool skipKeyCheck,
                         const Conversion& how) {
   made->ownsBatch = 1;
   const Result result = Fill(made, source, skipKeyCheck, how);
   if (result == RESULT_OK) return RESULT_OK;
-  (void)Instance_Dismantle(made);  // what it holds goes in any case
+  (void)Instance_Dismantle(made);  // always succeeds: it has a batch
   std::memset(static_cast<void*>(made), 0, sizeof *made);
   return result;
 }

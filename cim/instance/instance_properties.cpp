@@ -1,4 +1,7 @@
-// The operations table of the library's instances.
+// The properties of an instance: the operations table with the calls through it, arrays filled by
+// elements, and keys.
+#include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -6,7 +9,7 @@
 #include "cim/instance/definition_copy.h"
 #include "cim/instance/instance.h"
 #include "cim/instance/instance_body.h"
-#include "cim/instance/table_call.h"
+#include "cim/instance/operations.h"
 #include "cim/value/names.h"
 
 namespace stewardry::cim {
@@ -28,13 +31,11 @@ Result ClassNameOf(const Instance* self, const char16_t** name) {
   return RESULT_OK;
 }
 
-// Replaces one of the body's texts by a copy of `text`, or by empty. False when memory fails.
+// Replaces one of the body's texts by a copy of `text`, which may be null. Returns false and keeps
+// the old text if allocation fails.
 bool ReplaceText(Instance* body, const char16_t** field, const char16_t* text) {
   const char16_t* copy = nullptr;
-  if (text != nullptr) {
-    copy = Batch_DupText(body->batch, text);
-    if (copy == nullptr) return false;
-  }
+  if (!CopyOptionalText(body->batch, text, &copy)) return false;
   Batch_Release(body->batch, *field);
   *field = copy;
   return true;
@@ -85,7 +86,7 @@ Result StorePropertyAt(Instance* self, std::uint32_t index, const CimValue* valu
   return ValueSlot_Assign(Instance_Slot(body, property), type, value, flags, body->batch);
 }
 
-// The index of the property with that name. The results are those of the calls by name.
+// Stores the index of the property with that name. Returns the failures of the operations by name.
 Result FindByName(const Instance* self, const char16_t* name, std::uint32_t* index) {
   const Instance* body = Instance_LiveBody(self);
   if (body == nullptr || name == nullptr) return RESULT_INVALID_PARAMETER;
@@ -150,9 +151,11 @@ Result ClearProperty(Instance* self, const char16_t* name) {
   return result != RESULT_OK ? result : ClearPropertyAt(self, index);
 }
 
-// Makes room for one property more, which may move the body. The body, or empty when memory fails.
-Instance* MakeRoom(Instance* wrapper, ClassDef* def) {
+// Reserves room for one more property, which may move the body. Returns the body, or null if
+// allocation fails.
+Instance* ReserveSlot(Instance* wrapper, ClassDef* def) {
   Instance* body = wrapper->body;
+  assert(wrapper != body && body->def == def && def->owner == kOwnerDynamic);
   const std::uint32_t count = def->propertyCount;
   if (count < DynamicDef_Capacity(count)) return body;
   const std::uint64_t oldTable = std::uint64_t{count} * sizeof(void*);
@@ -183,8 +186,9 @@ PropertyDef* MakeProperty(Batch* batch, const char16_t* name, std::uint32_t type
   return property;
 }
 
-// Puts the property behind the last, as a null.
+// Appends the property as a null. Requires a reserved slot.
 void AppendProperty(Instance* body, ClassDef* def, PropertyDef* property) {
+  assert(property->offset == DynamicBodySize(def->propertyCount) && def->size == property->offset);
   const_cast<const PropertyDef**>(def->properties)[def->propertyCount] = property;
   ++def->propertyCount;
   def->size += DYNAMIC_SLOT_SIZE;
@@ -199,9 +203,10 @@ Result AddProperty(Instance* self, const char16_t* name, const CimValue* value, 
   if (!Name_IsValid(name) || type >= kCimTypes) return RESULT_INVALID_PARAMETER;
   if (ClassDef_FindProperty(body->def, name) != kNoIndex) return RESULT_ALREADY_EXISTS;
   ClassDef* def = Instance_PrivateDef(body);
+  assert(def != nullptr);
   const std::uint64_t offset = DynamicBodySize(def->propertyCount);
   if (offset + DYNAMIC_SLOT_SIZE > std::numeric_limits<std::uint32_t>::max()) return RESULT_FAILED;
-  body = MakeRoom(self, def);
+  body = ReserveSlot(self, def);
   if (body == nullptr) return RESULT_FAILED;
   PropertyDef* property =
       MakeProperty(body->batch, name, type, flags, static_cast<std::uint32_t>(offset));
@@ -216,6 +221,16 @@ Result MakeClassObject(const Instance* self, ClassObject** made) {
   const Instance* body = Instance_LiveBody(self);
   if (body == nullptr) return RESULT_INVALID_PARAMETER;
   return Class_FromDef(body->def, body->namespaceName, body->hostName, made);
+}
+
+bool IsKey(const PropertyDef* property) { return (property->flags & FLAG_KEY) != 0; }
+
+// Returns true if `b` has the key `key` of `a`, with the same type and an equal value.
+bool HasEqualKey(const Instance* a, const PropertyDef& key, const Instance* b) {
+  assert(IsKey(&key));
+  const PropertyDef* other = ClassDef_GetProperty(b->def, key.name);
+  if (other == nullptr || !IsKey(other) || other->type != key.type) return false;
+  return ValueSlot_Equal(Instance_Slot(a, key), Instance_Slot(b, *other), key.type);
 }
 
 }  // namespace
@@ -241,7 +256,7 @@ Result Instance_ReserveArray(Instance* instance, const char16_t* name, std::uint
   const PropertyDef& property = *body->def->properties[found];
   const std::uint32_t type = elementType | CIM_ARRAY;
   if (property.type != type) return RESULT_TYPE_MISMATCH;
-  // The room comes first, so that the old value goes only when nothing can fail any more.
+  // Allocates first: the old value is released only when nothing can fail any more.
   CimValue empty{};
   void* data = nullptr;
   if (capacity > 0) {
@@ -276,8 +291,116 @@ Result Instance_AppendToArray(Instance* instance, std::uint32_t index, const voi
   if (result != RESULT_OK) return result;
   ++value.array.size;
   std::memcpy(static_cast<void*>(slot), &value.array, sizeof value.array);
-  reinterpret_cast<std::uint8_t*>(slot)[sizeof value.array] = 1;  // `present`
+  reinterpret_cast<std::uint8_t*>(slot)[sizeof(ArrayValue)] = 1;  // `present`
   return RESULT_OK;
+}
+
+std::uint32_t Instance_KeyCount(const Instance* instance) {
+  const Instance* body = Instance_LiveBody(instance);
+  if (body == nullptr || body->def->propertyCount == 0) return 0;
+  const PropertyDef* const* first = body->def->properties;
+  return static_cast<std::uint32_t>(std::count_if(first, first + body->def->propertyCount, IsKey));
+}
+
+bool Instance_KeysComplete(const Instance* instance) {
+  std::uint32_t count = 0;
+  if (Instance_PropertyCountOf(instance, &count) != RESULT_OK) return false;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    std::uint32_t flags = 0;
+    if (Instance_PropertyAt(instance, i, nullptr, nullptr, nullptr, &flags) != RESULT_OK)
+      return false;
+    if ((flags & FLAG_KEY) != 0 && (flags & FLAG_NULL) != 0) return false;
+  }
+  return true;
+}
+
+bool Instance_KeysEqual(const Instance* a, const Instance* b) {
+  const Instance* left = Instance_LiveBody(a);
+  const Instance* right = Instance_LiveBody(b);
+  if (left == nullptr || right == nullptr) return false;
+  const std::uint32_t count = Instance_KeyCount(left);
+  if (count == 0 || count != Instance_KeyCount(right)) return false;
+  const PropertyDef* const* first = left->def->properties;
+  return std::all_of(first, first + left->def->propertyCount, [&](const PropertyDef* property) {
+    return !IsKey(property) || HasEqualKey(left, *property, right);
+  });
+}
+
+Result Instance_Clone(const Instance* instance, Instance** clone) {
+  return CallThroughTable(instance, &InstanceOps::Clone, clone);
+}
+
+Result Instance_Dismantle(Instance* instance) {
+  return CallThroughTable(instance, &InstanceOps::Dismantle);
+}
+
+Result Instance_Delete(Instance* instance) {
+  return CallThroughTable(instance, &InstanceOps::Delete);
+}
+
+Result Instance_IsKindOf(const Instance* instance, const ClassDef* def, bool* isKind) {
+  return CallThroughTable(instance, &InstanceOps::IsKindOf, def, isKind);
+}
+
+Result Instance_ClassNameOf(const Instance* instance, const char16_t** name) {
+  return CallThroughTable(instance, &InstanceOps::ClassNameOf, name);
+}
+
+Result Instance_SetNamespace(Instance* instance, const char16_t* name) {
+  return CallThroughTable(instance, &InstanceOps::SetNamespace, name);
+}
+
+Result Instance_NamespaceOf(const Instance* instance, const char16_t** name) {
+  return CallThroughTable(instance, &InstanceOps::NamespaceOf, name);
+}
+
+Result Instance_PropertyCountOf(const Instance* instance, std::uint32_t* count) {
+  return CallThroughTable(instance, &InstanceOps::PropertyCountOf, count);
+}
+
+Result Instance_AddProperty(Instance* instance, const char16_t* name, const CimValue* value,
+                            std::uint32_t type, std::uint32_t flags) {
+  return CallThroughTable(instance, &InstanceOps::AddProperty, name, value, type, flags);
+}
+
+Result Instance_StoreProperty(Instance* instance, const char16_t* name, const CimValue* value,
+                              std::uint32_t type, std::uint32_t flags) {
+  return CallThroughTable(instance, &InstanceOps::StoreProperty, name, value, type, flags);
+}
+
+Result Instance_StorePropertyAt(Instance* instance, std::uint32_t index, const CimValue* value,
+                                std::uint32_t type, std::uint32_t flags) {
+  return CallThroughTable(instance, &InstanceOps::StorePropertyAt, index, value, type, flags);
+}
+
+Result Instance_ReadProperty(const Instance* instance, const char16_t* name, CimValue* value,
+                             std::uint32_t* type, std::uint32_t* flags, std::uint32_t* index) {
+  return CallThroughTable(instance, &InstanceOps::ReadProperty, name, value, type, flags, index);
+}
+
+Result Instance_PropertyAt(const Instance* instance, std::uint32_t index, const char16_t** name,
+                           CimValue* value, std::uint32_t* type, std::uint32_t* flags) {
+  return CallThroughTable(instance, &InstanceOps::PropertyAt, index, name, value, type, flags);
+}
+
+Result Instance_ClearProperty(Instance* instance, const char16_t* name) {
+  return CallThroughTable(instance, &InstanceOps::ClearProperty, name);
+}
+
+Result Instance_ClearPropertyAt(Instance* instance, std::uint32_t index) {
+  return CallThroughTable(instance, &InstanceOps::ClearPropertyAt, index);
+}
+
+Result Instance_HostNameOf(const Instance* instance, const char16_t** name) {
+  return CallThroughTable(instance, &InstanceOps::HostNameOf, name);
+}
+
+Result Instance_SetHostName(Instance* instance, const char16_t* name) {
+  return CallThroughTable(instance, &InstanceOps::SetHostName, name);
+}
+
+Result Instance_MakeClassObject(const Instance* instance, ClassObject** made) {
+  return CallThroughTable(instance, &InstanceOps::MakeClassObject, made);
 }
 
 }  // namespace stewardry::cim

@@ -1,6 +1,7 @@
 #include "cim/instance/typed_instance.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -15,7 +16,7 @@
 namespace stewardry::cim {
 namespace {
 
-constexpr std::size_t kOctetHead = 4;  // the total length in front of an octet string's content
+constexpr std::size_t kOctetHead = 4;  // bytes of the total length before an octet string's content
 
 void StoreOctetLength(std::uint32_t length, std::uint8_t* head) {
   for (std::size_t i = 0; i < kOctetHead; ++i)
@@ -32,7 +33,7 @@ struct HeapDeleter {
 };
 using HeapBytes = std::unique_ptr<std::uint8_t, HeapDeleter>;
 
-// An octet string on its way into a property, which stores a copy.
+// Owns an octet string until a property has stored a copy.
 struct OctetString {
   OctetString() = default;
   OctetString(const OctetString&) = delete;
@@ -46,7 +47,7 @@ Result TypeOfProperty(const Instance* instance, const char16_t* name, std::uint3
   return Instance_ReadProperty(instance, name, nullptr, type, nullptr, nullptr);
 }
 
-// Whether the property's own class says that it holds an octet string.
+// Stores whether the property's definition has the qualifier of octet strings with the value true.
 Result HasOctetQualifier(const Instance* instance, const char16_t* name, bool* has) {
   ClassObject* object = nullptr;
   const ClassDef* def = Instance_Body(instance)->def;
@@ -61,12 +62,12 @@ Result HasOctetQualifier(const Instance* instance, const char16_t* name, bool* h
          QualifierSet_FindQualifier(&qualifiers, u"Octetstring", &type, nullptr, &value, nullptr) ==
              RESULT_OK &&
          type == CIM_BOOLEAN && value.boolean != 0;
-  (void)Class_Delete(object);  // what comes out of a qualifier set ends here
+  (void)Class_Delete(object);  // always succeeds; `qualifiers` and `value` end here
   return result;
 }
 
-// Decodes Base64 text into an octet string. RESULT_FAILED, with a line in the log, for a text that
-// is none and when memory fails.
+// Decodes Base64 text into an octet string. Returns RESULT_FAILED for any other text and if
+// allocation fails; all but a failed allocation of the narrow text are logged.
 Result DecodeOctets(const char16_t* text, OctetSink* sink) {
   const std::u16string_view units(text);
   const HeapBytes narrow(static_cast<std::uint8_t*>(Heap_Allocate(units.size() + 1)));
@@ -77,7 +78,7 @@ Result DecodeOctets(const char16_t* text, OctetSink* sink) {
     LibLog_Base64DecFailed("", 0);
     return RESULT_FAILED;
   }
-  // Nothing decoded: the empty octet string, which is its length alone.
+  // Nothing was decoded: the empty octet string consists of its length.
   if (sink->data == nullptr && OctetSink_Append(narrow.get(), 0, sink) != 0) {
     LibLog_OutOfMemory("", 0);
     return RESULT_FAILED;
@@ -94,8 +95,8 @@ Result SetOctetString(Instance* instance, const char16_t* name, const char16_t* 
   return Instance_StoreProperty(instance, name, &value, CIM_UINT8A, FLAG_ADOPT);
 }
 
-// Converts the texts and stores them. The block of the converted values is given back in any case,
-// because a set copies.
+// Converts the texts and stores them. The block of converted values is always released, since a set
+// copies.
 Result SetConvertedArray(Instance* instance, const char16_t* name, std::uint32_t type,
                          const char16_t* const* texts, std::uint32_t count) {
   const TextConverter convert = TextConverters[CimType_Element(type)];
@@ -103,9 +104,10 @@ Result SetConvertedArray(Instance* instance, const char16_t* name, std::uint32_t
   const std::size_t elementSize = kElementSizes[CimType_Element(type)];
   std::size_t places = 0;
   std::size_t size = 0;
-  if (Size_Add(count, 1, &places) != 0 || Size_Mul(places, elementSize, &size) != 0)
+  if (Size_Add(count, 1, &places) != RESULT_OK || Size_Mul(places, elementSize, &size) != RESULT_OK)
     return RESULT_SERVER_LIMITS_EXCEEDED;
   Batch* batch = Instance_Body(instance)->batch;
+  assert(batch != nullptr);
   auto* block = static_cast<std::uint8_t*>(Batch_Alloc(batch, size));
   if (block == nullptr) return RESULT_SERVER_LIMITS_EXCEEDED;
 
@@ -125,7 +127,7 @@ Result SetConvertedArray(Instance* instance, const char16_t* name, std::uint32_t
 Result SetTexts(Instance* instance, const char16_t* name, const char16_t* const* texts,
                 std::uint32_t count) {
   CimValue value{};
-  // A set with copy reads the table and doesn't keep it.
+  // A set that copies only reads the table.
   value.array = ArrayValue{const_cast<const char16_t**>(texts), count, 0};
   return Instance_StoreProperty(instance, name, &value, CIM_STRINGA, 0);
 }
@@ -159,11 +161,11 @@ Result Instance_SetArrayFromTexts(Instance* instance, const char16_t* name,
   if (result != RESULT_OK) return result;
   if (!CimType_IsArray(type)) return RESULT_TYPE_MISMATCH;
 
-  // The class is looked at only where its answer counts.
+  // The class object is expensive, so it is made only where the qualifier matters.
   if (type == CIM_UINT8A && (textFlags & kTextOctetString) != 0) {
     bool isOctetString = false;
-    const Result looked = HasOctetQualifier(instance, name, &isOctetString);
-    if (looked != RESULT_OK) return looked;
+    const Result read = HasOctetQualifier(instance, name, &isOctetString);
+    if (read != RESULT_OK) return read;
     if (isOctetString && (count == 0 || texts[0] == nullptr)) return RESULT_INVALID_PARAMETER;
     if (isOctetString) return SetOctetString(instance, name, texts[0]);
   }
@@ -189,9 +191,11 @@ int OctetSink_Append(const std::uint8_t* chunk, std::size_t length, void* sink) 
   auto* octets = static_cast<OctetSink*>(sink);
   auto* old = static_cast<std::uint8_t*>(octets->data);
   const std::size_t held = old == nullptr ? kOctetHead : LoadOctetLength(old);
+  assert(octets->size == (old == nullptr ? 0 : held));
+  assert(length == 0 || chunk != nullptr);
   std::size_t total = 0;
   std::uint8_t* block = nullptr;
-  if (Size_Add(held, length, &total) == 0 && total <= UINT32_MAX)
+  if (Size_Add(held, length, &total) == RESULT_OK && total <= UINT32_MAX)
     block = static_cast<std::uint8_t*>(Heap_Reallocate(old, total));
   if (block == nullptr) {
     Heap_Free(old);

@@ -1,4 +1,3 @@
-// Names, sizes and fields, by tag.
 #include "cim/message/message_table.h"
 
 #include <iterator>
@@ -67,7 +66,7 @@ static_assert(std::size(kMessages) == kMessageTags);
 
 constexpr bool HasInstance(const MessageFieldRow& row) { return row.kind >= mft_instance; }
 
-// Every field lies behind the head and inside its record, and each word at a multiple of its size.
+// Returns true if every field lies after the head, inside its record and at a multiple of its size.
 constexpr bool IsInside(const MessageFieldRow* row, std::uint64_t from, std::uint64_t size) {
   for (; row->kind != mft_end; ++row) {
     if (row->field < from || row->field + 8 > size || row->field % 8 != 0) return false;

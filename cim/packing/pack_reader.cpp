@@ -1,5 +1,5 @@
-// The reader of a PackBuf, and the steps of a walk over a packed instance. Every step takes its
-// bytes through Pack_Take, which alone moves the position.
+// The reader of a PackBuf and the out-of-line steps of a walk. The data are untrusted: every step
+// takes its bytes through Pack_Take, which checks the bounds.
 #include <cstring>
 
 #include "cim/packing/pack_buffer.h"
@@ -9,7 +9,7 @@
 namespace stewardry::cim {
 namespace {
 
-// Takes back what a step has taken when the step fails later.
+// Restores the reader's position unless the step is done.
 class Step {
  public:
   explicit Step(PackBuf* reader) : reader_(reader), before_(reader->offset) {}
@@ -18,7 +18,10 @@ class Step {
   ~Step() {
     if (result_ != RESULT_OK) reader_->offset = before_;
   }
-  Result Done() { return result_ = RESULT_OK; }
+  Result Done() {
+    result_ = RESULT_OK;
+    return result_;
+  }
 
  private:
   PackBuf* reader_;
@@ -34,12 +37,13 @@ Result GetArray(PackBuf* reader, const Element** data, std::uint32_t* count) {
   return result;
 }
 
-// The bytes that the texts take by their offsets, if each lies behind the one before, holds whole
-// units and ends with a terminator, and all end within `room`; else none.
+// Returns the bytes of the texts, or 0 unless the offsets increase, each text has whole units and a
+// terminator, and all end within `room` bytes.
 std::uint64_t TextBytes(const PackedTexts& found, std::uint64_t room) {
   std::uint64_t end = 0;
   for (std::uint32_t i = 1; i <= found.count; ++i) {
-    const std::uint64_t next = found.offsets[i] - found.offsets[0];  // wraps to more than any room
+    // A decrease wraps to more than `room`.
+    const std::uint64_t next = found.offsets[i] - found.offsets[0];
     if (next <= end || next > room || next % sizeof(char16_t) != 0) return 0;
     if (found.texts[next / sizeof(char16_t) - 1] != 0) return 0;
     end = next;
@@ -59,7 +63,7 @@ Result GetTexts(PackBuf* reader, PackedTexts* texts) {
     found.texts = reinterpret_cast<const char16_t*>(found.offsets + entries);
     const std::uint64_t bytes = TextBytes(found, reader->size - reader->offset);
     if (bytes == 0) return RESULT_FAILED;
-    (void)Pack_Take(reader, 1, bytes);  // there are as many
+    (void)Pack_Take(reader, 1, bytes);  // cannot fail: TextBytes checked the bound
   }
   *texts = found;
   return step.Done();
@@ -113,8 +117,8 @@ Result PackBuf_GetStrA(PackBuf* buffer, const char16_t* const** data, std::uint3
   *data = nullptr;
   *count = texts.count;
   if (texts.count == 0) return RESULT_OK;
-  // The table lies in the reader's own bytes, which may be changed. An entry and a pointer are both
-  // of 64 bits, and the entry for the end becomes a pointer too.
+  // The table lies in the reader's bytes, which may be changed. An entry and a pointer both have 64
+  // bits, and the entry for the end becomes a pointer too.
   auto* entries = const_cast<std::uint64_t*>(texts.offsets);
   auto* pointers = reinterpret_cast<const char16_t**>(entries);
   static_assert(sizeof *pointers == sizeof *entries);

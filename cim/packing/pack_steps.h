@@ -1,8 +1,9 @@
-// The steps of packing and unpacking, in a header because packing and a walk are made of little
-// else. Pack_Extend and Pack_Take are the two on which every write to a PackBuf and every read from
-// one rests: little else moves `size` on or `offset`, or compares with a bound.
+// The inline steps of packing and unpacking. Every write to a PackBuf goes through Pack_Extend and
+// nearly every read through Pack_Take: they check the bounds and advance `size` and `offset`.
 #pragma once
 
+#include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -11,17 +12,17 @@
 
 namespace stewardry::cim {
 
-// The next multiple of `alignment`, a power of two.
+// Returns the next multiple of `alignment`, a power of two.
 constexpr std::uint64_t Pack_Align(std::uint64_t position, std::uint32_t alignment) {
+  assert(std::has_single_bit(alignment) && alignment <= 8);
   return (position + alignment - 1) & ~(alignment - 1ULL);
 }
 
-// Zeroes the filler from `place` on, and what follows it up to kFillerRoom bytes: content is stored
-// afterwards.
+// Zeroes kFillerRoom bytes: the filler and the start of the content, which is stored afterwards.
 inline void Pack_ZeroFiller(std::uint8_t* place) { std::memset(place, 0, kFillerRoom); }
 
-// Moves a writer's `size` to the next multiple of `alignment` and on by `bytes`, which start at
-// *place. False, and nothing moved, when there is no room to be had.
+// Advances a writer's `size` to the next multiple of `alignment` and by `bytes`, and stores their
+// start in *place. Returns false and changes nothing if there is no room and allocation fails.
 inline bool Pack_Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t bytes,
                         std::uint8_t** place) {
   const std::uint64_t start = Pack_Align(buffer->size, alignment);
@@ -30,23 +31,30 @@ inline bool Pack_Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t 
     if (end > kMaxPackCapacity) return false;
     if (PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) != RESULT_OK) return false;
   }
+  assert(buffer->data != nullptr && end <= buffer->capacity);
   if (start != buffer->size) Pack_ZeroFiller(buffer->data + buffer->size);
   *place = buffer->data + start;
   buffer->size = static_cast<std::uint32_t>(end);
   return true;
 }
 
-// A reader's next `bytes` bytes from the next multiple of `alignment`; empty, and the position
-// unmoved, when there aren't as many.
+// Returns true if alignment in the bytes is alignment in memory.
+inline bool Pack_IsAligned(const void* data) {
+  return reinterpret_cast<std::uintptr_t>(data) % 8 == 0;
+}
+
+// Returns a reader's next `bytes` bytes from the next multiple of `alignment` on and advances the
+// position. Returns null and leaves the position if there are fewer.
 inline std::uint8_t* Pack_Take(PackBuf* reader, std::uint32_t alignment, std::uint64_t bytes) {
+  assert(Pack_IsAligned(reader->data) && reader->offset <= reader->size);
   const std::uint64_t start = Pack_Align(reader->offset, alignment);
   if (start > reader->size || bytes > reader->size - start) return nullptr;
   reader->offset = static_cast<std::uint32_t>(start + bytes);
   return reader->data + start;
 }
 
-// std::memcpy for the few bytes of a name or a short text, without the call: two pieces, which may
-// overlap, from both ends. A loop would cost more in guesses at its last turn.
+// Copies the few bytes of a name or a short text without a call to std::memcpy: two pieces, which
+// may overlap, from both ends. A loop would cost a mispredicted branch at its end.
 inline void Pack_CopyShort(std::uint8_t* to, const void* from, std::size_t bytes) {
   const auto* source = static_cast<const std::uint8_t*>(from);
   if (bytes < 8 || bytes > 32) {
@@ -60,7 +68,7 @@ inline void Pack_CopyShort(std::uint8_t* to, const void* from, std::size_t bytes
   }
 }
 
-// The length of a text in units, four tests for each turn of the loop.
+// Returns the length of a text in units, with four tests in each iteration.
 inline std::size_t Pack_TextLength(const char16_t* text) {
   for (const char16_t* unit = text;; unit += 4) {
     if (unit[0] == 0) return static_cast<std::size_t>(unit - text);
@@ -70,7 +78,7 @@ inline std::size_t Pack_TextLength(const char16_t* text) {
   }
 }
 
-// A number at the alignment of its width.
+// Appends a number at the alignment of its width.
 template <class Number>
 inline Result Pack_PutNumber(PackBuf* buffer, Number value) {
   std::uint8_t* place = nullptr;
@@ -79,14 +87,15 @@ inline Result Pack_PutNumber(PackBuf* buffer, Number value) {
   return RESULT_OK;
 }
 
-// A count and elements of `width` bytes, as Pack_GetElements reads them. All or nothing: a count
-// without its elements would be read as one.
+// Appends a count and elements of `width` bytes, as Pack_GetElements reads them, in one extension:
+// a count must not remain without its elements.
 inline Result Pack_PutElements(PackBuf* buffer, std::uint32_t width, std::uint32_t alignment,
                                const void* elements, std::uint32_t count) {
+  assert(alignment <= width || width == sizeof(CimDatetime));
   if (count != 0 && elements == nullptr) return RESULT_FAILED;
   const std::uint64_t start = Pack_Align(buffer->size, sizeof count);
-  const std::uint64_t behindCount = start + sizeof count;
-  const std::uint64_t at = (count == 0 ? behindCount : Pack_Align(behindCount, alignment)) - start;
+  const std::uint64_t afterCount = start + sizeof count;
+  const std::uint64_t at = (count == 0 ? afterCount : Pack_Align(afterCount, alignment)) - start;
   const std::uint64_t bytes = std::uint64_t{count} * width;
   std::uint8_t* place = nullptr;
   if (!Pack_Extend(buffer, sizeof count, at + bytes, &place)) return RESULT_FAILED;
@@ -96,7 +105,7 @@ inline Result Pack_PutElements(PackBuf* buffer, std::uint32_t width, std::uint32
   return RESULT_OK;
 }
 
-// A count of units, `length` units and a terminator.
+// Appends a count of units, `length` units and a terminator.
 inline Result Pack_PutUnits(PackBuf* buffer, const char16_t* units, std::uint32_t length) {
   const std::uint32_t count = length + 1;
   const std::uint64_t bytes = std::uint64_t{length} * sizeof(char16_t);
@@ -109,7 +118,7 @@ inline Result Pack_PutUnits(PackBuf* buffer, const char16_t* units, std::uint32_
   return RESULT_OK;
 }
 
-// A text item; an empty pointer is the count 0.
+// Appends a text. A null text is the count 0.
 inline Result Pack_PutText(PackBuf* buffer, const char16_t* text) {
   if (text == nullptr) return Pack_PutNumber(buffer, std::uint32_t{0});
   const std::size_t length = Pack_TextLength(text);
@@ -117,7 +126,7 @@ inline Result Pack_PutText(PackBuf* buffer, const char16_t* text) {
   return Pack_PutUnits(buffer, text, static_cast<std::uint32_t>(length));
 }
 
-// A number at any address.
+// Loads a number from an address of any alignment.
 template <class Number>
 Number Pack_Load(const void* bytes) {
   Number number;
@@ -125,8 +134,7 @@ Number Pack_Load(const void* bytes) {
   return number;
 }
 
-// What the reader's calls are made of.
-
+// Reads a number at the alignment of its width.
 template <class Number>
 inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
   const std::uint8_t* place = Pack_Take(reader, sizeof *value, sizeof *value);
@@ -135,8 +143,8 @@ inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
   return RESULT_OK;
 }
 
-// An array of plain elements of `width` bytes, aligned to `alignment`. Elements of 64 bits alone
-// can want an alignment that the count hasn't.
+// Reads an array of plain elements of `width` bytes. The count leaves the position aligned to 4, so
+// only 64-bit elements need an `alignment`.
 inline Result Pack_GetElements(PackBuf* reader, std::uint32_t width, std::uint32_t alignment,
                                void** data, std::uint32_t* count) {
   const std::uint32_t before = reader->offset;
@@ -145,31 +153,43 @@ inline Result Pack_GetElements(PackBuf* reader, std::uint32_t width, std::uint32
   void* place = nullptr;
   if (found != 0) {
     place = Pack_Take(reader, alignment, std::uint64_t{found} * width);
-    if (place == nullptr) return reader->offset = before, RESULT_FAILED;
+    if (place == nullptr) {
+      reader->offset = before;
+      return RESULT_FAILED;
+    }
   }
   *data = place;
   *count = found;
   return RESULT_OK;
 }
 
+// Reads a text and its length without the terminator; a null and 0 for the count 0.
 inline Result Pack_GetText(PackBuf* reader, const char16_t** text, std::uint32_t* length) {
   const std::uint32_t before = reader->offset;
   std::uint32_t count = 0;
   if (Pack_GetNumber(reader, &count) != RESULT_OK) return RESULT_FAILED;
-  if (count == 0) return *text = nullptr, *length = 0, RESULT_OK;
-  // Aligned to 2, since the count before it was aligned to 4.
+  if (count == 0) {
+    *text = nullptr;
+    *length = 0;
+    return RESULT_OK;
+  }
+  // Aligned to 2, since the count before it is aligned to 4.
   const auto* units = reinterpret_cast<const char16_t*>(
       Pack_Take(reader, 1, std::uint64_t{count} * sizeof(char16_t)));
-  if (units == nullptr || units[count - 1] != 0) return reader->offset = before, RESULT_FAILED;
+  if (units == nullptr || units[count - 1] != 0) {
+    reader->offset = before;
+    return RESULT_FAILED;
+  }
   *text = units;
   *length = count - 1;
   return RESULT_OK;
 }
 
-// A scalar value at the alignment of its width; a date and time at that of its words. What follows
-// lies where the value ends: a branch on the type lets the processor go on there before it has
-// loaded the type, where a width from a table would be waited for.
+// Reads a number, boolean or date-time at its alignment. The position of the next item depends on
+// the type: with a predicted branch the processor continues before the type is loaded, with a width
+// from a table it would wait.
 inline Result Pack_GetScalar(PackBuf* reader, std::uint32_t type, CimValue* value) {
+  assert(type < CIM_STRING);
   switch (type) {
     case CIM_BOOLEAN:
     case CIM_UINT8:

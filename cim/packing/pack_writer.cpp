@@ -1,4 +1,4 @@
-// The writer of a PackBuf: a heap block that doubles, filled from its start.
+// The writer of a PackBuf: a heap block whose capacity doubles.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -14,8 +14,9 @@ BatchPage* BlockOf(const PackBuf* buffer) {
   return buffer->data == nullptr ? nullptr : reinterpret_cast<BatchPage*>(buffer->data) - 1;
 }
 
-// Puts a block of `capacity` bytes behind its header in place of the present one.
+// Replaces the block by one with room for `capacity` bytes after its header, with the old content.
 Result Resize(PackBuf* buffer, std::uint32_t capacity) {
+  assert(capacity <= kMaxPackCapacity && buffer->capacity <= kMaxPackCapacity);
   const std::size_t bytes = sizeof(BatchPage) + std::size_t{capacity} + kFillerRoom;
   auto* block = static_cast<BatchPage*>(Heap_Reallocate(BlockOf(buffer), bytes));
   if (block == nullptr) return RESULT_FAILED;
@@ -27,6 +28,7 @@ Result Resize(PackBuf* buffer, std::uint32_t capacity) {
 
 Result PutAligned(PackBuf* buffer, std::uint32_t alignment, const void* bytes,
                   std::uint64_t length) {
+  assert(length == 0 || bytes != nullptr);
   std::uint8_t* place = nullptr;
   if (!Pack_Extend(buffer, alignment, length, &place)) return RESULT_FAILED;
   if (length != 0) std::memcpy(place, bytes, static_cast<std::size_t>(length));
@@ -42,8 +44,9 @@ Result PutArray(PackBuf* buffer, const Element* elements, std::uint32_t count) {
   return Pack_PutElements(buffer, sizeof(Element), alignof(Element), elements, count);
 }
 
-// The table of offsets and then the texts.
+// Appends the table of offsets and the texts.
 Result PutTexts(PackBuf* buffer, const char16_t* const* texts, std::uint32_t count) {
+  assert(texts != nullptr && count != 0);
   const std::uint64_t tableBytes = (std::uint64_t{count} + 1) * sizeof(std::uint64_t);
   std::uint8_t* table = nullptr;
   std::uint8_t* place = nullptr;
@@ -56,10 +59,11 @@ Result PutTexts(PackBuf* buffer, const char16_t* const* texts, std::uint32_t cou
   }
   std::memcpy(table + count * sizeof end, &end, sizeof end);
   if (!Pack_Extend(buffer, 1, end, &place)) return RESULT_FAILED;
-  table = place - tableBytes;  // where it is now
+  table = place - tableBytes;  // the extension may have moved it
   for (std::uint32_t i = 0; i < count; ++i) {
     const auto from = Pack_Load<std::uint64_t>(table + i * sizeof end);
     const auto to = Pack_Load<std::uint64_t>(table + (i + 1) * sizeof end);
+    assert(from < to && to <= end);
     Pack_CopyShort(place + from, texts[i], static_cast<std::size_t>(to - from));
   }
   return RESULT_OK;
@@ -84,7 +88,7 @@ Result PackBuf_Reserve(PackBuf* buffer, std::uint32_t capacity) {
 BatchPage* PackBuf_TakeBlock(PackBuf* buffer) {
   BatchPage* block = BlockOf(buffer);
   buffer->data = nullptr;
-  buffer->capacity = 0;  // the next thing put asks for a block
+  buffer->capacity = 0;  // the next write allocates a block
   return block;
 }
 

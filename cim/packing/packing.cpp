@@ -1,7 +1,8 @@
-// Instance_Pack: a property after another, each value by its type.
 #include "cim/packing/packing.h"
 
+#include <cassert>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "cim/instance/instance_body.h"
@@ -10,7 +11,7 @@
 namespace stewardry::cim {
 namespace {
 
-// The result of a method comes back under another name than the one it has among the parameters.
+// The return value of a method is packed under another name than the parameter has.
 constexpr std::u16string_view kResultParameter = u"LumoReturn";
 constexpr const char16_t* kResultName = u"ReturnValue";
 constexpr std::uint32_t kOutParameter = FLAG_PARAMETER | FLAG_OUT;
@@ -21,7 +22,7 @@ struct Selection {
   PackFilter filter;
   void* filterData;
 
-  bool Takes(const PropertyDef& property) const {
+  bool Includes(const PropertyDef& property) const {
     if (keysOnly) return (property.flags & FLAG_KEY) != 0;
     return filter == nullptr || !filter(property.name, filterData);
   }
@@ -33,16 +34,18 @@ const char16_t* NameOf(const PropertyDef& property) {
   return name[0] == kResultParameter[0] && name == kResultParameter ? kResultName : name;
 }
 
-// Name_Length, which seldom has more to do than this.
+// Name_Length with its usual case inline.
 std::uint32_t LengthOf(const char16_t* name, std::uint32_t code) {
+  assert(std::char_traits<char16_t>::length(name) >= (code & 0xFF));
   const std::uint32_t known = code & 0xFF;
   return name[known] == 0 ? known : Name_Length(name, code);
 }
 
-// Flags, name, type and `present` of a property, and behind them a number's `width` bytes, in one
-// extension of the buffer. `width` is 0 when no number follows.
+// Appends flags, name, type and `present` of a property, and a number's `width` bytes, in one
+// extension of the buffer. `width` is 0 if no number follows.
 Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uint8_t present,
                 std::uint32_t width, PackBuf* buffer) {
+  assert(width == 0 || width == kElementSizes[property.type]);
   const char16_t* name = NameOf(property);
   const std::uint32_t count = LengthOf(name, property.nameCode) + 1;
   const std::uint64_t nameBytes = std::uint64_t{count} * sizeof(char16_t);
@@ -62,7 +65,7 @@ Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uin
   return RESULT_OK;
 }
 
-// By the width of the elements; signed and floating-point ones have the form of unsigned ones.
+// Appends elements by their width: signed and floating-point ones have the form of unsigned ones.
 Result PackPlainArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   if (array.data == nullptr) return RESULT_FAILED;
   const std::uint32_t width = kElementSizes[CimType_Element(type)];
@@ -91,8 +94,9 @@ Result PackArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   return PackBuf_PutStrA(buffer, static_cast<const char16_t**>(array.data), array.size);
 }
 
-// A value of another type than those of numbers.
+// Appends a value of any type but those of numbers.
 Result PackValue(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
+  assert(type >= CIM_DATETIME && type < kCimTypes);
   if (type == CIM_STRING) return Pack_PutText(buffer, Pack_Load<const char16_t*>(slot));
   if (CimType_IsArray(type)) return PackArray(type, Pack_Load<ArrayValue>(slot), buffer);
   if (type == CIM_DATETIME) {
@@ -103,7 +107,7 @@ Result PackValue(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) 
   return nested == nullptr ? RESULT_FAILED : PackNested(nested, type, buffer);
 }
 
-// The property's head, and the value of its slot unless `present` is 0.
+// Appends the property's head, and the value of its slot unless `present` is 0.
 Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* buffer) {
   const std::uint32_t type = property.type;
   if (type >= kCimTypes) return RESULT_FAILED;
@@ -116,8 +120,8 @@ Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* 
   return present == 0 || isNumber ? RESULT_OK : PackValue(type, slot, buffer);
 }
 
-// The properties, and before them how many they are, which only the last of them tells: a filter is
-// asked once about each.
+// Appends the number of properties and the properties. The number is stored last: the filter is
+// called once for each property.
 Result PackProperties(const Instance* body, const Selection& selection, PackBuf* buffer) {
   if (Pack_PutNumber(buffer, std::uint32_t{0}) != RESULT_OK) return RESULT_FAILED;
   const std::uint32_t countAt = buffer->size - static_cast<std::uint32_t>(sizeof(std::uint32_t));
@@ -126,7 +130,7 @@ Result PackProperties(const Instance* body, const Selection& selection, PackBuf*
   const std::uint32_t propertyCount = body->def->propertyCount;
   for (std::uint32_t i = 0; i < propertyCount; ++i) {
     const PropertyDef& property = *properties[i];
-    if (!selection.Takes(property)) continue;
+    if (!selection.Includes(property)) continue;
     const Result result = PackProperty(body, property, buffer);
     if (result != RESULT_OK) return result;
     ++count;
@@ -164,8 +168,12 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
   Result result = PackBuf_Init(&buffer, kPackCapacity);
   if (result != RESULT_OK) return result;
   result = Instance_Pack(instance, false, filter, filterData, &buffer);
-  if (result != RESULT_OK) return PackBuf_Destroy(&buffer), result;
+  if (result != RESULT_OK) {
+    PackBuf_Destroy(&buffer);
+    return result;
+  }
   BatchPage* page = PackBuf_TakeBlock(&buffer);
+  assert(page != nullptr);
   page->size = buffer.size & 0x7FFFFFFF;
   Batch_AttachPage(batch, page);
   *bytes = page + 1;

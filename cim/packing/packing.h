@@ -1,14 +1,13 @@
-// Instances in the packed form, in which they travel between processes: a flat sequence of bytes
-// without pointers, see pack_buffer.h for its rules and packed_walk.h for reading it in place.
+// Instances in the packed form, which is sent between processes: a flat sequence of bytes without
+// pointers. pack_buffer.h defines the items, packed_walk.h reads them in place.
 //
 //   head            INSTANCE_PACK_HEAD
 //   class           flags, name, name space (texts)
 //   property count
-//   each property   flags, name (text), type, present (a byte), the value if it is present
+//   each property   flags, name (text), type, present (a byte), the value if present
 //   tail            INSTANCE_PACK_TAIL
 //
-// An instance that is unpacked without copying borrows its texts and arrays from the bytes: they
-// must stay in place as long as it lives.
+// One thread at a time uses an instance, a buffer and a batch.
 #pragma once
 
 #include <cstdint>
@@ -21,50 +20,56 @@
 
 namespace stewardry::cim {
 
-// True leaves the property out. `filterData` is the caller's.
+// Returns true to leave the property out. Called once for each property.
 using PackFilter = bool (*)(const char16_t* propertyName, void* filterData);
 
-// The most properties of an instance that is unpacked. Each new name is compared with those before
-// it, so bytes from anyone could ask for hours of that.
+// The largest number of properties that is unpacked. Each new name is compared with those before
+// it: without a limit untrusted bytes could cost hours.
 constexpr std::uint32_t kMaxUnpackedProperties = 4096;
 
-// What Instance_PackToBatch first asks for, so that most instances fit without growing.
+// The first capacity in Instance_PackToBatch. Most instances fit.
 constexpr std::uint32_t kPackCapacity = 16384;
 
-// Appends the instance to a writer: with `keysOnly` its key properties and no others, else those
-// that the filter, if there is one, doesn't leave out. A nested REFERENCE has its keys only, a
-// nested INSTANCE everything. A parameter that goes out and is named "LumoReturn" is packed as
-// "ReturnValue". RESULT_INVALID_PARAMETER for an empty instance or buffer and for an empty element
-// of a REFERENCEA or INSTANCEA. RESULT_FAILED when memory fails; for a present REFERENCE or
-// INSTANCE without an instance; and for a present array without data, save a STRINGA, REFERENCEA or
-// INSTANCEA of size 0. After a failure the buffer's content is undefined.
-// Instances more than kMaxPackedDepth inside one another, or with more than kMaxUnpackedProperties,
-// are packed, but not read back.
+// Appends the instance to a writer: with `keysOnly` the key properties, otherwise those that the
+// filter, which may be null, does not leave out. A nested REFERENCE is packed with its keys only, a
+// nested INSTANCE with all properties. An outgoing parameter named "LumoReturn" is packed as
+// "ReturnValue". Returns RESULT_OK; RESULT_INVALID_PARAMETER for a null instance or buffer and for
+// a null element of a REFERENCEA or INSTANCEA; RESULT_FAILED if allocation fails, for a present
+// REFERENCE or INSTANCE without an instance, and for a present array without data, except a
+// STRINGA, REFERENCEA or INSTANCEA of size 0. After a failure the buffer's content is undefined.
+// Nesting deeper than kMaxPackedDepth and more than kMaxUnpackedProperties properties are packed,
+// but cannot be unpacked.
 Result Instance_Pack(const Instance* instance, bool keysOnly, PackFilter filter, void* filterData,
                      PackBuf* buffer);
 
-// Packs all that the filter lets pass into a page of its own at the head of the batch's list, and
-// stores the packed bytes' address and number. RESULT_INVALID_PARAMETER for an empty batch or out
-// pointer too; a failure leaves the batch as it was.
+// Packs the instance, without the properties that the filter leaves out, into a page of its own at
+// the head of the batch's list, and stores the address and number of the packed bytes. Returns what
+// Instance_Pack returns, and RESULT_INVALID_PARAMETER for a null batch or out. A failure leaves the
+// batch unchanged.
 Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* filterData,
                             Batch* batch, void** bytes, std::uint32_t* size);
 
-// Reads one instance from the reader's position and makes it a dynamic one in `batch`, or, if that
-// is empty, in one of its own with everything nested in it. Without `copy` names, texts and arrays
-// are borrowed from the bytes, and each property's flags get FLAG_BORROW; with it they lose it, and
-// the class of a nested instance has no flags, as in any copy. A property with FLAG_NULL becomes a
-// null, whatever its value. The texts of a STRINGA are made pointers in place: bytes that hold one
-// are read once.
-// RESULT_INVALID_PARAMETER for an empty argument, bytes that aren't aligned to 8, a wrong tail, a
-// bad class name or property name; RESULT_ALREADY_EXISTS for a property twice; RESULT_FAILED when
-// memory fails, for bytes that end too soon or have a wrong head, a type above 31, a text without
-// its end, offsets out of order, more than kMaxPackedDepth instances inside one another, or more
-// than kMaxUnpackedProperties properties in one. After a failure *made is empty, and a batch given
-// keeps what was built. Memory is bounded by the bytes.
+// Reads one instance at the reader's position and makes a dynamic instance, with the instances
+// nested in it, in `batch` or, if that is null, in a batch of its own. The bytes are untrusted; the
+// memory used is proportional to them.
+// - Without `copy`: names, texts and arrays are borrowed from the bytes, which must stay in place
+//   as long as the instance exists. Each property's flags get FLAG_BORROW.
+// - With `copy`: everything is copied. Flags lose FLAG_BORROW, and the class of a nested instance
+//   has no flags, as in any copy.
+// A property with FLAG_NULL becomes a null, with or without a value. The offsets of a STRINGA are
+// replaced by pointers in place: bytes that hold one can be read once.
+//
+// Returns RESULT_OK. Otherwise stores null, keeps what was built in the caller's batch, and returns
+// - RESULT_INVALID_PARAMETER for a null argument, bytes not aligned to 8, a wrong tail, and an
+//   invalid class or property name;
+// - RESULT_ALREADY_EXISTS for two properties of one name;
+// - RESULT_FAILED if allocation fails, and for bytes that end too soon, a wrong head, a wrong type,
+//   a text without terminator, offsets that decrease, nesting deeper than kMaxPackedDepth, and more
+//   than kMaxUnpackedProperties properties.
 Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy);
 
-// The same without copying, over `size` bytes; true for RESULT_OK. Bytes at an address that isn't
-// aligned to 8 are moved into the batch first, and refused without one.
+// Unpacks `size` bytes without copying and returns true on success. Bytes not aligned to 8 are
+// first copied into the batch, and refused if `batch` is null.
 bool Instance_UnpackBytes(Batch* batch, void* bytes, std::uint32_t size, Instance** made);
 
 }  // namespace stewardry::cim

@@ -1,5 +1,6 @@
-// Instance_Unpack: the walk over the bytes, and the instance that is built on the way.
+// Instance_Unpack: walks over untrusted bytes and builds the instance on the way.
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <new>
 
@@ -11,24 +12,22 @@
 namespace stewardry::cim {
 namespace {
 
-// One call of Instance_Unpack, and where it stands.
+// The state of one call of Instance_Unpack.
 struct Unpacking {
   PackBuf* reader;
-  Batch* batch;         // empty until the outermost instance has made its own
-  bool copy;            // of names, texts and arrays
-  std::uint32_t depth;  // instances that are being read, one inside the other
-  // What is left of the block of records that is being used up.
+  Batch* batch;         // null until the outermost instance has made its own
+  bool copy;            // names, texts and arrays
+  std::uint32_t depth;  // the nesting of the instance that is being read
+  // The unused rest of the current block of records.
   PropertyDef* records;
   std::uint32_t recordsLeft;
 };
 
-bool HoldsInstances(std::uint32_t type) { return CimType_Element(type) >= CIM_REFERENCE; }
-
-// *made is set as soon as there is something to end.
+// Sets *made as soon as there is an instance to delete.
 Result UnpackInstance(Unpacking& call, Instance** made);
 
-// The table's own memory is in the batch, and so is all that the instances hold: a failure leaves
-// nothing that the batch wouldn't end.
+// The table and all that the instances hold lie in the batch: after a failure nothing else is to be
+// released.
 Result UnpackInstances(Unpacking& call, ArrayValue* array) {
   *array = {nullptr, 0, 0};
   std::uint32_t count = 0;
@@ -48,27 +47,28 @@ Result UnpackTexts(PackBuf* reader, ArrayValue* array) {
   const char16_t* const* table = nullptr;
   *array = {nullptr, 0, 0};
   const Result result = PackBuf_GetStrA(reader, &table, &array->size);
-  array->data = const_cast<const char16_t**>(table);  // an array's data are as the type says
+  array->data = const_cast<const char16_t**>(table);  // `data` is untyped
   return result;
 }
 
 Result UnpackValue(Unpacking& call, std::uint32_t type, CimValue* value) {
   if (type == CIM_STRINGA) return UnpackTexts(call.reader, &value->array);
-  if (!HoldsInstances(type)) return Packed_ReadValue(call.reader, type, value);
+  if (!CimType_HoldsInstances(type)) return Packed_ReadValue(call.reader, type, value);
   if (CimType_IsArray(type)) return UnpackInstances(call, &value->array);
   return UnpackInstance(call, &value->instance);
 }
 
-// The names that an instance has so far: a bit that isn't set tells that a name is new. A bit that
-// is set may be another name's.
+// A filter over the names that an instance has so far. If the bit of a name is clear, the name is
+// new. If it is set, the name may be new too: names share bits.
 class NamesSeen {
  public:
-  // False when no name like this one was marked before. `code` is the name's.
+  // Sets the bit of a name with this code. Returns true if it was set before.
   bool Mark(const char16_t* name, std::uint32_t code) {
-    // A code tells neighbours like Port and Part from others only; the second unit tells them
-    // apart.
-    const std::uint32_t key = code + ((name[1] | 0x20u) << 24);  // in one case
-    const std::uint32_t hash = (key * 0x9E3779B1u) >> 24;  // the golden ratio spreads, 8 bits stay
+    assert(*name != 0 && code == Name_Code(name));
+    // Names such as Port and Part have one code, so the second unit, in lower case, is added. The
+    // multiplier, 2^32 divided by the golden ratio, spreads the keys over the upper 8 bits.
+    const std::uint32_t key = code + ((name[1] | 0x20u) << 24);
+    const std::uint32_t hash = (key * 0x9E3779B1u) >> 24;
     std::uint64_t& word = words_[hash / 64];
     const std::uint64_t bit = std::uint64_t{1} << (hash % 64);
     const bool wasSet = (word & bit) != 0;
@@ -80,9 +80,9 @@ class NamesSeen {
   std::array<std::uint64_t, 4> words_{};
 };
 
-// A zeroed record. Seven of them lie in a block that one page serves, behind a word: no record is
-// the start of a block, so none is taken for a block that can be released.
-PropertyDef* TakeRecord(Unpacking& call) {
+// Returns a zeroed record, or null if allocation fails. Records are allocated in blocks that fit a
+// page, after a word of 8 bytes: no record is the start of a block, which Batch_Release could free.
+PropertyDef* AllocRecord(Unpacking& call) {
   constexpr std::uint32_t kRecords = (kMaxInPage - 8) / sizeof(PropertyDef);
   if (call.recordsLeft == 0) {
     auto* block =
@@ -95,12 +95,13 @@ PropertyDef* TakeRecord(Unpacking& call) {
   return new (call.records++) PropertyDef{};
 }
 
-// AddProperty without a value, into a body that has room, of a name that is valid and new. A name
-// is borrowed like a text.
+// Adds a property as a null to a body that has room. Requires a valid and new name. Without `copy`
+// the name is borrowed.
 Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& property,
                   std::uint32_t nameCode, std::uint32_t flags, ValueSlot** slot) {
   ClassDef* def = Instance_PrivateDef(body);
-  PropertyDef* record = TakeRecord(call);
+  assert(def != nullptr && def->propertyCount < INSTANCE_MIN_CAPACITY);
+  PropertyDef* record = AllocRecord(call);
   if (record == nullptr) return RESULT_FAILED;
   record->name = call.copy ? Batch_DupText(call.batch, property.name) : property.name;
   if (record->name == nullptr) return RESULT_FAILED;
@@ -109,13 +110,14 @@ Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& propert
   record->type = property.type;
   record->offset = static_cast<std::uint32_t>(DynamicBodySize(def->propertyCount));
   const_cast<const PropertyDef**>(def->properties)[def->propertyCount++] = record;
-  def->size += DYNAMIC_SLOT_SIZE;  // the slot is zero since the body was made
-  *slot = Instance_Slot(body, *record);
+  def->size += DYNAMIC_SLOT_SIZE;
+  *slot = Instance_Slot(body, *record);  // zeroed when the body was allocated
   return RESULT_OK;
 }
 
-Result AppendNullAnywhere(Instance* instance, const PackedProperty& property, std::uint32_t flags,
-                          ValueSlot** slot) {
+// Adds a property as a null to an instance whose body may have to grow.
+Result AppendNullAndGrow(Instance* instance, const PackedProperty& property, std::uint32_t flags,
+                         ValueSlot** slot) {
   const Result result =
       Instance_AddProperty(instance, property.name, nullptr, property.type, flags);
   if (result != RESULT_OK) return result;
@@ -124,16 +126,16 @@ Result AppendNullAnywhere(Instance* instance, const PackedProperty& property, st
   return RESULT_OK;
 }
 
-// Adds the property as a null. Those that the first body has room for, which are all of most
-// instances, have a shorter way than AddProperty, with the same results.
+// Adds the property as a null. Most instances fit their first body, for which AppendNull is faster
+// than AddProperty and has the same results.
 Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& property, NamesSeen* seen,
                ValueSlot** slot) {
-  // What the bytes say of borrowing doesn't count: it is how the sender's instance was made.
+  // FLAG_BORROW in the bytes describes the sender's instance.
   std::uint32_t flags = property.flags & ~FLAG_BORROW;
   if (!call.copy) flags |= FLAG_BORROW;
   Instance* body = Instance_Body(instance);
   if (body->def->propertyCount >= INSTANCE_MIN_CAPACITY)
-    return AppendNullAnywhere(instance, property, flags, slot);
+    return AppendNullAndGrow(instance, property, flags, slot);
   const std::uint32_t code = Name_CodeIfValid(property.name);
   if (code == 0) return RESULT_INVALID_PARAMETER;
   if (seen->Mark(property.name, code) &&
@@ -143,24 +145,25 @@ Result AddNull(Unpacking& call, Instance* instance, const PackedProperty& proper
   return AppendNull(call, body, property, code, flags, slot);
 }
 
-// ValueSlot_Set of a value that is kept as it is, into a dynamic slot that is all zeros. `value`,
-// beyond what its type uses, is zeros too.
-void KeepValue(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::uint8_t flags) {
+// Stores a value without copying what it points to. Requires a zeroed slot of a dynamic instance,
+// and a `value` that is zeroed beyond the bytes of its type.
+void StoreUncopied(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::uint8_t flags) {
   const bool isPointer = type >= CIM_STRING;
-  const bool isEmpty = isPointer && Pack_Load<const void*>(&value) == nullptr;
-  if (isEmpty && !CimType_IsArray(type)) return;
+  const bool isNull = isPointer && Pack_Load<const void*>(&value) == nullptr;
+  if (isNull && !CimType_IsArray(type)) return;
   static_assert(sizeof value == DYNAMIC_SLOT_SIZE);
   std::memcpy(static_cast<void*>(slot), &value, sizeof value);
   auto* bytes = reinterpret_cast<std::uint8_t*>(slot);
   bytes[kElementSizes[type]] = 1;
-  bytes[kElementSizes[type] + 1] = isPointer && !isEmpty ? flags : 0;
+  bytes[kElementSizes[type] + 1] = isPointer && !isNull ? flags : 0;
 }
 
-// Instances were built for this very slot, in its batch: with `copy` the slot owns them as if it
-// had copied them.
+// Stores a value. Nested instances were built in the slot's batch: with `copy` the slot owns them
+// as if it had copied them.
 Result Store(const Unpacking& call, ValueSlot* slot, std::uint32_t type, const CimValue& value) {
-  if (call.copy && !HoldsInstances(type)) return ValueSlot_Set(slot, type, &value, 0, call.batch);
-  KeepValue(slot, type, value, call.copy ? 0 : SLOT_BORROWED);
+  if (call.copy && !CimType_HoldsInstances(type))
+    return ValueSlot_Set(slot, type, &value, 0, call.batch);
+  StoreUncopied(slot, type, value, call.copy ? 0 : SLOT_BORROWED);
   return RESULT_OK;
 }
 
@@ -174,7 +177,7 @@ Result UnpackProperty(Unpacking& call, Instance* instance, NamesSeen* seen) {
   if (property.present) result = UnpackValue(call, property.type, &value);
   if (result == RESULT_OK) result = AddNull(call, instance, property, seen, &slot);
   if (result != RESULT_OK || !property.present) return result;
-  if ((property.flags & FLAG_NULL) != 0) return RESULT_OK;  // as AddProperty takes the flag
+  if ((property.flags & FLAG_NULL) != 0) return RESULT_OK;  // as in AddProperty
   return Store(call, slot, property.type, value);
 }
 
@@ -192,6 +195,7 @@ Result UnpackContent(Unpacking& call, const PackedHead& head, Instance* instance
 }
 
 Result UnpackInstance(Unpacking& call, Instance** made) {
+  assert(call.depth <= kMaxPackedDepth);
   if (call.depth == kMaxPackedDepth) return RESULT_FAILED;
   PackedHead head;
   Result result = Packed_ReadHead(call.reader, &head);
@@ -201,7 +205,7 @@ Result UnpackInstance(Unpacking& call, Instance** made) {
   if (result != RESULT_OK) return result;
   const Instance* body = Instance_Body(*made);
   call.batch = body->batch;
-  // A nested instance is stored as if Instance_Copy had made it, whose class has no flags.
+  // A nested instance is like a copy by Instance_Copy, whose class has no flags.
   if (call.copy && call.depth > 0) Instance_PrivateDef(body)->flags = 0;
   ++call.depth;
   result = UnpackContent(call, head, *made);
@@ -209,14 +213,12 @@ Result UnpackInstance(Unpacking& call, Instance** made) {
   return result;
 }
 
-bool IsAligned(const void* bytes) { return reinterpret_cast<std::uintptr_t>(bytes) % 8 == 0; }
-
 }  // namespace
 
 Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy) {
   if (made == nullptr || reader == nullptr) return RESULT_INVALID_PARAMETER;
   *made = nullptr;
-  if (!IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
+  if (!Pack_IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
   if (reader->data == nullptr && reader->size != 0) return RESULT_INVALID_PARAMETER;
   Unpacking call = {reader, batch, copy, 0, nullptr, 0};
   Instance* instance = nullptr;
@@ -224,7 +226,7 @@ Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy
   if (result == RESULT_OK) {
     *made = instance;
   } else if (batch == nullptr) {
-    (void)Instance_Delete(instance);  // with its batch; an empty one is refused
+    (void)Instance_Delete(instance);  // with its batch; fails only for a null
   }
   return result;
 }
@@ -232,7 +234,7 @@ Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy
 bool Instance_UnpackBytes(Batch* batch, void* bytes, std::uint32_t size, Instance** made) {
   if (made != nullptr) *made = nullptr;
   void* place = bytes;
-  if (bytes != nullptr && batch != nullptr && !IsAligned(bytes)) {
+  if (bytes != nullptr && batch != nullptr && !Pack_IsAligned(bytes)) {
     place = Batch_Alloc(batch, size);
     if (place == nullptr) return false;
     std::memcpy(place, bytes, size);

@@ -1,6 +1,7 @@
 #include "cim/value/datetime.h"
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -39,9 +40,19 @@ constexpr FixedField<Interval> kIntervalFields[] = {
     {12, 2, &Interval::seconds}, {15, 6, &Interval::microseconds},
 };
 
-// Any field: asterisks or a number, which is read from a copy, so that the text behind the field
-// stays out of it.
-int ReadOddField(const char16_t* field, std::size_t width, std::uint32_t* value) {
+// Returns true if every field lies before the sign.
+template <class Record, std::size_t kCount>
+constexpr bool FieldsFit(const FixedField<Record> (&fields)[kCount]) {
+  for (const FixedField<Record>& field : fields)
+    if (field.width == 0 || field.position + field.width > kSignPosition) return false;
+  return true;
+}
+static_assert(FieldsFit(kTimestampFields) && FieldsFit(kIntervalFields));
+
+// Reads a field of asterisks or a number of any syntax. The number is read from a copy, which
+// excludes the text after the field.
+int ReadAnyField(const char16_t* field, std::size_t width, std::uint32_t* value) {
+  assert(width <= kMaxFieldWidth);
   *value = 0;
   char16_t copy[kMaxFieldWidth + 1] = {};
   for (std::size_t i = 0; i < width && field[i] != 0; ++i) copy[i] = field[i];
@@ -54,7 +65,7 @@ int ReadOddField(const char16_t* field, std::size_t width, std::uint32_t* value)
   return 0;
 }
 
-// Plain digits, which is what nearly every field is; false, with no defined value, for any other.
+// Reads a field of digits, the usual case. Returns false and an undefined value for any other.
 template <std::size_t... Place>
 bool ReadDigits(const char16_t* field, std::uint32_t* value, std::index_sequence<Place...>) {
   std::uint32_t number = 0;
@@ -63,14 +74,15 @@ bool ReadDigits(const char16_t* field, std::uint32_t* value, std::index_sequence
   return (IsDigitUnit(field[Place]) && ...);
 }
 
-// One field of a text of the right length. The table is a constant, so that the width is one too.
+// Reads one field of a text of the right length. The table is a template argument, which makes the
+// width a constant.
 template <const auto& Fields, std::size_t Index, class Record>
 bool ReadFixedField(const char16_t* text, Record* record) {
   constexpr auto kField = Fields[Index];
   const char16_t* start = text + kField.position;
   std::uint32_t* value = &(record->*kField.member);
   return ReadDigits(start, value, std::make_index_sequence<kField.width>()) ||
-         ReadOddField(start, kField.width, value) == 0;
+         ReadAnyField(start, kField.width, value) == 0;
 }
 
 template <const auto& Fields, class Record, std::size_t... Index>
@@ -83,7 +95,7 @@ bool ReadFields(const char16_t* text, Record* record) {
   return ReadFields<Fields>(text, record, std::make_index_sequence<std::size(Fields)>());
 }
 
-// Looks no further than the terminator.
+// Reads no unit after the terminator.
 template <std::size_t... Place>
 bool HasFixedLength(const char16_t* text, std::index_sequence<Place...>) {
   return ((text[Place] != 0) && ...) && text[kFixedLength] == 0;
@@ -110,13 +122,13 @@ int ParseFixedTimestamp(const char16_t* text, CimDatetime* value) {
 
 bool BeginsWithDigits(const char16_t* text, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    if (!IsDigitUnit(text[i])) return false;  // the terminator is none
+    if (!IsDigitUnit(text[i])) return false;  // the terminator is not a digit
   }
   return true;
 }
 
-// A place in a schema form. Each read moves it on and gives false, in an undefined place, when what
-// it asks for isn't there.
+// A position in a schema form. A read advances it, or returns false and leaves it undefined if the
+// expected item is missing.
 class Cursor {
  public:
   explicit Cursor(const char16_t* text) : at_(text) {}
@@ -131,7 +143,7 @@ class Cursor {
     return true;
   }
 
-  // A number of any width.
+  // Reads a number of any width.
   bool Number(std::uint32_t* value) {
     const ScannedNumber number = ScanDecimal(at_);
     if (number.end == at_) return false;
@@ -140,7 +152,7 @@ class Cursor {
     return true;
   }
 
-  // A number of exactly `Width` units.
+  // Reads a number of exactly `Width` units.
   template <std::size_t Width>
   bool Number(std::uint32_t* value) {
     const char16_t* start = at_;
@@ -151,7 +163,7 @@ class Cursor {
     return Number(value) && at_ - start == Width;
   }
 
-  // The digits behind the point, as microseconds. There may be none.
+  // Reads the digits after the point, of which there may be none, as microseconds.
   std::uint32_t Fraction() {
     const ScannedNumber all = ScanDecimal(at_);
     const auto length = static_cast<std::size_t>(all.end - at_);
@@ -167,7 +179,7 @@ class Cursor {
   const char16_t* at_;
 };
 
-// A `Z`, which changes nothing, or a sign with hh:mm.
+// Parses `Z`, or a sign and hh:mm.
 bool ParseZone(Cursor* cursor, Timestamp* timestamp) {
   if (cursor->Take(u'Z')) return true;
   const bool west = cursor->Take(u'-');
@@ -200,10 +212,10 @@ struct Duration {
   std::uint32_t years, months, days, hours, minutes, seconds, microseconds;
 };
 
-// A letter of a duration and what it sets.
+// A letter of a duration and the field it sets.
 struct DurationItem {
   char16_t letter;
-  bool behindT;
+  bool afterT;
   std::uint32_t Duration::*member;
 };
 constexpr DurationItem kDurationItems[] = {
@@ -212,25 +224,25 @@ constexpr DurationItem kDurationItems[] = {
     {u'M', true, &Duration::minutes}, {u'S', true, &Duration::seconds},
 };
 
-// One item: a number and its letter, or seconds with a fraction.
-bool ParseDurationItem(Cursor* cursor, bool behindT, Duration* duration) {
+// Parses one item: a number and its letter, or seconds with a fraction.
+bool ParseDurationItem(Cursor* cursor, bool afterT, Duration* duration) {
   std::uint32_t number = 0;
   if (!cursor->Number(&number)) return false;
-  if (behindT && cursor->Take(u'.')) {
+  if (afterT && cursor->Take(u'.')) {
     duration->microseconds = cursor->Fraction();
     duration->seconds = number;
     return cursor->Take(u'S');
   }
   for (const DurationItem& item : kDurationItems) {
-    if (item.behindT != behindT || !cursor->Take(item.letter)) continue;
+    if (item.afterT != afterT || !cursor->Take(item.letter)) continue;
     duration->*item.member = number;
     return true;
   }
   return false;
 }
 
-// Seconds to minutes to hours to days, then years and months to days. A sum that leaves 32 bits
-// wraps, as all arithmetic on these fields does.
+// Carries seconds to minutes to hours to days, and converts years and months to days. All
+// arithmetic on these fields wraps at 32 bits.
 Interval Carry(Duration d) {
   d.minutes += d.seconds / 60;
   d.hours += d.minutes / 60;
@@ -242,11 +254,11 @@ Interval Carry(Duration d) {
 
 int ParseDuration(Cursor cursor, CimDatetime* value) {
   Duration duration{};
-  bool behindT = false;
+  bool afterT = false;
   while (!cursor.AtEnd()) {
     if (cursor.Take(u'T')) {
-      behindT = true;
-    } else if (!ParseDurationItem(&cursor, behindT, &duration)) {
+      afterT = true;
+    } else if (!ParseDurationItem(&cursor, afterT, &duration)) {
       return -1;
     }
   }
@@ -255,19 +267,22 @@ int ParseDuration(Cursor cursor, CimDatetime* value) {
   return 0;
 }
 
-// A text that grows up to a limit and is cut there; a terminator always follows.
+// A text that is cut at the buffer's size. End or EndWhole writes the terminator.
 class BoundedText {
  public:
   BoundedText(char16_t* buffer, std::size_t size)
-      : buffer_(buffer), next_(buffer), last_(buffer + size - 1) {}
+      : buffer_(buffer), next_(buffer), last_(buffer + size - 1) {
+    assert(size != 0);
+  }
 
   void Put(char16_t unit) {
     cut_ = cut_ || next_ == last_;
     if (!cut_) *next_++ = unit;
   }
 
-  // As "%0*u".
+  // Writes as "%0*u" does.
   void Number(std::uint32_t value, int width = 1) {
+    assert(width <= 10);
     char16_t digits[10];
     char16_t* first = digits + 10;
     for (; value != 0 || width > 0; value /= 10, --width)
@@ -275,7 +290,7 @@ class BoundedText {
     for (; first != digits + 10; ++first) Put(*first);
   }
 
-  // As "%0*d" of a field that is stored unsigned.
+  // Writes as "%0*d" does, for a signed field that is stored unsigned.
   void Signed(std::uint32_t value, int width) {
     const bool negative = value > std::uint32_t{INT32_MAX};
     if (negative) Put(u'-');
@@ -283,7 +298,7 @@ class BoundedText {
   }
 
   void End() { *next_ = 0; }
-  // The same, but a text that had to be cut is emptied.
+  // As End, but empties a text that was cut.
   void EndWhole() { *(cut_ ? buffer_ : next_) = 0; }
 
  private:
@@ -368,7 +383,7 @@ void PutSchemaInterval(const Interval& interval, BoundedText* out) {
 int Datetime_ReadField(const char16_t* text, std::size_t position, std::size_t width,
                        std::uint32_t* value) {
   if (text == nullptr || value == nullptr || width > kMaxFieldWidth) return -1;
-  return ReadOddField(text + position, width, value);
+  return ReadAnyField(text + position, width, value);
 }
 
 int Datetime_ParseFixed(const char16_t* text, CimDatetime* value) {

@@ -6,7 +6,7 @@
 namespace stewardry::cim {
 namespace {
 
-// The units below 128 that names hold, folded to lower case; 0 for the others.
+// The units below 128 that a name may contain, folded to lower case, and 0 for the others.
 constexpr std::array<std::uint8_t, 128> MakeFoldedUnits() {
   std::array<std::uint8_t, 128> units{};
   for (std::uint8_t unit = 'a'; unit <= 'z'; ++unit) units[unit] = units[unit - 'a' + 'A'] = unit;
@@ -18,7 +18,7 @@ constexpr std::array<std::uint8_t, 128> kFoldedUnits = MakeFoldedUnits();
 
 std::uint32_t Folded(char16_t unit) { return unit < kFoldedUnits.size() ? kFoldedUnits[unit] : 0; }
 
-constexpr bool IsDigit(std::uint32_t folded) { return folded <= '9'; }  // or 0
+constexpr bool IsDigit(std::uint32_t folded) { return folded <= '9'; }  // true for 0
 
 }  // namespace
 
@@ -38,6 +38,7 @@ std::uint32_t Name_CodeIfValid(const char16_t* name) {
 std::uint32_t Name_Length(const char16_t* name, std::uint32_t code) {
   if (name == nullptr) return 0;
   const std::uint32_t known = code & 0xFF;
+  assert(std::char_traits<char16_t>::length(name) >= known);
   return known + static_cast<std::uint32_t>(std::char_traits<char16_t>::length(name + known));
 }
 

@@ -1,8 +1,11 @@
-// Names of classes, properties, methods and parameters, and the search for one among definitions.
-// A name's code is computed once, kept beside the name, and compared before the text: change the
-// code's make-up and every definition that a schema has written out stops being found.
+// Names of classes, properties, methods and parameters, and the search for one among definitions. A
+// name's code is stored with the name and compared before the text. Generated schemas contain
+// codes, so the formula of Name_MakeCode must not change.
+//
+// All functions are pure: any thread may call them.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -10,31 +13,32 @@
 
 namespace stewardry::cim {
 
-// What a search gives when nothing has the name.
+// The result of a search that finds nothing.
 constexpr std::int64_t kNoIndex = -1;
 
-// True for a letter A-Z, a-z or `_` followed by any number of these and of digits 0-9. False for
-// an empty text or pointer.
+// Returns true for a letter A-Z, a-z or `_` followed by any number of these and of digits 0-9.
+// Returns false for a null or empty name.
 bool Name_IsValid(const char16_t* name);
 
-// Name_Code of a name for which Name_IsValid is true, else 0, which is no valid name's code.
+// Returns Name_Code of a valid name, or 0, which is not the code of any valid name.
 std::uint32_t Name_CodeIfValid(const char16_t* name);
 
-// A-Z as a-z, every other unit as it is: names hold nothing else that has a case, and every
-// platform agrees on these.
+// Returns a-z for A-Z and any other unit unchanged. Valid names contain no other letters with a
+// case.
 constexpr char16_t Name_Fold(char16_t unit) {
   return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit;
 }
 
-// A code's make-up: the first and the last unit, folded, and the length, not 0.
+// Returns the code of a name with these folded units at its ends. Requires a `length` above 0.
 constexpr std::uint32_t Name_MakeCode(std::uint32_t first, std::uint32_t last, std::size_t length) {
+  assert(length != 0);
   return (first << 16) | (last << 8) | static_cast<std::uint32_t>(length);
 }
 
-// The name's code: (first << 16) | (last << 8) | length, with the low bytes of the first and the
-// last unit folded to lower case. A length of 256 and more spills into the bits above. 0 for an
-// empty text or pointer. Names that differ only in the case of A-Z have one code. A constant
-// expression for a constant name, so that a schema needs no start-up code.
+// Returns the name's code, (first << 16) | (last << 8) | length, from the low bytes of the first
+// and the last unit, folded to lower case. A length above 255 extends into the higher bits. Returns
+// 0 for a null or empty name. Names that differ only in the case of A-Z have one code. Constant for
+// a constant name: a schema needs no start-up code.
 constexpr std::uint32_t Name_Code(const char16_t* name) {
   if (name == nullptr || *name == 0) return 0;
   const std::size_t length = std::char_traits<char16_t>::length(name);
@@ -42,39 +46,42 @@ constexpr std::uint32_t Name_Code(const char16_t* name) {
                        Name_Fold(static_cast<char16_t>(name[length - 1] & 0xFF)), length);
 }
 
-// The length of `name` in units. `code` is the code of the name, or of one that the name is longer
-// than: what its low byte says is taken on trust and counted on from.
+// Returns the length of `name` in units, or 0 for a null. Requires the code of this name or of a
+// shorter one: as many units as its low byte says are not read.
 std::uint32_t Name_Length(const char16_t* name, std::uint32_t code);
 
-// True when both texts are equal but for the case of A-Z. Neither pointer may be empty.
+// Returns true if both texts are equal, ignoring the case of A-Z. Neither may be null.
 constexpr bool Name_Equal(const char16_t* a, const char16_t* b) {
+  assert(a != nullptr && b != nullptr);
   for (; *a == *b || Name_Fold(*a) == Name_Fold(*b); ++a, ++b) {
     if (*a == 0) return true;
   }
   return false;
 }
 
-// Name_Equal of two names that both have the code `code`, and so at least as many units as its low
-// byte says.
+// Returns Name_Equal of two names that both have the code `code`, and thus at least as many units
+// as its low byte says.
 inline bool Name_EqualOfCode(const char16_t* a, const char16_t* b, std::uint32_t code) {
+  assert(Name_Code(a) == code && Name_Code(b) == code);
   const std::size_t known = code & 0xFF;
   if (std::memcmp(a, b, known * sizeof(char16_t)) != 0) return Name_Equal(a, b);
   return Name_Equal(a + known, b + known);
 }
 
-// True when none of the next four definitions has the code. The four tests don't wait for each
-// other, which a branch between them would make them do.
+// Returns true if none of the next four definitions has the code. Without branches between them the
+// four comparisons run in parallel.
 template <class Definition>
 bool Names_NoneOfFour(const Definition* const* next, std::uint32_t code) {
   return (next[0]->nameCode != code) & (next[1]->nameCode != code) & (next[2]->nameCode != code) &
          (next[3]->nameCode != code);
 }
 
-// The index of the first of `count` definitions from `first` on with that name and code, or
-// kNoIndex. Definitions are read only while they stand; any thread may search shared ones.
+// Returns the index of the first definition with that name and code among those from `first` to
+// `count` - 1, or kNoIndex.
 template <class Definition>
 std::int64_t Names_FindFrom(const Definition* const* definitions, std::uint32_t first,
                             std::uint32_t count, const char16_t* name, std::uint32_t code) {
+  assert(name != nullptr && code == Name_Code(name));
   for (std::uint32_t i = first; i < count; ++i) {
     while (count - i >= 4 && Names_NoneOfFour(definitions + i, code)) i += 4;
     if (i == count) break;
@@ -84,8 +91,9 @@ std::int64_t Names_FindFrom(const Definition* const* definitions, std::uint32_t 
   return kNoIndex;
 }
 
-// The index of the first of `count` definitions with that name, ignoring case, or kNoIndex. Works
-// on every record that has `nameCode` and `name`. An empty array, text or pointer gives kNoIndex.
+// Returns the index of the first of `count` definitions with that name, ignoring case, or kNoIndex.
+// Accepts any record with `nameCode` and `name`. Returns kNoIndex for a null argument and an empty
+// name.
 template <class Definition>
 std::int64_t Names_Find(const Definition* const* definitions, std::uint32_t count,
                         const char16_t* name) {

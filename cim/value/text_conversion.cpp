@@ -1,6 +1,7 @@
 #include "cim/value/text_conversion.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -25,10 +26,10 @@ int ConvertWhole(const char16_t* text, Value* value) {
   return 0;
 }
 
-// The text of a real number in narrow characters, which is what std::from_chars reads.
+// The text of a real number in narrow characters, for std::from_chars.
 class NarrowNumber {
  public:
-  // Without digits when a unit is no ASCII, or when a long text finds no memory.
+  // Has no digits if a unit is not ASCII, or if allocation for a long text fails.
   explicit NarrowNumber(const char16_t* text) {
     std::size_t length = 0;
     while (length < sizeof buffer_ && text[length] != 0) {
@@ -36,7 +37,7 @@ class NarrowNumber {
       seen_ |= text[length++];
     }
     if (length == sizeof buffer_) {
-      TakeLong(text);
+      ReadLong(text);
     } else if (seen_ < 128) {
       digits_ = std::string_view(buffer_, length);
     }
@@ -48,7 +49,7 @@ class NarrowNumber {
   std::string_view Digits() const { return digits_; }
 
  private:
-  void TakeLong(const char16_t* text) {
+  void ReadLong(const char16_t* text) {
     const std::u16string_view units(text);
     block_ = static_cast<char*>(Heap_Allocate(units.size()));
     if (block_ == nullptr) return;
@@ -65,8 +66,8 @@ class NarrowNumber {
   std::string_view digits_;
 };
 
-// Whether a number that has no double is too large for one rather than too small: its order of
-// magnitude, roughly, in decimal or binary digits, which is far from 0 either way.
+// Returns true if a number outside the range of double is too large, false if it is too small. Adds
+// the order of magnitude of the mantissa to the exponent; the sum is far from 0 in both cases.
 bool IsTooLarge(std::string_view digits, bool hex) {
   const std::size_t mark = std::min(digits.find_first_of(hex ? "pP" : "eE"), digits.size());
   const std::string_view mantissa = digits.substr(0, mark);
@@ -79,17 +80,19 @@ bool IsTooLarge(std::string_view digits, bool hex) {
   if (power.starts_with('+')) power.remove_prefix(1);
   std::int64_t exponent = 0;
   const auto read = std::from_chars(power.data(), power.data() + power.size(), exponent);
+  assert(read.ec != std::errc::result_out_of_range || !power.empty());
   if (read.ec == std::errc::result_out_of_range) return power.front() != '-';
   return exponent > -order;
 }
 
-// Behind the prefix come digits: std::from_chars alone would also take a sign and a word there.
+// After the prefix std::from_chars would accept a sign or a word, so a digit or a point is
+// required.
 bool StartsHex(std::string_view digits) {
   if (digits.size() < 3 || digits[0] != '0' || (digits[1] | 0x20) != 'x') return false;
   return digits[2] == '.' || DigitValue(static_cast<unsigned char>(digits[2])) < 16;
 }
 
-// A number without blanks and sign, to its very end.
+// Reads a number without blanks and sign that extends to the end of `digits`.
 bool ReadMagnitude(std::string_view digits, double* magnitude) {
   const bool hex = StartsHex(digits);
   if (hex) digits.remove_prefix(2);
@@ -104,7 +107,7 @@ bool ReadMagnitude(std::string_view digits, double* magnitude) {
   return true;
 }
 
-// The table's form of a converter.
+// Adapts a converter to the table's form.
 template <class Value, int (*Convert)(const char16_t*, Value*)>
 int Into(const char16_t* text, void* value) {
   return Convert(text, static_cast<Value*>(value));
@@ -179,6 +182,7 @@ int Text_ToReal32(const char16_t* text, float* value) {
   return 0;
 }
 
+static_assert(kTextConverterCount == CIM_ARRAY);  // one for each scalar type
 const TextConverter TextConverters[kTextConverterCount] = {
     Into<std::uint8_t, Text_ToBoolean>,
     Into<std::uint8_t, Text_ToUint8>,

@@ -1,27 +1,24 @@
-// What a value is: the 32 CIM types, the union in which a value passes through the interfaces, and
-// the slot in which an instance keeps a property.
+// CIM values: the 32 type codes, the flags of elements, and the union that carries a value of any
+// type through the interfaces. A value does not record its type: the code always travels beside it.
 //
-// A slot doesn't know its type: every operation is told it. The value comes first, in its element
-// size, then the byte `present`, then the byte `flags`, then filler up to the slot's size. Text is
-// UTF-16 in char16_t on every platform, and all numbers are in the host's order, little-endian.
-//
-// One thread at a time touches a slot, as it does the batch of its instance.
+// Text is UTF-16 in char16_t on every platform. Numbers are in host byte order, little-endian.
 #pragma once
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-#include "cim/memory/batch.h"
 #include "cim/memory/result.h"
 
 namespace stewardry::cim {
 
+// Opaque here: a value holds a pointer to an instance, and the functions that follow it belong to
+// cim/instance/.
 struct Instance;
-struct ValueSlot;  // bytes inside an instance, see above
 
-// Element types; the array of a type is the type plus CIM_ARRAY.
+// Type codes. The array of a type is the type plus CIM_ARRAY.
 enum CimType : std::uint32_t {
   CIM_BOOLEAN,
   CIM_UINT8,
@@ -60,39 +57,45 @@ constexpr std::uint32_t kCimTypes = 32;
 constexpr std::uint32_t CIM_ARRAY = 16;
 static_assert(CIM_INSTANCEA == kCimTypes - 1 && CIM_BOOLEANA == CIM_ARRAY);
 
-// "BOOLEAN" to "INSTANCEA", by type.
-extern const std::array<const char*, kCimTypes> kCimTypeNames;
+// "BOOLEAN" to "INSTANCEA", by type code.
+inline constexpr std::array<const char*, kCimTypes> kCimTypeNames = {
+    "BOOLEAN",  "UINT8",   "SINT8",   "UINT16",  "SINT16",    "UINT32",  "SINT32",     "UINT64",
+    "SINT64",   "REAL32",  "REAL64",  "CHAR16",  "DATETIME",  "STRING",  "REFERENCE",  "INSTANCE",
+    "BOOLEANA", "UINT8A",  "SINT8A",  "UINT16A", "SINT16A",   "UINT32A", "SINT32A",    "UINT64A",
+    "SINT64A",  "REAL32A", "REAL64A", "CHAR16A", "DATETIMEA", "STRINGA", "REFERENCEA", "INSTANCEA"};
 
-// Bytes of a value, and of a slot that holds it, by type.
+// Bytes of a value, by type code.
 constexpr std::array<std::uint8_t, kCimTypes> kElementSizes = {
     1,  1,  1,  2,  2,  4,  4,  8,  8,  4,  8,  2,  36, 8,  8,  8,
     16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16};
-constexpr std::array<std::uint8_t, kCimTypes> kSlotSizes = {
-    3,  3,  3,  4,  4,  8,  8,  16, 16, 8,  16, 4,  40, 16, 16, 16,
-    24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24};
-constexpr std::size_t kMaxSlotSize = 40;
 
+// Return whether a type code is an array's, and the code of its elements. Accept any number.
 constexpr bool CimType_IsArray(std::uint32_t type) { return (type & CIM_ARRAY) != 0; }
 constexpr std::uint32_t CimType_Element(std::uint32_t type) { return type & ~CIM_ARRAY; }
+// Returns true for REFERENCE, INSTANCE and arrays of them.
+constexpr bool CimType_HoldsInstances(std::uint32_t type) {
+  return CimType_Element(type) == CIM_REFERENCE || CimType_Element(type) == CIM_INSTANCE;
+}
+// Returns the alignment of a value in bytes: 1, 2, 4 (DATETIME: that of its words) or 8. Requires a
+// type up to 31.
+constexpr std::size_t CimType_Alignment(std::uint32_t type) {
+  assert(type < kCimTypes);
+  if (type == CIM_DATETIME) return 4;
+  return kElementSizes[type] < 8 ? kElementSizes[type] : 8;
+}
 
-// Element flags: of definitions, and as argument and result of the element operations.
-constexpr std::uint32_t FLAG_CLASS = 0x00000001;
-constexpr std::uint32_t FLAG_METHOD = 0x00000002;
-constexpr std::uint32_t FLAG_PARAMETER = 0x00000008;
-constexpr std::uint32_t FLAG_KIND_10 = 0x00000010;
-constexpr std::uint32_t FLAG_KIND_20 = 0x00000020;
-constexpr std::uint32_t FLAG_KEY = 0x00001000;
-constexpr std::uint32_t FLAG_OUT = 0x00004000;
+// Element flags: in definitions, and as argument and result of the operations on elements.
+constexpr std::uint32_t FLAG_CLASS = 0x00000001;         // a class
+constexpr std::uint32_t FLAG_METHOD = 0x00000002;        // a method
+constexpr std::uint32_t FLAG_PARAMETER = 0x00000008;     // a parameter of a method
+constexpr std::uint32_t FLAG_KIND_10 = 0x00000010;       // another kind of class
+constexpr std::uint32_t FLAG_KIND_20 = 0x00000020;       // another kind of class
+constexpr std::uint32_t FLAG_KEY = 0x00001000;           // a key property
+constexpr std::uint32_t FLAG_OUT = 0x00004000;           // an outgoing parameter
 constexpr std::uint32_t FLAG_NOT_MODIFIED = 0x02000000;  // result: SLOT_MODIFIED is clear
-constexpr std::uint32_t FLAG_NULL = 0x20000000;    // argument: store a null; result: it is one
-constexpr std::uint32_t FLAG_BORROW = 0x40000000;  // argument: store the pointer, don't copy
-constexpr std::uint32_t FLAG_ADOPT =
-    0x80000000;  // argument of some calls; a set copies all the same
-
-// Bits of a slot's `flags`. Nothing in the library sets SLOT_MODIFIED; what would is left to an
-// embedding program, and the get operations report it.
-constexpr std::uint8_t SLOT_BORROWED = 1;
-constexpr std::uint8_t SLOT_MODIFIED = 2;
+constexpr std::uint32_t FLAG_NULL = 0x20000000;    // argument: store a null; result: it is null
+constexpr std::uint32_t FLAG_BORROW = 0x40000000;  // argument: store the pointer without a copy
+constexpr std::uint32_t FLAG_ADOPT = 0x80000000;   // argument: accepted; the value is still copied
 
 struct CimDatetime {
   struct Timestamp {
@@ -119,7 +122,7 @@ struct ArrayValue {
 };
 static_assert(sizeof(ArrayValue) == 16 && offsetof(ArrayValue, size) == 8);
 
-// A value of any type. Whoever hands one over keeps what it points to.
+// A value of any type. Passing one transfers no ownership of what it points to.
 union CimValue {
   std::uint8_t boolean;  // 1 or 0
   std::uint8_t uint8;
@@ -142,10 +145,12 @@ union CimValue {
 };
 static_assert(sizeof(CimValue) == 40 && alignof(CimValue) == 8);
 
-// std::memcpy of a value, whose `size` is one of kElementSizes, in pieces of known sizes: for one
-// that it doesn't know the compiler may put string instructions in line, which take longer to start
-// than the copy lasts.
+// Copies the bytes of a value. Requires `size` to be one of kElementSizes. The pieces have constant
+// sizes: for a variable size the compiler may emit string instructions, whose start-up takes longer
+// than the copy.
 inline void CimValue_CopyBytes(void* to, const void* from, std::size_t size) {
+  assert(size == 1 || size == 2 || size == 4 || size == 8 || size == sizeof(ArrayValue) ||
+         size == sizeof(CimDatetime));
   auto* bytes = static_cast<std::uint8_t*>(to);
   const auto* source = static_cast<const std::uint8_t*>(from);
   if (size >= 8) {
@@ -160,65 +165,22 @@ inline void CimValue_CopyBytes(void* to, const void* from, std::size_t size) {
   }
 }
 
-// Overwrites the slot, whatever it held, with a copy of `value` in `batch`. Null for FLAG_NULL, an
-// empty `value`, a type above 31, or an empty pointer of a STRING, REFERENCE or INSTANCE; an array
-// with empty `data` is present and has no elements. FLAG_BORROW keeps the pointers, which must then
-// outlive the slot. RESULT_FAILED, with a null slot, when memory fails, for a STRINGA, REFERENCEA
-// or INSTANCEA with data and no elements, and for one with an empty element; or the failure of
-// Instance_Copy.
-Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
-                     std::uint32_t flags, Batch* batch);
-
-// ValueSlot_Set on a slot that holds something: the old content goes once the new one is complete,
-// and stays as it was when that fails.
-Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* value,
-                        std::uint32_t flags, Batch* batch);
-
-// A deep copy, also of what the source has borrowed. Overwrites as ValueSlot_Set does.
-Result ValueSlot_Copy(ValueSlot* destination, std::uint32_t type, const ValueSlot* source,
-                      Batch* batch);
-
-// Gives back what the slot owns, and fills it with 0xDD: it must be set before it is read again.
-void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch);
-
-// The same, and leaves a null.
-void ValueSlot_Clear(ValueSlot* slot, std::uint32_t type, Batch* batch);
-
-// Copies the value's bytes and the two behind it; what they point to stays the slot's. Neither, for
-// a type above 31.
-inline void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value,
-                           bool* present, std::uint8_t* flags) {
-  *present = false;
-  *flags = 0;
-  if (type >= kCimTypes) return;
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(slot);
-  const std::size_t size = kElementSizes[type];
-  CimValue_CopyBytes(value, bytes, size);
-  *present = bytes[size] != 0;
-  *flags = bytes[size + 1];
-}
-
-// Whether the slot has a value. `type` is at most 31.
-inline bool ValueSlot_IsPresent(const ValueSlot* slot, std::uint32_t type) {
-  return reinterpret_cast<const std::uint8_t*>(slot)[kElementSizes[type]] != 0;
-}
-
-// Whether two slots of one type hold the same: both null, or equal values. REAL32 and REAL64 as
-// numbers, text unit by unit, REFERENCE by its keys. INSTANCE and arrays are never equal.
-bool ValueSlot_Equal(const ValueSlot* a, const ValueSlot* b, std::uint32_t type);
-
-// The value that is stored at `raw` in its element size; zeros for an empty `raw` or a type
+// Reads the value stored at `raw` in its element size. Stores zeros for a null `raw` and for a type
 // above 31.
-void CimValue_FromRaw(std::uint32_t type, const void* raw, CimValue* value);
+inline void CimValue_FromRaw(std::uint32_t type, const void* raw, CimValue* value) {
+  assert(value != nullptr);
+  std::memset(value, 0, sizeof *value);
+  if (raw != nullptr && type < kCimTypes) std::memcpy(value, raw, kElementSizes[type]);
+}
 
-// Stores a copy of `*element` at `data[index]`; `elementType` is a scalar type, and the caller
-// keeps `index` inside what it reserved. For STRING, REFERENCE and INSTANCE the element is a cell
-// with a pointer, which may be empty. RESULT_INVALID_PARAMETER for an array type,
-// RESULT_SERVER_LIMITS_EXCEEDED when memory fails.
-Result ArrayValue_StoreAt(Batch* batch, std::uint32_t elementType, void* data, std::uint32_t index,
-                          const void* element);
-
-// Equal in form and in every word of it.
-bool Datetime_Equal(const CimDatetime* a, const CimDatetime* b);
+// Returns true if both have the same form and the same words of that form. The unused words of an
+// interval are ignored.
+inline bool Datetime_Equal(const CimDatetime* a, const CimDatetime* b) {
+  assert(a != nullptr && b != nullptr);
+  if (a->timestampForm != b->timestampForm) return false;
+  return a->timestampForm != 0
+             ? std::memcmp(&a->timestamp, &b->timestamp, sizeof a->timestamp) == 0
+             : std::memcmp(&a->interval, &b->interval, offsetof(CimDatetime::Interval, zero)) == 0;
+}
 
 }  // namespace stewardry::cim

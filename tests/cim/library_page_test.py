@@ -35,7 +35,7 @@ class LibraryPage(unittest.TestCase):
         self.assertEqual(len(packed), len(expected))
         self.assertEqual([FILLER if wanted is FILLER else byte
                           for byte, wanted in zip(packed, expected)], expected)
-        self.assertEqual(sentence, "PostInstanceMsg brings F1")
+        self.assertEqual(sentence, "PostInstanceMsg carries F1")
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
-// Fuzz target: a packed instance as another process might send it. What is read is copied out,
-// converted to classes of a schema, packed and read again: the second form must be the first.
+// Fuzz target: untrusted bytes as a packed instance. An instance that unpacks is copied, converted
+// to the classes of a schema, packed and unpacked again: both packed forms must be equal.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -16,13 +16,13 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// A reader over a copy of its own, so that a sanitizer reports a read beyond it.
+// Bytes in a block of their exact size: the sanitizer reports a read beyond them.
 struct OwnBytes : std::vector<std::uint8_t> {
   using vector::vector;
   PackBuf Reader() { return {data(), static_cast<std::uint32_t>(size()), 0, 0}; }
 };
 
-// Converts with each combination of the three flags. Reads all of what was made by copying it.
+// Converts with each combination of the three flags, and copies the result, which reads all of it.
 void Convert(const Instance* source, const ClassDef* target) {
   for (const unsigned flags : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u}) {
     alignas(8) std::uint8_t memory[512];
@@ -37,7 +37,7 @@ void Convert(const Instance* source, const ClassDef* target) {
   }
 }
 
-// The instance in the form that it would be sent in; empty when it can't be packed.
+// Returns the packed instance, or no bytes if it cannot be packed.
 OwnBytes Pack(const Instance* instance, std::size_t capacity) {
   PackBuf buffer;
   Require(PackBuf_Init(&buffer, static_cast<std::uint32_t>(capacity)) == RESULT_OK);
@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const ClassDef* target :
        {&rack_schema::kRack, &rack_schema::kDisk, MethodDef_AsClass(&rack_schema::kFit)})
     Convert(deep, target);
-  const std::size_t room = 2 * size + 256;  // a result has a longer name once it is packed
+  const std::size_t room = 2 * size + 256;  // a return value has a longer name when packed
   OwnBytes first = Pack(deep, room);
   Require(first.empty() == Pack(shallow, room).empty());
   Require(Instance_Delete(shallow) == RESULT_OK && Instance_Delete(deep) == RESULT_OK);

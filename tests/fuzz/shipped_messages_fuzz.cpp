@@ -1,5 +1,5 @@
-// Fuzz target: a message's pages as another process might ship them. What is restored is made ready
-// to be shipped again, which reads every text and instance of it.
+// Fuzz target: untrusted bytes as the pages of a message. A message that is restored is packed for
+// sending again, which reads all its texts and instances.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -15,7 +15,7 @@ using namespace stewardry::cim;
 
 constexpr std::size_t kMaxPages = 8;
 
-// Takes the input from its front; zeros once it is used up.
+// Reads the input from its start, and zeros after its end.
 struct Input {
   template <class Number>
   Number Take() {
@@ -38,7 +38,7 @@ struct Input {
 extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 // The input: whether instances stay packed, the number of pages, the message's address, each page's
-// address and size at the sender, and then what the pages hold.
+// address and size at the sender, and the content of the pages.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input{data, size};
   const bool skipUnpack = (input.Take<std::uint8_t>() & 1) != 0;
@@ -57,8 +57,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   Message* message = nullptr;
   if (Message_Restore(batch, reinterpret_cast<const void*>(address), list.data(), list.size(),
-                      skipUnpack, &message) != RESULT_OK)
-    return Batch_Destroy(batch), 0;
+                      skipUnpack, &message) != RESULT_OK) {
+    Batch_Destroy(batch);
+    return 0;
+  }
   Message* clone = nullptr;
   if (MessagePackCloneForBinarySending(message, &clone) == RESULT_OK) Message_Drop(clone);
   Message_Drop(message);

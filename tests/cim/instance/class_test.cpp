@@ -1,4 +1,4 @@
-// Names, definitions and class objects: found by name, read, copied, shared.
+// Names, definitions and class objects: searched, read, copied, shared.
 #include <sstream>
 #include <string>
 #include <thread>
@@ -26,7 +26,7 @@ TEST(NameTest, ACodeHoldsTheFoldedEndsAndTheLength) {
                                    {u"A", 0x616101},
                                    {u"Zz[", 0x7A5B03},
                                    {u"a\u0080", 0x618002},
-                                   {u"\u0141x", 0x617802},  // the low byte alone is folded
+                                   {u"\u0141x", 0x617802},  // only the low byte is folded
                                    {long300, 0x617A00 | 300}}) {
     EXPECT_EQ(Name_Code(name.c_str()), code);
     EXPECT_EQ(Name_Length(name.c_str(), code), name.size());
@@ -49,7 +49,7 @@ TEST(NameTest, ASearchFindsTheFirstOfThatNameByItsCode) {
   EXPECT_EQ(Schema_FindClass(nullptr, u"speed"), nullptr);
 }
 
-// Texts, numbers and characters in one line.
+// Joins texts, numbers and characters into one line.
 void Put(std::ostream& line, const char16_t* part) {
   for (; part != nullptr && *part != 0; ++part) line << static_cast<char>(*part);
 }
@@ -197,7 +197,7 @@ TEST(DefinitionCopyTest, ACopyHoldsInstancesOfItsOwnUntilItsRelease) {
     EXPECT_EQ(copy->properties[2]->value, nullptr);
     ClassDef_Release(copy);
   }
-  instance.End();
+  instance.Delete();
   EXPECT_EQ(device->refs.load(), 1u);
   EXPECT_EQ(Class_Delete(device), RESULT_OK);
 }

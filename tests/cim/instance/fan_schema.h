@@ -1,5 +1,5 @@
-// A small schema as a generator would write it: constant data, with one of each thing that a
-// definition can hold. Device has the key Id; Fan adds a reading and has a method.
+// A small schema as a generator writes it: constant data, with every field of a definition in use.
+// Device has the key Id; Fan adds properties and a method.
 #pragma once
 
 #include "cim/instance/class_definitions.h"
@@ -16,7 +16,7 @@ inline constexpr const QualifierDef* kQualifiers[] = {&kOctets, &kVersion};
 
 inline constexpr const char16_t* kDefaultName = u"unnamed";
 inline constexpr std::uint32_t kDefaultSpeeds[] = {100, 200, 300};
-// Only read.
+// The library only reads the elements.
 inline const ArrayValue kSpeedList = {const_cast<std::uint32_t*>(kDefaultSpeeds), 3, 0};
 
 // flags, code, name, qualifiers, their number, type, class of a reference, size, offset, origin,

@@ -1,4 +1,4 @@
-// Instances of all texts onto the classes of a schema: values, keys, names, nested instances.
+// Converts instances of texts to the classes of a schema: values, keys, names, nested instances.
 #include <memory>
 
 #include "cim/instance/typed_instance.h"
@@ -17,7 +17,7 @@ struct Flags {
 };
 constexpr Flags kSkipKeys = {false, true}, kKeysOnly = {true, false};
 
-// Memory for one instance, which ends with the scope.
+// Memory for one instance, which is deleted with it.
 class Target {
  public:
   Result Convert(const ClassDef* def, const Instance* source, Flags flags = {},
@@ -72,7 +72,7 @@ TEST(InstanceConversionTest, KeysMatchOrHaveADefault) {
     std::vector<Given> given;
     Flags flags;
     Result result;
-    const char16_t* name;  // of the rack; empty if it has none
+    const char16_t* name;  // of the rack; empty for a null
   } kCases[] = {
       {"both keys", {key, place}, {}, RESULT_OK, u"r"},
       {"a default", {place}, {}, RESULT_OK, u"rack0"},
@@ -91,7 +91,7 @@ TEST(InstanceConversionTest, KeysMatchOrHaveADefault) {
     const Owned source(u"Rack", each.given);
     Target rack;
     ASSERT_EQ(rack.Convert(&kRack, source, each.flags), each.result);
-    const Found name = Read(rack, u"Name");  // after a failure nothing is there
+    const Found name = Read(rack, u"Name");  // after a failure there is no instance
     EXPECT_EQ(name.result, each.result == RESULT_OK ? RESULT_OK : RESULT_INVALID_PARAMETER);
     EXPECT_EQ(name.value.string == nullptr ? u"" : u16string(name.value.string), each.name);
   }
@@ -152,7 +152,7 @@ TEST(InstanceConversionTest, NestingIsLimited) {
   }
 }
 
-TEST(InstanceConversionTest, AMethodIsATargetToo) {
+TEST(InstanceConversionTest, AMethodIsATarget) {
   const ClassDef* fit = MethodDef_AsClass(&rack_schema::kFit);
   const Owned disk(u"Disk", kDiskWords);
   const Owned source(u"Fit", {Word(u"Slot", u"9"),
@@ -163,12 +163,12 @@ TEST(InstanceConversionTest, AMethodIsATargetToo) {
   ASSERT_EQ(target.Convert(fit, source), RESULT_OK);
   EXPECT_EQ(Read(target, u"Slot", CIM_UINT8).uint8, 9);
   EXPECT_EQ(Read(target, u"Return", CIM_UINT32).uint32, 16u);
-  EXPECT_EQ(Read(target, u"Seal", CIM_UINT8A).array.size, 7u);  // its qualifier came along
+  EXPECT_EQ(Read(target, u"Seal", CIM_UINT8A).array.size, 7u);  // its qualifier is copied
   EXPECT_EQ(Read(target, u"Disk", CIM_REFERENCE).reference->def, &kDisk);
   EXPECT_EQ(Target().Convert(fit, Owned(u"Fit")), RESULT_NO_SUCH_PROPERTY);  // no defaults
 }
 
-TEST(InstanceConversionTest, AFailedConversionLeavesNothing) {
+TEST(InstanceConversionTest, AFailedConversionReleasesEverything) {
   const Owned disk(u"Disk", kDiskWords);
   Instance* const both[] = {disk, disk};
   const Owned source(u"Rack", {Word(u"Place", u"1", FLAG_KEY),

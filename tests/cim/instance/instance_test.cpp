@@ -1,5 +1,5 @@
-// Instances: made, grown, copied, compared and ended, on a full and an empty heap. The sanitizers
-// see what is left behind or read after its end.
+// Instances: created, extended, copied, compared and deleted, with and without failing allocations.
+// The sanitizers report leaks and use after free.
 #include "cim/instance/instance.h"
 
 #include <cstring>
@@ -32,7 +32,7 @@ u16string NamesOf(const Instance* instance) {
   return className + none + (space == nullptr ? none : space) + (host == nullptr ? none : host);
 }
 
-TEST(InstanceTest, AnInstanceIsOfItsClassAndTheClassesAbove) {
+TEST(InstanceTest, AnInstanceIsOfItsClassAndItsSuperclasses) {
   const Owned fan(&kFan);
   const ClassDef twin = kFan;
   for (const ClassDef* def : {&kFan, &fan_schema::kDevice, &twin}) {
@@ -60,7 +60,7 @@ TEST(InstanceTest, AWrongArgumentIsRefused) {
       {Instance_ReserveArray(fan, u"No", CIM_UINT32, 0, 1, &index), RESULT_NO_SUCH_PROPERTY},
       {Instance_ReserveArray(fan, u"Speeds", CIM_SINT32, 0, 1, &index), RESULT_TYPE_MISMATCH},
       {Instance_AppendToArray(fan, 0, &index), RESULT_TYPE_MISMATCH},
-      {Instance_AppendToArray(fan, 2, &index), RESULT_FAILED},  // nothing reserved
+      {Instance_AppendToArray(fan, 2, &index), RESULT_FAILED},  // not reserved
   };
   for (const auto& [result, expected] : kCases) EXPECT_EQ(result, expected);
   EXPECT_EQ(out, nullptr);
@@ -77,7 +77,7 @@ TEST(InstanceTest, AGrowingInstanceKeepsItsValuesAndItsHandle) {
     EXPECT_EQ(body->def->properties[i]->offset, 64 + 40 * i);
     EXPECT_EQ(std::memcmp(made, body, sizeof *body), 0);
   }
-  Owned copy;  // grows on from where the source has come to
+  Owned copy;  // grows from the size of its source
   ASSERT_EQ(Instance_Clone(made, copy.Out()), RESULT_OK);
   for (std::uint32_t i = 150; i < 300; ++i) ASSERT_EQ(AddNumbered(copy, i), RESULT_OK);
   for (std::uint32_t i = 0; i < 300; ++i) {
@@ -97,7 +97,7 @@ enum Kind { kSchemaClass, kClassObject, kDynamic };
 class KindsTest : public ::testing::TestWithParam<Kind> {};
 INSTANTIATE_TEST_SUITE_P(All, KindsTest, ::testing::Values(kSchemaClass, kClassObject, kDynamic));
 
-TEST_P(KindsTest, ACopyOfACopyStandsAlone) {
+TEST_P(KindsTest, ACopyOfACopyIsIndependent) {
   ClassObject* object = nullptr;
   ASSERT_EQ(Class_FromDef(&kFan, nullptr, nullptr, &object), RESULT_OK);
   Owned fixed(GetParam() == kClassObject ? object->def : &kFan), copy;
@@ -111,7 +111,7 @@ TEST_P(KindsTest, ACopyOfACopyStandsAlone) {
   EXPECT_EQ(Instance_StoreProperty(source, u"Name", &lent, CIM_STRING, FLAG_BORROW), RESULT_OK);
   ASSERT_EQ(Instance_Clone(source, copy.Out()), RESULT_OK);
   EXPECT_EQ(Instance_IsWrapped(copy), GetParam() == kDynamic);
-  source.End();
+  source.Delete();
   text.reset();
   for (HeapSweep sweep; sweep.Next();) {
     OwnBatch batch(0);
@@ -121,14 +121,14 @@ TEST_P(KindsTest, ACopyOfACopyStandsAlone) {
     EXPECT_EQ(object->refs.load(),
               1u + (GetParam() == kClassObject) * (sweep.HasRefused() ? 1 : 2));
     if (sweep.HasRefused()) continue;
-    copy.End();
+    copy.Delete();
     EXPECT_EQ(NamesOf(last), u"Fan-roothost");
     EXPECT_EQ(u16string(Read(last, u"Name", CIM_STRING).string), u"lent");
     for (unsigned i = 0; i < 40; ++i)
       EXPECT_EQ(AddNumbered(last, i), GetParam() == kDynamic ? RESULT_OK : RESULT_FAILED);
     EXPECT_EQ(Read(last, u"Id", CIM_UINT32).uint32, 7u);
   }
-  fixed.End();
+  fixed.Delete();
   EXPECT_EQ(object->refs.load(), 1u);
   EXPECT_EQ(Class_Delete(object), RESULT_OK);
 }
@@ -191,14 +191,14 @@ TEST(InstanceTest, AnArrayIsFilledElementByElement) {
   EXPECT_EQ(Instance_AppendToArray(made, 3, &key), RESULT_FAILED);
 }
 
-TEST(InstanceTest, ADynamicDefinitionIsCopiedByWhatOutlivesIt) {
+TEST(InstanceTest, ADynamicDefinitionIsCopiedByItsUsers) {
   Owned dynamic(u"Fan", {{u"Speed", CIM_UINT32, Number(1)}}), fixed(dynamic->body->def), copy;
   ClassObject* object = nullptr;
   ASSERT_EQ(Instance_MakeClassObject(dynamic, &object), RESULT_OK);
-  dynamic.End();
+  dynamic.Delete();
   ASSERT_EQ(Instance_Clone(fixed, copy.Out()), RESULT_OK);
   EXPECT_NE(copy->def, fixed->def);
-  fixed.End();
+  fixed.Delete();
   const CimValue two = Number(2);
   EXPECT_EQ(Instance_StoreProperty(copy, u"SPEED", &two, CIM_UINT32, 0), RESULT_OK);
   EXPECT_EQ(Read(copy, u"Speed", CIM_UINT32).uint32, 2u);

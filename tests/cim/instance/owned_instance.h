@@ -1,5 +1,5 @@
-// What the tests of instances build with: values, the one owner of an instance, its properties read
-// back, and a heap that refuses each request in turn.
+// Helpers for tests of instances: values, an owner of an instance, reads of its properties, and a
+// heap that refuses each allocation in turn.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ CimValue Array(Element* data, std::size_t count) {
   return {.array = {elements, static_cast<std::uint32_t>(count), 0}};
 }
 
-// A batch of the test's own; with a limit of 0 each of its requests reaches the heap.
+// A batch of the test. With a limit of 0 each of its allocations reaches the heap.
 struct OwnBatch : Batch {
   explicit OwnBatch(std::uint64_t limit = kNoPageLimit) : Batch{} { Batch_Init(this, limit); }
   OwnBatch(const OwnBatch&) = delete;
@@ -51,7 +51,7 @@ class Owned {
   }
   Owned(const Owned&) = delete;
   Owned& operator=(const Owned&) = delete;
-  ~Owned() { End(); }
+  ~Owned() { Delete(); }
 
   // Where a call stores the instance that it makes.
   Instance** Out() { return &instance_; }
@@ -62,7 +62,7 @@ class Owned {
                                    property.flags),
               RESULT_OK);
   }
-  void End() {
+  void Delete() {
     EXPECT_EQ(instance_ == nullptr ? RESULT_OK : Instance_Delete(instance_), RESULT_OK);
     instance_ = nullptr;
   }
@@ -71,7 +71,7 @@ class Owned {
   Instance* instance_ = nullptr;
 };
 
-// What Instance_ReadProperty gives.
+// The results of Instance_ReadProperty.
 struct Found {
   Result result;
   CimValue value;
@@ -85,7 +85,7 @@ inline Found Read(const Instance* instance, const char16_t* name) {
   return made;
 }
 
-// The value of a property that has one, of this type.
+// Returns the value of a property of this type that is not null.
 inline CimValue Read(const Instance* instance, const char16_t* name, std::uint32_t type) {
   const Found found = Read(instance, name);
   EXPECT_TRUE(found.result == RESULT_OK && found.type == type && !found.IsNull());
@@ -98,8 +98,8 @@ std::vector<Element> ElementsOf(const CimValue& value) {
   return std::vector<Element>(data, data + value.array.size);
 }
 
-// Runs an operation again and again, each time with another request to the heap refused, until a
-// run has none left to refuse: for (HeapSweep sweep; sweep.Next();) { ... sweep.Run(...) ... }
+// Repeats an operation and refuses a later allocation each time, until a run has none to refuse:
+// for (HeapSweep sweep; sweep.Next();) { ... sweep.Run(...) ... }
 class HeapSweep {
  public:
   bool Next() { return ++failAt_ == 1 || hasRefused_; }

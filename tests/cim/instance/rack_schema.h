@@ -1,5 +1,5 @@
 // A schema of racks that hold disks and racks: nested instances of every kind, octet strings, keys
-// with and without a default, and a method. Each slot takes 40 bytes, so that offsets are plain.
+// with and without a default, and a method. Each slot has 40 bytes, as in a dynamic instance.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 
 namespace stewardry::cim::rack_schema {
 
-// With at most one qualifier.
+// Makes a property with at most one qualifier.
 constexpr PropertyDef Slot(std::uint32_t index, const char16_t* name, std::uint32_t type,
                            std::uint32_t flags = 0, const void* value = nullptr,
                            const QualifierDef* const* qualifier = nullptr,

@@ -1,4 +1,4 @@
-// Text into properties, octet strings, and values out by type.
+// Properties set from text, octet strings, and reads by type.
 #include "cim/instance/typed_instance.h"
 
 #include <algorithm>
@@ -66,7 +66,7 @@ TEST(TypedInstanceTest, ARefusedTextLeavesTheOldValue) {
             (std::vector<std::uint32_t>{1, 2, 3}));
 }
 
-TEST(TypedInstanceTest, ATextIsAnOctetStringOnlyForAPropertyThatSaysSo) {
+TEST(TypedInstanceTest, ATextIsAnOctetStringForAPropertyWithTheQualifier) {
   const Octets kAbc = {0, 0, 0, 7, 'a', 'b', 'c'};
   const struct {
     const char16_t* property;
@@ -76,7 +76,7 @@ TEST(TypedInstanceTest, ATextIsAnOctetStringOnlyForAPropertyThatSaysSo) {
     Octets octets;
   } kCases[] = {
       {u"Data", {u"YWJj"}, 2, RESULT_OK, kAbc},
-      {u"Data", {u"YWJj", u"!"}, 0xFF, RESULT_OK, kAbc},             // the first text alone
+      {u"Data", {u"YWJj", u"!"}, 0xFF, RESULT_OK, kAbc},             // only the first text
       {u"Data", {u"\u0159\u0357\u044A\u056A"}, 2, RESULT_OK, kAbc},  // the low bytes
       {u"Data", {u""}, 2, RESULT_OK, {0, 0, 0, 4}},
       {u"Data", {u"YW!j"}, 2, RESULT_FAILED, {}},
@@ -97,18 +97,18 @@ TEST(TypedInstanceTest, ATextIsAnOctetStringOnlyForAPropertyThatSaysSo) {
 TEST(TypedInstanceTest, AnOctetStringBeyond32BitsIsRefused) {
   OctetSink sink{};
   EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 1, &sink), 0);
-  EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 0xFFFFFFFB, &sink), -1);  // before it is read
+  EXPECT_EQ(OctetSink_Append(&rack_schema::kYes, 0xFFFFFFFB, &sink), -1);  // unread
   EXPECT_EQ(sink.data, nullptr);
 }
 
-TEST(TypedInstanceTest, AValueComesOutUnderItsTypeAlone) {
+TEST(TypedInstanceTest, AValueIsReadAsItsOwnType) {
   const Owned made(u"Any", {{u"Nothing", CIM_UINT16, {}, FLAG_NULL}});
   std::uint8_t out[3] = {0xEE, 0xEE, 0xEE};
   EXPECT_EQ(Instance_GetValueOfType(made, u"Nothing", nullptr, CIM_UINT8), RESULT_TYPE_MISMATCH);
   EXPECT_EQ(Instance_GetValueOfType(made, u"Nothing", nullptr, CIM_UINT16), RESULT_NOT_FOUND);
   EXPECT_EQ(Instance_SetFromText(made, u"Nothing", u"7", 0), RESULT_OK);
   EXPECT_EQ(Instance_GetValueOfType(made, u"Nothing", out, CIM_UINT16), RESULT_OK);
-  EXPECT_EQ(Octets(out, out + 3), (Octets{7, 0, 0xEE}));  // the element's two bytes, no more
+  EXPECT_EQ(Octets(out, out + 3), (Octets{7, 0, 0xEE}));  // two bytes
 }
 
 TEST(TypedInstanceTest, AFailedChangeLeavesANull) {
@@ -118,7 +118,7 @@ TEST(TypedInstanceTest, AFailedChangeLeavesANull) {
   for (const Given& each : kChanges) {
     for (HeapSweep sweep; sweep.Next();) {
       const Owned disk(&kDisk);
-      (void)Batch_Alloc(disk->batch, 504);  // the page is full, so that the batch needs the heap
+      (void)Batch_Alloc(disk->batch, 504);  // fills the page
       (void)Batch_Alloc(disk->batch, 504);
       const Result result = sweep.Run(
           [&] { return SetTexts(disk, each.name, {each.value.string}, kTextOctetString); });

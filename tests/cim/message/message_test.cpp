@@ -1,4 +1,4 @@
-// Messages: their sending form, what arrives, and shipments that must be refused.
+// Messages: their sending form, restored messages, and malformed shipments.
 #include "cim/message/message.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using Owner = std::unique_ptr<Message, DropMessage>;
 
 class MessageTest : public ::testing::Test {
  protected:
-  // A message with every text and every instance of its table.
+  // Makes a message with every text and every instance of its table.
   Owner Make(std::uint32_t tag) {
     Owner message(Message_Create(tag, Message_SizeOf(tag), 4711, 5));
     if (Message_IsRequest(tag)) Fill(message.get(), kRequestFields);
@@ -44,12 +44,12 @@ class MessageTest : public ::testing::Test {
 };
 
 std::uint64_t AddressOf(const void* place) { return reinterpret_cast<std::uintptr_t>(place); }
-// A field of 64 bits, also one that holds a pointer.
+// Returns a field of 64 bits, which may hold a pointer.
 std::uint64_t& Word(Message* message, std::uint64_t offset) {
   return Message_Field<std::uint64_t>(message, offset);
 }
 
-// The far end: pages at other addresses, with the sender's content.
+// The receiver: pages at other addresses with the sender's content.
 struct Arrived {
   std::vector<BatchPageInfo> list;
   Batch* batch = nullptr;
@@ -85,7 +85,7 @@ void ExpectFilled(const Message* message, const MessageFieldRow* row) {
   }
 }
 
-// Every message is sent to a relay, which keeps its instances packed, and from there to its target.
+// Sends every message to a relay, which keeps its instances packed, and from there to a target.
 TEST_F(MessageTest, MessagesOfEveryTagArriveWithTheirFields) {
   for (std::uint32_t index = 1; index < kMessageTags; ++index)
     for (const std::uint32_t tag : {index, index | kTagIsRequest}) {
@@ -113,7 +113,7 @@ TEST_F(MessageTest, IncompleteMessagesAreNotCloned) {
   const Owner sources[] = {Make(kGetInstanceReq), Make(kGetInstanceReq), Make(kPostInstanceMsg)};
   Message_Field<void*>(sources[0].get(), 136) = nullptr;
   Message_Field<void*>(sources[1].get(), 144) = nullptr;
-  sources[2]->tag |= kTagIsRequest;  // whose request head would lie behind the record
+  sources[2]->tag |= kTagIsRequest;  // the request head would lie after the record
   for (const Owner& source : sources) {
     Message* clone = nullptr;
     EXPECT_EQ(MessagePackCloneForBinarySending(source.get(), &clone), RESULT_INVALID_PARAMETER);
@@ -132,13 +132,13 @@ constexpr HostileChange kHostileChanges[] = {
     {"message between words", [](Arrived* a, Message*) { a->address += 4; }},
     {"message cut",
      [](Arrived* a, Message*) { a->address = AddressOf(a->list[0].data) + a->list[0].size - 72; }},
-    {"more pages than came", [](Arrived* a, Message*) { a->list.resize(50); }},
+    {"more pages than received", [](Arrived* a, Message*) { a->list.resize(50); }},
     {"unknown tag", [](Arrived*, Message* m) { m->tag = 24; }},
     {"no request head", [](Arrived*, Message* m) { m->tag = kPostInstanceMsg | kTagIsRequest; }},
     {"text missing", [](Arrived*, Message* m) { Word(m, 136) = 0; }},
     {"text outside", [](Arrived*, Message* m) { Word(m, 136) += kFar; }},
     {"text at an odd address", [](Arrived*, Message* m) { ++Word(m, 136); }},
-    {"text up to its page's end",
+    {"text without terminator in its page",
      [](Arrived* a, Message* m) {
        const std::uint64_t last = a->list[0].size - 2;
        std::memset(static_cast<char*>(Batch_PageAt(a->batch, 0)) + last, 1, 2);

@@ -1,5 +1,5 @@
-// Calls that other threads post into a selector's run.
-#include "cim/message/posted_calls.h"
+// Calls that other threads post to a selector's run thread.
+#include "cim/message/message.h"
 
 #include <gtest/gtest.h>
 
@@ -12,19 +12,19 @@ namespace {
 
 constexpr std::uint64_t kMinute = 60'000'000;
 
-// What ran, in its order. The calls check that they are on the selector's run thread.
+// The calls that ran, in order. They check that they are on the selector's run thread.
 struct Seen {
   Selector* selector;
   std::vector<std::uint64_t> ids;
 };
 
-void Note(void* data, Message* message) {
+void Record(void* data, Message* message) {
   auto* seen = static_cast<Seen*>(data);
   EXPECT_TRUE(Selector_IsRunThread(seen->selector));
   seen->ids.push_back(message->correlationId);
 }
-void NoteAndStop(void* data, Message* message) {
-  Note(data, message);
+void RecordAndStop(void* data, Message* message) {
+  Record(data, message);
   Selector_StopRunning(static_cast<Seen*>(data)->selector);
 }
 
@@ -35,7 +35,7 @@ class PostedCalls : public ::testing::Test {
     Selector_AllowEmptyList(&selector_, true);
   }
   ~PostedCalls() override { Selector_Destroy(&selector_); }
-  // Posts, and gives its own reference back.
+  // Posts a call and releases its own reference.
   void Post(std::uint64_t id, void (*callback)(void*, Message*), void* data) {
     Message* message = Message_Create(kNoOpReq, 136, id, 0);
     message->release = [](Message*, void* count) { ++*static_cast<std::atomic<int>*>(count); };
@@ -51,12 +51,12 @@ class PostedCalls : public ::testing::Test {
 TEST_F(PostedCalls, CallsOfAnotherThreadRunInTheirOrderAndThoseOfTheRunThreadAtOnce) {
   const auto nested = [](void* data, Message* message) {
     auto* seen = static_cast<Seen*>(data);
-    EXPECT_EQ(Selector_CallInRunThread(seen->selector, NoteAndStop, seen, message), RESULT_OK);
+    EXPECT_EQ(Selector_CallInRunThread(seen->selector, RecordAndStop, seen, message), RESULT_OK);
     EXPECT_EQ(seen->ids.size(), 5u);
   };
   std::thread([&] {
-    for (std::uint64_t id = 0; id < 4; ++id) Post(id, Note, &seen_);
-    Selector_StopRunning(&selector_);  // has no effect: the run hasn't begun
+    for (std::uint64_t id = 0; id < 4; ++id) Post(id, Record, &seen_);
+    Selector_StopRunning(&selector_);  // has no effect before the run
     Post(4, nested, &seen_);
   }).join();
   EXPECT_TRUE(seen_.ids.empty());
@@ -69,7 +69,7 @@ TEST_F(PostedCalls, EveryCallOfEightThreadsRunsWhileTheSelectorIsStoppedAndWoken
   constexpr int kThreads = 8, kCalls = 500;
   std::atomic<int> run{0};
   const auto add = [](void* data, Message*) { ++*static_cast<std::atomic<int>*>(data); };
-  std::thread runner([&] {  // until the last call of all
+  std::thread runner([&] {  // until the last call
     while (seen_.ids.empty()) ASSERT_EQ(Selector_Run(&selector_, kMinute, false), RESULT_OK);
   });
   std::vector<std::thread> posters;
@@ -82,7 +82,7 @@ TEST_F(PostedCalls, EveryCallOfEightThreadsRunsWhileTheSelectorIsStoppedAndWoken
       }
     });
   for (std::thread& each : posters) each.join();
-  Post(kCalls, NoteAndStop, &seen_);
+  Post(kCalls, RecordAndStop, &seen_);
   runner.join();
   EXPECT_EQ(run, kThreads * kCalls);
   EXPECT_EQ(released_, kThreads * kCalls + 1);
@@ -90,13 +90,13 @@ TEST_F(PostedCalls, EveryCallOfEightThreadsRunsWhileTheSelectorIsStoppedAndWoken
 
 TEST_F(PostedCalls, DestroyedSelectorReleasesItsCallsUnrun) {
   std::thread([this] {
-    for (std::uint64_t id = 0; id < 3; ++id) Post(id, Note, &seen_);
+    for (std::uint64_t id = 0; id < 3; ++id) Post(id, Record, &seen_);
   }).join();
   Selector_Destroy(&selector_);
   EXPECT_TRUE(seen_.ids.empty());
   EXPECT_EQ(released_, 3);
   Message* message = Message_Create(kNoOpReq, 136, 3, 0);
-  EXPECT_EQ(Selector_CallInRunThread(&selector_, Note, &seen_, message), RESULT_FAILED);
+  EXPECT_EQ(Selector_CallInRunThread(&selector_, Record, &seen_, message), RESULT_FAILED);
   Message_Drop(message);
 }
 

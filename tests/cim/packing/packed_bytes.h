@@ -1,6 +1,5 @@
-// Packed bytes written out by hand, for the tests of the packed form: "01 00 'Fan' --". Two digits
-// are a byte, letters in quotes are units of 16 bits, and -- is filler: a writer leaves a zero
-// there, and a reader takes anything.
+// Packed bytes as text, for the tests of the packed form: "01 00 'Fan' --". Two digits are a byte,
+// letters in quotes are 16-bit units, and -- is filler: a writer zeroes it, a reader ignores it.
 #pragma once
 
 #include <cctype>
@@ -35,8 +34,8 @@ inline std::vector<int> Parse(const std::string& text) {
   return bytes;
 }
 
-// A writer that frees its block, which begins full of what a heap may hold. With an instance it
-// holds the packed form of it.
+// A writer that owns its block, filled with arbitrary content first. With an instance it holds the
+// packed form.
 struct Writer : PackBuf {
   explicit Writer(const Instance* instance = nullptr) {
     EXPECT_EQ(PackBuf_Init(this, 0), RESULT_OK);
@@ -57,8 +56,8 @@ inline void ExpectBytes(const PackBuf& packed, const std::string& text) {
     EXPECT_EQ(packed.data[i], expected[i] == kFiller ? 0 : expected[i]) << "byte " << i;
 }
 
-// Bytes for a reader, in a block of exactly that size. Filler has a value that would break a reader
-// that takes it for content.
+// Bytes for a reader, in a block of exactly that size. Filler is not zero: a reader that uses it
+// fails.
 class Bytes {
  public:
   explicit Bytes(const std::string& text) {

@@ -1,4 +1,4 @@
-// The packed form byte for byte, and what survives it.
+// The packed form byte by byte, and instances packed and unpacked.
 #include "cim/packing/packing.h"
 
 #include <string_view>
@@ -11,8 +11,7 @@ namespace {
 
 using namespace packed_bytes;
 
-// A nested "Id", up to where its key ends; the instance that holds it has left the position at a
-// multiple of 4. Then its other property.
+// A nested "Id" at a multiple of 4: up to its properties, its key, and its other property.
 const std::string kIdKey = "57 99 2B 46  01 00 00 00  03 00 00 00 'Id' 00 00 -- --  00 00 00 00 ";
 const std::string kKey = "00 10 00 00  02 00 00 00 'K' 00 00  01 00 00 00  01 07 -- -- ";
 const std::string kOther = "00 00 00 00  02 00 00 00 'N' 00 00  01 00 00 00  01 08 -- -- ";
@@ -37,7 +36,7 @@ class PackingTest : public ::testing::Test {
       .datetime = {.timestampForm = 1, .timestamp = {2024, 2, 29, 12, 13, 14, 15, -60}}};
   static constexpr std::uint64_t numbers_[2] = {0xA00000009, 0xC0000000B};
   static constexpr const char16_t* texts_[3] = {u"up", u"", u"x"};
-  // Each type, and the other forms that a type can have.
+  // Every type, in each of its forms.
   const std::vector<Row> rows_ = {
       {{CIM_BOOLEAN, CIM_UINT8, CIM_SINT8}, Number(0xFE), "01 FE -- --"},
       {{CIM_UINT16, CIM_SINT16, CIM_CHAR16}, Number(0x1234), "01 -- 34 12"},
@@ -78,7 +77,7 @@ void ExpectPacked(std::uint32_t type, const CimValue& value, const std::string& 
   constexpr char kDigits[] = "0123456789ABCDEF";
   const std::string digits = {kDigits[type / 16], kDigits[type % 16]};
   std::string whole = kOne + digits + " 00 00 00 " + rest + kTail;
-  // Borrowed, so that an array without elements keeps its data.
+  // Borrowing preserves the data pointer of an array without elements.
   const Owned fan(u"Fan", {{u"V", type, value, FLAG_BORROW}});
   const_cast<PropertyDef*>(Instance_Body(fan)->def->properties[0])->flags = 0;
   ExpectBytes(Writer(fan), whole);
@@ -88,10 +87,10 @@ void ExpectPacked(std::uint32_t type, const CimValue& value, const std::string& 
   Owned read;
   ASSERT_EQ(Instance_Unpack(read.Out(), &reader, nullptr, true), RESULT_OK) << whole;
   EXPECT_EQ(reader.offset, reader.size);
-  // The class of an "Id" that was copied has no flags.
+  // The class of a copied "Id" has no flags.
   for (std::size_t at = 0; (at = whole.find("01 00 00 00  03", at)) != whole.npos;)
     whole[at + 1] = '0';
-  // An array of numbers that came without elements has no data, which is not packed.
+  // An unpacked array of numbers without elements has no data and cannot be packed.
   if (type != CIM_UINT64A || value.array.size != 0) ExpectBytes(Writer(read), whole);
 }
 

@@ -1,4 +1,4 @@
-// Bytes that nobody packed, bytes that end too soon, and a heap that is empty at any request.
+// Malformed and truncated bytes, and failing allocations.
 #include <algorithm>
 
 #include "tests/cim/packing/packed_bytes.h"
@@ -14,7 +14,7 @@ std::string Repeat(std::uint32_t times, const std::string& text) {
   return repeated;
 }
 
-// The offsets of two texts and of their end.
+// Returns the bytes of the offsets of two texts and of their end.
 std::string Offsets(std::uint64_t first, std::uint64_t second, std::uint64_t end) {
   std::string bytes;
   for (const std::uint64_t offset : {first, second, end}) {
@@ -33,8 +33,8 @@ std::size_t MemoryOf(const Batch* batch) {
   return sum;
 }
 
-// Into a batch, and into one of its own, copied and borrowed: the result is the same. Memory is in
-// proportion to the bytes: an instance of 28 bytes takes nearly two kilobytes.
+// Unpacks with and without a batch, with and without copying, and expects one result. Memory is
+// proportional to the bytes: an instance of 28 bytes takes nearly two kilobytes.
 Result Unpack(const Bytes& original) {
   std::vector<Result> results;
   for (const unsigned way : {0u, 1u, 2u, 3u}) {
@@ -51,8 +51,8 @@ Result Unpack(const Bytes& original) {
   return results[0];
 }
 
-TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
-  // Forms of "V", up to the value.
+TEST(UnpackingTest, MalformedBytesAreRefused) {
+  // "V" in several types, up to the value.
   const std::string text = kOne + "0D 00 00 00 01 -- -- -- ";
   const std::string texts = kOne + "1D 00 00 00 01 -- -- -- 02 00 00 00 -- -- -- -- ";
   const std::string instances = kOne + "1E 00 00 00 01 -- -- -- ";
@@ -73,7 +73,7 @@ TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
        mark + "02 00 00 00 'F' 00 00 01 00 00 00 'x' -- -- 00 00 00 00"},
       {"more properties than bytes", kFailed, kHead + "FF FF FF FF"},
       {"bad property name of 4096", kInvalid, kHead + "00 10 00 00" + bad},
-      {"one property too many", kFailed, kHead + "01 10 00 00" + bad},  // none is looked at
+      {"one property too many", kFailed, kHead + "01 10 00 00" + bad},  // none is read
       {"null of type 32", kFailed, kOne + "20 00 00 00 00 -- -- --"},
       {"value of type FFFFFFFF", kFailed, kOne + "FF FF FF FF 01 05 -- --"},
       {"text of 4 GiB", kFailed, text + "00 00 00 80"},
@@ -95,7 +95,7 @@ TEST(UnpackingTest, BytesThatBreakTheFormAreRefused) {
   Bytes null(kHead + "01 00 00 00 00 00 00 20 02 00 00 00 'V' 00 00 01 00 00 00 01 05 -- --" +
              kTail);
   EXPECT_TRUE(Instance_UnpackBytes(nullptr, null.Get().data(), null.Reader().size, made.Out()));
-  EXPECT_TRUE(Read(made, u"V").IsNull());  // by the flag, though it has a value
+  EXPECT_TRUE(Read(made, u"V").IsNull());  // by its flag, although it has a value
 }
 
 TEST(UnpackingTest, NestingIsLimited) {
@@ -108,8 +108,8 @@ TEST(UnpackingTest, NestingIsLimited) {
   EXPECT_EQ(Unpack(Bytes(Repeat(20000, level))), RESULT_FAILED);
 }
 
-// Up to 32 properties and beyond, names are compared in different ways.
-TEST(UnpackingTest, APropertyTwiceIsRefused) {
+// The first 32 names are compared in another way than later ones.
+TEST(UnpackingTest, TwoPropertiesOfOneNameAreRefused) {
   const auto property = [](std::uint32_t number, char letter) {
     const std::string name = {'\'', letter, static_cast<char>('a' + number / 26),
                               static_cast<char>('a' + number % 26), '\''};
@@ -128,8 +128,7 @@ TEST(UnpackingTest, APropertyTwiceIsRefused) {
   }
 }
 
-// An instance with a value of each form of the packed data. What was borrowed when it was packed
-// says so in its flags.
+// An instance with a value of each packed form. Its borrowed properties have FLAG_BORROW.
 class RichTest : public ::testing::Test {
  protected:
   static constexpr std::uint64_t kWides[] = {1, 2};
@@ -149,7 +148,7 @@ class RichTest : public ::testing::Test {
                       {u"When", CIM_DATETIME, kWhen}}};
 };
 
-// Checks each property that points.
+// Checks the properties that hold pointers.
 void ExpectBorrowed(const Instance* made, bool borrowed) {
   for (std::uint32_t i = 0; i < 6; ++i) {
     std::uint32_t flags = 0;
@@ -169,7 +168,7 @@ TEST_F(RichTest, ACopyOwnsWhatItRead) {
   ExpectBorrowed(copy, false);
   const auto inners = ElementsOf<Instance*>(Read(copy, u"Inners", CIM_INSTANCEA));
   EXPECT_EQ(std::u16string(Read(inners.at(1), u"Note", CIM_STRING).string), u"deep");
-  EXPECT_EQ(Instance_ClearProperty(copy, u"Inners"), RESULT_OK);  // as an owner may
+  EXPECT_EQ(Instance_ClearProperty(copy, u"Inners"), RESULT_OK);  // it owns them
   EXPECT_TRUE(Read(copy, u"Inners").IsNull());
 }
 
@@ -187,7 +186,7 @@ TEST_F(RichTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
   odd.Get().insert(odd.Get().begin(), 0);
   EXPECT_FALSE(Instance_UnpackBytes(nullptr, odd.Get().data() + 1, size, &made));
   EXPECT_EQ(made, nullptr);
-  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // moved
+  EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // copied
 }
 
 TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
@@ -197,7 +196,7 @@ TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
     EXPECT_EQ(Unpack(Bytes(PackBuf{packed.data, size, 0, 0})), RESULT_FAILED) << size;
 }
 
-TEST_F(RichTest, AFailedRequestToTheHeapLeavesNothing) {
+TEST_F(RichTest, AFailedAllocationLeavesNothing) {
   ASSERT_EQ(Instance_SetNamespace(outer_, u"root"), RESULT_OK);
   for (HeapSweep sweep; sweep.Next();) {
     OwnBatch batch;

@@ -1,4 +1,4 @@
-// The text forms of a date-time: the record of each form, refused texts, and what is printed.
+// The text forms of a date-time: the record of each form, refused texts, and printing.
 #include "cim/value/datetime.h"
 
 #include <gtest/gtest.h>
@@ -55,16 +55,16 @@ void ExpectRefused(Parser parse, const std::u16string& texts) {
 }
 
 TEST(DatetimeTest, FixedFormsBecomeRecords) {
-  ExpectParsed(
-      Datetime_ParseFixed,
-      {{u"****0229123000.000000-060", Stamp({0, 2, 29, 12, 30, 0, 0, -60})},
-       {u"**************.******+***", Stamp({0, 0, 0, 0, 0, 0, 0, 0})},
-       {u"99991399999999.999999+999", Stamp({9999, 13, 99, 99, 99, 99, 999999, 999})},  // no ranges
-       {u"********020304.******:000", Span({0, 2, 3, 4, 0, {}})},
-       {u"      -1020304.000005:000", Span({0xFFFFFFFF, 2, 3, 4, 5, {}})}});
+  ExpectParsed(Datetime_ParseFixed,
+               {{u"****0229123000.000000-060", Stamp({0, 2, 29, 12, 30, 0, 0, -60})},
+                {u"**************.******+***", Stamp({0, 0, 0, 0, 0, 0, 0, 0})},
+                {u"99991399999999.999999+999",
+                 Stamp({9999, 13, 99, 99, 99, 99, 999999, 999})},  // ranges are not checked
+                {u"********020304.******:000", Span({0, 2, 3, 4, 0, {}})},
+                {u"      -1020304.000005:000", Span({0xFFFFFFFF, 2, 3, 4, 5, {}})}});
 }
 
-TEST(DatetimeTest, OtherTextsAreNoFixedForm) {
+TEST(DatetimeTest, OtherTextsAreRefusedAsFixedForm) {
   ExpectRefused(Datetime_ParseFixed,
                 u"|2|20240229123456.123456+06|20240229123456.123456+0600|20240229123456.123456 060"
                 u"|20240229123456,123456+060|*1240229123456.123456+060|1*240229123456.123456+060"
@@ -81,11 +81,11 @@ TEST(DatetimeTest, SchemaFormsBecomeRecords) {
                 {u"PT", Span({})},
                 {u"P4Y2M", Span({1522, 0, 0, 0, 0, {}})},
                 {u"P3DT4H5M6.789S", Span({3, 4, 5, 6, 789000, {}})},
-                {u"P1D1Y2DTT7M", Span({367, 0, 7, 0, 0, {}})},  // any order, the later one counts
+                {u"P1D1Y2DTT7M", Span({367, 0, 7, 0, 0, {}})},  // any order; the later item is used
                 {u"PT99999999999S", Span({49710, 6, 28, 15, 0, {}})}});
 }
 
-TEST(DatetimeTest, OtherTextsAreNoSchemaForm) {
+TEST(DatetimeTest, OtherTextsAreRefusedAsSchemaForm) {
   ExpectRefused(
       Datetime_ParseSchema,
       u"-2024-02-29|2024|2024-2-29|2024-002-29|20240-02-29|2024-02-29 |2024-02-29T|2024-02-29Zx"
@@ -95,7 +95,7 @@ TEST(DatetimeTest, OtherTextsAreNoSchemaForm) {
       u"|-P1D|P1|P1X|P1H|P1.5D|PT1D|PT1.5M|PT1.5|PTS|P Y|P1Y |p1Y");
 }
 
-TEST(DatetimeTest, FieldsAreReadInsideTheirTextOnly) {
+TEST(DatetimeTest, FieldsAreReadWithinTheirText) {
   std::uint32_t value = 0;
   const std::u16string text(70, u'1');
   EXPECT_EQ(Datetime_ReadField(text.c_str(), 0, 63, &value), 0);

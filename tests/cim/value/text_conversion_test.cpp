@@ -1,5 +1,4 @@
-// Texts to scalar values, each type through the table, so that a row with another type's converter
-// is found.
+// Converts texts to scalar values. Every type goes through the table, which detects a wrong row.
 #include "cim/value/text_conversion.h"
 
 #include <gtest/gtest.h>
@@ -20,8 +19,8 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 constexpr std::uint64_t kUnchanged = 0xEEEEEEEEEEEEEEEE;
 
-// The value's bytes in 64 bits, with 0xEE in those that the type doesn't have. A refused text must
-// leave all of them.
+// Returns the value's bytes in 64 bits, with 0xEE in those beyond the type. A refused text leaves
+// all of them unchanged.
 std::uint64_t Convert(std::uint32_t type, std::u16string_view text) {
   const std::u16string exact(text);  // on the heap, so that a sanitizer reports a read beyond it
   alignas(8) std::uint8_t value[8];
@@ -43,7 +42,7 @@ TEST(TextConversionTest, NumbersStayInTheRangeOfTheirType) {
   constexpr std::uint64_t kMax32 = 0xFFFFFFFF, kTop32 = 0x80000000;
   const struct {
     std::u16string_view text;
-    std::uint64_t unsigned32, signed32;  // smaller types take the low bits
+    std::uint64_t unsigned32, signed32;  // smaller types get the low bits
     std::uint64_t unsigned64, signed64;
   } rows[] = {
       {u"0300", 192, 192, 192, 192},
@@ -68,7 +67,7 @@ TEST(TextConversionTest, NumbersStayInTheRangeOfTheirType) {
   }
 }
 
-TEST(TextConversionTest, OtherTextsAreNoNumber) {
+TEST(TextConversionTest, OtherTextsAreRefusedAsNumbers) {
   for (const std::u16string_view text :
        {u" ", u"-", u"1x", u"1 ", u"0x", u"- 1", u"+-1", u"\u00A01", u"12\u0131"})
     for (std::uint32_t type = CIM_UINT8; type <= CIM_CHAR16; ++type)

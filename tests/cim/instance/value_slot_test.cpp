@@ -1,5 +1,5 @@
-// One slot of each type: stored, borrowed, copied, compared, and on an empty heap.
-#include "cim/value/values.h"
+// Slots of each type: stored, borrowed, copied, compared, and with a failing heap.
+#include "cim/instance/value_slot.h"
 
 #include <cstring>
 #include <limits>
@@ -10,27 +10,27 @@
 namespace stewardry::cim {
 namespace {
 
-// A slot of any type, with a guard behind its last byte.
+// A slot of any type with a guard after its last byte.
 struct Slot {
   alignas(8) std::uint8_t bytes[kMaxSlotSize + 1];
   Slot() { std::memset(bytes, 0xEE, sizeof bytes); }
   operator ValueSlot*() { return reinterpret_cast<ValueSlot*>(bytes); }
 };
 
-// Instances hold a reference on their class object, which shows an instance that was not deleted.
-class ValuesTest : public ::testing::Test {
+// Instances hold a reference on their class object, whose count reveals an instance not deleted.
+class ValueSlotTest : public ::testing::Test {
  protected:
-  ValuesTest() {
+  ValueSlotTest() {
     EXPECT_EQ(Class_FromDef(&fan_schema::kDevice, nullptr, nullptr, &class_), RESULT_OK);
     EXPECT_EQ(Instance_Create(instance_.Out(), class_->def, nullptr), RESULT_OK);
     instances_[0] = instances_[1] = instance_;
   }
-  ~ValuesTest() override {
-    instance_.End();
+  ~ValueSlotTest() override {
+    instance_.Delete();
     EXPECT_EQ(class_->refs.load(), 1u);
     EXPECT_EQ(Class_Delete(class_), RESULT_OK);
   }
-  // A value of each type; arrays have two elements.
+  // Returns a value of the type. Arrays have two elements.
   CimValue ValueOf(std::uint32_t type) {
     if (type == CIM_STRING) return Text(u"text");
     if (type == CIM_STRINGA) return Array(texts_, 2);
@@ -48,7 +48,7 @@ class ValuesTest : public ::testing::Test {
   Instance* instances_[2];
 };
 
-TEST_F(ValuesTest, ASlotKeepsItsValueWithinItsBytes) {
+TEST_F(ValueSlotTest, ASlotKeepsItsValueWithinItsBytes) {
   for (std::uint32_t type = 0; type < kCimTypes; ++type) {
     for (const std::uint32_t flags : {FLAG_ADOPT, FLAG_BORROW}) {
       SCOPED_TRACE(kCimTypeNames[type]);
@@ -79,7 +79,7 @@ TEST_F(ValuesTest, ASlotKeepsItsValueWithinItsBytes) {
   EXPECT_EQ(Instance_KeyCount(instance_), 1u);
 }
 
-TEST_F(ValuesTest, ArraysWithoutElementsOrWithNullElements) {
+TEST_F(ValueSlotTest, ArraysWithoutElementsOrWithNullElements) {
   const char16_t* holedTexts[] = {u"one", nullptr};
   Instance* holed[] = {instance_, nullptr};
   const struct {
@@ -102,7 +102,7 @@ TEST_F(ValuesTest, ArraysWithoutElementsOrWithNullElements) {
   }
 }
 
-TEST_F(ValuesTest, EqualValuesAreOfAComparableTypeAndTheSameContent) {
+TEST_F(ValueSlotTest, EqualValuesAreOfAComparableTypeAndTheSameContent) {
   const auto equal = [&](std::uint32_t type, const CimValue& left, const CimValue* right) {
     Slot a, b;
     EXPECT_EQ(ValueSlot_Set(a, type, &left, FLAG_BORROW, &batch_), RESULT_OK);
@@ -132,7 +132,7 @@ TEST_F(ValuesTest, EqualValuesAreOfAComparableTypeAndTheSameContent) {
   EXPECT_FALSE(equal(CIM_DATETIME, interval, &zero));
 }
 
-TEST_F(ValuesTest, AFailedReplacementLeavesTheOldValue) {
+TEST_F(ValueSlotTest, AFailedReplacementLeavesTheOldValue) {
   for (std::uint32_t type = CIM_STRING; type < kCimTypes; ++type) {
     SCOPED_TRACE(kCimTypeNames[type]);
     const CimValue value = ValueOf(type);

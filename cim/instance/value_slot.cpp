@@ -1,5 +1,4 @@
-// Slots: set, copied, cleared and compared by their type.
-#include "cim/value/values.h"
+#include "cim/instance/value_slot.h"
 
 #include <algorithm>
 #include <cstring>
@@ -9,20 +8,13 @@
 #include "cim/instance/instance.h"
 
 namespace stewardry::cim {
-
-const std::array<const char*, kCimTypes> kCimTypeNames = {
-    "BOOLEAN",  "UINT8",   "SINT8",   "UINT16",  "SINT16",    "UINT32",  "SINT32",     "UINT64",
-    "SINT64",   "REAL32",  "REAL64",  "CHAR16",  "DATETIME",  "STRING",  "REFERENCE",  "INSTANCE",
-    "BOOLEANA", "UINT8A",  "SINT8A",  "UINT16A", "SINT16A",   "UINT32A", "SINT32A",    "UINT64A",
-    "SINT64A",  "REAL32A", "REAL64A", "CHAR16A", "DATETIMEA", "STRINGA", "REFERENCEA", "INSTANCEA"};
-
 namespace {
 
 constexpr std::uint8_t kPoison = 0xDD;
 
 std::uint8_t* BytesOf(ValueSlot* slot) { return reinterpret_cast<std::uint8_t*>(slot); }
 
-// A slot may lie at any address that its type allows, and a stored value anywhere.
+// Loads a value from an address of any alignment.
 template <class T>
 T Load(const void* from) {
   T value;
@@ -30,12 +22,11 @@ T Load(const void* from) {
   return value;
 }
 
-bool IsInstanceType(std::uint32_t type) { return type == CIM_REFERENCE || type == CIM_INSTANCE; }
-
-// Calls piece(offset, size) for the pieces of a slot of this type, each with a size that the
-// compiler knows once all is in line. CimValue_CopyBytes tells why.
+// Calls piece(offset, size) for the pieces of a slot of this type. Once inlined, each size is a
+// constant, for the reason given at CimValue_CopyBytes.
 template <class Piece>
 void ForPieces(std::uint32_t type, Piece piece) {
+  assert(type < kCimTypes);
   using std::integral_constant;
   const std::size_t size = kSlotSizes[type];
   if (size < 8) {
@@ -58,8 +49,9 @@ void CopySlot(ValueSlot* to, std::uint32_t type, const std::uint8_t* from) {
             [=](std::size_t at, auto size) { std::memcpy(BytesOf(to) + at, from + at, size); });
 }
 
-// Stores the value's bytes and marks the slot as having one.
-void Fill(ValueSlot* slot, std::uint32_t type, const void* value, std::uint8_t flags) {
+// Stores the value's bytes and marks the value present.
+void StoreBytes(ValueSlot* slot, std::uint32_t type, const void* value, std::uint8_t flags) {
+  assert(ValueSlot_IsAligned(slot, type));
   const std::size_t size = kElementSizes[type];
   CimValue_CopyBytes(BytesOf(slot), value, size);
   BytesOf(slot)[size] = 1;
@@ -69,7 +61,11 @@ void Fill(ValueSlot* slot, std::uint32_t type, const void* value, std::uint8_t f
 Result SetPointer(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::uint32_t flags,
                   Batch* batch) {
   if (value.string == nullptr) return RESULT_OK;
-  if ((flags & FLAG_BORROW) != 0) return Fill(slot, type, &value, SLOT_BORROWED), RESULT_OK;
+  if ((flags & FLAG_BORROW) != 0) {
+    StoreBytes(slot, type, &value, SLOT_BORROWED);
+    return RESULT_OK;
+  }
+  assert(batch != nullptr);
   CimValue copy = value;
   if (type == CIM_STRING) {
     copy.string = Batch_DupText(batch, value.string);
@@ -78,12 +74,13 @@ Result SetPointer(ValueSlot* slot, std::uint32_t type, const CimValue& value, st
              result != RESULT_OK) {
     return result;
   }
-  Fill(slot, type, &copy, 0);
+  StoreBytes(slot, type, &copy, 0);
   return RESULT_OK;
 }
 
-// The table of pointers and then the texts, in one block that one release gives back.
+// Copies the pointers and after them the texts into one block, which one release frees.
 const char16_t** CopyTexts(const char16_t* const* texts, std::uint32_t count, Batch* batch) {
+  assert(texts != nullptr && count != 0);
   std::size_t units = 0;
   for (std::uint32_t i = 0; i < count; ++i) {
     if (texts[i] == nullptr) return nullptr;
@@ -104,17 +101,18 @@ const char16_t** CopyTexts(const char16_t* const* texts, std::uint32_t count, Ba
 }
 
 void DeleteInstances(Instance** instances, std::uint32_t count) {
-  for (std::uint32_t i = 0; i < count; ++i) (void)Instance_Delete(instances[i]);  // null is refused
+  for (std::uint32_t i = 0; i < count; ++i)
+    (void)Instance_Delete(instances[i]);  // fails only for a null
 }
 
 Instance** CopyInstances(Instance* const* instances, std::uint32_t count, Batch* batch) {
-  if (std::any_of(instances, instances + count, [](const Instance* each) { return !each; }))
-    return nullptr;
+  assert(instances != nullptr && count != 0);
+  if (std::find(instances, instances + count, nullptr) != instances + count) return nullptr;
   auto** table = static_cast<Instance**>(Batch_AllocZero(batch, count * sizeof(Instance*)));
   if (table == nullptr) return nullptr;
   for (std::uint32_t i = 0; i < count; ++i) {
     if (Instance_Copy(instances[i], &table[i], batch) == RESULT_OK) continue;
-    DeleteInstances(table, i);  // they may hold references on classes
+    DeleteInstances(table, i);  // they may hold references on class objects
     return nullptr;
   }
   return table;
@@ -126,8 +124,9 @@ void* CopyPlain(const void* data, std::size_t size, Batch* batch) {
   return copy;
 }
 
-// An element of a table of texts or instances stands for itself, so an empty table is none.
+// Returns null if allocation fails, and for a table of pointers that has no elements or a null one.
 void* CopyElements(std::uint32_t type, const ArrayValue& array, Batch* batch) {
+  assert(CimType_IsArray(type) && array.data != nullptr && batch != nullptr);
   const std::uint32_t element = CimType_Element(type);
   if (element < CIM_STRING)
     return CopyPlain(array.data, std::size_t{array.size} * kElementSizes[element], batch);
@@ -144,29 +143,32 @@ Result SetArray(ValueSlot* slot, std::uint32_t type, const ArrayValue& array, st
   if (array.data == nullptr) {
     stored.array.size = 0;
   } else if ((flags & FLAG_BORROW) != 0) {
-    return Fill(slot, type, &array, SLOT_BORROWED), RESULT_OK;
+    StoreBytes(slot, type, &array, SLOT_BORROWED);
+    return RESULT_OK;
   } else if (array.size != 0 || CimType_Element(type) >= CIM_STRING) {
     stored.array.data = CopyElements(type, array, batch);
     if (stored.array.data == nullptr) return RESULT_FAILED;
   }
-  Fill(slot, type, &stored, 0);
+  StoreBytes(slot, type, &stored, 0);
   return RESULT_OK;
 }
 
 void ReleaseArray(std::uint32_t type, const ArrayValue& array, Batch* batch) {
   if (array.data == nullptr) return;
-  if (IsInstanceType(CimType_Element(type)))
+  assert(batch != nullptr);
+  if (CimType_HoldsInstances(type))
     DeleteInstances(static_cast<Instance**>(array.data), array.size);
   Batch_Release(batch, array.data);
 }
 
-// A borrowed value, and a null with its zeros, own nothing.
+// Releases what a slot with a pointer owns. A borrowed value and a null own nothing.
 void ReleaseValue(ValueSlot* slot, std::uint32_t type, Batch* batch) {
+  assert(type >= CIM_STRING && ValueSlot_IsAligned(slot, type));
   const std::uint8_t* bytes = BytesOf(slot);
   if ((bytes[kElementSizes[type] + 1] & SLOT_BORROWED) != 0) return;
   if (CimType_IsArray(type)) return ReleaseArray(type, Load<ArrayValue>(bytes), batch);
   if (type == CIM_STRING) return Batch_Release(batch, Load<const void*>(bytes));
-  if (IsInstanceType(type)) (void)Instance_Delete(Load<Instance*>(bytes));  // null is refused
+  (void)Instance_Delete(Load<Instance*>(bytes));  // fails only for a null
 }
 
 template <class T>
@@ -191,7 +193,7 @@ bool EqualReferences(const ValueSlot* a, const ValueSlot* b) {
   return (left == nullptr && right == nullptr) || Instance_KeysEqual(left, right);
 }
 
-// By scalar type; an INSTANCE has no entry, since it never compares equal.
+// By scalar type. An INSTANCE never compares equal and has no entry.
 using EqualTest = bool (*)(const ValueSlot*, const ValueSlot*);
 constexpr std::array<EqualTest, CIM_INSTANCE> kEqualTests = {
     EqualAs<std::uint8_t>,  EqualAs<std::uint8_t>,
@@ -202,13 +204,16 @@ constexpr std::array<EqualTest, CIM_INSTANCE> kEqualTests = {
     EqualAs<double>,        EqualAs<char16_t>,
     EqualDatetimes,         EqualTexts,
     EqualReferences};
+static_assert(kEqualTests.back() == EqualReferences);
 
 Result StoreText(Batch* batch, const char16_t* text, char16_t** cell) {
+  assert(batch != nullptr);
   *cell = text == nullptr ? nullptr : Batch_DupText(batch, text);
   return text == nullptr || *cell != nullptr ? RESULT_OK : RESULT_SERVER_LIMITS_EXCEEDED;
 }
 
 Result StoreInstance(Batch* batch, const Instance* instance, Instance** cell) {
+  assert(batch != nullptr);
   *cell = nullptr;
   if (instance == nullptr || Instance_Copy(instance, cell, batch) == RESULT_OK) return RESULT_OK;
   return RESULT_SERVER_LIMITS_EXCEEDED;
@@ -219,28 +224,30 @@ Result StoreInstance(Batch* batch, const Instance* instance, Instance** cell) {
 Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
                      std::uint32_t flags, Batch* batch) {
   if (type >= kCimTypes) return RESULT_OK;  // such a slot has no size
+  assert(slot != nullptr && ValueSlot_IsAligned(slot, type));
   FillSlot(slot, type, 0);
   if ((flags & FLAG_NULL) != 0 || value == nullptr) return RESULT_OK;
   if (CimType_IsArray(type)) return SetArray(slot, type, value->array, flags, batch);
   if (type >= CIM_STRING) return SetPointer(slot, type, *value, flags, batch);
-  Fill(slot, type, value, 0);
+  StoreBytes(slot, type, value, 0);
   return RESULT_OK;
 }
 
 Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* value,
                         std::uint32_t flags, Batch* batch) {
   if (type >= kCimTypes) return RESULT_OK;
-  alignas(8) std::uint8_t made[kMaxSlotSize];
+  alignas(8) std::uint8_t replacement[kMaxSlotSize];
   const Result result =
-      ValueSlot_Set(reinterpret_cast<ValueSlot*>(made), type, value, flags, batch);
+      ValueSlot_Set(reinterpret_cast<ValueSlot*>(replacement), type, value, flags, batch);
   if (result != RESULT_OK) return result;
   ValueSlot_Destroy(slot, type, batch);
-  CopySlot(slot, type, made);
+  CopySlot(slot, type, replacement);
   return RESULT_OK;
 }
 
 Result ValueSlot_Copy(ValueSlot* destination, std::uint32_t type, const ValueSlot* source,
                       Batch* batch) {
+  assert(destination != source);
   CimValue value;
   bool present = false;
   std::uint8_t slotFlags;
@@ -250,6 +257,7 @@ Result ValueSlot_Copy(ValueSlot* destination, std::uint32_t type, const ValueSlo
 
 void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch) {
   if (type >= kCimTypes) return;
+  assert(slot != nullptr);
   if (type >= CIM_STRING) ReleaseValue(slot, type, batch);
   FillSlot(slot, type, kPoison);
 }
@@ -266,14 +274,10 @@ bool ValueSlot_Equal(const ValueSlot* a, const ValueSlot* b, std::uint32_t type)
   return !present || kEqualTests[type](a, b);
 }
 
-void CimValue_FromRaw(std::uint32_t type, const void* raw, CimValue* value) {
-  std::memset(value, 0, sizeof *value);
-  if (raw != nullptr && type < kCimTypes) std::memcpy(value, raw, kElementSizes[type]);
-}
-
 Result ArrayValue_StoreAt(Batch* batch, std::uint32_t elementType, void* data, std::uint32_t index,
                           const void* element) {
   if (elementType >= CIM_ARRAY) return RESULT_INVALID_PARAMETER;
+  assert(data != nullptr && element != nullptr);
   if (elementType == CIM_STRING)
     return StoreText(batch, Load<const char16_t*>(element), static_cast<char16_t**>(data) + index);
   if (elementType > CIM_STRING)
@@ -282,14 +286,6 @@ Result ArrayValue_StoreAt(Batch* batch, std::uint32_t elementType, void* data, s
   const std::size_t size = kElementSizes[elementType];
   std::memcpy(static_cast<std::uint8_t*>(data) + index * size, element, size);
   return RESULT_OK;
-}
-
-bool Datetime_Equal(const CimDatetime* a, const CimDatetime* b) {
-  if (a->timestampForm != b->timestampForm) return false;
-  // Of an interval the last three words aren't looked at.
-  return a->timestampForm != 0
-             ? std::memcmp(&a->timestamp, &b->timestamp, sizeof a->timestamp) == 0
-             : std::memcmp(&a->interval, &b->interval, offsetof(CimDatetime::Interval, zero)) == 0;
 }
 
 }  // namespace stewardry::cim
