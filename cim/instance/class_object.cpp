@@ -4,7 +4,7 @@
 
 #include "cim/instance/definition_copy.h"
 #include "cim/instance/table_call.h"
-#include "cim/memory/atomic_counter.h"
+#include "cim/memory/arithmetic.h"
 
 namespace stewardry::cim {
 namespace {

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "cim/memory/heap.h"
-#include "cim/text/c_locale.h"
 #include "cim/text/format.h"
 #include "cim/text/formatter.h"
 #include "cim/text/text.h"

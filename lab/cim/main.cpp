@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-#include "cim/text/text.h"
 #include "lab/cim/create_request.h"
 #include "lab/cim/description.h"
 #include "lab/cim/shipment.h"
 #include "platform/process.h"
+#include "text/code_points.h"
 
 namespace {
 
@@ -33,9 +33,11 @@ std::uint16_t PortOf(std::string_view text) {
 // Arguments are UTF-8.
 std::u16string ToText(std::string_view utf8) {
   std::u16string text;
-  for (std::size_t at = 0; at < utf8.size();) {
+  while (!utf8.empty()) {
+    const DecodedPoint decoded = DecodePoint(utf8);
     char16_t units[2];
-    text.append(units, Text_Encode(Text_NextCodePoint(utf8.data(), utf8.size(), &at), units));
+    text.append(units, EncodePoint(decoded.point, units));
+    utf8.remove_prefix(decoded.isValid ? decoded.size : 1);
   }
   return text;
 }

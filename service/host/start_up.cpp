@@ -23,6 +23,7 @@
 #include "service/inventory/service_version.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/reader.h"
+#include "text/letter_case.h"
 
 namespace stewardry {
 

@@ -13,6 +13,7 @@
 #include "service/diagnostics/format.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
+#include "text/letter_case.h"
 
 namespace stewardry {
 
