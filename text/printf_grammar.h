@@ -105,7 +105,7 @@ constexpr const Unit* ReadFlags(const Unit* at, const Unit* end, Conversion* c) 
   return at;
 }
 
-// Reads the conversion whose '%' stands right before `at`, and returns the address behind it.
+// Reads the conversion whose '%' immediately precedes `at`, and returns the address behind it.
 // `star` returns the int argument of a '*', or is NoStar.
 template <class Unit, class Star = NoStar>
 constexpr const Unit* ReadConversion(const Unit* at, const Unit* end, Conversion* c,

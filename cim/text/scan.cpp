@@ -49,7 +49,7 @@ const Unit* ReadSet(const Unit* at, Conversion<Unit>* c) {
   return *at == 0 ? at : at + 1;
 }
 
-// Reads the conversion whose '%' stands right before `at`, and returns the address behind it. The
+// Reads the conversion whose '%' immediately precedes `at`, and returns the address behind it. The
 // letter is 0 if the format ends too early.
 template <class Unit>
 const Unit* ReadConversion(const Unit* at, const Unit* end, Conversion<Unit>* c) {

@@ -1,4 +1,3 @@
-// Both kinds of lists, written once.
 #include "cim/text/text_list.h"
 
 #include <cstring>
