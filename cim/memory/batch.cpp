@@ -1,6 +1,7 @@
 #include "cim/memory/batch.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <string>
 
@@ -83,6 +84,7 @@ To* CopyUnits(Batch* batch, const From* text) {
 
 template <class Unit>
 Unit* DupUnits(Batch* batch, const Unit* text) {
+  assert(batch != nullptr && text != nullptr);
   const std::size_t size = (std::char_traits<Unit>::length(text) + 1) * sizeof(Unit);
   auto* copy = static_cast<Unit*>(AllocWithFiller(batch, size));
   if (copy != nullptr) std::memcpy(copy, text, size);
@@ -230,6 +232,7 @@ void* Batch_PageAt(const Batch* batch, std::size_t index) {
 }
 
 std::size_t Batch_PageList(const Batch* batch, BatchPageInfo* list) {
+  assert(list != nullptr || batch->pages == nullptr);
   std::size_t count = 0;
   for (BatchPage* page = batch->pages; page != nullptr; page = page->next, ++count) {
     const bool isBeingFilled = !page->standalone && batch->pageEnd == EndOfPage(page);

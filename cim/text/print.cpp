@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdint>
 #include <string>
 
@@ -19,7 +20,9 @@ namespace {
 template <class Unit>
 class BufferOutput final : public Output<Unit> {
  public:
-  BufferOutput(Unit* buffer, std::size_t size) : buffer_(buffer), size_(size) {}
+  BufferOutput(Unit* buffer, std::size_t size) : buffer_(buffer), size_(size) {
+    assert(buffer != nullptr || size == 0);
+  }
   void Put(const Unit* units, std::size_t count) override {
     const std::size_t room = size_ - std::min(size_, total_);
     std::char_traits<Unit>::copy(buffer_ + total_, units, std::min(room, count));

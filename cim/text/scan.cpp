@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -304,6 +305,7 @@ bool TakeFields(const Unit* format, va_list arguments, Fields* fields) {
 
 template <class Unit>
 int Scan(const Unit* text, const Unit* format, va_list arguments) {
+  assert(text != nullptr && format != nullptr);
   const TranslatedFormat<Unit> translated(format);
   const CLocale locale;
   Fields fields{};

@@ -78,6 +78,7 @@ int Text_ToUtf8(const char16_t* text, int length, char* dst, int size) {
 }
 
 int Text_Compare(const char16_t* a, const char16_t* b) {
+  assert(a != nullptr && b != nullptr);
   for (; *a != 0 && *a == *b; ++a) ++b;
   return (*a > *b) - (*a < *b);
 }

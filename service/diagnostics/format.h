@@ -3,6 +3,7 @@
 // of the arguments are checked when the call is compiled; the output never leaves its buffer.
 #pragma once
 
+#include <cassert>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -47,6 +48,7 @@ constexpr FormatArg::Kind KindOf() {
 // Reads the conversion whose '%' precedes *at and moves *at behind it. The letter is 0 if it is
 // none of d i u x X c s %, or if the conversion has a flag other than 0 and the blank.
 constexpr Conversion ReadFormatConversion(std::string_view format, std::size_t* at) {
+  assert(*at > 0 && format[*at - 1] == '%');
   Conversion c;
   const char* const end = format.data() + format.size();
   *at = static_cast<std::size_t>(ReadConversion(format.data() + *at, end, &c) - format.data());
