@@ -1,6 +1,6 @@
-// Base64 of the object library, which leaves in chunks of up to 512 bytes through a sink, beside
-// OpenSSL and modpbase64 called for one chunk after the other. All write into one small buffer
-// again and again. An item is a byte of the unencoded data; the floor copies them.
+// Base64 of the object library, which passes chunks of up to 512 bytes to a sink, beside OpenSSL
+// and modpbase64 called for one chunk after the other. All write to the same small buffer. An item
+// is a byte of the unencoded data; the floor copies the bytes.
 #include <benchmark/benchmark.h>
 #include <modp_b64.h>
 #include <openssl/evp.h>
@@ -38,7 +38,7 @@ void Finish(benchmark::State& state, const Bytes& raw) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(raw.size()));
 }
 
-// A sink that sees to it that the chunk is really written.
+// A sink that makes the compiler write the chunk.
 int Discard(const std::uint8_t* chunk, std::size_t, void*) {
   benchmark::DoNotOptimize(chunk);
   benchmark::ClobberMemory();
@@ -64,7 +64,7 @@ void OurDecode(benchmark::State& state) {
   Finish(state, raw);
 }
 
-// OpenSSL's block functions, which are its fastest; each call pads, and so takes whole groups.
+// OpenSSL's block functions, which are its fastest. Each call pads, so it encodes whole groups.
 void OpensslEncode(benchmark::State& state) {
   const Bytes raw = Raw(Size(state));
   std::uint8_t out[2 * kChunk];

@@ -1,7 +1,7 @@
-// Date-times and numbers from and to text, beside what the C and C++ libraries offer. The peers
-// read and write narrow text, ours 16-bit text. The date-time peers do no calendar arithmetic here,
-// since ours keeps the fields as they are; the floor of a date-time is plain digit arithmetic on
-// narrow text that is known to be right. An item is one text.
+// Date-times and numbers from and to text, beside those of the C and C++ libraries. The peers read
+// and write narrow text, ours 16-bit text. The date-time peers do no calendar arithmetic, since
+// ours does none; the floor of a date-time is digit arithmetic on narrow text that is known to be
+// valid. An item is one text.
 #include <benchmark/benchmark.h>
 
 #include <charconv>
@@ -22,7 +22,7 @@ constexpr const char* kFixed = "20240229123456.123456+060";
 constexpr const char* kSchema = "2024-02-29T12:34:56.123456+01:00";
 constexpr const char* kDuration = "P3DT4H5M6.789S";
 
-// Runs `step` until the time is up; a step that says false ends the program.
+// Runs `step` for the time of the benchmark; ends the program if a step returns false.
 template <class Step>
 void Repeat(benchmark::State& state, Step step) {
   for (auto _ : state) {
@@ -57,7 +57,7 @@ void OurPrint(benchmark::State& state) {
   });
 }
 
-// What a date-time's text holds, for the peers.
+// The fields of a date-time's text, for the peers.
 struct Fields {
   std::tm time;
   int microseconds;
@@ -193,7 +193,7 @@ void PeerPrint(benchmark::State& state) {
   });
 }
 
-// Numbers. `end` of the C conversions is looked at, as ours does.
+// Numbers. The `end` of the C conversions is checked, as ours does.
 template <class Value, int (*Convert)(const char16_t*, Value*)>
 void OurNumber(benchmark::State& state, const char16_t* text) {
   Value value{};

@@ -7,6 +7,7 @@
 # has been narrowed, and a DLL or a function that this Windows lacks doesn't keep the program from
 # starting. platform/windows/runtime/delay_imports.cpp is the run-time half.
 
+include(GNUInstallDirs)
 find_program(STEWARDRY_DLLTOOL x86_64-w64-mingw32-dlltool REQUIRED)
 
 # delay_import(target dll [Zero f...] [Error f...] [HResult f...] [MinusOne f...])
@@ -41,7 +42,10 @@ function(delay_import target dll)
     DEPENDS ${definition} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} VERBATIM)
   add_custom_target(delay_${dll} DEPENDS ${library})
   add_dependencies(${target} delay_${dll})
-  target_link_libraries(${target} PUBLIC ${library})
+  set(installed ${CMAKE_INSTALL_LIBDIR}/stewardry)
+  target_link_libraries(${target} PUBLIC $<BUILD_INTERFACE:${library}>
+    $<INSTALL_INTERFACE:$<INSTALL_PREFIX>/${installed}/libdelay_${dll}.a>)
+  install(FILES ${library} DESTINATION ${installed} COMPONENT stewardry_cim)
 endfunction()
 
 # write_delay_rows(target file): the rows of all DLLs, for delay_imports.cpp.

@@ -5,7 +5,7 @@
 
 #include "cim/instance/definition_copy.h"
 #include "cim/instance/operations.h"
-#include "cim/memory/atomic_counter.h"
+#include "cim/memory/arithmetic.h"
 
 namespace stewardry::cim {
 namespace {

@@ -8,7 +8,7 @@
 #include "cim/instance/definition_copy.h"
 #include "cim/instance/instance_body.h"
 #include "cim/instance/operations.h"
-#include "cim/memory/atomic_counter.h"
+#include "cim/memory/arithmetic.h"
 #include "cim/memory/heap.h"
 #include "cim/value/names.h"
 

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "cim/instance/typed_instance.h"
+#include "cim/memory/arithmetic.h"
 #include "cim/memory/batch.h"
-#include "cim/memory/size.h"
 
 namespace stewardry::cim {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "cim/instance/class_object.h"
 #include "cim/log/log_events.h"
+#include "cim/memory/arithmetic.h"
 #include "cim/memory/heap.h"
-#include "cim/memory/size.h"
 #include "cim/text/base64.h"
 #include "cim/value/text_conversion.h"
 

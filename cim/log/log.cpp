@@ -1,8 +1,9 @@
-// Attaching, the threshold, and a line.
 #include "cim/log/log.h"
 
 #include <array>
-#include <cstring>
+#include <atomic>
+#include <cassert>
+#include <cstdio>
 
 #include "cim/log/log_events.h"
 #include "cim/text/number_text.h"
@@ -11,23 +12,31 @@
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/thread.h"
+#include "text/letter_case.h"
 
 namespace stewardry::cim {
 
-std::atomic<std::int32_t> LibLogLevel{LIBLOG_INFO};
-std::atomic<std::FILE*> LibLogStream{nullptr};
-
 namespace {
+
+// Written by the operations that attach, detach and set the level; read by every thread that logs.
+struct LogState {
+  // Relaxed: no other data depends on it.
+  std::atomic<std::int32_t> LibLogLevel{LIBLOG_INFO};
+  // Null while no stream is attached. Release and acquire: a thread that reads a stream may write
+  // to it.
+  std::atomic<std::FILE*> LibLogStream{nullptr};
+};
+constinit LogState gLibLog;
 
 constexpr std::array<const char*, 6> kLevelNames = {"FATAL", "ERROR", "WARNING",
                                                     "INFO",  "DEBUG", "VERBOSE"};
 
 bool IsEmpty(const char* text) { return text == nullptr || *text == 0; }
 
-// The stream for a line of that level; null if it isn't written.
+// Returns the stream for a line of that level; null if the line is not to be written.
 std::FILE* StreamFor(std::int32_t level) {
-  std::FILE* stream = LibLogStream.load(std::memory_order_acquire);
-  return level > LibLogLevel.load(std::memory_order_relaxed) ? nullptr : stream;
+  std::FILE* stream = gLibLog.LibLogStream.load(std::memory_order_acquire);
+  return level > gLibLog.LibLogLevel.load(std::memory_order_relaxed) ? nullptr : stream;
 }
 
 void PutHead(std::FILE* stream, std::int32_t level, const char* file, std::uint32_t line) {
@@ -35,7 +44,7 @@ void PutHead(std::FILE* stream, std::int32_t level, const char* file, std::uint3
   char time[128];
   (void)Print_ToBuffer(time, sizeof time, "%02u/%02u/%02u %02u:%02u:%02u", now.year, now.month,
                        now.day, now.hour, now.minute, now.second);
-  // What can't be written is lost: a log has no log.
+  // Write failures are ignored: there is no other log to report them to.
   (void)PrintW_ToStream(stream, u"%s ", time);
   (void)PrintW_ToStream(stream, u"[%u,%lu] ", platform::GetCurrentProcessId(),
                         static_cast<unsigned long>(platform::GetCurrentThreadId()));
@@ -49,19 +58,13 @@ void PutBody(std::FILE* stream, const char16_t* format, va_list arguments) {
   (void)PrintW_ToStream(stream, u"\n");
 }
 
-bool EqualIgnoringCase(const char* a, const char* b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  while (*a != 0 && lower(*a) == lower(*b)) ++a, ++b;
-  return *a == *b;
-}
-
 }  // namespace
 
 int LibLog_Attach(const char16_t* path) {
   if (path == nullptr || *path == 0 || LibLog_IsAttached()) return 1;
   std::FILE* stream = platform::OpenAppendStream(path);
   if (stream == nullptr) return 1;
-  LibLogStream.store(stream, std::memory_order_release);
+  gLibLog.LibLogStream.store(stream, std::memory_order_release);
   LibLog_ReportSelectors();
   return 0;
 }
@@ -69,30 +72,31 @@ int LibLog_Attach(const char16_t* path) {
 int LibLog_AttachDescriptor(int) { return 1; }
 
 int LibLog_AttachStderr() {
-  LibLogStream.store(stderr, std::memory_order_release);
+  gLibLog.LibLogStream.store(stderr, std::memory_order_release);
   LibLog_ReportSelectors();
   return 0;
 }
 
 int LibLog_Detach() {
   if (!LibLog_IsAttached() || LibLog_IsStderr()) return 0;
-  std::FILE* stream = LibLogStream.exchange(nullptr, std::memory_order_acq_rel);
-  (void)std::fclose(stream);  // what it couldn't write is lost
+  std::FILE* stream = gLibLog.LibLogStream.exchange(nullptr, std::memory_order_acq_rel);
+  (void)std::fclose(stream);  // a write failure is ignored, as above
   return 0;
 }
 
-bool LibLog_IsAttached() { return LibLogStream.load(std::memory_order_acquire) != nullptr; }
+bool LibLog_IsAttached() { return gLibLog.LibLogStream.load(std::memory_order_acquire) != nullptr; }
 
-bool LibLog_IsStderr() { return LibLogStream.load(std::memory_order_acquire) == stderr; }
+bool LibLog_IsStderr() { return gLibLog.LibLogStream.load(std::memory_order_acquire) == stderr; }
 
 int LibLog_SetLevel(std::int32_t level) {
-  LibLogLevel.store(level, std::memory_order_relaxed);
+  gLibLog.LibLogLevel.store(level, std::memory_order_relaxed);
   return 0;
 }
 
-std::int32_t LibLog_GetLevel() { return LibLogLevel.load(std::memory_order_relaxed); }
+std::int32_t LibLog_GetLevel() { return gLibLog.LibLogLevel.load(std::memory_order_relaxed); }
 
 const char* LibLog_LevelName(std::int32_t level) {
+  assert(level >= 0 && level < static_cast<std::int32_t>(kLevelNames.size()));
   return kLevelNames[static_cast<std::size_t>(level)];
 }
 
@@ -121,7 +125,7 @@ void LibLog_Event(std::int32_t level, std::int32_t eventId, const char* file, st
   char16_t whole[1024];
   (void)PrintW_ToBuffer(whole, std::size(whole), u"EventId=%d Priority=%s ", eventId,
                         LibLog_LevelName(level));
-  (void)Text_Cat(whole, format, std::size(whole));  // a longer one is cut
+  (void)Text_Cat(whole, format, std::size(whole));  // a longer format is cut
   va_list arguments;
   va_start(arguments, format);
   (void)LibLog_VPut(level, file, line, whole, arguments);
@@ -151,7 +155,7 @@ int LibLog_Put(std::int32_t level, const char* file, std::uint32_t line, const c
 }
 
 void LibLog_Raw(const char16_t* format, ...) {
-  std::FILE* stream = LibLogStream.load(std::memory_order_acquire);
+  std::FILE* stream = gLibLog.LibLogStream.load(std::memory_order_acquire);
   if (stream == nullptr) return;
   va_list arguments;
   va_start(arguments, format);
@@ -160,7 +164,7 @@ void LibLog_Raw(const char16_t* format, ...) {
   (void)std::fflush(stream);
 }
 
-// The six differ in their level alone, and arguments can't be passed on but as a list.
+// The six differ in their level alone, and variable arguments can only be passed on as a list.
 #define STEWARDRY_LOG_LEVEL(Name, level)                \
   void LibLog_##Name(const char16_t* format, ...) {     \
     va_list arguments;                                  \

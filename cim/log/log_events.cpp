@@ -1,4 +1,4 @@
-// Event numbers, levels and words.
+// The event texts are fixed log texts; their wording must not change.
 #include "cim/log/log_events.h"
 
 #include "cim/log/log.h"
@@ -14,7 +14,7 @@ void ReportSelector(SelectorEvent event, const Selector* selector, std::uint32_t
     SelectorEvent event;
     const char16_t* format;
   };
-  // One that doesn't need detail or handler doesn't print them.
+  // Formats without detail or handler ignore these arguments.
   constexpr Row kRows[] = {
       {SelectorEvent::kInitialTime, u"Selector_Run: %p Error on initial PAL_Time"},
       {SelectorEvent::kSetSockEvents,

@@ -1,7 +1,7 @@
-// Batches: blocks, copies, page lists.
 #include "cim/memory/batch.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <string>
 
@@ -22,13 +22,14 @@ std::uint8_t* EndOfPage(BatchPage* page) {
 constexpr std::size_t RoundUp(std::size_t size) { return (size + 7) & ~std::size_t{7}; }
 
 BatchPage* AddBlock(Batch* batch, void* block, std::size_t payload, bool isStandalone) {
+  assert(payload <= kMaxPayload);
   auto* page = static_cast<BatchPage*>(block);
   *page = {batch->pages, isStandalone, static_cast<std::uint32_t>(payload) & 0x7FFFFFFF, 0};
   batch->pages = page;
   return page;
 }
 
-// Blocks of their own are larger than a page, as a rule; those that fit a kept block have one.
+// Returns whether a standalone payload fits one of the heap's kept blocks.
 constexpr bool IsBody(std::size_t rounded) {
   return rounded > kPagePayload && sizeof(BatchPage) + rounded <= kBodyBlockSize;
 }
@@ -40,9 +41,10 @@ void* AllocStandalone(Batch* batch, std::size_t rounded) {
 }
 
 void* AllocFromNewPage(Batch* batch, std::size_t rounded) {
+  assert(rounded <= kMaxInPage && batch->pageCount < batch->pageLimit);
   void* block = Heap_AllocateKept(kPageBlockSize);
   if (block == nullptr) return nullptr;
-  // The rest of the old page is given up, and leaves the process when the batch is shipped.
+  // The unused rest of the old page leaves the process when the batch is shipped.
   if (batch->nextFree != batch->pageEnd)
     std::memset(batch->nextFree, 0, static_cast<std::size_t>(batch->pageEnd - batch->nextFree));
   BatchPage* page = AddBlock(batch, block, kPagePayload, false);
@@ -52,15 +54,15 @@ void* AllocFromNewPage(Batch* batch, std::size_t rounded) {
   return PayloadOf(page);
 }
 
-// A block that tells the payload of a page has the room of one, whoever made it.
+// A block with the payload size of a page has the size of one, also one that was attached.
 void FreeBlock(BatchPage* page) {
   if (!page->standalone && page->size == kPagePayload) return Heap_FreeKept(page, kPageBlockSize);
   if (page->standalone && IsBody(page->size)) return Heap_FreeKept(page, kBodyBlockSize);
   Heap_Free(page);
 }
 
-// A block whose bytes beyond `size`, up to the multiple of 8, are zero: they are shipped too. The
-// others are the caller's to fill.
+// Returns a block whose bytes beyond `size`, up to the multiple of 8, are zero, since they are
+// shipped too. The caller fills the others.
 void* AllocWithFiller(Batch* batch, std::size_t size) {
   auto* block = static_cast<std::uint8_t*>(Batch_Alloc(batch, size));
   if (block != nullptr && size % 8 != 0) std::memset(block + RoundUp(size) - 8, 0, 8);
@@ -82,21 +84,23 @@ To* CopyUnits(Batch* batch, const From* text) {
 
 template <class Unit>
 Unit* DupUnits(Batch* batch, const Unit* text) {
+  assert(batch != nullptr && text != nullptr);
   const std::size_t size = (std::char_traits<Unit>::length(text) + 1) * sizeof(Unit);
   auto* copy = static_cast<Unit*>(AllocWithFiller(batch, size));
   if (copy != nullptr) std::memcpy(copy, text, size);
   return copy;
 }
 
-// A text that may be missing.
+// Copies a text that may be null. Returns false if the allocation fails.
 bool DupPresent(Batch* batch, const char* text, const char** copy) {
   *copy = text == nullptr ? nullptr : DupUnits(batch, text);
   return text == nullptr || *copy != nullptr;
 }
 
-// The first block has room for the batch's record behind its payload. No sum overflows: a payload
-// is at most kMaxPayload.
+// Creates a batch whose record follows the payload of its first block. The sum does not overflow,
+// because a payload is at most kMaxPayload.
 Batch* CreateBehindPayload(std::size_t payload, void** block) {
+  assert(payload <= kMaxPayload);
   const std::size_t offset = RoundUp(sizeof(BatchPage) + payload);
   *block = Heap_Allocate(offset + sizeof(Batch));
   if (*block == nullptr) return nullptr;
@@ -135,6 +139,7 @@ void Batch_Init(Batch* batch, std::uint64_t pageLimit) {
 }
 
 void Batch_InitOnBuffer(Batch* batch, void* buffer, std::size_t size, std::uint64_t pageLimit) {
+  assert(reinterpret_cast<std::uintptr_t>(buffer) % 8 == 0);
   Batch_Init(batch, pageLimit);
   batch->nextFree = static_cast<std::uint8_t*>(buffer);
   batch->pageEnd = batch->nextFree + size;
@@ -142,7 +147,8 @@ void Batch_InitOnBuffer(Batch* batch, void* buffer, std::size_t size, std::uint6
 
 void Batch_Destroy(Batch* batch) {
   BatchPage* page = batch->pages;
-  // The record may lie in one of the blocks: it isn't touched once the first of them is freed.
+  // The record may lie in one of the blocks, so it is not accessed after the first of them is
+  // freed.
   Batch_Init(batch, batch->pageLimit);
   while (page != nullptr) {
     BatchPage* next = page->next;
@@ -154,6 +160,7 @@ void Batch_Destroy(Batch* batch) {
 void* Batch_AllocBlock(Batch* batch, std::size_t size) {
   if (size > kMaxPayload) return nullptr;
   const std::size_t rounded = RoundUp(size);
+  assert(batch->nextFree <= batch->pageEnd && batch->pageCount <= batch->pageLimit);
   const bool fitsPage = rounded <= kMaxInPage && batch->pageCount < batch->pageLimit;
   return fitsPage ? AllocFromNewPage(batch, rounded) : AllocStandalone(batch, rounded);
 }
@@ -225,12 +232,13 @@ void* Batch_PageAt(const Batch* batch, std::size_t index) {
 }
 
 std::size_t Batch_PageList(const Batch* batch, BatchPageInfo* list) {
+  assert(list != nullptr || batch->pages == nullptr);
   std::size_t count = 0;
   for (BatchPage* page = batch->pages; page != nullptr; page = page->next, ++count) {
     const bool isBeingFilled = !page->standalone && batch->pageEnd == EndOfPage(page);
-    list[count] = {
-        PayloadOf(page),
-        isBeingFilled ? static_cast<std::uint64_t>(batch->nextFree - PayloadOf(page)) : page->size};
+    list[count] = {PayloadOf(page), page->size};
+    if (isBeingFilled)
+      list[count].size = static_cast<std::uint64_t>(batch->nextFree - PayloadOf(page));
   }
   return count;
 }
@@ -270,6 +278,7 @@ bool Batch_TranslateRange(const Batch* batch, const BatchPageInfo* list, std::si
 }
 
 void Batch_AttachPage(Batch* batch, BatchPage* page) {
+  assert(page != nullptr && page->size <= kMaxPayload);
   page->standalone = 0;
   page->next = batch->pages;
   batch->pages = page;

@@ -1,15 +1,15 @@
-// malloc behind a gate, and the blocks that are kept.
 #include "cim/memory/heap.h"
 
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cstdlib>
 
 namespace stewardry::cim {
 
 namespace {
 
-// A freed block that is used once more is what a sanitizer must see, so none is kept under one.
+// None under AddressSanitizer, which could not report the use of a freed block that is kept.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr std::size_t kKeptBlocks = 0;
 #elif defined(__has_feature)
@@ -22,7 +22,7 @@ constexpr std::size_t kKeptBlocks = 128;
 constexpr std::size_t kKeptBlocks = 128;  // of each size: the pages of one large message
 #endif
 
-// Relaxed: the test that arms the gate makes the requests too, or waits for the threads that do.
+// Relaxed: the test that arms the gate also makes the requests, or joins the threads that do.
 std::atomic<bool> gIsArmed{false};
 std::atomic<std::uint64_t> gRequests{0};
 std::atomic<std::uint64_t> gFailAt{0};
@@ -33,8 +33,9 @@ bool IsRefused() {
          gFailAt.load(std::memory_order_relaxed);
 }
 
-// A thread that finds them busy takes the heap's road instead: nobody waits here. They aren't kept
-// by thread, since not every runtime ends a thread's own objects before it frees their memory.
+// Freed blocks of one size. A thread that finds them busy uses the heap instead of waiting. They
+// are not kept by thread, since not every runtime destroys a thread's objects before it frees their
+// memory.
 class KeptBlocks {
  public:
   void* Take() {
@@ -52,19 +53,22 @@ class KeptBlocks {
   }
 
  private:
-  // Acquire and release: each holder sees what the one before it left.
+  // Acquire and release: each holder sees the changes of the one before.
   bool TryLock() { return !isBusy_.exchange(true, std::memory_order_acquire); }
   void Unlock() { isBusy_.store(false, std::memory_order_release); }
 
   std::atomic<bool> isBusy_{false};
   std::size_t count_ = 0;
-  std::array<void*, kKeptBlocks + 1> blocks_{};  // + 1, since no array is empty
+  std::array<void*, kKeptBlocks + 1> blocks_{};  // + 1, since an array has at least one
 };
 
 constinit KeptBlocks gKeptPages;
 constinit KeptBlocks gKeptBodies;
 
-KeptBlocks& KeptOf(std::size_t size) { return size == kPageBlockSize ? gKeptPages : gKeptBodies; }
+KeptBlocks& KeptOf(std::size_t size) {
+  assert(size == kPageBlockSize || size == kBodyBlockSize);
+  return size == kPageBlockSize ? gKeptPages : gKeptBodies;
+}
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// The result codes of the library: those of the socket layer and the CIM status codes that only the
-// object library gives (DMTF DSP0200, CIM operations over HTTP, status codes).
+// The result codes of the library: those of the socket layer, and the CIM status codes that only
+// the object library returns (DMTF DSP0200, CIM operations over HTTP, status codes).
 #pragma once
 
 #include "sock/result.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "cim/log/log_events.h"
-#include "cim/memory/atomic_counter.h"
+#include "cim/memory/arithmetic.h"
 #include "cim/message/message_table.h"
 #include "cim/packing/packing.h"
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <string_view>
 
 namespace stewardry::cim {
@@ -13,8 +14,8 @@ constexpr std::string_view kAlphabet =
 constexpr std::uint32_t kPad = 64;  // the value of `=`
 constexpr std::uint32_t kBad = 0xFFFFFFFF;
 
-// The tables answer for two characters at once, or for one in its place, so that the bulk of the
-// work is a few loads and no branch.
+// The tables hold two characters at once, or one character at its place in a group, so that most of
+// the work is a few loads without a branch.
 using PairTable = std::array<std::uint16_t, 4096>;
 using ValueTable = std::array<std::uint32_t, 256>;
 
@@ -40,8 +41,8 @@ constexpr ValueTable MakeValues() {
   return values;
 }
 
-// The same values, moved to where the character of that place stands in a group's 24 bits. A
-// character that needs the slow road, `=` included, has the top bit.
+// The same values, shifted to the place of the character in a group's 24 bits. A character that
+// DecodeGroup must handle, `=` included, has the top bit.
 constexpr std::uint32_t kSlow = 0x80000000;
 
 constexpr ValueTable MakePlaced(int place) {
@@ -56,7 +57,7 @@ constexpr std::array<ValueTable, 4> kPlaced = {MakePlaced(0), MakePlaced(1), Mak
                                                MakePlaced(3)};
 static_assert(kAlphabet.size() == kPad);
 
-// The output on its way to the sink.
+// Collects output for the sink.
 class Chunk {
  public:
   Chunk(Base64Sink sink, void* data) : sink_(sink), data_(data) {}
@@ -64,10 +65,16 @@ class Chunk {
   std::size_t Held() const { return held_; }
   std::size_t Room() const { return kBufferSize - held_; }
   std::uint8_t* Next() { return buffer_ + held_; }
-  void Took(std::size_t count) { held_ += count; }
-  void Put(std::uint32_t byte) { buffer_[held_++] = static_cast<std::uint8_t>(byte); }
+  void CountStored(std::size_t count) {
+    assert(count <= Room());
+    held_ += count;
+  }
+  void Put(std::uint32_t byte) {
+    assert(Room() > 0);
+    buffer_[held_++] = static_cast<std::uint8_t>(byte);
+  }
 
-  // Hands over what is held; false when the sink has had enough.
+  // Passes the collected bytes to the sink; returns false if the sink fails.
   bool Flush() {
     const std::size_t length = held_;
     held_ = 0;
@@ -81,7 +88,7 @@ class Chunk {
   std::uint8_t buffer_[kBufferSize];
 };
 
-// Written out, which is what compilers turn into one load or store.
+// Written in full, in the form that compilers turn into one load or store.
 std::uint64_t LoadBigEndian(const std::uint8_t* in) {
   return (std::uint64_t{in[0]} << 56) | (std::uint64_t{in[1]} << 48) |
          (std::uint64_t{in[2]} << 40) | (std::uint64_t{in[3]} << 32) |
@@ -111,9 +118,9 @@ std::uint32_t PlacedGroup(const std::uint8_t* in) {
   return kPlaced[0][in[0]] | kPlaced[1][in[1]] | kPlaced[2][in[2]] | kPlaced[3][in[3]];
 }
 
-// Decodes up to `groups` plain groups of four into `out`, which has three bytes for each; stops in
-// front of the first that holds anything but the alphabet. Gives how many it did. Each but the last
-// is stored as four bytes, of which the next group overwrites one.
+// Decodes up to `groups` plain groups of four into `out`, which has three bytes for each; stops
+// before the first that has a character outside the alphabet. Returns the number decoded. Each but
+// the last is stored as four bytes, of which the next group overwrites one.
 std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
   std::size_t done = 0;
   for (; done + 1 < groups; ++done, in += 4, out += 3) {
@@ -130,7 +137,7 @@ std::size_t DecodePlainGroups(const std::uint8_t* in, std::size_t groups, std::u
   return done + 1;
 }
 
-// One group of any kind. False for a character that is none, and when the sink fails.
+// Decodes one group of any kind. Returns false for a bad character, and if the sink fails.
 bool DecodeGroup(const std::uint8_t* in, Chunk* chunk) {
   const std::uint32_t a = kValues[in[0]];
   const std::uint32_t b = kValues[in[1]];
@@ -146,13 +153,13 @@ bool DecodeGroup(const std::uint8_t* in, Chunk* chunk) {
 
 std::uint64_t Pair(std::uint64_t twelveBits) { return kPairs[twelveBits & 0xFFF]; }
 
-// Three bytes, given in 24 bits, as four characters.
+// Encodes three bytes, passed as 24 bits, as four characters.
 void EncodeGroup(std::uint32_t bits, std::uint8_t* out) {
   StoreBigEndian(static_cast<std::uint32_t>((Pair(bits >> 12) << 16) | Pair(bits)), out);
 }
 
 // Encodes `groups` whole groups of three bytes into four times as many characters. Two groups are
-// loaded as eight bytes, of which the last two are a third group's.
+// loaded as eight bytes, of which the last two belong to a third group.
 void EncodeGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
   for (; groups >= 3; groups -= 2, in += 6, out += 8) {
     const std::uint64_t bits = LoadBigEndian(in);
@@ -164,7 +171,7 @@ void EncodeGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out)
     EncodeGroup((std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2], out);
 }
 
-// The one or two bytes that are left of the input, padded.
+// Encodes the last one or two bytes of the input, padded.
 void EncodeTail(const std::uint8_t* in, std::size_t length, std::uint8_t* out) {
   const std::uint32_t second = length == 2 ? in[1] : 0;
   EncodeGroup((std::uint32_t{in[0]} << 16) | (second << 8), out);
@@ -181,7 +188,7 @@ int Base64Dec(const std::uint8_t* bytes, std::size_t length, Base64Sink sink, vo
   while (left >= 4) {
     const std::size_t fitting = std::min(left / 4, chunk.Room() / 3);
     const std::size_t plain = DecodePlainGroups(bytes, fitting, chunk.Next());
-    chunk.Took(3 * plain);
+    chunk.CountStored(3 * plain);
     bytes += 4 * plain;
     left -= 4 * plain;
     if (left < 4) break;
@@ -203,12 +210,12 @@ int Base64Enc(const std::uint8_t* bytes, std::size_t length, Base64Sink sink, vo
     if (chunk.Room() < 4 && !chunk.Flush()) return -1;
     const std::size_t groups = std::min(left / 3, chunk.Room() / 4);
     EncodeGroups(bytes, groups, chunk.Next());
-    chunk.Took(4 * groups);
+    chunk.CountStored(4 * groups);
     bytes += 3 * groups;
     left -= 3 * groups;
     if (groups != 0 || left == 0) continue;
     EncodeTail(bytes, left, chunk.Next());
-    chunk.Took(4);
+    chunk.CountStored(4);
     left = 0;
   }
   if (chunk.Held() != 0 && !chunk.Flush()) return -1;

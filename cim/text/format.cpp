@@ -1,10 +1,9 @@
-// Format translation.
 #include "cim/text/format.h"
 
 #include <string>
 
+#include "cim/memory/arithmetic.h"
 #include "cim/memory/heap.h"
-#include "cim/memory/size.h"
 
 namespace stewardry::cim {
 
@@ -44,10 +43,11 @@ template <class Unit>
 TranslatedFormat<Unit>::TranslatedFormat(const Unit* format) {
   const std::size_t units = std::char_traits<Unit>::length(format) + 1;
   std::size_t size = 0;
-  if (units <= local_.size())
+  if (units <= local_.size()) {
     text_ = local_.data();
-  else if (Size_Mul(units, sizeof(Unit), &size) == RESULT_OK)
+  } else if (Size_Mul(units, sizeof(Unit), &size) == RESULT_OK) {
     text_ = static_cast<Unit*>(Heap_Allocate(size));
+  }
   if (text_ != nullptr) TranslateTo(format, text_);
 }
 

@@ -1,4 +1,3 @@
-// Conversions: their parts, their arguments, their text.
 #include "cim/text/formatter.h"
 
 #include <algorithm>
@@ -9,98 +8,21 @@
 #include <string>
 #include <string_view>
 
-#include "cim/text/text.h"
+#include "text/code_points.h"
+#include "text/printf_grammar.h"
 
 namespace stewardry::cim {
 
 namespace {
 
 constexpr int kMaxWidth = 1000;
-// A number of the largest exponent (309 digits) with the largest precision.
+// Holds a number of the largest exponent (309 digits) with the largest precision.
 constexpr std::size_t kNumberRoom = 1400;
 
-// A list that is passed on by reference, which va_list itself can't be everywhere.
+// Passes a va_list by reference, which the type itself does not allow on every platform.
 struct Arguments {
   va_list list;
 };
-
-enum class Length { kNone, kChar, kShort, kLong, kLongLong, kMax, kSize, kDifference, kLongDouble };
-
-struct Conversion {
-  std::string_view flags() const { return {flagText, flagCount}; }
-  bool Has(char flag) const { return flags().find(flag) != std::string_view::npos; }
-  char flagText[8];
-  std::size_t flagCount = 0;
-  int width = 0;
-  int precision = -1;
-  Length length = Length::kNone;
-  char letter = 0;  // 0: no valid conversion
-};
-
-struct LengthRow {
-  std::string_view text;
-  Length length;
-};
-// Longer words stand before those that they begin with. I64, I32 and w are the Windows runtime's.
-constexpr LengthRow kLengths[] = {
-    {"hh", Length::kChar},      {"h", Length::kShort},      {"ll", Length::kLongLong},
-    {"l", Length::kLong},       {"j", Length::kMax},        {"z", Length::kSize},
-    {"t", Length::kDifference}, {"L", Length::kLongDouble}, {"I64", Length::kLongLong},
-    {"I32", Length::kNone},     {"I", Length::kSize},       {"w", Length::kLong}};
-
-template <class Unit>
-bool StartsWith(const Unit* text, std::string_view word) {
-  return std::equal(word.begin(), word.end(), text,
-                    [](char c, Unit unit) { return static_cast<Unit>(c) == unit; });
-}
-
-template <class Unit>
-bool IsDigit(Unit unit) {
-  return unit >= '0' && unit <= '9';
-}
-
-// Digits, or a * and its argument. INT_MAX for a number that is too large.
-template <class Unit>
-const Unit* ReadNumber(const Unit* at, int* number, Arguments* arguments) {
-  if (*at == '*') return *number = va_arg(arguments->list, int), at + 1;
-  for (*number = 0; IsDigit(*at); ++at)
-    *number = *number > kMaxWidth ? INT_MAX : *number * 10 + static_cast<int>(*at - '0');
-  return at;
-}
-
-template <class Unit>
-const Unit* ReadFlags(const Unit* at, Conversion* c) {
-  constexpr std::string_view kFlags = "-+ #0";
-  for (; *at < 0x80 && kFlags.find(static_cast<char>(*at)) != std::string_view::npos && *at != 0;
-       ++at)
-    if (c->flagCount < kFlags.size() && !c->Has(static_cast<char>(*at)))
-      c->flagText[c->flagCount++] = static_cast<char>(*at);
-  return at;
-}
-
-template <class Unit>
-const Unit* ReadLength(const Unit* at, Conversion* c) {
-  for (const LengthRow& row : kLengths)
-    if (StartsWith(at, row.text)) return c->length = row.length, at + row.text.size();
-  return at;
-}
-
-// Reads the conversion behind a %, and gives what follows it.
-template <class Unit>
-const Unit* ReadConversion(const Unit* at, Conversion* c, Arguments* arguments) {
-  at = ReadFlags(at, c);
-  at = ReadNumber(at, &c->width, arguments);
-  if (c->width < 0) {  // of a *: flushed left
-    if (!c->Has('-')) c->flagText[c->flagCount++] = '-';
-    c->width = c->width < -kMaxWidth ? INT_MAX : -c->width;
-  }
-  if (*at == '.') at = ReadNumber(at + 1, &c->precision, arguments);
-  at = ReadLength(at, c);
-  const bool isInBounds = c->width <= kMaxWidth && c->precision <= kMaxWidth;
-  if (!isInBounds || *at == 0 || *at >= 0x80) return at;
-  c->letter = static_cast<char>(*at);
-  return at + 1;
-}
 
 template <class Unit>
 class Formatter {
@@ -108,14 +30,15 @@ class Formatter {
   explicit Formatter(Output<Unit>* out) : out_(out) {}
 
   int Run(const Unit* format, Arguments* arguments) {
+    const Unit* const formatEnd = format + std::char_traits<Unit>::length(format);
+    const auto star = [arguments] { return va_arg(arguments->list, int); };
     for (;;) {
-      const Unit* end = format;
-      while (*end != 0 && *end != '%') ++end;
+      const Unit* end = std::find(format, formatEnd, Unit{'%'});
       Put(format, static_cast<std::size_t>(end - format));
-      if (*end == 0) return count_ > INT_MAX ? -1 : static_cast<int>(count_);
+      if (end == formatEnd) return count_ > INT_MAX ? -1 : static_cast<int>(count_);
       Conversion c;
-      format = ReadConversion(end + 1, &c, arguments);
-      if (!Convert(c, arguments)) return -1;
+      format = ReadConversion(end + 1, formatEnd, &c, star);
+      if (c.width > kMaxWidth || c.precision > kMaxWidth || !Convert(c, arguments)) return -1;
     }
   }
 
@@ -133,7 +56,8 @@ class Formatter {
   bool Convert(const Conversion& c, Arguments* arguments) {
     switch (c.letter) {
       case '%':
-        return Pad('%', 1), true;
+        Pad('%', 1);
+        return true;
       case 'd':
       case 'i':
         return PutNumber(c, "lld", Signed(c.length, arguments));
@@ -148,10 +72,12 @@ class Formatter {
         return PutPointer(c, va_arg(arguments->list, void*));
       case 'c':
       case 'C':
-        return PutCharacter(c, va_arg(arguments->list, int)), true;
+        PutCharacter(c, va_arg(arguments->list, int));
+        return true;
       case 's':
       case 'S':
-        return PutText(c, va_arg(arguments->list, const void*)), true;
+        PutText(c, va_arg(arguments->list, const void*));
+        return true;
       default:
         return PutReal(c, arguments);
     }
@@ -160,7 +86,7 @@ class Formatter {
   bool PutReal(const Conversion& c, Arguments* arguments) {
     constexpr std::string_view kReals = "fFeEgGaA";
     if (c.letter == 0 || kReals.find(c.letter) == std::string_view::npos) return false;
-    if (c.length == Length::kLongDouble) {
+    if (c.length == ArgumentLength::kLongDouble) {
       const char ending[] = {'L', c.letter, 0};
       return PutNumber(c, ending, va_arg(arguments->list, long double));
     }
@@ -168,86 +94,96 @@ class Formatter {
     return PutNumber(c, ending, va_arg(arguments->list, double));
   }
 
-  static long long Signed(Length length, Arguments* arguments) {
+  static long long Signed(ArgumentLength length, Arguments* arguments) {
     switch (length) {
-      case Length::kChar:
+      case ArgumentLength::kChar:
         return static_cast<signed char>(va_arg(arguments->list, int));
-      case Length::kShort:
+      case ArgumentLength::kShort:
         return static_cast<short>(va_arg(arguments->list, int));
-      case Length::kLong:
+      case ArgumentLength::kLong:
         return va_arg(arguments->list, long);
-      case Length::kNone:
-      case Length::kLongDouble:
+      case ArgumentLength::kNone:
+      case ArgumentLength::kLongDouble:
         return va_arg(arguments->list, int);
       default:
         return va_arg(arguments->list, long long);
     }
   }
-  static unsigned long long Unsigned(Length length, Arguments* arguments) {
+  static unsigned long long Unsigned(ArgumentLength length, Arguments* arguments) {
     switch (length) {
-      case Length::kChar:
+      case ArgumentLength::kChar:
         return static_cast<unsigned char>(va_arg(arguments->list, unsigned));
-      case Length::kShort:
+      case ArgumentLength::kShort:
         return static_cast<unsigned short>(va_arg(arguments->list, unsigned));
-      case Length::kLong:
+      case ArgumentLength::kLong:
         return va_arg(arguments->list, unsigned long);
-      case Length::kNone:
-      case Length::kLongDouble:
+      case ArgumentLength::kNone:
+      case ArgumentLength::kLongDouble:
         return va_arg(arguments->list, unsigned);
       default:
         return va_arg(arguments->list, unsigned long long);
     }
   }
 
-  // The runtime's own number, without a width. `ending` is what stands behind the precision.
+  // Puts the number as the runtime prints it, padded to its width. `ending` follows the precision
+  // in the runtime's format.
   template <class Number>
   bool PutNumber(const Conversion& c, const char* ending, Number value) {
     char format[24] = "%";
     std::size_t size = 1;
-    for (const char flag : c.flags())
-      if (flag != '-' && flag != '0') format[size++] = flag;
-    if (c.precision >= 0) format[size++] = '.', format[size++] = '*';
+    if (c.hasPlus) format[size++] = '+';
+    if (c.hasBlank) format[size++] = ' ';
+    if (c.isAlternate) format[size++] = '#';
+    if (c.precision >= 0) {
+      format[size++] = '.';
+      format[size++] = '*';
+    }
     std::copy_n(ending, std::char_traits<char>::length(ending) + 1, format + size);
     char text[kNumberRoom];
     const int length = c.precision >= 0
                            ? std::snprintf(text, sizeof text, format, c.precision, value)
                            : std::snprintf(text, sizeof text, format, value);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof text) return false;
-    return PutPadded(c, {text, static_cast<std::size_t>(length)}), true;
+    PutPadded(c, {text, static_cast<std::size_t>(length)});
+    return true;
   }
 
   bool PutPointer(const Conversion& c, const void* pointer) {
-    Conversion digits = c;
+    Conversion digits;
+    digits.isLeft = c.isLeft;
+    digits.width = c.width;
     digits.precision = 16;
-    digits.flagCount = 0;
-    if (c.Has('-')) digits.flagText[digits.flagCount++] = '-';
+    digits.letter = c.letter;
     return PutNumber(digits, "llX",
                      static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(pointer)));
   }
 
-  // Zeros go behind the sign and the 0x, and not where a precision has said how many digits.
+  // Zeros follow the sign and the 0x. A whole number with a precision is padded with blanks.
   void PutPadded(const Conversion& c, std::string_view text) {
     const auto width = static_cast<std::size_t>(c.width);
     const std::size_t size = RecodeNumber(text, [](const Unit*, std::size_t) {});
     const std::size_t padding = width > size ? width - size : 0;
     const bool isWhole = std::string_view("diouxX").find(c.letter) != std::string_view::npos;
     const bool isFinite = text.find_first_of("nN") == std::string_view::npos;  // no inf, no nan
-    const bool zeros = c.Has('0') && !c.Has('-') && isFinite && !(isWhole && c.precision >= 0);
-    if (!c.Has('-') && !zeros) Pad(' ', padding);
+    const bool zeros = c.isZeroPadded && !c.isLeft && isFinite && !(isWhole && c.precision >= 0);
+    if (!c.isLeft && !zeros) Pad(' ', padding);
     std::size_t head = zeros && text.find_first_of("+- ") == 0 ? 1 : 0;
     if (zeros && (text.substr(head, 2) == "0x" || text.substr(head, 2) == "0X")) head += 2;
     const auto put = [this](const Unit* units, std::size_t count) { Put(units, count); };
     (void)RecodeNumber(text.substr(0, head), put);
     if (zeros) Pad('0', padding);
     (void)RecodeNumber(text.substr(head), put);
-    if (c.Has('-')) Pad(' ', padding);
+    if (c.isLeft) Pad(' ', padding);
   }
 
-  // Hands the runtime's number on in this width, and gives its length there. All of it is ASCII but
-  // for a locale's decimal point, whose bytes in the locale's encoding become one unit of 16 bits.
+  // Passes the runtime's number to `take` in this width, and returns its length there. It is ASCII
+  // except for the locale's decimal point, whose bytes become one unit of 16 bits.
   template <class Take>
   static std::size_t RecodeNumber(std::string_view text, Take take) {
-    if constexpr (sizeof(Unit) == 1) return take(text.data(), text.size()), text.size();
+    if constexpr (sizeof(Unit) == 1) {
+      take(text.data(), text.size());
+      return text.size();
+    }
     std::size_t size = 0;
     for (; !text.empty(); ++size) {
       wchar_t wide = static_cast<unsigned char>(text[0]);
@@ -255,7 +191,10 @@ class Formatter {
       if (wide >= 0x80) {
         std::mbstate_t state{};
         bytes = std::mbrtowc(&wide, text.data(), text.size(), &state);
-        if (bytes - 1 >= text.size()) bytes = 1, wide = 0xFFFD;  // no character
+        if (bytes == 0 || bytes > text.size()) {  // no character
+          bytes = 1;
+          wide = kReplacementPoint;
+        }
       }
       const auto unit = static_cast<Unit>(wide);
       take(&unit, 1);
@@ -264,10 +203,10 @@ class Formatter {
     return size;
   }
 
-  // Whether text behind this conversion is narrow.
+  // Returns whether the conversion's argument is narrow text.
   static bool IsNarrow(const Conversion& c) {
-    if (c.length == Length::kShort) return true;
-    if (c.length == Length::kLong) return false;
+    if (c.length == ArgumentLength::kShort) return true;
+    if (c.length == ArgumentLength::kLong) return false;
     return (sizeof(Unit) == 1) == (c.letter == 's' || c.letter == 'c');
   }
 
@@ -286,7 +225,7 @@ class Formatter {
                 : PutBounded(c, static_cast<const char16_t*>(text));
   }
 
-  // A text need have no end within its precision.
+  // A text that is longer than the precision needs no terminator.
   template <class From>
   void PutBounded(const Conversion& c, const From* text) {
     const std::size_t most = c.precision >= 0 ? static_cast<std::size_t>(c.precision) : SIZE_MAX;
@@ -300,22 +239,27 @@ class Formatter {
     const std::size_t size = Recode(text, length, [](const Unit*, std::size_t) {});
     const auto width = static_cast<std::size_t>(c.width);
     const std::size_t padding = width > size ? width - size : 0;
-    if (!c.Has('-')) Pad(' ', padding);
+    if (!c.isLeft) Pad(' ', padding);
     (void)Recode(text, length, [this](const Unit* units, std::size_t count) { Put(units, count); });
-    if (c.Has('-')) Pad(' ', padding);
+    if (c.isLeft) Pad(' ', padding);
   }
 
-  // Hands the text on in this width, and gives its length there.
+  // Passes the text to `take` in this width, and returns its length there. Each byte of an invalid
+  // sequence becomes a U+FFFD.
   template <class From, class Take>
   static std::size_t Recode(const From* text, std::size_t length, Take take) {
-    if constexpr (sizeof(From) == sizeof(Unit)) return take(text, length), length;
-    if constexpr (sizeof(From) != sizeof(Unit)) {
+    if constexpr (sizeof(From) == sizeof(Unit)) {
+      take(text, length);
+      return length;
+    } else {
       std::size_t size = 0;
-      for (std::size_t at = 0; at < length;) {
+      for (std::basic_string_view<From> rest(text, length); !rest.empty();) {
+        const DecodedPoint decoded = DecodePoint(rest);
         Unit units[4];
-        const std::size_t count = Text_Encode(Text_NextCodePoint(text, length, &at), units);
+        const std::size_t count = EncodePoint(decoded.point, units);
         take(units, count);
         size += count;
+        rest.remove_prefix(decoded.isValid ? decoded.size : 1);
       }
       return size;
     }

@@ -1,9 +1,8 @@
-// The print function below the print family: what a C runtime's printf does, for formats of 8 and
-// of 16 bits, the same on every platform. %s and %ls, %S and %hs keep to a C runtime's meaning: %s
-// is text of the format's own width and %S of the other, while %ls is 16-bit and %hs narrow in
-// both. Narrow text is UTF-8 when it goes into 16 bits, and 16-bit text becomes UTF-8. Numbers are
-// the runtime's own, so they follow the locale; %p has sixteen capital hexadecimal digits
-// everywhere.
+// The formatter of the print family: a C runtime's printf for formats of 8 and of 16 bits, the same
+// on every platform. Letters have a C runtime's meaning: %s is text of the format's own width and
+// %S of the other, %ls is 16-bit text and %hs narrow text in both. Text is converted between UTF-8
+// and UTF-16. Numbers are printed by the runtime, so they follow the locale; %p prints sixteen
+// capital hexadecimal digits everywhere.
 #pragma once
 
 #include <cstdarg>
@@ -11,7 +10,7 @@
 
 namespace stewardry::cim {
 
-// Where the text goes. Implementations belong to one call.
+// Receives the text of one call.
 template <class Unit>
 class Output {
  public:
@@ -19,8 +18,8 @@ class Output {
   virtual void Put(const Unit* units, std::size_t count) = 0;
 };
 
-// Formats into `out`. Gives the number of units, or -1 for a format with %n, an unknown letter, no
-// letter at all, or a width or precision above 1000; what comes before that has been put out.
+// Formats into `out`. Returns the number of units, or -1 for %n, an unknown letter, no letter, or a
+// width or precision above 1000; the text before that conversion has been put.
 template <class Unit>
 int FormatInto(Output<Unit>* out, const Unit* format, va_list arguments);
 

@@ -1,14 +1,14 @@
 // Whole numbers at the start of a 16-bit text, with the behaviour of the C library's conversions
-// (ISO C11, 7.29.4.1.2): blanks, a sign, a prefix, digits, saturation. The C library itself
-// is not called: its wide character is not 16 bits everywhere, and its long isn't of one size.
+// (ISO C11, 7.29.4.1.2): blanks, a sign, a prefix, digits, saturation. The C library itself is not
+// called, because the sizes of its wide character and of its long depend on the platform.
 #pragma once
 
 #include <cstdint>
 
 namespace stewardry::cim {
 
-// What a text begins with. `end` is the first unit that is no part of the number, and the start of
-// the text when there is none; `magnitude` is then 0.
+// The number that a text begins with. `end` is the first unit behind it. If the text begins with no
+// number, `end` is the start of the text and `magnitude` is 0.
 struct ScannedNumber {
   std::uint64_t magnitude;  // 2^64-1 when `overflow`
   bool negative;
@@ -16,14 +16,14 @@ struct ScannedNumber {
   const char16_t* end;
 };
 
-// The blanks of the "C" locale.
+// Returns whether the unit is white space of the "C" locale.
 constexpr bool IsBlankUnit(char16_t unit) {
   return unit == u' ' || (unit >= u'\t' && unit <= u'\r');
 }
 
 constexpr bool IsDigitUnit(char16_t unit) { return unit >= u'0' && unit <= u'9'; }
 
-// The value of a digit or a letter as a digit of base 36; 36 for any other unit.
+// Returns the value of a digit or a letter as a digit of base 36; 36 for any other unit.
 constexpr std::uint32_t DigitValue(char16_t unit) {
   if (IsDigitUnit(unit)) return static_cast<std::uint32_t>(unit - u'0');
   const std::uint32_t letter = static_cast<std::uint32_t>(unit | 0x20) - u'a';
@@ -35,7 +35,7 @@ constexpr std::uint32_t DigitOf(char16_t unit) {
   return Base == 10 ? static_cast<std::uint32_t>(unit) - u'0' : DigitValue(unit);
 }
 
-// The number of digits of `Base` that always fit 64 bits.
+// Returns the number of digits of `Base` that always fit 64 bits.
 template <std::uint32_t Base>
 constexpr int SafeDigits() {
   int count = 0;
@@ -43,7 +43,7 @@ constexpr int SafeDigits() {
   return count;
 }
 
-// The digits of `Base` from `text` on, which may be none.
+// Reads the digits of `Base` from `text` on, which may be none.
 template <std::uint32_t Base>
 constexpr ScannedNumber ScanDigits(const char16_t* text) {
   constexpr std::uint64_t kMost = ~std::uint64_t{0};
@@ -65,7 +65,7 @@ constexpr ScannedNumber ScanDigits(const char16_t* text) {
   }
 }
 
-// As wcstoul reads with base 10: blanks, a sign, digits. `text` ends with a terminator.
+// Reads as wcstoul with base 10: blanks, a sign, digits. `text` ends with a terminator.
 constexpr ScannedNumber ScanDecimal(const char16_t* text) {
   const char16_t* start = text;
   while (IsBlankUnit(*start)) ++start;
@@ -77,7 +77,8 @@ constexpr ScannedNumber ScanDecimal(const char16_t* text) {
   return number;
 }
 
-// The same with base 0: "0x" or "0X" before a hexadecimal digit selects 16, a leading 0 selects 8.
+// Reads as wcstoul with base 0: "0x" or "0X" before a hexadecimal digit selects 16, a leading 0
+// selects 8.
 constexpr ScannedNumber ScanAnyBase(const char16_t* text) {
   const char16_t* start = text;
   while (IsBlankUnit(*start)) ++start;
@@ -96,8 +97,8 @@ constexpr ScannedNumber ScanAnyBase(const char16_t* text) {
   return number;
 }
 
-// The number as the unsigned conversion to 32 bits gives it: a negative one wraps, one whose
-// magnitude doesn't fit gives 2^32-1.
+// Converts to 32 bits as the unsigned conversion does: a negative number wraps, a magnitude that
+// does not fit becomes 2^32-1.
 constexpr std::uint32_t AsUint32(const ScannedNumber& number) {
   if (number.magnitude > 0xFFFFFFFF) return 0xFFFFFFFF;
   const auto value = static_cast<std::uint32_t>(number.magnitude);
@@ -109,7 +110,7 @@ constexpr std::uint64_t AsUint64(const ScannedNumber& number) {
   return number.negative ? 0 - number.magnitude : number.magnitude;
 }
 
-// The number as the signed conversions give it: what doesn't fit becomes the nearest that does.
+// Converts as the signed conversions do: a number that does not fit becomes the nearest that does.
 constexpr std::int64_t AsSint64(const ScannedNumber& number) {
   if (number.negative) {
     return number.magnitude > std::uint64_t{INT64_MAX}

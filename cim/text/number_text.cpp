@@ -1,5 +1,6 @@
-// Decimal digits.
 #include "cim/text/number_text.h"
+
+#include <limits>
 
 namespace stewardry::cim {
 
@@ -15,7 +16,7 @@ constexpr auto kSmallNumberTexts = [] {
   return texts;
 }();
 
-// `end` is where the terminator goes.
+// `end` is the place of the terminator.
 template <class Unit, class Number>
 Unit* Digits(Unit* end, Number value) {
   *end = 0;
@@ -28,6 +29,7 @@ Unit* Digits(Unit* end, Number value) {
 
 template <class Unit, std::size_t Size, class Number>
 const Unit* ToText(Unit (&buffer)[Size], Number value, bool isNegative, std::size_t* size) {
+  static_assert(Size > std::numeric_limits<Number>::digits10 + 1, "digits and terminator");
   Unit* end = buffer + Size - 1;
   Unit* text = Digits(end, value);
   if (isNegative) *--text = '-';
@@ -63,7 +65,7 @@ const char16_t* Uint64ToLongText(char16_t (&buffer)[64], std::uint64_t value, st
 }
 
 const char16_t* Sint64ToLongText(char16_t (&buffer)[64], std::int64_t value, std::size_t* size) {
-  // The negation is unsigned, since the least number has no positive twin.
+  // The negation is unsigned, since INT64_MIN has no positive counterpart.
   const auto magnitude = static_cast<std::uint64_t>(value);
   return ToText(buffer, value < 0 ? 0 - magnitude : magnitude, value < 0, size);
 }

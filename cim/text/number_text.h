@@ -1,6 +1,6 @@
 // Numbers as decimal text, without a format. The digits are built backwards from the end of the
-// caller's buffer: the result is where they begin, not the buffer's start. They end with a zero,
-// and their number, a sign included, goes to *size unless that is empty. Any thread.
+// caller's buffer and end with a zero: the result is the address of the first one, not the buffer's
+// start. Their number, a sign included, is stored in *size unless that is null. Any thread.
 #pragma once
 
 #include <array>
@@ -9,14 +9,14 @@
 
 namespace stewardry::cim {
 
-// For 0 to 63: a byte with the length, then the text with its terminator.
+// Texts of 0 to 63: a byte with the length, then the text with its terminator.
 struct SmallNumberText {
   char length;
   char text[3];
 };
 extern const std::array<SmallNumberText, 64> SmallNumberTexts;
 
-// Below 64 the table's text, with `buffer` left alone.
+// Returns the table's text for numbers below 64, and does not touch `buffer` then.
 const char* Uint32ToNarrow(char (&buffer)[11], std::uint32_t value, std::size_t* size = nullptr);
 const char16_t* Uint32ToText(char16_t (&buffer)[11], std::uint32_t value,
                              std::size_t* size = nullptr);

@@ -1,32 +1,35 @@
-// The family's members: a target, a locale, a pair of forms.
 #include "cim/text/print.h"
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdint>
 #include <string>
 
 #include "cim/memory/heap.h"
-#include "cim/text/c_locale.h"
 #include "cim/text/format.h"
 #include "cim/text/formatter.h"
 #include "cim/text/text.h"
+#include "text/code_points.h"
 
 namespace stewardry::cim {
 
 namespace {
 
-// A buffer of the caller's. What doesn't fit is counted and dropped.
+// Writes to a buffer of the caller's. Counts and drops what does not fit.
 template <class Unit>
 class BufferOutput final : public Output<Unit> {
  public:
-  BufferOutput(Unit* buffer, std::size_t size) : buffer_(buffer), size_(size) {}
+  BufferOutput(Unit* buffer, std::size_t size) : buffer_(buffer), size_(size) {
+    assert(buffer != nullptr || size == 0);
+  }
   void Put(const Unit* units, std::size_t count) override {
     const std::size_t room = size_ - std::min(size_, total_);
     std::char_traits<Unit>::copy(buffer_ + total_, units, std::min(room, count));
     total_ += count;
   }
-  // Puts the terminator behind the text, or in the last place; false if the text didn't fit.
+  // Stores the terminator behind the text or in the last place. Returns false if the text did not
+  // fit.
   bool Finish() {
     if (size_ == 0) return false;
     buffer_[std::min(total_, size_ - 1)] = 0;
@@ -39,7 +42,7 @@ class BufferOutput final : public Output<Unit> {
   std::size_t total_ = 0;
 };
 
-// Gathers pieces, so that a stream is asked few times.
+// Gathers pieces, so that few writes reach the stream.
 template <class Unit>
 class StreamOutput final : public Output<Unit> {
  public:
@@ -49,7 +52,9 @@ class StreamOutput final : public Output<Unit> {
       if (used_ == gathered_.size()) Flush(false);
       const std::size_t taken = std::min(count, gathered_.size() - used_);
       std::char_traits<Unit>::copy(gathered_.data() + used_, units, taken);
-      used_ += taken, units += taken, count -= taken;
+      used_ += taken;
+      units += taken;
+      count -= taken;
     }
   }
   bool Finish() {
@@ -61,7 +66,7 @@ class StreamOutput final : public Output<Unit> {
   void Write(const char* bytes, std::size_t size) {
     if (std::fwrite(bytes, 1, size, stream_) != size) isWhole_ = false;
   }
-  // A surrogate at the end may have its partner in the next piece.
+  // A high surrogate at the end may have its partner in the next piece.
   void Flush(bool isLast) {
     if constexpr (sizeof(Unit) == 1) {
       Write(gathered_.data(), used_);
@@ -69,7 +74,7 @@ class StreamOutput final : public Output<Unit> {
     } else {
       std::array<char, 3 * kPiece> bytes;
       const char16_t last = used_ > 0 ? gathered_[used_ - 1] : u'\0';
-      const std::size_t kept = !isLast && last >= 0xD800 && last < 0xDC00 ? 1 : 0;
+      const std::size_t kept = !isLast && IsHighSurrogate(last) ? 1 : 0;
       const int size = Text_ToUtf8(gathered_.data(), static_cast<int>(used_ - kept), bytes.data(),
                                    static_cast<int>(bytes.size()));
       Write(bytes.data(), static_cast<std::size_t>(size));
@@ -107,7 +112,7 @@ int ToBuffer(Unit* buffer, std::size_t size, const Unit* format, va_list argumen
 
 }  // namespace
 
-// Each form with arguments makes a list of them for the other.
+// Each form with arguments passes a list of them to the other form.
 #define STEWARDRY_WITH_LIST(call) \
   va_list arguments;              \
   va_start(arguments, format);    \

@@ -1,40 +1,29 @@
-// A C runtime's scanf over texts of either width: what a runtime has for narrow text it may lack
-// for 16 bits, and both must read alike.
+// A C runtime's scanf over texts of either width. A runtime may have none for 16 bits, and both
+// widths must read alike.
 #include "cim/text/scan.h"
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
-#include "cim/text/c_locale.h"
 #include "cim/text/format.h"
+#include "text/printf_grammar.h"
 
 namespace stewardry::cim {
 
 namespace {
 
 constexpr std::size_t kMaxFields = 10;
-// The longest number that is looked at, as a C runtime may.
+// The longest number that is read; a C runtime may have such a limit.
 constexpr std::size_t kMaxNumber = 508;
 
 using Fields = std::array<void*, kMaxFields>;
-
-enum class Size { kNone, kChar, kShort, kLong, kLongLong, kLongDouble };
-
-struct SizeRow {
-  std::string_view text;
-  Size size;
-};
-// Longer words stand before those that they begin with.
-constexpr SizeRow kSizes[] = {
-    {"hh", Size::kChar},    {"h", Size::kShort},      {"ll", Size::kLongLong},
-    {"l", Size::kLong},     {"j", Size::kLongLong},   {"z", Size::kLongLong},
-    {"t", Size::kLongLong}, {"L", Size::kLongDouble}, {"I64", Size::kLongLong},
-    {"I32", Size::kNone},   {"I", Size::kLongLong},   {"w", Size::kLong}};
 
 template <class Unit>
 bool IsSpace(Unit unit) {
@@ -45,9 +34,9 @@ template <class Unit>
 struct Conversion {
   bool isDropped = false;
   std::size_t width = 0;  // 0: none given
-  Size size = Size::kNone;
+  ArgumentLength length = ArgumentLength::kNone;
   Unit letter = 0;
-  const Unit* set = nullptr;  // of %[: what stands between the brackets
+  const Unit* set = nullptr;  // of %[: the text between the brackets
   const Unit* setEnd = nullptr;
 };
 
@@ -61,21 +50,18 @@ const Unit* ReadSet(const Unit* at, Conversion<Unit>* c) {
   return *at == 0 ? at : at + 1;
 }
 
-// Reads the conversion behind a %; gives what follows it. A letter of 0 is none.
+// Reads the conversion whose '%' immediately precedes `at`, and returns the address behind it. The
+// letter is 0 if the format ends too early.
 template <class Unit>
-const Unit* ReadConversion(const Unit* at, Conversion<Unit>* c) {
-  if (*at == '*') c->isDropped = true, ++at;
+const Unit* ReadConversion(const Unit* at, const Unit* end, Conversion<Unit>* c) {
+  if (*at == '*') {
+    c->isDropped = true;
+    ++at;
+  }
   for (; *at >= '0' && *at <= '9'; ++at)
     c->width = std::min<std::size_t>(c->width * 10 + static_cast<std::size_t>(*at - '0'), INT_MAX);
-  for (const SizeRow& row : kSizes) {
-    if (!std::equal(row.text.begin(), row.text.end(), at,
-                    [](char a, Unit b) { return static_cast<Unit>(a) == b; }))
-      continue;
-    c->size = row.size;
-    at += row.text.size();
-    break;
-  }
-  if (*at == 0) return at;
+  at = ReadLength(at, end, &c->length);
+  if (at == end) return at;
   c->letter = *at++;
   return c->letter == '[' ? ReadSet(at, c) : at;
 }
@@ -94,8 +80,8 @@ bool IsInSet(const Conversion<Unit>& c, Unit unit) {
   return isFound != isInverted;
 }
 
-// Where text goes: in this width or the other, through the rules of the bounded copies (a narrow
-// field gets the low bytes of 16-bit text; a 16-bit one the bytes of narrow text, sign-extended).
+// Stores text in a field of either width, by the rules of the bounded copies: a narrow field gets
+// the low bytes of 16-bit text, a 16-bit field the sign-extended bytes of narrow text.
 template <class Unit>
 void StoreText(void* field, bool isNarrow, const Unit* text, std::size_t count, bool isTerminated) {
   const auto store = [&](auto* to) {
@@ -110,18 +96,18 @@ void StoreText(void* field, bool isNarrow, const Unit* text, std::size_t count, 
   isNarrow ? store(static_cast<char*>(field)) : store(static_cast<char16_t*>(field));
 }
 
-void StoreInteger(void* field, Size size, unsigned long long value) {
-  switch (size) {
-    case Size::kChar:
+void StoreInteger(void* field, ArgumentLength length, unsigned long long value) {
+  switch (length) {
+    case ArgumentLength::kChar:
       *static_cast<unsigned char*>(field) = static_cast<unsigned char>(value);
       break;
-    case Size::kShort:
+    case ArgumentLength::kShort:
       *static_cast<unsigned short*>(field) = static_cast<unsigned short>(value);
       break;
-    case Size::kLong:
+    case ArgumentLength::kLong:
       *static_cast<unsigned long*>(field) = static_cast<unsigned long>(value);
       break;
-    case Size::kLongLong:
+    case ArgumentLength::kLongLong:
       *static_cast<unsigned long long*>(field) = value;
       break;
     default:
@@ -135,16 +121,18 @@ class Scanner {
   Scanner(const Unit* text, const Fields& fields) : start_(text), at_(text), fields_(fields) {}
 
   int Run(const Unit* format) {
-    while (*format != 0) {
+    const Unit* const end = format + std::char_traits<Unit>::length(format);
+    while (format != end) {
       if (IsSpace(*format)) {
         SkipSpace();
         ++format;
       } else if (*format != '%') {
         if (*at_ != *format) return Result();
-        ++at_, ++format;
+        ++at_;
+        ++format;
       } else {
         Conversion<Unit> c;
-        format = ReadConversion(format + 1, &c);
+        format = ReadConversion(format + 1, end, &c);
         if (!Read(c)) return Result();
       }
     }
@@ -161,9 +149,13 @@ class Scanner {
     if (c.letter == '%') {
       SkipSpace();
       if (*at_ != '%') return false;
-      return ++at_, true;
+      ++at_;
+      return true;
     }
-    if (c.letter == 'n') return StoreCount(c), true;
+    if (c.letter == 'n') {
+      StoreCount(c);
+      return true;
+    }
     if (c.letter != 'c' && c.letter != 'C' && c.letter != '[') SkipSpace();
     if (*at_ == 0) return false;
     const bool isRead = ReadField(c);
@@ -197,16 +189,16 @@ class Scanner {
     }
   }
 
-  // The next field's place. Conversions that drop have none; nor have those that TakeFields didn't
-  // count, like the %d that is left of %*%%d once the conversion %*% has been read.
+  // Returns the next field's address; null for a conversion that drops, and for one that TakeFields
+  // did not count, such as the %d that remains of %*%%d after the conversion %*%.
   void* Next(const Conversion<Unit>& c) {
     if (c.isDropped || used_ == fields_.size()) return nullptr;
     return fields_[used_++];
   }
 
   void StoreCount(const Conversion<Unit>& c) {
-    if (void* field = Next(c))
-      StoreInteger(field, c.size, static_cast<unsigned long long>(at_ - start_));
+    if (void* field = Next(c); field != nullptr)
+      StoreInteger(field, c.length, static_cast<unsigned long long>(at_ - start_));
   }
 
   template <class Belongs>
@@ -214,23 +206,23 @@ class Scanner {
     std::size_t count = 0;
     while (at_[count] != 0 && (width == 0 || count < width) && belongs(at_[count])) ++count;
     const bool isWhole = isTerminated ? count > 0 : count == width;
-    if (!isWhole) return at_ += count, false;
-    if (void* field = Next(c)) {
+    void* field = isWhole ? Next(c) : nullptr;
+    if (field != nullptr) {
       StoreText(field, IsNarrow(c), at_, count, isTerminated);
       ++stored_;
     }
     at_ += count;
-    return true;
+    return isWhole;
   }
 
   static bool IsNarrow(const Conversion<Unit>& c) {
-    if (c.size == Size::kShort) return true;
-    if (c.size == Size::kLong) return false;
+    if (c.length == ArgumentLength::kShort) return true;
+    if (c.length == ArgumentLength::kLong) return false;
     const bool isOther = c.letter == 'S' || c.letter == 'C';
     return (sizeof(Unit) == 1) != isOther;
   }
 
-  // The units ahead that a number may be of, as narrow text with a terminator.
+  // Copies the units ahead that may be part of a number, as narrow text with a terminator.
   void CopyNumber(const Conversion<Unit>& c, char (&number)[kMaxNumber + 1]) const {
     const std::size_t most = c.width == 0 ? kMaxNumber : std::min(c.width, kMaxNumber);
     std::size_t count = 0;
@@ -243,17 +235,17 @@ class Scanner {
     char number[kMaxNumber + 1];
     CopyNumber(c, number);
     char* end;
-    // Both conversions of the runtime give the same low bits, and the sign is taken by either; past
-    // the range they give the end of it.
+    // Both conversions of the runtime accept a sign and yield the same low bits. Beyond its range
+    // each yields the end of the range.
     const bool isSigned = c.letter == 'd' || c.letter == 'i';
     const unsigned long long value =
         isSigned ? static_cast<unsigned long long>(std::strtoll(number, &end, base))
                  : std::strtoull(number, &end, base);
     if (end == number) return false;
     at_ += end - number;
-    if (void* field = Next(c)) {
-      const Size size = c.letter == 'p' ? Size::kLongLong : c.size;
-      StoreInteger(field, size, value);
+    if (void* field = Next(c); field != nullptr) {
+      const bool isPointer = c.letter == 'p';
+      StoreInteger(field, isPointer ? ArgumentLength::kLongLong : c.length, value);
       ++stored_;
     }
     return true;
@@ -263,12 +255,12 @@ class Scanner {
     constexpr std::string_view kReals = "aAeEfFgG";
     if (c.letter >= 0x80 || kReals.find(static_cast<char>(c.letter)) == std::string_view::npos)
       return false;
-    if (c.size == Size::kLongDouble) return StoreReal(c, std::strtold);
-    if (c.size == Size::kLong) return StoreReal(c, std::strtod);
+    if (c.length == ArgumentLength::kLongDouble) return StoreReal(c, std::strtold);
+    if (c.length == ArgumentLength::kLong) return StoreReal(c, std::strtod);
     return StoreReal(c, std::strtof);
   }
 
-  // By the runtime's conversion to the field's own size: a narrowed number would be rounded twice.
+  // Converts to the field's own size: a narrowed number would be rounded twice.
   template <class Real>
   bool StoreReal(const Conversion<Unit>& c, Real (*convert)(const char*, char**)) {
     char number[kMaxNumber + 1];
@@ -277,7 +269,7 @@ class Scanner {
     const Real value = convert(number, &end);
     if (end == number) return false;
     at_ += end - number;
-    if (void* field = Next(c)) {
+    if (void* field = Next(c); field != nullptr) {
       *static_cast<Real*>(field) = value;
       ++stored_;
     }
@@ -292,7 +284,8 @@ class Scanner {
   bool hasRead_ = false;
 };
 
-// One pointer for each % that doesn't stand before another or before a *; false for an eleventh.
+// Takes one pointer for each % that does not precede another % or a *. Returns false for an
+// eleventh.
 template <class Unit>
 bool TakeFields(const Unit* format, va_list arguments, Fields* fields) {
   va_list list;
@@ -312,6 +305,7 @@ bool TakeFields(const Unit* format, va_list arguments, Fields* fields) {
 
 template <class Unit>
 int Scan(const Unit* text, const Unit* format, va_list arguments) {
+  assert(text != nullptr && format != nullptr);
   const TranslatedFormat<Unit> translated(format);
   const CLocale locale;
   Fields fields{};

@@ -1,6 +1,6 @@
-// Both kinds of lists, written once.
 #include "cim/text/text_list.h"
 
+#include <cassert>
 #include <cstring>
 #include <string>
 
@@ -40,6 +40,7 @@ Unit* Duplicate(const Unit* text) {
 
 template <class Unit>
 void Append(Unit*** list, const Unit* text) {
+  assert(list != nullptr && text != nullptr);
   const std::size_t count = Count(*list);
   auto** longer = static_cast<Unit**>(Heap_Reallocate(*list, (count + 2) * sizeof(Unit*)));
   if (longer == nullptr) {

@@ -1,5 +1,5 @@
-// Lists of heap strings that end with an empty pointer, narrow and of 16-bit units. A list belongs
-// to whoever made it, and to one thread at a time.
+// Lists of heap strings that end with a null pointer, narrow and of 16-bit units. One thread at a
+// time uses a list.
 #pragma once
 
 #include <cstddef>
@@ -9,20 +9,21 @@ namespace stewardry::cim {
 using TextList = char**;
 using TextListW = char16_t**;
 
-// An empty list; empty when the heap fails. Ends with TextList_Free.
+// Return a list without strings; null if the allocation fails. The caller ends it with
+// TextList_Free.
 TextList TextList_New();
 TextListW TextListW_New();
 
-// Appends a copy of `text` to *list, which may move. When the list can't grow, it is freed with its
-// strings and *list is empty; when the text can't be copied, the list stays as it was.
+// Append a copy of `text` to *list, which may move. If the list cannot grow, it is freed with its
+// strings and *list becomes null. If the text cannot be copied, the list stays unchanged.
 void TextList_Append(TextList* list, const char* text);
 void TextListW_Append(TextListW* list, const char16_t* text);
 
-// The number of strings; 0 for an empty pointer.
+// Return the number of strings; 0 for a null pointer.
 std::size_t TextList_Count(const char* const* list);
 std::size_t TextListW_Count(const char16_t* const* list);
 
-// Frees the strings and the list; an empty pointer does nothing.
+// Free the strings and the list; ignore a null pointer.
 void TextList_Free(TextList list);
 void TextListW_Free(TextListW list);
 

@@ -1,4 +1,4 @@
-// A fan of a class that a schema describes, with a chassis and a room of classes that nobody does.
+// Builds a fan of a described class, with a chassis and a room of classes without a description.
 #include "lab/cim/create_request.h"
 
 #include <bit>
@@ -10,14 +10,14 @@ using namespace stewardry::cim;
 
 namespace {
 
-// Collects results, so that a list of calls needs one test.
+// Collects results, so that a list of calls needs one test at its end.
 class Builder {
  public:
   explicit Builder(Batch* batch) : batch_(batch) {}
 
   bool Good() const { return good_; }
 
-  // An instance without a class of its own: it is described as it grows.
+  // Creates an instance without a described class: each added property describes it.
   Instance* MakeDynamic(const char16_t* className) {
     Instance* made = nullptr;
     Take(Instance_CreateDynamic(&made, className, FLAG_CLASS, batch_));
@@ -54,7 +54,7 @@ constexpr PropertyDef Property(const char16_t* name, std::uint32_t type, std::ui
       .flags = flags, .nameCode = Name_Code(name), .name = name, .type = type, .offset = offset};
 }
 
-// What a schema's generator would write. Each offset is that of the slot before it and its size.
+// As a schema's generator would write them. Each offset is that of the previous slot plus its size.
 constexpr PropertyDef kDeviceId = Property(u"DeviceID", CIM_STRING, 64, FLAG_KEY);
 constexpr PropertyDef kEnabled = Property(u"Enabled", CIM_BOOLEAN, 80);
 constexpr PropertyDef kDesiredSpeed = Property(u"DesiredSpeed", CIM_UINT64, 88);
@@ -93,7 +93,7 @@ CimValue Of(Instance* instance) {
   return value;
 }
 
-// The elements are copied by the call that takes the value.
+// The call that takes the value copies the elements.
 template <class Element, std::uint32_t Size>
 CimValue Of(const Element (&elements)[Size]) {
   CimValue value{};
@@ -101,7 +101,7 @@ CimValue Of(const Element (&elements)[Size]) {
   return value;
 }
 
-// Only a reference's keys travel: the tag stays behind.
+// Only a reference's keys are shipped: the tag is not.
 Instance* MakeChassis(Builder* builder) {
   Instance* chassis = builder->MakeDynamic(u"Lab_Chassis");
   builder->Add(chassis, u"Serial", CIM_UINT32, Of(std::uint64_t{4711}), FLAG_KEY);

@@ -1,6 +1,6 @@
-// The request that this example ships: "CreateInstanceReq", which asks for a new instance in a name
-// space. Every kind of message is a record of its own behind the common head; whoever uses one
-// writes the record down, with the offsets of the message table.
+// The request that this example ships: "CreateInstanceReq", which requests a new instance in a name
+// space. Every kind of message is a record of its own that begins with the common head; the user of
+// a kind defines its record, with the offsets of the message table.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ constexpr std::uint32_t kCreateInstanceTag =
 struct CreateInstanceRequest {
   stewardry::cim::Message head;
   std::uint64_t requestWords[2];
-  const char16_t* requestText;  // here: the language that errors should come in
+  const char16_t* requestText;  // here: the language of error texts
   std::uint64_t requestWord;
   stewardry::cim::Instance* requestInstance;
   void* requestPacked;
@@ -38,11 +38,12 @@ static_assert(offsetof(CreateInstanceRequest, requestText) == 96 &&
               offsetof(CreateInstanceRequest, packedSize) == 160 &&
               sizeof(CreateInstanceRequest) == 176);
 
-// A request for a fan with every sort of property, in the name space and of the name given. Empty
-// when memory fails. The caller gives it back with Message_Drop on its head.
+// Returns a request for a fan of that name with properties of many types; null if an allocation
+// fails. The caller releases it with Message_Drop on its head.
 CreateInstanceRequest* MakeCreateRequest(std::uint64_t correlationId, const char16_t* name);
 
-// The message as such a request; empty if it is another kind of message.
+// Returns the message as such a request; null if it is another kind of message. Requires a non-null
+// message.
 const CreateInstanceRequest* AsCreateRequest(const stewardry::cim::Message* message);
 
 }  // namespace cim_ship

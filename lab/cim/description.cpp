@@ -1,4 +1,3 @@
-// Values in words: one row for each scalar type, and arrays from the rows of their elements.
 #include "lab/cim/description.h"
 
 #include <array>
@@ -21,9 +20,9 @@ std::string DescribeAt(const Instance* instance, std::size_t indent);
 std::string ToUtf8(const char16_t* text) {
   if (text == nullptr) return {};
   std::u16string shown(text);
-  for (char16_t& unit : shown)  // a terminal obeys the control characters behind 0x7F too
+  for (char16_t& unit : shown)  // a terminal also interprets the control characters from 0x7F on
     if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0)) unit = u'.';
-  std::string utf8(shown.size() * 3, '\0');  // the most that a unit becomes
+  std::string utf8(shown.size() * 3, '\0');  // the most bytes of a unit
   const int size = Text_ToUtf8(shown.data(), static_cast<int>(shown.size()), utf8.data(),
                                static_cast<int>(utf8.size()));
   utf8.resize(static_cast<std::size_t>(size));
@@ -64,7 +63,7 @@ std::string String(const CimValue& value, std::size_t) { return Quoted(value.str
 std::string Nested(const CimValue& value, std::size_t indent) {
   std::string text = "\n";
   text += DescribeAt(value.instance, indent + kIndent);
-  text.pop_back();  // whoever asked ends the line
+  text.pop_back();  // the caller ends the line
   return text;
 }
 

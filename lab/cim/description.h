@@ -1,5 +1,5 @@
-// An instance in words, for people: its class and name space, then a line for each property, with
-// nested instances indented below theirs.
+// Readable descriptions of instances: class and name space, then a line for each property, with a
+// nested instance indented below its property.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace cim_ship {
 
-// UTF-8, each line ended. Texts come out in quotes, control characters in them as dots; a null as
-// null. Empty for an instance that can't be read.
+// Returns the description in UTF-8, each line ended. Texts are quoted, with control characters as
+// dots; a null value is "null". Returns an empty text for an instance that cannot be read.
 std::string Describe(const stewardry::cim::Instance* instance);
 
 }  // namespace cim_ship

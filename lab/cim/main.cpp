@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-#include "cim/text/text.h"
 #include "lab/cim/create_request.h"
 #include "lab/cim/description.h"
 #include "lab/cim/shipment.h"
 #include "platform/process.h"
+#include "text/code_points.h"
 
 namespace {
 
@@ -33,18 +33,20 @@ std::uint16_t PortOf(std::string_view text) {
 // Arguments are UTF-8.
 std::u16string ToText(std::string_view utf8) {
   std::u16string text;
-  for (std::size_t at = 0; at < utf8.size();) {
+  while (!utf8.empty()) {
+    const DecodedPoint decoded = DecodePoint(utf8);
     char16_t units[2];
-    text.append(units, Text_Encode(Text_NextCodePoint(utf8.data(), utf8.size(), &at), units));
+    text.append(units, EncodePoint(decoded.point, units));
+    utf8.remove_prefix(decoded.isValid ? decoded.size : 1);
   }
   return text;
 }
 
-// A socket that closes at the end of its block.
+// A socket that is closed at the end of its block.
 struct Closing {
   Sock sock = kInvalidSock;
   ~Closing() {
-    if (sock != kInvalidSock) (void)Sock_Close(sock);  // nothing is left to be told
+    if (sock != kInvalidSock) (void)Sock_Close(sock);  // no failure matters at this point
   }
 };
 
@@ -62,13 +64,15 @@ int Receive(std::uint16_t port) {
   Closing listener, peer;
   if (Addr_Resolve(&address, "127.0.0.1", port, false) != RESULT_OK ||
       Sock_CreateListener(&listener.sock, address) != RESULT_OK)
-    return Fail("can't listen on this port");
+    return Fail("cannot listen on this port");
   std::puts("waiting for a shipment");
   std::fflush(stdout);
   RemoteAddress from;
-  if (Sock_Accept(listener.sock, &peer.sock, &from) != RESULT_OK) return Fail("nobody came");
+  if (Sock_Accept(listener.sock, &peer.sock, &from) != RESULT_OK)
+    return Fail("accepting the sender failed");
   Message* message = nullptr;
-  if (const char* fault = cim_ship::Shipment_Receive(peer.sock, &message)) return Fail(fault);
+  const char* fault = cim_ship::Shipment_Receive(peer.sock, &message);
+  if (fault != nullptr) return Fail(fault);
   const int code = Print(message);
   Message_Drop(message);
   return code;
@@ -77,12 +81,13 @@ int Receive(std::uint16_t port) {
 int Send(std::uint16_t port, const std::u16string& name) {
   const std::string target = "127.0.0.1:" + std::to_string(port);
   Closing peer;
-  if (Sock_ConnectTo(&peer.sock, target.c_str()) != RESULT_OK) return Fail("nobody listens there");
+  if (Sock_ConnectTo(&peer.sock, target.c_str()) != RESULT_OK)
+    return Fail("cannot connect to this port");
   cim_ship::CreateInstanceRequest* request = cim_ship::MakeCreateRequest(7, name.c_str());
-  if (request == nullptr) return Fail("there is no memory");
+  if (request == nullptr) return Fail("out of memory");
   const bool sent = cim_ship::Shipment_Send(peer.sock, &request->head);
   Message_Drop(&request->head);
-  return sent ? 0 : Fail("the shipment didn't leave");
+  return sent ? 0 : Fail("sending the shipment failed");
 }
 
 int Run(int count, char** arguments) {
@@ -98,8 +103,8 @@ int Run(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  (void)platform::PrepareProcess();  // a descriptor left free would only be a strange socket
-  if (Sock_Start() != RESULT_OK) return Fail("there are no sockets");
+  (void)platform::PrepareProcess();  // without it a socket may have a standard descriptor's number
+  if (Sock_Start() != RESULT_OK) return Fail("starting the sockets failed");
   const int code = Run(count, arguments);
   Sock_Stop();
   return code;

@@ -1,4 +1,3 @@
-// Writes and reads shipments.
 #include "lab/cim/shipment.h"
 
 #include <vector>
@@ -44,7 +43,7 @@ bool WritePages(Sock sock, const Message* message) {
   return true;
 }
 
-// Whether the pages together keep to kMaxShipment. An empty page would have no address to ship.
+// Returns whether the pages together are within kMaxShipment.
 bool SizesFit(const std::vector<BatchPageInfo>& list) {
   std::uint64_t left = kMaxShipment;
   for (const BatchPageInfo& page : list) {
@@ -73,19 +72,20 @@ bool Shipment_Send(Sock sock, Message* message) {
 const char* Shipment_Receive(Sock sock, Message** message) {
   ShipmentHead head;
   if (!ReadAll(sock, &head, sizeof head)) return "the head is cut";
-  if (head.magic != kShipmentMagic) return "this is no shipment";
-  if (head.pageCount == 0 || head.pageCount > kMaxPages) return "no such number of pages is taken";
+  if (head.magic != kShipmentMagic) return "the magic number is wrong";
+  if (head.pageCount == 0 || head.pageCount > kMaxPages)
+    return "the number of pages is out of range";
   std::vector<BatchPageInfo> list(head.pageCount);
   if (!ReadAll(sock, list.data(), list.size() * sizeof list[0])) return "the page list is cut";
   if (!SizesFit(list)) return "the pages are too large";
   Batch* batch = nullptr;
-  if (!Batch_FromPageSizes(&batch, list.data(), list.size())) return "there is no memory";
+  if (!Batch_FromPageSizes(&batch, list.data(), list.size())) return "out of memory";
   const char* fault = nullptr;
   if (!ReadPages(sock, batch, list)) {
     fault = "a page is cut";
   } else if (Message_Restore(batch, reinterpret_cast<const void*>(head.messageAddress), list.data(),
                              list.size(), false, message) != RESULT_OK) {
-    fault = "the message doesn't hold together";
+    fault = "the message is invalid";
   }
   if (fault != nullptr) Batch_Destroy(batch);
   return fault;

@@ -23,6 +23,9 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
+
+#include "text/code_points.h"
 
 namespace {
 
@@ -107,20 +110,17 @@ class Viewer {
   int updates_ = 0;
 };
 
-// The next code point of UTF-8 text; a byte that doesn't begin one stands for itself.
-std::uint32_t NextCharacter(const std::string& text, std::size_t* at) {
-  const auto first = static_cast<unsigned char>(text[(*at)++]);
-  const int more = first >= 0xF0 ? 3 : first >= 0xE0 ? 2 : first >= 0xC0 ? 1 : 0;
-  std::uint32_t code = more == 0 ? first : first & (0x3Fu >> more);
-  for (int i = 0; i < more && *at < text.size(); i++) {
-    code = code << 6 | (static_cast<unsigned char>(text[(*at)++]) & 0x3Fu);
-  }
-  return code;
+// Takes the first code point off `text`; a byte that begins no valid sequence is its own code.
+std::uint32_t TakeCharacter(std::string_view* text) {
+  const stewardry::DecodedPoint decoded = stewardry::DecodePoint(*text);
+  const auto first = static_cast<unsigned char>(text->front());
+  text->remove_prefix(decoded.isValid ? decoded.size : 1);
+  return decoded.isValid ? decoded.point : first;
 }
 
-bool Type(Viewer* viewer, const std::string& text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const std::uint32_t code = NextCharacter(text, &at);
+bool Type(Viewer* viewer, std::string_view text) {
+  while (!text.empty()) {
+    const std::uint32_t code = TakeCharacter(&text);
     const std::uint32_t keysym = code < 0x100 ? code : kUnicodeKeysym + code;
     if (!viewer->Key(keysym, true) || !viewer->Key(keysym, false)) return false;
   }

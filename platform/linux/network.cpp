@@ -19,6 +19,7 @@
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
 #include "platform/linux/runtime/utf16.h"
+#include "text/code_points.h"
 
 namespace platform {
 
@@ -187,11 +188,7 @@ std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std
   gate::Note("WideCharToMultiByte");
   if (size == 0) return 0;
   std::string narrow = Utf16ToUtf8({text, length});
-  if (narrow.size() >= size) {
-    std::size_t end = size - 1;
-    while (end > 0 && (narrow[end] & 0xC0) == 0x80) --end;  // never half a character
-    narrow.resize(end);
-  }
+  narrow.resize(stewardry::Utf8PrefixLength(narrow, size - 1));
   std::memcpy(ansi, narrow.c_str(), narrow.size() + 1);
   return narrow.size();
 }

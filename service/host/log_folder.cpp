@@ -12,6 +12,7 @@
 #include "platform/thread.h"
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
+#include "text/letter_case.h"
 
 namespace stewardry {
 

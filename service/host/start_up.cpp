@@ -22,6 +22,7 @@
 #include "service/inventory/status_report.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/reader.h"
+#include "text/letter_case.h"
 
 namespace stewardry {
 

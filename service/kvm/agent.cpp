@@ -14,6 +14,7 @@
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
 #include "service/kvm/kvm_state.h"
+#include "text/letter_case.h"
 
 namespace stewardry {
 

@@ -1,6 +1,6 @@
-// Fuzz target: texts into a property of each type, scalar and array, and into octet strings; the
-// date-times among them printed and read again. The input: a type, text flags, which request of the
-// heap fails, then 16-bit units that zeros part into texts.
+// Fuzz target: texts stored in a property of each type, scalar and array, and in octet strings;
+// valid date-times are printed and read again. The input: a type, text flags, the number of the
+// heap request that fails, then 16-bit units that zeros separate into texts.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,13 +18,13 @@ using namespace stewardry::cim;
 
 constexpr std::size_t kHead = 3;
 
-// A form that is printed must parse to the same record.
+// Requires that a printed date-time parses to the same record.
 void PassDatetime(const char16_t* text) {
   CimDatetime value, again;
   if (Datetime_Parse(text, &value) != 0) return;
   char16_t schema[kSchemaDatetimeSize], fixed[kFixedDatetimeSize];
   Datetime_ToSchema(&value, schema);
-  (void)Datetime_Parse(schema, &again);  // fields wider than their places don't come back
+  (void)Datetime_Parse(schema, &again);  // fields too wide for the form are not preserved
   Datetime_ToFixed(&value, fixed);
   if (fixed[0] == 0) return;
   if (Datetime_ParseFixed(fixed, &again) != 0) std::abort();

@@ -1,5 +1,5 @@
-// The object library's example over a real socket: what arrives, and what a receiver must survive.
-// Which messages are refused is the subject of tests/cim/message/message_test.cpp.
+// The object library's example over a real socket. Which messages are refused is the subject of
+// tests/cim/message/message_test.cpp.
 #include "lab/cim/shipment.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ class CimShipment : public SocketTest {
   CimShipment() { EXPECT_EQ(Sock_SetBlocking(pair_.a, true), RESULT_OK); }
   ~CimShipment() override { Message_Drop(&request_->head); }
 
-  // The bytes of a shipment of the request.
+  // Returns the bytes of a shipment of the request.
   std::string Shipped() {
     EXPECT_TRUE(Shipment_Send(pair_.b, &request_->head));
     SocketPair::Close(&pair_.b);
@@ -33,16 +33,17 @@ class CimShipment : public SocketTest {
       bytes.append(piece, count);
     return bytes;
   }
-  // The received instance in words, or why there is none.
+  // Returns the description of the received instance, or the fault.
   static std::string ReceiveFrom(Sock sock) {
     Message* message = nullptr;
-    if (const char* fault = Shipment_Receive(sock, &message)) return fault;
+    const char* fault = Shipment_Receive(sock, &message);
+    if (fault != nullptr) return fault;
     const CreateInstanceRequest* request = AsCreateRequest(message);
     std::string text = request == nullptr ? "another message" : Describe(request->instance);
     Message_Drop(message);
     return text;
   }
-  // What the receiver makes of bytes that end with their connection.
+  // Receives bytes that end with their connection.
   static std::string Receive(const std::string& bytes) {
     SocketPair pair;
     EXPECT_EQ(Sock_SetBlocking(pair.a, true), RESULT_OK);
@@ -56,12 +57,12 @@ class CimShipment : public SocketTest {
 };
 
 TEST_F(CimShipment, MessagesArriveAsTheyWereSent) {
-  // Of the instance behind a reference the keys are shipped alone.
+  // Of an instance behind a reference only the keys are shipped.
   const std::string unshipped = "      Tag (STRING) = \"stays here\"\n";
   std::string text = Describe(request_->instance);
   ASSERT_NE(text.find("DeviceID (STRING, key) = \"fan-1.\""), std::string::npos);
   text.erase(text.find(unshipped), unshipped.size());
-  for (int i = 0; i < 2; ++i) {  // the message stays whole for a second shipment
+  for (int i = 0; i < 2; ++i) {  // the message stays unchanged for a second shipment
     ASSERT_TRUE(Shipment_Send(pair_.b, &request_->head));
     EXPECT_EQ(ReceiveFrom(pair_.a), text);
   }
@@ -73,7 +74,7 @@ TEST_F(CimShipment, CutShipmentsAreRefused) {
     EXPECT_TRUE(Receive(whole.substr(0, size)).ends_with(" is cut")) << size;
 }
 
-// A wrong byte changes or refuses its own message and leaves the connection in step.
+// A wrong byte changes its own message or makes it invalid; the connection stays synchronised.
 TEST_F(CimShipment, WrongByteLeavesTheNextShipmentWhole) {
   const std::string whole = Shipped(), text = Receive(whole);
   ShipmentHead head;
@@ -86,7 +87,7 @@ TEST_F(CimShipment, WrongByteLeavesTheNextShipmentWhole) {
     std::string wrong = whole;
     wrong[at] = static_cast<char>(wrong[at] ^ 0x81);
     pair.Send(wrong + whole);
-    refused += ReceiveFrom(pair.a) == "the message doesn't hold together";
+    refused += ReceiveFrom(pair.a) == "the message is invalid";
     ASSERT_EQ(ReceiveFrom(pair.a), text) << at;
   }
   EXPECT_GT(refused, 0);

@@ -4,30 +4,11 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "text/code_points.h"
+#include "text/letter_case.h"
+
 namespace orrin {
 namespace {
-
-constexpr char32_t kReplacement = 0xFFFD;
-
-bool IsHighSurrogate(char32_t unit) { return unit >= 0xD800 && unit < 0xDC00; }
-bool IsLowSurrogate(char32_t unit) { return unit >= 0xDC00 && unit < 0xE000; }
-
-void AppendUtf8(char32_t point, std::string* out) {
-  auto put = [out](char32_t byte) { out->push_back(static_cast<char>(byte)); };
-  if (point < 0x80) return put(point);
-  if (point < 0x800) {
-    put(0xC0 | (point >> 6));
-    return put(0x80 | (point & 0x3F));
-  }
-  if (point < 0x10000) {
-    put(0xE0 | (point >> 12));
-  } else {
-    put(0xF0 | (point >> 18));
-    put(0x80 | ((point >> 12) & 0x3F));
-  }
-  put(0x80 | ((point >> 6) & 0x3F));
-  put(0x80 | (point & 0x3F));
-}
 
 int DigitValue(char digit) {
   if (digit >= '0' && digit <= '9') return digit - '0';
@@ -37,8 +18,6 @@ int DigitValue(char digit) {
 }
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 }  // namespace
 
@@ -57,19 +36,16 @@ std::string Format(const char* format, ...) {
 }
 
 std::string Utf8Field(std::span<const char16_t> field) {
+  std::u16string_view rest(field.data(), field.size());
+  rest = rest.substr(0, rest.find(u'\0'));
   std::string text;
-  for (std::size_t i = 0; i < field.size() && field[i] != 0; i++) {
-    char32_t point = field[i];
-    const bool paired =
-        IsHighSurrogate(point) && i + 1 < field.size() && IsLowSurrogate(field[i + 1]);
-    if (paired) {
-      point = 0x10000 + ((point - 0xD800) << 10) + (char32_t{field[++i]} - 0xDC00);
-    } else if (IsHighSurrogate(point) || IsLowSurrogate(point)) {
-      point = kReplacement;
-    }
+  while (!rest.empty()) {
+    const stewardry::DecodedPoint decoded = stewardry::DecodePoint(rest);
+    rest.remove_prefix(decoded.size);
     // C1 controls (0x80 to 0x9F) steer terminals as C0 controls do.
-    const bool control = point < 0x20 || (point >= 0x7F && point < 0xA0);
-    AppendUtf8(control ? U'.' : point, &text);
+    const bool control = decoded.point < 0x20 || (decoded.point >= 0x7F && decoded.point < 0xA0);
+    char bytes[4];
+    text.append(bytes, stewardry::EncodePoint(control ? U'.' : decoded.point, bytes));
   }
   return text;
 }
@@ -155,13 +131,12 @@ std::string_view Trimmed(std::string_view text) {
 
 std::string LowerCase(std::string_view text) {
   std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(), Lower);
+  std::transform(lower.begin(), lower.end(), lower.begin(), stewardry::ToLower<char>);
   return lower;
 }
 
 bool SameIgnoringCase(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](char a, char b) { return Lower(a) == Lower(b); });
+  return stewardry::EqualIgnoringCase(left, right);
 }
 
 std::string JsonText(std::string_view text) {

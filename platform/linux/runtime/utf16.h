@@ -1,4 +1,4 @@
-// The service's 16-bit texts and the UTF-8 of everything that this platform says.
+// Conversion between the service's 16-bit texts and the UTF-8 of this platform's calls.
 #pragma once
 
 #include <string>
@@ -6,7 +6,8 @@
 
 namespace platform {
 
-// What is no valid text comes out as U+FFFD: a lone surrogate, a cut or overlong sequence.
+// Convert a text. Each invalid sequence becomes one U+FFFD: a lone surrogate, a cut or overlong
+// sequence.
 std::u16string Utf8ToUtf16(std::string_view text);
 std::string Utf16ToUtf8(std::u16string_view text);
 

@@ -1,4 +1,3 @@
-// The log's lines, its threshold, its stream.
 #include "cim/log/log.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +24,7 @@ class LogTest : public ::testing::Test {
     std::filesystem::remove(path_);
   }
   int Attach() { return LibLog_Attach(path_.u16string().c_str()); }
-  // What the file has, without the times, the process and the thread.
+  // Returns the file's text without the times, the process and the thread.
   std::string Lines() {
     std::ifstream file(path_);
     const std::string text(std::istreambuf_iterator<char>(file), {});
@@ -35,14 +34,14 @@ class LogTest : public ::testing::Test {
   const std::filesystem::path path_;
 };
 
-TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
+TEST_F(LogTest, LinesAreFormattedOnceAStreamIsAttached) {
   EXPECT_EQ(LibLog_Put(LIBLOG_FATAL, "", 7, u"nowhere"), 0);
   ASSERT_EQ(Attach(), 0);
   EXPECT_EQ(LibLog_Put(LIBLOG_WARNING, "file.c", 7, u"%d %T %s", 1, u"\xE4", "b"), 1);
   EXPECT_EQ(LibLog_Put(LIBLOG_INFO, "", 5, u"%d", 2), 1);
   LibLog_Error(u"error %d", 5);
   const std::u16string longFormat(2000, u'x');
-  LibLog_Event(LIBLOG_ERROR, 1, "", 0, longFormat.c_str());  // is cut to 1023 units with its head
+  LibLog_Event(LIBLOG_ERROR, 1, "", 0, longFormat.c_str());  // cut to 1023 units, its head included
   EXPECT_EQ(Lines(),
             "<head>WARNING: file.c(7): 1 \xC3\xA4 b\n"
             "<head>INFO: 2\n<head>ERROR: null(0): error 5\n"
@@ -50,7 +49,7 @@ TEST_F(LogTest, LinesHaveTheirFormOnceAStreamIsAttached) {
                 std::string(998, 'x') + "\n");
 }
 
-TEST_F(LogTest, ThresholdHoldsLessSevereLevelsBack) {
+TEST_F(LogTest, ThresholdSuppressesLessSevereLevels) {
   ASSERT_EQ(Attach(), 0);
   for (std::int32_t level = -1; level <= 7; ++level)
     EXPECT_EQ(LibLog_Put(level, "", 7, u"x"), level <= LIBLOG_INFO ? 1 : 0) << level;
@@ -62,7 +61,7 @@ TEST_F(LogTest, ThresholdHoldsLessSevereLevelsBack) {
   EXPECT_NE(lines.find("VERBOSE: null(0): seen\n"), std::string::npos);
 }
 
-TEST_F(LogTest, WordsSetTheLevel) {
+TEST_F(LogTest, NamesAndNumbersSetTheLevel) {
   std::int32_t level = 0;
   for (const char16_t* word : {u"fatal", u"ERROR", u"WaRnInG", u"3", u"debug", u"5"}) {
     EXPECT_EQ(LibLog_SetLevelText(word), 0);

@@ -1,4 +1,3 @@
-// Pages, their bounds, and what a batch does when the heap fails.
 #include "cim/memory/batch.h"
 
 #include <gtest/gtest.h>
@@ -38,12 +37,12 @@ TEST_F(BatchTest, SmallRequestsShareAPageAndLargeOnesHaveABlockEach) {
   EXPECT_EQ(Take(496), first + 8);  // leaves 504 of the page's 1008
   EXPECT_EQ(Sizes(), (BlockSizes{504}));
   std::uint8_t* second = Take(512);
-  EXPECT_EQ(Sizes(), (BlockSizes{512, 1008}));  // 504 bytes are given up
+  EXPECT_EQ(Sizes(), (BlockSizes{512, 1008}));  // 504 bytes stay unused
   std::uint8_t* alone = Take(513);
   EXPECT_EQ(Batch_PageAt(&batch_, 0), alone);
   EXPECT_EQ(Take(8), second + 512);
   EXPECT_EQ(Sizes(), (BlockSizes{520, 520, 1008}));
-  // Sizes that no heap has are refused before it is asked.
+  // Impossible sizes are refused without a request to the heap.
   for (const std::size_t size : {kMaxPayload + 1, ~std::size_t{0}, ~std::size_t{0} - 7})
     EXPECT_EQ(Take(size), nullptr);
 }
@@ -59,9 +58,9 @@ TEST_F(BatchTest, OnlyBlocksOfOneRequestAreReleased) {
   EXPECT_EQ(Sizes(), (BlockSizes{8}));
 }
 
-TEST_F(BatchTest, CopiesKeepTheirContentAndWhatIsSkippedOfAPageIsZero) {
+TEST_F(BatchTest, CopiesKeepTheirContentAndUnusedBytesOfAPageAreZero) {
   alignas(8) std::uint8_t page[256];
-  std::memset(page, 0xA5, sizeof page);  // what a heap may hold
+  std::memset(page, 0xA5, sizeof page);  // as a heap's block may hold
   Batch_InitOnBuffer(&batch_, page, sizeof page, kNoPageLimit);
   EXPECT_STREQ(Batch_DupNarrow(&batch_, "text"), "text");
   EXPECT_EQ(std::u16string(Batch_WidenText(&batch_, "a\xE9")), u"a\xFFE9");
@@ -73,12 +72,12 @@ TEST_F(BatchTest, CopiesKeepTheirContentAndWhatIsSkippedOfAPageIsZero) {
   char* grown = static_cast<char*>(Batch_Realloc(&batch_, "1234567", 8, 1000));
   EXPECT_EQ(std::string(grown, 1000), "1234567" + std::string(993, '\0'));
   EXPECT_NE(Batch_AllocZero(&batch_, 1), Batch_Realloc(&batch_, "c", 1, 1));
-  (void)Take(512);  // gives the rest of the page up
+  (void)Take(512);  // the rest of the page stays unused
   EXPECT_EQ(std::count(page, std::end(page), 0xA5), 0);
 }
 
-TEST_F(BatchTest, ShippedPointersLeadToTheSameByte) {
-  std::vector<std::uint8_t> sender(2048);  // addresses, as the sender had them
+TEST_F(BatchTest, ShippedPointersAreTranslatedToTheSameByte) {
+  std::vector<std::uint8_t> sender(2048);  // addresses of the sender
   std::uint8_t* sent = sender.data() + 8;
   const BatchPageInfo list[] = {{sent, 40}, {sent + 40, 10}, {sent + 50, 1008}};
   Batch* batch = nullptr;
@@ -98,7 +97,7 @@ TEST_F(BatchTest, ShippedPointersLeadToTheSameByte) {
   }
   Batch_Destroy(batch);
 
-  // A list of more pages than there are, and one with a size that no block has.
+  // A list of more pages than the batch has, and one with an impossible size.
   void* pointer = sent;
   EXPECT_FALSE(Batch_TranslatePointer(&batch_, list, 3, &pointer));
   const BatchPageInfo endless[] = {{sent, ~std::uint64_t{0}}, {sent, 8}};
@@ -107,7 +106,7 @@ TEST_F(BatchTest, ShippedPointersLeadToTheSameByte) {
   EXPECT_EQ(batch, nullptr);
 }
 
-TEST_F(BatchTest, FailedHeapGivesNullAndLeavesNoBlock) {
+TEST_F(BatchTest, FailedAllocationReturnsNullAndLeavesNoBlock) {
   const BatchPageInfo list[] = {{nullptr, 8}, {nullptr, 8}};
   for (const std::uint64_t failAt : {1u, 2u}) {  // at the second page the first one is freed
     heap_gate::Arm(failAt);

@@ -1,4 +1,3 @@
-// Base64 both ways: the characters, the padding's leniency, the chunks and a sink that fails.
 #include "cim/text/base64.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +55,7 @@ TEST(Base64Test, TextsOfTheStandardPassBothWays) {
 }
 
 TEST(Base64Test, OddTextsAreDecodedLenientlyOrRefused) {
-  // The top bit doesn't count, a pad doesn't end the input, and pads may stand anywhere.
+  // The top bit is ignored, a pad does not end the input, and pads may be anywhere.
   const Pair rows[] = {{"\xD9WJj", "abc"},   {"YQ==YQ==", "aa"},     {"YQ=A", "a\0"sv},
                        {"=AAA", "\0\0\0"sv}, {"A=AA", "\x04\0\0"sv}, {"====", "\x04"}};
   for (const Pair& row : rows) EXPECT_EQ(Pass(Base64Dec, row.text).bytes, row.bytes) << row.text;
@@ -78,7 +77,7 @@ TEST(Base64Test, LongInputsLeaveInFullChunks) {
     EXPECT_EQ(decoded.bytes, bytes);
     EXPECT_EQ(decoded.chunks.front(), std::min<std::size_t>(length, 510));
     EXPECT_EQ(decoded.result, static_cast<int>(decoded.chunks.back()));
-    // The bulk of a text is checked like its ends.
+    // The middle of a text is checked like its ends.
     std::string bad = encoded.bytes;
     bad[length / 2] = '*';
     EXPECT_EQ(Pass(Base64Dec, bad).result, -1);

@@ -1,4 +1,4 @@
-// Numbers under a locale whose decimal point takes two bytes. No such locale need be installed: the
+// Numbers under a locale whose decimal point has two bytes. The locale need not be installed: the
 // test writes the one category that it needs in the form in which the C library loads it.
 #include <gtest/gtest.h>
 
@@ -12,13 +12,13 @@
 namespace stewardry::cim {
 namespace {
 
-// The category's mark, six items, where each lies, and the items: point, separator, grouping, both
-// of them as wide characters, the encoding.
+// The category's magic number, the number of items, their offsets, and the items: point, separator,
+// grouping, the first two as wide characters, the encoding.
 constexpr char kNumbers[] =
     "\x14\x11\x03\x20\6\0\0\0\x20\0\0\0\x23\0\0\0\x24\0\0\0\x28\0\0\0\x2C\0\0\0\x30\0\0\0"
     "\xD9\xAB\0\0\0\0\0\0\x6B\6\0\0\0\0\0\0UTF-8";
 
-TEST(Locale, ItsPointIsOneUnitAndItsNameComesBack) {
+TEST(Locale, PointIsOneUnitAndTheLocaleIsRestored) {
   char folder[] = "/tmp/stewardry-locale-XXXXXX";
   const std::string path = mkdtemp(folder);
   std::filesystem::create_directory(path + "/arabic");

@@ -1,5 +1,5 @@
-// The print and the scan family: both widths, every letter, against the C runtime where that has
-// the letter too.
+// The print and the scan family in both widths. The C runtime is the reference where it has the
+// letter.
 #include "cim/text/print.h"
 
 #include <gtest/gtest.h>
@@ -28,23 +28,23 @@ std::u16string Wide(const char16_t* format, Args... args) {
 }
 std::u16string Widened(const std::string& text) { return {text.begin(), text.end()}; }
 
-TEST(Format, LettersChooseTheWidthOfATextAlikeInBothFamilies) {
+TEST(Format, LettersSelectTheSameTextWidthInBothFamilies) {
   EXPECT_EQ(Narrow("%T|%s|%S", u"wide", "narrow", u"wide"), "wide|narrow|wide");
   EXPECT_EQ(Wide(u"%T|%s|%S", u"wide", "narrow", u"wide"), u"wide|narrow|wide");
   EXPECT_EQ(Narrow("%T", u"\xE4\x20AC\xD83D\xDE00\xD800"),
             "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"
             "\xEF\xBF\xBD");
   EXPECT_EQ(Wide(u"%s", "\xC3\xA4\xFF"), u"\xE4\xFFFD");
-  EXPECT_EQ(Narrow("%%T %%%T", u"x"), "%S %x");  // found behind a doubled sign, too
+  EXPECT_EQ(Narrow("%%T %%%T", u"x"), "%S %x");  // also replaced behind a doubled sign
   EXPECT_EQ(Narrow("%s%T", static_cast<char*>(nullptr), nullptr), "(null)(null)");
-  // With something in between a letter keeps to the runtime's meaning.
+  // A letter that does not follow its % directly has the runtime's meaning.
   EXPECT_EQ(Wide(u"%5s|%-5s|%.2s|%3hs|%ls", u"ab", u"ab", u"abc", "n", u"wx"),
             u"   ab|ab   |ab|  n|wx");
   for (const std::string& text : {std::string(126, 'x'), std::string(1900, 'x')})
     EXPECT_EQ(Narrow((text + "%T").c_str(), u"end"), text + "end");
 }
 
-// One value through the runtime and through both widths.
+// Compares both widths with the runtime.
 template <class Value>
 void ExpectAsRuntime(const std::string& format, Value value) {
   char expected[1500];
@@ -60,7 +60,8 @@ TEST(Format, NumbersArePrintedAsByTheRuntime) {
         const std::string head = "%" + flags + width + precision;
         for (const char letter : std::string("diuoxX"))
           for (const int value : {0, 7, -7, 123456789}) ExpectAsRuntime(head + letter, value);
-        // The runtime of the Windows build pads %-0a with zeros. C lets '-' win (7.21.6.1 p. 6).
+        // The runtime of the Windows build pads %-0a with zeros. In C '-' overrides '0' (7.21.6.1
+        // p. 6).
         for (const char letter : std::string(flags == "-0" ? "feEgG" : "feEgGaA"))
           for (const double value : {0.0, -1.5, 1e-7, 123456.789, 1e300})
             ExpectAsRuntime(head + letter, value);
@@ -82,7 +83,7 @@ TEST(Print, BufferHoldsTheTextOrItsBeginning) {
   const struct {
     std::size_t size;
     const char* narrow;
-    const char16_t* wide;  // which is emptied by a text that doesn't fit
+    const char16_t* wide;  // emptied by a text that does not fit
   } rows[] = {{6, "12345", u"12345"}, {5, "1234", u""}, {1, "", u""}, {0, "######", u"######"}};
   for (const auto& row : rows) {
     char narrow[7] = "######";
@@ -99,11 +100,11 @@ TEST(Print, BufferHoldsTheTextOrItsBeginning) {
   Heap_Free(block);
 }
 
-TEST(Print, StreamsGetUtf8) {
+TEST(Print, StreamsReceiveUtf8) {
   std::FILE* file = std::tmpfile();
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(Print_ToStream(file, "%d %T ", 1, u"\xE4"), 5);
-  // A pair that is cut in two by the pieces in which text goes out, and half a pair at the end.
+  // A pair that two pieces of the output share, and half a pair at the end.
   const std::u16string odd = std::u16string(510, u'x') + u"\xD83D\xDE00\xD83D";
   EXPECT_EQ(PrintW_ToStream(file, u"%d%T", 7, odd.c_str()), 514);
   std::rewind(file);
@@ -122,7 +123,7 @@ TEST(Scan, NumbersHaveTheSizeOfTheirTarget) {
   std::uint8_t byte = 0;
   std::int16_t word = 0;
   std::int64_t big = 0;
-  // The real numbers lie just above the middle of two neighbours, which a wider type doesn't show.
+  // The real numbers are just above the middle of two neighbours: a second rounding is wrong.
   EXPECT_EQ(Scan_FromTextC(" 12 -7,ff 0x1.00000100000000000001 0x1.000000000000080000000001p1",
                            "%d%i,%x%f%lf", &a, &b, &x, &f, &d),
             5);
@@ -153,17 +154,17 @@ TEST(Scan, OtherTextsAndFormatsEndTheScan) {
   int a = 0;
   for (const char* format : {"%", "%5", "%l", "%[a", "%y", "%*", "6%d"})
     EXPECT_EQ(Scan_FromTextC("5", format, &a), 0) << format;
-  EXPECT_EQ(ScanW_FromTextC(u"5", u"%\x0165", &a), 0);  // a letter whose low byte is an 'e'
+  EXPECT_EQ(ScanW_FromTextC(u"5", u"%\x0165", &a), 0);  // the low byte of this letter is an 'e'
   EXPECT_EQ(Scan_FromTextC("", "%d", &a), -1);
   EXPECT_EQ(Scan_FromTextC("5", "%d %d", &a, &a), 1);
   const auto scan = [&a](const char* format) {
     return Scan_FromTextC("1 2 3 4 5 6 7 8 9 10 11", format, &a, &a, &a, &a, &a, &a, &a, &a, &a, &a,
                           &a);
   };
-  EXPECT_EQ(scan("%d%d%d%d%d%d%d%d%d%d%d"), -1);  // more fields than there may be: none is read
+  EXPECT_EQ(scan("%d%d%d%d%d%d%d%d%d%d%d"), -1);  // too many fields: none is read
   EXPECT_EQ(a, 5);
   EXPECT_EQ(scan("%d%d%d%d%d%d%d%d%d%d"), 10);
-  // Fields that only the reading finds.
+  // Conversions that only the scanner finds, not the count before it.
   EXPECT_EQ(Scan_FromTextC("%7%7%7%7%7%7%7%7%7%7%7",
                            "%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d%*%%d"),
             0);

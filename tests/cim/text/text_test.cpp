@@ -1,4 +1,3 @@
-// Bounded copies, numbers as text, UTF-8, lists of strings.
 #include "cim/text/text.h"
 
 #include <gtest/gtest.h>
@@ -8,12 +7,13 @@
 
 #include "cim/memory/heap.h"
 #include "cim/text/number_text.h"
+#include "cim/text/print.h"
 #include "cim/text/text_list.h"
 
 namespace stewardry::cim {
 namespace {
 
-TEST(Text, CopiesEndInTheirRoomAndReturnTheWholeLength) {
+TEST(Text, CopiesStayInTheirBufferAndReturnTheWholeLength) {
   for (const std::size_t size : {6u, 5u, 1u, 0u}) {
     std::u16string wide(6, u'#');
     std::string narrow(6, '#');
@@ -27,7 +27,7 @@ TEST(Text, CopiesEndInTheirRoomAndReturnTheWholeLength) {
   }
 }
 
-TEST(Text, ConcatenationsEndInTheirRoom) {
+TEST(Text, ConcatenationsStayInTheirBuffer) {
   char16_t wide[6] = u"ab";
   EXPECT_EQ(Text_Cat(wide, u"cdefgh", 6), 6u);
   EXPECT_EQ(Text_CatFromNarrow(wide, "x", 6), 1u);  // already full
@@ -52,13 +52,13 @@ TEST(Text, UnitsBecomeUtf8) {
   EXPECT_EQ(Text_ToUtf8(text.data(), length, bytes.data(), needed - 1), 0);
 }
 
-TEST(Text, BytesThatAreNoUtf8AreTakenOneByOne) {
+TEST(Text, EachByteOfAnInvalidSequenceIsReplaced) {
   for (const std::string bytes :
        {"\x80", "\xC0\x80", "\xC3", "\xC3x", "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
         "\xF8\x80\x80\x80", "\xF0\x9F\x98", "\xFF"}) {
-    std::size_t at = 0;
-    EXPECT_EQ(Text_NextCodePoint(bytes.data(), bytes.size(), &at), U'\xFFFD');
-    EXPECT_EQ(at, 1u);
+    char16_t units[8];
+    EXPECT_EQ(PrintW_ToBuffer(units, 8, u"%s", bytes.c_str()), static_cast<int>(bytes.size()));
+    EXPECT_EQ(units[0], u'\xFFFD');
   }
 }
 
@@ -67,7 +67,7 @@ TEST(Text, ComparisonIsByUnsignedUnits) {
   EXPECT_EQ(Text_Compare(u"\x8000", u"\x7FFF"), 1);
 }
 
-TEST(NumberText, NumbersHaveTheirDigitsInEveryForm) {
+TEST(NumberText, NumbersAreWrittenInEveryForm) {
   char narrow32[11], narrow64[21];
   char16_t wide32[11], wide64[21], wideLong[64];
   std::size_t size = 0;
@@ -85,8 +85,8 @@ TEST(NumberText, NumbersHaveTheirDigitsInEveryForm) {
   EXPECT_EQ(std::u16string(Sint64ToLongText(wideLong, INT64_MIN)), u"-9223372036854775808");
 }
 
-TEST(TextList, ListsKeepWhatTheHeapAllows) {
-  constexpr std::size_t kCounts[] = {0, 0, 1, 0, 1, 2};  // by the request of the heap that fails
+TEST(TextList, ListsSurviveFailedAllocations) {
+  constexpr std::size_t kCounts[] = {0, 0, 1, 0, 1, 2};  // by the number of the request that fails
   for (std::uint64_t failed = 0; failed < std::size(kCounts); ++failed) {
     heap_gate::Arm(failed + 1);
     TextListW list = TextListW_New();

@@ -1,4 +1,3 @@
-// The formatter behind every log line.
 #include "service/diagnostics/format.h"
 
 #include <gtest/gtest.h>
@@ -34,21 +33,21 @@ TEST(Format, WidthPaddingAndPrecisionAreThoseOfTheLineFormats) {
   EXPECT_EQ(Text("%.3s %%", "abcdef"), "abc %");
 }
 
-TEST(Format, WideTextBecomesUtf8AndABrokenPairTheReplacementCharacter) {
+TEST(Format, WideTextBecomesUtf8AndHalfAPairTheReplacementCharacter) {
   EXPECT_EQ(Text("%ls", u"na\u00EFve \u20AC"), "na\xC3\xAFve \xE2\x82\xAC");
   EXPECT_EQ(Text("%ls", u"\xD83D\xDE00"), "\xF0\x9F\x98\x80");
   const char16_t lone[] = {0xD83D, u'x', 0};
   EXPECT_EQ(Text("%ls", static_cast<const char16_t*>(lone)), "\xEF\xBF\xBDx");
 }
 
-TEST(Format, NullTextIsNamedAndAMissingArgumentEndsTheText) {
+TEST(Format, NullTextIsNamedAndAMissingArgumentWritesNothing) {
   EXPECT_EQ(Text("%s", static_cast<const char*>(nullptr)), "(null)");
   char out[20];
   EXPECT_EQ(FormatText(out, sizeof out, "a%db%s%", {}), 2U);
   EXPECT_STREQ(out, "ab");
 }
 
-// Each size must end in a terminator inside the buffer and leave the byte behind it alone.
+// The terminator must be inside a buffer of each size, and the byte behind it unchanged.
 TEST(Format, OutputStaysInItsBuffer) {
   const std::string text(50, 'y');
   for (std::size_t size = 1; size < 80; ++size) {
