@@ -16,8 +16,18 @@ using WindowStationHandle = UserObject;
 using DesktopHandle = UserObject;
 
 constexpr std::uint32_t kMaximumAllowed = 0x2000000;  // MAXIMUM_ALLOWED
+constexpr std::uint32_t kGenericWrite = 0x40000000;   // GENERIC_WRITE
+constexpr std::uint32_t kDesktopReadObjects = 0x01;   // DESKTOP_READOBJECTS
+constexpr std::uint32_t kDesktopCreateWindow = 0x02;  // DESKTOP_CREATEWINDOW
+constexpr std::uint32_t kDesktopCreateMenu = 0x04;    // DESKTOP_CREATEMENU
+constexpr std::uint32_t kDesktopHookControl = 0x08;   // DESKTOP_HOOKCONTROL
+constexpr std::uint32_t kDesktopEnumerate = 0x40;     // DESKTOP_ENUMERATE
+constexpr std::uint32_t kDesktopWriteObjects = 0x80;  // DESKTOP_WRITEOBJECTS
+constexpr std::uint32_t kDesktopSwitch = 0x100;       // DESKTOP_SWITCHDESKTOP
 constexpr std::uint32_t kErrorBusy = 170;             // ERROR_BUSY
-constexpr std::uint32_t kErrorNotLoggedOn = 1245;     // ERROR_NOT_LOGGED_ON
+// While the input moves between two desktops. Winerror.h has no name for it.
+constexpr std::uint32_t kErrorNoInputDesktop = 624;
+constexpr std::uint32_t kErrorNotLoggedOn = 1245;  // ERROR_NOT_LOGGED_ON
 
 constexpr std::uint32_t kPlatformWin9x = 1;  // VER_PLATFORM_WIN32_WINDOWS
 constexpr std::uint32_t kPlatformWinNt = 2;  // VER_PLATFORM_WIN32_NT
@@ -55,6 +65,7 @@ constexpr int kUoiUserSid = 4;  // UOI_USER_SID: no bytes where no user is attac
 bool GetUserObjectInformationA(UserObject object, int index, void* buffer, std::uint32_t size,
                                std::uint32_t* needed);
 
+constexpr std::uint32_t kUserNameSize = 257;  // UNLEN + 1
 // GetUserNameA: the calling thread's user, zero-terminated, into `name` of *size bytes.
 bool GetUserNameA(char* name, std::uint32_t* size);
 

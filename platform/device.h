@@ -62,6 +62,16 @@ static_assert(sizeof(RequestRecord) == 32);
 // Puts the event into the record (hEvent); it is signalled when the request has finished.
 void SetRequestEvent(RequestRecord* record, const Event& event);
 
+constexpr std::uint32_t kFileReadAccess = 1;   // FILE_READ_ACCESS
+constexpr std::uint32_t kFileWriteAccess = 2;  // FILE_WRITE_ACCESS
+constexpr std::uint32_t kMethodBuffered = 0;   // METHOD_BUFFERED
+constexpr std::uint32_t kMethodInDirect = 1;   // METHOD_IN_DIRECT
+// CTL_CODE: the control code of device type, required access, function and transfer method.
+constexpr std::uint32_t ControlCodeOf(std::uint32_t type, std::uint32_t access,
+                                      std::uint32_t function, std::uint32_t method) {
+  return type << 16 | access << 14 | function << 2 | method;
+}
+
 // DeviceIoControl. With a record it is expected to give false with kErrorIoPending; the buffers
 // and the record then belong to the request until it has finished. With a null record it waits
 // for the device, and *returned gets the byte count.

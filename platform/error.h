@@ -23,14 +23,17 @@ enum : std::uint32_t {
   kErrorCallNotImplemented = 120,
   kErrorInsufficientBuffer = 122,
   kErrorAlreadyExists = 183,
+  kErrorNoData = 232,
   kErrorMoreData = 234,
   kErrorNoMoreItems = 259,
   kErrorOperationAborted = 995,
+  kErrorIoIncomplete = 996,
   kErrorIoPending = 997,
   kErrorServiceNotActive = 1062,
   kErrorFailedServiceControllerConnect = 1063,
   kErrorServiceExists = 1073,
   kErrorDeviceNotConnected = 1167,
+  kErrorNotFound = 1168,
   kErrorPrivilegeNotHeld = 1314,
 };
 

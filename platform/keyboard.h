@@ -7,6 +7,37 @@
 
 namespace platform {
 
+// Virtual keys that the service names.
+enum VirtualKey : std::uint8_t {
+  kVkShift = 0x10,        // VK_SHIFT
+  kVkControl = 0x11,      // VK_CONTROL
+  kVkMenu = 0x12,         // VK_MENU
+  kVkCapital = 0x14,      // VK_CAPITAL
+  kVkSpace = 0x20,        // VK_SPACE
+  kVkLeftWindows = 0x5B,  // VK_LWIN
+  kVkNumpad0 = 0x60,      // VK_NUMPAD0
+  kVkLeftShift = 0xA0,    // VK_LSHIFT
+  kVkRightShift = 0xA1,   // VK_RSHIFT
+  kVkLeftControl = 0xA2,  // VK_LCONTROL
+  kVkLeftMenu = 0xA4,     // VK_LMENU
+};
+
+// The flags of a keybd_event and of a mouse_event, which the agent calls for the service.
+constexpr std::uint32_t kKeyExtended = 1;  // KEYEVENTF_EXTENDEDKEY
+constexpr std::uint32_t kKeyUp = 2;        // KEYEVENTF_KEYUP
+enum MouseEventFlag : std::uint32_t {
+  kMouseMove = 0x0001,        // MOUSEEVENTF_MOVE
+  kMouseLeftDown = 0x0002,    // MOUSEEVENTF_LEFTDOWN
+  kMouseLeftUp = 0x0004,      // MOUSEEVENTF_LEFTUP
+  kMouseRightDown = 0x0008,   // MOUSEEVENTF_RIGHTDOWN
+  kMouseRightUp = 0x0010,     // MOUSEEVENTF_RIGHTUP
+  kMouseMiddleDown = 0x0020,  // MOUSEEVENTF_MIDDLEDOWN
+  kMouseMiddleUp = 0x0040,    // MOUSEEVENTF_MIDDLEUP
+  kMouseWheel = 0x0800,       // MOUSEEVENTF_WHEEL
+  kMouseAbsolute = 0x8000,    // MOUSEEVENTF_ABSOLUTE
+};
+constexpr std::int32_t kWheelDelta = 120;  // WHEEL_DELTA, one notch
+
 // VkKeyScanA: the virtual key of a character in the low byte, the modifiers that it needs in the
 // high byte (1 Shift, 2 Ctrl, 4 Alt); -1 if the layout has no such character.
 std::int16_t VkKeyScanA(std::uint8_t character);
@@ -24,7 +55,10 @@ std::int16_t GetKeyState(int virtualKey);
 // GetAsyncKeyState: the state now; bit 15 down.
 std::int16_t GetAsyncKeyState(int virtualKey);
 
-// GetSystemMetrics with SM_CXSCREEN (0), SM_CYSCREEN (1) or SM_SWAPBUTTON (23).
+constexpr int kScreenWidth = 0;   // SM_CXSCREEN
+constexpr int kScreenHeight = 1;  // SM_CYSCREEN
+constexpr int kSwapButton = 23;   // SM_SWAPBUTTON
+// GetSystemMetrics of one of these.
 int GetSystemMetrics(int index);
 
 }  // namespace platform

@@ -13,12 +13,17 @@ namespace platform {
 // failure. A machine without a domain gives an empty text.
 bool GetComputerDnsDomain(char* name, std::uint32_t* size);
 
+constexpr std::uint32_t kInternetConnectionLan = 0x02;  // INTERNET_CONNECTION_LAN
+constexpr std::uint32_t kInternetRasInstalled = 0x10;   // INTERNET_RAS_INSTALLED
+
 // InternetGetConnectedState(flags, 0).
 bool InternetGetConnectedState(std::uint32_t* flags);
 
 // Converts 16-bit text to the ANSI code page, at most size-1 bytes and a terminator
 // (WideCharToMultiByte, CP_ACP). Gives the length.
 std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std::size_t size);
+
+constexpr std::uint32_t kIfTableSize = 864;  // sizeof(MIB_IFTABLE), with one row
 
 // GetIfTable(block, size, FALSE): 0 or an error; kErrorInsufficientBuffer with *size set.
 std::uint32_t GetIfTable(void* block, std::uint32_t* size);
@@ -31,6 +36,8 @@ struct IfRow {
 // The rows of the table in its order.
 std::vector<IfRow> ReadIfTable(const void* block);
 
+constexpr std::uint32_t kAdapterInfoSize = 704;  // sizeof(IP_ADAPTER_INFO)
+
 // GetAdaptersInfo(block, size): 0 or an error; kErrorBufferOverflow with *size set.
 std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size);
 struct AdapterInfo {
@@ -40,6 +47,17 @@ struct AdapterInfo {
 // The entries of the list in its order.
 std::vector<AdapterInfo> ReadAdaptersInfo(const void* block);
 
+constexpr std::uint32_t kAdapterAddressesSize = 448;      // sizeof(IP_ADAPTER_ADDRESSES)
+constexpr std::uint32_t kGaaFlagSkipAnycast = 0x02;       // GAA_FLAG_SKIP_ANYCAST
+constexpr std::uint32_t kGaaFlagSkipMulticast = 0x04;     // GAA_FLAG_SKIP_MULTICAST
+constexpr std::uint32_t kGaaFlagSkipFriendlyName = 0x20;  // GAA_FLAG_SKIP_FRIENDLY_NAME
+constexpr std::uint32_t kGaaFlagIncludeGateways = 0x80;   // GAA_FLAG_INCLUDE_GATEWAYS
+constexpr std::uint32_t kIfOperStatusUp = 1;              // IfOperStatusUp
+constexpr std::uint32_t kIfOperStatusDown = 2;            // IfOperStatusDown
+constexpr std::uint32_t kIfTypeEthernet = 6;              // IF_TYPE_ETHERNET_CSMACD
+constexpr std::uint32_t kIfTypeLoopback = 24;             // IF_TYPE_SOFTWARE_LOOPBACK
+constexpr std::uint32_t kIfTypeWireless = 71;             // IF_TYPE_IEEE80211
+
 // GetAdaptersAddresses(AF_INET, flags, NULL, block, size): 0 or an error; kErrorBufferOverflow with
 // *size set.
 std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32_t* size);
@@ -47,8 +65,8 @@ struct AdapterAddresses {
   std::uint32_t length;  // of the platform's own structure
   std::uint32_t ifIndex;
   std::string adapterName;
-  std::uint32_t operStatus;            // IfOperStatusUp is 1
-  std::uint32_t ifType;                // IF_TYPE_ETHERNET_CSMACD is 6, IF_TYPE_SOFTWARE_LOOPBACK 24
+  std::uint32_t operStatus;            // kIfOperStatusUp or another
+  std::uint32_t ifType;                // kIfTypeEthernet or another
   std::vector<std::uint32_t> unicast;  // sin_addr form (network byte order), in list order
   std::uint8_t prefixLength;           // OnLinkPrefixLength of the first unicast address
   std::vector<std::uint32_t> dnsServers;
@@ -57,6 +75,8 @@ struct AdapterAddresses {
 };
 // The entries of the list in its order.
 std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block);
+
+constexpr std::uint32_t kIpAddrTableSize = 28;  // sizeof(MIB_IPADDRTABLE), with one row
 
 // GetIpAddrTable(block, size, FALSE): 0 or an error; kErrorInsufficientBuffer with *size set.
 std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size);

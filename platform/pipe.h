@@ -15,6 +15,8 @@ constexpr std::uint32_t kErrorPipeNotConnected = 233;  // ERROR_PIPE_NOT_CONNECT
 void ClosePipe(RawHandle raw);
 using Pipe = Owned<struct PipeTag, ClosePipe>;
 
+constexpr std::uint32_t kShareWrite = 2;  // FILE_SHARE_WRITE
+
 // CreateFileA(name, GENERIC_READ | GENERIC_WRITE, shareMode, null, OPEN_EXISTING,
 // FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, null). Doesn't wait for a
 // server with a free instance. Anybody may serve a pipe of any name, so the server may learn who

@@ -23,11 +23,16 @@ bool LookupPrivilegeValueA(const char* name, Luid* luid);
 // AdjustTokenPrivileges of one privilege to SE_PRIVILEGE_ENABLED, no previous state asked for.
 bool AdjustTokenPrivileges(const Token& token, const Luid& luid);
 
+constexpr std::uint32_t kReasonMajorApplication = 0x40000;  // SHTDN_REASON_MAJOR_APPLICATION
+
 // InitiateSystemShutdownExA(null, message, timeout, forceClose, reboot, reason).
 bool InitiateSystemShutdownExA(const char* message, std::uint32_t timeoutSeconds, bool forceClose,
                                bool reboot, std::uint32_t reason);
 // SetSuspendState(hibernate, force, wakeEventsDisabled).
 bool SetSuspendState(bool hibernate, bool force, bool wakeEventsDisabled);
+
+constexpr std::uint8_t kBatteryFlagLow = 2;       // BATTERY_FLAG_LOW
+constexpr std::uint8_t kBatteryFlagCritical = 4;  // BATTERY_FLAG_CRITICAL
 
 // SYSTEM_POWER_STATUS, 12 bytes.
 struct SystemPowerStatus {

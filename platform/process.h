@@ -32,9 +32,13 @@ std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]);
 std::uint64_t GetPrivateUsage();
 
 constexpr std::uint32_t kMemCommit = 0x1000;           // MEM_COMMIT
+constexpr std::uint32_t kMemPrivate = 0x20000;         // MEM_PRIVATE
+constexpr std::uint32_t kMemMapped = 0x40000;          // MEM_MAPPED
 constexpr std::uint32_t kMemImage = 0x1000000;         // MEM_IMAGE
+constexpr std::uint32_t kPageReadOnly = 0x02;          // PAGE_READONLY
 constexpr std::uint32_t kPageReadWrite = 0x04;         // PAGE_READWRITE
 constexpr std::uint32_t kPageExecuteReadWrite = 0x40;  // PAGE_EXECUTE_READWRITE
+constexpr std::uint32_t kPageGuard = 0x100;            // PAGE_GUARD
 
 // MEMORY_BASIC_INFORMATION: the fields that are read. On Linux state, protection and type are told
 // in Windows' numbers, and an image is what is mapped privately from a file.

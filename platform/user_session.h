@@ -76,6 +76,7 @@ using EnvironmentBlock = Owned<struct EnvironmentBlockTag, DestroyEnvironmentBlo
 // Empty owner on failure.
 EnvironmentBlock CreateEnvironmentBlock(const Token& token);
 
+constexpr std::uint16_t kSwShow = 5;  // SW_SHOW
 // STARTUPINFOA: the fields that are set. `flags` stays 0, so showWindow isn't in force.
 struct StartupInformation {
   const char* desktop;

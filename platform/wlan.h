@@ -2,6 +2,7 @@
 // injects "connected" and "disconnected".
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -16,6 +17,10 @@ namespace platform {
 using WlanHandle = RawHandle;
 
 constexpr std::uint32_t kWlanNotificationSourceAcm = 8;  // WLAN_NOTIFICATION_SOURCE_ACM
+
+// The ACM codes that are read.
+constexpr std::uint32_t kWlanConnectionComplete = 10;  // wlan_notification_acm_connection_complete
+constexpr std::uint32_t kWlanDisconnected = 21;        // wlan_notification_acm_disconnected
 
 // The two fields of WLAN_NOTIFICATION_DATA that are read.
 struct WlanNotification {
@@ -33,9 +38,12 @@ std::uint32_t WlanCloseHandle(WlanHandle handle);
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
                                        WlanCallback callback, void* context);
 
+constexpr std::uint32_t kWlanStateConnected = 1;     // wlan_interface_state_connected
+constexpr std::uint32_t kWlanStateDisconnected = 4;  // wlan_interface_state_disconnected
+constexpr std::size_t kWlanStates = 8;               // WLAN_INTERFACE_STATE, from 0 on
 struct WlanInterfaceList {
   std::uint32_t index = 0;            // dwIndex
-  std::vector<std::uint32_t> states;  // isState of each interface; 1 is connected
+  std::vector<std::uint32_t> states;  // isState of each interface
   std::vector<Guid> guids;            // InterfaceGuid of each
 };
 // WlanEnumInterfaces, and WlanFreeMemory of what it gave: 0 or an error. In this call and in the

@@ -6,8 +6,9 @@
 
 #include "platform/windows/runtime/guid_cast.h"
 #include "platform/windows/runtime/windows_api.h"
-// This needs windows.h.
+// These need windows.h.
 #include <setupapi.h>
+#include <winioctl.h>
 
 namespace platform {
 
@@ -25,6 +26,9 @@ static_assert(sizeof(DeviceInterfaceDetail) == sizeof(SP_DEVICE_INTERFACE_DETAIL
                   offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_A, DevicePath));
 static_assert(sizeof(RequestRecord) == sizeof(OVERLAPPED) &&
               alignof(RequestRecord) == alignof(OVERLAPPED));
+static_assert(kFileReadAccess == FILE_READ_ACCESS && kFileWriteAccess == FILE_WRITE_ACCESS &&
+              kMethodBuffered == METHOD_BUFFERED && kMethodInDirect == METHOD_IN_DIRECT &&
+              ControlCodeOf(1, 2, 3, 1) == CTL_CODE(1, 3, 1, 2));
 static_assert(sizeof(ULONG_PTR) == sizeof(std::uint64_t));
 
 namespace {

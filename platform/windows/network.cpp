@@ -125,6 +125,18 @@ std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
   return adapters;
 }
 
+static_assert(kInternetConnectionLan == INTERNET_CONNECTION_LAN &&
+              kInternetRasInstalled == INTERNET_RAS_INSTALLED);
+static_assert(kIfTableSize == sizeof(MIB_IFTABLE) && kAdapterInfoSize == sizeof(IP_ADAPTER_INFO) &&
+              kAdapterAddressesSize == sizeof(IP_ADAPTER_ADDRESSES) &&
+              kIpAddrTableSize == sizeof(MIB_IPADDRTABLE));
+static_assert(kGaaFlagSkipAnycast == GAA_FLAG_SKIP_ANYCAST &&
+              kGaaFlagSkipMulticast == GAA_FLAG_SKIP_MULTICAST &&
+              kGaaFlagSkipFriendlyName == GAA_FLAG_SKIP_FRIENDLY_NAME &&
+              kGaaFlagIncludeGateways == GAA_FLAG_INCLUDE_GATEWAYS);
+static_assert(kIfOperStatusUp == IfOperStatusUp && kIfOperStatusDown == IfOperStatusDown &&
+              kIfTypeEthernet == IF_TYPE_ETHERNET_CSMACD &&
+              kIfTypeLoopback == IF_TYPE_SOFTWARE_LOOPBACK && kIfTypeWireless == IF_TYPE_IEEE80211);
 static_assert(sizeof(IpAddrRow) == sizeof(MIB_IPADDRROW) &&
               offsetof(IpAddrRow, type) == offsetof(MIB_IPADDRROW, wType));
 static_assert(kMibIpAddrPrimary == MIB_IPADDR_PRIMARY && kMibIpAddrDynamic == MIB_IPADDR_DYNAMIC &&

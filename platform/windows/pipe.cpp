@@ -10,6 +10,7 @@ namespace platform {
 static_assert(kErrorBrokenPipe == ERROR_BROKEN_PIPE);
 static_assert(kErrorPipeBusy == ERROR_PIPE_BUSY);
 static_assert(kErrorPipeNotConnected == ERROR_PIPE_NOT_CONNECTED);
+static_assert(kShareWrite == FILE_SHARE_WRITE);
 static_assert(kErrorOperationAborted == ERROR_OPERATION_ABORTED);
 
 namespace {

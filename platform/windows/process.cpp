@@ -13,8 +13,10 @@ namespace platform {
 
 static_assert(kMaxPath == MAX_PATH);
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
-static_assert(kMemCommit == MEM_COMMIT && kMemImage == MEM_IMAGE &&
-              kPageReadWrite == PAGE_READWRITE && kPageExecuteReadWrite == PAGE_EXECUTE_READWRITE);
+static_assert(kMemCommit == MEM_COMMIT && kMemPrivate == MEM_PRIVATE && kMemMapped == MEM_MAPPED &&
+              kMemImage == MEM_IMAGE && kPageReadOnly == PAGE_READONLY &&
+              kPageGuard == PAGE_GUARD && kPageReadWrite == PAGE_READWRITE &&
+              kPageExecuteReadWrite == PAGE_EXECUTE_READWRITE);
 
 bool PrepareProcess() {
   const bool isNarrow =

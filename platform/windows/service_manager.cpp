@@ -22,6 +22,26 @@ static_assert(sizeof(ServiceStatus) == sizeof(SERVICE_STATUS) &&
               offsetof(ServiceStatus, dwCheckPoint) == offsetof(SERVICE_STATUS, dwCheckPoint) &&
               offsetof(ServiceStatus, dwWaitHint) == offsetof(SERVICE_STATUS, dwWaitHint));
 
+static_assert(kServiceWin32OwnProcessType == SERVICE_WIN32_OWN_PROCESS &&
+              kServiceStopped == SERVICE_STOPPED && kServiceStartPending == SERVICE_START_PENDING &&
+              kServiceStopPending == SERVICE_STOP_PENDING && kServiceRunning == SERVICE_RUNNING &&
+              kServiceAcceptStop == SERVICE_ACCEPT_STOP &&
+              kServiceAcceptPreshutdown == SERVICE_ACCEPT_PRESHUTDOWN);
+static_assert(kServiceAllAccess == SERVICE_ALL_ACCESS && kServiceAutoStart == SERVICE_AUTO_START &&
+              kServiceErrorNormal == SERVICE_ERROR_NORMAL);
+static_assert(kControlStop == SERVICE_CONTROL_STOP &&
+              kControlInterrogate == SERVICE_CONTROL_INTERROGATE &&
+              kControlPowerEvent == SERVICE_CONTROL_POWEREVENT &&
+              kControlSessionChange == SERVICE_CONTROL_SESSIONCHANGE &&
+              kControlPreshutdown == SERVICE_CONTROL_PRESHUTDOWN);
+static_assert(kSessionLogon == WTS_SESSION_LOGON && kSessionLogoff == WTS_SESSION_LOGOFF &&
+              kSessionLock == WTS_SESSION_LOCK && kSessionUnlock == WTS_SESSION_UNLOCK);
+static_assert(sizeof(PowerBroadcastSetting) == sizeof(POWERBROADCAST_SETTING) &&
+              offsetof(PowerBroadcastSetting, dataLength) ==
+                  offsetof(POWERBROADCAST_SETTING, DataLength) &&
+              offsetof(PowerBroadcastSetting, data) == offsetof(POWERBROADCAST_SETTING, Data));
+static_assert(kEventError == EVENTLOG_ERROR_TYPE && kEventInformation == EVENTLOG_INFORMATION_TYPE);
+
 namespace {
 
 // Each is written before Windows learns of the entry that reads it, and read on a thread of

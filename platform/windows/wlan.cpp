@@ -16,7 +16,12 @@ namespace platform {
 
 // WLAN_PROFILE_GROUP_POLICY is missing in mingw-w64's header.
 static_assert(kWlanNotificationSourceAcm == WLAN_NOTIFICATION_SOURCE_ACM &&
-              kWlanProfileUser == WLAN_PROFILE_USER);
+              kWlanProfileUser == WLAN_PROFILE_USER &&
+              kWlanConnectionComplete == wlan_notification_acm_connection_complete &&
+              kWlanDisconnected == wlan_notification_acm_disconnected &&
+              kWlanStateConnected == wlan_interface_state_connected &&
+              kWlanStateDisconnected == wlan_interface_state_disconnected &&
+              kWlanStates == wlan_interface_state_authenticating + 1);
 
 namespace {
 

@@ -21,7 +21,8 @@ platform::ProcessLifetime<platform::Process> gKvmAgentProcess;
 
 namespace {
 
-constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default", 5};  // SW_SHOW
+constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default",
+                                                              platform::kSwShow};
 constexpr std::chrono::seconds kWatchPeriod{2};
 constexpr std::uint32_t kLookMilliseconds = 50;     // between two looks at the stop mark
 constexpr std::uint32_t kWriteMilliseconds = 1000;  // for an agent that doesn't read

@@ -41,10 +41,9 @@ bool IsSharedRegion(std::uint64_t address) {
   platform::MemoryInformation memory;
   if (!platform::VirtualQuery(address, &memory)) return false;
   const std::uint32_t access = memory.protect & 0xFF;  // above it stand caching, and the guard page
-  constexpr std::uint32_t kPageGuard = 0x100;
   return memory.state == platform::kMemCommit && memory.type != platform::kMemImage &&
          (access == platform::kPageReadWrite || access == platform::kPageExecuteReadWrite) &&
-         (memory.protect & kPageGuard) == 0 &&
+         (memory.protect & platform::kPageGuard) == 0 &&
          memory.regionSize - (address - memory.baseAddress) >= sizeof(SharedRegion);
 }
 

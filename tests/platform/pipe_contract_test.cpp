@@ -13,7 +13,6 @@
 namespace platform {
 namespace {
 
-constexpr std::uint32_t kShareWrite = 2;
 constexpr std::uint32_t kBound = 60'000;  // ends a hung test; no expectation
 
 // A pipe that the lab serves, and the service's end of it.
