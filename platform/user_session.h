@@ -12,7 +12,8 @@
 
 namespace platform {
 
-// WTSGetActiveConsoleSessionId: the session at the console; 0xFFFFFFFF while there is none.
+constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
+// WTSGetActiveConsoleSessionId: the session at the console; kNoSession while there is none.
 std::uint32_t WTSGetActiveConsoleSessionId();
 
 void CloseSnapshot(RawHandle raw);

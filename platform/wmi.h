@@ -14,6 +14,20 @@ namespace platform {
 
 using HResult = std::int32_t;
 inline bool Failed(HResult result) { return result < 0; }
+// HRESULT_FROM_WIN32 of an error that isn't 0.
+constexpr HResult HResultFromWin32(std::uint32_t error) {
+  return static_cast<HResult>(0x80070000 | (error & 0xFFFF));
+}
+
+constexpr HResult HResultOf(std::uint32_t bits) { return static_cast<HResult>(bits); }
+constexpr HResult kNoInterface = HResultOf(0x80004002);           // E_NOINTERFACE
+constexpr HResult kPointer = HResultOf(0x80004003);               // E_POINTER
+constexpr HResult kTooLate = HResultOf(0x80010119);               // RPC_E_TOO_LATE
+constexpr HResult kNotInitialized = HResultOf(0x800401F0);        // CO_E_NOTINITIALIZED
+constexpr HResult kWbemNotFound = HResultOf(0x80041002);          // WBEM_E_NOT_FOUND
+constexpr HResult kWbemInvalidNamespace = HResultOf(0x8004100E);  // WBEM_E_INVALID_NAMESPACE
+constexpr HResult kWbemInvalidClass = HResultOf(0x80041010);      // WBEM_E_INVALID_CLASS
+constexpr HResult kWbemInvalidQuery = HResultOf(0x80041017);      // WBEM_E_INVALID_QUERY
 
 void ReleaseUnknown(RawHandle raw);
 using WbemLocator = Owned<struct WbemLocatorTag, ReleaseUnknown>;
@@ -26,7 +40,6 @@ HResult CoInitializeEx();  // COINIT_MULTITHREADED
 // kTooLate if the process has its values already, which last for as long as any thread has COM
 // open.
 HResult CoInitializeSecurity();
-constexpr HResult kTooLate = static_cast<HResult>(0x80010119);  // RPC_E_TOO_LATE
 void CoUninitialize();
 // Keeps COM's multithreaded apartment alive for the process's life, so that the libraries which an
 // access has loaded stay when it ends COM on its thread. The cookie isn't kept.
@@ -56,11 +69,16 @@ struct WbemValue {
 // IWbemClassObject::Get(name, 0, &value, 0, 0). On failure *value is kNull.
 HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* value);
 
+constexpr std::uint16_t kVtNull = 1;        // VT_NULL
+constexpr std::uint16_t kVtI4 = 3;          // VT_I4
+constexpr std::uint16_t kVtBstr = 8;        // VT_BSTR
+constexpr std::uint16_t kVtArray = 0x2000;  // VT_ARRAY
+
 // A VARIANT as it lies in memory, for records that carry it as it is. A value that lies elsewhere
 // (a text, an array) keeps its type and has zero for its address, which would mean nothing to a
 // reader and tell where this process has its memory.
 struct RawVariant {
-  std::uint16_t type;  // VARTYPE: 0 empty, 1 null, 3 VT_I4, 8 VT_BSTR...
+  std::uint16_t type;  // VARTYPE: 0 (VT_EMPTY), kVtNull, kVtI4, ...
   std::uint16_t reserved[3];
   std::uint64_t value;
   std::uint64_t second;  // used by records only
@@ -76,8 +94,6 @@ WbemObject ShareObject(RawHandle object);
 inline constexpr Guid kIidUnknown = {0, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 inline constexpr Guid kIidWbemObjectSink = {
     0x7C857801, 0x7381, 0x11CF, {0x88, 0x4D, 0x00, 0xAA, 0x00, 0x4B, 0x2E, 0x24}};
-constexpr HResult kNoInterface = static_cast<HResult>(0x80004002);  // E_NOINTERFACE
-constexpr HResult kPointer = static_cast<HResult>(0x80004003);      // E_POINTER
 
 constexpr std::int32_t kWbemStatusComplete = 0;  // WBEM_STATUS_COMPLETE
 constexpr std::int32_t kWbemStatusProgress = 2;  // WBEM_STATUS_PROGRESS

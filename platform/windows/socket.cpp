@@ -13,9 +13,14 @@ static_assert(kAfInet == AF_INET && kAfInet6 == AF_INET6 && kSockStream == SOCK_
               kIpprotoTcp == IPPROTO_TCP && kSolSocket == SOL_SOCKET &&
               kSoReuseAddr == SO_REUSEADDR && kSoKeepAlive == SO_KEEPALIVE &&
               kTcpNoDelay == TCP_NODELAY && kSdSend == SD_SEND);
-static_assert(kWsaEIntr == WSAEINTR && kWsaEInval == WSAEINVAL &&
-              kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaEAddrInUse == WSAEADDRINUSE &&
-              kWsaEConnReset == WSAECONNRESET && kWsaENotConn == WSAENOTCONN);
+static_assert(kWsaEIntr == WSAEINTR && kWsaEAcces == WSAEACCES && kWsaEFault == WSAEFAULT &&
+              kWsaEInval == WSAEINVAL && kWsaEMFile == WSAEMFILE &&
+              kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaENotSock == WSAENOTSOCK &&
+              kWsaEAddrInUse == WSAEADDRINUSE && kWsaEAddrNotAvail == WSAEADDRNOTAVAIL &&
+              kWsaEConnAborted == WSAECONNABORTED && kWsaEConnReset == WSAECONNRESET &&
+              kWsaENoBufs == WSAENOBUFS && kWsaEIsConn == WSAEISCONN &&
+              kWsaENotConn == WSAENOTCONN && kWsaETimedOut == WSAETIMEDOUT &&
+              kWsaEConnRefused == WSAECONNREFUSED && kWsaEHostUnreach == WSAEHOSTUNREACH);
 static_assert(kFdRead == FD_READ && kFdWrite == FD_WRITE && kFdOob == FD_OOB &&
               kFdAccept == FD_ACCEPT && kFdConnect == FD_CONNECT && kFdClose == FD_CLOSE);
 static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&

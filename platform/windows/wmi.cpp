@@ -14,7 +14,14 @@ namespace platform {
 static_assert(sizeof(RawVariant) == sizeof(VARIANT) &&
               offsetof(RawVariant, value) == offsetof(VARIANT, llVal));
 static_assert(kTooLate == RPC_E_TOO_LATE && kNoInterface == E_NOINTERFACE &&
-              kPointer == E_POINTER && kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
+              kPointer == E_POINTER && kNotInitialized == CO_E_NOTINITIALIZED &&
+              kWbemNotFound == HResultOf(WBEM_E_NOT_FOUND) &&
+              kWbemInvalidNamespace == HResultOf(WBEM_E_INVALID_NAMESPACE) &&
+              kWbemInvalidClass == HResultOf(WBEM_E_INVALID_CLASS) &&
+              kWbemInvalidQuery == HResultOf(WBEM_E_INVALID_QUERY) &&
+              HResultFromWin32(ERROR_GEN_FAILURE) == __HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
+static_assert(kVtNull == VT_NULL && kVtI4 == VT_I4 && kVtBstr == VT_BSTR && kVtArray == VT_ARRAY);
+static_assert(kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
               kWbemStatusProgress == WBEM_STATUS_PROGRESS);
 static_assert(sizeof(HResult) == sizeof(HRESULT) && sizeof(char16_t) == sizeof(OLECHAR));
 
