@@ -1,5 +1,5 @@
-// The keyboard layout and the state of its keys, and the screen. On Linux a plain US keyboard with
-// all keys up stands in.
+// The keyboard layout, key states, the screen, and the numbers of input events. On Linux a US
+// keyboard with all keys up.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace platform {
 
-// Virtual keys that the service names.
+// Virtual keys.
 enum VirtualKey : std::uint8_t {
   kVkShift = 0x10,        // VK_SHIFT
   kVkControl = 0x11,      // VK_CONTROL
@@ -22,7 +22,7 @@ enum VirtualKey : std::uint8_t {
   kVkLeftMenu = 0xA4,     // VK_LMENU
 };
 
-// The flags of a keybd_event and of a mouse_event, which the agent calls for the service.
+// The flags of keybd_event and mouse_event, which the agent calls.
 constexpr std::uint32_t kKeyExtended = 1;  // KEYEVENTF_EXTENDEDKEY
 constexpr std::uint32_t kKeyUp = 2;        // KEYEVENTF_KEYUP
 enum MouseEventFlag : std::uint32_t {
@@ -38,27 +38,26 @@ enum MouseEventFlag : std::uint32_t {
 };
 constexpr std::int32_t kWheelDelta = 120;  // WHEEL_DELTA, one notch
 
-// VkKeyScanA: the virtual key of a character in the low byte, the modifiers that it needs in the
-// high byte (1 Shift, 2 Ctrl, 4 Alt); -1 if the layout has no such character.
+// Returns the virtual key of a character in the low byte and the modifiers that it needs in the
+// high byte (1 Shift, 2 Ctrl, 4 Alt); -1 if the layout lacks the character.
 std::int16_t VkKeyScanA(std::uint8_t character);
 
-// MapVirtualKeyA(virtualKey, MAPVK_VK_TO_VSC): the scan code, 0 if there is none.
+// Returns the scan code of a virtual key (MAPVK_VK_TO_VSC), 0 if there is none.
 std::uint32_t MapVirtualKeyA(std::uint32_t virtualKey);
 
-// ToAscii with scan code 0 and flags 0: how many characters `virtualKey` gives under `states` (256
-// bytes of key state, bit 7 is down), negative for a dead key, which then waits in the layout's
-// conversion state.
+// Returns how many characters `virtualKey` produces under `states` (bit 7: down), negative for a
+// dead key, which the layout's conversion state keeps (ToAscii with scan code 0 and flags 0).
 int ToAscii(std::uint32_t virtualKey, const std::array<std::uint8_t, 256>& states);
 
-// GetKeyState: the state as the calling thread's input queue sees it; bit 15 down, bit 0 toggled.
+// Returns the state in the calling thread's input queue; bit 15: down, bit 0: toggled.
 std::int16_t GetKeyState(int virtualKey);
-// GetAsyncKeyState: the state now; bit 15 down.
+// Returns the present state; bit 15: down.
 std::int16_t GetAsyncKeyState(int virtualKey);
 
 constexpr int kScreenWidth = 0;   // SM_CXSCREEN
 constexpr int kScreenHeight = 1;  // SM_CYSCREEN
 constexpr int kSwapButton = 23;   // SM_SWAPBUTTON
-// GetSystemMetrics of one of these.
+// Returns one of these; 0 on failure.
 int GetSystemMetrics(int index);
 
 }  // namespace platform

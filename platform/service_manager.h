@@ -67,31 +67,32 @@ using ServiceMainEntry = void (*)(std::uint32_t argc, char** argv);
 using ControlHandler = std::uint32_t (*)(std::uint32_t control, std::uint32_t eventType,
                                          void* eventData, void* context);
 
-// StartServiceCtrlDispatcherA with a table of one entry: runs the service main on a thread of its
-// own and the control handler on the calling thread; returns true when the service has stopped.
-// False with kErrorFailedServiceControllerConnect when no service manager started this process.
+// Runs the service main on a thread of its own and the control handler on the calling thread.
+// Blocks until the service has stopped. Returns false with kErrorFailedServiceControllerConnect if
+// no service manager started this process.
 bool StartServiceCtrlDispatcherA(const char* name, ServiceMainEntry entry);
 
-// SERVICE_STATUS_HANDLE; null is none. Never closed.
+// SERVICE_STATUS_HANDLE; never closed.
 using ServiceStatusHandle = RawHandle;
+// Registers the control handler. Returns null on failure.
 ServiceStatusHandle RegisterServiceCtrlHandlerExA(const char* name, ControlHandler handler,
                                                   void* context);
-// False for a null handle. Any thread.
+// Reports a status. Returns false for a null handle.
 bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status);
-// RegisterPowerSettingNotification with DEVICE_NOTIFY_SERVICE_HANDLE; kept until the process ends.
+// Registers the service for a power setting until the process exits.
 bool RegisterPowerSettingNotification(ServiceStatusHandle handle, const Guid& setting);
 
 void CloseServiceHandle(RawHandle raw);
 using ServiceHandle = Owned<struct ServiceHandleTag, CloseServiceHandle>;
 
-// OpenSCManagerA(null, null, SC_MANAGER_ALL_ACCESS).
+// Opens the local service manager with all access.
 ServiceHandle OpenSCManagerA();
 
 constexpr std::uint32_t kServiceAllAccess = 0xF01FF;  // SERVICE_ALL_ACCESS
 constexpr std::uint32_t kServiceAutoStart = 2;        // SERVICE_AUTO_START
 constexpr std::uint32_t kServiceErrorNormal = 1;      // SERVICE_ERROR_NORMAL
 
-// The arguments of CreateServiceA that this service gives.
+// The arguments of CreateServiceA that are set.
 struct ServiceRegistration {
   const char* name;
   const char* displayName;
@@ -102,9 +103,10 @@ struct ServiceRegistration {
   const char* binaryPath;
   const char* dependencies;  // double-zero-terminated list
 };
+// Registers a service. Fails with kErrorServiceExists if it is registered.
 ServiceHandle CreateServiceA(const ServiceHandle& manager, const ServiceRegistration& registration);
 
-// ChangeServiceConfig2A with SERVICE_CONFIG_DESCRIPTION.
+// Sets the description of a service.
 bool ChangeServiceDescription(const ServiceHandle& service, const char* description);
 
 void CloseEventSource(RawHandle raw);  // DeregisterEventSource
@@ -113,9 +115,9 @@ using EventSource = Owned<struct EventSourceTag, CloseEventSource>;
 constexpr std::uint16_t kEventError = 1;        // EVENTLOG_ERROR_TYPE
 constexpr std::uint16_t kEventInformation = 4;  // EVENTLOG_INFORMATION_TYPE
 
-// RegisterEventSourceA on the local machine.
+// Opens an event source on the local machine.
 EventSource RegisterEventSourceA(const char* source);
-// ReportEventA with category 0, no user and no binary data.
+// Writes an entry of category 0 without user and binary data; `type` is one of the two above.
 bool ReportEventA(const EventSource& source, std::uint16_t type, std::uint32_t eventId,
                   std::span<const char* const> strings);
 

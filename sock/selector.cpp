@@ -208,7 +208,7 @@ Result RemoveInPass(Run* run, Handler* handler) {
 Result ServeHandler(Run* run, Handler* handler, Handler** following) {
   std::uint32_t mask = 0;
   const bool mayHaveNews =
-      handler->sock != kInvalidSock && platform::MayHaveNews(handler->selection);
+      handler->sock != kInvalidSock && platform::MayHaveEvents(handler->selection);
   if (!mayHaveNews && handler->timeoutAt == 0) return RESULT_OK;
   std::uint64_t now;
   if (!PAL_Time(&now)) return Report(SelectorEvent::kTimeInPass, run->selector);

@@ -1,4 +1,3 @@
-// Battery devices.
 #include "platform/battery.h"
 
 #include "platform/windows/runtime/guid_cast.h"

@@ -1,4 +1,3 @@
-// The system's clock and time zone.
 #include "platform/clock.h"
 
 #include <bit>

@@ -1,4 +1,3 @@
-// Window stations and desktops.
 #include "platform/desktop.h"
 
 #include "platform/windows/runtime/windows_api.h"

@@ -1,7 +1,7 @@
-// The mailbox device: SetupAPI, overlapped requests, the completion port.
 #include "platform/device.h"
 
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "platform/windows/runtime/guid_cast.h"
@@ -47,6 +47,7 @@ DeviceInfoList SetupDiGetClassDevsA(const Guid& interfaceClass) {
 
 bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfaceClass,
                                  std::uint32_t index, DeviceInterfaceData* data) {
+  assert(data->cbSize == sizeof *data);
   const GUID guid = WindowsGuid(interfaceClass);
   auto found = std::bit_cast<SP_DEVICE_INTERFACE_DATA>(*data);
   if (!::SetupDiEnumDeviceInterfaces(list.Raw(), nullptr, &guid, index, &found)) return false;
@@ -57,6 +58,7 @@ bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfa
 bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceInterfaceData& data,
                                       DeviceInterfaceDetail* detail, std::uint32_t size,
                                       std::uint32_t* required) {
+  assert(detail == nullptr || detail->cbSize == sizeof *detail);
   auto interfaceData = std::bit_cast<SP_DEVICE_INTERFACE_DATA>(data);
   DWORD needed = 0;
   const BOOL done = ::SetupDiGetDeviceInterfaceDetailA(
@@ -74,8 +76,9 @@ DeviceHandle OpenDevice(const char* path, std::uint32_t /*mode*/) {
 }
 
 void SetRequestEvent(RequestRecord* record, const Event& event) {
+  assert(event);
   const HANDLE raw = event.Raw();
-  std::memcpy(record->raw + offsetof(OVERLAPPED, hEvent), &raw, sizeof(raw));
+  std::memcpy(record->raw + offsetof(OVERLAPPED, hEvent), &raw, sizeof raw);
 }
 
 bool DeviceIoControl(const DeviceHandle& device, std::uint32_t code, const void* input,

@@ -1,4 +1,3 @@
-// The last error of the calling thread.
 #include "platform/error.h"
 
 #include <algorithm>
@@ -44,7 +43,7 @@ std::uint32_t LastError() { return ::GetLastError(); }
 void SetLastError(std::uint32_t error) { ::SetLastError(error); }
 
 std::size_t FormatMessageA(std::uint32_t error, char* text, std::size_t size) {
-  // Into a block of the system's: into a block too small Windows would write nothing.
+  // Windows allocates the block: it would store nothing in one that is too small.
   char* raw = nullptr;
   const DWORD length = ::FormatMessageA(
       FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,

@@ -1,4 +1,3 @@
-// The keyboard layout, key states and the screen, of user32.
 #include "platform/keyboard.h"
 
 #include "platform/windows/runtime/windows_api.h"

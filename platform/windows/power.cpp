@@ -1,4 +1,3 @@
-// Privileges, the power calls and the power status.
 #include "platform/power.h"
 
 #include <bit>

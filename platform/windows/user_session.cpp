@@ -1,4 +1,3 @@
-// Processes, tokens and the start of a process in the console's session.
 #include "platform/user_session.h"
 
 #include <algorithm>

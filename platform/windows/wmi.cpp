@@ -1,4 +1,4 @@
-// COM and WMI. Handles hold the IUnknown of what they own.
+// A raw handle is the IUnknown of its object.
 #include "platform/wmi.h"
 
 #include <cstddef>
@@ -51,7 +51,7 @@ class Variant {
   const VARIANT& operator*() const { return raw_; }
 
  private:
-  VARIANT raw_{};  // zero where a value is smaller than its room
+  VARIANT raw_{};  // zero after a value that is smaller
 };
 
 template <class Interface, class Owner>
@@ -120,7 +120,7 @@ WbemValue ReadVariant(const VARIANT& variant) {
   }
 }
 
-// What a VARIANT of this type holds in itself: a number, a date, a truth value.
+// Returns whether a VARIANT of this type holds its value itself: a number, a date, a truth value.
 bool IsPlain(VARTYPE type) {
   switch (type) {
     case VT_I1:

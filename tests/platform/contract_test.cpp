@@ -314,7 +314,7 @@ class SocketContract : public Prepared {
     EXPECT_NE(wait.result, kWaitFailed);
     result_ = wait.result;
     std::uint32_t news = 0;
-    if (wait.signalled == 0 || !MayHaveNews(selection_)) return 0;
+    if (wait.signalled == 0 || !MayHaveEvents(selection_)) return 0;
     EXPECT_EQ(WSAEnumNetworkEvents(near_, sockets_, &selection_, &news), 0);
     return news;
   }

@@ -1,4 +1,3 @@
-// The contract's GUID as Windows', byte for byte.
 #pragma once
 
 #include <bit>
