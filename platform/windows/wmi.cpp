@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/windows/runtime/guid_cast.h"
 #include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <oleauto.h>
@@ -23,6 +24,8 @@ static_assert(kTooLate == RPC_E_TOO_LATE && kNoInterface == E_NOINTERFACE &&
 static_assert(kVtNull == VT_NULL && kVtI4 == VT_I4 && kVtBstr == VT_BSTR && kVtArray == VT_ARRAY);
 static_assert(kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
               kWbemStatusProgress == WBEM_STATUS_PROGRESS);
+static_assert(IsSameGuid(kIidUnknown, __uuidof(IUnknown)) &&
+              IsSameGuid(kIidWbemObjectSink, __uuidof(IWbemObjectSink)));
 static_assert(sizeof(HResult) == sizeof(HRESULT) && sizeof(char16_t) == sizeof(OLECHAR));
 
 namespace {
