@@ -32,7 +32,7 @@ Thread CreateThread(ThreadEntry entry, void* parameter) {
   assert(entry != nullptr);
   auto start = std::make_unique<Start>(Start{entry, parameter});
   Thread thread(::CreateThread(nullptr, 0, Run, start.get(), 0, nullptr));
-  if (thread) static_cast<void>(start.release());  // Run owns it
+  if (thread) (void)start.release();  // Run owns it
   return thread;
 }
 

@@ -272,10 +272,10 @@ TEST_F(TextContract, TextIsCutAtTheEndOfItsBlock) {
     EXPECT_EQ(block[size], '#');
   }
   char whole[512], cut[6] = "#####";
-  ASSERT_GT(FormatMessageA(kErrorAccessDenied, whole, sizeof(whole)), 4U);
+  ASSERT_GT(FormatMessageA(kErrorAccessDenied, whole, sizeof whole), 4U);
   EXPECT_EQ(FormatMessageA(kErrorAccessDenied, cut, 5), 4U);
   EXPECT_EQ(std::string(cut), std::string(whole, 4));
-  EXPECT_EQ(FormatMessageA(0xEFFFFFFF, whole, sizeof(whole)), 0U) << "no text for this error";
+  EXPECT_EQ(FormatMessageA(0xEFFFFFFF, whole, sizeof whole), 0U) << "no text for this error";
 }
 
 // A listener on a port that was free, and one connection to it with both ends non-blocking.
@@ -287,11 +287,11 @@ class SocketContract : public Prepared {
     for (std::uint32_t i = 0; i < 1000; ++i) {
       const std::uint32_t port = 20000 + (GetCurrentProcessId() * 7 + i) % 10000;
       address_.port = static_cast<std::uint16_t>(port << 8 | port >> 8);  // in network byte order
-      if (bind(listener_, &address_, sizeof(address_)) == 0) break;
+      if (bind(listener_, &address_, sizeof address_) == 0) break;
     }
     ASSERT_EQ(listen(listener_, 5), 0);
     near_ = socket(kAfInet, kSockStream, kIpprotoTcp);
-    ASSERT_EQ(connect(near_, &address_, sizeof(address_)), 0);
+    ASSERT_EQ(connect(near_, &address_, sizeof address_), 0);
     SockAddrIn peer;
     far_ = accept(listener_, &peer);
     ASSERT_EQ(peer.address, kLoopback);
@@ -346,7 +346,7 @@ TEST_F(SocketContract, CloseIsReportedAfterTheLastData) {
   ASSERT_EQ(send(far_, "last", 4), 4);
   ASSERT_EQ(closesocket(std::exchange(far_, kInvalidSocket)), 0);
   EXPECT_EQ(Events(kReading) & ~std::uint32_t{kFdClose}, kFdRead);
-  ASSERT_EQ(recv(near_, block, sizeof(block)), 4);
+  ASSERT_EQ(recv(near_, block, sizeof block), 4);
   EXPECT_EQ(Events(kReading), kFdClose);
 }
 
@@ -369,7 +369,7 @@ TEST_F(SocketContract, WriteIsReportedWhileThereIsRoom) {
 TEST_F(SocketContract, FailuresHaveWinsocksNumbers) {
   char byte;
   const SocketValue other = socket(kAfInet, kSockStream, kIpprotoTcp);
-  EXPECT_EQ(bind(other, &address_, sizeof(address_)), -1);
+  EXPECT_EQ(bind(other, &address_, sizeof address_), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEAddrInUse);
   EXPECT_EQ(recv(near_, &byte, 1), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEWouldBlock);
