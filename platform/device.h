@@ -67,7 +67,8 @@ constexpr std::uint32_t kFileReadAccess = 1;   // FILE_READ_ACCESS
 constexpr std::uint32_t kFileWriteAccess = 2;  // FILE_WRITE_ACCESS
 constexpr std::uint32_t kMethodBuffered = 0;   // METHOD_BUFFERED
 constexpr std::uint32_t kMethodInDirect = 1;   // METHOD_IN_DIRECT
-// CTL_CODE: the control code of device type, required access, function and transfer method.
+// Returns the control code of device type, required access, function and transfer method
+// (CTL_CODE).
 constexpr std::uint32_t ControlCodeOf(std::uint32_t type, std::uint32_t access,
                                       std::uint32_t function, std::uint32_t method) {
   return type << 16 | access << 14 | function << 2 | method;

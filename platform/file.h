@@ -26,12 +26,11 @@ std::int64_t SeekToEnd(const Stream& stream);
 // if all of it was written.
 bool WriteStream(const Stream& stream, const char* text, std::size_t size);
 
-// Opens a buffered text stream that appends to a file of the host itself (_wfsopen); the path is
-// not mapped. Returns null on failure. The caller closes it with std::fclose.
+// Opens a buffered text stream that appends to a file (_wfsopen); the path is the host's own, also
+// on Linux. Returns null on failure. The caller closes it with std::fclose.
 std::FILE* OpenAppendStream(const char16_t* path);
 
-// Delete and rename a file (DeleteFileA, MoveFileA). A rename keeps an existing file `to` and
-// fails.
+// Delete and rename a file (DeleteFileA, MoveFileA). A rename fails if `to` exists.
 bool RemoveFile(const char* path);
 bool RenameFile(const char* from, const char* to);
 

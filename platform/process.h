@@ -47,7 +47,7 @@ struct MemoryInformation {
   std::uint32_t protect;  // the access and modifier bits
   std::uint32_t type;
 };
-// Stores the facts of the pages around `address` in this process.
+// Stores the state of the pages around `address` in this process.
 bool VirtualQuery(std::uint64_t address, MemoryInformation* information);
 
 void CloseCommandPipe(RawHandle raw);

@@ -36,7 +36,6 @@ class Prepared : public testing::Test {
   static void TearDownTestSuite() { WSACleanup(); }
 };
 
-// The parameter of a test's thread.
 struct Shared {
   Event ready = CreateEventA(false, false);  // set by the thread
   Event go = CreateEventA(false, false);     // set by the test, if the thread may continue

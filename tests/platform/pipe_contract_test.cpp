@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::uint32_t kBound = 60'000;  // milliseconds; ends a hung test
 
-// A pipe that the lab serves.
 class PipeContract : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server_.Open(name_, &problem_)) << problem_; }
