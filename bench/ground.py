@@ -34,7 +34,7 @@ def program(name):
     folder = os.environ.get("STEWARDRY_BIN") or os.path.join(_ROOT, "build", "release", "bin")
     path = os.path.join(folder, name)
     if not os.access(path, os.X_OK):
-        sys.exit("%s isn't built: cmake --build --preset release --target benches" % path)
+        sys.exit("%s is not built: cmake --build --preset release --target benches" % path)
     return path
 
 

@@ -211,7 +211,7 @@ class Session {
   std::uint32_t put_ = 0;
 };
 
-// The same road without a pump: each message is opened, written and closed where it arises.
+// The same path without a pump: each message is opened, written and closed where it arises.
 template <class Road>
 class PlainClient {
  public:

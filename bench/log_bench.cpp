@@ -50,7 +50,7 @@ void SpdlogLine(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// A file that is begun anew at its limit, under a robust mutex in shared memory.
+// A file that starts again at its limit, under a robust mutex in shared memory.
 class FloorLog {
  public:
   explicit FloorLog(const std::string& path)

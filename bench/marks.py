@@ -1,5 +1,5 @@
 """The marks: for every piece what it is measured in, which peer is "must" and what is "good". This
-is the one place for them; bench/README.md tells how to read them.
+is the one place for them; bench/README.md explains how to read them.
 
 A mark is (peer, factor): no worse than `factor` times the peer of the same run, or an absolute
 value (None, value); None alone where a piece has a floor to be seen beside and no mark. "less" says

@@ -1,6 +1,6 @@
-// Turns of the selector beside libevent, libuv and the least epoll loop, with idle handlers in the
-// loop. An item is one trip there and back: two waits, two reads, two writes. Nothing in it sleeps,
-// so what counts is processor time, which the machine's other work hardly touches.
+// Turns of the selector beside libevent, libuv and a minimal epoll loop, with idle handlers in the
+// loop. An item is one round trip: two waits, two reads, two writes. Nothing in it sleeps, so the
+// measure is processor time, which other load on the machine hardly changes.
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <sys/epoll.h>
@@ -152,7 +152,7 @@ void Turns(benchmark::State& state) {
   Loop loop(&game);
   game.WatchWith(&loop);
   for (auto _ : state) {
-    game.Kick();
+    game.Start();
     loop.Run();
   }
   state.SetItemsProcessed(state.iterations() * PingPong::kTrips);

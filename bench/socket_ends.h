@@ -1,6 +1,6 @@
-// Connected socket pairs and the ping-pong that every event loop is measured with: 64 bytes go to
-// and fro between two ends that are both in the loop, so a turn is one wait, one read and one write
-// with no other thread in it. Idle pairs stand in the loop beside them.
+// Connected socket pairs and the ping-pong that measures every event loop: 64 bytes go back and
+// forth between two ends in the same loop, so a turn is one wait, one read and one write, without
+// another thread. The loop also watches idle pairs.
 #pragma once
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@
 namespace loop_bench {
 
 inline void Check(bool good) {
-  if (!good) std::abort();  // a benchmark that has lost its sockets has nothing to measure
+  if (!good) std::abort();  // without its sockets a benchmark measures nothing
 }
 
 // Two connected, non-blocking stream sockets: a Unix pair, or TCP on loopback with TCP_NODELAY.
@@ -67,30 +67,30 @@ class PingPong {
  public:
   static constexpr int kTrips = 1000;
 
-  PingPong(bool tcp, int idlePairs) : ball_(tcp) {
+  PingPong(bool tcp, int idlePairs) : busy_(tcp) {
     for (int i = 0; i < idlePairs; ++i) idle_.push_back(std::make_unique<SocketPair>(tcp));
   }
 
-  // Puts what the loop shall watch into it: the idle sockets first, where a loop that walks a list
-  // must pass them by.
+  // Makes the loop watch the sockets: the idle ones first, so that a loop that walks a list must
+  // pass them.
   template <class Loop>
   void WatchWith(Loop* loop) {
     for (const auto& pair : idle_) loop->Watch(pair->Near());
-    loop->Watch(ball_.Near());
-    loop->Watch(ball_.Far());
+    loop->Watch(busy_.Near());
+    loop->Watch(busy_.Far());
   }
-  void Kick() {
+  void Start() {
     tripsLeft_ = kTrips;
     char bytes[kBytes] = {};
-    Check(::send(ball_.Near(), bytes, kBytes, 0) == kBytes);
+    Check(::send(busy_.Near(), bytes, kBytes, 0) == kBytes);
   }
-  // Serves a readable socket; true when the last trip has come home.
+  // Serves a readable socket. Returns true after the last round trip.
   bool Serve(int end) {
     char bytes[kBytes];
     const ssize_t n = ::recv(end, bytes, kBytes, 0);
     if (n < 0 && errno == EAGAIN) return false;
     Check(n == kBytes);
-    if (end == ball_.Near() && --tripsLeft_ == 0) return true;
+    if (end == busy_.Near() && --tripsLeft_ == 0) return true;
     Check(::send(end, bytes, kBytes, 0) == kBytes);
     return false;
   }
@@ -98,7 +98,7 @@ class PingPong {
  private:
   static constexpr ssize_t kBytes = 64;
 
-  SocketPair ball_;
+  SocketPair busy_;
   std::vector<std::unique_ptr<SocketPair>> idle_;
   int tripsLeft_ = 0;
 };

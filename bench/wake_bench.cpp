@@ -1,6 +1,6 @@
-// Waking a loop from another thread and hearing back from it: Selector_Wakeup, uv_async, and the
-// least that does it with an eventfd. The answer comes through an eventfd in all three. What counts
-// is the processor time of both threads: on one processor there is no other time in a trip.
+// Waking a loop from another thread and waiting for its answer: Selector_Wakeup, uv_async, and a
+// minimal loop with an eventfd. The answer is an eventfd in all three. The measure is the processor
+// time of both threads: on one processor a trip has no other time.
 #include <benchmark/benchmark.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -17,15 +17,15 @@ namespace loop_bench {
 namespace {
 
 // A blocking eventfd that one thread signals and another waits for.
-class Bell {
+class Signal {
  public:
-  Bell() : descriptor_(::eventfd(0, EFD_CLOEXEC)) { Check(descriptor_ >= 0); }
-  Bell(const Bell&) = delete;
-  Bell& operator=(const Bell&) = delete;
-  ~Bell() { ::close(descriptor_); }
+  Signal() : descriptor_(::eventfd(0, EFD_CLOEXEC)) { Check(descriptor_ >= 0); }
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+  ~Signal() { ::close(descriptor_); }
 
   int Get() const { return descriptor_; }
-  void Ring() {
+  void Send() {
     const std::uint64_t one = 1;
     Check(::write(descriptor_, &one, sizeof one) == sizeof one);
   }
@@ -38,15 +38,15 @@ class Bell {
   const int descriptor_;
 };
 
-// A wake calls no callback, so what it can bring about is the end of a run. The thread runs the
-// selector again, where a handler whose deadline has passed answers: a stop that came before the
-// run has begun would be lost. So a trip here holds one wait more than the peers' trips do.
+// A wake-up calls no callback; it can end a run. The thread then runs the selector again, where a
+// handler whose deadline has passed answers, since a stop before the run would have no effect. So a
+// trip has one wait more than those of the peers.
 class OurWaker {
  public:
   OurWaker() {
     Check(stewardry::Selector_Init(&selector_) == stewardry::RESULT_OK);
     answerer_.callback = OnEvent;
-    answerer_.bell = &answer_;
+    answerer_.answer = &answer_;
     Check(stewardry::Selector_AddHandler(&selector_, &answerer_) == stewardry::RESULT_OK);
     thread_ = std::thread([this] { RunUntilEnd(); });
     answer_.Await();
@@ -67,14 +67,14 @@ class OurWaker {
 
  private:
   struct Answerer : stewardry::Handler {
-    Answerer() : stewardry::Handler{}, bell(nullptr) { sock = stewardry::kInvalidSock; }
-    Bell* bell;
+    Answerer() : stewardry::Handler{}, answer(nullptr) { sock = stewardry::kInvalidSock; }
+    Signal* answer;
   };
   static std::uint8_t OnEvent(stewardry::Selector*, stewardry::Handler* handler, std::uint32_t mask,
                               std::uint64_t) {
     if ((mask & stewardry::SELECTOR_TIMEOUT) == 0) return 1;
     handler->timeoutAt = 0;
-    static_cast<Answerer*>(handler)->bell->Ring();
+    static_cast<Answerer*>(handler)->answer->Send();
     return 1;
   }
   void RunUntilEnd() {
@@ -86,7 +86,7 @@ class OurWaker {
 
   stewardry::Selector selector_;
   Answerer answerer_;
-  Bell answer_;
+  Signal answer_;
   std::atomic<bool> ending_{false};
   std::thread thread_;
 };
@@ -116,13 +116,13 @@ class LibuvWaker {
   }
 
  private:
-  static void OnWake(uv_async_t* async) { static_cast<Bell*>(async->data)->Ring(); }
+  static void OnWake(uv_async_t* async) { static_cast<Signal*>(async->data)->Send(); }
   static void OnEnd(uv_async_t* async) { uv_stop(async->loop); }
 
   uv_loop_t loop_;
   uv_async_t wake_;
   uv_async_t end_;
-  Bell answer_;
+  Signal answer_;
   std::thread thread_;
 };
 
@@ -137,14 +137,14 @@ class FloorWaker {
   FloorWaker(const FloorWaker&) = delete;
   FloorWaker& operator=(const FloorWaker&) = delete;
   ~FloorWaker() {
-    ending_.store(true, std::memory_order_relaxed);  // the ring below orders it
-    wake_.Ring();
+    ending_.store(true, std::memory_order_relaxed);  // the signal below orders it
+    wake_.Send();
     thread_.join();
     ::close(epoll_);
   }
 
   void Trip() {
-    wake_.Ring();
+    wake_.Send();
     answer_.Await();
   }
 
@@ -154,13 +154,13 @@ class FloorWaker {
       epoll_event seen;
       if (::epoll_wait(epoll_, &seen, 1, -1) <= 0) continue;
       wake_.Await();
-      answer_.Ring();
+      answer_.Send();
     }
   }
 
   const int epoll_;
-  Bell wake_;
-  Bell answer_;
+  Signal wake_;
+  Signal answer_;
   std::atomic<bool> ending_{false};
   std::thread thread_;
 };

@@ -138,7 +138,7 @@ service=$!
 wait_for "$log" "Bind to port $port successful"
 printf '  orrin (firmware) is process %d, quillonsvc (service) process %d\n' $firmware $service
 
-# 4. The inside, told at the end.
+# 4. What happened inside, shown at the end.
 
 # Runs of lines about bulk data are shown by their first two and their number.
 fold() {

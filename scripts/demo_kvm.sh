@@ -1,5 +1,5 @@
 # The KVM part of scripts/demo.sh, which reads this file in: a viewer on port 22 sees the firmware's
-# screen, types and drags, and the door shuts behind it.
+# screen, types and drags, and KVM is disabled after the session.
 # shellcheck shell=bash disable=SC2154  # its variables are the reader's
 
 readonly kvm_port=22 agent=$STEWARDRY_LAB/agent.txt picture=$build/screen.png
@@ -13,7 +13,7 @@ orrin_says() { # types commands at orrin's prompt, and shows them
     printf '%s\n' "$command" >&3
   done
 }
-open_door() { # waits until the service has opened port 22 once more
+enable_kvm() { # waits until the service has opened port 22 once more
   orrin_says "kvm on" "kvm trust 127.0.0.1 5900"
   wait_for "$log" "IP: 0x100007f & Port: 0x170c"
   wait_for "$log" "Bind to port $kvm_port successful"
@@ -31,10 +31,10 @@ answers() { # a connection that is taken and not just dropped
 }
 not() { ! "$@"; }
 
-heading "1. The firmware opens the door"
-check "before that, nobody listens on port $kvm_port" \
+heading "1. The firmware enables KVM"
+check "before that, no program listens on port $kvm_port" \
   test -z "$(ss -Hltn "sport = :$kvm_port")"
-open_door
+enable_kvm
 check "the service listens on port $kvm_port" test -n "$(ss -Hltn "sport = :$kvm_port")"
 
 heading "2. What is on the screen? A snapshot by gvnccapture"
@@ -47,7 +47,7 @@ check "a PNG has come, $picture" test "$(head -c 4 "$picture" | tail -c 3)" = PN
 ended 1
 
 heading "3. A viewer types and drags (vnc_viewer, over libvncclient)"
-open_door
+enable_kvm
 wait_for_count "$log" "Setting KVM Enabled to true" 2
 mkfifo "$STEWARDRY_LAB/viewer"
 exec 5<>"$STEWARDRY_LAB/viewer"
@@ -75,7 +75,7 @@ wait_for "$agent" "left-up"
 wait_for "$agent" "key 0x11 scan 0x1D release"
 
 heading "4. What the agent in the console's session has played"
-# Keys and pointer come over pipes of their own, so only the order of each kind is told.
+# Keys and pointer use separate pipes, so only the order within each kind is fixed.
 readonly keys=$STEWARDRY_LAB/keys.txt drag=$STEWARDRY_LAB/drag.txt
 grep '^key' "$agent" >"$keys"
 grep '^mouse' "$agent" >"$drag"
@@ -98,7 +98,7 @@ check "Ctrl+Alt+Del" \
 check "the drag: button down, moved, up" \
   in_order "$drag" 'left-down' 'mouse [^|]* move' 'mouse [^|]* left-up'
 
-heading "5. The firmware ends the session, and the door is shut"
+heading "5. The firmware ends the session and disables KVM"
 orrin_says "kvm close"
 ended 2
 exec 5>&-

@@ -1,39 +1,80 @@
 #!/usr/bin/env python3
-"""What the house rules measure, read from the sources alone: the arrows between the folders,
-platform words outside the platform side, the lengths of functions and files. Prints a short report;
-exits with 1 where a rule is broken."""
+"""The rules that can be read from the sources alone: the arrows between the folders (includes and
+forward declarations), platform words outside the platform side, twins of the platform contract,
+state in headers, lengths of functions and files, identifiers that documents name, and words that
+comments avoid. Prints a short report; exits with 1 where a rule is broken."""
+import collections
 import os
 import re
 import statistics
+import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-CODE = ("service", "sock", "base", "platform", "lab")
+CODE = ("service", "sock", "cim", "text", "platform", "lablink", "lab")
 CHECKS = ("tests", "bench")
-LONGEST_FUNCTION, LONGEST_FILE = 80, 600
+LONGEST_FUNCTION, LONGEST_FILE = 80, 500
 
-# Whom a room may include, beside itself. Tests and benchmarks may include all.
-ROOMS = ("host", "gateway", "kvm", "inventory", "actions", "mailbox", "diagnostics")
+# The rooms, each with those that it may include beside itself. A room is a folder; tests and
+# benchmarks may include all. The order is that of the layers: no row names a room below it.
 ARROWS = {
-    "service/host": ["service/" + room for room in ROOMS] + ["sock", "platform"],
-    "service/gateway": ["service/actions", "service/inventory", "service/mailbox",
-                        "service/diagnostics", "sock", "platform"],
-    "service/kvm": ["service/gateway", "service/inventory", "service/mailbox",
-                    "service/diagnostics", "sock", "platform"],
-    "service/inventory": ["service/mailbox", "service/diagnostics", "platform"],
-    "service/actions": ["service/mailbox", "service/diagnostics", "platform"],
-    "service/mailbox": ["service/diagnostics", "platform"],
-    "service/diagnostics": ["platform"],
-    "base": ["sock", "platform"],
-    "sock": ["platform"],
-    "lab": ["base", "sock", "platform"],
-    "platform": [],
+    "text": "",
+    "lablink": "",
+    "platform": "",
+    "platform/linux/runtime": "platform text",
+    "platform/linux/lab": "platform/linux/runtime platform lablink text",
+    "platform/linux/hostfacts": "platform/linux/lab platform/linux/runtime platform text",
+    "platform/linux": "platform/linux/hostfacts platform/linux/lab platform/linux/runtime platform "
+                      "text",
+    "platform/windows/runtime": "platform text",
+    "platform/windows": "platform/windows/runtime platform text",
+    "sock": "platform text",
+    "cim/memory": "sock platform text",
+    "cim/text": "cim/memory sock platform text",
+    "cim/log": "cim/text cim/memory sock platform text",
+    "cim/value": "cim/log cim/text cim/memory sock platform text",
+    "cim/instance": "cim/value cim/log cim/text cim/memory sock platform text",
+    "cim/packing": "cim/instance cim/value cim/log cim/text cim/memory sock platform text",
+    "cim/message": "cim/packing cim/instance cim/value cim/log cim/text cim/memory sock platform "
+                   "text",
+    "service/diagnostics": "platform text",
+    "service/mailbox": "service/diagnostics platform text",
+    "service/inventory": "service/mailbox service/diagnostics platform text",
+    "service/actions": "service/mailbox service/diagnostics platform text",
+    "service/gateway": "service/actions service/inventory service/mailbox service/diagnostics sock "
+                       "platform text",
+    "service/kvm": "service/gateway service/inventory service/mailbox service/diagnostics sock "
+                   "platform text",
+    "service/standby": "service/inventory service/mailbox service/diagnostics platform text",
+    "service/host": "service/standby service/kvm service/gateway service/actions service/inventory "
+                    "service/mailbox service/diagnostics sock platform text",
+    "lab/local": "text",
+    "lab/agent": "lab/local text",
+    "lab/scm": "lab/local text",
+    "lab/tray": "lab/local text",
+    "lab/viewer": "text",
+    "lab/driver": "lablink",
+    "lab/cim": "cim/message cim/packing cim/instance cim/value cim/log cim/text cim/memory sock "
+               "platform text",
+    "lab/firmware/core": "lablink lab/local text",
+    "lab/firmware/dash": "lab/firmware/core text",
+    "lab/firmware/kvm": "lab/firmware/core text",
+    "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/core text",
+    "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
+                           "lab/local text",
 }
 PLATFORM_WORD = re.compile(
     r"\b(?:_WIN32|_WIN64|WIN32|_MSC_VER|__MINGW\w+|__linux__|__unix__|__GLIBC__)\b|"
     r"#\s*include\s*<(?:windows|winsock2|ws2tcpip|unistd|pthread|poll|fcntl|dirent|signal|netdb|"
     r"sys/\w+|netinet/\w+|arpa/\w+|linux/\w+)\.h>")
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
+FORWARD = re.compile(r"^(?:struct|class|enum class) (\w+)(?: : [\w:]+)?;", re.M)
+DEFINED = re.compile(r"^(?:struct|class|enum class|enum)(?: alignas\(\w+\))? (\w+)[^;{]*\{", re.M)
+MUTABLE_EXTERN = re.compile(r"^\s*extern (?!\"C|const |constexpr |template )[^;(]*;", re.M)
+COMMENT = re.compile(r"//[^\n]*")
+# What plain technical English says otherwise; texts that are fixed aren't comments.
+AVOIDED = re.compile(r"\b(?:knock\w*|affairs?|anew|lets? go|letting go|ha(?:s|ve)n't got|told|tells?|"
+                     r"the news|side door|front door|the road|two roads)\b", re.I)
 
 
 def sources():
@@ -46,8 +87,7 @@ def sources():
 
 
 def room_of(path):
-    parts = path.split("/")
-    return "/".join(parts[:2]) if parts[0] == "service" and len(parts) > 2 else parts[0]
+    return path.split("/")[0] if path.startswith(CHECKS) else os.path.dirname(path)
 
 
 def blank(text):
@@ -101,23 +141,96 @@ def functions(text):
         at += 1
 
 
-def check_arrows(path, text, faults):
+def check_table(faults):
+    """The table itself: a room named by another stands above it, so it has no cycle."""
+    above = set()
+    for room, allowed in ARROWS.items():
+        for target in allowed.split():
+            if target not in above:
+                faults.append("table of arrows: %s names %s, which stands below it" % (room, target))
+        above.add(room)
+
+
+def check_arrows(path, text, homes, faults):
+    """The includes and forward declarations of a file. Returns how many lead to another room."""
     room = room_of(path)
     if room in CHECKS:
         return 0
     if room not in ARROWS:
         faults.append("%s: the room %s has no row in the table of arrows" % (path, room))
         return 0
-    count = 0
+    allowed, count = ARROWS[room].split(), 0
     for target in INCLUDE.findall(text):
         there = room_of(target)
         if "/" not in target or there == room:
             continue  # a header beside its file, chosen by the build
         count += 1
-        if there not in ARROWS[room]:
+        if there not in allowed:
             faults.append("%s: the arrow to %s points up" % (path, target))
-        elif room != "lab" and target.count("/") > 1 and there == "platform":
-            faults.append("%s: reaches behind the contract, to %s" % (path, target))
+    for name in FORWARD.findall(text):
+        rooms = homes.get(name, {room})
+        if room not in rooms and not rooms.intersection(allowed):
+            faults.append("%s: declares %s, which %s defines, above it"
+                          % (path, name, " and ".join(sorted(rooms))))
+    return count
+
+
+def check_twins(faults):
+    """Each header of the platform contract has one source of its name on either side; what stands
+    beside the twins lies in folders of its own. handle.h has nothing but inline parts."""
+    def stems(folder, suffix):
+        return {name[:-len(suffix)] for name in os.listdir(os.path.join(ROOT, folder))
+                if name.endswith(suffix)}
+    contract = stems("platform", ".h") - {"handle"}
+    for side in ("platform/linux", "platform/windows"):
+        for name in sorted(contract ^ stems(side, ".cpp")):
+            faults.append("%s: %s stands on one side alone, contract or twin" % (side, name))
+        for name in sorted(stems(side, ".h") - {"platform_traits"}):
+            faults.append("%s/%s.h: private headers lie in folders below" % (side, name))
+
+
+def check_state(externs, faults):
+    """What a room shares is one record: a header declares no second mutable variable."""
+    for room, found in sorted(externs.items()):
+        if len(found) > 1:
+            faults.append("%s: %d mutable variables in headers (%s)"
+                          % (room, len(found), ", ".join(found)))
+
+
+# Identifiers in documents that no source has: examples, a call of Windows, a prefix.
+FOREIGN = frozenset("CamelCase lowerCamel ImpersonateNamedPipeClient ORRIN_TAVRIN_CMD_".split())
+
+
+def check_documents(faults):
+    """Every identifier and path in backticks exists. Returns how many there are."""
+    listed = subprocess.run(["git", "ls-files"], cwd=ROOT, check=True, capture_output=True,
+                            text=True).stdout.split("\n")[:-1]
+    documents = [name for name in listed if name.endswith(".md")]
+    words = set()
+    for name in listed:
+        if name not in documents and "/corpus/" not in name:
+            with open(os.path.join(ROOT, name), encoding="utf-8", errors="replace") as file:
+                words.update(re.findall(r"\w+", file.read()))
+    paths = set(listed)
+    paths |= {name[:at] for name in listed for at, char in enumerate(name) if char == "/"}
+    known = words | FOREIGN | {os.path.basename(name) for name in listed}
+    count = 0
+    for document in documents:
+        with open(os.path.join(ROOT, document), encoding="utf-8") as file:
+            text = re.sub(r"^```.*?^```", "", file.read(), flags=re.S | re.M)
+        for quoted in re.findall(r"`([^`\n]+)`", text):
+            if re.fullmatch(r"(?:%s|docs|scripts|cmake)/[\w/.*{},-]*" % "|".join(CODE + CHECKS),
+                            quoted) and not re.search(r"[*{}]", quoted):
+                count += 1
+                if quoted.rstrip("/") not in paths:
+                    faults.append("%s: there is no %s" % (document, quoted))
+                continue
+            for name in re.findall(r"(?<![\w./-])[A-Za-z_]\w*", quoted):
+                if not re.search(r"[a-z][A-Z]|_\w|^[gk][A-Z]", name):
+                    continue  # a word of a command or of another's format
+                count += 1
+                if name not in known:
+                    faults.append("%s: no source has the identifier %s" % (document, name))
     return count
 
 
@@ -127,9 +240,21 @@ def percentile(values, share):
 
 def main():
     faults, lengths, lines, arrows, words = [], {}, {}, 0, 0
+    texts = {}
     for path in sources():
         with open(os.path.join(ROOT, path), encoding="utf-8") as file:
-            text = file.read()
+            texts[path] = file.read()
+    homes = collections.defaultdict(set)  # of each type: the rooms that define one of that name
+    externs = collections.defaultdict(list)
+    for path, text in texts.items():
+        room = room_of(path)
+        if room not in CHECKS and path.endswith(".h"):
+            for name in DEFINED.findall(text):
+                homes[name].add(room)
+            externs[room] += [found.rsplit(None, 1)[-1][:-1]
+                              for found in MUTABLE_EXTERN.findall(COMMENT.sub("", text))]
+    asserts = avoided = 0
+    for path, text in texts.items():
         lines[path] = text.count("\n")
         if lines[path] > LONGEST_FILE:
             faults.append("%s: %d lines" % (path, lines[path]))
@@ -137,11 +262,21 @@ def main():
             lengths["%s:%d" % (path, line)] = length
             if length > LONGEST_FUNCTION:
                 faults.append("%s:%d: a function of %d lines" % (path, line, length))
-        arrows += check_arrows(path, text, faults)
-        if path.split("/")[0] in ("service", "sock", "base"):
+        arrows += check_arrows(path, text, homes, faults)
+        if path.split("/")[0] in ("service", "sock", "cim", "text", "lablink"):
             for word in PLATFORM_WORD.findall(text):
                 words += 1
                 faults.append("%s: platform word %s" % (path, word))
+        if room_of(path) not in CHECKS:
+            asserts += len(re.findall(r"(?<!static_)\bassert\(", text))
+        comments = " ".join(found[2:].strip() for found in COMMENT.findall(text))
+        for word in AVOIDED.findall(comments):
+            avoided += 1
+            faults.append("%s: a comment says \"%s\"" % (path, word))
+    check_table(faults)
+    check_twins(faults)
+    check_state(externs, faults)
+    identifiers = check_documents(faults)
     if not lengths:
         sys.exit("house: no source was found")
     for folders, name in ((CODE, "code"), (CHECKS, "tests and benchmarks")):
@@ -154,8 +289,10 @@ def main():
                      len(files), max(files), sum(files)))
     code, tests = (sum(count for path, count in lines.items() if path.split("/")[0] in folders)
                    for folders in (CODE, ("tests",)))
-    print("  %.2f lines of C++ tests to a line of code; %d includes between rooms; "
-          "%d platform words outside platform/ and lab/" % (tests / code, arrows, words))
+    print("  %.2f lines of C++ tests to a line of code; %d includes between %d rooms; "
+          "%d platform words outside platform/ and lab/" % (tests / code, arrows, len(ARROWS), words))
+    print("  %d mutable variables in headers; %d asserts; %d identifiers and paths in documents"
+          % (sum(map(len, externs.values())), asserts, identifiers))
     for fault in faults:
         print("  BROKEN  " + fault)
     return 1 if faults else 0

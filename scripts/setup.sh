@@ -10,7 +10,7 @@ set -euo pipefail
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
 clients=(curl openssl iproute2 util-linux)
 viewers=(pkg-config libvncserver-dev gvncviewer)
-unit=(ccache libgtest-dev libgmock-dev python3)
+unit=(ccache gdb libgtest-dev libgmock-dev python3)
 checks=("${unit[@]}" clang-format clang-tidy "${viewers[@]}")
 windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev

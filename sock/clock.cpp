@@ -1,5 +1,6 @@
-// The clock.
 #include "sock/clock.h"
+
+#include <cassert>
 
 #include "platform/clock.h"
 
@@ -14,6 +15,7 @@ static_assert(kUnixEpochAsFileTime == 0x19DB1DED53E8000);
 }  // namespace
 
 bool PAL_Time(std::uint64_t* microseconds) {
+  assert(microseconds != nullptr);
   *microseconds = (platform::GetSystemTimeAsFileTime() - kUnixEpochAsFileTime) / 10;
   return true;
 }

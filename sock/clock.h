@@ -1,5 +1,5 @@
-// The clock on which every deadline runs: microseconds since 1970-01-01 00:00:00 UTC. It is
-// wall-clock time, so a step of the system clock moves every deadline.
+// The clock of every deadline: microseconds since 1970-01-01 00:00:00 UTC. It is wall-clock time,
+// so a step of the system clock moves every deadline.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,11 @@
 
 namespace stewardry {
 
-// Stores the current time. Always true; callers test it all the same. Any thread.
+// Stores the current time in *microseconds. Returns true; callers still check the result. Any
+// thread.
 bool PAL_Time(std::uint64_t* microseconds);
 
-// The same with a status: RESULT_OK.
+// Stores the current time in *microseconds. Returns RESULT_OK. Any thread.
 Result PAL_TimeStatus(std::uint64_t* microseconds);
 
 }  // namespace stewardry

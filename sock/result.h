@@ -1,4 +1,4 @@
-// The status codes that the socket layer, the selector and every handler share.
+// The status codes of the socket layer, the selector, its handlers and the object library.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
-// The socket layer.
 #include "sock/sock.h"
 
+#include <cassert>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -10,15 +10,14 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint64_t kSmallestHalved = 4096;  // a failed write of this size or less isn't halved
+constexpr std::uint64_t kMostUnhalved = 4096;  // a failed write of more bytes is halved
 constexpr std::size_t kLongestHost = 127;
 constexpr int kBacklog = 1;
-// The most that one accept passes over, whatever peers come and go meanwhile.
-constexpr int kMostEndedConnections = 64;
+constexpr int kMostEndedConnections = 64;  // that one accept skips
 
 Result ToResult(int status) { return status == 0 ? RESULT_OK : RESULT_FAILED; }
 
-// The status of a call that has just failed.
+// Returns the status of a call that has just failed.
 Result FailureResult() {
   return platform::WSAGetLastError() == platform::kWsaEWouldBlock ? RESULT_WOULD_BLOCK
                                                                   : RESULT_FAILED;
@@ -26,7 +25,7 @@ Result FailureResult() {
 
 int Narrow(std::uint64_t size) { return static_cast<int>(size > INT_MAX ? INT_MAX : size); }
 
-// Makes the call again for as long as it is interrupted.
+// Repeats the call for as long as it is interrupted.
 template <class Call>
 int Uninterrupted(Call call) {
   int result;
@@ -38,6 +37,7 @@ int Uninterrupted(Call call) {
 
 template <class Call>
 Result ReadWith(std::uint64_t* count, Call call) {
+  assert(count != nullptr);
   *count = 0;
   const int n = Uninterrupted(call);
   if (n < 0) return FailureResult();
@@ -47,6 +47,7 @@ Result ReadWith(std::uint64_t* count, Call call) {
 
 template <class Call>
 Result WriteWith(std::uint64_t size, std::uint64_t* count, Call call) {
+  assert(count != nullptr);
   *count = 0;
   for (;;) {
     const int n = Uninterrupted([&] { return call(Narrow(size)); });
@@ -55,13 +56,14 @@ Result WriteWith(std::uint64_t size, std::uint64_t* count, Call call) {
       return RESULT_OK;
     }
     if (FailureResult() == RESULT_WOULD_BLOCK) return RESULT_WOULD_BLOCK;
-    if (size <= kSmallestHalved) return RESULT_FAILED;
+    if (size <= kMostUnhalved) return RESULT_FAILED;
     size >>= 1;
   }
 }
 
 template <class Call>
 Result WalkPieces(std::span<const SockPiece> pieces, std::uint64_t* count, Call call) {
+  assert(count != nullptr);
   *count = 0;
   for (const SockPiece& piece : pieces) {
     const int n = Uninterrupted([&] { return call(piece); });
@@ -77,7 +79,7 @@ Result SetFlag(Sock sock, int level, int option, bool on) {
   return ToResult(platform::setsockopt(sock, level, option, &value, sizeof value));
 }
 
-// Winsock's byte order call without Winsock: the network order of a 16-bit value.
+// Returns the value in network byte order, without a call of Winsock.
 std::uint16_t ToNetwork(std::uint16_t value) {
   const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(value >> 8),
                                  static_cast<std::uint8_t>(value & 0xFF)};
@@ -86,14 +88,21 @@ std::uint16_t ToNetwork(std::uint16_t value) {
   return network;
 }
 
-// sin_port and sin6_port both stand behind the 16-bit family.
+// sin_port and sin6_port both follow the 16-bit family.
 void SetPort(Addr* address, std::uint16_t port) {
   address->port = ToNetwork(port);
+  static_assert(offsetof(platform::SockAddrIn, port) == 2);
   std::memcpy(address->storage + 2, &address->port, sizeof address->port);
 }
 
 std::uint16_t PortOf(const char* text) {
   return static_cast<std::uint16_t>(std::strtoul(text, nullptr, 10));
+}
+
+// Closes a socket of which a step has failed; that step decides the result.
+void Discard(Sock* sock) {
+  if (*sock != kInvalidSock) (void)Sock_Close(*sock);
+  *sock = kInvalidSock;
 }
 
 }  // namespace
@@ -129,6 +138,7 @@ Result Sock_SetNoDelay(Sock sock, bool on) {
 }
 
 Result Sock_Bind(Sock sock, const Addr& address) {
+  assert(address.sockaddrSize <= sizeof address.storage);
   return ToResult(platform::bind(sock, address.storage, address.sockaddrSize));
 }
 
@@ -140,10 +150,7 @@ Result Sock_CreateListener(Sock* sock, const Addr& address) {
   if (platform::kListenersReuseTheAddress) result = Sock_ReuseAddr(*sock, true);
   if (result == RESULT_OK) result = Sock_Bind(*sock, address);
   if (result == RESULT_OK) result = Sock_Listen(*sock);
-  if (result != RESULT_OK) {
-    (void)Sock_Close(*sock);  // the step's status is what counts
-    *sock = kInvalidSock;
-  }
+  if (result != RESULT_OK) Discard(sock);
   return result;
 }
 
@@ -213,6 +220,7 @@ Result Addr_Resolve(Addr* address, const char* host, std::uint16_t port, bool se
   const int size =
       platform::ResolveHost(host, second ? 1 : 0, address->storage, sizeof address->storage);
   if (size <= 0) return RESULT_FAILED;
+  assert(static_cast<std::size_t>(size) <= sizeof address->storage);
   std::uint16_t family;
   std::memcpy(&family, address->storage, sizeof family);
   address->isIPv6 = family == platform::kAfInet ? 0 : 1;
@@ -222,6 +230,7 @@ Result Addr_Resolve(Addr* address, const char* host, std::uint16_t port, bool se
 }
 
 Result Sock_Connect(Sock sock, const Addr& address) {
+  assert(address.sockaddrSize <= sizeof address.storage);
   if (platform::connect(sock, address.storage, address.sockaddrSize) == 0) return RESULT_OK;
   return FailureResult();
 }
@@ -233,12 +242,11 @@ Result Sock_CreateAndConnect(Sock* sock, const Addr& address) {
 
 namespace {
 
-// Connects to one of the host's addresses; a socket that can't be connected is closed.
-Result TryAddress(Sock* sock, const Addr& address) {
+// Connects to one of the host's addresses; closes a socket that cannot be connected.
+Result ConnectToAddress(Sock* sock, const Addr& address) {
   const Result result = Sock_CreateAndConnect(sock, address);
   if (result == RESULT_OK || result == RESULT_WOULD_BLOCK) return result;
-  if (*sock != kInvalidSock) (void)Sock_Close(*sock);  // the connect's status is what counts
-  *sock = kInvalidSock;
+  Discard(sock);
   return result;
 }
 
@@ -255,10 +263,10 @@ Result Sock_ConnectTo(Sock* sock, const char* hostAndPort) {
   Addr address;
   const Result found = Addr_Resolve(&address, host.c_str(), port, false);
   if (found != RESULT_OK) return found;
-  const Result first = TryAddress(sock, address);
+  const Result first = ConnectToAddress(sock, address);
   if (first == RESULT_OK || first == RESULT_WOULD_BLOCK) return first;
   if (Addr_Resolve(&address, host.c_str(), port, true) != RESULT_OK) return first;
-  const Result second = TryAddress(sock, address);
+  const Result second = ConnectToAddress(sock, address);
   return second == RESULT_OK || second == RESULT_WOULD_BLOCK ? second : first;
 }
 
@@ -270,8 +278,7 @@ Result Sock_ConnectLocal(Sock* sock, const char* port) {
   Result result = Sock_SetBlocking(*sock, false);
   if (result == RESULT_OK) result = Sock_Connect(*sock, address);
   if (result == RESULT_OK || result == RESULT_WOULD_BLOCK) return result;
-  (void)Sock_Close(*sock);  // the connect's status is what counts
-  *sock = kInvalidSock;
+  Discard(sock);
   return RESULT_FAILED;
 }
 

@@ -1,7 +1,8 @@
-// The Sock_ family: the platform's socket calls under one vocabulary of status codes. An
-// interrupted call is made again, and a call that has nothing to do now is a status, not an error.
-// No state, no log, no allocation; any thread may call. The platform's error value stays with
-// platform::WSAGetLastError until the thread's next socket call.
+// The Sock_ family: the platform's socket calls under one set of status codes. An interrupted call
+// is repeated, and a call that has nothing to do now is a status, not an error. The family has no
+// state, writes no log and may be called by any thread, also by two threads on one socket. Where a
+// contract names no results, they are RESULT_OK and RESULT_FAILED. The platform's error value stays
+// with platform::WSAGetLastError until the thread's next socket call.
 #pragma once
 
 #include <cstddef>
@@ -19,78 +20,109 @@ constexpr Sock kInvalidSock = platform::kInvalidSocket;
 // An address to bind or connect: a sockaddr_in or sockaddr_in6 in `storage`.
 struct Addr {
   alignas(8) std::uint8_t storage[128];
-  std::uint8_t isIPv6;
+  std::uint8_t isIPv6;         // 0 or 1
   std::uint16_t port;          // network byte order, a copy of the port in the storage
   std::uint16_t sockaddrSize;  // bytes of the address in the storage, 16 for IPv4
 };
 
-// What an accept tells of its peer; sin_port and sin_addr in network byte order.
+// The peer of an accepted connection; sin_port and sin_addr in network byte order.
 using RemoteAddress = platform::SockAddrIn;
 
-// Starts Winsock 2, once a process, before the first socket. 0 or 1.
+// Starts Winsock 2. Must precede the first socket, once a process.
 Result Sock_Start();
+// Ends Winsock.
 void Sock_Stop();
 
-// Any local IPv4 address with `port` in host byte order.
+// Fills *address with any local IPv4 address and `port`, which is in host byte order.
 void Addr_InitAny(Addr* address, std::uint16_t port);
 
-// A TCP socket over IPv4, or IPv6 with the flag. 0 or 1.
+// Creates a blocking TCP socket over IPv4 or IPv6. The caller owns *sock, which is kInvalidSock on
+// failure.
 Result Sock_Create(Sock* sock, bool isIPv6);
-// SO_REUSEADDR, SO_KEEPALIVE, TCP_NODELAY on or off. 0 or 1.
+
+// Set SO_REUSEADDR, SO_KEEPALIVE and TCP_NODELAY.
 Result Sock_ReuseAddr(Sock sock, bool on);
 Result Sock_KeepAlive(Sock sock, bool on);
 Result Sock_SetNoDelay(Sock sock, bool on);
+
+// Binds the socket to the address.
 Result Sock_Bind(Sock sock, const Addr& address);
-// With a backlog of 1. 0 or 1.
+
+// Listens with a backlog of 1.
 Result Sock_Listen(Sock sock);
-// Create, reuse (where the platform's listeners do), bind and listen. A failure behind the first
-// closes the socket and gives the step's status.
+
+// Creates a socket, sets SO_REUSEADDR where platform::kListenersReuseTheAddress, binds and listens.
+// The caller owns *sock, which is kInvalidSock on failure.
 Result Sock_CreateListener(Sock* sock, const Addr& address);
-// Any local address and the port that the text names.
+
+// Creates a listener on any local IPv4 address and the decimal port `port`, as Sock_CreateListener.
 Result Sock_ListenOnPort(Sock* sock, const char* port);
 
-// RESULT_OK, RESULT_FAILED, or RESULT_WOULD_BLOCK if no connection is pending. Connections that
-// ended while they waited are passed over.
+// Accepts one pending connection and skips those that ended while they were pending. Returns
+// RESULT_OK, RESULT_FAILED, or RESULT_WOULD_BLOCK if none is pending. The caller owns *sock, which
+// is kInvalidSock unless the result is RESULT_OK.
 Result Sock_Accept(Sock listener, Sock* sock, RemoteAddress* peer);
+
+// Decides whether calls on the socket block or return RESULT_WOULD_BLOCK.
 Result Sock_SetBlocking(Sock sock, bool blocking);
 
-// Reads at most `size` bytes. 0 with *count (0: the peer has closed), 1, or 1003.
+// Reads at most `size` bytes and stores their number in *count, 0 unless the result is RESULT_OK.
+// Returns RESULT_OK, also with *count 0 once the peer has closed, RESULT_FAILED, or
+// RESULT_WOULD_BLOCK if there is nothing to read.
 Result Sock_Read(Sock sock, void* buffer, std::uint64_t size, std::uint64_t* count);
-// Writes at most `size` bytes; *count may be smaller, and the rest is the caller's affair. A hard
-// error on more than 4096 bytes is tried again with half of them. 0, 1, or 1003.
+
+// Writes at most `size` bytes and stores their number in *count, 0 unless the result is RESULT_OK.
+// It may be smaller than `size`: the caller decides about the rest. A failed write of more than
+// 4096 bytes is repeated with half of them. Returns RESULT_OK, RESULT_FAILED, or RESULT_WOULD_BLOCK
+// if the send buffer is full.
 Result Sock_Write(Sock sock, const void* buffer, std::uint64_t size, std::uint64_t* count);
-// The same with a peer address.
+
+// Read and write as Sock_Read and Sock_Write do, with the peer's socket address. *addressSize is
+// the capacity of `address` in bytes and becomes the size of the peer's address.
 Result Sock_ReadFrom(Sock sock, void* buffer, std::uint64_t size, std::uint64_t* count,
                      void* address, int* addressSize);
 Result Sock_WriteTo(Sock sock, const void* buffer, std::uint64_t size, std::uint64_t* count,
                     const void* address, int addressSize);
 
-// One piece of a gathered transfer.
+// One piece of a gathered transfer; `size` in bytes.
 struct SockPiece {
   void* data;
   std::uint64_t size;
 };
-// Reads or writes the pieces in order until one moves less than its size. *count gets the sum.
-// A failure counts only if nothing has moved before it. 0, 1, 1003; the write gives 6 for a socket
-// that isn't connected.
+
+// Read or write the pieces in order, one call each, until a call moves less than its piece or
+// fails. *count is the sum of the bytes moved; a failure after some bytes is RESULT_OK. Return
+// RESULT_OK, RESULT_FAILED or RESULT_WOULD_BLOCK; the write RESULT_NOT_FOUND if the socket is not
+// connected.
 Result Sock_ReadV(Sock sock, std::span<const SockPiece> pieces, std::uint64_t* count);
 Result Sock_WriteV(Sock sock, std::span<const SockPiece> pieces, std::uint64_t* count);
 
-// Half-closes the sending side (SD_SEND). 0 or 1.
+// Closes the sending half of the connection (SD_SEND).
 Result Sock_ShutdownSend(Sock sock);
-// 0 or 1; every caller ignores it.
+
+// Closes the socket. A failure needs no reaction: the socket is closed or was invalid.
 Result Sock_Close(Sock sock);
 
-// Looks the host up for IPv4 and takes the first address found, or the second. `port` in host byte
-// order. 0 or 1.
+// Resolves the host for IPv4 into *address, with the first address found, or the second. `port` is
+// in host byte order. Blocks for as long as the platform's resolver does.
 Result Addr_Resolve(Addr* address, const char* host, std::uint16_t port, bool second);
-// 0, 1, or 1003 when the connect goes on.
+
+// Connects the socket. Returns RESULT_OK, RESULT_FAILED, or RESULT_WOULD_BLOCK while the connect of
+// a non-blocking socket goes on.
 Result Sock_Connect(Sock sock, const Addr& address);
+
+// Creates a socket and connects it, with the results of Sock_Connect. The caller owns *sock unless
+// it is kInvalidSock, also after a failed connect.
 Result Sock_CreateAndConnect(Sock* sock, const Addr& address);
-// Connects to "host:port", trying the host's second address after the first. 0, 1003, 4 for a text
-// without a colon or with a host of 128 characters or more, or the first failure.
+
+// Connects a new socket to "host:port", first to the host's first address, then to its second.
+// Returns RESULT_OK, RESULT_WOULD_BLOCK, RESULT_INVALID_PARAMETER for a text without a colon or
+// with a host of 128 characters or more, or the status of the first failure. The caller owns *sock,
+// which is kInvalidSock on failure.
 Result Sock_ConnectTo(Sock* sock, const char* hostAndPort);
-// Connects a non-blocking socket to 127.0.0.1. 0, 1 or 1003.
+
+// Connects a new non-blocking socket to 127.0.0.1 and the decimal port `port`. Returns RESULT_OK,
+// RESULT_FAILED or RESULT_WOULD_BLOCK. The caller owns *sock, which is kInvalidSock on failure.
 Result Sock_ConnectLocal(Sock* sock, const char* port);
 
 }  // namespace stewardry

@@ -13,7 +13,7 @@
 
 #include "platform/linux/runtime/gate.h"
 
-// The traced calls of these names, "Name(arguments)" each, in their order.
+// Returns the traced calls of these names, "Name(arguments)" each, in their order.
 inline std::vector<std::string> CallsOf(std::initializer_list<std::string> names) {
   std::vector<std::string> calls = platform::gate::Trace();
   std::erase_if(calls, [&](const std::string& call) {

@@ -326,7 +326,7 @@ Message* Ship(const Message* sent) {
   for (std::size_t i = 0; i < count; ++i)
     std::memcpy(Batch_PageAt(batch, i), list[i].data, list[i].size);
   Message* made = nullptr;
-  (void)Message_Restore(batch, sent, list, count, false, &made);  // tells by the empty message
+  (void)Message_Restore(batch, sent, list, count, false, &made);  // a failure leaves the message null
   return made;
 }
 

@@ -33,7 +33,7 @@ void ReportSelector(SelectorEvent event, const Selector* selector, std::uint32_t
 
 }  // namespace
 
-void LibLog_ReportSelectors() { gSelectorReport = ReportSelector; }
+void LibLog_ReportSelectors() { Selector_SetReport(ReportSelector); }
 
 void LibLog_CloneNotAllocated(const char* file, std::uint32_t line, std::uint32_t tag) {
   LibLog_Event(LIBLOG_ERROR, 20003, file, line,

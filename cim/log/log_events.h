@@ -1,5 +1,5 @@
 // The numbered reports of the library, one function each. The selector's six come through
-// gSelectorReport, since the socket core knows no log.
+// Selector_SetReport, since the socket core knows no log.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
-// Messages in words.
 #include "lab/agent/events.h"
 
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -12,12 +12,13 @@ namespace {
 constexpr std::size_t kEventSize = 16;
 
 std::uint32_t Word(Message message, std::size_t index) {
+  assert(4 * (index + 1) <= message.size());
   std::uint32_t word = 0;
   for (int i = 3; i >= 0; --i) word = word << 8 | message[4 * index + static_cast<std::size_t>(i)];
   return word;
 }
 
-std::string NoEvent(const char* kind, Message message) {
+std::string DescribeOther(const char* kind, Message message) {
   return std::string(kind) + " message of " + std::to_string(message.size()) + " bytes";
 }
 
@@ -35,7 +36,7 @@ constexpr std::uint32_t kWheel = 0x0800, kAbsolute = 0x8000, kKnownMouse = 0x887
 }  // namespace
 
 std::string DescribeKey(Message message) {
-  if (message.size() != kEventSize) return NoEvent("key", message);
+  if (message.size() != kEventSize) return DescribeOther("key", message);
   const std::uint32_t flags = Word(message, 2);
   char text[80];
   std::snprintf(text, sizeof text, "key 0x%02X scan 0x%02X%s %s", Word(message, 0),
@@ -48,7 +49,7 @@ std::string DescribeKey(Message message) {
 }
 
 std::string DescribeMouse(Message message) {
-  if (message.size() != kEventSize) return NoEvent("mouse", message);
+  if (message.size() != kEventSize) return DescribeOther("mouse", message);
   const std::uint32_t flags = Word(message, 0);
   std::string words =
       "mouse " + std::to_string(Word(message, 1)) + "," + std::to_string(Word(message, 2));

@@ -1,10 +1,10 @@
 // KVM_Agent, the stand-in of the program that plays a viewer's input into the console: it serves
-// the three pipes of the lab and appends each event in words to the lab's agent.txt. It takes no
-// arguments, since its launcher gives none; the lab's agent-options.txt holds words for it:
-//   no-pipes   serve none
-//   hang       serve them, but take nothing
-//   die N      end after N events
-// It ends by itself when the lab folder has gone, so that no run of a test leaves one behind.
+// the three pipes of the lab and appends each event in words to the lab's agent.txt. Its launcher
+// passes no arguments, so its options are words in the lab's agent-options.txt:
+//   no-pipes   serves none
+//   hang       serves them, but reads nothing
+//   die N      exits after N events
+// It exits once the lab folder has been removed, so that no test leaves one behind.
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr int kLookMilliseconds = 500;  // between two looks at the lab folder
-constexpr int kMessagePatience = 2000;  // milliseconds for a connected peer to say its message
+constexpr int kFolderCheckMilliseconds = 500;  // between two checks of the lab folder
+constexpr int kMessageMilliseconds = 2000;     // for a connected peer to send its message
 
 struct Options {
   bool pipes = true;
@@ -40,17 +40,17 @@ Options ReadOptions() {
   return options;
 }
 
-void Say(const std::string& line) {
+void AppendLine(const std::string& line) {
   std::ofstream(lab::LabFolder() + "/agent.txt", std::ios::app) << line << '\n' << std::flush;
 }
 
-// All that one connection says until its end; cut behind what any message has.
-std::vector<std::uint8_t> TakeMessage(int listener) {
+// Reads one connection up to its end, or up to a size above that of any message.
+std::vector<std::uint8_t> ReadMessage(int listener) {
   std::vector<std::uint8_t> message(1024);
   std::size_t size = 0;
   const lab::Descriptor peer(::accept(listener, nullptr, nullptr));
   pollfd ready{peer.Get(), POLLIN, 0};
-  while (peer && size < message.size() && ::poll(&ready, 1, kMessagePatience) > 0) {
+  while (peer && size < message.size() && ::poll(&ready, 1, kMessageMilliseconds) > 0) {
     const ssize_t n = ::recv(peer.Get(), message.data() + size, message.size() - size, 0);
     if (n <= 0) break;
     size += static_cast<std::size_t>(n);
@@ -61,27 +61,27 @@ std::vector<std::uint8_t> TakeMessage(int listener) {
 
 struct Pipe {
   const char* name;
-  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to go
+  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to exit
   lab::LocalListener listener;
 };
 
 bool Open(Pipe* pipe) {
   std::string problem;
   if (pipe->listener.Open(lab::LabFolder() + "/pipe/" + pipe->name, &problem)) return true;
-  Say(problem);
+  AppendLine(problem);
   return false;
 }
 
-// False when the agent was told to go.
+// Returns false after the order to exit.
 bool Serve(const Pipe& pipe) {
-  const std::vector<std::uint8_t> message = TakeMessage(pipe.listener.Get());
-  if (pipe.describe != nullptr) return Say(pipe.describe(message)), true;
-  if (!lab_agent::IsTerminate(message)) return Say("an order that is none"), true;
-  Say("told to go");
-  return false;
+  const std::vector<std::uint8_t> message = ReadMessage(pipe.listener.Get());
+  const bool isOrder = pipe.describe == nullptr;
+  const bool exits = isOrder && lab_agent::IsTerminate(message);
+  AppendLine(!isOrder ? pipe.describe(message) : exits ? "told to go" : "unknown order");
+  return !exits;
 }
 
-bool LabIsThere() { return ::access(lab::LabFolder().c_str(), F_OK) == 0; }
+bool LabExists() { return ::access(lab::LabFolder().c_str(), F_OK) == 0; }
 
 int Run(const Options& options) {
   Pipe pipes[] = {{"KVMAgentPipe", nullptr, {}},
@@ -89,13 +89,14 @@ int Run(const Options& options) {
                   {"KVMAgentMouse", lab_agent::DescribeMouse, {}}};
   for (Pipe& pipe : pipes)
     if (options.pipes && !Open(&pipe)) return 1;
-  Say("agent " + std::to_string(::getpid()) + " runs");
-  while ((!options.pipes || options.hang) && LabIsThere()) ::poll(nullptr, 0, kLookMilliseconds);
+  AppendLine("agent " + std::to_string(::getpid()) + " runs");
+  while ((!options.pipes || options.hang) && LabExists())
+    ::poll(nullptr, 0, kFolderCheckMilliseconds);
   for (long served = 0; options.events < 0 || served < options.events;) {
     pollfd fds[3];
     for (int i = 0; i < 3; ++i) fds[i] = {pipes[i].listener.Get(), POLLIN, 0};
-    if (::poll(fds, 3, kLookMilliseconds) <= 0) {
-      if (!LabIsThere()) return 0;
+    if (::poll(fds, 3, kFolderCheckMilliseconds) <= 0) {
+      if (!LabExists()) return 0;
       continue;
     }
     for (int i = 0; i < 3; ++i) {
@@ -104,7 +105,7 @@ int Run(const Options& options) {
       ++served;
     }
   }
-  Say("dies");
+  AppendLine("dies");
   return 3;
 }
 

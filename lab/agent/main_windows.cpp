@@ -1,7 +1,6 @@
 // KVM_Agent.exe, the stand-in of the program that plays a viewer's input into the console, for
 // Windows test machines and Wine: it serves the three pipes and appends each event in words to
-// KVM_Agent.txt in the common application data folder. It takes no arguments, since its launcher
-// gives none.
+// KVM_Agent.txt in the common application data folder. Its launcher passes no arguments.
 #include <windows.h>
 // This needs windows.h.
 #include <shlobj.h>
@@ -26,29 +25,30 @@ using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
 std::string OutputPath() {
   char folder[MAX_PATH] = "";
+  // Without the folder the lines have no place, and without lines the tests fail.
   (void)SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, folder);
   return std::string(folder) + "\\KVM_Agent.txt";
 }
 
-void Say(const std::string& line) {
+void AppendLine(const std::string& line) {
   static std::mutex lock;
   const std::lock_guard guard(lock);
   const Object file(CreateFileA(OutputPath().c_str(), FILE_APPEND_DATA,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                 OPEN_ALWAYS, 0, nullptr));
   const std::string text = line + "\n";
-  DWORD written;
+  DWORD written;  // not checked, as above
   (void)WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
 struct Pipe {
   const char* name;
-  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to go
+  std::string (*describe)(lab_agent::Message);  // null: the pipe of the order to exit
   std::deque<Object> instances;                 // free ones, the oldest first
 };
 
-// The service never waits for an instance: what comes while none is free is lost. This many take
-// the events of a typed sentence in one go.
+// The service never waits for an instance: a message that arrives while none is free is lost. This
+// many suffice for the events of a typed sentence.
 constexpr std::size_t kFreeInstances = 200;
 
 HANDLE MakeInstance(const Pipe& pipe) {
@@ -57,8 +57,8 @@ HANDLE MakeInstance(const Pipe& pipe) {
                           PIPE_UNLIMITED_INSTANCES, 1024, 1024, 0, nullptr);
 }
 
-// All that one connection says until its end; cut behind what any message has.
-std::vector<std::uint8_t> TakeMessage(HANDLE instance) {
+// Reads one connection up to its end, or up to a size above that of any message.
+std::vector<std::uint8_t> ReadMessage(HANDLE instance) {
   std::vector<std::uint8_t> message(1024);
   DWORD size = 0, n = 0;
   while (size < message.size() &&
@@ -71,24 +71,24 @@ std::vector<std::uint8_t> TakeMessage(HANDLE instance) {
 }
 
 void Serve(const Pipe& pipe, HANDLE instance) {
-  const std::vector<std::uint8_t> message = TakeMessage(instance);
-  if (pipe.describe != nullptr) return Say(pipe.describe(message));
-  if (!lab_agent::IsTerminate(message)) return Say("an order that is none");
-  Say("told to go");
+  const std::vector<std::uint8_t> message = ReadMessage(instance);
+  if (pipe.describe != nullptr) return AppendLine(pipe.describe(message));
+  if (!lab_agent::IsTerminate(message)) return AppendLine("unknown order");
+  AppendLine("told to go");
   ExitProcess(0);
 }
 
-// A client may have come before the wait for one, and may have said its message and gone.
+// A client may have connected before the wait for one, and may have closed after its message.
 bool HasHadClient(DWORD error) { return error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA; }
 
-// A client meets the instance that has waited longest, so that one thread a pipe, which serves them
-// by their age, keeps the order of the messages.
+// A client is connected to the oldest instance. One thread for each pipe serves the instances by
+// age and keeps the order of the messages.
 DWORD WINAPI RunPipe(void* parameter) {
   Pipe& pipe = *static_cast<Pipe*>(parameter);
   for (;; pipe.instances.pop_front()) {
     HANDLE instance = pipe.instances.front().get();
     if (!ConnectNamedPipe(instance, nullptr) && !HasHadClient(GetLastError())) {
-      Say(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
+      AppendLine(std::string(pipe.name) + ": no client, error " + std::to_string(GetLastError()));
       return 1;
     }
     Serve(pipe, instance);
@@ -106,7 +106,7 @@ int main() {
     while (pipe.instances.size() < kFreeInstances) pipe.instances.emplace_back(MakeInstance(pipe));
   HANDLE threads[3];
   for (int i = 0; i < 3; ++i) threads[i] = CreateThread(nullptr, 0, RunPipe, &pipes[i], 0, nullptr);
-  Say("agent " + std::to_string(GetCurrentProcessId()) + " runs");
+  AppendLine("agent " + std::to_string(GetCurrentProcessId()) + " runs");
   WaitForMultipleObjects(3, threads, TRUE, INFINITE);
   return 1;
 }

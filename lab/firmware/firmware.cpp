@@ -1,9 +1,16 @@
 #include "lab/firmware/firmware.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cstring>
+#include <deque>
+#include <map>
+#include <set>
+#include <utility>
 
 #include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
+#include "lab/firmware/firmware_actions.h"
 
 namespace orrin {
 namespace {
@@ -13,290 +20,388 @@ constexpr std::uint32_t kErrorInvalidFunction = 1;
 constexpr std::uint32_t kErrorInvalidParameter = 87;
 constexpr std::uint32_t kErrorNoSystemResources = 1450;
 
-// The service keeps so many reads outstanding; with the last of them the mailbox is ready.
+// The number of reads that the service keeps outstanding. With the last of them the mailbox is
+// ready.
 constexpr std::uint64_t kReadsOfService = 10;
-// Bulk output stops at so much that the link hasn't taken, and at so many frames that no read of
-// the host has taken.
+// Bounds of bulk output: bytes that the link has not taken, and frames for which the host has armed
+// no read.
 constexpr std::size_t kMaxLinkQueue = std::size_t{1} << 20;
 constexpr std::uint64_t kMaxFramesAhead = 32;
-// What a silent firmware keeps before it refuses more.
+// What a silent firmware holds before it refuses more.
 constexpr std::size_t kMaxHeldRequests = 4096;
 constexpr std::size_t kMaxHeldBytes = std::size_t{64} << 20;
 constexpr std::size_t kMaxShownBytes = 1024;
 
+struct Request {
+  std::uint64_t id;
+  std::uint32_t code;
+  std::uint32_t outputSize;
+  Bytes input;
+};
+
+// Requests that end with an error.
+struct Failure {
+  std::uint32_t error;
+  std::optional<std::uint64_t> countLeft;  // nothing: all, until it is removed
+};
+
+enum class PeekOwner : std::uint8_t { kPrompt, kConsole };
+
+unsigned long long Printed(std::uint64_t number) { return number; }
+
 }  // namespace
 
-Firmware::Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls)
-    : trace_(trace), link_(link), tls_(tls), kvm_(*this) {}
+struct FirmwareState final : DashOutput, KvmOutput {
+  FirmwareState(Trace& firmwareTrace, LinkWriter& linkWriter, const TlsContext& tls)
+      : trace(firmwareTrace), link(linkWriter), context(firmwareTrace, tls, *this, *this) {}
 
-void Firmware::MailboxArrived() {
-  hasMailbox_ = true;
-  readsArmed_ = readsSpent_ = 0;
-  saidArmed_ = false;
-  kvm_.HostArrived();
-  trace_.Note("a mailbox end has connected");
+  // DashOutput, KvmOutput.
+  void SendDashBytes(ByteView bytes) override;
+  void SendKvmBytes(ByteView bytes) override;
+  void PokeInput(std::uint32_t offset, ByteView bytes) override;
+  void PeekInput(std::uint32_t offset, std::uint32_t count) override;
+  void SendCommand(std::uint8_t code) override;
+  bool HasRoom() const override;
+  void AddNote(const std::string& words) override { trace.AddNote(words); }
+
+  void SendFrame(ByteView frame, const std::string& words);
+  bool Peek(PeekOwner owner, std::uint64_t region, std::uint32_t offset, std::uint32_t count);
+  bool IsSilent(std::uint32_t code) const { return silentAll || silent.contains(code); }
+
+  Trace& trace;
+  LinkWriter& link;
+  bool hasMailbox = false;
+
+  std::uint64_t readsArmed = 0;
+  std::uint64_t readsSpent = 0;
+  bool reportedArmed = false;
+
+  bool silentAll = false;
+  std::set<std::uint32_t> silent;
+  std::deque<Request> held;
+  std::size_t heldBytes = 0;
+  std::map<std::uint32_t, Failure> failures;
+  std::optional<Failure> failureOfAll;
+
+  std::deque<PeekOwner> peeks;  // answers come in the order of the requests
+  ActionContext context;
+};
+
+namespace {
+
+void ResetReads(FirmwareState& state) {
+  state.readsArmed = state.readsSpent = 0;
+  state.reportedArmed = false;
 }
 
-void Firmware::MailboxLeft(const std::string& why) {
-  hasMailbox_ = false;
-  held_.clear();
-  heldBytes_ = 0;
-  dash_.reset();
-  kvm_.HostLeft();
-  peeks_.clear();
-  link_.Clear();
-  trace_.Note("the mailbox end has gone: " + why);
+void ForgetHeld(FirmwareState& state) {
+  state.held.clear();
+  state.heldBytes = 0;
 }
 
-bool Firmware::Take(const LinkMessage& message) {
-  switch (message.head.kind) {
-    case lablink::kOpen:
-    case lablink::kClose:
-      TakeHandle(message.head);
-      return true;
-    case lablink::kRequest:
-      return TakeRequest(message);
-    case lablink::kCancel:
-      TakeCancel(message.head);
-      return true;
-    case lablink::kRead:
-      TakeRead(message.head);
-      return true;
-    case lablink::kMemory:
-      TakeMemory(message);
-      return true;
-    default:
-      trace_.HostToFirmware(Format("message of unknown kind %u, %u bytes: passed over",
-                                   message.head.kind, message.head.length));
-      return true;
-  }
-}
+// --- requests ---
 
-void Firmware::TakeHandle(const lablink::Head& head) {
-  const bool opens = head.kind == lablink::kOpen;
-  const bool isRequestHandle = head.word == 1;
-  trace_.HostToFirmware(Format("%s of the %s handle, number %llu", opens ? "OPEN" : "CLOSE",
-                               isRequestHandle ? "request" : "interrupt",
-                               static_cast<unsigned long long>(head.id)));
-  if (isRequestHandle) {
-    // A new process behind an old link has a new region too.
-    if (opens) kvm_.HostArrived();
-    // Nobody waits any longer for what that handle asked.
-    if (!opens) held_.clear();
-    if (!opens) heldBytes_ = 0;
-    return;
-  }
-  readsArmed_ = readsSpent_ = 0;
-  saidArmed_ = false;
-}
-
-void Firmware::TakeRead(const lablink::Head&) {
-  readsArmed_++;
-  if (readsArmed_ != kReadsOfService || saidArmed_) return;
-  saidArmed_ = true;
-  trace_.HostToFirmware(
-      Format("ten reads armed (%llu)", static_cast<unsigned long long>(kReadsOfService)));
-}
-
-void Firmware::TakeCancel(const lablink::Head& head) {
-  const auto id = static_cast<unsigned long long>(head.id);
-  for (auto request = held_.begin(); request != held_.end(); ++request) {
-    if (request->id != head.id) continue;
-    trace_.HostToFirmware(Format("CANCEL of request %llu, which was held", id));
-    heldBytes_ -= request->input.size();
-    held_.erase(request);
-    return;
-  }
-  trace_.HostToFirmware(Format("CANCEL of request %llu, which isn't held", id));
-}
-
-void Firmware::TakeMemory(const LinkMessage& message) {
-  const bool isForConsole = !peeks_.empty() && peeks_.front();
-  if (!peeks_.empty()) peeks_.pop_front();
-  if (isForConsole) return kvm_.InputMemory(message.body);
-  const ByteView shown = message.body.first(std::min(message.body.size(), kMaxShownBytes));
-  trace_.HostToFirmware(Format("memory of region %llu at offset %u, %zu bytes: ",
-                               static_cast<unsigned long long>(message.head.id), message.head.word,
-                               message.body.size()) +
-                        HexFromBytes(shown) + (shown.size() < message.body.size() ? " ..." : ""));
-}
-
-bool Firmware::TakeRequest(const LinkMessage& message) {
-  Request request{message.head.id, message.head.word, 0, {}};
-  if (message.body.size() < sizeof(request.outputSize)) return false;
-  std::memcpy(&request.outputSize, message.body.data(), sizeof(request.outputSize));
-  const ByteView input = message.body.subspan(sizeof(request.outputSize));
-  request.input.assign(input.begin(), input.end());
-  trace_.HostToFirmware(DescribeRequest(request));
-  if (!IsSilent(request.code)) {
-    Serve(request);
-    return true;
-  }
-  if (held_.size() >= kMaxHeldRequests || heldBytes_ + input.size() > kMaxHeldBytes) {
-    trace_.Note("too many requests are held; this one is refused");
-    Complete(request, kErrorNoSystemResources, {});
-    return true;
-  }
-  trace_.Note(
-      Format("request %llu is held unanswered", static_cast<unsigned long long>(request.id)));
-  heldBytes_ += input.size();
-  held_.push_back(std::move(request));
-  return true;
-}
-
-bool Firmware::IsSilent(std::uint32_t code) const { return silentAll_ || silent_.contains(code); }
-
-void Firmware::Serve(const Request& request) {
-  const Operation* operation = FindOperation(request.code);
-  if (!operation) return Complete(request, kErrorInvalidFunction, {});
-  if (!FitsInput(*operation, request.input)) return Complete(request, kErrorInvalidParameter, {});
-  if (const std::uint32_t error = TakeFailure(request.code)) {
-    trace_.Note(Format("%s fails with error %u, as told", operation->name, error));
-    return Complete(request, error, {});
-  }
-  const Action* action = FindAction(request.code);
-  const bool answers = action && action->answer;
-  Complete(request, 0, answers ? (this->*action->answer)(request.input) : Bytes());
-  if (action && action->act) (this->*action->act)(request.input);
-}
-
-void Firmware::Complete(const Request& request, std::uint32_t error, ByteView output) {
+void Complete(FirmwareState& state, const Request& request, std::uint32_t error, ByteView output) {
   const std::size_t count = std::min<std::size_t>(output.size(), request.outputSize);
-  link_.Send(lablink::kComplete, request.id, error, output.first(count));
+  state.link.Send(lablink::kComplete, request.id, error, output.first(count));
 }
 
-std::uint32_t Firmware::TakeFailure(std::uint32_t code) {
-  const auto one = failures_.find(code);
-  Failure* failure = one != failures_.end() ? &one->second
-                     : failureOfAll_        ? &*failureOfAll_
-                                            : nullptr;
-  if (!failure) return 0;
-  const std::uint32_t error = failure->error;
-  if (!failure->countLeft || --*failure->countLeft > 0) return error;
-  if (one != failures_.end()) {
-    failures_.erase(one);
+// Returns the error that a request of this operation ends with, or 0, and counts it off.
+std::uint32_t NextFailure(FirmwareState& state, std::uint32_t code) {
+  const auto one = state.failures.find(code);
+  const bool isOfOne = one != state.failures.end();
+  if (!isOfOne && !state.failureOfAll) return 0;
+  Failure& failure = isOfOne ? one->second : *state.failureOfAll;
+  const std::uint32_t error = failure.error;
+  if (!failure.countLeft || --*failure.countLeft > 0) return error;
+  if (isOfOne) {
+    state.failures.erase(one);
   } else {
-    failureOfAll_.reset();
+    state.failureOfAll.reset();
   }
   return error;
 }
 
-void Firmware::SetSilence(const Operation* operation, bool on) {
-  if (operation) {
-    on ? (void)silent_.insert(operation->code) : (void)silent_.erase(operation->code);
-  } else {
-    silentAll_ = on;
-    if (!on) silent_.clear();
+void Serve(FirmwareState& state, const Request& request) {
+  const Operation* operation = FindOperation(request.code);
+  if (operation == nullptr) return Complete(state, request, kErrorInvalidFunction, {});
+  if (!FitsInput(*operation, request.input)) {
+    return Complete(state, request, kErrorInvalidParameter, {});
   }
-  if (!on) AnswerHeld();
+  if (const std::uint32_t error = NextFailure(state, request.code); error != 0) {
+    state.trace.AddNote(Format("%s fails with error %u, as set", operation->name, error));
+    return Complete(state, request, error, {});
+  }
+  const Action* action = FindAction(request.code);
+  const bool answers = action != nullptr && action->answer != nullptr;
+  const Bytes answer = answers ? action->answer(state.context, request.input) : Bytes();
+  Complete(state, request, 0, answer);
+  if (action != nullptr && action->act != nullptr) action->act(state.context, request.input);
 }
 
-void Firmware::AnswerHeld() {
-  std::deque<Request> held = std::exchange(held_, {});
-  heldBytes_ = 0;
+void AnswerHeld(FirmwareState& state) {
+  std::deque<Request> held = std::exchange(state.held, {});
+  state.heldBytes = 0;
   for (Request& request : held) {
-    if (!IsSilent(request.code)) {
-      Serve(request);
+    if (!state.IsSilent(request.code)) {
+      Serve(state, request);
       continue;
     }
-    heldBytes_ += request.input.size();
-    held_.push_back(std::move(request));
+    state.heldBytes += request.input.size();
+    state.held.push_back(std::move(request));
   }
 }
 
-void Firmware::SetFailure(const Operation* operation, std::uint32_t error,
-                          std::optional<std::uint64_t> count) {
-  const bool takesBack = error == 0 || count == 0u;
-  if (!operation) {
-    failureOfAll_.reset();
-    if (takesBack) return failures_.clear();
-    failureOfAll_ = Failure{error, count};
-    return;
-  }
-  failures_.erase(operation->code);
-  if (!takesBack) failures_[operation->code] = Failure{error, count};
-}
+// --- messages of the mailbox end ---
 
-bool Firmware::SendFrame(ByteView frame, const std::string& words) {
-  if (!hasMailbox_) {
-    trace_.Note("no mailbox end is connected; not sent: " + words);
-    return false;
+bool HandleRequest(FirmwareState& state, const LinkMessage& message) {
+  Request request{message.head.id, message.head.word, 0, {}};
+  if (message.body.size() < sizeof request.outputSize) return false;
+  std::memcpy(&request.outputSize, message.body.data(), sizeof request.outputSize);
+  const ByteView input = message.body.subspan(sizeof request.outputSize);
+  request.input.assign(input.begin(), input.end());
+  state.trace.HostToFirmware(
+      DescribeRequest(state.context, request.code, request.input, request.outputSize));
+  if (!state.IsSilent(request.code)) {
+    Serve(state, request);
+    return true;
   }
-  if (frame.size() > lablink::kMaxFrame) {
-    trace_.Note("longer than a frame can be; not sent: " + words);
-    return false;
+  if (state.held.size() >= kMaxHeldRequests || state.heldBytes + input.size() > kMaxHeldBytes) {
+    state.trace.AddNote("too many requests are held; this one is refused");
+    Complete(state, request, kErrorNoSystemResources, {});
+    return true;
   }
-  readsSpent_++;
-  link_.Send(lablink::kFrame, 0, 0, frame);
-  trace_.FirmwareToHost(words);
+  state.trace.AddNote(Format("request %llu is held unanswered", Printed(request.id)));
+  state.heldBytes += input.size();
+  state.held.push_back(std::move(request));
   return true;
 }
 
-bool Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {
-  const Bytes frame = MakeFrame(code, payload);
-  return SendFrame(frame, DescribeFrame(frame));
+bool HandleOpenOrClose(FirmwareState& state, const LinkMessage& message) {
+  const bool opens = message.head.kind == lablink::kOpen;
+  const bool isRequestHandle = message.head.word == 1;
+  state.trace.HostToFirmware(Format("%s of the %s handle, number %llu", opens ? "OPEN" : "CLOSE",
+                                    isRequestHandle ? "request" : "interrupt",
+                                    Printed(message.head.id)));
+  if (!isRequestHandle) {
+    ResetReads(state);
+  } else if (opens) {
+    state.context.kvm.HandleHostArrival();  // a new process has a new region
+  } else {
+    ForgetHeld(state);
+  }
+  return true;
 }
 
-bool Firmware::SendRawFrame(ByteView frame) { return SendFrame(frame, DescribeFrame(frame)); }
+bool HandleRead(FirmwareState& state, const LinkMessage&) {
+  ++state.readsArmed;
+  if (state.readsArmed != kReadsOfService || state.reportedArmed) return true;
+  state.reportedArmed = true;
+  state.trace.HostToFirmware(Format("ten reads armed (%llu)", Printed(kReadsOfService)));
+  return true;
+}
+
+bool HandleCancel(FirmwareState& state, const LinkMessage& message) {
+  const std::uint64_t id = message.head.id;
+  const auto request = std::find_if(state.held.begin(), state.held.end(),
+                                    [id](const Request& held) { return held.id == id; });
+  if (request == state.held.end()) {
+    state.trace.HostToFirmware(Format("CANCEL of request %llu, which is not held", Printed(id)));
+    return true;
+  }
+  state.trace.HostToFirmware(Format("CANCEL of request %llu, which was held", Printed(id)));
+  state.heldBytes -= request->input.size();
+  state.held.erase(request);
+  return true;
+}
+
+bool HandleMemory(FirmwareState& state, const LinkMessage& message) {
+  PeekOwner owner = PeekOwner::kPrompt;
+  if (!state.peeks.empty()) {
+    owner = state.peeks.front();
+    state.peeks.pop_front();
+  }
+  if (owner == PeekOwner::kConsole) {
+    state.context.kvm.HandleInputMemory(message.body);
+    return true;
+  }
+  const ByteView shown = message.body.first(std::min(message.body.size(), kMaxShownBytes));
+  state.trace.HostToFirmware(
+      Format("memory of region %llu at offset %u, %zu bytes: ", Printed(message.head.id),
+             message.head.word, message.body.size()) +
+      HexFromBytes(shown) + (shown.size() < message.body.size() ? " ..." : ""));
+  return true;
+}
+
+struct MessageRow {
+  lablink::Kind kind;
+  bool (*handle)(FirmwareState& state, const LinkMessage& message);  // false: malformed
+};
+
+constexpr MessageRow kMessages[] = {
+    {lablink::kOpen, HandleOpenOrClose}, {lablink::kClose, HandleOpenOrClose},
+    {lablink::kRequest, HandleRequest},  {lablink::kCancel, HandleCancel},
+    {lablink::kRead, HandleRead},        {lablink::kMemory, HandleMemory},
+};
+
+}  // namespace
+
+// --- output ---
+
+void FirmwareState::SendFrame(ByteView frame, const std::string& words) {
+  if (!hasMailbox) return trace.AddNote("no mailbox end is connected; not sent: " + words);
+  if (frame.size() > lablink::kMaxFrame) {
+    return trace.AddNote("longer than a frame can be; not sent: " + words);
+  }
+  ++readsSpent;
+  link.Send(lablink::kFrame, 0, 0, frame);
+  trace.FirmwareToHost(words);
+}
+
+void FirmwareState::SendDashBytes(ByteView bytes) {
+  const Bytes frame = MakeFrame(kDashData, bytes);
+  SendFrame(frame, DescribeFrame(frame) + ", " + context.toPeer.Describe(bytes));
+}
+
+void FirmwareState::SendKvmBytes(ByteView bytes) {
+  const Bytes frame = MakeFrame(kKvmData, bytes);
+  SendFrame(frame, DescribeFrame(frame));
+}
+
+void FirmwareState::SendCommand(std::uint8_t code) {
+  const Bytes frame = MakeFrame(code, {});
+  SendFrame(frame, DescribeFrame(frame));
+}
+
+// Adds no line to the trace: the console has one for each event.
+void FirmwareState::PokeInput(std::uint32_t offset, ByteView bytes) {
+  if (hasMailbox) link.Send(lablink::kPoke, lablink::kKeyboardMouseRegion, offset, bytes);
+}
+
+void FirmwareState::PeekInput(std::uint32_t offset, std::uint32_t count) {
+  // Without a mailbox end the console is without a host as well.
+  (void)Peek(PeekOwner::kConsole, lablink::kKeyboardMouseRegion, offset, count);
+}
+
+bool FirmwareState::Peek(PeekOwner owner, std::uint64_t region, std::uint32_t offset,
+                         std::uint32_t count) {
+  if (!hasMailbox) return false;
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&count);
+  link.Send(lablink::kPeek, region, offset, {bytes, sizeof count});
+  peeks.push_back(owner);
+  return true;
+}
+
+// The reads of a mailbox end that reports none do not count.
+bool FirmwareState::HasRoom() const {
+  const bool readsKeepUp = readsArmed == 0 || readsSpent < readsArmed + kMaxFramesAhead;
+  return link.Pending() < kMaxLinkQueue && readsKeepUp;
+}
+
+std::uint32_t RegionSize(std::uint64_t region) {
+  if (region == lablink::kKeyboardMouseRegion) return lablink::kKeyboardMouseRegionSize;
+  if (region == lablink::kLogRegion) return lablink::kLogRegionSize;
+  return 0;
+}
+
+// --- the firmware ---
+
+Firmware::Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls)
+    : state_(std::make_unique<FirmwareState>(trace, link, tls)) {}
+
+Firmware::~Firmware() = default;
+
+void Firmware::HandleMailboxArrival() {
+  assert(!state_->hasMailbox);
+  state_->hasMailbox = true;
+  ResetReads(*state_);
+  state_->context.kvm.HandleHostArrival();
+  state_->trace.AddNote("a mailbox end has connected");
+}
+
+void Firmware::HandleMailboxLoss(const std::string& why) {
+  assert(state_->hasMailbox);
+  state_->hasMailbox = false;
+  ForgetHeld(*state_);
+  state_->context.dash.reset();
+  state_->context.kvm.HandleHostLoss();
+  state_->peeks.clear();
+  state_->link.Clear();
+  state_->trace.AddNote("the mailbox end has disconnected: " + why);
+}
+
+bool Firmware::HandleMessage(const LinkMessage& message) {
+  for (const MessageRow& row : kMessages) {
+    if (row.kind == message.head.kind) return row.handle(*state_, message);
+  }
+  state_->trace.HostToFirmware(Format("message of unknown kind %u, %u bytes: ignored",
+                                      message.head.kind, message.head.length));
+  return true;
+}
+
+void Firmware::Pump() {
+  DashSession* dash = state_->context.dash.get();
+  if (dash != nullptr && dash->IsWaitingForRoom() && state_->HasRoom()) dash->Pump();
+  if (state_->hasMailbox) state_->context.kvm.Pump();
+}
+
+int Firmware::MillisecondsLeft() const { return state_->context.kvm.MillisecondsLeft(); }
+
+FirmwareFacts& Firmware::Facts() { return state_->context.facts; }
+const Inventory& Firmware::Reported() const { return state_->context.inventory; }
+KvmConsole& Firmware::Kvm() { return state_->context.kvm; }
+
+void Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {
+  SendRawFrame(MakeFrame(code, payload));
+}
+
+void Firmware::SendRawFrame(ByteView frame) { state_->SendFrame(frame, DescribeFrame(frame)); }
 
 bool Firmware::FailRead(std::uint32_t error) {
-  if (!hasMailbox_) return false;
-  readsSpent_++;
-  link_.Send(lablink::kFailRead, 0, error, {});
-  trace_.FirmwareToHost(Format("the oldest read fails with error %u", error));
+  if (!state_->hasMailbox) return false;
+  ++state_->readsSpent;
+  state_->link.Send(lablink::kFailRead, 0, error, {});
+  state_->trace.FirmwareToHost(Format("the oldest read fails with error %u", error));
   return true;
 }
 
 bool Firmware::Poke(std::uint64_t region, std::uint32_t offset, ByteView bytes) {
-  if (!hasMailbox_) return false;
-  link_.Send(lablink::kPoke, region, offset, bytes);
-  trace_.FirmwareToHost(Format("%zu bytes into region %llu at offset %u", bytes.size(),
-                               static_cast<unsigned long long>(region), offset));
+  assert(bytes.size() <= RegionSize(region) && offset <= RegionSize(region) - bytes.size());
+  if (!state_->hasMailbox) return false;
+  state_->link.Send(lablink::kPoke, region, offset, bytes);
+  state_->trace.FirmwareToHost(
+      Format("%zu bytes into region %llu at offset %u", bytes.size(), Printed(region), offset));
   return true;
 }
 
 bool Firmware::Peek(std::uint64_t region, std::uint32_t offset, std::uint32_t count) {
-  if (!hasMailbox_) return false;
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&count);
-  link_.Send(lablink::kPeek, region, offset, {bytes, sizeof(count)});
-  peeks_.push_back(false);
-  return true;
+  assert(count <= RegionSize(region) && offset <= RegionSize(region) - count);
+  return state_->Peek(PeekOwner::kPrompt, region, offset, count);
 }
 
-void Firmware::SendKvmBytes(ByteView bytes) {
-  const Bytes frame = MakeFrame(kKvmData, bytes);
-  (void)SendFrame(frame, DescribeFrame(frame));
+void Firmware::SetSilence(const Operation* operation, bool on) {
+  if (operation == nullptr) {
+    state_->silentAll = on;
+    if (!on) state_->silent.clear();
+  } else if (on) {
+    state_->silent.insert(operation->code);
+  } else {
+    state_->silent.erase(operation->code);
+  }
+  if (!on) AnswerHeld(*state_);
 }
 
-// Input goes into the rings at the rate of its events: the console says what it was, once, and the
-// words of the messages would only repeat it.
-void Firmware::PokeInput(std::uint32_t offset, ByteView bytes) {
-  if (hasMailbox_) link_.Send(lablink::kPoke, lablink::kKeyboardMouseRegion, offset, bytes);
-}
-
-void Firmware::PeekInput(std::uint32_t offset, std::uint32_t count) {
-  if (Peek(lablink::kKeyboardMouseRegion, offset, count)) peeks_.back() = true;
-}
-
-void Firmware::SendDashBytes(ByteView bytes) {
-  const Bytes frame = MakeFrame(kDashData, bytes);
-  (void)SendFrame(frame, DescribeFrame(frame) + ", " + toPeer_.Describe(bytes));
-}
-
-// Without a mailbox end there is no session either, so nothing is lost unsaid.
-void Firmware::SendCommand(std::uint8_t code) { (void)SendCommandFrame(code, {}); }
-
-// A mailbox end that tells nothing of its reads isn't held back by them.
-bool Firmware::HasRoom() const {
-  const bool readsKeepUp = readsArmed_ == 0 || readsSpent_ < readsArmed_ + kMaxFramesAhead;
-  return link_.Pending() < kMaxLinkQueue && readsKeepUp;
-}
-
-void Firmware::Say(const std::string& words) { trace_.Note(words); }
-
-void Firmware::Pump() {
-  if (dash_ && dash_->IsWaitingForRoom() && HasRoom()) dash_->Pump();
-  if (hasMailbox_) kvm_.Pump();
+void Firmware::SetFailure(const Operation* operation, std::uint32_t error,
+                          std::optional<std::uint64_t> count) {
+  const bool removes = error == 0 || count == 0u;
+  if (operation == nullptr) {
+    state_->failureOfAll.reset();
+    if (removes) return state_->failures.clear();
+    state_->failureOfAll = Failure{error, count};
+    return;
+  }
+  state_->failures.erase(operation->code);
+  if (!removes) state_->failures[operation->code] = Failure{error, count};
 }
 
 }  // namespace orrin

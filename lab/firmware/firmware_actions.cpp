@@ -1,175 +1,201 @@
-// What the firmware does with each operation: how it reads in the trace, what it changes, what it
-// answers. Inputs have passed FitsInput when an action or an answer runs.
+#include "lab/firmware/firmware_actions.h"
+
+#include <cassert>
 #include <cstring>
 
 #include "lab/firmware/core/describe.h"
+#include "lab/firmware/core/operations.h"
 #include "lab/firmware/core/text.h"
-#include "lab/firmware/firmware.h"
 
 namespace orrin {
 namespace {
 
 constexpr std::uint32_t kProvisioned = 2;
 constexpr std::uint32_t kNotProvisioned = 1;
-// Any address but zero: the mailbox end puts the real one in its place.
+// Any address but zero: the mailbox end replaces it by the real one.
 constexpr std::uint64_t kSomeAddress = 0x1000;
 
-// REQUIRES: four bytes.
-std::uint32_t U32(ByteView input) { return *ReadRecord<std::uint32_t>(input); }
-std::uint16_t U16(ByteView input) { return *ReadRecord<std::uint16_t>(input); }
+// Reads an input whose size FitsInput has checked.
+template <class Record>
+Record Input(ByteView input) {
+  const auto record = ReadRecord<Record>(input);
+  assert(record);
+  return *record;
+}
+
+std::uint32_t U32(ByteView input) { return Input<std::uint32_t>(input); }
+std::uint16_t U16(ByteView input) { return Input<std::uint16_t>(input); }
+
+// --- descriptions ---
+
+std::string DescribeStatus(ActionContext&, ByteView input) {
+  return DescribeServiceStatus(U32(input));
+}
+
+std::string DescribeBooted(ActionContext&, ByteView input) {
+  return DescribeNetworkStatus(U32(input));
+}
+
+std::string DescribePresence(ActionContext&, ByteView input) {
+  return DescribeUserPresence(U32(input));
+}
+
+std::string DescribeS5(ActionContext&, ByteView input) {
+  return Format("the host is going to S5 (%u)", U16(input));
+}
+
+template <class Record>
+std::string DescribeRecord(ActionContext&, ByteView input) {
+  return Describe(Input<Record>(input));
+}
+
+std::string DescribeClose(ActionContext&, ByteView input) { return DescribeClosedPort(U16(input)); }
+
+std::string DescribeDash(ActionContext& context, ByteView input) {
+  return Format("%zu bytes, ", input.size()) + context.fromPeer.Describe(input);
+}
+
+std::string DescribeKvm(ActionContext&, ByteView input) {
+  return Format("%zu bytes", input.size());
+}
+
+// --- effects ---
+
+void StoreStatus(ActionContext& context, ByteView input) {
+  context.inventory.serviceStatus = U32(input);
+  ++context.inventory.reports.serviceStatus;
+}
+
+void StoreBooted(ActionContext& context, ByteView input) {
+  context.inventory.networkStatus = U32(input);
+  ++context.inventory.reports.networkStatus;
+}
+
+void StorePresence(ActionContext& context, ByteView input) {
+  context.inventory.userPresence = U32(input);
+  ++context.inventory.reports.userPresence;
+}
+
+void StoreOs(ActionContext& context, ByteView input) {
+  context.inventory.os = Input<OsRecord>(input);
+  ++context.inventory.reports.os;
+}
+
+void StoreNetwork(ActionContext& context, ByteView input) {
+  context.inventory.network = Input<NetworkRecord>(input);
+  ++context.inventory.reports.network;
+}
+
+void EndDash(ActionContext& context, const char* why) {
+  if (context.dash != nullptr) context.trace.AddNote(std::string("DASH: session ended, ") + why);
+  context.dash.reset();
+}
+
+void BeginDash(ActionContext& context) {
+  assert(context.tls.IsGood());
+  EndDash(context, "another connection replaces it");
+  context.fromPeer = context.toPeer = TlsRecordWatch();
+  context.dash = std::make_unique<DashSession>(
+      context.tls, PageFacts{context.inventory, context.facts.version}, context.dashOutput);
+}
+
+void HandleIp(ActionContext& context, ByteView input) {
+  const auto record = Input<IpRecord>(input);
+  if (record.localPort == kDashPort) return BeginDash(context);
+  if (record.localPort == kKvmPort) return context.kvm.Begin();
+  context.inventory.ip = record;
+  ++context.inventory.reports.ip;
+}
+
+void HandleClose(ActionContext& context, ByteView input) {
+  constexpr char kReason[] = "the host reports the connection's end";
+  if (U16(input) == kDashPort) EndDash(context, kReason);
+  if (U16(input) == kKvmPort) context.kvm.End(kReason);
+}
+
+void ReceiveDash(ActionContext& context, ByteView input) {
+  if (context.dash != nullptr) return context.dash->Receive(input);
+  context.trace.AddNote("DASH: no connection was announced; the bytes are dropped");
+}
+
+void ReceiveKvm(ActionContext& context, ByteView input) { context.kvm.Receive(input); }
+
+void HandleReturnedBuffers(ActionContext& context, ByteView) { context.kvm.HandleRegionReturn(); }
+
+// --- answers ---
+
+Bytes AnswerVersion(ActionContext& context, ByteView) {
+  const FirmwareFacts& facts = context.facts;
+  VersionRecord record{};
+  // One byte less, for the terminating zero.
+  std::memcpy(record.version, facts.version.data(),
+              std::min(facts.version.size(), sizeof record.version - 1));
+  record.provisionStatus = facts.isProvisioned ? kProvisioned : kNotProvisioned;
+  record.kvmStatus = facts.kvmStatus;
+  return BytesOf(record);
+}
+
+Bytes AnswerStatus(ActionContext& context, ByteView) { return {context.facts.orrinStatus}; }
+
+Bytes AnswerRegion(ActionContext&, ByteView) { return BytesOf(RegionRecord{kSomeAddress, 0}); }
+
+Bytes AnswerInputRegion(ActionContext& context, ByteView) {
+  context.kvm.HandleRegionRequest();  // empties the rings before the host has their address
+  return BytesOf(RegionRecord{context.kvm.WithholdsRegion() ? 0 : kSomeAddress, 0});
+}
+
+Bytes AnswerEcho(ActionContext&, ByteView input) { return {input.begin(), input.end()}; }
+
+constexpr Action kActions[] = {
+    {kWriteDashPacket, DescribeDash, ReceiveDash, nullptr},
+    {kWriteTavrinStatus, DescribeStatus, StoreStatus, nullptr},
+    {kUserPresence, DescribePresence, StorePresence, nullptr},
+    {kGetTavrinVersion, nullptr, nullptr, AnswerVersion},
+    {kSendSystemBooted, DescribeBooted, StoreBooted, nullptr},
+    {kWriteOsInfo, DescribeRecord<OsRecord>, StoreOs, nullptr},
+    {kSendIpInfo, DescribeRecord<IpRecord>, HandleIp, nullptr},
+    {kSendCloseSocket, DescribeClose, HandleClose, nullptr},
+    {kWriteNwInfo, DescribeRecord<NetworkRecord>, StoreNetwork, nullptr},
+    {kWriteKvmPacket, DescribeKvm, ReceiveKvm, nullptr},
+    {kWriteLogBuffer, nullptr, nullptr, AnswerRegion},
+    {kDeAllocateLogBuffer, nullptr, nullptr, AnswerRegion},
+    {kInitializePointers, nullptr, nullptr, AnswerInputRegion},
+    {kDeAllocateKvmBuffers, nullptr, HandleReturnedBuffers, AnswerRegion},
+    {kGetOrrinStatus, nullptr, nullptr, AnswerStatus},
+    {kSetS5Status, DescribeS5, nullptr, nullptr},
+    {kUnnamedFunction002, nullptr, nullptr, AnswerEcho},
+};
 
 }  // namespace
 
-const Firmware::Action Firmware::kActions[] = {
-    {kWriteDashPacket, &Firmware::DescribeDash, &Firmware::ActOnDash, nullptr},
-    {kWriteTavrinStatus, &Firmware::DescribeStatus, &Firmware::ActOnStatus, nullptr},
-    {kUserPresence, &Firmware::DescribePresence, &Firmware::ActOnPresence, nullptr},
-    {kGetTavrinVersion, nullptr, nullptr, &Firmware::AnswerVersion},
-    {kSendSystemBooted, &Firmware::DescribeBooted, &Firmware::ActOnBooted, nullptr},
-    {kWriteOsInfo, &Firmware::DescribeOs, &Firmware::ActOnOs, nullptr},
-    {kSendIpInfo, &Firmware::DescribeIp, &Firmware::ActOnIp, nullptr},
-    {kSendCloseSocket, &Firmware::DescribeClose, &Firmware::ActOnClose, nullptr},
-    {kWriteNwInfo, &Firmware::DescribeNetwork, &Firmware::ActOnNetwork, nullptr},
-    {kWriteKvmPacket, &Firmware::DescribeKvm, &Firmware::ActOnKvm, nullptr},
-    {kWriteLogBuffer, nullptr, nullptr, &Firmware::AnswerRegion},
-    {kDeAllocateLogBuffer, nullptr, nullptr, &Firmware::AnswerRegion},
-    {kInitializePointers, nullptr, nullptr, &Firmware::AnswerInputRegion},
-    {kDeAllocateKvmBuffers, nullptr, &Firmware::ActOnReturnedBuffers, &Firmware::AnswerRegion},
-    {kGetOrrinStatus, nullptr, nullptr, &Firmware::AnswerStatus},
-    {kSetS5Status, &Firmware::DescribeS5, nullptr, nullptr},
-    {kUnnamedFunction002, nullptr, nullptr, &Firmware::AnswerEcho},
-};
-
-const Firmware::Action* Firmware::FindAction(std::uint32_t code) {
+const Action* FindAction(std::uint32_t code) {
   for (const Action& action : kActions) {
     if (action.code == code) return &action;
   }
   return nullptr;
 }
 
-std::string Firmware::DescribeRequest(const Request& request) {
-  const Operation* operation = FindOperation(request.code);
-  if (!operation) {
-    return Format("unknown control code 0x%08x, input %zu bytes, output %u bytes", request.code,
-                  request.input.size(), request.outputSize);
+std::string DescribeRequest(ActionContext& context, std::uint32_t code, ByteView input,
+                            std::uint32_t outputSize) {
+  const Operation* operation = FindOperation(code);
+  if (operation == nullptr) {
+    return Format("unknown control code 0x%08x, input %zu bytes, output %u bytes", code,
+                  input.size(), outputSize);
   }
   std::string words = operation->name;
-  if (!FitsInput(*operation, request.input)) {
-    words += Format(": wrong input size, %zu bytes", request.input.size());
+  if (!FitsInput(*operation, input)) {
+    words += Format(": wrong input size, %zu bytes", input.size());
     if (operation->rule == InputRule::kExact) words += Format(" for %u", operation->inputSize);
     return words;
   }
-  const Action* action = FindAction(request.code);
-  if (action && action->describe) words += ": " + (this->*action->describe)(request.input);
-  if (request.outputSize < operation->outputSize) {
-    words +=
-        Format(": wrong output size, %u bytes for %u", request.outputSize, operation->outputSize);
+  const Action* action = FindAction(code);
+  if (action != nullptr && action->describe != nullptr) {
+    words += ": " + action->describe(context, input);
+  }
+  if (outputSize < operation->outputSize) {
+    words += Format(": wrong output size, %u bytes for %u", outputSize, operation->outputSize);
   }
   return words;
 }
-
-std::string Firmware::DescribeStatus(ByteView input) { return DescribeServiceStatus(U32(input)); }
-std::string Firmware::DescribeBooted(ByteView input) { return DescribeNetworkStatus(U32(input)); }
-std::string Firmware::DescribePresence(ByteView input) { return DescribeUserPresence(U32(input)); }
-
-std::string Firmware::DescribeS5(ByteView input) {
-  return Format("the host is going to S5 (%u)", U16(input));
-}
-
-std::string Firmware::DescribeOs(ByteView input) { return Describe(*ReadRecord<OsRecord>(input)); }
-
-std::string Firmware::DescribeNetwork(ByteView input) {
-  return Describe(*ReadRecord<NetworkRecord>(input));
-}
-
-std::string Firmware::DescribeIp(ByteView input) { return Describe(*ReadRecord<IpRecord>(input)); }
-
-std::string Firmware::DescribeClose(ByteView input) { return DescribeClosedPort(U16(input)); }
-
-std::string Firmware::DescribeDash(ByteView input) {
-  return Format("%zu bytes, ", input.size()) + fromPeer_.Describe(input);
-}
-
-std::string Firmware::DescribeKvm(ByteView input) { return Format("%zu bytes", input.size()); }
-
-void Firmware::ActOnStatus(ByteView input) {
-  inventory_.serviceStatus = U32(input);
-  inventory_.reports.serviceStatus++;
-}
-
-void Firmware::ActOnBooted(ByteView input) {
-  inventory_.networkStatus = U32(input);
-  inventory_.reports.networkStatus++;
-}
-
-void Firmware::ActOnPresence(ByteView input) {
-  inventory_.userPresence = U32(input);
-  inventory_.reports.userPresence++;
-}
-
-void Firmware::ActOnOs(ByteView input) {
-  inventory_.os = ReadRecord<OsRecord>(input);
-  inventory_.reports.os++;
-}
-
-void Firmware::ActOnNetwork(ByteView input) {
-  inventory_.network = ReadRecord<NetworkRecord>(input);
-  inventory_.reports.network++;
-}
-
-void Firmware::ActOnIp(ByteView input) {
-  const auto record = ReadRecord<IpRecord>(input);
-  if (record->localPort == kDashPort) return BeginDash();
-  if (record->localPort == kKvmPort) return kvm_.Begin();
-  inventory_.ip = record;
-  inventory_.reports.ip++;
-}
-
-void Firmware::ActOnClose(ByteView input) {
-  if (U16(input) == kDashPort) EndDash("the host says that it has gone");
-  if (U16(input) == kKvmPort) kvm_.End("the host says that it has gone");
-}
-
-void Firmware::ActOnDash(ByteView input) {
-  if (!dash_) return trace_.Note("DASH: no connection was announced; the bytes are dropped");
-  dash_->Receive(input);
-}
-
-void Firmware::ActOnKvm(ByteView input) { kvm_.Receive(input); }
-
-void Firmware::ActOnReturnedBuffers(ByteView) { kvm_.RegionReturned(); }
-
-void Firmware::BeginDash() {
-  if (dash_) EndDash("another connection takes its place");
-  fromPeer_ = toPeer_ = TlsRecordWatch();
-  dash_ = std::make_unique<DashSession>(tls_, PageFacts{inventory_, facts_.version}, *this);
-}
-
-void Firmware::EndDash(const std::string& why) {
-  if (dash_) trace_.Note("DASH: session ended, " + why);
-  dash_.reset();
-}
-
-Bytes Firmware::AnswerVersion(ByteView) {
-  VersionRecord record{};
-  // One byte less: the text ends with a zero.
-  std::memcpy(record.version, facts_.version.data(),
-              std::min(facts_.version.size(), sizeof(record.version) - 1));
-  record.provisionStatus = facts_.isProvisioned ? kProvisioned : kNotProvisioned;
-  record.kvmStatus = facts_.kvmStatus;
-  return BytesOf(record);
-}
-
-Bytes Firmware::AnswerStatus(ByteView) { return {facts_.orrinStatus}; }
-
-Bytes Firmware::AnswerRegion(ByteView) { return BytesOf(RegionRecord{kSomeAddress, 0}); }
-
-// Rings that the host hasn't seen yet are emptied before it has their address.
-Bytes Firmware::AnswerInputRegion(ByteView) {
-  kvm_.RegionWanted();
-  return BytesOf(RegionRecord{kvm_.Withholds() ? 0 : kSomeAddress, 0});
-}
-
-Bytes Firmware::AnswerEcho(ByteView input) { return {input.begin(), input.end()}; }
 
 }  // namespace orrin

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -19,12 +20,12 @@
 namespace lab {
 namespace {
 
-constexpr int kBacklog = SOMAXCONN;  // an agent gets a connection for each event
+constexpr int kBacklog = SOMAXCONN;  // an agent receives a connection for each event
 
 bool MakeAddress(const std::string& path, sockaddr_un* address) {
   *address = {};
   address->sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address->sun_path)) return false;
+  if (path.size() >= sizeof address->sun_path) return false;
   std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
   return true;
 }
@@ -35,10 +36,10 @@ bool Problem(std::string* problem, const std::string& what) {
 }
 
 int Bind(int socket, const sockaddr_un& address) {
-  return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-// Only a socket that nobody serves is stale; any other file there is left alone.
+// Removes a socket that no program serves. Any other file there is left alone.
 bool RemoveStale(const std::string& path, std::string* problem) {
   struct stat info {};
   if (lstat(path.c_str(), &info) == 0 && !S_ISSOCK(info.st_mode)) {
@@ -63,18 +64,19 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 }
 
 void Descriptor::Close() {
-  if (value_ >= 0) close(value_);
+  if (value_ >= 0) (void)close(value_);  // the descriptor is freed even on an error
   value_ = -1;
 }
 
 std::string LabFolder() {
   const char* folder = std::getenv("STEWARDRY_LAB");
-  std::string path = folder && *folder ? folder : "/tmp/stewardry-lab";
+  std::string path = folder != nullptr && *folder != 0 ? folder : "/tmp/stewardry-lab";
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
 }
 
 bool LocalListener::Open(const std::string& path, std::string* problem) {
+  assert(!socket_);
   sockaddr_un address;
   if (!MakeAddress(path, &address)) {
     *problem = path + " is too long for a socket's name";
@@ -103,7 +105,7 @@ bool LocalListener::Open(const std::string& path, std::string* problem) {
 
 void LocalListener::Close() {
   if (!socket_) return;
-  unlink(path_.c_str());
+  (void)unlink(path_.c_str());  // another program may have removed it
   socket_.Close();
 }
 
@@ -115,7 +117,7 @@ Descriptor ConnectLocal(const std::string& path) {
   }
   Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!made) return {};
-  if (connect(made.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return made;
+  if (connect(made.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return made;
   const int error = errno;
   made.Close();
   errno = error;
@@ -129,9 +131,9 @@ Descriptor ListenLoopback(std::uint16_t* port, std::string* problem) {
   address.sin_family = AF_INET;
   address.sin_port = htons(*port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
+  socklen_t size = sizeof address;
   auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (!made || setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+  if (!made || setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
       bind(made.Get(), generic, size) != 0 || listen(made.Get(), kBacklog) != 0 ||
       getsockname(made.Get(), generic, &size) != 0) {
     Problem(problem, "127.0.0.1:" + std::to_string(*port));
@@ -145,7 +147,7 @@ Descriptor AcceptOne(int listener) {
   Descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   const int on = 1;
   // Fails on a Unix socket, which has no such delay.
-  if (accepted) (void)setsockopt(accepted.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  if (accepted) (void)setsockopt(accepted.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return accepted;
 }
 

@@ -1,5 +1,5 @@
 // The lab folder and the sockets in it, for the lab's own programs. They depend on nothing of the
-// service, so the folder's rule ($STEWARDRY_LAB, else /tmp/stewardry-lab) is told once more here.
+// service, so the folder's rule ($STEWARDRY_LAB, else /tmp/stewardry-lab) is repeated here.
 #pragma once
 
 #include <cstdint>
@@ -25,10 +25,10 @@ class Descriptor {
   int value_ = -1;
 };
 
-// The lab folder, without a trailing slash.
+// Returns the lab folder, without a trailing slash.
 std::string LabFolder();
 
-// A listening Unix stream socket and the file that names it; the file goes with its owner.
+// Owns a listening Unix stream socket and its socket file.
 class LocalListener {
  public:
   LocalListener() = default;
@@ -36,9 +36,9 @@ class LocalListener {
   LocalListener(const LocalListener&) = delete;
   LocalListener& operator=(const LocalListener&) = delete;
 
-  // Makes the folders above `path`, takes a stale socket file away and listens; non-blocking. False
-  // leaves nothing behind and puts a sentence in `problem`; so it is when a live program listens
-  // there already.
+  // Creates the folders above `path`, removes a stale socket file and listens, non-blocking.
+  // Returns false with a sentence in `problem` on failure, also if another program listens there.
+  // Requires that this listener is closed.
   bool Open(const std::string& path, std::string* problem);
   void Close();
   int Get() const { return socket_.Get(); }
@@ -49,14 +49,15 @@ class LocalListener {
   std::string path_;
 };
 
-// Connects to such a socket, blocking; an empty descriptor leaves the reason in errno.
+// Connects to such a socket, blocking. Returns an empty descriptor with the reason in errno on
+// failure.
 Descriptor ConnectLocal(const std::string& path);
-// Listens on 127.0.0.1, non-blocking; port 0 picks one. `port` gets the port in use.
+// Listens on 127.0.0.1, non-blocking; port 0 selects a free one. Stores the port in use in `port`.
 Descriptor ListenLoopback(std::uint16_t* port, std::string* problem);
-// Accepts one connection, non-blocking; empty when none waits.
+// Accepts one connection, non-blocking. Returns an empty descriptor if none is pending.
 Descriptor AcceptOne(int listener);
-// Reads SIGTERM and SIGINT from a descriptor from now on, instead of dying of them, and ignores
-// SIGPIPE. REQUIRES: called before any thread is made.
+// Redirects SIGTERM and SIGINT to the descriptor that it returns, and ignores SIGPIPE. Requires
+// that no thread has been created.
 Descriptor OpenStopSignals();
 
 }  // namespace lab

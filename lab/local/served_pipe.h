@@ -1,17 +1,18 @@
-// A named pipe that a program of the user's session serves, so that the service connects to it and
-// answers: the tray's and the upgrade tool's end. One header, a source for each platform. It
-// depends on nothing of the service, so the protocol is told once more here: a question ends with a
-// zero byte, an answer with CR LF and the service's hanging up.
+// The tray's and the upgrade tool's end of a named pipe: a program of the user's session serves it,
+// and the service connects and answers. The lab depends on nothing of the service, so the protocol
+// is repeated here: a question ends with a zero byte, an answer with CR LF and the close of the
+// pipe.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace lab {
 
-// A write of so many bytes waits until the server reads: no served pipe's buffers hold them.
+// A write of this size blocks until the server reads: it exceeds the buffers of every served pipe.
 #ifdef _WIN32
 constexpr std::uint32_t kMoreThanAPipeHolds = 16 << 10;  // the buffer has 1024 bytes
 #else
@@ -27,27 +28,35 @@ class ServedPipe {
   ServedPipe(const ServedPipe&) = delete;
   ServedPipe& operator=(const ServedPipe&) = delete;
 
-  // Creates the pipe \\.\pipe\NAME; on Linux a socket in the lab folder. False, with a sentence in
-  // *problem, when it can't be made or another program serves it.
+  // Creates the pipe \\.\pipe\NAME; on Linux a socket in the lab folder. Returns false with a
+  // sentence in *problem on failure, also if another program serves it.
   bool Open(const std::string& name, std::string* problem);
 
-  // Waits until the service has connected, sends `question` and its zero byte, and gives what comes
-  // back until the service hangs up, without the CR LF. From the first answer on there is a next
-  // connection to ask on. False, with a sentence in *problem, when the deadline has passed, nothing
-  // came back, or an answer doesn't end as it should.
+  // Blocks until the service has connected, sends `question` and its zero byte, and stores the
+  // answer without its CR LF. May be called again at once: the service reconnects. Returns false
+  // with a sentence in *problem if the deadline has passed or the answer is empty or has no CR LF.
+  // Requires an open pipe.
   bool Ask(const std::string& question, Deadline deadline, std::string* answer,
            std::string* problem);
 
  private:
   struct Ends;
-  // One exchange with whoever connects next: what was said until the far end hung up.
-  bool Exchange(const std::string& question, Deadline deadline, std::string* said,
+  // Serves the next connection. Stores everything that the client sends until it closes.
+  bool Exchange(const std::string& question, Deadline deadline, std::string* received,
                 std::string* problem);
 
   std::unique_ptr<Ends> ends_;
 };
 
-// What remains until the deadline, in milliseconds for a platform's wait; 0 when it has passed.
+// Returns the milliseconds until the deadline, for a platform's wait; 0 if it has passed.
 int MillisecondsTo(Deadline deadline);
+
+// The command lines of the programs that serve pipes.
+using Words = std::vector<std::string>;
+
+// Parses a whole number from 1 to 1000000. Returns false and leaves *number unchanged otherwise.
+bool ReadNumber(const std::string& word, long* number);
+// Removes "--seconds N" from the words, if they contain it. Returns false if N is not a number.
+bool TakeSeconds(Words* words, long* seconds);
 
 }  // namespace lab

@@ -1,4 +1,3 @@
-// A served pipe as a Unix socket in the lab folder.
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -12,7 +11,7 @@ namespace lab {
 
 namespace {
 
-constexpr std::size_t kLongestAnswer = 4096;  // beyond any: a bound on what a stranger may say
+constexpr std::size_t kLongestAnswer = 4096;  // above any answer: a bound for any other client
 
 bool Await(int descriptor, short events, Deadline deadline) {
   pollfd ready{descriptor, events, 0};
@@ -24,19 +23,21 @@ bool Send(int peer, const char* bytes, std::size_t size, Deadline deadline) {
     if (!Await(peer, POLLOUT, deadline)) return false;
     const ssize_t n = ::send(peer, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n < 0 && errno != EAGAIN) return false;
-    if (n > 0) bytes += n, size -= static_cast<std::size_t>(n);
+    if (n <= 0) continue;
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
   }
   return true;
 }
 
-// False at the deadline; a far end that breaks off has hung up, too.
-bool ReceiveAll(int peer, Deadline deadline, std::string* said) {
-  while (said->size() < kLongestAnswer) {
+// Returns false at the deadline. A reset ends the answer as a close does.
+bool ReceiveAll(int peer, Deadline deadline, std::string* received) {
+  while (received->size() < kLongestAnswer) {
     if (!Await(peer, POLLIN, deadline)) return false;
     char piece[256];
     const ssize_t n = ::recv(peer, piece, sizeof piece, 0);
     if (n <= 0) return true;
-    said->append(piece, static_cast<std::size_t>(n));
+    received->append(piece, static_cast<std::size_t>(n));
   }
   return true;
 }
@@ -54,18 +55,20 @@ bool ServedPipe::Open(const std::string& name, std::string* problem) {
   return ends_->listener.Open(LabFolder() + "/pipe/" + name, problem);
 }
 
-bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::string* said,
+bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::string* received,
                           std::string* problem) {
   Descriptor peer;
   while (!peer) {
-    if (!Await(ends_->listener.Get(), POLLIN, deadline))
-      return *problem = "the service hasn't connected in time", false;
+    if (!Await(ends_->listener.Get(), POLLIN, deadline)) {
+      *problem = "the service has not connected in time";
+      return false;
+    }
     peer = AcceptOne(ends_->listener.Get());
   }
   if (Send(peer.Get(), question.c_str(), question.size() + 1, deadline) &&
-      ReceiveAll(peer.Get(), deadline, said))
+      ReceiveAll(peer.Get(), deadline, received))
     return true;
-  *problem = "the service hasn't answered in time";
+  *problem = "the service has not answered in time";
   return false;
 }
 

@@ -1,5 +1,5 @@
-// A served pipe on Windows. The next instance is made before the one that has a client is served:
-// the service comes back at once, and would wait two seconds if none were free.
+// The next instance is created before a client is served: the service reconnects at once, and would
+// wait two seconds if no instance were free.
 #include <windows.h>
 
 #include <type_traits>
@@ -11,7 +11,7 @@ namespace lab {
 namespace {
 
 constexpr DWORD kBuffer = 1024;
-constexpr std::size_t kLongestAnswer = 4096;  // beyond any: a bound on what a stranger may say
+constexpr std::size_t kLongestAnswer = 4096;  // above any answer: a bound for any other client
 
 struct CloseObject {
   void operator()(HANDLE handle) const { CloseHandle(handle); }
@@ -25,7 +25,7 @@ Object MakeInstance(const std::string& name, DWORD mode) {
   return Object(made == INVALID_HANDLE_VALUE ? nullptr : made);
 }
 
-// One operation at a time on an instance, ended at a deadline.
+// Runs one operation at a time on an instance and cancels it at a deadline.
 class Operation {
  public:
   Operation(HANDLE instance, Deadline deadline) : instance_(instance), deadline_(deadline) {
@@ -35,8 +35,9 @@ class Operation {
     ResetEvent(event_.get());
     return &request_;
   }
-  // The end of an operation of which `done` was the first result; 0 or its error.
-  DWORD Finish(BOOL done, DWORD* count) {
+  // Blocks until the operation that first returned `done` has ended. Returns ERROR_SUCCESS or its
+  // error.
+  DWORD Await(BOOL done, DWORD* count) {
     DWORD error = done ? ERROR_SUCCESS : GetLastError();
     if (error != ERROR_SUCCESS && error != ERROR_IO_PENDING) return error;
     if (WaitForSingleObject(event_.get(), static_cast<DWORD>(MillisecondsTo(deadline_))) !=
@@ -57,8 +58,8 @@ DWORD AwaitClient(HANDLE instance, Deadline deadline) {
   Operation operation(instance, deadline);
   DWORD ignored = 0;
   const BOOL done = ConnectNamedPipe(instance, operation.Request());
-  const DWORD error = operation.Finish(done, &ignored);
-  return error == ERROR_PIPE_CONNECTED ? ERROR_SUCCESS : error;  // it has come before the wait
+  const DWORD error = operation.Await(done, &ignored);
+  return error == ERROR_PIPE_CONNECTED ? ERROR_SUCCESS : error;  // it has connected before the wait
 }
 
 DWORD Send(HANDLE instance, const char* bytes, std::size_t size, Deadline deadline) {
@@ -67,24 +68,25 @@ DWORD Send(HANDLE instance, const char* bytes, std::size_t size, Deadline deadli
     DWORD count = 0;
     const BOOL done =
         WriteFile(instance, bytes, static_cast<DWORD>(size), nullptr, operation.Request());
-    const DWORD error = operation.Finish(done, &count);
+    const DWORD error = operation.Await(done, &count);
     if (error != ERROR_SUCCESS) return error;
-    bytes += count, size -= count;
+    bytes += count;
+    size -= count;
   }
   return ERROR_SUCCESS;
 }
 
-// Whoever hangs up ends what is said; that is no error.
-DWORD ReceiveAll(HANDLE instance, Deadline deadline, std::string* said) {
+// The client's close ends the answer and is no error.
+DWORD ReceiveAll(HANDLE instance, Deadline deadline, std::string* received) {
   Operation operation(instance, deadline);
-  while (said->size() < kLongestAnswer) {
+  while (received->size() < kLongestAnswer) {
     char piece[256];
     DWORD count = 0;
     const BOOL done = ReadFile(instance, piece, sizeof piece, nullptr, operation.Request());
-    const DWORD error = operation.Finish(done, &count);
+    const DWORD error = operation.Await(done, &count);
     if (error == WAIT_TIMEOUT) return error;
     if (error != ERROR_SUCCESS || count == 0) return ERROR_SUCCESS;
-    said->append(piece, count);
+    received->append(piece, count);
   }
   return ERROR_SUCCESS;
 }
@@ -99,7 +101,7 @@ bool Problem(std::string* problem, const char* what, DWORD error) {
 
 struct ServedPipe::Ends {
   std::string name;
-  Object free;  // the instance that the next client meets
+  Object free;  // the instance for the next client
 };
 
 ServedPipe::ServedPipe() : ends_(std::make_unique<Ends>()) {}
@@ -108,19 +110,22 @@ ServedPipe::~ServedPipe() = default;
 bool ServedPipe::Open(const std::string& name, std::string* problem) {
   ends_->name = name;
   ends_->free = MakeInstance(name, FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE);
-  return ends_->free || Problem(problem, "the pipe can't be created", GetLastError());
+  return ends_->free != nullptr || Problem(problem, "the pipe cannot be created", GetLastError());
 }
 
-bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::string* said,
+bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::string* received,
                           std::string* problem) {
-  if (!ends_->free) return *problem = "the pipe has no free instance", false;
-  const DWORD none = AwaitClient(ends_->free.get(), deadline);
-  if (none != ERROR_SUCCESS) return Problem(problem, "the service hasn't connected", none);
+  if (ends_->free == nullptr) {
+    *problem = "the pipe has no free instance";
+    return false;
+  }
+  DWORD error = AwaitClient(ends_->free.get(), deadline);
+  if (error != ERROR_SUCCESS) return Problem(problem, "the service has not connected", error);
   const Object instance = std::move(ends_->free);
   ends_->free = MakeInstance(ends_->name, FILE_FLAG_OVERLAPPED);
-  DWORD error = Send(instance.get(), question.c_str(), question.size() + 1, deadline);
-  if (error == ERROR_SUCCESS) error = ReceiveAll(instance.get(), deadline, said);
-  return error == ERROR_SUCCESS || Problem(problem, "the service hasn't answered", error);
+  error = Send(instance.get(), question.c_str(), question.size() + 1, deadline);
+  if (error == ERROR_SUCCESS) error = ReceiveAll(instance.get(), deadline, received);
+  return error == ERROR_SUCCESS || Problem(problem, "the service has not answered", error);
 }
 
 }  // namespace lab

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -14,7 +15,7 @@ extern char** environ;
 namespace scm {
 namespace {
 
-// The manager blocks the stop signals and ignores SIGPIPE; its child must not inherit that.
+// Restores the signals: the manager blocks the stop signals and ignores SIGPIPE.
 int Spawn(pid_t* pid, char** words) {
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
@@ -41,6 +42,7 @@ Child::~Child() {
 }
 
 bool Child::Start(const std::vector<std::string>& words, std::string* problem) {
+  assert(pid_ == 0 && !words.empty());
   std::vector<std::string> copy = words;
   std::vector<char*> pointers;
   for (std::string& word : copy) pointers.push_back(word.data());

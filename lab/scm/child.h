@@ -1,4 +1,3 @@
-// The service's process: started by the manager, watched through a descriptor, reaped alone.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +10,7 @@
 
 namespace scm {
 
-// Owns one child process; one that still runs at the end is killed and reaped.
+// Owns one child process. Kills and reaps it at the end if it still runs.
 class Child {
  public:
   Child() = default;
@@ -19,13 +18,13 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // Starts words[0], found through PATH, with the signals of a fresh process. False puts a sentence
-  // in `problem`.
+  // Starts words[0], found through PATH, with the default signals. Returns false with a sentence in
+  // `problem` on failure. Requires that none was started.
   bool Start(const std::vector<std::string>& words, std::string* problem);
   pid_t Id() const { return pid_; }
-  // Readable when the process has ended; -1 without a process.
+  // Returns a descriptor that is readable once the process has exited, or -1 without a process.
   int Watch() const { return watch_.Get(); }
-  // The wait status once it has ended; nothing while it runs.
+  // Returns the wait status once it has exited, and nothing while it runs.
   std::optional<int> Reap();
   void Kill();
 

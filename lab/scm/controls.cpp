@@ -1,6 +1,7 @@
 #include "lab/scm/controls.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <charconv>
 #include <cstdio>
@@ -16,28 +17,33 @@ constexpr std::uint32_t kAcceptPowerEvent = 0x40;
 constexpr std::uint32_t kAcceptSessionChange = 0x80;
 // winuser.h: PBT_POWERSETTINGCHANGE.
 constexpr std::uint32_t kPowerSettingChange = 0x8013;
-// The session that the lab's events are about.
+// The session of the lab's session events.
 constexpr std::uint32_t kConsoleSession = 1;
 constexpr std::string_view kForce = "--force";
 
-struct PlainControl {
+// What a service must accept for a control. A control without a command of its own is given by
+// number.
+struct KnownControl {
   std::string_view word;
   std::uint32_t control;
   std::uint32_t needs;
+  bool isCommand;
 };
 
-constexpr PlainControl kPlainControls[] = {
-    {"stop", 1, 0x1},
-    {"interrogate", 4, 0},
-    {"preshutdown", 15, 0x100},
+constexpr KnownControl kKnownControls[] = {
+    {"stop", kControlStop, 0x1, true},
+    {"pause", 2, 0x2, false},
+    {"continue", 3, 0x2, false},
+    {"interrogate", 4, 0, true},
+    {"shutdown", 5, 0x4, false},
+    {"paramchange", 6, 0x8, false},
+    {"hardwareprofile", 12, 0x20, false},
+    {"power", kControlPowerEvent, kAcceptPowerEvent, false},
+    {"session", kControlSessionChange, kAcceptSessionChange, false},
+    {"preshutdown", 15, 0x100, true},
+    {"timechange", 16, 0x200, false},
+    {"triggerevent", 32, 0x400, false},
 };
-
-// What a service must accept to get a control by its number.
-constexpr PlainControl kNumberedControls[] = {
-    {"stop", 1, 0x1},          {"pause", 2, 0x2},          {"continue", 3, 0x2},
-    {"shutdown", 5, 0x4},      {"paramchange", 6, 0x8},    {"hardwareprofile", 12, 0x20},
-    {"power", 13, 0x40},       {"session", 14, 0x80},      {"preshutdown", 15, 0x100},
-    {"timechange", 16, 0x200}, {"triggerevent", 32, 0x400}};
 
 struct PowerSetting {
   std::string_view word;
@@ -67,15 +73,15 @@ std::optional<std::uint32_t> U32(std::string_view text) {
 
 std::string HexU32(std::uint32_t value) {
   std::string text;
-  for (int i = 0; i < 4; i++, value >>= 8) {
+  for (int i = 0; i < 4; ++i, value >>= 8) {
     char digits[3];
-    std::snprintf(digits, sizeof(digits), "%02x", value & 0xFFU);
+    std::snprintf(digits, sizeof digits, "%02x", value & 0xFFU);
     text += digits;
   }
   return text;
 }
 
-// A GUID's bytes in memory: its first three fields are little-endian, the rest stands as written.
+// Returns a GUID's bytes in memory: the first three fields are little-endian.
 std::string HexGuid(std::string_view braced) {
   std::string digits;
   for (char c : braced) {
@@ -83,13 +89,14 @@ std::string HexGuid(std::string_view braced) {
       digits += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
   }
+  assert(digits.size() == 32);
   constexpr std::size_t kOrder[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
   std::string hex;
   for (std::size_t byte : kOrder) hex += digits.substr(2 * byte, 2);
   return hex;
 }
 
-// POWERBROADCAST_SETTING with a 32-bit value.
+// The data is POWERBROADCAST_SETTING with a 32-bit value.
 std::optional<Control> PowerControl(const std::vector<std::string>& words) {
   if (words.size() != 3) return std::nullopt;
   const auto value = U32(words[2]);
@@ -97,7 +104,7 @@ std::optional<Control> PowerControl(const std::vector<std::string>& words) {
     if (setting.word != words[1] || !value) continue;
     return Control{kControlPowerEvent,
                    kPowerSettingChange,
-                   HexGuid(setting.guid) + HexU32(sizeof(*value)) + HexU32(*value),
+                   HexGuid(setting.guid) + HexU32(sizeof *value) + HexU32(*value),
                    kAcceptPowerEvent,
                    setting.guid,
                    false};
@@ -105,7 +112,7 @@ std::optional<Control> PowerControl(const std::vector<std::string>& words) {
   return std::nullopt;
 }
 
-// WTSSESSION_NOTIFICATION: its size and the session.
+// The data is WTSSESSION_NOTIFICATION: its size and the session.
 std::optional<Control> SessionControl(const std::vector<std::string>& words) {
   if (words.size() != 2) return std::nullopt;
   for (const SessionEvent& event : kSessionEvents) {
@@ -124,20 +131,20 @@ std::optional<Control> NumberedControl(const std::vector<std::string>& words) {
   const auto number = words.size() == 2 ? U32(words[1]) : std::nullopt;
   if (!number) return std::nullopt;
   Control control{*number, 0, "-", 0, {}, false};
-  for (const PlainControl& known : kNumberedControls) {
+  for (const KnownControl& known : kKnownControls) {
     if (known.control == *number) control.needs = known.needs;
   }
   return control;
 }
 
-std::optional<Control> Unforced(const std::vector<std::string>& words) {
+std::optional<Control> ParseUnforced(const std::vector<std::string>& words) {
   if (words.empty()) return std::nullopt;
   if (words[0] == "power") return PowerControl(words);
   if (words[0] == "session") return SessionControl(words);
   if (words[0] == "control") return NumberedControl(words);
-  for (const PlainControl& plain : kPlainControls) {
-    if (plain.word != words[0] || words.size() != 1) continue;
-    return Control{plain.control, 0, "-", plain.needs, {}, false};
+  for (const KnownControl& known : kKnownControls) {
+    if (!known.isCommand || known.word != words[0] || words.size() != 1) continue;
+    return Control{known.control, 0, "-", known.needs, {}, false};
   }
   return std::nullopt;
 }
@@ -168,7 +175,7 @@ std::string StateName(std::uint32_t state) {
 
 std::string DescribeStatus(const Status& status) {
   char accepted[16];
-  std::snprintf(accepted, sizeof(accepted), "0x%x", status.accepted);
+  std::snprintf(accepted, sizeof accepted, "0x%x", status.accepted);
   return StateName(status.state) + ", accepts " + accepted + ", exit " +
          std::to_string(status.win32Exit) + "/" + std::to_string(status.specificExit) +
          ", check point " + std::to_string(status.checkPoint) + ", wait hint " +
@@ -182,7 +189,7 @@ std::optional<Status> ParseStatus(std::string_view numbers) {
                                    &status.win32Exit,   &status.specificExit, &status.checkPoint,
                                    &status.waitHint};
   if (words.size() != std::size(fields)) return std::nullopt;
-  for (std::size_t i = 0; i < words.size(); i++) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
     const auto value = U32(words[i]);
     if (!value) return std::nullopt;
     *fields[i] = *value;
@@ -193,7 +200,7 @@ std::optional<Status> ParseStatus(std::string_view numbers) {
 std::optional<Control> ParseControl(const std::vector<std::string>& words) {
   std::vector<std::string> plain = words;
   const bool forced = std::erase(plain, kForce) > 0;
-  std::optional<Control> control = Unforced(plain);
+  std::optional<Control> control = ParseUnforced(plain);
   if (control) control->isForced = forced;
   return control;
 }
@@ -206,7 +213,7 @@ std::uint32_t Refusal(const Control& control, const std::optional<Status>& statu
     return kErrorServiceCannotAcceptCtrl;
   }
   if ((status->accepted & control.needs) != control.needs) return kErrorServiceCannotAcceptCtrl;
-  // A power setting reaches only those that asked for it.
+  // A power setting is delivered only to a service that has registered for it.
   const bool registered =
       control.setting.empty() ||
       std::any_of(settings.begin(), settings.end(),

@@ -1,5 +1,5 @@
 // The service manager's numbers and words: states, controls, what a service accepts, and the
-// records that go with a control. Pure; no socket, no process.
+// records of a control.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,10 @@ constexpr std::uint32_t kErrorServiceRequestTimeout = 1053;
 constexpr std::uint32_t kErrorServiceCannotAcceptCtrl = 1061;
 constexpr std::uint32_t kErrorServiceNotActive = 1062;
 
-// SERVICE_STATUS as a STATUS line brings it.
+// winsvc.h: SERVICE_CONTROL_STOP.
+constexpr std::uint32_t kControlStop = 1;
+
+// SERVICE_STATUS, as in a STATUS line.
 struct Status {
   std::uint32_t serviceType = 0;
   std::uint32_t state = kStartPending;
@@ -34,28 +37,28 @@ struct Control {
   std::uint32_t control = 0;
   std::uint32_t eventType = 0;
   std::string data;         // hexadecimal bytes of the event record, or "-"
-  std::uint32_t needs = 0;  // the bit of `accepted` that lets it through; 0: none
+  std::uint32_t needs = 0;  // the bit of `accepted` that it requires; 0: none
   std::string setting;      // the power setting's GUID in braces; empty: none
-  bool isForced = false;    // delivered even when the service doesn't accept it
+  bool isForced = false;    // delivered even if the service does not accept it
 };
 
-// "SERVICE_RUNNING"; "state 9" for a number without a name.
+// Returns "SERVICE_RUNNING"; "state 9" for a number without a name.
 std::string StateName(std::uint32_t state);
-// "state SERVICE_RUNNING, accepts 0x101, exit 0/0, check point 0, wait hint 0".
+// Returns "SERVICE_RUNNING, accepts 0x101, exit 0/0, check point 0, wait hint 0".
 std::string DescribeStatus(const Status& status);
-// The seven decimal numbers after the word STATUS; nothing when they aren't exactly that.
+// Parses the seven decimal numbers after the word STATUS. Returns nothing for any other text.
 std::optional<Status> ParseStatus(std::string_view numbers);
 
-// The control that a client's words ask for: "stop", "preshutdown", "interrogate", "power acdc 0",
-// "session lock --force", "control 200"; nothing when they ask for none.
+// Parses a client's words: "stop", "preshutdown", "interrogate", "power acdc 0", "session lock
+// --force", "control 200". Returns nothing for any other words.
 std::optional<Control> ParseControl(const std::vector<std::string>& words);
 
-// 0 when the control may be delivered to a service of this status, else a Windows error.
+// Returns 0 if the control may be delivered to a service of this status, else a Windows error.
 // `settings` are the power settings that the service has registered for.
 std::uint32_t Refusal(const Control& control, const std::optional<Status>& status,
                       const std::vector<std::string>& settings);
 
-// The words of a line.
+// Returns the blank-separated words of a line.
 std::vector<std::string> Words(std::string_view line);
 
 }  // namespace scm

@@ -1,12 +1,12 @@
-// tray, the stand-in of the tray application: it serves the service's tray pipe, asks all eleven
-// questions and prints the answers as a table. With --ui it asks what the tray's window asks, too.
+// tray, the stand-in of the tray application: it serves the service's tray pipe, sends all eleven
+// questions and prints the answers as a table. With --ui it also sends the question of the tray's
+// window.
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <span>
 #include <string>
 
-#include "lab/local/command_line.h"
 #include "lab/local/served_pipe.h"
 
 namespace {
@@ -24,8 +24,8 @@ constexpr Question kTrayQuestions[] = {
 };
 constexpr Question kUiQuestions[] = {{20, "WLAN firmware", false}};
 
-// "501a8c0" is the four bytes of 192.168.1.5, the first one lowest. Empty for what is no such
-// value.
+// Returns "192.168.1.5" for "501a8c0", the four bytes with the first one lowest; empty for text
+// that is no such value.
 std::string Dotted(const std::string& hex) {
   std::uint32_t value = 0;
   const char* end = hex.data() + hex.size();
@@ -49,28 +49,27 @@ struct Pipe {
   std::span<const Question> questions;
   lab::ServedPipe pipe;
 
-  // False after a complaint.
+  // Both return false after a message on standard error.
   bool Open() {
     std::string problem;
-    return pipe.Open(name, &problem) || Complain(problem);
+    return pipe.Open(name, &problem) || Report(problem);
   }
   bool AskAll(lab::Deadline deadline) {
     std::string problem, answer;
     for (const Question& question : questions) {
       if (!pipe.Ask(std::to_string(question.number), deadline, &answer, &problem))
-        return Complain(problem);
+        return Report(problem);
       Print(question, answer);
     }
     return true;
   }
-  bool Complain(const std::string& problem) const {
+  bool Report(const std::string& problem) const {
     std::fprintf(stderr, "tray: %s: %s\n", name, problem.c_str());
     return false;
   }
 };
 
-// Both pipes are there before the first question, because the service looks for each of them only
-// every two seconds.
+// Opens both pipes before the first question: the service checks for each only every two seconds.
 int Run(bool ui, long seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   Pipe tray{"TrayPipe", kTrayQuestions, {}}, window{"ServiceToTrayUI", kUiQuestions, {}};
@@ -81,8 +80,8 @@ int Run(bool ui, long seconds) {
 int Usage() {
   std::fprintf(stderr,
                "usage: tray [--ui] [--seconds N]\n"
-               "asks the service what a tray shows, and with --ui what its window shows; gives up\n"
-               "after N seconds (30)\n");
+               "queries what a tray shows, and with --ui what its window shows; gives up after N\n"
+               "seconds (30)\n");
   return 2;
 }
 

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <string>
 
-#include "lab/local/command_line.h"
 #include "lab/local/served_pipe.h"
 
 namespace {

@@ -1,17 +1,17 @@
-// A viewer without a window, on a VNC client library: the far end of a KVM session for tests and
-// for shows. It reads commands from standard input, one a line, and answers each with "done" or
-// "failed" when it has been sent or, where it waits for the screen, when that has come. At the end
-// of the input it leaves as a viewer does, by closing.
+// vnc_viewer, a viewer without a window on a VNC client library: the far end of a KVM session for
+// tests and demos. It reads commands from standard input, one a line, and answers each with "done"
+// or "failed" once it has been sent or, for one that waits for the screen, once that has arrived.
+// At the end of the input it closes the connection and exits.
 //
-//   connect HOST PORT     shakes hands; the first whole picture is asked for and awaited
-//   save FILE             the picture as it was last seen, as a PPM
-//   refresh               asks for the whole picture and waits for it
+//   connect HOST PORT     connects and waits for the first whole picture
+//   save FILE             writes the picture as last seen, as a PPM
+//   refresh               requests the whole picture and waits for it
 //   changed               waits for the next change of the picture
-//   key KEYSYM down|up    one key event, KEYSYM as a number
-//   type TEXT             each character of the UTF-8 text, pressed and released
-//   pointer MASK X Y      one pointer event
-//   gorge N               asks N times for the whole picture and reads nothing
-//   drop                  breaks the connection without a word (a reset)
+//   key KEYSYM down|up    sends one key event, KEYSYM as a number
+//   type TEXT             presses and releases each character of the UTF-8 text
+//   pointer MASK X Y      sends one pointer event
+//   gorge N               requests the whole picture N times and reads nothing
+//   drop                  breaks the connection with a reset
 #include <rfb/rfbclient.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -45,22 +45,22 @@ class Viewer {
     constexpr int kSamples = 3;
     constexpr int kBytesPerPixel = 4;
     client_.reset(rfbGetClient(kBitsPerSample, kSamples, kBytesPerPixel));
-    if (!client_) return false;
+    if (client_ == nullptr) return false;
     client_->GotFrameBufferUpdate = &Viewer::CountUpdate;
     client_->canHandleNewFBSize = FALSE;
-    free(client_->serverHost);  // what the library put there it does not free itself
+    free(client_->serverHost);  // the library does not free its own value
     client_->serverHost = strdup(host.c_str());
     client_->serverPort = port;
     rfbClientSetClientData(client_.get(), Tag(), this);
-    // The library frees a client that it couldn't connect.
+    // The library frees a client that it could not connect.
     rfbClient* client = client_.release();
     if (!rfbInitClient(client, nullptr, nullptr)) return false;
     client_.reset(client);
     return AwaitUpdate();
   }
   bool IsConnected() const { return client_ != nullptr; }
-  bool Refresh() { return Ask() && AwaitUpdate(); }
-  bool Ask() {
+  bool Refresh() { return RequestUpdate() && AwaitUpdate(); }
+  bool RequestUpdate() {
     return SendFramebufferUpdateRequest(client_.get(), 0, 0, client_->width, client_->height,
                                         FALSE);
   }
@@ -76,7 +76,7 @@ class Viewer {
     file << "P6\n" << client_->width << " " << client_->height << "\n255\n";
     const int pixels = client_->width * client_->height;
     const rfbPixelFormat& format = client_->format;
-    for (int i = 0; i < pixels; i++) {
+    for (int i = 0; i < pixels; ++i) {
       const std::uint32_t pixel = reinterpret_cast<const std::uint32_t*>(client_->frameBuffer)[i];
       for (const int shift : {format.redShift, format.greenShift, format.blueShift}) {
         file.put(static_cast<char>(pixel >> shift));
@@ -89,7 +89,7 @@ class Viewer {
   // Zero linger: close sends a reset.
   bool Drop() {
     const linger now = {1, 0};
-    const bool set = setsockopt(client_->sock, SOL_SOCKET, SO_LINGER, &now, sizeof(now)) == 0;
+    const bool set = setsockopt(client_->sock, SOL_SOCKET, SO_LINGER, &now, sizeof now) == 0;
     client_.reset();
     return set;
   }
@@ -100,7 +100,7 @@ class Viewer {
     return &tag;
   }
   static void CountUpdate(rfbClient* client, int, int, int, int) {
-    static_cast<Viewer*>(rfbClientGetClientData(client, Tag()))->updates_++;
+    ++static_cast<Viewer*>(rfbClientGetClientData(client, Tag()))->updates_;
   }
 
   std::unique_ptr<rfbClient, EndClient> client_;
@@ -127,40 +127,73 @@ bool Type(Viewer* viewer, const std::string& text) {
   return true;
 }
 
-bool Gorge(Viewer* viewer, int count) {
-  for (int i = 0; i < count; i++) {
-    if (!viewer->Ask()) return false;
+// Sets `*text` to the rest of the line without leading blanks.
+void ReadRest(std::istringstream* arguments, std::string* text) {
+  std::getline(*arguments >> std::ws, *text);
+}
+
+bool RunConnect(Viewer* viewer, std::istringstream* arguments) {
+  std::string host;
+  int port = 0;
+  return *arguments >> host >> port && viewer->Connect(host, port);
+}
+
+bool RunSave(Viewer* viewer, std::istringstream* arguments) {
+  std::string path;
+  ReadRest(arguments, &path);
+  return viewer->Save(path);
+}
+
+bool RunRefresh(Viewer* viewer, std::istringstream*) { return viewer->Refresh(); }
+bool RunChanged(Viewer* viewer, std::istringstream*) { return viewer->AwaitUpdate(); }
+bool RunDrop(Viewer* viewer, std::istringstream*) { return viewer->Drop(); }
+
+bool RunKey(Viewer* viewer, std::istringstream* arguments) {
+  std::string keysym, state;
+  if (!(*arguments >> keysym >> state)) return false;
+  return viewer->Key(static_cast<std::uint32_t>(std::stoul(keysym, nullptr, 0)), state == "down");
+}
+
+bool RunType(Viewer* viewer, std::istringstream* arguments) {
+  std::string text;
+  ReadRest(arguments, &text);
+  return Type(viewer, text);
+}
+
+bool RunPointer(Viewer* viewer, std::istringstream* arguments) {
+  int mask = 0, x = 0, y = 0;
+  return *arguments >> mask >> x >> y && viewer->Pointer(mask, x, y);
+}
+
+bool RunGorge(Viewer* viewer, std::istringstream* arguments) {
+  int count = 0;
+  if (!(*arguments >> count)) return false;
+  for (int i = 0; i < count; ++i) {
+    if (!viewer->RequestUpdate()) return false;
   }
   return true;
 }
 
-bool Run(Viewer* viewer, const std::string& line) {
-  std::istringstream words(line);
+struct Command {
+  std::string_view word;
+  bool (*run)(Viewer* viewer, std::istringstream* arguments);
+};
+
+constexpr Command kCommands[] = {
+    {"connect", RunConnect}, {"save", RunSave},   {"refresh", RunRefresh},
+    {"changed", RunChanged}, {"key", RunKey},     {"type", RunType},
+    {"pointer", RunPointer}, {"gorge", RunGorge}, {"drop", RunDrop},
+};
+
+bool RunLine(Viewer* viewer, const std::string& line) {
+  std::istringstream arguments(line);
   std::string word;
-  words >> word;
-  if (word == "connect") {
-    std::string host;
-    int port = 0;
-    return words >> host >> port && viewer->Connect(host, port);
+  arguments >> word;
+  if (word != "connect" && !viewer->IsConnected()) return false;
+  for (const Command& command : kCommands) {
+    if (command.word == word) return command.run(viewer, &arguments);
   }
-  if (!viewer->IsConnected()) return false;
-  std::string text;
-  std::getline(words >> std::ws, text);
-  std::istringstream arguments(text);
-  int mask = 0;
-  int x = 0;
-  int y = 0;
-  if (word == "save") return viewer->Save(text);
-  if (word == "refresh") return viewer->Refresh();
-  if (word == "changed") return viewer->AwaitUpdate();
-  if (word == "type") return Type(viewer, text);
-  if (word == "pointer") return arguments >> mask >> x >> y && viewer->Pointer(mask, x, y);
-  if (word == "gorge") return arguments >> x && Gorge(viewer, x);
-  if (word == "drop") return viewer->Drop();
-  std::string keysym;
-  arguments >> keysym >> text;
-  return word == "key" &&
-         viewer->Key(static_cast<std::uint32_t>(std::stoul(keysym, nullptr, 0)), text == "down");
+  return false;
 }
 
 }  // namespace
@@ -169,7 +202,7 @@ int main() {
   rfbEnableClientLogging = FALSE;
   Viewer viewer;
   for (std::string line; std::getline(std::cin, line);) {
-    std::cout << (Run(&viewer, line) ? "done" : "failed") << std::endl;
+    std::cout << (RunLine(&viewer, line) ? "done" : "failed") << std::endl;
   }
   return 0;
 }

@@ -1,7 +1,7 @@
-// The exchange over a pipe.
 #include "service/actions/pipe_exchange.h"
 
 #include <array>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -18,10 +18,10 @@ namespace {
 
 constexpr std::uint32_t kRetryMilliseconds = 2000;
 constexpr std::size_t kQuestionSize = 100;  // with its zero byte
-constexpr std::size_t kAnswerSize = 128;    // with CR LF, and a terminator that isn't sent
+constexpr std::size_t kAnswerSize = 128;    // with CR LF, and a terminator that is not sent
 constexpr char kAnswerEnd[] = "\r\n";
 
-platform::Pipe Connect(const char* name) {
+platform::Pipe ConnectToPipe(const char* name) {
   for (;;) {
     platform::Pipe pipe = platform::OpenPipe(name, platform::kShareWrite);
     if (pipe) return pipe;
@@ -29,8 +29,8 @@ platform::Pipe Connect(const char* name) {
   }
 }
 
-// The number that a question asks for. The whole of a long question is read before it is answered:
-// an asker that is still writing would meet a pipe that has hung up on it, and lose its answer.
+// Returns the number in a question. The whole of a long question is read before it is answered: a
+// program that is still writing to a disconnected pipe would lose its answer.
 long ReadQuestion(const platform::Pipe& pipe) {
   std::array<char, kQuestionSize> buffer{};
   std::uint32_t read = 0;
@@ -51,12 +51,12 @@ void SendAnswer(const platform::Pipe& pipe, const char* text) {
   std::size_t length = FormatTo(msg.data(), msg.size() - std::strlen(kAnswerEnd), "%s", text);
   for (const char* end = kAnswerEnd; *end != 0; ++end) msg[length++] = *end;
   std::uint32_t written = 0;
-  // An asker that has gone misses its answer, and nobody else is concerned.
+  // A failure concerns only the program that has closed its pipe.
   (void)platform::WriteFile(pipe, msg.data(), static_cast<std::uint32_t>(length),
                             platform::kInfinite, &written);
 }
 
-// Leaves the connection to the process, which closes it at its end.
+// Keeps the connection open until the process ends.
 void LeaveOpen(platform::Pipe pipe) {
   platform::ProcessLifetime<platform::Pipe> neverClosed;
   *neverClosed = std::move(pipe);
@@ -65,11 +65,15 @@ void LeaveOpen(platform::Pipe pipe) {
 }  // namespace
 
 std::uint32_t ServeQuestions(const QuestionPipe& questions) {
+  assert(questions.name != nullptr);
   for (;;) {
-    platform::Pipe pipe = Connect(questions.name);
+    platform::Pipe pipe = ConnectToPipe(questions.name);
     const long number = ReadQuestion(pipe);
     const platform::HeapBlock block = platform::HeapAlloc(kAnswerTextSize);
-    if (!block) return LeaveOpen(std::move(pipe)), kNoAnswerBlock;
+    if (!block) {
+      LeaveOpen(std::move(pipe));
+      return kNoAnswerBlock;
+    }
     const AnswerText text(static_cast<char*>(block.Raw()), kAnswerTextSize);
     std::memset(text.data(), 0, text.size());
     WriteText(questions.commands, number, text);

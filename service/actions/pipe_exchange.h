@@ -1,6 +1,6 @@
-// How programs in the user's session ask the service: they create a named pipe, the service
-// connects to it, reads one question, gives one answer and hangs up, over and over. What differs
-// between the pipes is their name and their table of commands.
+// The questions of programs in the user's session: such a program creates a named pipe, the service
+// connects to it, reads one question, writes one answer and disconnects, over and over. The pipes
+// differ in their name and their table of commands.
 //
 // On the wire: a question is a decimal number as text, ended by a zero byte. An answer is a text
 // and CR LF, without a zero byte.
@@ -27,14 +27,13 @@ struct QuestionPipe {
 
 constexpr std::uint32_t kNoAnswerBlock = 774;  // the exit code of a thread without a heap block
 
-// A thread's body: serves the questions of one pipe for as long as the process lives. While nobody
-// has created the pipe it tries again every two seconds, silently. Returns kNoAnswerBlock when the
-// process heap has no block for an answer; that question's connection then stays open, unanswered.
+// Serves the questions of one pipe for the life of the process; a thread's body. Until the pipe
+// exists it tries again every two seconds, without a line. Returns kNoAnswerBlock if the process
+// heap has no block for an answer; that question then stays unanswered and its connection open.
 //
-// Of a question the first 99 characters count, and the rest up to its zero byte is read and
-// dropped; a question that the asker breaks off counts as far as it came. An answer is cut at 125
-// characters. A number without a command, and what is no number, gets "Please provide proper
-// input".
+// The first 99 characters of a question count; the rest up to its zero byte is read and dropped. A
+// question that its sender breaks off counts as far as it came. An answer is cut at 125 characters.
+// A number without a command, or a text that is no number, gets "Please provide proper input".
 std::uint32_t ServeQuestions(const QuestionPipe& questions);
 
 }  // namespace stewardry

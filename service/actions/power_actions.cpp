@@ -1,4 +1,3 @@
-// The power actions.
 #include "service/actions/power_actions.h"
 
 #include <span>
@@ -6,11 +5,12 @@
 #include "platform/error.h"
 #include "platform/power.h"
 #include "platform/thread.h"
+#include "service/actions/actions_state.h"
 #include "service/diagnostics/service_log.h"
 
 namespace stewardry {
 
-std::atomic<std::uint8_t> gPowerOption{kPowerNone};
+platform::ProcessLifetime<ActionsState> gActions;
 
 namespace {
 
@@ -40,7 +40,7 @@ constexpr Action kActions[] = {
 };
 constexpr Action kNoticedShutdown = {kPowerShutdown, "Shutdown initiated", ShutDownLater, false};
 
-// Enables the shutdown privilege in `token`; false after a logged failure.
+// Enables the shutdown privilege in *token. Returns false after a logged failure.
 bool EnableShutdownPrivilege(platform::Token* token) {
   *token = platform::OpenProcessToken();
   if (!*token) {
@@ -59,44 +59,48 @@ bool EnableShutdownPrivilege(platform::Token* token) {
   return false;
 }
 
-// The privilege, the line and the call; not 0 if the system took the request.
-std::uint32_t Perform(std::span<const Action> actions, std::uint32_t option) {
+// Returns whether the system accepted the request; a failure is logged.
+bool PerformAction(std::span<const Action> actions, std::uint32_t option) {
   platform::Token token;
-  if (!EnableShutdownPrivilege(&token)) return 0;
+  if (!EnableShutdownPrivilege(&token)) return false;
   for (const Action& action : actions) {
     if (action.option != option) continue;
     LogInfo("%s", action.line);
-    if (action.call(action.argument)) return 1;
+    if (action.call(action.argument)) return true;
     LogInfo("Returned error %d", platform::LastError());
   }
-  return 0;
+  return false;
 }
 
 void ApplyOrLog(std::uint8_t option) {
-  if (ApplyPowerOption(option) == 0) LogInfo(" Power option failed PowerOption: 0x%x", option);
+  if (!PerformAction(kActions, option)) LogInfo(" Power option failed PowerOption: 0x%x", option);
 }
 
 void DelayThen(std::uint8_t option) {
   platform::Sleep(kDelayMilliseconds);
-  gPowerOption.store(kPowerNone, std::memory_order_relaxed);
+  gActions->gPowerOption.store(kPowerNone, std::memory_order_relaxed);
   ApplyOrLog(option);
 }
 
-// The thread's handle isn't kept: the thread ends with its action.
+// The thread's handle is not kept: the thread ends with its action.
 bool StartDelay(platform::ThreadEntry entry) {
   return static_cast<bool>(platform::CreateThread(entry, nullptr));
 }
 
 }  // namespace
 
-std::uint32_t ApplyPowerOption(std::uint32_t powerOption) { return Perform(kActions, powerOption); }
+std::uint32_t ApplyPowerOption(std::uint32_t powerOption) {
+  return PerformAction(kActions, powerOption) ? 1 : 0;
+}
 
-std::uint32_t ShutDownWithNotice() { return Perform({&kNoticedShutdown, 1}, kPowerShutdown); }
+std::uint32_t ShutDownWithNotice() {
+  return PerformAction({&kNoticedShutdown, 1}, kPowerShutdown) ? 1 : 0;
+}
 
 bool ActOnPowerOption() {
-  const std::uint8_t option = gPowerOption.load(std::memory_order_relaxed);
+  const std::uint8_t option = gActions->gPowerOption.load(std::memory_order_relaxed);
   if (option == kPowerShutdown || option == kPowerReboot) {
-    gPowerOption.store(kPowerNone, std::memory_order_relaxed);
+    gActions->gPowerOption.store(kPowerNone, std::memory_order_relaxed);
     ApplyOrLog(option);
   } else if (option == kPowerHibernate && !StartDelay(DelayHibernate)) {
     LogInfo("Hibernate power event thread failed");
@@ -109,7 +113,7 @@ bool ActOnPowerOption() {
 }
 
 void RebootNonDash() {
-  if (ApplyPowerOption(kPowerReboot) == 0) LogInfo("Returned error %d", platform::LastError());
+  if (!PerformAction(kActions, kPowerReboot)) LogInfo("Returned error %d", platform::LastError());
 }
 
 std::uint32_t DelayHibernate(void*) {

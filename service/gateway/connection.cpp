@@ -3,8 +3,8 @@
 
 #include "platform/socket.h"
 #include "service/diagnostics/service_log.h"
-#include "service/inventory/ip_config.h"
 #include "service/inventory/records.h"
+#include "service/inventory/reports.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -30,7 +30,7 @@ bool FirmwareIsReady(const ReportMark* mark) {
 }
 
 void AnnounceConnection(const RelayKind& relay, const RemoteAddress& peer) {
-  gIPInfo.Update([&](IPInfo& info) {
+  gReports->gIPInfo.Update([&](IPInfo& info) {
     info.localPort = relay.port;
     info.remoteAddress = peer.address;
     info.remotePort = peer.port;
@@ -40,7 +40,7 @@ void AnnounceConnection(const RelayKind& relay, const RemoteAddress& peer) {
   LogInfo("Remote address 0x%x", peer.address);
   LogInfo("Remote port 0x%x", std::uint32_t{peer.port});
   LogInfo("%s", relay.forwardingLine);
-  const IPInfo info = gIPInfo.Load();
+  const IPInfo info = gReports->gIPInfo.Load();
   SendIPCompleteInfomartion(&info);
   LogInfo("%s", relay.returnedLine);
 }

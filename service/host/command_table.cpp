@@ -1,6 +1,7 @@
 // The command table.
 #include "service/host/command_table.h"
 
+#include "service/actions/actions_state.h"
 #include "service/actions/indications.h"
 #include "service/actions/power_actions.h"
 #include "service/actions/upgrade.h"
@@ -18,7 +19,7 @@ namespace {
 // Notes a power option; the action follows the next DASH reply.
 template <std::uint8_t Option>
 void NotePowerOption(const std::uint8_t*, std::uint32_t) {
-  gPowerOption.store(Option, std::memory_order_relaxed);
+  gActions->gPowerOption.store(Option, std::memory_order_relaxed);
 }
 
 void HandleRebootNonDash(const std::uint8_t*, std::uint32_t) { RebootNonDash(); }

@@ -14,13 +14,14 @@
 #include "service/diagnostics/thread_end.h"
 #include "service/gateway/listeners.h"
 #include "service/host/start_up.h"
-#include "service/inventory/status_report.h"
+#include "service/inventory/reports.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
 #include "service/mailbox/reader.h"
 #include "service/standby/address_watch.h"
 #include "service/standby/battery_report.h"
+#include "service/standby/standby_state.h"
 
 namespace stewardry {
 
@@ -40,7 +41,7 @@ void StopService() {
   gStopPathRuns.store(true, std::memory_order_relaxed);  // the stop event's signal publishes it
   LogInfo("SERVICE_CONTROL_STOP recevied\n");
   ReportSvcStatus(platform::kServiceStopPending, 0, 0);
-  gTavrinRunning.store(0, std::memory_order_relaxed);
+  gReports->gTavrinRunning.store(0, std::memory_order_relaxed);
   UnregisterNetworkEvent();
   LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
   EndThreads("TerminateThread failed");
@@ -67,10 +68,10 @@ void HandleBatteryEvent(const platform::SystemPowerStatus& spsPwr) {
   LogInfo("GUID_BATTERY_PERCENTAGE_REMAINING Event");
   if (spsPwr.batteryFlag == platform::kBatteryFlagLow) {
     LogInfo("Battery is Critical %d", spsPwr.batteryLifePercent);
-    gBatteryState.store(kBatteryIsCritical, std::memory_order_relaxed);
+    gStandby->gBatteryState.store(kBatteryIsCritical, std::memory_order_relaxed);
   } else if (spsPwr.batteryFlag == platform::kBatteryFlagCritical) {
     LogInfo("Battery is Drained %d", spsPwr.batteryLifePercent);
-    gBatteryState.store(kBatteryIsDrained, std::memory_order_relaxed);
+    gStandby->gBatteryState.store(kBatteryIsDrained, std::memory_order_relaxed);
   }
 }
 
@@ -96,7 +97,7 @@ void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
     LogInfo("GUID_ACDC_POWER_SOURCE Event %lu", event.data[0]);
   }
   if (IsSetting(guid, platform::kGuidGlobalUserPresence))
-    gUserPresence.store(event.data[0], std::memory_order_relaxed);
+    gStandby->gUserPresence.store(event.data[0], std::memory_order_relaxed);
 }
 
 }  // namespace

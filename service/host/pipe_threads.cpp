@@ -6,8 +6,7 @@
 #include "service/actions/pipe_exchange.h"
 #include "service/actions/upgrade.h"
 #include "service/diagnostics/format.h"
-#include "service/inventory/ip_config.h"
-#include "service/inventory/service_version.h"
+#include "service/inventory/reports.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/messages.h"
@@ -20,7 +19,7 @@ constexpr std::uint32_t kWlanAuthenticationFailed = 1200;  // a value of KVMStat
 
 void Say(AnswerText text, const char* words) { FormatTo(text.data(), text.size(), "%s", words); }
 
-bool IsRunning() { return gTavrinRunning.load(std::memory_order_relaxed) == 1; }
+bool IsRunning() { return gReports->gTavrinRunning.load(std::memory_order_relaxed) == 1; }
 
 void AnswerRunning(AnswerText text) { Say(text, IsRunning() ? "ON" : "OFF"); }
 void AnswerProvisioning(AnswerText text) {
@@ -38,7 +37,7 @@ void AnswerServiceState(AnswerText text) {
 
 template <std::uint32_t IPInfo::*Address>
 void AnswerAddress(AnswerText text) {
-  FormatTo(text.data(), text.size(), "%x", gIPInfo.Load().*Address);
+  FormatTo(text.data(), text.size(), "%x", gReports->gIPInfo.Load().*Address);
 }
 
 void AnswerUpgradeNotice(AnswerText text) {

@@ -19,8 +19,7 @@
 #include "service/host/install.h"
 #include "service/host/log_folder.h"
 #include "service/host/server_thread.h"
-#include "service/inventory/chassis.h"
-#include "service/inventory/service_version.h"
+#include "service/inventory/status_report.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/reader.h"
 

@@ -1,14 +1,14 @@
-// The search for the connected adapter. The three sources know it by the same name, so nothing here
-// compares anything but whole names.
+// The search for the connected adapter. The three sources have the same name for it, so only whole
+// names are compared.
 #include "service/inventory/adapters.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <string>
 
 #include "platform/error.h"
 #include "service/diagnostics/wmi_log.h"
-#include "service/inventory/sized_block.h"
 #include "service/inventory/wmi_access.h"
 
 namespace stewardry {
@@ -36,7 +36,7 @@ Adapter ReadAdapter(const platform::WbemObject& row) {
   return adapter;
 }
 
-// The whole name, however long: it is what the searches compare.
+// Returns the whole name, however long, since the searches compare it.
 std::string AnsiName(const std::u16string& name) {
   std::string ansi(name.size() * 3 + 1, '\0');  // no ANSI code page has more bytes for a unit
   ansi.resize(platform::WideToAnsi(name.data(), name.size(), ansi.data(), ansi.size()));
@@ -72,20 +72,22 @@ std::uint64_t SpeedInTable(std::span<const platform::IfRow> rows, const char* na
     if (std::strcmp(row.description.c_str(), name) != 0) continue;
     WmiInfo("\tDescription:\t%s", row.description);
     WmiInfo("\tindex: %d, Speed:\t %ld", row.index, row.speed);
-    // A filter or a virtual twin may stand first under the same name, without a speed.
+    // A filter or a virtual twin of the same name may come first, without a speed.
     if (row.speed != 0) return row.speed;
   }
   return 0;
 }
 
 std::uint32_t GetNetworkinformation(NetworkInfo* record) {
+  assert(record != nullptr);
   const WmiQuery query{u"SELECT * FROM Win32_NetworkAdapter", "GetNetworkinformation"};
-  return ReadWmiRows(query, [record](const platform::WbemObject& row) {
+  const bool isRead = ReadWmiRows(query, [record](const platform::WbemObject& row) {
     const Adapter adapter = ReadAdapter(row);
     if (adapter.connectionStatus != kNetConnected) return true;
     FillRecord(adapter, record);
     return false;
   });
+  return isRead ? 0 : 1;
 }
 
 std::uint64_t GetAdapterSpeed(const char* name) {
@@ -121,6 +123,19 @@ bool IsAdapterDhcpEnabled(const char* name) {
     return adapter.dhcpEnabled;
   }
   return false;
+}
+
+platform::HeapBlock AllocateFor(FillBlock fill, std::uint32_t tooSmall, std::uint32_t* size) {
+  assert(fill != nullptr && *size > 0);
+  const std::uint32_t first = *size;
+  platform::HeapBlock block = platform::HeapAlloc(first);
+  if (!block) return block;
+  if (fill(block.Raw(), size) == tooSmall) {
+    block.Reset();  // before the second allocation, so that the two never coexist
+    return platform::HeapAlloc(*size);
+  }
+  *size = first;  // whatever the call has stored there
+  return block;
 }
 
 }  // namespace stewardry

@@ -1,19 +1,18 @@
-// From the adapter list to the IP record. The record is built aside and stored in one go, so that a
-// search that finds nothing leaves the last one standing.
+// From the adapter list to the IP record. The record is built aside and stored as a whole, so a
+// search that finds nothing leaves the last one as it was.
 #include "service/inventory/ip_config.h"
 
 #include <algorithm>
+#include <cassert>
 #include <vector>
 
 #include "platform/error.h"
 #include "platform/network.h"
 #include "platform/socket.h"
 #include "service/diagnostics/wmi_log.h"
-#include "service/inventory/sized_block.h"
+#include "service/inventory/adapters.h"
 
 namespace stewardry {
-
-SharedRecord<IPInfo> gIPInfo;
 
 namespace {
 
@@ -27,11 +26,6 @@ constexpr std::uint32_t kFamilyInet = platform::kAfInet;
 std::uint32_t FillAddresses(void* block, std::uint32_t* size) {
   return platform::GetAdaptersAddresses(kAddressFlags, block, size);
 }
-
-struct AddressText {
-  explicit AddressText(std::uint32_t address) { platform::InetNtop(address, text, sizeof text); }
-  char text[16] = "";
-};
 
 bool Fits(const platform::AdapterAddresses& adapter, bool wireless) {
   if (adapter.operStatus != platform::kIfOperStatusUp) return false;
@@ -111,6 +105,7 @@ IPInfo DescribeAdapter(const platform::AdapterAddresses& adapter) {
 }  // namespace
 
 void GetIPCompleteInfomartion(SharedRecord<IPInfo>* out, std::uint32_t port, std::uint32_t wlan) {
+  assert(out != nullptr);
   std::uint32_t size = platform::kAdapterAddressesSize;
   const platform::HeapBlock list =
       AllocateFor(FillAddresses, platform::kErrorBufferOverflow, &size);

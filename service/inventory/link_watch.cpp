@@ -1,5 +1,5 @@
-// The WLAN service's handle, its notifications and its answers. The handle may be wanted by several
-// threads at once, some of which can be ended from outside.
+// The WLAN service's handle, notifications and states. Several threads may need the handle at once,
+// and some of them can be ended from outside.
 #include "service/inventory/link_watch.h"
 
 #include <iterator>
@@ -12,11 +12,10 @@
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/ip_config.h"
 #include "service/inventory/network_report.h"
+#include "service/inventory/reports.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
-
-std::atomic<platform::WlanHandle> gWlanHandle{nullptr};
 
 namespace {
 
@@ -33,50 +32,50 @@ constexpr const char* kStateTexts[] = {
 };
 static_assert(std::size(kStateTexts) == platform::kWlanStates);
 
-// The turn to open the handle. A platform mutex, because a report's thread can be ended from
-// outside while it holds it, and a std::mutex would then stay locked for good.
+// The turn to open the handle, so that threads that come at once open one. A platform mutex: a
+// thread can be ended while it holds the turn, and a std::mutex would then stay locked.
 class OpeningTurn {
  public:
-  // If the mutex couldn't be made or taken, the opening goes on without it: better a handle too
-  // many than a host that takes its WLAN for a LAN.
+  // Without the mutex the opening goes on: a second handle does less harm than a WLAN that is
+  // reported as a LAN.
   OpeningTurn() {
     const std::uint32_t wait = platform::WaitForSingleObject(Turn(), platform::kInfinite);
-    taken_ = wait == platform::kWaitObject0 || wait == platform::kWaitAbandoned;
+    isTaken_ = wait == platform::kWaitObject0 || wait == platform::kWaitAbandoned;
   }
   ~OpeningTurn() {
-    if (taken_) (void)platform::ReleaseMutex(Turn());  // nobody to tell of a failure
+    if (isTaken_) (void)platform::ReleaseMutex(Turn());  // a failure has no remedy
   }
   OpeningTurn(const OpeningTurn&) = delete;
   OpeningTurn& operator=(const OpeningTurn&) = delete;
 
  private:
-  struct Made {
+  struct NewMutex {
     platform::Mutex mutex = platform::CreateMutexA(nullptr);
   };
   static const platform::Mutex& Turn() {
-    static platform::ProcessLifetime<Made> turn;  // a callback may come while the process leaves
+    static platform::ProcessLifetime<NewMutex> turn;  // a callback may run while the process exits
     return turn->mutex;
   }
-  bool taken_ = false;
+  bool isTaken_ = false;
 };
 
-// The open handle, or null after a logged failure. The next caller tries again.
+// Returns the open handle, or null after a logged failure. The next caller tries again.
 platform::WlanHandle OpenWlan() {
-  platform::WlanHandle handle = gWlanHandle.load(std::memory_order_acquire);
+  platform::WlanHandle handle = gReports->gWlanHandle.load(std::memory_order_acquire);
   if (handle != nullptr) return handle;
   OpeningTurn turn;
-  handle = gWlanHandle.load(std::memory_order_acquire);
+  handle = gReports->gWlanHandle.load(std::memory_order_acquire);
   if (handle != nullptr) return handle;
   if (const std::uint32_t error = platform::WlanOpenHandle(&handle); error != 0) {
     LogInfo("WlanOpenHandle failed with error: %u", error);
     return nullptr;
   }
-  gWlanHandle.store(handle, std::memory_order_release);
+  gReports->gWlanHandle.store(handle, std::memory_order_release);
   return handle;
 }
 
-// Open for one event. A log that can't be opened takes nothing, and the event is dealt with all
-// the same.
+// The trace, open for one event. If it cannot be opened its lines are lost, and the event is
+// handled all the same.
 class ChangeLog final : public ReportLines {
  public:
   ChangeLog() {
@@ -85,12 +84,11 @@ class ChangeLog final : public ReportLines {
   }
 
  private:
-  void Take(std::string_view format, std::span<const FormatArg> args) override {
+  void WriteLine(std::string_view format, std::span<const FormatArg> args) override {
     if (!stream_) return;
     char text[512];  // the longest is a network name of 96 units, at three bytes each
     const std::size_t length = FormatText(text, sizeof text, format, args);
-    // A trace for engineers: what the disk doesn't take is lost.
-    (void)platform::WriteStream(stream_, text, length);
+    (void)platform::WriteStream(stream_, text, length);  // a trace: what fails is lost
   }
 
   platform::Stream stream_;
@@ -99,10 +97,10 @@ class ChangeLog final : public ReportLines {
 void OnConnected() {
   ChangeLog log;
   log.Write("Connected");
-  const std::uint32_t oldAddress = gIPInfo.Load().ipAddress;
-  GetIPCompleteInfomartion(&gIPInfo, kReportPort, kWirelessAdapter);
-  // Back on the same network: the firmware knows it.
-  if (gIPInfo.Load().ipAddress == oldAddress) return;
+  const std::uint32_t oldAddress = gReports->gIPInfo.Load().ipAddress;
+  GetIPCompleteInfomartion(&gReports->gIPInfo, kReportPort, kWirelessAdapter);
+  // Back on the same network: the firmware knows the address.
+  if (gReports->gIPInfo.Load().ipAddress == oldAddress) return;
   SendIpReport(&log);
   SendAdapterReport(&log);
 }
@@ -116,7 +114,7 @@ std::uint32_t ConnectionWord(std::uint32_t flags) {
     return kNetworkNone;
   }
   LogInfo("Connected to internet flag: %d", flags);
-  if (WlanIsConnected() == 0) {
+  if (IsOnWlan()) {
     LogInfo("Connected to internet via WLAN");
     return kNetworkWlan;
   }
@@ -142,24 +140,26 @@ void WlanNotificationCallback(const platform::WlanNotification& data, void*) {
   if (data.code == platform::kWlanDisconnected) OnDisconnected();
 }
 
-std::uint32_t WlanIsConnected() {
+bool IsOnWlan() {
   const platform::WlanHandle handle = OpenWlan();
-  if (handle == nullptr) return 1;
+  if (handle == nullptr) return false;
   platform::WlanInterfaceList list;
   if (const std::uint32_t error = platform::WlanEnumInterfaces(handle, &list); error != 0) {
     LogInfo("WlanEnumInterfaces failed with error: %u", error);
-    return 1;
+    return false;
   }
   LogInfo("Num Entries: %lu", list.states.size());
   LogInfo("Current Index: %lu", list.index);
-  std::uint32_t result = 1;
+  bool isConnected = false;
   for (std::uint32_t i = 0; i < list.states.size(); ++i) {
     LogInfo("Interface Index[%u]", i);
     LogInfo("%s", WlanStateText(list.states[i]));
-    if (list.states[i] == platform::kWlanStateConnected) result = 0;
+    if (list.states[i] == platform::kWlanStateConnected) isConnected = true;
   }
-  return result;
+  return isConnected;
 }
+
+std::uint32_t WlanIsConnected() { return IsOnWlan() ? 0 : 1; }
 
 std::string WlanStateText(std::uint32_t state) {
   if (state < std::size(kStateTexts)) return kStateTexts[state];

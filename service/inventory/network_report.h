@@ -1,5 +1,5 @@
-// The two network messages that a status report and a change of the wireless network have in
-// common: the IP record and the adapter record. They differ only in where their lines go.
+// The two messages that a status report and a change of the wireless network have in common: the IP
+// record and the adapter record. They differ only in where their lines go.
 #pragma once
 
 #include <span>
@@ -9,25 +9,25 @@
 
 namespace stewardry {
 
-// Takes the lines of a report.
+// Receives the lines of a report.
 class ReportLines {
  public:
   virtual ~ReportLines() = default;
   template <class... Args>
   void Write(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
     const FormatArg list[] = {FormatArg(args)..., FormatArg()};
-    Take(format.text, std::span(list, sizeof...(Args)));
+    WriteLine(format.text, std::span(list, sizeof...(Args)));
   }
 
  private:
-  virtual void Take(std::string_view format, std::span<const FormatArg> args) = 0;
+  virtual void WriteLine(std::string_view format, std::span<const FormatArg> args) = 0;
 };
 
 // Makes gIPInfo a report (no peer, end marker set) and sends it, unless its address is the loopback
-// address, which says nothing to the firmware. Any thread.
+// address, which means nothing to the firmware. Any thread.
 void SendIpReport(ReportLines* lines);
 
-// Reads the connected adapter and sends its record, which is empty but for the end marker if there
+// Reads the connected adapter and sends its record, which is zero but for the end marker if there
 // is none or WMI failed. Any thread.
 void SendAdapterReport(ReportLines* lines);
 

@@ -1,4 +1,4 @@
-// The report, step by step in SendSystemInfo. The firmware relies on the order of the messages.
+// The steps of the report. The firmware relies on the order of the messages.
 #include "service/inventory/status_report.h"
 
 #include <span>
@@ -13,23 +13,23 @@
 #include "service/inventory/ip_config.h"
 #include "service/inventory/link_watch.h"
 #include "service/inventory/network_report.h"
-#include "service/inventory/service_version.h"
+#include "service/inventory/reports.h"
 #include "service/inventory/wmi_access.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
 
-std::atomic<std::uint32_t> gTavrinRunning{0};
+platform::ProcessLifetime<Reports> gReports;
 
 namespace {
 
 constexpr std::uint32_t kNetworkPollMs = 100;
-// The turn of the wait, about ten seconds in, at which the firmware is told that there is no
-// network yet.
+// The turn of the wait, about ten seconds in, that reports to the firmware that there is no network
+// yet.
 constexpr std::uint32_t kNoNetworkTurn = 100;
 
 class ServiceLogLines final : public ReportLines {
-  void Take(std::string_view format, std::span<const FormatArg> args) override {
+  void WriteLine(std::string_view format, std::span<const FormatArg> args) override {
     ServiceLog_Write(LogHeader::kInfo, format, args);
   }
 };
@@ -56,7 +56,7 @@ void LogOperatingSystem(const OperationSysSInfo& record) {
 void ReportOperatingSystem() {
   NetworkOsInformation scratch{};
   OperationSysSInfo& record = scratch.operatingSystem;
-  // A part that can't be found out stays zero, and the record goes out all the same.
+  // A part that cannot be read stays zero, and the record is sent all the same.
   (void)GetOSinformation(&record);
   (void)platform::gethostname(record.hostName, sizeof record.hostName);
   FillText(record.tavrinVersion, kServiceVersion);
@@ -70,7 +70,8 @@ void RefreshFirmwareVersion() {
   GetTavrinVersion(&gTavrinVersionInfo);
   const auto version = [] { return TextOf(gTavrinVersionInfo.Load().version); };
   if (version().empty()) SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
-  if (version() != kVersionNotAvailable) gTavrinRunning.store(1, std::memory_order_relaxed);
+  if (version() != kVersionNotAvailable)
+    gReports->gTavrinRunning.store(1, std::memory_order_relaxed);
 }
 
 void ReportNoNetwork() {
@@ -92,10 +93,10 @@ void WaitForNetwork(const ReportMark* mark) {
 
 void ReportAddress() {
   ServiceLogLines lines;
-  const bool wlan = WlanIsConnected() == 0;
+  const bool wlan = IsOnWlan();
   LogInfo("System is connected to %s", wlan ? "WLAN" : "LAN");
   LogInfo("Getting value from GetIPCompleteInfomartion");
-  GetIPCompleteInfomartion(&gIPInfo, kReportPort, wlan ? kWirelessAdapter : kAnyAdapter);
+  GetIPCompleteInfomartion(&gReports->gIPInfo, kReportPort, wlan ? kWirelessAdapter : kAnyAdapter);
   SendIpReport(&lines);
 }
 
@@ -104,12 +105,12 @@ void ReportAdapter() {
   SendAdapterReport(&lines);
 }
 
-// Before and behind the wait for a network.
+// Before and after the wait for a network.
 constexpr void (*kFirstSteps[])() = {ReportServiceUp, ReportOperatingSystem,
                                      RefreshFirmwareVersion};
 constexpr void (*kNetworkSteps[])() = {ReportAddress, SendSystemBooted, ReportAdapter};
 
-void TakeSteps(const ReportMark* mark, std::span<void (*const)()> steps) {
+void RunSteps(const ReportMark* mark, std::span<void (*const)()> steps) {
   for (const auto step : steps)
     if (IsWanted(mark)) step();
 }
@@ -124,13 +125,26 @@ bool ReadOperatingSystem(const platform::WbemObject& row, OperationSysSInfo* rec
   return false;  // the first row only
 }
 
+// SMBIOS chassis types: 9 laptop, 10 notebook.
+bool IsLaptop(std::uint16_t chassisType) { return chassisType == 9 || chassisType == 10; }
+
+bool LogChassisTypes(const platform::WbemObject& enclosure) {
+  platform::WbemValue types;
+  if (platform::Failed(platform::GetProperty(enclosure, u"ChassisTypes", &types))) return true;
+  if (types.kind != platform::WbemValue::kNumbers) return true;
+  LogInfo("Chassis Types:");
+  for (const std::uint32_t type : types.numbers)
+    LogInfo("%s", IsLaptop(static_cast<std::uint16_t>(type)) ? "Laptop" : "Desktop detected");
+  return true;
+}
+
 }  // namespace
 
 std::uint32_t SendSystemInfo(void* given) {
   const auto* mark = static_cast<const ReportMark*>(given);
-  TakeSteps(mark, kFirstSteps);
+  RunSteps(mark, kFirstSteps);
   WaitForNetwork(mark);
-  TakeSteps(mark, kNetworkSteps);
+  RunSteps(mark, kNetworkSteps);
   return 0;
 }
 
@@ -141,9 +155,15 @@ void ResendSystemInfo(const ReportMark* mark) {
 
 std::uint32_t GetOSinformation(OperationSysSInfo* record) {
   const WmiQuery query{u"SELECT * FROM Win32_OperatingSystem", "GetOSinformation"};
-  return ReadWmiRows(query, [record](const platform::WbemObject& row) {
+  const bool isRead = ReadWmiRows(query, [record](const platform::WbemObject& row) {
     return ReadOperatingSystem(row, record);
   });
+  return isRead ? 0 : 1;
+}
+
+void DetectChassis() {
+  // Start-up goes on whatever the result.
+  (void)ReadWmiRows({u"SELECT * FROM Win32_SystemEnclosure", nullptr}, LogChassisTypes);
 }
 
 }  // namespace stewardry

@@ -1,6 +1,7 @@
 // The steps to WMI's rows. Everything is released before COM ends, on every way out.
 #include "service/inventory/wmi_access.h"
 
+#include <cassert>
 #include <utility>
 
 #include "service/diagnostics/wmi_log.h"
@@ -9,7 +10,7 @@ namespace stewardry {
 
 namespace {
 
-// COM on this thread, ended with the scope if it was opened.
+// Opens COM on this thread, and closes it with the scope.
 class ComScope {
  public:
   ComScope() : result_(platform::CoInitializeEx()) {}
@@ -24,7 +25,7 @@ class ComScope {
   platform::HResult result_;
 };
 
-// True for success. A failure is logged as `format` with the code, unless the access is silent.
+// Returns true for success. Logs a failure as `format` with the code, unless the access is silent.
 bool Passed(const WmiQuery& query, platform::HResult result,
             CheckedFormat<platform::HResult> format) {
   if (!platform::Failed(result)) return true;
@@ -34,8 +35,8 @@ bool Passed(const WmiQuery& query, platform::HResult result,
 
 bool SecureCom(const WmiQuery& query) {
   const platform::HResult result = platform::CoInitializeSecurity();
-  // The process's values are in force, and nobody else sets any: they are those of another access,
-  // which runs now or was ended before it could end COM.
+  // Too late: the process has values already. They are those of another access, which runs now or
+  // was ended before it closed COM, since nothing else sets any.
   if (!platform::Failed(result) || result == platform::kTooLate) return true;
   if (query.reader != nullptr)
     WmiInfo("Failed to initialize security in %s(). Error code = 0x%x", query.reader, result);
@@ -64,9 +65,8 @@ void WalkRows(const platform::WbemEnumerator& rows, const WmiRowReader& readRow)
   }
 }
 
-// The scopes end in the order service, locator, enumerator, COM: nothing of WMI outlives COM.
 bool RunQuery(const WmiQuery& query, const WmiRowReader& readRow) {
-  ComScope com;
+  ComScope com;  // declared first, so that nothing of WMI outlives it
   if (!Passed(query, com.Result(), "Failed to initialize COM library. Error code = 0x%x"))
     return false;
   if (!SecureCom(query)) return false;
@@ -74,7 +74,7 @@ bool RunQuery(const WmiQuery& query, const WmiRowReader& readRow) {
   platform::WbemLocator locator;
   platform::WbemServices services;
   if (!Connect(query, &locator, &services)) return false;
-  // The message speaks of the operating system whatever the query is.
+  // Fixed log text for every query; its wording must not change.
   if (!Passed(query, platform::ExecQuery(services, query.text, &rows),
               "Query for operating system name failed. Error code = 0x%x"))
     return false;
@@ -84,10 +84,11 @@ bool RunQuery(const WmiQuery& query, const WmiRowReader& readRow) {
 
 }  // namespace
 
-std::uint32_t ReadWmiRows(const WmiQuery& query, const WmiRowReader& readRow) {
-  if (!RunQuery(query, readRow)) return 1;
+bool ReadWmiRows(const WmiQuery& query, const WmiRowReader& readRow) {
+  assert(query.text != nullptr && readRow);
+  if (!RunQuery(query, readRow)) return false;
   if (query.reader != nullptr) WmiInfo("closed here");
-  return 0;
+  return true;
 }
 
 std::u16string WmiText(const platform::WbemObject& row, const char16_t* name) {

@@ -1,4 +1,3 @@
-// The dumps of address data.
 #include "service/standby/address_dumps.h"
 
 #include <algorithm>
@@ -12,17 +11,13 @@
 #include "platform/wlan.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
+#include "service/inventory/adapters.h"
+#include "service/inventory/ip_config.h"
 #include "service/inventory/link_watch.h"
-#include "service/inventory/sized_block.h"
 
 namespace stewardry {
 
 namespace {
-
-struct AddressText {
-  explicit AddressText(std::uint32_t address) { platform::InetNtop(address, text, sizeof text); }
-  char text[16] = "";
-};
 
 struct TypeLine {
   std::uint16_t bit;  // of wType
@@ -55,12 +50,12 @@ void LogTableFailure(std::uint32_t error) {
     LogInfo("\tError: %s", static_cast<const char*>(text));
 }
 
-// A client handle of this call's own, so that nothing of it is left.
+// Owns a client handle for one call, so that none stays open.
 class WlanClient {
  public:
   WlanClient() : error_(platform::WlanOpenHandle(&handle_)) {}
   ~WlanClient() {
-    if (error_ == 0) (void)platform::WlanCloseHandle(handle_);  // nothing more to be done
+    if (error_ == 0) (void)platform::WlanCloseHandle(handle_);  // a failure has no remedy
   }
   WlanClient(const WlanClient&) = delete;
   WlanClient& operator=(const WlanClient&) = delete;
@@ -72,12 +67,12 @@ class WlanClient {
   std::uint32_t error_;
 };
 
-// The caller's room for the profiles' texts.
+// Collects the profiles' texts in the caller's memory.
 class ProfileText {
  public:
   explicit ProfileText(std::span<char16_t> room) : room_(room) {}
 
-  void Add(const std::u16string& xml) {
+  void Append(const std::u16string& xml) {
     if (room_.empty()) return;
     const std::size_t kept = std::min(xml.size(), room_.size() - 1 - length_);
     std::copy_n(xml.begin(), kept, room_.begin() + static_cast<std::ptrdiff_t>(length_));
@@ -101,7 +96,7 @@ bool CollectProfile(platform::WlanHandle wlan, const platform::Guid& guid, std::
     WmiInfo("WlanGetProfile failed with error: %u", error);
     return false;
   }
-  text->Add(xml);
+  text->Append(xml);
   return true;
 }
 
@@ -113,11 +108,11 @@ bool CollectInterface(platform::WlanHandle wlan, const platform::Guid& guid, Pro
   }
   WmiInfo("WLAN_PROFILE_INFO_LIST for this interface");
   WmiInfo("  Num Entries: %lu", profiles.size());
-  bool whole = true;
+  bool isComplete = true;
   std::uint32_t number = 0;
   for (const platform::WlanProfile& profile : profiles)
-    whole = CollectProfile(wlan, guid, number++, profile, text) && whole;
-  return whole;
+    isComplete = CollectProfile(wlan, guid, number++, profile, text) && isComplete;
+  return isComplete;
 }
 
 void LogWlanInterface(std::uint32_t number, const platform::Guid& guid, std::uint32_t state) {
@@ -174,12 +169,12 @@ std::uint32_t CollectWlanProfiles(std::span<char16_t> text) {
   WmiInfo("Num Entries: %lu", list.states.size());
   WmiInfo("Current Index: %lu", list.index);
   ProfileText profiles(text);
-  bool whole = true;
+  bool isComplete = true;
   for (std::uint32_t i = 0; i < list.states.size(); ++i) {
     LogWlanInterface(i, list.guids[i], list.states[i]);
-    whole = CollectInterface(wlan.Handle(), list.guids[i], &profiles) && whole;
+    isComplete = CollectInterface(wlan.Handle(), list.guids[i], &profiles) && isComplete;
   }
-  return whole ? 0 : 1;
+  return isComplete ? 0 : 1;
 }
 
 }  // namespace stewardry

@@ -1,6 +1,7 @@
-// Batteries and user presence.
 #include "service/standby/battery_report.h"
 
+#include <atomic>
+#include <cassert>
 #include <cstring>
 #include <iterator>
 
@@ -12,13 +13,9 @@
 #include "service/mailbox/device.h"
 #include "service/mailbox/device_path.h"
 #include "service/mailbox/request.h"
+#include "service/standby/standby_state.h"
 
 namespace stewardry {
-
-std::atomic<std::uint32_t> gUserPresence{3};
-std::atomic<std::uint32_t> gBatteryState{3};
-std::atomic<std::uint32_t> gLastUserPresence{3};
-std::atomic<std::uint32_t> gLastBatteryState{3};
 
 namespace {
 
@@ -28,16 +25,16 @@ constexpr const char16_t* kBatteryProperties[] = {
     u"Chemistry",     u"ExpectedLife", u"EstimatedRunTime", u"TimeToFullCharge"};
 static_assert(std::size(kBatteryProperties) == std::size(BatteryStatusRecord{}.values));
 
-// The firmware's words for a user who is there and one who isn't.
+// The firmware's values for the user's presence.
 constexpr std::uint32_t kUserPresent = 1;
 constexpr std::uint32_t kUserAbsent = 2;
 
-// Takes the value last told to `now`; false if that is what was told already.
-bool TakeChange(std::atomic<std::uint32_t>* last, std::uint32_t now) {
+// Stores `now` as the value last reported. Returns false if it was that already.
+bool NoteChange(std::atomic<std::uint32_t>* last, std::uint32_t now) {
   return last->exchange(now, std::memory_order_relaxed) != now;
 }
 
-// False if the request couldn't be started, which ends the report.
+// Returns false if the request could not be started, which ends the report.
 bool ReportPresence(std::uint32_t presence) {
   LogInfo("StatusChanged of user %d", presence);
   const std::uint32_t value = presence == 0 ? kUserPresent : kUserAbsent;
@@ -48,7 +45,7 @@ void ReportBatteryState(std::uint32_t state) {
   LogInfo("StatusChanged of Battery %d", state);
   BatteryStatusRecord record{};
   record.batteryState = state;
-  (void)GetCompleteBatteryinformation(&record);  // the state counts, with or without the rest
+  (void)GetCompleteBatteryinformation(&record);  // the state is sent with or without the rest
   if (state == kBatteryIsCritical) SendRecord(Operation::kBatteryCritical, &record);
   if (state == kBatteryIsDrained) SendRecord(Operation::kBatteryDrained, &record);
   // No other state has a control code.
@@ -57,53 +54,53 @@ void ReportBatteryState(std::uint32_t state) {
 bool ReadBatteryRow(const platform::WbemObject& row, BatteryStatusRecord* record) {
   platform::RawVariant values[std::size(kBatteryProperties)];
   for (std::size_t i = 0; i < std::size(values); ++i)
-    (void)platform::GetRawProperty(row, kBatteryProperties[i], &values[i]);  // empty on failure
+    (void)platform::GetRawProperty(row, kBatteryProperties[i], &values[i]);  // zero on failure
   WmiInfo("Got the data successfully");
   std::memcpy(record->values, values, sizeof values);
   return true;
 }
 
-// What the walk over the devices has found.
+// The findings of the walk over the devices.
 enum : std::uint32_t {
   kHasBattery = 1,
   kOnBatteryPower = 2,
 };
 
-bool AskBattery(const platform::BatteryHandle& battery, std::uint32_t code, const void* input,
-                std::uint32_t inputSize, void* output, std::uint32_t outputSize) {
+bool QueryBattery(const platform::BatteryHandle& battery, std::uint32_t code, const void* input,
+                  std::uint32_t inputSize, void* output, std::uint32_t outputSize) {
   std::uint32_t returned = 0;
   return platform::BatteryIoControl(battery, code, input, inputSize, output, outputSize, &returned);
 }
 
-// False if there is no battery behind the device.
+// Returns false if the device contains no battery.
 bool ReadTag(const platform::BatteryHandle& battery, std::uint32_t* tag) {
-  const std::uint32_t wait = 0;  // for a battery to be put in
-  return AskBattery(battery, platform::kIoctlBatteryQueryTag, &wait, sizeof wait, tag,
-                    sizeof *tag) &&
+  const std::uint32_t wait = 0;  // milliseconds, for a battery to be inserted
+  return QueryBattery(battery, platform::kIoctlBatteryQueryTag, &wait, sizeof wait, tag,
+                      sizeof *tag) &&
          *tag != platform::kBatteryTagInvalid;
 }
 
-// Leaves *status zero if the device doesn't tell it.
+// Leaves *status zero if the query fails.
 void ReadStatus(const platform::BatteryHandle& battery, std::uint32_t tag, std::uint32_t index,
                 platform::BatteryStatus* status, std::uint32_t* flags) {
   platform::BatteryWaitStatus wait{};
   wait.tag = tag;
-  if (!AskBattery(battery, platform::kIoctlBatteryQueryStatus, &wait, sizeof wait, status,
-                  sizeof *status))
+  if (!QueryBattery(battery, platform::kIoctlBatteryQueryStatus, &wait, sizeof wait, status,
+                    sizeof *status))
     return;
   if ((status->powerState & platform::kBatteryPowerOnLine) == 0) return;
   *flags &= ~std::uint32_t{kOnBatteryPower};
   LogInfo("Battery %d BATTERY_POWER_ON_LINE", index);
 }
 
-// False if there is nothing to send.
+// Returns false if there is nothing to send.
 bool ReadBattery(const platform::BatteryHandle& battery, std::uint32_t index,
                  BatteryInfoRecord* record, std::uint32_t* flags) {
   std::uint32_t tag = platform::kBatteryTagInvalid;
   if (!ReadTag(battery, &tag)) return false;
   const platform::BatteryQueryInformation query{tag, platform::kBatteryInformationLevel, 0};
-  if (!AskBattery(battery, platform::kIoctlBatteryQueryInformation, &query, sizeof query,
-                  &record->information, sizeof record->information))
+  if (!QueryBattery(battery, platform::kIoctlBatteryQueryInformation, &query, sizeof query,
+                    &record->information, sizeof record->information))
     return false;
   LogInfo("Battery %d info", index);
   const std::uint32_t capabilities = record->information.capabilities;
@@ -133,7 +130,7 @@ void ReportDevice(const platform::DeviceInfoList& list, const platform::DeviceIn
   if (ReadBattery(battery, index, &record, flags)) SendBattery(record);
 }
 
-// Gives the flags. A member that can't be had is passed over.
+// Returns the flags. Skips a device whose interface cannot be read.
 std::uint32_t WalkBatteries() {
   constexpr std::uint32_t kMostBatteries = 100;
   std::uint32_t flags = kOnBatteryPower;
@@ -158,17 +155,19 @@ std::uint32_t WalkBatteries() {
 
 void ReportPresenceAndBattery() {
   if (!*gRequestDevice) return LogInfo("Failed");
-  const std::uint32_t presence = gUserPresence.load(std::memory_order_relaxed);
-  if (!TakeChange(&gLastUserPresence, presence)) return;
+  const std::uint32_t presence = gStandby->gUserPresence.load(std::memory_order_relaxed);
+  if (!NoteChange(&gStandby->gLastUserPresence, presence)) return;
   if (!ReportPresence(presence)) return;
-  const std::uint32_t state = gBatteryState.load(std::memory_order_relaxed);
-  if (TakeChange(&gLastBatteryState, state)) ReportBatteryState(state);
+  const std::uint32_t state = gStandby->gBatteryState.load(std::memory_order_relaxed);
+  if (NoteChange(&gStandby->gLastBatteryState, state)) ReportBatteryState(state);
 }
 
 std::uint32_t GetCompleteBatteryinformation(BatteryStatusRecord* record) {
-  return ReadWmiRows(
-      {u"SELECT * FROM Win32_Battery", "GetCompleteBatteryinformation"},
-      [record](const platform::WbemObject& row) { return ReadBatteryRow(row, record); });
+  assert(record != nullptr);
+  const WmiQuery query{u"SELECT * FROM Win32_Battery", "GetCompleteBatteryinformation"};
+  const bool isRead = ReadWmiRows(
+      query, [record](const platform::WbemObject& row) { return ReadBatteryRow(row, record); });
+  return isRead ? 0 : 1;
 }
 
 std::uint32_t ReportBatteryDevices() {
@@ -177,7 +176,7 @@ std::uint32_t ReportBatteryDevices() {
     return 1;
   }
   LogInfo("Checking device");
-  (void)WalkBatteries();  // nobody asks for the flags: the firmware has the records
+  (void)WalkBatteries();  // the flags are not used: the firmware has the records
   return 0;
 }
 

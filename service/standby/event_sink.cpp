@@ -1,6 +1,6 @@
-// The sink of battery queries.
 #include "service/standby/event_sink.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "service/diagnostics/service_log.h"
@@ -35,9 +35,10 @@ std::uint32_t EventSink::AddRef() {
 }
 
 std::uint32_t EventSink::Release() {
-  const std::uint32_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  if (left == 0) delete this;
-  return left;
+  const std::uint32_t before = references_.fetch_sub(1, std::memory_order_acq_rel);
+  assert(before > 0);
+  if (before == 1) delete this;
+  return before - 1;
 }
 
 platform::HResult EventSink::Indicate(std::int32_t count, platform::RawHandle* rows) {

@@ -1,7 +1,9 @@
-// The firmware's log: two requests and the capture.
 #include "service/standby/firmware_log.h"
 
+#include <atomic>
+#include <cassert>
 #include <cstring>
+#include <iterator>
 
 #include "platform/clock.h"
 #include "platform/file.h"
@@ -9,12 +11,9 @@
 #include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/request.h"
+#include "service/standby/standby_state.h"
 
 namespace stewardry {
-
-std::atomic<std::uint64_t> gLogBufferAddress{0};
-std::atomic<std::uint8_t> gLogFileCreated{0};
-std::atomic<std::uint32_t> gLogFirstCapture{1};
 
 namespace {
 
@@ -22,13 +21,13 @@ namespace {
 struct Answer {
   std::uint64_t address = 0;
   RequestOutcome outcome;
-  // An address on which the indexes are words of their own.
+  // True for an address at which the indexes are aligned words.
   bool IsAddress() const {
     return outcome.bytes == sizeof address && address % alignof(LogRing) == 0;
   }
 };
 
-// The open capture file. It tells of nothing: what the disk doesn't take is lost.
+// The open capture file. It reports no failure: what cannot be written is lost.
 class CaptureFile {
  public:
   CaptureFile() : stream_(platform::OpenStream(kFirmwareLogPath, "a+")) {}
@@ -38,14 +37,14 @@ class CaptureFile {
   void Write(CheckedFormat<std::type_identity_t<Args>...> format, const Args&... args) {
     char text[160];  // the longest is an entry's 128 bytes and the line end
     const std::size_t length = FormatTo(text, sizeof text, format, args...);
-    (void)platform::WriteStream(stream_, text, length);
+    (void)platform::WriteStream(stream_, text, length);  // see above
   }
 
  private:
   platform::Stream stream_;
 };
 
-// Both indexes as they stood at one moment: the firmware goes on writing meanwhile.
+// A copy of both indexes, which the firmware goes on changing.
 struct Indexes {
   std::uint32_t read;
   std::uint32_t write;
@@ -59,6 +58,7 @@ Indexes LoadIndexes(LogRing* ring) {
 
 // Release: the firmware may use an entry again once the read index has passed it.
 void StoreReadIndex(LogRing* ring, std::uint32_t index) {
+  assert(index < LogRing::kEntries);
   std::atomic_ref(ring->readIndex).store(index, std::memory_order_release);
 }
 
@@ -71,9 +71,10 @@ struct TimeText {
   char text[32];
 };
 
-// Copies the entry word by word, since the firmware may be writing it, and puts an end behind it,
-// since a line of 128 bytes has none of its own.
+// Copies the entry word by word, since the firmware may be writing it, and adds a terminator, since
+// a line of 128 bytes has none.
 void WriteEntry(LogRing* ring, std::uint32_t index, CaptureFile* file) {
+  assert(index < LogRing::kEntries);
   LogRingEntry copy;
   LogRingEntry& entry = ring->entries[index];
   for (std::size_t i = 0; i < std::size(copy.words); ++i)
@@ -113,9 +114,9 @@ void CaptureRing(LogRing* ring, CaptureFile* file) {
   const auto delta =
       static_cast<std::int32_t>(indexes.write) - static_cast<std::int32_t>(indexes.read);
   file->Write("Starting log buffer capture at %s\n", TimeText().text);
-  // The first capture starts at entry 0 and takes as many lines as were new before that. Both
-  // indexes are legal, so the end of these lines is no later than the write index.
-  if (gLogFirstCapture.exchange(0, std::memory_order_relaxed) != 0) {
+  // The first capture starts at entry 0 and copies as many lines as were new before that. Both
+  // indexes are valid, so these lines end no later than the write index.
+  if (gStandby->gLogFirstCapture.exchange(0, std::memory_order_relaxed) != 0) {
     indexes.read = 0;
     StoreReadIndex(ring, 0);
   }
@@ -126,9 +127,9 @@ void CaptureRing(LogRing* ring, CaptureFile* file) {
 
 // The first capture of a process starts with an empty file.
 bool EmptyFileOnce() {
-  if (gLogFileCreated.load(std::memory_order_relaxed) != 0) return true;
+  if (gStandby->gLogFileCreated.load(std::memory_order_relaxed) != 0) return true;
   if (!platform::OpenStream(kFirmwareLogPath, "w")) return false;
-  gLogFileCreated.store(1, std::memory_order_relaxed);
+  gStandby->gLogFileCreated.store(1, std::memory_order_relaxed);
   return true;
 }
 
@@ -140,17 +141,17 @@ std::uint32_t WriteLogBuffer() {
       AskForRecord(Operation::kWriteLogBuffer, &answer.address, &answer.outcome);
   if (!answer.outcome.completed) return result;
   if (!answer.IsAddress()) LogInfo("Invalid log buffer address");
-  gLogBufferAddress.store(answer.IsAddress() ? answer.address : 0, std::memory_order_relaxed);
+  gStandby->gLogBufferAddress.store(answer.IsAddress() ? answer.address : 0,
+                                    std::memory_order_relaxed);
   return result;
 }
 
-// Whatever the answer holds, and a driver may leave the old address in it: the memory has gone, and
-// nothing may read there again.
+// The answer is ignored, since a driver may leave the old address in it: the memory is freed.
 std::uint32_t DeAllocateLogBuffer() {
   Answer answer;
   const std::uint32_t result =
       AskForRecord(Operation::kDeAllocateLogBuffer, &answer.address, &answer.outcome);
-  if (answer.outcome.completed) gLogBufferAddress.store(0, std::memory_order_relaxed);
+  if (answer.outcome.completed) gStandby->gLogBufferAddress.store(0, std::memory_order_relaxed);
   return result;
 }
 
@@ -158,7 +159,7 @@ void CaptureLogBuffer() {
   if (!gLogFolderIsSafe.load(std::memory_order_relaxed) || !EmptyFileOnce()) return;
   CaptureFile file;
   if (!file) return;
-  const std::uint64_t address = gLogBufferAddress.load(std::memory_order_relaxed);
+  const std::uint64_t address = gStandby->gLogBufferAddress.load(std::memory_order_relaxed);
   if (address == 0) return file.Write("Log Buffer pointer returned NULL\n");
   CaptureRing(reinterpret_cast<LogRing*>(address), &file);
 }

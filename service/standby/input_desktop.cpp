@@ -1,5 +1,5 @@
-// Desktops by handle and by name. The order of the lines is the order of the calls, so that the
-// side log tells how far an operation came.
+// Desktops by handle and by name. The order of the lines is the order of the calls, so the side log
+// shows how far an operation came.
 #include "service/standby/input_desktop.h"
 
 #include <cstring>
@@ -8,16 +8,9 @@
 #include "platform/error.h"
 #include "platform/thread.h"
 #include "service/diagnostics/side_log.h"
+#include "service/standby/standby_state.h"
 
 namespace stewardry {
-
-std::uint32_t gPlatformId = 0;
-std::uint32_t gMajorVersion = 0;
-std::uint32_t gMinorVersion = 0;
-platform::WindowStationHandle gOldWindowStation = nullptr;
-platform::WindowStationHandle gNewWindowStation = nullptr;
-platform::DesktopHandle gOldDesktop = nullptr;
-platform::DesktopHandle gNewDesktop = nullptr;
 
 namespace {
 
@@ -33,25 +26,28 @@ void Log(std::string_view format, const Args&... args) {
   SideLog(kSideLogKeyboardMouse, format, args...);
 }
 
-// Directly after the failing call. Always false. The last error stands as it was: who reports the
-// same failure in other words tells the same reason.
-bool Report(const char* text) {
+// Reports the failure of the platform call just before. Keeps the last error, so that a caller's
+// report of the same failure has the same reason.
+void ReportFailure(const char* text) {
   const std::uint32_t error = platform::LastError();
   ReportLastError(kSideLogKeyboardMouse, text);
   platform::SetLastError(error);
+}
+
+bool Fail(const char* text) {
+  ReportFailure(text);
   return false;
 }
 
-// A handle as the lines tell it. The platform's have 32 significant bits.
+// Returns a handle as the lines show it. The platform's have 32 significant bits.
 std::uint32_t Shown(platform::UserObject object) {
   return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
 }
 
-// The line and the name of an object that a step has reached; a name that can't be had is reported
-// and changes nothing.
+// Logs the line and the name of an object that a step has reached.
 void ShowStep(std::string_view line, platform::UserObject object) {
   Log(line, Shown(object));
-  (void)ShowObjectName(&object, nullptr);
+  (void)ShowObjectName(&object, nullptr);  // reports its own failure, which changes nothing
 }
 
 platform::DesktopHandle ThreadDesktop() {
@@ -59,58 +55,58 @@ platform::DesktopHandle ThreadDesktop() {
 }
 
 bool EnterWindowStation() {
-  gNewWindowStation = platform::OpenWindowStationA("WinSta0", platform::kMaximumAllowed);
-  if (gNewWindowStation == nullptr) return Report("OpenWindowStation:");
-  ShowStep("Step 3 WinSta0 hWnsta = 0x%x\n", gNewWindowStation);
-  if (!platform::SetProcessWindowStation(gNewWindowStation))
-    return Report("SetProcessWindowStation:");
-  ShowStep("Step 4 Set Process Window Station done\n", gNewWindowStation);
+  gStandby->gNewWindowStation = platform::OpenWindowStationA("WinSta0", platform::kMaximumAllowed);
+  if (gStandby->gNewWindowStation == nullptr) return Fail("OpenWindowStation:");
+  ShowStep("Step 3 WinSta0 hWnsta = 0x%x\n", gStandby->gNewWindowStation);
+  if (!platform::SetProcessWindowStation(gStandby->gNewWindowStation))
+    return Fail("SetProcessWindowStation:");
+  ShowStep("Step 4 Set Process Window Station done\n", gStandby->gNewWindowStation);
   return true;
 }
 
 bool EnterInputDesktop() {
-  gNewDesktop = platform::OpenInputDesktop(platform::kMaximumAllowed);
-  if (gNewDesktop == nullptr) return Report("OpenInputDesktop");
-  ShowStep("Step 5 Open Input Desktop hDesk = 0x%x \n", gNewDesktop);
-  if (!platform::SetThreadDesktop(gNewDesktop)) return Report("SetThreadDesktop:");
-  ShowStep("Step 6 SetThreadDesktop done \n", gNewDesktop);
+  gStandby->gNewDesktop = platform::OpenInputDesktop(platform::kMaximumAllowed);
+  if (gStandby->gNewDesktop == nullptr) return Fail("OpenInputDesktop");
+  ShowStep("Step 5 Open Input Desktop hDesk = 0x%x \n", gStandby->gNewDesktop);
+  if (!platform::SetThreadDesktop(gStandby->gNewDesktop)) return Fail("SetThreadDesktop:");
+  ShowStep("Step 6 SetThreadDesktop done \n", gStandby->gNewDesktop);
   return true;
 }
 
-// A failed step is reported, and the next one follows.
+// Reports a failed step and goes on.
 void MoveThreadToInputDesktop() {
-  gOldDesktop = ThreadDesktop();
-  if (gOldDesktop == nullptr) {
-    Report("GetThreadDeskto:");
+  gStandby->gOldDesktop = ThreadDesktop();
+  if (gStandby->gOldDesktop == nullptr) {
+    ReportFailure("GetThreadDeskto:");  // fixed log text; its wording must not change
   } else {
-    ShowStep("oldDesk = 0x%x\n", gOldDesktop);
+    ShowStep("oldDesk = 0x%x\n", gStandby->gOldDesktop);
   }
-  gNewDesktop = platform::OpenInputDesktop(kPlayAccess);
-  if (gNewDesktop == nullptr) {
-    Report("OpenInputDesktop");
+  gStandby->gNewDesktop = platform::OpenInputDesktop(kPlayAccess);
+  if (gStandby->gNewDesktop == nullptr) {
+    ReportFailure("OpenInputDesktop");
   } else {
-    ShowStep("OpenInputDesktop hDesk = 0x%x \n", gNewDesktop);
+    ShowStep("OpenInputDesktop hDesk = 0x%x \n", gStandby->gNewDesktop);
   }
-  if (!platform::SetThreadDesktop(gNewDesktop)) {
-    Report("SetThreadDesktop(hDesk):");
+  if (!platform::SetThreadDesktop(gStandby->gNewDesktop)) {
+    ReportFailure("SetThreadDesktop(hDesk):");
   } else {
     Log("SetThreadDesktop(hDesk) done \n");
   }
 }
 
-// A thread that couldn't leave it still holds it open; it is kept for the next way back.
+// A desktop that the thread could not leave cannot be closed; it is kept for the next attempt.
 void CloseNewDesktop() {
-  if (platform::CloseDesktop(gNewDesktop)) gNewDesktop = nullptr;
+  if (platform::CloseDesktop(gStandby->gNewDesktop)) gStandby->gNewDesktop = nullptr;
 }
 
 bool HasUser(platform::WindowStationHandle station) {
   std::uint32_t length = 0;
-  // It fails for want of a buffer where there is a user; the length alone tells.
+  // Fails for lack of a buffer if there is a user; the length alone counts.
   (void)platform::GetUserObjectInformationA(station, platform::kUoiUserSid, nullptr, 0, &length);
   return length != 0;
 }
 
-// The user's name, empty where nobody is logged on. False with the last error set.
+// Stores the user's name, empty if no user is logged on. Returns false with the last error set.
 bool ReadUserName(char (&name)[platform::kUserNameSize]) {
   std::uint32_t size = sizeof name;
   if (platform::GetUserNameA(name, &size)) return true;
@@ -119,14 +115,14 @@ bool ReadUserName(char (&name)[platform::kUserNameSize]) {
 }
 
 void CloseReported(platform::DesktopHandle desktop) {
-  if (!platform::CloseDesktop(desktop)) Report("CloseDesktop:");
+  if (!platform::CloseDesktop(desktop)) ReportFailure("CloseDesktop:");
 }
 
-// The result while the input desktop can't be opened. The caller hasn't lost it by that: input goes
-// on as if the names were equal, and a later look tells.
+// Returns the result while the input desktop cannot be opened: true if that is temporary, since the
+// caller may still be on it; a later check decides.
 bool JudgeRefusal() {
   const std::uint32_t error = platform::LastError();
-  Report("OpenInputDesktop:");
+  ReportFailure("OpenInputDesktop:");
   if (error == platform::kErrorBusy) {
     Log("OpenInputDesktop lastErrorCode: 170");
     return true;
@@ -141,7 +137,7 @@ bool JudgeRefusal() {
 
 bool ReadThreadDesktopName(ObjectName* name) {
   const platform::DesktopHandle desktop = ThreadDesktop();
-  if (desktop == nullptr) Report("GetThreadDesktop");
+  if (desktop == nullptr) ReportFailure("GetThreadDesktop");
   Log("threadDesktop Handle: 0x%x\n", Shown(desktop));
   if (ShowObjectName(&desktop, name)) return true;
   CloseReported(desktop);
@@ -149,7 +145,7 @@ bool ReadThreadDesktopName(ObjectName* name) {
   return false;
 }
 
-// Closes the desktop whichever way it goes.
+// Closes the desktop in every case.
 bool ReadInputDesktopName(platform::DesktopHandle desktop, ObjectName* name) {
   Log("inputDesktopHandle 0x%x\n", Shown(desktop));
   const bool named = ShowObjectName(&desktop, name);
@@ -161,38 +157,39 @@ bool ReadInputDesktopName(platform::DesktopHandle desktop, ObjectName* name) {
 }  // namespace
 
 void ReadWindowsVersion() {
-  platform::WindowsVersion version{};  // what a failure leaves: no family, no version
+  platform::WindowsVersion version{};  // stays zero on failure: no family, no version
   (void)platform::GetVersionExA(&version);
-  gPlatformId = version.platformId;
-  gMajorVersion = version.major;
-  gMinorVersion = version.minor;
+  gStandby->gPlatformId = version.platformId;
+  gStandby->gMajorVersion = version.major;
+  gStandby->gMinorVersion = version.minor;
 }
 
-bool IsWin9x() { return gPlatformId == platform::kPlatformWin9x; }
+bool IsWin9x() { return gStandby->gPlatformId == platform::kPlatformWin9x; }
 
-bool IsWinNT() { return gPlatformId == platform::kPlatformWinNt; }
+bool IsWinNT() { return gStandby->gPlatformId == platform::kPlatformWinNt; }
 
 bool EnterInteractiveDesktop() {
   ReadWindowsVersion();
-  gOldWindowStation = platform::GetProcessWindowStation();
-  if (gOldWindowStation == nullptr) return Report("GetProcessWindowStation:");
-  ShowStep("Step 1 get oldWndSta = 0x%x\n", gOldWindowStation);
-  gOldDesktop = ThreadDesktop();
-  if (gOldDesktop == nullptr) return Report("GetThreadDeskto:");
-  ShowStep("Step 2 get oldDesk = 0x%x\n", gOldDesktop);
+  gStandby->gOldWindowStation = platform::GetProcessWindowStation();
+  if (gStandby->gOldWindowStation == nullptr) return Fail("GetProcessWindowStation:");
+  ShowStep("Step 1 get oldWndSta = 0x%x\n", gStandby->gOldWindowStation);
+  gStandby->gOldDesktop = ThreadDesktop();
+  if (gStandby->gOldDesktop == nullptr) return Fail("GetThreadDeskto:");
+  ShowStep("Step 2 get oldDesk = 0x%x\n", gStandby->gOldDesktop);
   if (!EnterWindowStation() || !EnterInputDesktop()) return false;
   Log("All 6 steps completed successfully\n");
   return true;
 }
 
 bool LeaveInteractiveDesktop() {
-  if (!platform::SetThreadDesktop(gOldDesktop)) Report("SetThreadDesktop:");
+  if (!platform::SetThreadDesktop(gStandby->gOldDesktop)) ReportFailure("SetThreadDesktop:");
   CloseNewDesktop();
-  if (!platform::SetProcessWindowStation(gOldWindowStation)) Report("SetProcessWindowStation:");
-  if (!platform::CloseWindowStation(gNewWindowStation)) {
-    Report("CloseWindowStation:");
+  if (!platform::SetProcessWindowStation(gStandby->gOldWindowStation))
+    ReportFailure("SetProcessWindowStation:");
+  if (!platform::CloseWindowStation(gStandby->gNewWindowStation)) {
+    ReportFailure("CloseWindowStation:");
   } else {
-    gNewWindowStation = nullptr;
+    gStandby->gNewWindowStation = nullptr;
   }
   return true;
 }
@@ -200,14 +197,14 @@ bool LeaveInteractiveDesktop() {
 bool AttachInputDesktop() {
   ReadWindowsVersion();
   MoveThreadToInputDesktop();
-  gOldWindowStation = platform::GetProcessWindowStation();
-  if (gOldWindowStation == nullptr) return Report("GetProcessWindowStation:");
-  Log("oldWndSta = 0x%x\n", Shown(gOldWindowStation));
+  gStandby->gOldWindowStation = platform::GetProcessWindowStation();
+  if (gStandby->gOldWindowStation == nullptr) return Fail("GetProcessWindowStation:");
+  Log("oldWndSta = 0x%x\n", Shown(gStandby->gOldWindowStation));
   char user[platform::kUserNameSize] = "";
-  if (HasUser(gOldWindowStation) && !ReadUserName(user)) {
+  if (HasUser(gStandby->gOldWindowStation) && !ReadUserName(user)) {
     Log("getusername error %d\n", platform::LastError());
     LeaveInteractiveDesktop();
-    constexpr int kLine = 79;  // what the line has always told
+    constexpr int kLine = 79;  // fixed log text; the number is not a line of this file
     Log("Sleep line %d\n", kLine);
     platform::Sleep(500);
     return false;
@@ -217,7 +214,8 @@ bool AttachInputDesktop() {
 }
 
 bool ReturnToOldDesktop() {
-  if (!platform::SetThreadDesktop(gOldDesktop)) Report("SetThreadDesktop(oldDesk):");
+  if (!platform::SetThreadDesktop(gStandby->gOldDesktop))
+    ReportFailure("SetThreadDesktop(oldDesk):");
   CloseNewDesktop();
   return true;
 }
@@ -227,7 +225,7 @@ bool ShowObjectName(const platform::UserObject* handle, ObjectName* name) {
   std::uint32_t needed = 0;
   if (!platform::GetUserObjectInformationA(*handle, platform::kUoiName, text.data(), text.size(),
                                            &needed))
-    return Report("GetUserObjectInformation(hDesk):");
+    return Fail("GetUserObjectInformation(hDesk):");
   text.back() = 0;
   Log("UOI_NAME = %s\n", static_cast<const char*>(text.data()));
   if (name != nullptr) *name = text;
@@ -247,11 +245,11 @@ bool SelectHDESK(platform::DesktopHandle desktop) {
   if (!IsWinNT()) return true;
   ShowStep("Step 1 input new_desktop handle: 0x%x\n", desktop);
   const platform::DesktopHandle oldDesktop = ThreadDesktop();
-  if (oldDesktop == nullptr) Report("GetThreadDesktop:");
+  if (oldDesktop == nullptr) ReportFailure("GetThreadDesktop:");
   Log("Step 2 old_desktop 0x%x\n", Shown(oldDesktop));
-  if (!ShowObjectName(&oldDesktop, nullptr)) return Report("ShowObjectName:");
+  if (!ShowObjectName(&oldDesktop, nullptr)) return Fail("ShowObjectName:");
   Log("Step 3 Show Object Name success\n");
-  if (!platform::SetThreadDesktop(desktop)) return Report("SetThreadDesktop:");
+  if (!platform::SetThreadDesktop(desktop)) return Fail("SetThreadDesktop:");
   Log("Step 4 SetThreadDesktop success\n");
   Log("All 4 steps successful\n");
   return true;
@@ -263,7 +261,7 @@ bool SelectDesktop(const char* name, platform::DesktopHandle* current) {
     return name == nullptr;
   }
   const platform::DesktopHandle desktop = OpenDesktopByName(name);
-  if (desktop == nullptr) return Report("OpenInputDesktop:");
+  if (desktop == nullptr) return Fail("OpenInputDesktop:");
   ShowStep("Step 1 OpenInputDesktop 0x%x\n", desktop);
   if (!SelectHDESK(desktop)) {
     CloseReported(desktop);
@@ -272,7 +270,7 @@ bool SelectDesktop(const char* name, platform::DesktopHandle* current) {
   Log("Step 2 SelectHDESK done\n");
   if (current != nullptr) {
     const platform::DesktopHandle before = std::exchange(*current, desktop);
-    // The thread has left it, so nothing holds it open.
+    // The thread is on the new desktop, so the old one can be closed.
     if (before != nullptr) (void)platform::CloseDesktop(before);
   }
   Log("Step 3 Successfully switched desktops to 0x%x\n", Shown(desktop));

@@ -1,75 +1,60 @@
-// Puts the calling thread onto the desktop that has the input at this moment: the default one, the
-// logon screen or a secure desktop. No flow of the service runs these operations, since its input
-// reaches the console through the agent; they stand ready for a caller. The process-wide handles
-// have no lock: the family is for one thread at a time. All lines go to channel 0 of the side log,
-// a failing call with the platform's reason.
+// Moves the calling thread to the desktop that has the input at this moment: the default one, the
+// logon screen or a secure desktop. No flow of the service calls these operations, since its input
+// reaches the console through the agent. Their handles are fields of StandbyState without a lock:
+// the family is for one thread at a time. All lines go to channel 0 of the side log, a failing call
+// with the platform's reason.
 #pragma once
 
 #include <array>
-#include <cstdint>
 
 #include "platform/desktop.h"
 
 namespace stewardry {
 
-// What GetVersionExA has told; zero before ReadWindowsVersion.
-extern std::uint32_t gPlatformId;
-extern std::uint32_t gMajorVersion;
-extern std::uint32_t gMinorVersion;
-
-// The process's window station before, and WinSta0; the thread's desktop before, and the input
-// desktop. Null before an operation below has set them. The old ones belong to the platform, the
-// new ones to this family: going back closes them and sets them to null. To go in twice without
-// going back loses the first pair.
-extern platform::WindowStationHandle gOldWindowStation;
-extern platform::WindowStationHandle gNewWindowStation;
-extern platform::DesktopHandle gOldDesktop;
-extern platform::DesktopHandle gNewDesktop;
-
 // A window station's or a desktop's name, zero-terminated, cut to fit.
 using ObjectName = std::array<char, 256>;
 
-// Reads platform id and version; all three are 0 after a failure.
+// Stores platform id and version; all three become 0 on failure.
 void ReadWindowsVersion();
-// The platform's family, as ReadWindowsVersion has found it; neither before it was called.
+// Return whether ReadWindowsVersion found that family of the platform.
 bool IsWin9x();
 bool IsWinNT();
 
-// Moves the process onto WinSta0 and the calling thread onto the input desktop, both with all the
-// access that is allowed. The first failure gives false, and what was done stays done.
+// Moves the process to WinSta0 and the calling thread to the input desktop, both with all access
+// that is allowed. Returns false at the first failure and leaves what was done. A second call
+// without LeaveInteractiveDesktop loses the first pair of handles.
 bool EnterInteractiveDesktop();
-// Goes back to where both were before. Always true; a failing step is reported and the next one
-// follows.
+// Moves both back and closes the new handles. Reports a failing step and goes on. Returns true.
 bool LeaveInteractiveDesktop();
 
-// The lighter way, on the thread alone: onto the input desktop, then a look whether its window
-// station has a user. False without a window station, or if the user's name can't be read for
-// another reason than that nobody is logged on; in that case half a second later.
+// Moves only the calling thread to the input desktop, then checks whether its window station has a
+// user. Returns false without a window station; also, half a second later, if the user's name
+// cannot be read for another reason than that no user is logged on.
 bool AttachInputDesktop();
-// The way back from AttachInputDesktop. Always true.
+// Undoes AttachInputDesktop. Returns true.
 bool ReturnToOldDesktop();
 
-// Logs the name of the object that *handle is, and copies it to *name unless that is null. False
-// after a reported failure, *name unchanged.
+// Logs the name of the object *handle, and copies it to *name unless that is null. Returns false
+// after a reported failure, with *name unchanged.
 bool ShowObjectName(const platform::UserObject* handle, ObjectName* name);
 
-// Opens a desktop by its name, or with null the input desktop. Null on failure, with the last error
-// set. The caller closes it.
+// Opens a desktop by its name, or with a null name the input desktop. Returns null on failure, with
+// the last error set. The caller closes it.
 platform::DesktopHandle OpenDesktopByName(const char* name);
 
-// Puts the calling thread onto an open desktop, which stays the caller's. Off the NT family, where
-// there are no desktops, it does nothing and gives true.
+// Moves the calling thread to an open desktop, which the caller still owns. Returns false after a
+// reported failure. Off the NT family, which alone has desktops, it does nothing and returns true.
 bool SelectHDESK(platform::DesktopHandle desktop);
 
-// Opens a desktop by its name, or with null the input desktop, and puts the calling thread onto it.
-// *current, unless null, is the desktop that an earlier call has left there: it is closed, and the
-// new one takes its place. Without it the desktop stays open as long as the process. Off the NT
-// family only null is a desktop, and the result is true for it.
+// Opens a desktop by its name, or with a null name the input desktop, and moves the calling thread
+// to it. Unless `current` is null, closes *current, which an earlier call has stored there, and
+// stores the new desktop; otherwise the desktop stays open for the life of the process. Returns
+// false after a reported failure. Off the NT family it returns whether the name is null.
 bool SelectDesktop(const char* name, platform::DesktopHandle* current);
 
-// Whether the calling thread sits on the desktop that has the input; desktops are compared by name.
-// Also true while the input desktop can't be opened for the moment (errors 170 and 624), and off
-// the NT family.
+// Returns whether the calling thread is on the desktop that has the input, compared by name. Also
+// true off the NT family, and while the input desktop cannot be opened for the moment (errors 170
+// and 624).
 bool IsInputDesktopCurrent();
 
 }  // namespace stewardry

@@ -1,5 +1,4 @@
-# DASH over the relay, seen by clients that know nothing of it: curl, and bare sockets where the
-# relay itself is what matters.
+# DASH over the relay: curl as the client, and bare sockets where the relay itself is tested.
 import json
 import os
 import platform
@@ -14,7 +13,7 @@ ENDED = "the DASH connection has ended, port (664)"
 
 
 class Dash(LabTest):
-    def test_inventory_is_that_of_the_host(self):
+    def test_inventory_describes_the_host(self):
         self.start_both()
         inventory = json.loads(curl("/"))
         expected = {
@@ -49,7 +48,7 @@ class Dash(LabTest):
             with self.subTest((data, abort)):
                 before = self.orrin.here()
                 with connect() as peer:
-                    self.orrin.saw(ANNOUNCED, before)  # a reset before that fails the accept
+                    self.orrin.saw(ANNOUNCED, before)  # an earlier reset makes the accept fail
                     if data:
                         peer.sendall(data)
                         self.orrin.saw("WriteDASHPacket: 5 bytes", before)
@@ -63,7 +62,7 @@ class Dash(LabTest):
 
 
 class Listener(LabTest):
-    def test_an_unprovisioned_firmware_costs_twenty_connections(self):
+    def test_an_unprovisioned_firmware_ends_the_service_after_twenty_connections(self):
         self.start_both("provision off")
         for count in range(2, 22):
             self.assertTrue(connection_is_dropped())
@@ -76,7 +75,7 @@ class Listener(LabTest):
                             ("Should not reach here. Distroy selector and rebind.", 20)):
             self.assertEqual(self.log().count(line), count, line)
 
-    def test_a_taken_port_is_tried_twenty_times(self):
+    def test_a_port_in_use_is_tried_twenty_times(self):
         self.orrin = self.start_orrin()
         with socket.create_server((HOST, PORT), reuse_port=False):
             self.assertEqual(self.start_service(ready=None).exit_code(), 0)
@@ -86,39 +85,39 @@ class Listener(LabTest):
             self.assertEqual(self.log().count(line), 20, line)
         self.assertNotIn(BOUND, self.log())
 
-    def test_a_firmware_that_was_down_gets_the_report_once_it_is_up(self):
+    def test_a_firmware_that_was_down_receives_the_report_again(self):
         self.start_both("status 0")
         self.assertTrue(connection_is_dropped())
         self.logged("ORRIN Status return failed")
         self.logged(BOUND, 2)
         self.assertNotIn(ANNOUNCED, self.orrin.text())
-        before = self.orrin.tell("status 2")
+        before = self.orrin.execute("status 2")
         self.assertEqual(json.loads(curl("/"))["reports"]["os"], 2)
         self.logged("ORRIN is down pass nonDASH commands")
         self.orrin.saw_all(["GetOrrinStatus", "WriteTavrinStatus", "WriteNwInfo", ANNOUNCED],
                            before)
-        self.orrin.tell("status 1")
+        self.orrin.execute("status 1")
         self.assertEqual(json.loads(curl("/"))["reports"]["os"], 2)
 
 
 class Firmware(LabTest):
-    def test_a_silent_firmware_holds_the_connection_and_not_the_reader(self):
+    def test_a_silent_firmware_blocks_the_connection_and_not_the_reader(self):
         self.start_both("silence WriteDASHPacket on")
         with connect() as first:
             first.sendall(b"held")
             self.orrin.saw("is held unanswered")
-            self.orrin.tell("unknown 0x14")
+            self.orrin.execute("unknown 0x14")
             self.logged("Unknown Command received 0x14")
-            with connect():  # accepted, and in the first one's place, once the request is answered
+            with connect():  # accepted once the request is answered; replaces the first one
                 self.assertEqual(self.orrin.text().count(ANNOUNCED), 1)
-                self.orrin.saw_all([ENDED, ANNOUNCED], self.orrin.tell("silence off"))
+                self.orrin.saw_all([ENDED, ANNOUNCED], self.orrin.execute("silence off"))
         curl("/")
 
     def test_a_failed_request_ends_nothing_else(self):
         self.start_both()
         for name in ("SendIPCompleteInfomartion", "WriteDASHPacket", "SendCloseSocketcmd"):
             with self.subTest(name):
-                before = self.orrin.tell("fail %s 31 1" % name)
+                before = self.orrin.execute("fail %s 31 1" % name)
                 with connect() as peer:
                     for data in (b"lost?", b"more"):
                         peer.sendall(data)
@@ -129,14 +128,14 @@ class Firmware(LabTest):
 
     def test_frames_of_every_length_reach_the_peer(self):
         self.start_both()
-        self.orrin.tell("dash no peer is connected")
+        self.orrin.execute("dash no peer is connected")
         self.logged("Socket is closed")
         with connect() as peer:
-            self.logged("Exiting HTTPS Callback")  # the add's own call: the connection is served
+            self.logged("Exiting HTTPS Callback")  # at the registration: it is served
             longest = bytes(range(256)) * 511 + bytes(254)
             for frame in (b"", b"\x08", b"\x08\0", b"\x14\0", b"odd\x08\xff", longest + b"\x08\0"):
                 with self.subTest(frame[-8:]):
-                    self.orrin.tell("frame " + frame.hex())
+                    self.orrin.execute("frame " + frame.hex())
                     self.assertEqual(receive(peer, max(len(frame) - 2, 0)), frame[:-2])
         self.logged(" Size written is 131070,requested 131070")
         self.assertEqual(self.log().count("Unknown Command received"), 1)

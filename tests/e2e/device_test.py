@@ -1,4 +1,4 @@
-# The mailbox device, absent or lost; and the firmware's commands that need no connection.
+# The mailbox device, absent or lost, and the firmware's commands that need no connection.
 import json
 import signal
 
@@ -25,7 +25,7 @@ class Device(LabTest):
         self.assertEqual(json.loads(curl("/"))["serviceStatus"], 1)
         self.orrin.end(signal.SIGKILL)
         self.logged("intThreadFunction ln: 658 Before RunServer bstatus 0")
-        # The reader was in its wait, or just about to arm a read again.
+        # The reader was in its wait or about to arm a read.
         self.assertRegex(self.log(), "GetQueuedCompletionStatus failed 1167|"
                                      "Asynchronous read command failed 1167")
         self.assert_refuses(self.service)
@@ -35,12 +35,12 @@ class Device(LabTest):
 
 
 class Commands(LabTest):
-    def test_a_resume_reports_again_and_replaces_a_report_that_waits(self):
+    def test_a_resume_reports_again_and_replaces_a_waiting_report(self):
         self.start_both()
         self.write("no", "connected.txt")  # the next report waits for a network
-        before = self.orrin.tell("resume")
+        before = self.orrin.execute("resume")
         self.orrin.saw("GetTavrinVersion", before)
-        self.orrin.tell("resume")
+        self.orrin.execute("resume")
         until(lambda: self.orrin.text().count("WriteOsInfo", before) == 2, "the second report")
         self.assertNotIn("WriteNwInfo", self.orrin.text()[before:])
         self.write("2", "connected.txt")
@@ -50,7 +50,7 @@ class Commands(LabTest):
 
     def test_a_resume_of_an_unprovisioned_firmware_reports_nothing(self):
         self.start_both("provision off")
-        self.orrin.tell("resume")
+        self.orrin.execute("resume")
         self.logged("Skip non DASH commands to ORRIN after S0i3 resume for non Provisioned case")
         self.assertEqual(self.orrin.text().count("WriteTavrinStatus"), 1)
 

@@ -1,5 +1,5 @@
-# Indications: what the firmware reports reaches a listener that no one here wrote, Python's HTTP
-# server, plain and behind TLS with a certificate that no client should trust.
+# Indications: the firmware's events reach Python's HTTP server, plain and behind TLS with a
+# certificate that no client should trust.
 import http.server
 import queue
 import socket
@@ -25,7 +25,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 
 class Listener(http.server.ThreadingHTTPServer):
-    handle_error = lambda *_: None  # noqa: E731  the service doesn't wait for the answer
+    handle_error = lambda *_: None  # noqa: E731  the service does not wait for the answer
 
     def __init__(self, test, context=None):
         super().__init__((HOST, 0), Handler)
@@ -51,9 +51,9 @@ def untrusted(test):
 
 class Indications(LabTest):
     def do(self, command, line):
-        """Has the firmware send a command and waits for the line that it causes."""
+        """Makes the firmware send a command and waits for its line in the service log."""
         count = self.log().count(line)
-        self.orrin.tell(command)
+        self.orrin.execute(command)
         self.logged(line, count + 1)
 
     def subscribe(self, port, path="/events", scheme="http", host=HOST):
@@ -65,10 +65,10 @@ class Indications(LabTest):
     def assert_posted(self, listener, path, text):
         target, version, headers, body = listener.posts.get(timeout=PATIENCE)
         self.assertEqual((target, version, body), (path, "HTTP/1.1", text))
-        given = {"host": "%s:%d" % (HOST, listener.port), "accept": "*/*",
-                 "content-type": "application/soap+xml;charset=UTF-8",
-                 "content-length": str(len(body.encode())), "user-agent": "WinHTTP Example/1.0"}
-        self.assertLessEqual(given.items(), {(n.lower(), v) for n, v in headers})
+        expected = {"host": "%s:%d" % (HOST, listener.port), "accept": "*/*",
+                    "content-type": "application/soap+xml;charset=UTF-8",
+                    "content-length": str(len(body.encode())), "user-agent": "WinHTTP Example/1.0"}
+        self.assertLessEqual(expected.items(), {(n.lower(), v) for n, v in headers})
 
     def test_an_event_reaches_its_listener_unchanged(self):
         self.start_both()
@@ -100,7 +100,7 @@ class Indications(LabTest):
         with socket.create_server((HOST, 0)) as server:
             self.subscribe(server.getsockname()[1], scheme="https")
             for abort in (0, 1):  # a close; a reset
-                self.orrin.tell("indication " + EVENT)
+                self.orrin.execute("indication " + EVENT)
                 peer, _ = server.accept()
                 peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", abort, 0))
                 peer.close()

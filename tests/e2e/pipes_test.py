@@ -1,4 +1,4 @@
-# The tray and the software upgrade tool ask the service over the pipes that they serve.
+# The tray and the software upgrade tool query the service over the pipes that they serve.
 import re
 
 from stewardry_lab import ADAPTER, LabTest, run
@@ -14,21 +14,21 @@ class Pipes(LabTest):
         return self.start(name, name, *words)
 
     def shown(self, tray):
-        """The answers of a tray, by their numbers; an address in both forms."""
+        """Returns the answers of a tray by their numbers; an address in both forms."""
         self.assertEqual(tray.exit_code(), 0, self.read(tray.err))
         rows = re.findall(r"^ ?(\d+)  .{16}  (.*)$", tray.text(), re.M)
         return {int(number): answer for number, answer in rows}
 
     def test_the_tray_shows_the_service_before_and_after_the_report(self):
         self.orrin = self.start_orrin()
-        self.orrin.tell("silence on", "provision on", "version 7.3.2", "kvmstatus 1200")
+        self.orrin.execute("silence on", "provision on", "version 7.3.2", "kvmstatus 1200")
         tray = self.start_program("tray", "--ui")
         self.start_service(ready=None)
         none = "0  0.0.0.0"
         self.assertEqual(self.shown(tray), {
             1: "OFF", 2: "Not Completed", 3: "Not Available", 4: "NO", 5: "1.0.0.533", 6: "N/A",
             7: "Service Ended", 8: none, 9: none, 10: none, 11: none, 20: "N/A"})
-        self.orrin.tell("silence off")
+        self.orrin.execute("silence off")
         self.logged("Bind to port 664 successful")
         after = self.shown(self.start_program("tray", "--ui"))
         expected = {1: "ON", 2: "Completed", 3: "7.3.2", 4: "NO", 5: "1.0.0.533", 6: "N/A",
@@ -43,10 +43,10 @@ class Pipes(LabTest):
         self.orrin = self.start_orrin()
         before = self.start_program("upgrade", "2")
         self.start_service()
-        # A program that is ended instead could take one of the ten with it.
+        # A program that is ended instead could consume one of the ten.
         self.assertEqual(before.exit_code(), 0, self.read(before.err))
         self.assertEqual(before.text(), "N/A\nN/A\n")
-        self.orrin.tell("upgrade an older one", "upgrade " + NOTICE)
+        self.orrin.execute("upgrade an older one", "upgrade " + NOTICE)
         self.logged("Attempting Software Upgrade", 2)
         polls = self.start_program("upgrade", "11")
         self.assertEqual(polls.exit_code(), 0, self.read(polls.err))

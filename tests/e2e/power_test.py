@@ -1,5 +1,5 @@
-# Power actions: what the firmware asks for is done once the answer has left. On Linux it leaves a
-# line in power.txt and nothing else.
+# Power actions: the firmware's command is carried out once the answer has been sent. On Linux it
+# adds a line to power.txt and does nothing else.
 import re
 
 from stewardry_lab import LabTest, curl, run, until
@@ -37,7 +37,7 @@ class Power(LabTest):
                 self.start_both()
                 self.assertEqual(request(state), ("0", "uuid:7"))
                 until(lambda: self.read(self.path("power.txt")).endswith("\n"), "the action")
-                # Any reply within the two seconds of a delay asks for the action once more.
+                # Any reply within the two seconds of a delay requests the action once more.
                 self.assertEqual(set(self.read(self.path("power.txt")).splitlines()), {act})
                 self.orrin.saw_all(["firmware > host  %s, payload 0" % frame, "DASH_DATA"])
                 self.assert_order(self.log(), lines)

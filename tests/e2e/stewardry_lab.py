@@ -1,8 +1,8 @@
 # The environment of the end-to-end tests: a network namespace for the test program, and for each
 # test a lab folder with the real firmware simulator and the real service in it.
 #
-# Every wait is for something that a program has written (orrin's trace, the service log), within
-# PATIENCE. Processes are ended by their own id. A sanitizer's report in one fails the test.
+# Every wait is for text that a program writes (orrin's trace, the service log), within PATIENCE.
+# Processes are ended by their own id. A sanitizer's report in one fails the test.
 import contextlib
 import os
 import pathlib
@@ -60,7 +60,7 @@ def until(probe, what):
     deadline = time.monotonic() + PATIENCE
     while not (result := probe()):
         if time.monotonic() > deadline:
-            raise AssertionError("waited in vain for " + what)
+            raise AssertionError("timed out waiting for " + what)
         time.sleep(0.01)
     return result
 
@@ -82,17 +82,17 @@ class Process:
         return pathlib.Path(self.out).read_text(encoding="utf-8", errors="replace")
 
     def saw(self, text, after=0):
-        """Waits until the output behind offset `after` holds `text`. Returns the offset behind."""
+        """Waits until the output after offset `after` contains `text`. Returns the offset after it."""
         found = until(lambda: self.text().find(text, after) + 1, repr(text))
         return found - 1 + len(text)
 
     def saw_all(self, texts, after=0):
-        """Waits until the output behind an offset holds the texts in their order."""
+        """Waits until the output after an offset contains the texts in their order."""
         for text in texts:
             after = self.saw(text, after)
 
     def exit_code(self):
-        """Waits for the program's own end."""
+        """Waits until the program exits by itself."""
         return self.child.wait(PATIENCE)
 
     def end(self, number=signal.SIGTERM):
@@ -108,7 +108,7 @@ class Process:
 
 
 class Orrin(Process):
-    """The firmware simulator. `where` is its listening address, as its command line takes it."""
+    """The firmware simulator. `where` are its command line's words for the listening address."""
 
     def __init__(self, lab, *where):
         super().__init__(lab, "orrin-" + where[-1], "orrin", *where)
@@ -120,14 +120,14 @@ class Orrin(Process):
         self.child.stdin.flush()
 
     def here(self):
-        """Returns the trace's offset behind all that the firmware has answered by now: it answers a
+        """Returns the trace's offset after all requests answered so far. The firmware answers a
         request first and traces it afterwards."""
         self.marks += 1
-        mark = "done-%d" % self.marks  # no command, so the trace names it
+        mark = "done-%d" % self.marks  # not a command, so the trace quotes it
         self.type(mark)
         return self.saw('"%s"' % mark)
 
-    def tell(self, *commands):
+    def execute(self, *commands):
         """Types commands and waits until they have run. Returns the trace's offset before them."""
         before = self.here()
         self.type(*commands)
@@ -163,15 +163,15 @@ class LabTest(unittest.TestCase):
     def _close(self):
         for process in reversed(self.processes):
             process.end()
-        complaints = [text for text in (self.read(process.err) for process in self.processes)
+        reports = [text for text in (self.read(process.err) for process in self.processes)
                       if re.search("Sanitizer|runtime error:", text)]
-        if self.count_faults() > self.faults_before or complaints:
+        if self.count_faults() > self.faults_before or reports:
             self._show()
-        # An agent lives until it finds the folder gone, and writes into it.
-        gone = self.folder + ".gone"
-        os.rename(self.folder, gone)
-        shutil.rmtree(gone)
-        self.assertEqual(complaints, [])
+        # An agent writes into the folder until it finds it missing, and exits then.
+        removed = self.folder + ".removed"
+        os.rename(self.folder, removed)
+        shutil.rmtree(removed)
+        self.assertEqual(reports, [])
 
     def _show(self):
         names = [name for process in self.processes for name in (process.out, process.err)]
@@ -180,7 +180,7 @@ class LabTest(unittest.TestCase):
                 print("---- %s, last lines" % os.path.basename(name), *lines[-60:], sep="\n")
 
     def add(self, process):
-        """Has the process ended with the test."""
+        """Ends the process with the test."""
         self.processes.append(process)
         return process
 
@@ -190,7 +190,7 @@ class LabTest(unittest.TestCase):
     def start_orrin(self, *commands):
         orrin = self.add(Orrin(self, "--socket", "mailbox0"))
         if commands:
-            orrin.tell(*commands)
+            orrin.execute(*commands)
         return orrin
 
     def start_service(self, ready=BOUND):
@@ -203,7 +203,7 @@ class LabTest(unittest.TestCase):
         self.orrin = self.start_orrin(*commands)
         self.service = self.start_service()
 
-    # What the programs have left in the lab folder.
+    # What the programs have written into the lab folder.
 
     def path(self, *names):
         return os.path.join(self.folder, *names)
@@ -212,11 +212,11 @@ class LabTest(unittest.TestCase):
         return os.path.join(self.logs, name)
 
     def agent_path(self):
-        """The file in which the agent notes what it would play."""
+        """Returns the file in which the agent records the events it would play."""
         return self.path("agent.txt")
 
     def read(self, path):
-        """The text of a file; empty if there is none."""
+        """Returns the text of a file, empty if there is none."""
         file = pathlib.Path(path)  # a "\r\n" is read as "\n"
         return file.read_text(encoding="utf-8", errors="replace") if file.is_file() else ""
 
@@ -230,11 +230,11 @@ class LabTest(unittest.TestCase):
         return self.read(self.log_path("tavrinKeyboardMouseLog.log"))
 
     def logged(self, text, count=1):
-        """Waits until the service log holds `text` at least `count` times."""
+        """Waits until the service log contains `text` at least `count` times."""
         until(lambda: self.log().count(text) >= count, "%d times in the log: %r" % (count, text))
 
     def assert_order(self, text, parts):
-        """Each of `parts` stands in `text` behind the one before it."""
+        """Asserts that `text` contains all of `parts` in their order."""
         at = 0
         for part in parts:
             self.assertIn(part, text[at:], "missing, or out of order")
@@ -245,7 +245,7 @@ class LabTest(unittest.TestCase):
 
 
 def curl(path="/", *words, data=None):
-    """Returns the answer's body. Raises when curl reports a failure or the status isn't 200."""
+    """Returns the answer's body. Raises if curl reports a failure or the status is not 200."""
     sends = ["--data-binary", "@-", "-H", "Content-Type: application/soap+xml"] if data else []
     return subprocess.run(
         ["curl", "-sSk", "--fail", "--noproxy", "*", "--max-time", str(PATIENCE), *sends, *words,
@@ -254,7 +254,7 @@ def curl(path="/", *words, data=None):
 
 
 def connect(port=PORT):
-    """A bare TCP connection to the port: what the relay moves, without TLS around it."""
+    """Opens a bare TCP connection to the port, without TLS."""
     return socket.create_connection((HOST, port), PATIENCE)
 
 
@@ -266,7 +266,8 @@ def receive(peer, size):
 
 
 def connection_is_dropped(port=PORT):
-    """Connects and sends nothing. A refused connection raises, as no one listens."""
+    """Connects and sends nothing. Returns whether the service closes the connection. Raises if the
+    port is closed."""
     try:
         with connect(port) as peer:
             return peer.recv(1) == b""

@@ -1,5 +1,5 @@
-"""Two viewers that are not ours: gvnccapture (gtk-vnc) saves one picture, and vnc_viewer passes
-commands to libvncclient."""
+"""Two independent viewers: gvnccapture (gtk-vnc) saves one picture, and vnc_viewer passes commands
+to libvncclient."""
 import ctypes
 import subprocess
 
@@ -22,7 +22,7 @@ def pixels(path):
 
 
 def capture(path):
-    """Returns the picture that gvnccapture sees; `path` is its PNG file."""
+    """Returns the picture that gvnccapture saves to `path` as a PNG."""
     subprocess.run(["gvnccapture", "%s:%d" % (HOST, VNC_PORT - _FIRST_DISPLAY), path], check=True,
                    timeout=PATIENCE * 2, capture_output=True)
     return pixels(path)
@@ -35,8 +35,8 @@ class Viewer(Process):
         super().__init__(lab, "viewer-%d" % len(lab.processes), "vnc_viewer")
         self.answered = 0
 
-    def does(self, command):
-        """Whether the viewer could do what the command asks."""
+    def try_execute(self, command):
+        """Returns whether the viewer has executed the command."""
         self.child.stdin.write((command + "\n").encode())
         self.child.stdin.flush()
         self.answered += 1
@@ -44,9 +44,9 @@ class Viewer(Process):
               "the viewer's answer")
         return self.text().splitlines()[self.answered - 1] == "done"
 
-    def tell(self, *commands):
+    def execute(self, *commands):
         for command in commands:
-            assert self.does(command), "the viewer couldn't " + command
+            assert self.try_execute(command), "the viewer could not execute " + command
 
     def leave(self):
         """Closes the connection and ends."""

@@ -1,6 +1,6 @@
-// Fuzz target: the firmware's log ring with any indexes and lines, through a capture. The ring is a
-// heap block of its own, so that a sanitizer reports a read beyond it; the file goes to a lab
-// folder of the process's own.
+// Fuzz target: a capture of the firmware's log ring with any indexes and lines. The ring is a heap
+// block of its own, so that a sanitizer reports a read beyond it; the file is in a lab folder of
+// the process's own.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "service/standby/firmware_log.h"
+#include "service/standby/standby_state.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   static std::string lab = "/tmp/stewardry-log-ring-XXXXXX";
@@ -34,12 +35,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::memcpy(bytes + at, data + kHead, std::min(size - kHead, sizeof ring->entries - at));
   const LogRing before = *ring;
 
-  gLogBufferAddress = reinterpret_cast<std::uint64_t>(ring.get());
-  gLogFirstCapture = data[8] & 1U;
-  gLogFileCreated = 0;
+  gStandby->gLogBufferAddress = reinterpret_cast<std::uint64_t>(ring.get());
+  gStandby->gLogFirstCapture = data[8] & 1U;
+  gStandby->gLogFileCreated = 0;
   CaptureLogBuffer();
 
-  // Nothing but the read index is the service's to write, and it is legal whenever it moves.
+  // The service writes nothing but the read index, and that stays valid.
   if (std::memcmp(ring->entries, before.entries, sizeof before.entries) != 0) std::abort();
   if (ring->writeIndex != before.writeIndex) std::abort();
   if (ring->readIndex != before.readIndex && ring->readIndex > LogRing::kWriteIndexMax)

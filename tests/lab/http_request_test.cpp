@@ -1,4 +1,4 @@
-// Requests as a stranger on the network may send them.
+// Requests as any peer on the network may send them.
 #include "lab/firmware/dash/http_request.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ TEST(HttpRequest, ReadsTheSameAtEverySplit) {
       {Post("Transfer-Encoding: Chunked\r\n", "1\r\nz\r\n0\r\nT: v\r\n\r\n"), "z", true},
   };
   for (const Row& row : rows) {
-    for (std::size_t split = 0; split <= row.bytes.size(); split++) {
+    for (std::size_t split = 0; split <= row.bytes.size(); ++split) {
       SCOPED_TRACE(row.bytes.substr(0, split) + "|" + row.bytes.substr(split));
       HttpRequestReader reader;
       EXPECT_EQ(reader.Feed(row.bytes.substr(0, split)), split);
@@ -45,7 +45,7 @@ TEST(HttpRequest, ReadsTheSameAtEverySplit) {
   }
 }
 
-TEST(HttpRequest, WhatTwoReadersCouldUnderstandDifferentlyIsRefused) {
+TEST(HttpRequest, AmbiguousRequestsAreRefused) {
   struct Row {
     std::string bytes;
     int status;

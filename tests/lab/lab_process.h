@@ -1,5 +1,5 @@
-// A real program of the lab, which finds the lab folder of the test through STEWARDRY_LAB. Nothing
-// here bounds a wait: ctest does. A receive with a bound would end when the test is paused.
+// A real program of the lab, which finds the test's lab folder through STEWARDRY_LAB. Waits have no
+// bound here, because ctest has one: a bounded receive would fail in a test that is paused.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -59,7 +59,7 @@ class LabProcess {
  private:
   bool ReadMore() {
     char bytes[4096];
-    const ssize_t count = read(terminal_.Get(), bytes, sizeof(bytes));
+    const ssize_t count = read(terminal_.Get(), bytes, sizeof bytes);
     if (count > 0) output_.append(bytes, static_cast<std::size_t>(count));
     return count > 0;
   }

@@ -1,5 +1,5 @@
-// The real simulator, joined to a mailbox end of the test's own. Its answers to the service and to
-// foreign clients are covered by the end-to-end tests; here is what those cannot bring about.
+// The real simulator, connected to a mailbox end of the test's own. The end-to-end tests cover its
+// answers to the service and to real clients; this file has the cases that those cannot produce.
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -25,7 +25,7 @@ class MailboxEnd {
   }
   Message Next() {
     Message message;
-    if (!Receive(&message.head, sizeof(message.head))) return {};
+    if (!Receive(&message.head, sizeof message.head)) return {};
     message.body.resize(message.head.length);
     return Receive(message.body.data(), message.body.size()) ? message : Message{};
   }
@@ -48,7 +48,7 @@ class OrrinTest : public LabTest {
   std::optional<LabProcess> orrin_;
 };
 
-TEST_F(OrrinTest, ScriptRunsOnASocketThatAKilledProcessLeft) {
+TEST_F(OrrinTest, ScriptRunsOnTheSocketOfAKilledProcess) {
   LabProcess second({ORRIN_PATH});
   EXPECT_TRUE(second.Prints("is served by another program"));
   EXPECT_EQ(second.ExitCode(), 1);

@@ -1,5 +1,5 @@
-// The bytes of a viewer as a stranger on the network may send them; the pixels are compared end to
-// end, with two foreign viewers.
+// The bytes of a viewer as any peer on the network may send them. The end-to-end tests compare the
+// pixels, with two independent viewers.
 #include "lab/firmware/kvm/rfb_session.h"
 
 #include <gtest/gtest.h>
@@ -13,10 +13,10 @@ class RecordedViewer : public RfbOutput {
     seen.insert(seen.end(), bytes.begin(), bytes.end());
   }
   bool HasRoom() const override { return true; }
-  void TakeKey(std::uint32_t, bool) override { inputs++; }
-  void TakePointer(std::uint8_t, std::uint16_t, std::uint16_t) override { inputs++; }
-  void CloseViewer() override { closes++; }
-  void Say(const std::string&) override {}
+  void HandleKey(std::uint32_t, bool) override { ++inputs; }
+  void HandlePointer(std::uint8_t, std::uint16_t, std::uint16_t) override { ++inputs; }
+  void CloseViewer() override { ++closes; }
+  void AddNote(const std::string&) override {}
 
   Bytes seen;
   int inputs = 0, closes = 0;
@@ -26,7 +26,7 @@ class RecordedViewer : public RfbOutput {
 
 constexpr std::string_view k38 = "RFB 003.008\n";
 
-TEST(RfbSession, HostileBytesCloseItOnceAndNothingAfterCounts) {
+TEST(RfbSession, HostileBytesCloseTheSessionOnce) {
   struct Row {
     std::string_view version;
     Bytes rest;
@@ -51,7 +51,7 @@ TEST(RfbSession, HostileBytesCloseItOnceAndNothingAfterCounts) {
     EXPECT_EQ(viewer.closes, 1);
     viewer.seen.clear();
     viewer.session.Receive(Bytes{4, 1, 0, 0, 0, 0, 0, 'a'});
-    viewer.session.Receive(Bytes{3, 0, 0, 0, 0, 0, 1, 64, 0, 200});  // asks for the screen
+    viewer.session.Receive(Bytes{3, 0, 0, 0, 0, 0, 1, 64, 0, 200});  // requests the screen
     viewer.session.Pump();
     EXPECT_TRUE(viewer.inputs == 0 && viewer.seen.empty());
     EXPECT_EQ(viewer.closes, 1);

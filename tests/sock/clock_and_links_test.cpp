@@ -1,4 +1,3 @@
-// The clock and the list links.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -34,7 +33,7 @@ std::string Names(const Node* at, Node* Node::*step) {
   return names;
 }
 
-TEST(ListLinks, RemovalKeepsBothDirectionsAndTheLinkOfAWalkThatStandsOnTheNode) {
+TEST(ListLinks, RemovalKeepsBothDirectionsAndTheRemovedNodesOwnLinks) {
   for (std::size_t removed = 0; removed < 3; ++removed) {
     Node nodes[] = {{nullptr, nullptr, 'a'}, {nullptr, nullptr, 'b'}, {nullptr, nullptr, 'c'}};
     Node *head = nullptr, *tail = nullptr;

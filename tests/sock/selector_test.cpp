@@ -1,5 +1,5 @@
-// The selector on real sockets. A case that needs several handlers to be due in one pass gives them
-// deadlines, since bytes for several sockets may arrive one after another.
+// A case that needs several handlers in one pass sets deadlines, since bytes for several sockets
+// may arrive one after another.
 #include "sock/selector.h"
 
 #include <gtest/gtest.h>
@@ -25,14 +25,15 @@ std::uint64_t Now() {
   return now;
 }
 
-// A handler that notes its calls as "name:mask " and then does what the test wants.
+// A handler that notes its calls as "name:mask " and then calls `act`.
 struct Probe {
   Handler handler{};
   std::string name;
   std::string* calls;
   std::function<bool()> act = [] { return true; };
 
-  Probe(std::string* log, std::string who, Sock sock, std::uint32_t mask) : name(who), calls(log) {
+  Probe(std::string* log, std::string id, Sock sock, std::uint32_t mask)
+      : name(std::move(id)), calls(log) {
     handler.sock = sock;
     handler.eventMask = mask;
     handler.callback = Call;
@@ -41,7 +42,7 @@ struct Probe {
     Probe* self = reinterpret_cast<Probe*>(handler);
     *self->calls += self->name + ":" + std::to_string(mask) + " ";
     EXPECT_TRUE((mask & SELECTOR_TIMEOUT) == 0 || now >= handler->timeoutAt);
-    // What `act` refers to may be gone in the calls that end the handler.
+    // The objects that `act` uses may be destroyed by the calls that end the handler.
     constexpr std::uint32_t kNoPass = SELECTOR_ADD | SELECTOR_REMOVE | SELECTOR_DESTROY;
     return (mask & kNoPass) != 0 || self->act() ? 1 : 0;
   }
@@ -74,7 +75,7 @@ class SelectorTest : public SocketTest {
   std::vector<std::unique_ptr<Probe>> probes_;
 };
 
-TEST_F(SelectorTest, EmptyListEndsTheRunAtOnceUnlessItIsAllowed) {
+TEST_F(SelectorTest, EmptyListEndsTheRunUnlessItIsAllowed) {
   EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_FAILED);
   Selector_AllowEmptyList(&sel_, true);
   EXPECT_EQ(Selector_Run(&sel_, 20'000, false), RESULT_TIME_OUT);
@@ -94,7 +95,6 @@ TEST_F(SelectorTest, AddRemoveAndDestroyCallTheHandlerOnceEach) {
   EXPECT_FALSE(Selector_IsRunThread(&sel_));
 }
 
-// AnotherThreadWakesAndStopsTheRun shows that a deadline of 0 ends the calls.
 TEST_F(SelectorTest, DeadlineCallsItsHandlerInEachTurn) {
   Probe& probe = AddDue("t");
   probe.handler.timeoutAt += 20'000;
@@ -104,9 +104,9 @@ TEST_F(SelectorTest, DeadlineCallsItsHandlerInEachTurn) {
   EXPECT_EQ(calls_, "t:16 t:16 ");
 }
 
-// As a listener does to the connection that it replaces. The refusing handler itself gets
-// SELECTOR_REMOVE in the same pass, and the next one is served in it.
-TEST_F(SelectorTest, RefusingCallbackMayDetachAndCloseTheHandlerBehindIt) {
+// As a listener does to the connection that it replaces. A handler whose callback returns zero gets
+// SELECTOR_REMOVE in the same pass, which also serves the next handler.
+TEST_F(SelectorTest, RemovedHandlersCallbackMayDetachAndCloseTheNextHandler) {
   SocketPair pair;
   Probe* detached = nullptr;
   AddDue("a").act = [&] {
@@ -136,7 +136,7 @@ TEST_F(SelectorTest, ConnectAndWriteInterestEndWithTheMaskAndNoReadsModeReportsW
   EXPECT_EQ(Selector_Run(&sel_, kHang, false), RESULT_OK);
   EXPECT_EQ(calls_, "w:6 w:2 ");
   unread.Send("y");
-  // A socket of its own: Winsock reports that a socket may be written once, until a send blocks.
+  // Another socket: Winsock reports write readiness once, until a send blocks.
   Add("n", unread.a, SELECTOR_READ | SELECTOR_WRITE).act = [&] {
     Selector_StopRunningNoReads(&sel_);
     return true;
@@ -145,9 +145,8 @@ TEST_F(SelectorTest, ConnectAndWriteInterestEndWithTheMaskAndNoReadsModeReportsW
   EXPECT_EQ(calls_, "n:4 ");
 }
 
-// A handler that gets data and a close together reads once and ends the connection. The
-// reader asks for another pass in the end, with a deadline that is due in it.
-TEST_F(SelectorTest, CloseComesBehindTheDataAndARepeatedPassBehindOneSocketAlone) {
+// At the close, the reader requests another pass and sets a deadline that is due in it.
+TEST_F(SelectorTest, CloseFollowsTheDataAndARepeatedPassTheOnlySocket) {
   SocketPair pair;
   Probe& due = Add("t", kInvalidSock, 0);
   Add("s", pair.a, SELECTOR_READ).act = [&] {
@@ -165,8 +164,8 @@ TEST_F(SelectorTest, CloseComesBehindTheDataAndARepeatedPassBehindOneSocketAlone
   EXPECT_EQ(calls_, "s:2 s:2 s:2 s:32 t:16 ");
 }
 
-// A lost wake leaves the run waiting. The other thread begins within the run, since a stop before
-// it is lost.
+// A lost wake-up would leave the run waiting. The other thread starts within the run, since a stop
+// before it has no effect.
 TEST_F(SelectorTest, AnotherThreadWakesAndStopsTheRun) {
   std::atomic<bool> running{false};
   Probe& probe = AddDue("t");

@@ -1,5 +1,5 @@
-// The socket layer where the platform's calls fail, through the gate, and what takes sockets whose
-// bytes arrive with the call that sends them.
+// The socket layer where the platform's calls fail, and the cases that need sockets whose bytes
+// arrive with the call that sends them.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -17,13 +17,15 @@
 #include "tests/lab_folder_fixture.h"
 #include "tests/own_network.h"
 
-// What the next accept4 of the process fails with. The others go on to whose they were before, be
-// it a sanitizer, which keeps account of the descriptors.
+// The error of the next accept4 of the process, 0 for none. Other calls go to the next definition,
+// which may be a sanitizer's.
 static std::atomic<int> gAcceptError{0};
 extern "C" int accept4(int listener, sockaddr* peer, socklen_t* size, int flags) {
   static const auto next = reinterpret_cast<decltype(&accept4)>(::dlsym(RTLD_NEXT, "accept4"));
-  if (const int error = gAcceptError.exchange(0)) return errno = error, -1;
-  return next(listener, peer, size, flags);
+  const int error = gAcceptError.exchange(0);
+  if (error == 0) return next(listener, peer, size, flags);
+  errno = error;
+  return -1;
 }
 
 namespace stewardry {
@@ -68,7 +70,7 @@ TEST_F(SockFaults, InterruptedCallIsRepeated) {
   EXPECT_EQ(CountCalls("recv"), 6U);
 }
 
-TEST_F(SockFaults, GatheredCallsWalkThePiecesUntilOneFailsOrIsShort) {
+TEST_F(SockFaults, GatheredCallsMoveThePiecesUntilOneFailsOrIsShort) {
   const UnixPair pair;
   const Sock writer = static_cast<Sock>(pair.ends[0]), reader = static_cast<Sock>(pair.ends[1]);
   char text[] = "abcdef", first[4], second[8], third[8] = "none";
@@ -85,7 +87,7 @@ TEST_F(SockFaults, GatheredCallsWalkThePiecesUntilOneFailsOrIsShort) {
   EXPECT_EQ(std::string(first, 4) + second[0] + third, "abcdenone");
 }
 
-// A name with two addresses needs a hosts file, and that a mount namespace of the test's own.
+// A name with two addresses needs a hosts file, and so a mount namespace of the test's own.
 TEST_F(SockFaults, ConnectTriesTheSecondAddressAfterTheFirst) {
   const std::string hosts = lab() + "/hosts";
   std::ofstream(hosts) << "127.0.0.1 twofold\n127.0.0.2 twofold\n";
@@ -102,7 +104,7 @@ TEST_F(SockFaults, ConnectTriesTheSecondAddressAfterTheFirst) {
   for (const Sock each : {listener, sock}) (void)Sock_Close(each);
 }
 
-TEST_F(SockFaults, LocalConnectReachesTheListenerAndTheAcceptPassesOverConnectionsThatHaveEnded) {
+TEST_F(SockFaults, LocalConnectReachesTheListenerAndTheAcceptSkipsConnectionsThatHaveEnded) {
   if (!EnterOwnNetwork()) GTEST_SKIP() << "may not make a network namespace";
   Sock listener, sock, accepted;
   RemoteAddress peer;
@@ -117,7 +119,7 @@ TEST_F(SockFaults, LocalConnectReachesTheListenerAndTheAcceptPassesOverConnectio
     gAcceptError = error;
     EXPECT_EQ(Sock_Accept(listener, &sock, &peer), RESULT_WOULD_BLOCK) << strerror(error);
   }
-  gate::FailEvery("accept", platform::kWsaEConnReset);  // a peer that never tires
+  gate::FailEvery("accept", platform::kWsaEConnReset);  // a peer that goes on for ever
   EXPECT_EQ(Sock_Accept(listener, &sock, &peer), RESULT_WOULD_BLOCK);
   (void)Sock_Close(listener);
 }
@@ -136,9 +138,9 @@ TEST_F(SockFaults, FailingStepOfARunEndsItWithItsOwnReport) {
   const UnixPair pair;  // with a byte and a close for the handler
   EXPECT_EQ(::send(pair.ends[1], "x", 1, 0), 1);
   ::shutdown(pair.ends[1], SHUT_WR);
-  gSelectorReport = [](SelectorEvent event, const Selector*, std::uint32_t, const Handler* which) {
+  Selector_SetReport([](SelectorEvent event, const Selector*, std::uint32_t, const Handler* which) {
     gReport = {event, which};
-  };
+  });
   Handler handler;
   const std::tuple<const char*, Result, decltype(gReport)> kRows[] = {
       {"WSAEventSelect", RESULT_FAILED, {SelectorEvent::kSetSockEvents, &handler}},
@@ -159,7 +161,7 @@ TEST_F(SockFaults, FailingStepOfARunEndsItWithItsOwnReport) {
     EXPECT_EQ(gReport, report) << step;
     Selector_Destroy(&selector);
   }
-  EXPECT_EQ(gMask, SELECTOR_READ) << "the close is told once the byte has been read";
+  EXPECT_EQ(gMask, SELECTOR_READ) << "the close is reported once the byte has been read";
 }
 
 }  // namespace

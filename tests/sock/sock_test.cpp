@@ -1,4 +1,3 @@
-// The socket layer on real sockets.
 #include "sock/sock.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +12,7 @@ namespace {
 
 class SockLayer : public SocketTest {};
 
-// Makes the call until it has something to do.
+// Repeats the call until it has something to do.
 template <class Call>
 Result WhenReady(Call call) {
   Result result = RESULT_WOULD_BLOCK;
@@ -21,7 +20,7 @@ Result WhenReady(Call call) {
   return result;
 }
 
-TEST_F(SockLayer, ReadDistinguishesNothingDataAndClose) {
+TEST_F(SockLayer, ReadDistinguishesNoDataDataAndClose) {
   SocketPair pair;
   char buffer[16];
   std::uint64_t count = 99;
@@ -48,8 +47,8 @@ TEST_F(SockLayer, ConnectTextNeedsAColonAListenerAndAHostOfAtMost127Characters) 
   }
 }
 
-// Winsock's option gives a port to whoever asks for it.
-TEST_F(SockLayer, ListenerOfWinsockSharesItsPortWithNobody) {
+// Winsock's SO_REUSEADDR would let another process take the port.
+TEST_F(SockLayer, ListenerOfWinsockHasItsPortAlone) {
   Sock other, listener;
   Addr address;
   ASSERT_EQ(Sock_Create(&other, false), RESULT_OK);

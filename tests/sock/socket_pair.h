@@ -1,4 +1,4 @@
-// A connected pair of loopback sockets, made with the layer under test.
+// A connected pair of loopback sockets, created with the layer under test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,8 +21,8 @@ class SocketTest : public ::testing::Test {
   static void TearDownTestSuite() { Sock_Stop(); }
 };
 
-// Binds the socket to a port that is in use by nobody and returns it. The range begins at a port of
-// the process's own; without address reuse, a port in use is passed over.
+// Binds the socket to a free port and returns that. The range starts at a port of the process's
+// own; ports in use are skipped, since addresses are not reused.
 inline std::uint16_t BindFreePort(Sock sock) {
   const auto base = static_cast<std::uint16_t>(20000 + platform::GetCurrentProcessId() % 20000);
   for (std::uint16_t port = base; port < base + 200; ++port) {
@@ -36,7 +36,7 @@ inline std::uint16_t BindFreePort(Sock sock) {
 
 struct SocketPair {
   Sock a = kInvalidSock;  // the accepted end, non-blocking
-  Sock b = kInvalidSock;  // the connecting end; the connect was reported to nobody
+  Sock b = kInvalidSock;  // the connecting end, blocking
 
   SocketPair() {
     Sock listener;

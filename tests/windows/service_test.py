@@ -130,7 +130,7 @@ class Report(WineLabTest):
         self.assertEqual([network["name"], network["macAddress"].upper()],
                          [ADAPTER["name"], ADAPTER["mac"]])
         self.assertIn(BANNER + "Microsoft Windows " + version, self.log())
-        self.orrin.saw("WriteNwInfo", self.orrin.tell("resume"))
+        self.orrin.saw("WriteNwInfo", self.orrin.execute("resume"))
         self.assertEqual(json.loads(curl("/"))["reports"]["os"], 2)
 
 

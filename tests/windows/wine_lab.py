@@ -161,7 +161,7 @@ class WineLabTest(LabTest):
         orrin.saw("a mailbox end has connected")
         self.bridge.saw("joined")
         if commands:
-            orrin.tell(*commands)
+            orrin.execute(*commands)
         return orrin
 
     def start_service(self, ready=BOUND):

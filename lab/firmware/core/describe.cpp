@@ -40,7 +40,7 @@ bool IsNoNetwork(const NetworkRecord& record) {
   Bytes bytes = BytesOf(record);
   bytes[offsetof(NetworkRecord, endMarker)] = 0;
   bytes[offsetof(NetworkRecord, endMarker) + 1] = 0;
-  return bytes == Bytes(sizeof(record));
+  return bytes == Bytes(sizeof record);
 }
 
 std::string Describe(const OsRecord& record) {

@@ -1,4 +1,4 @@
-// Records in words, for the trace. Everything here takes a record that already has its right size.
+// Records in words, for the trace.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace orrin {
 
-// All bytes zero, or the end marker alone: what the host sends while it has no network.
+// Returns true if all bytes are zero, the end marker aside: the host has no network.
 bool IsNoNetwork(const NetworkRecord& record);
 
 std::string Describe(const OsRecord& record);

@@ -1,5 +1,5 @@
-// The firmware's own vocabulary: the commands that it leaves for the host, one frame each. A frame
-// is the payload, then the command code, then one byte that nobody reads.
+// The commands that the firmware sends to the host, one frame each. A frame is the payload, then
+// the command code, then one byte that is not read.
 #pragma once
 
 #include <cstdint>
@@ -29,11 +29,11 @@ enum CommandCode : std::uint8_t {
 
 constexpr std::size_t kMaxPayload = lablink::kMaxFrame - 2;
 
-// The frame of a command. REQUIRES: payload.size() <= kMaxPayload.
+// Returns the frame of a command. A payload above kMaxPayload makes a frame that cannot be sent.
 Bytes MakeFrame(std::uint8_t code, ByteView payload);
-// "DASH_DATA"; "unknown command 0x22" for a code outside the vocabulary.
+// Returns "DASH_DATA"; "unknown command 0x22" for a code that is not a CommandCode.
 std::string CommandName(std::uint8_t code);
-// A frame in words: name and payload size; a frame of under two bytes is said as such.
+// Returns the frame's command name and payload size, or that it is too short to hold a command.
 std::string DescribeFrame(ByteView frame);
 
 }  // namespace orrin

@@ -11,18 +11,18 @@ namespace {
 // Builds one JSON object member by member.
 class JsonObject {
  public:
-  JsonObject& Raw(const char* name, const std::string& value) {
+  JsonObject& AddRaw(const char* name, const std::string& value) {
     text_ += text_.empty() ? "{" : ",";
     text_ += JsonText(name) + ":" + value;
     return *this;
   }
-  JsonObject& Text(const char* name, const std::string& value) {
-    return Raw(name, JsonText(value));
+  JsonObject& AddText(const char* name, const std::string& value) {
+    return AddRaw(name, JsonText(value));
   }
-  JsonObject& Number(const char* name, std::uint64_t value) {
-    return Raw(name, Format("%" PRIu64, value));
+  JsonObject& AddNumber(const char* name, std::uint64_t value) {
+    return AddRaw(name, Format("%" PRIu64, value));
   }
-  std::string Done() const { return text_ + "}"; }
+  std::string Finished() const { return text_ + "}"; }
 
  private:
   std::string text_;
@@ -32,47 +32,47 @@ constexpr char kNull[] = "null";
 
 std::string OsJson(const OsRecord& os) {
   return JsonObject()
-      .Text("caption", Utf8Field(os.caption))
-      .Text("architecture", Utf8Field(os.architecture))
-      .Text("version", Utf8Field(os.version))
-      .Text("hostName", AsciiField(os.hostName))
-      .Text("domainName", AsciiField(os.domainName))
-      .Number("osType", os.osType)
-      .Done();
+      .AddText("caption", Utf8Field(os.caption))
+      .AddText("architecture", Utf8Field(os.architecture))
+      .AddText("version", Utf8Field(os.version))
+      .AddText("hostName", AsciiField(os.hostName))
+      .AddText("domainName", AsciiField(os.domainName))
+      .AddNumber("osType", os.osType)
+      .Finished();
 }
 
 std::string NetworkJson(const NetworkRecord& network) {
   return JsonObject()
-      .Text("name", Utf8Field(network.name))
-      .Number("speed", network.speed)
-      .Text("macAddress", Utf8Field(network.macAddress))
-      .Text("deviceId", Utf8Field(network.deviceId))
-      .Number("statusInfo", network.statusInfo)
-      .Number("addressOrigin", network.addressOrigin)
-      .Raw("connected", IsNoNetwork(network) ? "false" : "true")
-      .Done();
+      .AddText("name", Utf8Field(network.name))
+      .AddNumber("speed", network.speed)
+      .AddText("macAddress", Utf8Field(network.macAddress))
+      .AddText("deviceId", Utf8Field(network.deviceId))
+      .AddNumber("statusInfo", network.statusInfo)
+      .AddNumber("addressOrigin", network.addressOrigin)
+      .AddRaw("connected", IsNoNetwork(network) ? "false" : "true")
+      .Finished();
 }
 
 std::string IpJson(const IpRecord& ip) {
   return JsonObject()
-      .Text("address", DottedAddress(ip.ipAddress))
-      .Text("subnetMask", DottedAddress(ip.subnetMask))
-      .Text("gateway", DottedAddress(ip.gatewayAddress))
-      .Text("dns", DottedAddress(ip.dnsAddress))
-      .Text("macAddress", HardwareAddress(ip.macAddress))
-      .Number("port", ip.localPort)
-      .Done();
+      .AddText("address", DottedAddress(ip.ipAddress))
+      .AddText("subnetMask", DottedAddress(ip.subnetMask))
+      .AddText("gateway", DottedAddress(ip.gatewayAddress))
+      .AddText("dns", DottedAddress(ip.dnsAddress))
+      .AddText("macAddress", HardwareAddress(ip.macAddress))
+      .AddNumber("port", ip.localPort)
+      .Finished();
 }
 
 std::string ReportsJson(const Reports& reports) {
   return JsonObject()
-      .Number("serviceStatus", reports.serviceStatus)
-      .Number("os", reports.os)
-      .Number("network", reports.network)
-      .Number("ip", reports.ip)
-      .Number("networkStatus", reports.networkStatus)
-      .Number("userPresence", reports.userPresence)
-      .Done();
+      .AddNumber("serviceStatus", reports.serviceStatus)
+      .AddNumber("os", reports.os)
+      .AddNumber("network", reports.network)
+      .AddNumber("ip", reports.ip)
+      .AddNumber("networkStatus", reports.networkStatus)
+      .AddNumber("userPresence", reports.userPresence)
+      .Finished();
 }
 
 std::string NumberOrNull(const std::optional<std::uint32_t>& value) {
@@ -84,15 +84,15 @@ std::string NumberOrNull(const std::optional<std::uint32_t>& value) {
 std::string InventoryJson(const Inventory& inventory) {
   const auto& [serviceStatus, os, network, ip, networkStatus, userPresence, reports] = inventory;
   return JsonObject()
-      .Raw("os", os ? OsJson(*os) : kNull)
-      .Raw("network", network ? NetworkJson(*network) : kNull)
-      .Raw("ip", ip ? IpJson(*ip) : kNull)
-      .Raw("serviceStatus", NumberOrNull(serviceStatus))
-      .Raw("networkStatus", NumberOrNull(networkStatus))
-      .Raw("userPresence", NumberOrNull(userPresence))
-      .Raw("serviceVersion", os ? JsonText(AsciiField(os->serviceVersion)) : kNull)
-      .Raw("reports", ReportsJson(reports))
-      .Done();
+      .AddRaw("os", os ? OsJson(*os) : kNull)
+      .AddRaw("network", network ? NetworkJson(*network) : kNull)
+      .AddRaw("ip", ip ? IpJson(*ip) : kNull)
+      .AddRaw("serviceStatus", NumberOrNull(serviceStatus))
+      .AddRaw("networkStatus", NumberOrNull(networkStatus))
+      .AddRaw("userPresence", NumberOrNull(userPresence))
+      .AddRaw("serviceVersion", os ? JsonText(AsciiField(os->serviceVersion)) : kNull)
+      .AddRaw("reports", ReportsJson(reports))
+      .Finished();
 }
 
 }  // namespace orrin

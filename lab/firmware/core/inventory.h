@@ -1,4 +1,4 @@
-// What the host has told about itself, and how often: the answer of GET / and of the prompt's
+// What the host has reported about itself, and how often: the answer of GET / and of the prompt's
 // `inventory`. Only the last report of each kind is kept.
 #pragma once
 
@@ -23,13 +23,13 @@ struct Inventory {
   std::optional<std::uint32_t> serviceStatus;
   std::optional<OsRecord> os;
   std::optional<NetworkRecord> network;
-  std::optional<IpRecord> ip;  // reports only: an announcement of a connection isn't kept here
+  std::optional<IpRecord> ip;  // of a report; announcements of connections are not kept
   std::optional<std::uint32_t> networkStatus;
   std::optional<std::uint32_t> userPresence;
   Reports reports;
 };
 
-// One JSON object on one line; null for what was never reported.
+// Returns one JSON object on one line; null for what was never reported.
 std::string InventoryJson(const Inventory& inventory);
 
 }  // namespace orrin

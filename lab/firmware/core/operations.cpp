@@ -12,6 +12,7 @@ constexpr auto kExact = InputRule::kExact;
 constexpr auto kAny = InputRule::kAny;
 constexpr auto kLength = InputRule::kLengthAtOffset;
 
+// Fixed names; their spelling must not change.
 constexpr Operation kOperations[] = {
     {kWriteDashPacket, "WriteDASHPacket", kAny, 0, 0, 0},
     {kWriteTavrinStatus, "WriteTavrinStatus", kExact, 4, 0, 0},
@@ -35,7 +36,7 @@ constexpr Operation kOperations[] = {
     {kGetOrrinStatus, "GetOrrinStatus", kExact, 0, 0, 1},
     {kUnnamedFunction917, "Function917", kExact, 0, 0, 0},
     {kSetS5Status, "IOCTL_CORVANE_SET_S5_STATUS", kExact, 2, 0, 0},
-    // The answer of the first is as long as the record that came.
+    // Function002 is answered with its own input.
     {kUnnamedFunction002, "Function002", kLength, 16, 40, 0},
     {kUnnamedFunction007, "Function007", kLength, 8, 16, 0},
 };
@@ -53,14 +54,12 @@ static_assert(CodesAreUnique());
 bool FitsOwnLength(const Operation& operation, ByteView input) {
   if (input.empty()) return true;
   std::uint32_t length = 0;
-  if (input.size() < operation.inputSize + sizeof(length)) return false;
-  std::memcpy(&length, input.data() + operation.inputSize, sizeof(length));
+  if (input.size() < operation.inputSize + sizeof length) return false;
+  std::memcpy(&length, input.data() + operation.inputSize, sizeof length);
   return input.size() == std::uint64_t{length} + operation.lengthExtra;
 }
 
 }  // namespace
-
-std::span<const Operation> Operations() { return kOperations; }
 
 const Operation* FindOperation(std::uint32_t code) {
   for (const Operation& operation : kOperations) {

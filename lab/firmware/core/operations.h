@@ -1,9 +1,8 @@
-// The mailbox's control codes: what a host may ask of the firmware, with the size of what it brings
-// and gets. The table in operations.cpp is the only place that knows a name or a size.
+// The mailbox's control codes: what a host may request of the firmware, with the sizes of input and
+// output. The table in operations.cpp is the only place that knows a name or a size.
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string_view>
 
 #include "lab/firmware/core/bytes.h"
@@ -38,11 +37,11 @@ enum ControlCode : std::uint32_t {
   kUnnamedFunction007 = 0x9C42401C,
 };
 
-// How long an operation's input must be.
+// The required length of an operation's input.
 enum class InputRule : std::uint8_t {
   kExact,           // Operation::inputSize bytes
   kAny,             // a packet of any size
-  kLengthAtOffset,  // u32 at Operation::inputSize, plus Operation::lengthExtra; or nothing at all
+  kLengthAtOffset,  // u32 at Operation::inputSize, plus Operation::lengthExtra; or empty
 };
 
 struct Operation {
@@ -54,12 +53,11 @@ struct Operation {
   std::uint32_t outputSize;
 };
 
-std::span<const Operation> Operations();
-// Null when no operation has that code.
+// Returns null if no operation has that code.
 const Operation* FindOperation(std::uint32_t code);
-// By name, case ignored; null when there is none.
+// Finds by name, case ignored. Returns null if there is none.
 const Operation* FindOperation(std::string_view name);
-// Whether the input has the length that the operation asks for.
+// Returns true if the input has the length that the operation requires.
 bool FitsInput(const Operation& operation, ByteView input);
 
 }  // namespace orrin

@@ -1,6 +1,5 @@
-// The records that cross the mailbox, as the firmware sees them. Numbers are little-endian, which
-// is this program's own order. The layouts have no gaps, as the asserts say: a field added or
-// widened here breaks every host.
+// The records that cross the mailbox, from the firmware's side. Numbers are little-endian. The
+// layouts have no gaps and never change: a field added or widened here breaks every host.
 #pragma once
 
 #include <bit>
@@ -89,7 +88,7 @@ constexpr std::uint32_t kReportPort = 623;
 constexpr std::uint32_t kDashPort = 664;
 constexpr std::uint32_t kKvmPort = 22;
 
-// Payload of the subscribe command. An empty path takes the subscription back.
+// Payload of the subscribe command. An empty path cancels the subscription.
 struct SubscriptionRecord {
   char host[1024];  // zero-terminated
   char path[1024];  // zero-terminated
@@ -109,28 +108,28 @@ struct TrustRecord {
 };
 static_assert(sizeof(TrustRecord) == 8 && offsetof(TrustRecord, port) == 4);
 
-// Answer to the requests for a region's address: anything but zero says that the region exists; the
-// mailbox end puts the address itself in. The short forms are the first 8 bytes.
+// Answer to the requests for a region's address. Any address but zero means that the region exists;
+// the mailbox end replaces it by its own. The short forms are the first 8 bytes.
 struct RegionRecord {
   std::uint64_t address;
   std::uint64_t reserved;
 };
 static_assert(sizeof(RegionRecord) == 16 && offsetof(RegionRecord, reserved) == 8);
 
-// A record read from exactly its own number of bytes; nothing for any other number.
+// Returns the record that the bytes hold, or nothing if their number is not the record's size.
 template <class Record>
 std::optional<Record> ReadRecord(ByteView bytes) {
   if (bytes.size() != sizeof(Record)) return std::nullopt;
   Record record;
-  std::memcpy(&record, bytes.data(), sizeof(record));
+  std::memcpy(&record, bytes.data(), sizeof record);
   return record;
 }
 
-// The bytes of a record.
+// Returns the bytes of a record.
 template <class Record>
 Bytes BytesOf(const Record& record) {
-  Bytes bytes(sizeof(record));
-  std::memcpy(bytes.data(), &record, sizeof(record));
+  Bytes bytes(sizeof record);
+  std::memcpy(bytes.data(), &record, sizeof record);
   return bytes;
 }
 

@@ -50,7 +50,7 @@ std::string Format(const char* format, ...) {
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
   va_end(arguments);
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  // One more byte for the terminator, which std::string keeps room for.
+  // One more byte for the terminator, which std::string has space for.
   if (!text.empty()) std::vsnprintf(text.data(), text.size() + 1, format, again);
   va_end(again);
   return text;
@@ -99,7 +99,7 @@ std::uint16_t PortFromNetwork(std::uint32_t sinPort) {
   return static_cast<std::uint16_t>(((sinPort & 0xFF) << 8) | ((sinPort >> 8) & 0xFF));
 }
 
-std::optional<std::uint64_t> Number(std::string_view text, std::uint64_t bound) {
+std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t bound) {
   std::uint64_t base = 10;
   if (text.starts_with("0x") || text.starts_with("0X")) {
     base = 16;
@@ -117,13 +117,13 @@ std::optional<std::uint64_t> Number(std::string_view text, std::uint64_t bound) 
 
 std::optional<Bytes> BytesFromHex(std::string_view text) {
   Bytes bytes;
-  for (std::size_t i = 0; i < text.size(); i++) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
     if (IsBlank(text[i])) continue;
     const int high = DigitValue(text[i]);
     const int low = i + 1 < text.size() ? DigitValue(text[i + 1]) : 99;
     if (high > 15 || low > 15) return std::nullopt;
     bytes.push_back(static_cast<std::uint8_t>(high * 16 + low));
-    i++;
+    ++i;
   }
   return bytes;
 }

@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 
 #include "lab/firmware/core/text.h"
@@ -12,7 +13,7 @@ namespace orrin {
 namespace {
 
 constexpr std::size_t kMaxHeld = 256 * 1024;
-constexpr std::size_t kMaxUnseen = 4096;
+constexpr std::size_t kMaxUnsearched = 4096;
 
 std::string TimeStamp() {
   timespec now{};
@@ -23,7 +24,7 @@ std::string TimeStamp() {
                 now.tv_nsec / 1000000);
 }
 
-// False when the reader has gone. A descriptor in non-blocking mode is waited for.
+// Returns false once the reader has closed its end. Waits for a non-blocking descriptor.
 bool WriteAll(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(descriptor, text.data(), text.size());
@@ -31,7 +32,7 @@ bool WriteAll(int descriptor, std::string_view text) {
       text.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno == EAGAIN) {
       pollfd ready{descriptor, POLLOUT, 0};
-      (void)poll(&ready, 1, -1);  // an interrupted wait only leads to another try
+      (void)poll(&ready, 1, -1);  // an interrupted wait leads to another try
     } else if (errno != EINTR) {
       return false;
     }
@@ -41,36 +42,36 @@ bool WriteAll(int descriptor, std::string_view text) {
 
 }  // namespace
 
-Trace::Trace(int descriptor) : descriptor_(descriptor) {}
+Trace::Trace(int descriptor) : descriptor_(descriptor) { assert(descriptor >= 0); }
 
-void Trace::HostToFirmware(std::string_view words) { Event("host > firmware", words); }
-void Trace::FirmwareToHost(std::string_view words) { Event("firmware > host", words); }
-void Trace::Note(std::string_view words) { Event("orrin", words); }
-void Trace::Plain(std::string_view words) { Hold(words); }
+void Trace::HostToFirmware(std::string_view words) { AddEvent("host > firmware", words); }
+void Trace::FirmwareToHost(std::string_view words) { AddEvent("firmware > host", words); }
+void Trace::AddNote(std::string_view words) { AddEvent("orrin", words); }
+void Trace::AddPlain(std::string_view words) { AddLine(words); }
 
-void Trace::Event(std::string_view direction, std::string_view words) {
+void Trace::AddEvent(std::string_view direction, std::string_view words) {
   std::string line = TimeStamp() + " ";
   line.append(direction).append("  ").append(words);
-  Hold(line);
-  unseen_.push_back(std::move(line));
-  if (unseen_.size() > kMaxUnseen) unseen_.pop_front();
+  AddLine(line);
+  unsearched_.push_back(std::move(line));
+  if (unsearched_.size() > kMaxUnsearched) unsearched_.pop_front();
 }
 
-void Trace::Hold(std::string_view line) {
+void Trace::AddLine(std::string_view line) {
   held_.append(line).push_back('\n');
   if (held_.size() > kMaxHeld) Flush();
 }
 
 void Trace::Flush() {
   if (held_.empty()) return;
-  if (!readerGone_) readerGone_ = !WriteAll(descriptor_, held_);
+  if (!isClosed_) isClosed_ = !WriteAll(descriptor_, held_);
   held_.clear();
 }
 
-bool Trace::TakeSeen(std::string_view text) {
-  while (!unseen_.empty()) {
-    const bool found = unseen_.front().find(text) != std::string::npos;
-    unseen_.pop_front();
+bool Trace::FindNext(std::string_view text) {
+  while (!unsearched_.empty()) {
+    const bool found = unsearched_.front().find(text) != std::string::npos;
+    unsearched_.pop_front();
     if (found) return true;
   }
   return false;

@@ -1,6 +1,6 @@
-// The trace on standard output: one line for each event, "HH:MM:SS.mmm direction  words". Lines of
-// one turn of the loop are held until Flush, so that an answer leaves on the link before the line
-// about it is printed, and all lines of a turn cost one write.
+// The trace on standard output: one line for each event, "HH:MM:SS.mmm direction  words". The lines
+// of one turn of the loop are held until Flush: an answer is on the link before its line is
+// printed.
 #pragma once
 
 #include <deque>
@@ -12,31 +12,31 @@ namespace orrin {
 // One thread only.
 class Trace {
  public:
-  // Writes to `descriptor`, which stays the caller's.
+  // Writes to `descriptor`, which the caller owns.
   explicit Trace(int descriptor);
 
   void HostToFirmware(std::string_view words);
   void FirmwareToHost(std::string_view words);
-  // Something that the simulator itself has to say.
-  void Note(std::string_view words);
-  // A line as it is, without time stamp: the answer to a prompt command.
-  void Plain(std::string_view words);
+  // Adds a line about the simulator itself.
+  void AddNote(std::string_view words);
+  // Adds a line as it is, without time stamp: the answer to a prompt command.
+  void AddPlain(std::string_view words);
 
-  // Writes what is held. A reader that has gone away is not an error: the simulator goes on.
+  // Writes what is held. Once the descriptor's reader has closed it, drops lines instead.
   void Flush();
 
-  // True when an event line holding `text` was said since the line found last, and remembers that
-  // line. Only the newest 4096 lines are looked at.
-  bool TakeSeen(std::string_view text);
+  // Returns true if an event line after the one found last contains `text`, and makes it the line
+  // found last. Only the newest 4096 lines are searched.
+  bool FindNext(std::string_view text);
 
  private:
-  void Event(std::string_view direction, std::string_view words);
-  void Hold(std::string_view line);
+  void AddEvent(std::string_view direction, std::string_view words);
+  void AddLine(std::string_view line);
 
   int descriptor_;
-  bool readerGone_ = false;
+  bool isClosed_ = false;
   std::string held_;
-  std::deque<std::string> unseen_;
+  std::deque<std::string> unsearched_;
 };
 
 }  // namespace orrin

@@ -19,7 +19,8 @@ HttpResponse InventoryPage(HttpRequest&, const PageFacts& facts) {
 
 HttpResponse EchoPage(HttpRequest& request, const PageFacts&) {
   HttpResponse response;
-  if (const std::string* type = request.Field("content-type")) response.contentType = *type;
+  if (const std::string* type = request.Field("content-type"); type != nullptr)
+    response.contentType = *type;
   response.body = std::move(request.body);
   return response;
 }
@@ -30,7 +31,7 @@ HttpResponse WsmanPage(HttpRequest& request, const PageFacts& facts) {
 
 HttpResponse BytesPage(HttpRequest& request, const PageFacts&) {
   const auto count =
-      Number(std::string_view(request.target).substr(kBytesPath.size()), kMaxPattern);
+      ParseNumber(std::string_view(request.target).substr(kBytesPath.size()), kMaxPattern);
   if (!count) return Refusal(404);
   HttpResponse response;
   response.contentType = "application/octet-stream";
@@ -41,7 +42,7 @@ HttpResponse BytesPage(HttpRequest& request, const PageFacts&) {
 struct Page {
   std::string_view path;
   bool isPrefix;
-  std::string_view method;  // HEAD goes where GET goes
+  std::string_view method;  // HEAD is served where GET is
   HttpResponse (*answer)(HttpRequest& request, const PageFacts& facts);
 };
 

@@ -1,4 +1,4 @@
-// What the firmware's HTTP server offers: which method on which path gives which answer.
+// The pages of the firmware's HTTP server: the answer to each method and path.
 #pragma once
 
 #include <string>
@@ -12,15 +12,15 @@ namespace orrin {
 // The longest answer of GET /bytes/N.
 constexpr std::uint64_t kMaxPattern = std::uint64_t{64} << 20;
 
-// What the pages tell about; both belong to the firmware.
+// What the pages show. Both outlive the session.
 struct PageFacts {
   const Inventory& inventory;
   const std::string& version;
 };
 
-// The answer to a whole request. May move the body out of `request`.
+// Returns the answer to a whole request. May move the body out of `request`.
 HttpResponse AnswerPage(HttpRequest& request, const PageFacts& facts);
-// The answer that refuses a request with the given status.
+// Returns the answer that refuses a request with the given status.
 HttpResponse Refusal(int status);
 
 }  // namespace orrin

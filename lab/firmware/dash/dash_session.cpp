@@ -5,126 +5,161 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
+#include <cassert>
+#include <optional>
 
 #include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
+#include "lab/firmware/dash/http_request.h"
+#include "lab/firmware/dash/http_response.h"
 
 namespace orrin {
 namespace {
 
 // One TLS record.
 constexpr std::size_t kReadSize = 16384;
-// What a peer may send ahead while an answer waits for room: one whole request more.
+// What a peer may send while an answer waits for room: one more whole request.
 constexpr std::size_t kMaxCiphertextAhead = kMaxHttpBody + (std::size_t{1} << 20);
+
+enum class Phase { kHandshake, kOpen, kClosed };
+
+struct FreeSsl {
+  void operator()(SSL* ssl) const { SSL_free(ssl); }
+};
 
 }  // namespace
 
-void DashSession::FreeSsl::operator()(ssl_st* ssl) const { SSL_free(ssl); }
+struct DashState {
+  DashState(PageFacts pageFacts, DashOutput& dashOutput) : facts(pageFacts), output(dashOutput) {}
 
-DashSession::DashSession(const TlsContext& context, PageFacts facts, DashOutput& output)
-    : facts_(facts), output_(output), ssl_(SSL_new(context.Get())) {
+  void Open(const TlsContext& context);
+  void Receive(ByteView ciphertext);
+  void Pump();
+  void ContinueHandshake();
+  bool ReadRequest();
+  bool ReadPlaintext();
+  void BeginAnswer();
+  bool WriteResponse();
+  bool WritePlaintext(std::string_view text);
+  void FlushCiphertext();
+  void SendFullFrames();
+  void SendFrame(std::size_t size);
+  std::size_t CiphertextPending() const { return BIO_ctrl_pending(SSL_get_wbio(ssl.get())); }
+  void HandleNoResult(int sslResult);
+  void Close(const std::string& words);
+
+  const PageFacts facts;
+  DashOutput& output;
+  std::unique_ptr<SSL, FreeSsl> ssl;  // null only after a failed Open
+  Phase phase = Phase::kHandshake;
+  bool reportedIgnoring = false;
+  HttpRequestReader reader;
+  std::string plaintext;  // read from TLS and not yet by the reader
+  std::optional<ResponseStream> response;
+  Bytes frame;
+};
+
+void DashState::Open(const TlsContext& context) {
+  ssl.reset(SSL_new(context.Get()));
   BIO* in = BIO_new(BIO_s_mem());
   BIO* out = BIO_new(BIO_s_mem());
-  if (!ssl_ || !in || !out) {
+  if (ssl == nullptr || in == nullptr || out == nullptr) {
     BIO_free(in);
     BIO_free(out);
-    ssl_.reset();
-    Close("no memory for a TLS session");
-    return;
+    ssl.reset();
+    return Close("no memory for a TLS session");
   }
-  SSL_set_bio(ssl_.get(), in, out);
-  SSL_set_accept_state(ssl_.get());
+  SSL_set_bio(ssl.get(), in, out);
+  SSL_set_accept_state(ssl.get());
 }
 
-DashSession::~DashSession() = default;
-
-void DashSession::Receive(ByteView ciphertext) {
-  if (phase_ == Phase::kClosed) {
-    if (!saidIgnoring_) output_.Say("DASH: the session is over, further bytes are ignored");
-    saidIgnoring_ = true;
+void DashState::Receive(ByteView ciphertext) {
+  if (phase == Phase::kClosed) {
+    if (!reportedIgnoring) output.AddNote("DASH: the session is over, further bytes are ignored");
+    reportedIgnoring = true;
     return;
   }
-  BIO* in = SSL_get_rbio(ssl_.get());
+  BIO* in = SSL_get_rbio(ssl.get());
   if (BIO_ctrl_pending(in) + ciphertext.size() > kMaxCiphertextAhead) {
-    return Close("the peer sends on without taking its answer");
+    return Close("the peer sends more requests and does not read its answer");
   }
   const int size = static_cast<int>(ciphertext.size());
   if (size > 0 && BIO_write(in, ciphertext.data(), size) != size) return Close("out of memory");
   Pump();
 }
 
-void DashSession::Pump() {
-  if (phase_ == Phase::kHandshake) ContinueHandshake();
-  while (phase_ == Phase::kOpen) {
-    if (response_ && !WriteResponse()) break;
-    if (!response_ && phase_ == Phase::kOpen && !ReadRequest()) break;
+void DashState::Pump() {
+  if (phase == Phase::kHandshake) ContinueHandshake();
+  while (phase == Phase::kOpen) {
+    if (response && !WriteResponse()) break;
+    if (!response && phase == Phase::kOpen && !ReadRequest()) break;
   }
   // While an answer waits for room its last, short piece waits too, to leave in a full frame.
-  if (!response_) FlushCiphertext();
+  if (!response) FlushCiphertext();
 }
 
-void DashSession::ContinueHandshake() {
+void DashState::ContinueHandshake() {
   ERR_clear_error();
-  const int result = SSL_accept(ssl_.get());
-  if (result != 1) {
-    (void)GoesOn(result);  // more bytes are awaited, or the session has been closed
-    return;
-  }
-  phase_ = Phase::kOpen;
-  output_.Say(Format("DASH: TLS session open, %s, %s", SSL_get_version(ssl_.get()),
-                     SSL_get_cipher_name(ssl_.get())));
+  const int result = SSL_accept(ssl.get());
+  if (result != 1) return HandleNoResult(result);
+  phase = Phase::kOpen;
+  output.AddNote(Format("DASH: TLS session open, %s, %s", SSL_get_version(ssl.get()),
+                        SSL_get_cipher_name(ssl.get())));
 }
 
-// False when the peer's bytes don't hold a whole request yet, or none will come.
-bool DashSession::ReadRequest() {
-  while (!reader_.IsComplete() && reader_.Failure() == 0) {
-    if (plaintext_.empty() && !TakePlaintext()) return false;
-    const std::size_t taken = reader_.Feed(plaintext_);
-    plaintext_.erase(0, taken);
-    if (reader_.TakeContinueWish() && !WritePlaintext("HTTP/1.1 100 Continue\r\n\r\n"))
+// Returns false until a whole request has been received.
+bool DashState::ReadRequest() {
+  while (!reader.IsComplete() && reader.Failure() == 0) {
+    if (plaintext.empty() && !ReadPlaintext()) return false;
+    const std::size_t used = reader.Feed(plaintext);
+    plaintext.erase(0, used);
+    if (reader.TakeContinueRequest() && !WritePlaintext("HTTP/1.1 100 Continue\r\n\r\n"))
       return false;
   }
   BeginAnswer();
   return true;
 }
 
-bool DashSession::TakePlaintext() {
-  plaintext_.resize(kReadSize);
+bool DashState::ReadPlaintext() {
+  plaintext.resize(kReadSize);
   ERR_clear_error();
-  const int count = SSL_read(ssl_.get(), plaintext_.data(), static_cast<int>(kReadSize));
-  plaintext_.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-  return count > 0 || GoesOn(count);
+  const int count = SSL_read(ssl.get(), plaintext.data(), static_cast<int>(kReadSize));
+  plaintext.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  if (count <= 0) HandleNoResult(count);
+  return count > 0;
 }
 
-void DashSession::BeginAnswer() {
-  if (reader_.Failure() != 0) {
-    output_.Say(Format("DASH: request refused with %d", reader_.Failure()));
-    return BeginResponse(Refusal(reader_.Failure()), true, false);
+void DashState::BeginAnswer() {
+  assert(!response);
+  if (reader.Failure() != 0) {
+    output.AddNote(Format("DASH: request refused with %d", reader.Failure()));
+    response.emplace(Refusal(reader.Failure()), true, false);
+    return;
   }
-  HttpRequest& request = reader_.Request();
+  HttpRequest& request = reader.Request();
   const bool close = !request.keepAlive;
   const bool bare = request.method == "HEAD";
   std::string line = "DASH: " + Printable(request.method + " " + request.target, 200) +
                      Format(", body %zu bytes", request.body.size());
-  HttpResponse response = AnswerPage(request, facts_);
-  output_.Say(line + Format(": %d", response.status));
-  if (response.command) {
-    FlushCiphertext();
-    output_.SendCommand(*response.command);
+  HttpResponse answer = AnswerPage(request, facts);
+  output.AddNote(line + Format(": %d", answer.status));
+  if (answer.command) {
+    FlushCiphertext();  // invariant 2
+    output.SendCommand(*answer.command);
   }
-  BeginResponse(std::move(response), close, bare);
+  response.emplace(std::move(answer), close, bare);
 }
 
-void DashSession::BeginResponse(HttpResponse response, bool close, bool bare) {
-  response_.emplace(std::move(response), close, bare);
-}
-
-// False while the rest has no room.
-bool DashSession::WriteResponse() {
-  while (output_.HasRoom()) {
-    const std::string_view piece = response_->Next();
+// Returns false while the rest has no room.
+bool DashState::WriteResponse() {
+  assert(response);
+  while (output.HasRoom()) {
+    const std::string_view piece = response->Next();
     if (piece.empty()) {
-      FinishResponse();
+      const bool close = response->ClosesAfter();
+      response.reset();
+      reader.Reset();
+      if (close) Close("connection closed after the answer");
       return true;
     }
     if (!WritePlaintext(piece)) return false;
@@ -133,11 +168,11 @@ bool DashSession::WriteResponse() {
   return false;
 }
 
-// Memory takes everything, so a write that isn't whole is a broken session.
-bool DashSession::WritePlaintext(std::string_view text) {
+// A memory buffer accepts every write, so an incomplete one means that the session is broken.
+bool DashState::WritePlaintext(std::string_view text) {
   while (!text.empty()) {
     ERR_clear_error();
-    const int count = SSL_write(ssl_.get(), text.data(), static_cast<int>(text.size()));
+    const int count = SSL_write(ssl.get(), text.data(), static_cast<int>(text.size()));
     if (count <= 0) {
       Close("write failed: " + TakeTlsError());
       return false;
@@ -147,59 +182,57 @@ bool DashSession::WritePlaintext(std::string_view text) {
   return true;
 }
 
-void DashSession::FinishResponse() {
-  const bool close = response_->ClosesAfter();
-  response_.reset();
-  reader_.Reset();
-  if (close) Close("connection closed after the answer");
-}
-
-void DashSession::FlushCiphertext() {
-  if (!ssl_) return;
+void DashState::FlushCiphertext() {
+  if (ssl == nullptr) return;
   SendFullFrames();
   if (CiphertextPending() > 0) SendFrame(CiphertextPending());
 }
 
-void DashSession::SendFullFrames() {
+void DashState::SendFullFrames() {
   while (CiphertextPending() >= kMaxPayload) SendFrame(kMaxPayload);
 }
 
-void DashSession::SendFrame(std::size_t size) {
-  frame_.resize(size);
-  const int count =
-      BIO_read(SSL_get_wbio(ssl_.get()), frame_.data(), static_cast<int>(frame_.size()));
-  if (count > 0) output_.SendDashBytes(ByteView(frame_).first(static_cast<std::size_t>(count)));
+void DashState::SendFrame(std::size_t size) {
+  assert(size > 0 && size <= kMaxPayload);
+  frame.resize(size);
+  const int count = BIO_read(SSL_get_wbio(ssl.get()), frame.data(), static_cast<int>(frame.size()));
+  if (count > 0) output.SendDashBytes(ByteView(frame).first(static_cast<std::size_t>(count)));
 }
 
-std::size_t DashSession::CiphertextPending() const {
-  return BIO_ctrl_pending(SSL_get_wbio(ssl_.get()));
-}
-
-// Always false: an SSL call that gave nothing either waits for more bytes or ends the session.
-bool DashSession::GoesOn(int sslResult) {
-  switch (SSL_get_error(ssl_.get(), sslResult)) {
+// An SSL call without result either waits for more bytes or ends the session.
+void DashState::HandleNoResult(int sslResult) {
+  switch (SSL_get_error(ssl.get(), sslResult)) {
     case SSL_ERROR_WANT_READ:
     case SSL_ERROR_WANT_WRITE:
-      return false;
+      return;
     case SSL_ERROR_ZERO_RETURN:
-      Close(reader_.IsPartial() ? "the peer closed within a request" : "the peer closed");
-      return false;
+      return Close(reader.IsPartial() ? "the peer closed within a request" : "the peer closed");
     default:
-      Close("TLS failed: " + TakeTlsError());
-      return false;
+      return Close("TLS failed: " + TakeTlsError());
   }
 }
 
-void DashSession::Close(const std::string& words) {
-  // Queues close_notify; after a failed handshake OpenSSL refuses it, and its alert goes out alone.
-  if (phase_ == Phase::kOpen) (void)SSL_shutdown(ssl_.get());
+void DashState::Close(const std::string& words) {
+  assert(phase != Phase::kClosed);
+  // Queues close_notify. After a failed handshake OpenSSL refuses it and sends its alert alone.
+  if (phase == Phase::kOpen) (void)SSL_shutdown(ssl.get());
   ERR_clear_error();
   FlushCiphertext();
-  phase_ = Phase::kClosed;
-  response_.reset();
-  plaintext_.clear();
-  reader_.Reset();
-  output_.Say("DASH: " + words);
+  phase = Phase::kClosed;
+  response.reset();
+  plaintext.clear();
+  reader.Reset();
+  output.AddNote("DASH: " + words);
 }
+
+DashSession::DashSession(const TlsContext& context, PageFacts facts, DashOutput& output)
+    : state_(std::make_unique<DashState>(facts, output)) {
+  state_->Open(context);
+}
+
+DashSession::~DashSession() = default;
+void DashSession::Receive(ByteView ciphertext) { state_->Receive(ciphertext); }
+void DashSession::Pump() { state_->Pump(); }
+bool DashSession::IsWaitingForRoom() const { return state_->response.has_value(); }
 
 }  // namespace orrin

@@ -1,6 +1,7 @@
 #include "lab/firmware/dash/http_request.h"
 
 #include <algorithm>
+#include <cassert>
 #include <optional>
 
 #include "lab/firmware/core/text.h"
@@ -32,8 +33,8 @@ bool IsVisible(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7F; });
 }
 
-// Whether a comma-separated list holds the token, case ignored.
-bool ListHolds(std::string_view list, std::string_view token) {
+// Returns true if a comma-separated list contains the token, case ignored.
+bool ListContains(std::string_view list, std::string_view token) {
   while (!list.empty()) {
     const std::size_t comma = std::min(list.find(','), list.size());
     if (SameIgnoringCase(Trimmed(list.substr(0, comma)), token)) return true;
@@ -42,7 +43,8 @@ bool ListHolds(std::string_view list, std::string_view token) {
   return false;
 }
 
-// The path of "http://host/path"; an origin-form target as it is; nothing for any other form.
+// Returns the path of "http://host/path", an origin-form target as it is, and nothing for any other
+// form.
 std::optional<std::string> OriginForm(std::string_view target) {
   if (target.starts_with('/') || target == "*") return std::string(target);
   const std::size_t scheme = target.find("://");
@@ -55,6 +57,93 @@ std::optional<std::string> OriginForm(std::string_view target) {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Each function below reads a part of the head into the request. They return 0, or the status that
+// refuses the request.
+
+int ReadRequestLine(std::string_view line, HttpRequest* request) {
+  const std::size_t first = line.find(' ');
+  const std::size_t last = line.rfind(' ');
+  if (first == std::string_view::npos || first == last) return 400;
+  const std::string_view method = line.substr(0, first);
+  const std::string_view target = line.substr(first + 1, last - first - 1);
+  const std::string_view version = line.substr(last + 1);
+  if (!IsToken(method) || target.empty() || !IsVisible(target)) return 400;
+  const bool wellFormed = version.size() == 8 && version.starts_with("HTTP/") &&
+                          IsDigit(version[5]) && version[6] == '.' && IsDigit(version[7]);
+  if (!wellFormed) return 400;
+  if (version[5] != '1') return 505;
+  auto origin = OriginForm(target);
+  if (!origin) return 400;
+  request->method = method;
+  request->target = std::move(*origin);
+  request->minorVersion = version[7] == '0' ? 0 : 1;
+  return 0;
+}
+
+int ReadField(std::string_view line, HttpRequest* request) {
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return 400;
+  const std::string_view name = line.substr(0, colon);
+  const std::string_view value = Trimmed(line.substr(colon + 1));
+  // This also refuses a folded line and blanks before the colon.
+  if (!IsToken(name) || !IsFieldValue(value)) return 400;
+  request->fields.emplace_back(LowerCase(name), value);
+  return 0;
+}
+
+int CheckHosts(const HttpRequest& request) {
+  const auto hosts = std::count_if(request.fields.begin(), request.fields.end(),
+                                   [](const auto& field) { return field.first == "host"; });
+  return hosts == 1 || (hosts == 0 && request.minorVersion == 0) ? 0 : 400;
+}
+
+void ReadConnection(HttpRequest* request) {
+  request->keepAlive = request->minorVersion == 1;
+  bool close = false;
+  for (const auto& [name, value] : request->fields) {
+    if (name != "connection") continue;
+    if (ListContains(value, "keep-alive")) request->keepAlive = true;
+    if (ListContains(value, "close")) close = true;
+  }
+  if (close) request->keepAlive = false;
+}
+
+int ReadBodyLength(const HttpRequest& request, bool* chunked, std::uint64_t* length) {
+  const std::string* coding = nullptr;
+  const std::string* declared = nullptr;
+  bool contradicts = false;
+  for (const auto& [name, value] : request.fields) {
+    if (name == "transfer-encoding") {
+      contradicts = contradicts || coding != nullptr;
+      coding = &value;
+    } else if (name == "content-length") {
+      contradicts = contradicts || (declared != nullptr && *declared != value);
+      declared = &value;
+    }
+  }
+  // Two statements of the length are how one request is smuggled inside another.
+  if (contradicts || (coding != nullptr && declared != nullptr)) return 400;
+  if (coding != nullptr) {
+    if (request.minorVersion == 0) return 400;
+    if (!SameIgnoringCase(*coding, "chunked")) return 501;
+    *chunked = true;
+  }
+  if (declared == nullptr) return 0;
+  if (declared->empty() || !std::all_of(declared->begin(), declared->end(), IsDigit)) return 400;
+  const auto number = ParseNumber(*declared, kMaxHttpBody);
+  if (!number) return 413;
+  *length = *number;
+  return 0;
+}
+
+int ReadExpectation(const HttpRequest& request, bool hasBody, bool* awaitsContinue) {
+  const std::string* expectation = request.Field("expect");
+  if (expectation == nullptr || request.minorVersion == 0) return 0;
+  if (!SameIgnoringCase(*expectation, "100-continue")) return 417;
+  *awaitsContinue = hasBody;
+  return 0;
+}
+
 }  // namespace
 
 const std::string* HttpRequest::Field(std::string_view lowerName) const {
@@ -65,30 +154,31 @@ const std::string* HttpRequest::Field(std::string_view lowerName) const {
 }
 
 std::size_t HttpRequestReader::Feed(std::string_view bytes) {
-  std::size_t taken = 0;
-  while (taken < bytes.size() && step_ != Step::kComplete && step_ != Step::kFailed) {
-    const std::string_view rest = bytes.substr(taken);
-    taken += InBody() ? FeedBody(rest) : FeedLine(rest);
+  std::size_t used = 0;
+  while (used < bytes.size() && step_ != Step::kComplete && step_ != Step::kFailed) {
+    const std::string_view rest = bytes.substr(used);
+    used += InBody() ? FeedBody(rest) : FeedLine(rest);
   }
-  return taken;
+  return used;
 }
 
-bool HttpRequestReader::TakeContinueWish() { return std::exchange(continueWish_, false); }
+bool HttpRequestReader::TakeContinueRequest() { return std::exchange(awaitsContinue_, false); }
 
 bool HttpRequestReader::IsPartial() const {
   if (step_ == Step::kComplete || step_ == Step::kFailed) return false;
   return step_ != Step::kRequestLine || !line_.empty();
 }
 
-void HttpRequestReader::Reset() { *this = HttpRequestReader(); }
-
-void HttpRequestReader::Fail(int status) {
+bool HttpRequestReader::Accept(int status) {
+  if (status == 0) return true;
   step_ = Step::kFailed;
   failure_ = status;
   request_.keepAlive = false;
+  return false;
 }
 
 std::size_t HttpRequestReader::FeedBody(std::string_view bytes) {
+  assert(InBody() && bodyLeft_ > 0);
   const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), bodyLeft_));
   request_.body.append(bytes.substr(0, count));
   bodyLeft_ -= count;
@@ -97,153 +187,70 @@ std::size_t HttpRequestReader::FeedBody(std::string_view bytes) {
 }
 
 std::size_t HttpRequestReader::FeedLine(std::string_view bytes) {
+  assert(!InBody());
   const bool inHead =
       step_ == Step::kRequestLine || step_ == Step::kField || step_ == Step::kTrailer;
   const std::size_t bound = inHead ? kMaxHttpHead - headBytes_ : kMaxChunkLine - line_.size();
   const std::size_t feed = bytes.find('\n');
   const std::size_t count = feed == std::string_view::npos ? bytes.size() : feed + 1;
   if (count > bound) {
-    Fail(inHead ? 431 : 400);
+    (void)Accept(inHead ? 431 : 400);
     return 0;
   }
   line_.append(bytes.substr(0, count));
   if (inHead) headBytes_ += count;
-  if (feed != std::string_view::npos) TakeLine();
+  if (feed != std::string_view::npos) HandleLine();
   return count;
 }
 
-void HttpRequestReader::TakeLine() {
-  // A line feed alone ends a line for some readers and not for others.
-  if (line_.size() < 2 || line_[line_.size() - 2] != '\r') return Fail(400);
+void HttpRequestReader::HandleLine() {
   const std::string whole = std::exchange(line_, {});
+  // A line feed alone ends a line for some readers and not for others.
+  if (!Accept(whole.ends_with("\r\n") ? 0 : 400)) return;
   const std::string_view line = std::string_view(whole).substr(0, whole.size() - 2);
   switch (step_) {
     case Step::kRequestLine:
       // Empty lines before a request are allowed (RFC 9112, section 2.2).
-      return line.empty() ? void() : TakeRequestLine(line);
+      if (!line.empty() && Accept(ReadRequestLine(line, &request_))) step_ = Step::kField;
+      return;
     case Step::kField:
-      return line.empty() ? FinishHead() : TakeField(line);
+      if (line.empty()) return FinishHead();
+      (void)Accept(ReadField(line, &request_));
+      return;
     case Step::kChunkSize:
-      return TakeChunkSize(line);
+      (void)Accept(HandleChunkSize(line));
+      return;
     case Step::kChunkEnd:
-      if (!line.empty()) return Fail(400);
-      step_ = Step::kChunkSize;
+      if (Accept(line.empty() ? 0 : 400)) step_ = Step::kChunkSize;
       return;
     case Step::kTrailer:
       if (line.empty()) step_ = Step::kComplete;
-      return;  // trailer fields mean nothing here
+      return;  // trailer fields have no effect
     default:
-      return Fail(400);
+      assert(false);
   }
-}
-
-void HttpRequestReader::TakeRequestLine(std::string_view line) {
-  const std::size_t first = line.find(' ');
-  const std::size_t last = line.rfind(' ');
-  if (first == std::string_view::npos || first == last) return Fail(400);
-  const std::string_view method = line.substr(0, first);
-  const std::string_view target = line.substr(first + 1, last - first - 1);
-  const std::string_view version = line.substr(last + 1);
-  if (!IsToken(method) || target.empty() || !IsVisible(target)) return Fail(400);
-  const bool wellFormed = version.size() == 8 && version.starts_with("HTTP/") &&
-                          IsDigit(version[5]) && version[6] == '.' && IsDigit(version[7]);
-  if (!wellFormed) return Fail(400);
-  if (version[5] != '1') return Fail(505);
-  auto origin = OriginForm(target);
-  if (!origin) return Fail(400);
-  request_.method = method;
-  request_.target = std::move(*origin);
-  request_.minorVersion = version[7] == '0' ? 0 : 1;
-  step_ = Step::kField;
-}
-
-void HttpRequestReader::TakeField(std::string_view line) {
-  const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos) return Fail(400);
-  const std::string_view name = line.substr(0, colon);
-  const std::string_view value = Trimmed(line.substr(colon + 1));
-  // A name that isn't a token is also a folded line, or blanks before the colon.
-  if (!IsToken(name) || !IsFieldValue(value)) return Fail(400);
-  request_.fields.emplace_back(LowerCase(name), value);
 }
 
 void HttpRequestReader::FinishHead() {
   bool chunked = false;
   std::uint64_t length = 0;
-  if (!CheckHosts() || !ReadConnection() || !ReadBodyLength(&chunked, &length)) return;
-  if (!ReadExpectation(chunked || length > 0)) return;
+  if (!Accept(CheckHosts(request_))) return;
+  ReadConnection(&request_);
+  if (!Accept(ReadBodyLength(request_, &chunked, &length))) return;
+  if (!Accept(ReadExpectation(request_, chunked || length > 0, &awaitsContinue_))) return;
   bodyLeft_ = length;
   step_ = chunked ? Step::kChunkSize : length > 0 ? Step::kBody : Step::kComplete;
 }
 
-bool HttpRequestReader::CheckHosts() {
-  const auto hosts = std::count_if(request_.fields.begin(), request_.fields.end(),
-                                   [](const auto& field) { return field.first == "host"; });
-  if (hosts == 1 || (hosts == 0 && request_.minorVersion == 0)) return true;
-  Fail(400);
-  return false;
-}
-
-bool HttpRequestReader::ReadConnection() {
-  request_.keepAlive = request_.minorVersion == 1;
-  bool close = false;
-  for (const auto& [name, value] : request_.fields) {
-    if (name != "connection") continue;
-    if (ListHolds(value, "keep-alive")) request_.keepAlive = true;
-    if (ListHolds(value, "close")) close = true;
-  }
-  if (close) request_.keepAlive = false;
-  return true;
-}
-
-bool HttpRequestReader::ReadBodyLength(bool* chunked, std::uint64_t* length) {
-  const std::string* coding = nullptr;
-  const std::string* declared = nullptr;
-  bool contradicts = false;
-  for (const auto& [name, value] : request_.fields) {
-    if (name == "transfer-encoding") {
-      contradicts = contradicts || coding;
-      coding = &value;
-    } else if (name == "content-length") {
-      contradicts = contradicts || (declared && *declared != value);
-      declared = &value;
-    }
-  }
-  // Two statements of the length are how one request is smuggled inside another.
-  const bool digits =
-      !declared || (!declared->empty() && std::all_of(declared->begin(), declared->end(), IsDigit));
-  if (contradicts || (coding && declared) || (coding && request_.minorVersion == 0) || !digits) {
-    Fail(400);
-  } else if (coding && !SameIgnoringCase(*coding, "chunked")) {
-    Fail(501);
-  } else if (declared && !Number(*declared, kMaxHttpBody)) {
-    Fail(413);
-  } else {
-    *chunked = coding != nullptr;
-    *length = declared ? *Number(*declared, kMaxHttpBody) : 0;
-  }
-  return failure_ == 0;
-}
-
-bool HttpRequestReader::ReadExpectation(bool hasBody) {
-  const std::string* expectation = request_.Field("expect");
-  if (!expectation || request_.minorVersion == 0) return true;
-  if (!SameIgnoringCase(*expectation, "100-continue")) {
-    Fail(417);
-    return false;
-  }
-  continueWish_ = hasBody;
-  return true;
-}
-
-void HttpRequestReader::TakeChunkSize(std::string_view line) {
+int HttpRequestReader::HandleChunkSize(std::string_view line) {
   const std::string_view digits = Trimmed(line.substr(0, line.find(';')));
-  if (digits.starts_with("0x") || digits.starts_with("0X")) return Fail(400);
-  const auto size = Number("0x" + std::string(digits), UINT64_MAX);
-  if (!size) return Fail(400);
-  if (*size > kMaxHttpBody - request_.body.size()) return Fail(413);
+  if (digits.starts_with("0x") || digits.starts_with("0X")) return 400;
+  const auto size = ParseNumber("0x" + std::string(digits), UINT64_MAX);
+  if (!size) return 400;
+  if (*size > kMaxHttpBody - request_.body.size()) return 413;
   bodyLeft_ = *size;
   step_ = *size == 0 ? Step::kTrailer : Step::kChunkData;
+  return 0;
 }
 
 }  // namespace orrin

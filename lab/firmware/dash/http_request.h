@@ -1,8 +1,9 @@
-// HTTP/1.1 requests out of a byte stream (RFC 9112). The stream comes from any peer on the network,
-// through TLS but without a password: every length is bounded before it is believed, and whatever
-// two readers could understand differently is refused.
+// Reads HTTP/1.1 requests from a byte stream (RFC 9112). Any peer on the network may send it,
+// without a password: every length is bounded before it is used, and a request that two readers
+// could understand differently is refused.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -22,29 +23,32 @@ struct HttpRequest {
   std::string body;
   bool keepAlive = true;
 
-  // The first field of that lower-case name; null when there is none.
+  // Returns the first field of that lower-case name, or null if there is none.
   const std::string* Field(std::string_view lowerName) const;
 };
 
 // Reads one request after another. One thread.
 class HttpRequestReader {
  public:
-  // Takes bytes up to the end of the current request and says how many it took. After kComplete or
-  // kFailed it takes none.
+  // Reads up to the end of the current request. Returns how many bytes it has read: none once the
+  // request is complete or refused.
   std::size_t Feed(std::string_view bytes);
 
   bool IsComplete() const { return step_ == Step::kComplete; }
-  // The status that refuses the request (400, 413, 417, 431, 501, 505); 0 while nothing is wrong.
+  // Returns the status that refuses the request (400, 413, 417, 431, 501, 505), or 0.
   int Failure() const { return failure_; }
-  // True once for a request whose sender waits for 100 (Continue) before it sends the body.
-  bool TakeContinueWish();
-  // True while some of a request is there, but not all of it.
+  // Returns true once for a request whose sender waits for 100 (Continue) before it sends the body.
+  bool TakeContinueRequest();
+  // Returns true after the first byte of a request and before its last.
   bool IsPartial() const;
 
-  // The request read last; valid when complete. Its owner may move parts out of it.
-  HttpRequest& Request() { return request_; }
-  // Ready for the next request.
-  void Reset();
+  // The request read last; valid once it is complete. The caller may move parts out of it.
+  HttpRequest& Request() {
+    assert(IsComplete());
+    return request_;
+  }
+  // Prepares for the next request.
+  void Reset() { *this = HttpRequestReader(); }
 
  private:
   enum class Step {
@@ -59,23 +63,19 @@ class HttpRequestReader {
     kFailed
   };
 
-  void Fail(int status);
+  // Ends the request unless the status is 0. Returns true if it is 0. The result may be ignored
+  // where nothing of the step follows.
+  bool Accept(int status);
   bool InBody() const { return step_ == Step::kBody || step_ == Step::kChunkData; }
   std::size_t FeedBody(std::string_view bytes);
   std::size_t FeedLine(std::string_view bytes);
-  void TakeLine();
-  void TakeRequestLine(std::string_view line);
-  void TakeField(std::string_view line);
-  void TakeChunkSize(std::string_view line);
+  void HandleLine();
   void FinishHead();
-  bool CheckHosts();
-  bool ReadConnection();
-  bool ReadBodyLength(bool* chunked, std::uint64_t* length);
-  bool ReadExpectation(bool hasBody);
+  int HandleChunkSize(std::string_view line);
 
   Step step_ = Step::kRequestLine;
   int failure_ = 0;
-  bool continueWish_ = false;
+  bool awaitsContinue_ = false;
   std::string line_;
   std::size_t headBytes_ = 0;
   std::uint64_t bodyLeft_ = 0;  // of the body, or of the chunk

@@ -37,7 +37,7 @@ const char* ReasonOf(int status) {
 }
 
 std::uint64_t BodyLength(const HttpResponse& response) {
-  return response.patternLength ? response.patternLength : response.body.size();
+  return response.patternLength != 0 ? response.patternLength : response.body.size();
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ ResponseStream::ResponseStream(HttpResponse response, bool close, bool bare)
       close_(close),
       first_(ResponseHead(response_, close)),
       end_(bare ? 0 : BodyLength(response_)) {
-  // A short answer is one record, and so one frame.
+  // A short answer is one record and one frame.
   if (response_.patternLength == 0 && end_ > 0 && first_.size() < kPiece) {
     const auto beside = std::min<std::uint64_t>(end_, kPiece - first_.size());
     first_.append(response_.body, 0, static_cast<std::size_t>(beside));
@@ -70,7 +70,7 @@ std::string_view ResponseStream::Next() {
     return first_;
   }
   if (offset_ == end_) return {};
-  if (response_.patternLength) return NextOfPattern();
+  if (response_.patternLength != 0) return NextOfPattern();
   const std::string_view piece =
       std::string_view(response_.body).substr(static_cast<std::size_t>(offset_), kPiece);
   offset_ += piece.size();

@@ -1,5 +1,5 @@
-// HTTP/1.1 responses. A body is a text that the response owns, or a pattern that is made while it
-// leaves, so that a long one takes no memory.
+// HTTP/1.1 responses. A body is a text that the response owns, or a pattern that is generated piece
+// by piece, so that a long one takes no memory.
 #pragma once
 
 #include <cstdint>
@@ -22,22 +22,22 @@ struct HttpResponse {
   std::optional<std::uint8_t> command;
 };
 
-// The byte at an offset of the pattern. Its period is a prime, so that a lost, doubled or swapped
-// block of any power of two shows.
+// Returns the byte at an offset of the pattern. The period is a prime, which reveals a lost,
+// doubled or swapped block of any power of two.
 constexpr std::uint8_t PatternByte(std::uint64_t offset) {
   return static_cast<std::uint8_t>(offset % 251);
 }
 
-// The status line and fields of a response, with Content-Length and, when `close`, Connection.
+// Returns the status line and the fields, with Content-Length and, if `close`, Connection.
 std::string ResponseHead(const HttpResponse& response, bool close);
 
-// Hands out a response piece by piece.
+// Returns a response piece by piece.
 class ResponseStream {
  public:
-  // `bare` leaves the body away, as HEAD asks for.
+  // `bare` omits the body, as HEAD requires.
   ResponseStream(HttpResponse response, bool close, bool bare);
-  // The next piece, at most 16384 bytes (one TLS record); empty when all has been handed out. Valid
-  // until the next call.
+  // Returns the next piece, at most 16384 bytes (one TLS record), or an empty one at the end. It is
+  // valid until the next call.
   std::string_view Next();
   bool ClosesAfter() const { return close_; }
 
@@ -46,7 +46,7 @@ class ResponseStream {
 
   HttpResponse response_;
   bool close_;
-  std::string first_;  // the head, with the start of a body that fits beside it
+  std::string first_;  // the head, with the start of the body
   bool firstTaken_ = false;
   std::uint64_t offset_ = 0;
   std::uint64_t end_;

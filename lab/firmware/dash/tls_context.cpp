@@ -32,7 +32,7 @@ bool AddExtension(X509* certificate, int nid, const char* value) {
   X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
   const std::unique_ptr<X509_EXTENSION, FreeExtension> extension(
       X509V3_EXT_conf_nid(nullptr, &context, nid, value));
-  return extension && X509_add_ext(certificate, extension.get(), -1) == 1;
+  return extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1;
 }
 
 bool SetName(X509* certificate) {
@@ -45,28 +45,28 @@ bool SetName(X509* certificate) {
 Certificate MakeCertificate(EVP_PKEY* key) {
   Certificate certificate(X509_new());
   std::uint32_t serial = 0;
-  if (!certificate || RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof(serial)) != 1) {
+  if (!certificate || RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) {
     return nullptr;
   }
   X509* raw = certificate.get();
-  // The day before covers a viewer whose clock is behind.
+  // The day before covers a client whose clock is behind.
   const bool made = X509_set_version(raw, X509_VERSION_3) == 1 &&
                     ASN1_INTEGER_set_uint64(X509_get_serialNumber(raw), serial) == 1 &&
-                    X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) &&
-                    X509_gmtime_adj(X509_getm_notAfter(raw), kLifetime) &&
+                    X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
+                    X509_gmtime_adj(X509_getm_notAfter(raw), kLifetime) != nullptr &&
                     X509_set_pubkey(raw, key) == 1 && SetName(raw) &&
                     AddExtension(raw, NID_subject_alt_name, "DNS:orrin,DNS:localhost") &&
                     X509_sign(raw, key, EVP_sha256()) > 0;
   return made ? std::move(certificate) : nullptr;
 }
 
-// Of what the peer offers by ALPN only HTTP/1.1 is spoken here; a peer without it gets no answer.
+// Selects HTTP/1.1 by ALPN. A peer that does not offer it gets no protocol selected.
 int SelectProtocol(SSL*, const unsigned char** out, unsigned char* outLength,
                    const unsigned char* in, unsigned int inLength, void*) {
   static constexpr unsigned char kHttp11[] = "\x08http/1.1";
   unsigned char* selected = nullptr;
   const int result =
-      SSL_select_next_proto(&selected, outLength, kHttp11, sizeof(kHttp11) - 1, in, inLength);
+      SSL_select_next_proto(&selected, outLength, kHttp11, sizeof kHttp11 - 1, in, inLength);
   *out = selected;
   return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
 }
@@ -79,7 +79,8 @@ TlsContext::TlsContext() : context_(SSL_CTX_new(TLS_server_method())) {
   const Key key(EVP_EC_gen("P-256"));
   const Certificate certificate = key ? MakeCertificate(key.get()) : nullptr;
   SSL_CTX* raw = context_.get();
-  const bool made = raw && certificate && SSL_CTX_use_certificate(raw, certificate.get()) == 1 &&
+  const bool made = raw != nullptr && certificate != nullptr &&
+                    SSL_CTX_use_certificate(raw, certificate.get()) == 1 &&
                     SSL_CTX_use_PrivateKey(raw, key.get()) == 1 &&
                     SSL_CTX_set_min_proto_version(raw, TLS1_2_VERSION) == 1;
   if (!made) {
@@ -97,10 +98,10 @@ std::string TakeTlsError() {
   const unsigned long code = ERR_get_error();
   if (code != 0) {
     const char* reason = ERR_reason_error_string(code);
-    if (reason) {
-      std::strncpy(words, reason, sizeof(words) - 1);
+    if (reason != nullptr) {
+      std::strncpy(words, reason, sizeof words - 1);
     } else {
-      ERR_error_string_n(code, words, sizeof(words));
+      ERR_error_string_n(code, words, sizeof words);
     }
   }
   ERR_clear_error();

@@ -1,5 +1,5 @@
 // The identity of the firmware's HTTPS server: a P-256 key and a certificate that it signs itself,
-// both made at start and never stored.
+// both created at start and never stored.
 #pragma once
 
 #include <memory>
@@ -11,12 +11,12 @@ namespace orrin {
 
 class TlsContext {
  public:
-  // Makes the key, the certificate (subject CN=orrin) and a server context for TLS 1.2 and up.
+  // Creates the key, the certificate (subject CN=orrin) and a server context for TLS 1.2 and later.
   TlsContext();
-  // False when OpenSSL refused; Problem() says why.
+  // Returns false if OpenSSL failed; Problem() returns the reason.
   bool IsGood() const { return problem_.empty(); }
   const std::string& Problem() const { return problem_; }
-  // Null unless good.
+  // Returns null unless IsGood().
   ssl_ctx_st* Get() const { return context_.get(); }
 
  private:
@@ -27,7 +27,7 @@ class TlsContext {
   std::string problem_;
 };
 
-// The oldest reason in OpenSSL's queue of this thread, in words; empties the queue.
+// Returns the oldest error in this thread's OpenSSL queue, in words. Empties the queue.
 std::string TakeTlsError();
 
 }  // namespace orrin

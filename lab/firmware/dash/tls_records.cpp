@@ -1,6 +1,7 @@
 #include "lab/firmware/dash/tls_records.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -33,7 +34,7 @@ const char* WordsFor(const TypeWords (&table)[N], std::uint8_t type) {
   return nullptr;
 }
 
-// "handshake", "2 application data", joined in the order of their first.
+// Returns "TLS handshake, 2 TLS application data", for example.
 std::string Joined(const std::vector<std::pair<std::string, int>>& counts) {
   std::string text;
   for (const auto& [words, count] : counts) {
@@ -56,9 +57,9 @@ std::string TlsRecordWatch::Describe(ByteView bytes) {
       bytes = bytes.subspan(1);
     }
     if (headFilled_ < kHeadSize) continue;
-    const std::string words = TakeHead(bytes);
+    const std::string words = ReadHead(bytes);
     if (!counts.empty() && counts.back().first == words) {
-      counts.back().second++;
+      ++counts.back().second;
     } else if (!broken_) {
       counts.emplace_back(words, 1);
     }
@@ -67,18 +68,19 @@ std::string TlsRecordWatch::Describe(ByteView bytes) {
   return counts.empty() ? "TLS record continued" : Joined(counts);
 }
 
-std::string TlsRecordWatch::TakeHead(ByteView rest) {
+std::string TlsRecordWatch::ReadHead(ByteView rest) {
+  assert(headFilled_ == kHeadSize);
   const char* type = WordsFor(kContentTypes, head_[0]);
   bodyLeft_ = std::size_t{head_[3]} * 256 + head_[4];
   headFilled_ = 0;
-  broken_ = !type || head_[1] != 3;
+  broken_ = type == nullptr || head_[1] != 3;
   if (broken_) return {};
   std::string words = type;
-  // An encrypted handshake record begins with any byte: the name is a reading, not a proof.
+  // An encrypted handshake record begins with any byte: the name is a guess.
   const char* message = head_[0] == kHandshake && !rest.empty() && bodyLeft_ > 0
                             ? WordsFor(kHandshakeTypes, rest[0])
                             : nullptr;
-  if (message) words += Format(" (%s)", message);
+  if (message != nullptr) words += Format(" (%s)", message);
   return words;
 }
 

@@ -1,5 +1,5 @@
-// Follows the record layer of a TLS stream (RFC 8446, section 5.1) as it passes, for the trace.
-// Writes to the mailbox have no regard for record boundaries: one may end inside a record's head.
+// Follows the record layer of a TLS stream (RFC 8446, section 5.1), for the trace. A write to the
+// mailbox may end anywhere, even inside a record's head.
 #pragma once
 
 #include <cstddef>
@@ -12,13 +12,13 @@ namespace orrin {
 
 class TlsRecordWatch {
  public:
-  // The records that begin in these bytes, in words: "TLS handshake (ClientHello)", "3 TLS
-  // application data"; "TLS record continued" when none begins; "not TLS" once the stream has left
-  // the record layer.
+  // Returns the records that begin in these bytes: "TLS handshake (ClientHello)", "3 TLS
+  // application data"; "TLS record continued" if none begins; "not TLS" once a record's head is not
+  // valid.
   std::string Describe(ByteView bytes);
 
  private:
-  std::string TakeHead(ByteView rest);
+  std::string ReadHead(ByteView rest);
 
   static constexpr std::size_t kHeadSize = 5;
   std::uint8_t head_[kHeadSize] = {};

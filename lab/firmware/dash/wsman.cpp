@@ -1,6 +1,7 @@
 #include "lab/firmware/dash/wsman.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
@@ -32,9 +33,8 @@ struct PowerMapping {
   std::uint8_t command;
 };
 
-// PowerState values of CIM_PowerManagementService. Off - Hard (6) and its cycles (9, 13, 16) cut
-// the power without the host's help, and diagnostic interrupts (11, 17) reboot nothing: the mailbox
-// has no command for either.
+// PowerState values of CIM_PowerManagementService. The mailbox has no command for Off - Hard (6),
+// its cycles (9, 13, 16) and diagnostic interrupts (11, 17).
 constexpr PowerMapping kPowerMappings[] = {
     {4, kSleep},      // Sleep - Deep
     {5, kReboot},     // Power Cycle (Off - Soft)
@@ -52,7 +52,7 @@ struct Tag {
   bool isEmpty = false;
 };
 
-// Walks over the tags of a document, skipping what only looks like one.
+// Iterates over the tags of a document. Skips comments, CDATA and declarations.
 class TagWalk {
  public:
   explicit TagWalk(std::string_view xml) : rest_(xml.substr(0, kSearchBound)) {}
@@ -66,12 +66,12 @@ class TagWalk {
       } else if (Starts("<?") || Starts("<!")) {
         if (!Skip(">")) return false;
       } else {
-        return Take(tag);
+        return Read(tag);
       }
     }
     return false;
   }
-  // What stands between the last tag and the next one.
+  // Returns the text between the last tag and the next one.
   std::optional<std::string_view> Text() const {
     const std::size_t end = rest_.find('<');
     if (end == std::string_view::npos) return std::nullopt;
@@ -89,17 +89,17 @@ class TagWalk {
     rest_.remove_prefix(end.size());
     return true;
   }
-  bool Take(Tag* tag);
+  bool Read(Tag* tag);
 
   std::string_view rest_;
 };
 
-// The offset of the '>' that ends the tag; one inside a quoted attribute value doesn't.
+// Returns the offset of the '>' that ends the tag. One in a quoted attribute value does not.
 std::size_t TagEnd(std::string_view text) {
   char quote = 0;
-  for (std::size_t i = 0; i < text.size(); i++) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (quote) {
+    if (quote != 0) {
       if (c == quote) quote = 0;
     } else if (c == '"' || c == '\'') {
       quote = c;
@@ -110,7 +110,8 @@ std::size_t TagEnd(std::string_view text) {
   return std::string_view::npos;
 }
 
-bool TagWalk::Take(Tag* tag) {
+bool TagWalk::Read(Tag* tag) {
+  assert(Starts("<"));
   const std::size_t end = TagEnd(rest_);
   if (end == std::string_view::npos) return false;
   std::string_view inner = rest_.substr(1, end - 1);
@@ -134,11 +135,11 @@ HttpResponse Soap(int status, const std::string& envelope) {
   return response;
 }
 
-// The header block of a reply: its action, and the message it relates to.
+// Returns the header block of a reply: its action, and the message it relates to.
 std::string ReplyHeader(std::string_view request, std::string_view action) {
   std::string header = "<s:Header><a:Action>" + std::string(action) + "</a:Action>";
   const auto id = ElementText(request, "MessageID");
-  // Stays escaped as it came: it can hold no tag.
+  // The text is still escaped: it cannot contain a tag.
   if (id && id->size() <= kMaxMessageId) header += "<a:RelatesTo>" + *id + "</a:RelatesTo>";
   return header + "</s:Header>";
 }
@@ -153,7 +154,7 @@ HttpResponse AnswerIdentify(std::string_view version) {
 
 HttpResponse AnswerPower(std::string_view envelope) {
   const auto text = ElementText(envelope, "PowerState");
-  const auto state = text ? Number(Trimmed(*text), UINT16_MAX) : std::nullopt;
+  const auto state = text ? ParseNumber(Trimmed(*text), UINT16_MAX) : std::nullopt;
   const auto command =
       state ? CommandForPowerState(static_cast<std::uint32_t>(*state)) : std::nullopt;
   const std::string action = std::string(kPowerService) + kPowerMethod + "Response";
@@ -167,7 +168,7 @@ HttpResponse AnswerPower(std::string_view envelope) {
   return response;
 }
 
-// The HTTP binding of SOAP 1.2 gives a fault of the sender the status 400.
+// The HTTP binding of SOAP 1.2 assigns status 400 to a fault of the sender.
 HttpResponse AnswerNotSupported(std::string_view envelope) {
   const std::string action = std::string(kAddressing) + "/fault";
   return Soap(

@@ -1,6 +1,7 @@
 #include "lab/firmware/kvm/input_rings.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "lab/firmware/core/records.h"
@@ -13,8 +14,9 @@ constexpr std::uint32_t kReadIndexPlace = 4;
 
 }  // namespace
 
-void InputRing::PokeWord(std::uint32_t place, std::uint32_t value) {
-  region_.PokeRegion(layout_.offset + place, BytesOf(value));
+void InputRing::PokeIndex(std::uint32_t place, std::uint32_t index) {
+  assert(index < layout_.entries);
+  region_.PokeRegion(layout_.offset + place, BytesOf(index));
 }
 
 void InputRing::Reset() {
@@ -25,19 +27,20 @@ void InputRing::Reset() {
 }
 
 void InputRing::Put(ByteView entry) {
+  assert(entry.size() == layout_.entrySize);
   if (Waiting() >= kMaxWaiting) {
-    dropped_++;
+    ++dropped_;
     return;
   }
   waiting_.insert(waiting_.end(), entry.begin(), entry.end());
 }
 
-// Entries that may be written from the write index on without passing the ring's end.
+// Returns how many entries may be written from the write index on up to the ring's end.
 std::uint32_t InputRing::FreeInRun() const {
+  assert(writeIndex_ < layout_.entries);
   const std::uint32_t last = layout_.entries - 1;
   if (readIndex_ > writeIndex_) return readIndex_ - writeIndex_ - 1;
-  // Up to the end; the step to index 0 needs that place free, the step to the last place another
-  // reader's place than 0.
+  // Invariants 2 and 3: with the read index at 0, the write index may become neither 0 nor `last`.
   return readIndex_ == 0 ? last - std::min(writeIndex_ + 1, last) : layout_.entries - writeIndex_;
 }
 
@@ -50,24 +53,24 @@ void InputRing::Flush() {
     waiting_.erase(waiting_.begin(), end);
     region_.PokeRegion(layout_.offset + kRingIndexes + writeIndex_ * layout_.entrySize, entries);
     writeIndex_ = (writeIndex_ + static_cast<std::uint32_t>(count)) % layout_.entries;
-    PokeWord(kWriteIndexPlace, writeIndex_);
+    PokeIndex(kWriteIndexPlace, writeIndex_);
   }
 }
 
-void InputRing::Ask() {
+void InputRing::RequestIndexes() {
   if (awaited_ > 0) return;
-  awaited_++;
+  ++awaited_;
   region_.PeekRegion(layout_.offset, kRingIndexes);
 }
 
-void InputRing::Answer(ByteView indexes) {
-  if (awaited_ > 0) awaited_--;
+void InputRing::HandleIndexes(ByteView indexes) {
+  if (awaited_ > 0) --awaited_;
   if (indexes.size() != kRingIndexes) return;
   std::uint32_t read = 0;
-  std::memcpy(&read, indexes.data() + kReadIndexPlace, sizeof(read));
+  std::memcpy(&read, indexes.data() + kReadIndexPlace, sizeof read);
   if (read >= layout_.entries) return;
   readIndex_ = read;
-  // An answer to a question asked before the host's end of the ring stood still says too little.
+  // An answer to a request before Abandon may be older than the host's last read.
   if (isAbandoned_ && awaited_ > 0) return;
   if (isAbandoned_) SetWriteIndex(read);
   isAbandoned_ = false;
@@ -77,7 +80,7 @@ void InputRing::Answer(ByteView indexes) {
 void InputRing::Abandon() {
   waiting_.clear();
   isAbandoned_ = true;
-  awaited_++;
+  ++awaited_;
   region_.PeekRegion(layout_.offset, kRingIndexes);
 }
 
@@ -89,12 +92,12 @@ void InputRing::Forget() {
 
 void InputRing::SetWriteIndex(std::uint32_t index) {
   writeIndex_ = index;
-  PokeWord(kWriteIndexPlace, index);
+  PokeIndex(kWriteIndexPlace, index);
 }
 
 void InputRing::SetReadIndex(std::uint32_t index) {
   readIndex_ = index;
-  PokeWord(kReadIndexPlace, index);
+  PokeIndex(kReadIndexPlace, index);
 }
 
 }  // namespace orrin

@@ -1,14 +1,13 @@
 // The two rings in the memory that firmware and host share: the firmware's end, which writes. The
-// memory is the host's, so it is written and read through messages, and what the host has taken
-// is learned by asking.
+// memory is the host's, so it is written and read through messages.
 //
 // Invariants:
-// 1. Entries are written before the index that shows them, in messages that keep their order.
+// 1. Entries are written before the index that publishes them, in messages that keep their order.
 // 2. Equal indexes mean empty, so one entry stays free.
-// 3. A host doesn't take anything while the write index is the ring's last place. With the read
-//    index at 0 the ring would be full there and nobody could go on: that step waits until the
-//    host has moved.
-// 4. Events that find no room wait in their order; more than kMaxWaiting are dropped and counted.
+// 3. A host reads nothing while the write index is the ring's last place. With the read index at 0
+//    the ring would be full there and both ends would wait: that step waits until the host has
+//    read.
+// 4. Events that find no room wait in their order. More than kMaxWaiting are dropped and counted.
 #pragma once
 
 #include <cstdint>
@@ -19,17 +18,17 @@
 
 namespace orrin {
 
-// Messages to the shared region, and answers from it.
+// Sends messages to the shared region.
 class RegionAccess {
  public:
   virtual ~RegionAccess() = default;
-  // Stores bytes; within the region.
+  // Stores bytes within the region.
   virtual void PokeRegion(std::uint32_t offset, ByteView bytes) = 0;
-  // Asks for bytes; the answer comes as InputRing::Answer.
+  // Requests bytes. The answer goes to InputRing::HandleIndexes.
   virtual void PeekRegion(std::uint32_t offset, std::uint32_t count) = 0;
 };
 
-// Numbers of one ring. The first word is the write index, the second the read index.
+// The layout of one ring. The first word is the write index, the second the read index.
 struct RingLayout {
   const char* name;
   std::uint32_t offset;  // of the write index in the region
@@ -63,24 +62,24 @@ class InputRing {
 
   InputRing(const RingLayout& layout, RegionAccess& region) : layout_(layout), region_(region) {}
 
-  // Both indexes to 0, in the memory too. For a host that hasn't seen the ring yet.
+  // Sets both indexes to 0, also in the memory. For a host that has not seen the ring.
   void Reset();
-  // Appends entries of the ring's size. REQUIRES: entry.size() == entrySize.
+  // Appends one event. Requires the ring's entry size.
   void Put(ByteView entry);
-  // Writes what there is room for.
+  // Writes the events that there is room for.
   void Flush();
-  // Asks the host how far it is, unless an answer is awaited.
-  void Ask();
-  // Whether events wait for the host.
+  // Requests the host's read index, unless an answer is awaited.
+  void RequestIndexes();
+  // Returns true if events wait for room.
   bool IsBlocked() const { return !waiting_.empty(); }
-  // The answer to Ask: both indexes. A read index outside the ring is passed over.
-  void Answer(ByteView indexes);
-  // Forgets what waits, and once the host has told how far it is, passes over what it hasn't taken:
-  // the keys of one viewer are never played to the next.
+  // Takes the answer to RequestIndexes: both indexes. Ignores a read index outside the ring.
+  void HandleIndexes(ByteView indexes);
+  // Drops waiting events and, once the host's read index is known, skips the unread entries: the
+  // keys of one viewer are never played to the next.
   void Abandon();
-  // The link has gone: no answer will come.
+  // Drops waiting events and awaited answers: the link has ended.
   void Forget();
-  // An index put to a value, in the memory and here, whatever it means. REQUIRES: index < entries.
+  // Sets an index in the memory and here, without regard to the entries. Requires index < entries.
   void SetWriteIndex(std::uint32_t index);
   void SetReadIndex(std::uint32_t index);
 
@@ -91,12 +90,12 @@ class InputRing {
 
  private:
   std::uint32_t FreeInRun() const;
-  void PokeWord(std::uint32_t place, std::uint32_t value);
+  void PokeIndex(std::uint32_t place, std::uint32_t index);
 
   const RingLayout& layout_;
   RegionAccess& region_;
   std::uint32_t writeIndex_ = 0;
-  std::uint32_t readIndex_ = 0;  // as last heard: the host is there or further
+  std::uint32_t readIndex_ = 0;  // as last reported: the host is there or further
   std::deque<std::uint8_t> waiting_;
   std::uint64_t dropped_ = 0;
   std::uint32_t awaited_ = 0;  // answers

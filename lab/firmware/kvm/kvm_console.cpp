@@ -1,169 +1,213 @@
 #include "lab/firmware/kvm/kvm_console.h"
 
+#include <cassert>
+#include <chrono>
+#include <deque>
 #include <utility>
 
 #include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/records.h"
 #include "lab/firmware/core/text.h"
+#include "lab/firmware/kvm/rfb_session.h"
 
 namespace orrin {
 namespace {
 
-// How long a host that is behind is left alone between two questions.
-constexpr std::chrono::milliseconds kAskPause{5};
+using Clock = std::chrono::steady_clock;
+
+// The pause between two requests to a host that is behind.
+constexpr std::chrono::milliseconds kRequestPause{5};
 // What a viewer may send to a stalled screen.
 constexpr std::size_t kMaxStalledBytes = std::size_t{1} << 20;
 
-// " 'a'" for a keysym that is a character of ASCII.
+// Returns " 'a'" for a keysym that is a character of ASCII.
 std::string CharacterRemark(std::uint32_t keysym) {
   return keysym > 0x20 && keysym < 0x7F ? Format(" '%c'", static_cast<char>(keysym)) : "";
 }
 
 }  // namespace
 
-KvmConsole::KvmConsole(KvmOutput& output)
-    : output_(output), keys_(kKeyboardRing, *this), pointer_(kPointerRing, *this) {}
+static_assert(kMaxRfbPiece <= kMaxPayload);
+
+struct KvmState final : RfbOutput, RegionAccess {
+  explicit KvmState(KvmOutput& kvmOutput) : output(kvmOutput) {}
+
+  void SendRfbBytes(ByteView bytes) override {
+    assert(bytes.size() <= kMaxRfbPiece);
+    output.SendKvmBytes(bytes);
+  }
+  bool HasRoom() const override { return !isStalled && output.HasRoom(); }
+  void HandleKey(std::uint32_t keysym, bool pressed) override;
+  void HandlePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) override;
+  // The session stays until the host reports the end of the connection.
+  void CloseViewer() override { output.SendCommand(kVncSocketClose); }
+  void AddNote(const std::string& words) override { output.AddNote(words); }
+  void PokeRegion(std::uint32_t offset, ByteView bytes) override {
+    assert(offset + bytes.size() <= 2 * kRingSize);
+    output.PokeInput(offset, bytes);
+  }
+  void PeekRegion(std::uint32_t offset, std::uint32_t count) override {
+    requested.push_back(offset < kRingSize ? &keys : &pointer);
+    output.PeekInput(offset, count);
+  }
+
+  KvmOutput& output;
+  Picture picture;
+  InputRing keys{kKeyboardRing, *this};
+  InputRing pointer{kPointerRing, *this};
+  std::deque<InputRing*> requested;  // in the order of their requests
+  Clock::time_point requestedAt{};
+  std::unique_ptr<RfbSession> session;
+  Bytes stalledBytes;
+  bool isStalled = false;
+  bool withholdsRegion = false;
+  bool hostKnowsRings = false;
+  bool reportedNoSession = false;
+};
+
+namespace {
+
+bool IsInputBlocked(const KvmState& state) {
+  return state.keys.IsBlocked() || state.pointer.IsBlocked();
+}
+
+// Puts event(0) to event(count - 1) into the ring.
+template <class Event>
+void PutEvents(KvmState& state, InputRing* ring, std::uint32_t count, Event event) {
+  const std::uint64_t before = ring->Dropped();
+  for (std::uint32_t i = 0; i < count; ++i) ring->Put(BytesOf(event(i)));
+  ring->Flush();
+  if (ring->Dropped() == before) return;
+  state.output.AddNote(Format("KVM: the %s ring is full, %llu events dropped", ring->Layout().name,
+                              static_cast<unsigned long long>(ring->Dropped() - before)));
+}
+
+std::uint32_t FloodKey(std::uint32_t index) {
+  return KeyEntry('a' + index / 2 % 26, index % 2 == 0);
+}
+
+PointerEntry FloodStep(std::uint32_t index) {
+  const auto step = static_cast<std::int32_t>(index % (Picture::kWidth * Picture::kHeight));
+  return {0, step % Picture::kWidth, step / Picture::kWidth};
+}
+
+}  // namespace
+
+void KvmState::HandleKey(std::uint32_t keysym, bool pressed) {
+  output.AddNote(Format("KVM: key 0x%04x", keysym) + CharacterRemark(keysym) +
+                 (pressed ? " pressed" : " released") +
+                 Format(", keyboard entry %u", keys.WriteIndex()));
+  PutEvents(*this, &keys, 1, [=](std::uint32_t) { return KeyEntry(keysym, pressed); });
+  picture.SetKey(keysym, pressed);
+}
+
+void KvmState::HandlePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) {
+  output.AddNote(Format("KVM: pointer at %u,%u, buttons 0x%02x, mouse entry %u", x, y, buttons,
+                        pointer.WriteIndex()));
+  PutEvents(*this, &pointer, 1, [=](std::uint32_t) { return PointerEntry{buttons, x, y}; });
+  picture.SetPointer(x, y, buttons != 0);
+}
+
+KvmConsole::KvmConsole(KvmOutput& output) : state_(std::make_unique<KvmState>(output)) {}
+KvmConsole::~KvmConsole() = default;
 
 void KvmConsole::Begin() {
-  if (session_) End("another connection takes its place");
-  saidNobody_ = false;
-  session_ = std::make_unique<RfbSession>(picture_, *this);
+  if (state_->session != nullptr) End("another connection replaces it");
+  state_->reportedNoSession = false;
+  state_->session = std::make_unique<RfbSession>(state_->picture, *state_);
 }
 
 void KvmConsole::Receive(ByteView bytes) {
-  if (!session_) {
-    if (!saidNobody_) output_.Say("KVM: no connection was announced; the bytes are dropped");
-    saidNobody_ = true;
+  KvmState& state = *state_;
+  if (state.session == nullptr) {
+    if (!state.reportedNoSession) {
+      state.output.AddNote("KVM: no connection was announced; the bytes are dropped");
+    }
+    state.reportedNoSession = true;
     return;
   }
-  if (!isStalled_) return session_->Receive(bytes);
-  if (stalledBytes_.size() + bytes.size() > kMaxStalledBytes) {
-    output_.Say("KVM: closed, the viewer says too much to a stalled screen");
-    return CloseViewer();
+  if (!state.isStalled) return state.session->Receive(bytes);
+  if (state.stalledBytes.size() + bytes.size() > kMaxStalledBytes) {
+    state.output.AddNote("KVM: closed, the viewer sends too much to a stalled screen");
+    return state.CloseViewer();
   }
-  stalledBytes_.insert(stalledBytes_.end(), bytes.begin(), bytes.end());
+  state.stalledBytes.insert(state.stalledBytes.end(), bytes.begin(), bytes.end());
 }
 
 void KvmConsole::End(const std::string& why) {
-  if (!session_) return;
-  output_.Say("KVM: session ended, " + why);
-  session_.reset();
-  stalledBytes_.clear();
+  if (state_->session == nullptr) return;
+  state_->output.AddNote("KVM: session ended, " + why);
+  state_->session.reset();
+  state_->stalledBytes.clear();
 }
 
-void KvmConsole::RegionWanted() {
-  if (withholds_ || hostKnowsRings_) return;
-  hostKnowsRings_ = true;
-  keys_.Reset();
-  pointer_.Reset();
+void KvmConsole::HandleRegionRequest() {
+  if (state_->withholdsRegion || state_->hostKnowsRings) return;
+  state_->hostKnowsRings = true;
+  state_->keys.Reset();
+  state_->pointer.Reset();
 }
 
-void KvmConsole::RegionReturned() {
-  keys_.Abandon();
-  pointer_.Abandon();
+void KvmConsole::HandleRegionReturn() {
+  state_->keys.Abandon();
+  state_->pointer.Abandon();
 }
 
-void KvmConsole::HostArrived() { hostKnowsRings_ = false; }
+void KvmConsole::HandleHostArrival() { state_->hostKnowsRings = false; }
 
-void KvmConsole::HostLeft() {
-  session_.reset();
-  stalledBytes_.clear();
-  asked_.clear();
-  keys_.Forget();
-  pointer_.Forget();
-  hostKnowsRings_ = false;
+void KvmConsole::HandleHostLoss() {
+  state_->session.reset();
+  state_->stalledBytes.clear();
+  state_->requested.clear();
+  state_->keys.Forget();
+  state_->pointer.Forget();
+  state_->hostKnowsRings = false;
 }
 
-void KvmConsole::InputMemory(ByteView bytes) {
-  if (asked_.empty()) return;
-  InputRing* ring = asked_.front();
-  asked_.pop_front();
-  ring->Answer(bytes);
+void KvmConsole::HandleInputMemory(ByteView bytes) {
+  if (state_->requested.empty()) return;
+  InputRing* ring = state_->requested.front();
+  state_->requested.pop_front();
+  ring->HandleIndexes(bytes);
 }
 
 void KvmConsole::Pump() {
-  if (session_ && !isStalled_) session_->Pump();
-  if (!IsInputBlocked() || MillisecondsLeft() > 0) return;
-  askedAt_ = Clock::now();
-  for (InputRing* ring : {&keys_, &pointer_}) {
-    if (ring->IsBlocked()) ring->Ask();
+  KvmState& state = *state_;
+  if (state.session != nullptr && !state.isStalled) state.session->Pump();
+  if (!IsInputBlocked(state) || MillisecondsLeft() > 0) return;
+  state.requestedAt = Clock::now();
+  for (InputRing* ring : {&state.keys, &state.pointer}) {
+    if (ring->IsBlocked()) ring->RequestIndexes();
   }
 }
 
 int KvmConsole::MillisecondsLeft() const {
-  if (!IsInputBlocked()) return -1;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(askedAt_ + kAskPause - Clock::now());
+  if (!IsInputBlocked(*state_)) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(state_->requestedAt +
+                                                                 kRequestPause - Clock::now());
   return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+Picture& KvmConsole::Screen() { return state_->picture; }
+InputRing& KvmConsole::Keys() { return state_->keys; }
+InputRing& KvmConsole::Pointer() { return state_->pointer; }
+
 void KvmConsole::SetStalled(bool stalled) {
-  isStalled_ = stalled;
-  if (stalled || !session_) return;
-  const Bytes bytes = std::exchange(stalledBytes_, {});
-  session_->Receive(bytes);
+  state_->isStalled = stalled;
+  if (stalled || state_->session == nullptr) return;
+  const Bytes bytes = std::exchange(state_->stalledBytes, {});
+  state_->session->Receive(bytes);
 }
 
+bool KvmConsole::WithholdsRegion() const { return state_->withholdsRegion; }
+void KvmConsole::SetWithholdsRegion(bool withholds) { state_->withholdsRegion = withholds; }
+
 void KvmConsole::FloodKeys(std::uint32_t count) {
-  const std::uint64_t before = keys_.Dropped();
-  for (std::uint32_t i = 0; i < count; i++) PutKey('a' + i / 2 % 26, i % 2 == 0);
-  keys_.Flush();
-  SayDropped(keys_, before);
+  PutEvents(*state_, &state_->keys, count, FloodKey);
 }
 
 void KvmConsole::FloodPointer(std::uint32_t count) {
-  const std::uint64_t before = pointer_.Dropped();
-  for (std::uint32_t i = 0; i < count; i++) {
-    const auto step = static_cast<std::int32_t>(i % (Picture::kWidth * Picture::kHeight));
-    PutPointer({0, step % Picture::kWidth, step / Picture::kWidth});
-  }
-  pointer_.Flush();
-  SayDropped(pointer_, before);
-}
-
-void KvmConsole::TakeKey(std::uint32_t keysym, bool pressed) {
-  output_.Say(Format("KVM: key 0x%04x", keysym) + CharacterRemark(keysym) +
-              (pressed ? " pressed" : " released") +
-              Format(", keyboard entry %u", keys_.WriteIndex()));
-  const std::uint64_t before = keys_.Dropped();
-  PutKey(keysym, pressed);
-  keys_.Flush();
-  SayDropped(keys_, before);
-  picture_.SetKey(keysym, pressed);
-}
-
-void KvmConsole::TakePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) {
-  output_.Say(Format("KVM: pointer at %u,%u, buttons 0x%02x, mouse entry %u", x, y, buttons,
-                     pointer_.WriteIndex()));
-  const std::uint64_t before = pointer_.Dropped();
-  PutPointer({buttons, x, y});
-  pointer_.Flush();
-  SayDropped(pointer_, before);
-  picture_.SetPointer(x, y, buttons != 0);
-}
-
-void KvmConsole::PutKey(std::uint32_t keysym, bool pressed) {
-  keys_.Put(BytesOf(KeyEntry(keysym, pressed)));
-}
-
-void KvmConsole::PutPointer(const PointerEntry& entry) { pointer_.Put(BytesOf(entry)); }
-
-void KvmConsole::SayDropped(const InputRing& ring, std::uint64_t before) {
-  if (ring.Dropped() == before) return;
-  output_.Say(Format("KVM: the %s ring is full and too much waits, %llu events dropped",
-                     ring.Layout().name, static_cast<unsigned long long>(ring.Dropped() - before)));
-}
-
-// The host is told to close; the session stays until it says that it has.
-void KvmConsole::CloseViewer() { output_.SendCommand(kVncSocketClose); }
-
-void KvmConsole::PokeRegion(std::uint32_t offset, ByteView bytes) {
-  output_.PokeInput(offset, bytes);
-}
-
-void KvmConsole::PeekRegion(std::uint32_t offset, std::uint32_t count) {
-  asked_.push_back(offset < kRingSize ? &keys_ : &pointer_);
-  output_.PeekInput(offset, count);
+  PutEvents(*state_, &state_->pointer, count, FloodStep);
 }
 
 }  // namespace orrin

@@ -1,16 +1,12 @@
 // The firmware's side of KVM: the screen, the viewer's session, and the rings that its input goes
-// into. Firmware gives it what the mailbox brings, the prompt what a person types.
+// into.
 #pragma once
 
-#include <chrono>
-#include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "lab/firmware/kvm/input_rings.h"
 #include "lab/firmware/kvm/picture.h"
-#include "lab/firmware/kvm/rfb_session.h"
 
 namespace orrin {
 
@@ -18,85 +14,66 @@ namespace orrin {
 class KvmOutput {
  public:
   virtual ~KvmOutput() = default;
+  // Sends at most kMaxRfbPiece bytes to the viewer.
   virtual void SendKvmBytes(ByteView bytes) = 0;
-  // A command of the vocabulary, without payload.
+  // Sends a CommandCode without payload.
   virtual void SendCommand(std::uint8_t code) = 0;
+  // Returns true while more bulk output can be queued.
   virtual bool HasRoom() const = 0;
+  // Stores bytes in the keyboard and mouse region.
   virtual void PokeInput(std::uint32_t offset, ByteView bytes) = 0;
+  // Requests bytes of that region. The answer goes to KvmConsole::HandleInputMemory.
   virtual void PeekInput(std::uint32_t offset, std::uint32_t count) = 0;
-  virtual void Say(const std::string& words) = 0;
+  // Adds a line to the trace.
+  virtual void AddNote(const std::string& words) = 0;
 };
 
+struct KvmState;
+
 // One thread. The output outlives it.
-class KvmConsole : public RfbOutput, public RegionAccess {
+class KvmConsole {
  public:
-  using Clock = std::chrono::steady_clock;
-
   explicit KvmConsole(KvmOutput& output);
+  ~KvmConsole();
 
-  // --- what the mailbox brings ---
-  // The viewer has been announced.
+  // --- for the mailbox ---
+  // Begins a session: the host has announced a viewer.
   void Begin();
-  // Bytes of the viewer.
+  // Takes bytes of the viewer.
   void Receive(ByteView bytes);
-  // The connection has ended. Without a session nothing happens.
+  // Ends the session, if there is one.
   void End(const std::string& why);
-  // The host asks for the region: its first request of all finds both rings empty.
-  void RegionWanted();
-  // The host gives the region back.
-  void RegionReturned();
-  // A host that hasn't asked yet is there, or none any more.
-  void HostArrived();
-  void HostLeft();
-  // The answer to a question asked with KvmOutput::PeekInput.
-  void InputMemory(ByteView bytes);
-  // Goes on with what waited: for room, for the host, for a change of the screen.
+  // Handles the host's request for the region. Its first one finds both rings empty.
+  void HandleRegionRequest();
+  // Handles the region's return by the host.
+  void HandleRegionReturn();
+  // A new host has connected, which has not requested the region.
+  void HandleHostArrival();
+  // The host has disconnected.
+  void HandleHostLoss();
+  // Takes the answer to KvmOutput::PeekInput. Answers come in the order of the requests.
+  void HandleInputMemory(ByteView bytes);
+  // Continues with what waited for room, for the host, or for a change of the screen.
   void Pump();
-  // Milliseconds until Pump has something to do of itself; -1: nothing.
+  // Returns the milliseconds until Pump is due without an event, or -1.
   int MillisecondsLeft() const;
 
-  // --- the prompt ---
-  Picture& Screen() { return picture_; }
-  InputRing& Keys() { return keys_; }
-  InputRing& Pointer() { return pointer_; }
-  // While stalled the viewer isn't answered; what it says is taken up afterwards.
+  // --- for the prompt ---
+  Picture& Screen();
+  InputRing& Keys();
+  InputRing& Pointer();
+  // While stalled, leaves the viewer unanswered. Its bytes are kept and handled afterwards.
   void SetStalled(bool stalled);
-  bool Withholds() const { return withholds_; }
-  void SetWithholds(bool withholds) { withholds_ = withholds; }
-  // So many events at once: keys a to z pressed and released in turn, pointer steps along the rows.
+  // Returns true if the host gets no address for the region.
+  bool WithholdsRegion() const;
+  void SetWithholdsRegion(bool withholds);
+  // Adds that many events at once: keys a to z pressed and released in turn, or pointer steps along
+  // the rows.
   void FloodKeys(std::uint32_t count);
   void FloodPointer(std::uint32_t count);
 
-  // --- RfbOutput ---
-  void SendRfbBytes(ByteView bytes) override { output_.SendKvmBytes(bytes); }
-  bool HasRoom() const override { return !isStalled_ && output_.HasRoom(); }
-  void TakeKey(std::uint32_t keysym, bool pressed) override;
-  void TakePointer(std::uint8_t buttons, std::uint16_t x, std::uint16_t y) override;
-  void CloseViewer() override;
-  void Say(const std::string& words) override { output_.Say(words); }
-
-  // --- RegionAccess ---
-  void PokeRegion(std::uint32_t offset, ByteView bytes) override;
-  void PeekRegion(std::uint32_t offset, std::uint32_t count) override;
-
  private:
-  void PutKey(std::uint32_t keysym, bool pressed);
-  void PutPointer(const PointerEntry& entry);
-  void SayDropped(const InputRing& ring, std::uint64_t before);
-  bool IsInputBlocked() const { return keys_.IsBlocked() || pointer_.IsBlocked(); }
-
-  KvmOutput& output_;
-  Picture picture_;
-  InputRing keys_;
-  InputRing pointer_;
-  std::deque<InputRing*> asked_;  // answers come in the order of the questions
-  Clock::time_point askedAt_{};
-  std::unique_ptr<RfbSession> session_;
-  Bytes stalledBytes_;
-  bool isStalled_ = false;
-  bool withholds_ = false;
-  bool hostKnowsRings_ = false;
-  bool saidNobody_ = false;
+  std::unique_ptr<KvmState> state_;
 };
 
 }  // namespace orrin

@@ -1,6 +1,7 @@
 #include "lab/firmware/kvm/picture.h"
 
 #include <algorithm>
+#include <cassert>
 #include <fstream>
 
 #include "lab/firmware/core/text.h"
@@ -27,12 +28,58 @@ constexpr int kDigitRows = 5;
 constexpr int kDot = 6;  // pixels
 constexpr int kDigitStep = (kDigitColumns + 1) * kDot;
 
-// A ramp of red to the right, of green downwards, and a weave of both that moves with the counter.
+// Returns a ramp of red to the right, of green downwards, and a blue mix of both places that moves
+// with the counter.
 std::uint32_t PatternColour(int x, int y, std::uint32_t counter) {
   const auto red = static_cast<std::uint32_t>(x * 255 / (Picture::kWidth - 1));
   const auto green = static_cast<std::uint32_t>(y * 255 / (Picture::kHeight - 1));
-  const std::uint32_t weave = (static_cast<std::uint32_t>(x ^ y) + counter * 8) & 0xFF;
-  return red << 16 | green << 8 | weave;
+  const std::uint32_t blue = (static_cast<std::uint32_t>(x ^ y) + counter * 8) & 0xFF;
+  return red << 16 | green << 8 | blue;
+}
+
+void Fill(const Area& area, std::uint32_t colour, Picture::Pixels* pixels) {
+  const Area part = Intersection(area, Picture::kWhole);
+  for (int y = part.y; y < part.y + part.height; ++y) {
+    const auto row = pixels->begin() + y * Picture::kWidth + part.x;
+    std::fill(row, row + part.width, colour);
+  }
+}
+
+void DrawPattern(std::uint32_t counter, Picture::Pixels* pixels) {
+  for (int y = 0; y < Picture::kHeight; ++y) {
+    for (int x = 0; x < Picture::kWidth; ++x) {
+      (*pixels)[static_cast<std::size_t>(y * Picture::kWidth + x)] = PatternColour(x, y, counter);
+    }
+  }
+  for (int i = 0; i < static_cast<int>(std::size(kBars)); ++i) {
+    Fill({i * kBarWidth, Picture::kHeight - kBarHeight, kBarWidth, kBarHeight}, kBars[i], pixels);
+  }
+}
+
+void DrawDigit(int x, int y, unsigned value, std::uint32_t colour, Picture::Pixels* pixels) {
+  assert(value < std::size(kDigits));
+  for (int dot = 0; dot < kDigitColumns * kDigitRows; ++dot) {
+    const bool lit = kDigits[value] >> (kDigitColumns * kDigitRows - 1 - dot) & 1;
+    const int column = dot % kDigitColumns;
+    const int row = dot / kDigitColumns;
+    if (lit) Fill({x + column * kDot, y + row * kDot, kDot, kDot}, colour, pixels);
+  }
+}
+
+// Draws a number of eight hexadecimal digits on a dark ground.
+void DrawNumber(int x, int y, std::uint32_t number, std::uint32_t colour, Picture::Pixels* pixels) {
+  constexpr int kNumberWidth = 8 * kDigitStep;
+  Fill({x - kDot, y - kDot, kNumberWidth + kDot, (kDigitRows + 2) * kDot}, kNight, pixels);
+  for (int shift = 28; shift >= 0; shift -= 4, x += kDigitStep) {
+    DrawDigit(x, y, number >> shift & 0xF, colour, pixels);
+  }
+}
+
+void DrawPointer(int x, int y, bool pressed, Picture::Pixels* pixels) {
+  const std::uint32_t colour = pressed ? kYellow : kWhite;
+  Fill({x - kArm, y, 2 * kArm + 1, 1}, colour, pixels);
+  Fill({x, y - kArm, 1, 2 * kArm + 1}, colour, pixels);
+  if (pressed) Fill({x - 2, y - 2, 5, 5}, colour, pixels);
 }
 
 }  // namespace
@@ -76,59 +123,16 @@ void Picture::SetKey(std::uint32_t keysym, bool pressed) {
 }
 
 void Picture::Draw() {
-  DrawPattern();
-  DrawDigits(16, 16, Format("%08x", counter_), kWhite);
-  DrawDigits(16, 64, Format("%08x", keysym_), keyPressed_ ? kYellow : kGrey);
-  DrawPointer();
-}
-
-void Picture::DrawPattern() {
-  for (int y = 0; y < kHeight; y++) {
-    for (int x = 0; x < kWidth; x++) {
-      pixels_[static_cast<std::size_t>(y * kWidth + x)] = PatternColour(x, y, counter_);
-    }
-  }
-  for (int i = 0; i < static_cast<int>(std::size(kBars)); i++) {
-    Fill({i * kBarWidth, kHeight - kBarHeight, kBarWidth, kBarHeight}, kBars[i]);
-  }
-}
-
-void Picture::DrawDigits(int x, int y, const std::string& digits, std::uint32_t colour) {
-  const int width = static_cast<int>(digits.size()) * kDigitStep;
-  Fill({x - kDot, y - kDot, width + kDot, (kDigitRows + 2) * kDot}, kNight);
-  for (const char digit : digits) {
-    DrawDigit(x, y, static_cast<unsigned>(digit <= '9' ? digit - '0' : digit - 'a' + 10), colour);
-    x += kDigitStep;
-  }
-}
-
-void Picture::DrawDigit(int x, int y, unsigned value, std::uint32_t colour) {
-  for (int dot = 0; dot < kDigitColumns * kDigitRows; dot++) {
-    const bool lit = kDigits[value] >> (kDigitColumns * kDigitRows - 1 - dot) & 1;
-    const int column = dot % kDigitColumns;
-    const int row = dot / kDigitColumns;
-    if (lit) Fill({x + column * kDot, y + row * kDot, kDot, kDot}, colour);
-  }
-}
-
-void Picture::DrawPointer() {
-  const std::uint32_t colour = pointerPressed_ ? kYellow : kWhite;
-  Fill({pointerX_ - kArm, pointerY_, 2 * kArm + 1, 1}, colour);
-  Fill({pointerX_, pointerY_ - kArm, 1, 2 * kArm + 1}, colour);
-  if (pointerPressed_) Fill({pointerX_ - 2, pointerY_ - 2, 5, 5}, colour);
-}
-
-void Picture::Fill(const Area& area, std::uint32_t colour) {
-  const Area part = Intersection(area, kWhole);
-  for (int y = part.y; y < part.y + part.height; y++) {
-    const auto row = pixels_.begin() + y * kWidth + part.x;
-    std::fill(row, row + part.width, colour);
-  }
+  DrawPattern(counter_, &pixels_);
+  DrawNumber(16, 16, counter_, kWhite, &pixels_);
+  DrawNumber(16, 64, keysym_, keyPressed_ ? kYellow : kGrey, &pixels_);
+  DrawPointer(pointerX_, pointerY_, pointerPressed_, &pixels_);
 }
 
 Area Picture::Difference(const Pixels& other) const {
+  assert(other.size() == pixels_.size());
   Area area;
-  for (int y = 0; y < kHeight; y++) {
+  for (int y = 0; y < kHeight; ++y) {
     const auto row = pixels_.begin() + y * kWidth;
     const auto otherRow = other.begin() + y * kWidth;
     const auto first = std::mismatch(row, row + kWidth, otherRow).first;

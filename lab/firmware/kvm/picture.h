@@ -1,5 +1,5 @@
-// The screen that the firmware shows to a viewer: a pattern drawn from a counter, the pointer and
-// the last key, and from nothing else, so that the same history always gives the same pixels.
+// The screen that the firmware shows to a viewer. It depends on a counter, the pointer and the last
+// key only, so that the same history always produces the same pixels.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace orrin {
 
-// A part of the screen in pixels. Empty when either extent is 0.
+// A part of the screen in pixels. Empty if either extent is 0.
 struct Area {
   int x = 0;
   int y = 0;
@@ -18,9 +18,9 @@ struct Area {
   friend bool operator==(const Area&, const Area&) = default;
 };
 
-// The part that both have.
+// Returns the part that is in both.
 Area Intersection(const Area& one, const Area& other);
-// The smallest area that holds both; an empty one adds nothing.
+// Returns the smallest area that contains both.
 Area Hull(const Area& one, const Area& other);
 
 // One thread.
@@ -38,24 +38,18 @@ class Picture {
   std::uint32_t Counter() const { return counter_; }
   // Draws the pattern that belongs to the counter.
   void SetCounter(std::uint32_t counter);
-  // A cross where the pointer is, filled while a button is down. Any numbers.
+  // Draws a cross at the pointer, filled while a button is down. Moves a place outside to the edge.
   void SetPointer(int x, int y, bool pressed);
-  // The keysym in digits, lit while the key is down.
+  // Draws the keysym in digits, lit while the key is down.
   void SetKey(std::uint32_t keysym, bool pressed);
-  // The smallest area outside of which `other` has the same pixels; empty when all are the same.
-  // REQUIRES: `other` has as many pixels.
+  // Returns the smallest area outside of which `other` has the same pixels, empty if all are the
+  // same. Requires as many pixels in `other`.
   Area Difference(const Pixels& other) const;
-  // Writes the screen as a binary PPM (P6, 255 as the greatest value). False: the reason is in
-  // errno.
+  // Writes the screen as a binary PPM (P6, maximum 255). Returns false with the reason in errno.
   bool Save(const std::string& path) const;
 
  private:
   void Draw();
-  void DrawPattern();
-  void DrawDigits(int x, int y, const std::string& digits, std::uint32_t colour);
-  void DrawDigit(int x, int y, unsigned value, std::uint32_t colour);
-  void DrawPointer();
-  void Fill(const Area& area, std::uint32_t colour);
 
   Pixels pixels_;
   std::uint32_t counter_ = 0;

@@ -1,8 +1,7 @@
 #include "lab/firmware/kvm/pixel_format.h"
 
 #include <bit>
-
-#include "lab/firmware/core/big_endian.h"
+#include <cassert>
 
 namespace orrin {
 namespace {
@@ -20,6 +19,7 @@ std::uint32_t Placed(const ColourPlace& place, std::uint32_t value) {
 }  // namespace
 
 std::optional<PixelFormat> ReadPixelFormat(ByteView bytes) {
+  assert(bytes.size() >= kPixelFormatSize);
   const bool isTrueColour = bytes[3] != 0;
   const PixelFormat format = {
       bytes[0],
@@ -48,10 +48,11 @@ void AppendPixelFormat(const PixelFormat& format, Bytes* bytes) {
 }
 
 void AppendPixel(const PixelFormat& format, std::uint32_t colour, Bytes* bytes) {
+  assert(format.bitsPerPixel % 8 == 0 && format.bitsPerPixel <= 32);
   const std::uint32_t pixel = Placed(format.red, colour >> 16) | Placed(format.green, colour >> 8) |
                               Placed(format.blue, colour);
   const int count = format.bitsPerPixel / 8;
-  for (int i = 0; i < count; i++) {
+  for (int i = 0; i < count; ++i) {
     const int shift = 8 * (format.isBigEndian ? count - 1 - i : i);
     bytes->push_back(static_cast<std::uint8_t>(pixel >> shift));
   }

@@ -1,5 +1,5 @@
 // A viewer's pixel format (RFC 6143, section 7.4) and pixels written in it. Colours inside the
-// simulator are 0xRRGGBB words; only the session's output has another form.
+// simulator are 0xRRGGBB words.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace orrin {
 // Bytes of a pixel format on the wire.
 constexpr std::size_t kPixelFormatSize = 16;
 
-// Where one colour stands in a pixel: (pixel >> shift) & max. `max` is a power of two less one.
+// The place of one colour in a pixel: (pixel >> shift) & max. `max` is a power of two less one.
 struct ColourPlace {
   std::uint16_t max;
   std::uint8_t shift;
@@ -27,15 +27,15 @@ struct PixelFormat {
   ColourPlace blue;
 };
 
-// The form that the screen offers by itself: 32 bits little-endian, 0x00RRGGBB.
+// The format that the server offers: 32 bits little-endian, 0x00RRGGBB.
 constexpr PixelFormat kNativeFormat = {32, 24, false, {255, 16}, {255, 8}, {255, 0}};
 
-// Nothing for a colour map, and for a format whose numbers don't make sense together.
-// REQUIRES: kPixelFormatSize bytes.
+// Returns nothing for a colour map and for a format whose numbers contradict one another. Requires
+// at least kPixelFormatSize bytes.
 std::optional<PixelFormat> ReadPixelFormat(ByteView bytes);
 // Appends the sixteen bytes of a format.
 void AppendPixelFormat(const PixelFormat& format, Bytes* bytes);
-// Appends one pixel; each colour is rounded to the nearest that the format has.
+// Appends one pixel. Rounds each colour to the nearest one of the format.
 void AppendPixel(const PixelFormat& format, std::uint32_t colour, Bytes* bytes);
 
 }  // namespace orrin

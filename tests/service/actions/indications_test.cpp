@@ -1,6 +1,5 @@
-// Indications on the gate's trace: what is asked of the HTTP layer and in which order, what each
-// failure leaves, and records that no firmware should send. What arrives at a listener is shown end
-// to end.
+// Indications on the gate's trace: the calls of the HTTP layer in their order, the effect of each
+// failure, and invalid records. The end-to-end tests check what a listener receives.
 #include "service/actions/indications.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +9,8 @@
 #include <tuple>
 #include <vector>
 
+#include "service/actions/actions_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -19,6 +20,7 @@ const std::uint8_t* Bytes(const void* record) { return static_cast<const std::ui
 
 class Indications : public MailboxTest {
  protected:
+  Indications() { Renew(&gActions); }
   // Returns the record of the subscription.
   static IndicationSubscription Subscribe(const std::string& host, const std::string& path,
                                           std::uint32_t port = 8080) {
@@ -30,8 +32,8 @@ class Indications : public MailboxTest {
     IndicationSubscribe(Bytes(&record), sizeof record);
     return record;
   }
-  // The calls of the HTTP layer for an event, where `failing` fails with 12345 and, so that nothing
-  // leaves the test, the sending with 12029. What the event prints is added behind them.
+  // Returns the calls of the HTTP layer for an event, then what the event prints. `failing` fails
+  // with 12345; the send fails with 12029, so that nothing leaves the test.
   static std::vector<std::string> Post(const std::string& event, const char* failing = "none") {
     gate::Arm();
     gate::FailNext("WinHttpSendRequest", 12029);
@@ -45,7 +47,7 @@ class Indications : public MailboxTest {
   }
 };
 
-TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
+TEST_F(Indications, PostMakesItsCallsInOrderAndClosesEachHandleThatItOpened) {
   Subscribe("console", "/events");
   const std::vector<std::string> steps = {
       "WinHttpOpen(WinHTTP Example/1.0)",
@@ -73,27 +75,27 @@ TEST_F(Indications, PostTakesItsStepsInOrderAndClosesEachHandleThatItOpened) {
       expected[6] = "WinHttpSendRequest(5,40000,headers)";
     EXPECT_EQ(Post("event", failing), expected) << failing;
   }
-  EXPECT_EQ(gIndicationSubscribed.load(), 1) << "a failed post leaves the subscription";
+  EXPECT_EQ(gActions->gIndicationSubscribed.load(), 1) << "a failed post leaves the subscription";
 }
 
-TEST_F(Indications, RecordOfAnyLengthIsReadWithinItsEnds) {
+TEST_F(Indications, RecordOfAnyLengthIsReadWithinItsBounds) {
   const IndicationSubscription record = Subscribe("console", "/events", 1);
   std::vector<std::uint8_t> longer(Bytes(&record), Bytes(&record) + sizeof record);
   longer.resize(70'000, 0xFF);
   for (const std::size_t length : {0UL, 1UL, 1024UL, 1025UL, sizeof record - 1, longer.size()}) {
     const std::vector<std::uint8_t> payload(longer.data(), longer.data() + length);
-    gIndicationSubscribed = 2;
+    gActions->gIndicationSubscribed = 2;
     IndicationSubscribe(payload.data(), static_cast<std::uint32_t>(length));
-    EXPECT_EQ(gIndicationSubscribed.load(), length > 1024 ? 1 : 0) << length;
+    EXPECT_EQ(gActions->gIndicationSubscribed.load(), length > 1024 ? 1 : 0) << length;
   }
   EXPECT_TRUE(Logged("Send size is 1025, so subscribing to console"));
-  EXPECT_EQ(std::memcmp(&gIndicationSubscription, &record, sizeof record), 0);
-  Subscribe("another", "");  // without a path: withdrawn, and the store stays
-  EXPECT_EQ(gIndicationSubscribed.load(), 0);
-  EXPECT_STREQ(gIndicationSubscription.host, "console");
+  EXPECT_EQ(std::memcmp(&gActions->gIndicationSubscription, &record, sizeof record), 0);
+  Subscribe("another", "");  // without a path: unsubscribes, and the stored record stays
+  EXPECT_EQ(gActions->gIndicationSubscribed.load(), 0);
+  EXPECT_STREQ(gActions->gIndicationSubscription.host, "console");
 }
 
-TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
+TEST_F(Indications, InvalidListenerIsRefused) {
   const std::string kHost = "the host is no name and no address", kPort = "the port is none",
                     kPath = "control characters in the path",
                     kLong = "the host is too long for a header", kOf1024(1024, 'h');
@@ -111,8 +113,9 @@ TEST_F(Indications, PlaceThatIsNoneGetsNoPost) {
   Subscribe("h\xF6st", "/", 0);  // port 0 is the scheme's
   EXPECT_EQ(Post("event").at(2), "WinHttpConnect(h\xC3\xB6st,443)");
   Subscribe(kOf1024, kOf1024);
-  EXPECT_EQ(std::strlen(gIndicationSubscription.host), 1023U) << "a text ends at its field";
-  EXPECT_EQ(std::strlen(gIndicationSubscription.path), 1023U);
+  EXPECT_EQ(std::strlen(gActions->gIndicationSubscription.host), 1023U)
+      << "a text ends at its field";
+  EXPECT_EQ(std::strlen(gActions->gIndicationSubscription.path), 1023U);
 }
 
 }  // namespace

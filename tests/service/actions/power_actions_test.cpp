@@ -1,18 +1,23 @@
-// The power actions: never of this machine, each a line in the lab's power.txt.
+// Each power call is a line in the lab's power.txt and never affects this machine.
 #include "service/actions/power_actions.h"
 
 #include <gtest/gtest.h>
 
 #include <tuple>
 
+#include "service/actions/actions_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
 namespace {
 
-class PowerActions : public MailboxTest {};
+class PowerActions : public MailboxTest {
+ protected:
+  PowerActions() { Renew(&gActions); }
+};
 
-TEST_F(PowerActions, OptionIsClearedAndMakesItsCall) {
+TEST_F(PowerActions, ReplyClearsTheOptionAndMakesItsCall) {
   const std::tuple<std::uint8_t, const char*, const char*> kRows[] = {
       {kPowerShutdown, "Shutdown initiated",
        "InitiateSystemShutdownExA message=none timeout=0 force=true reboot=false reason=0x40000\n"},
@@ -25,11 +30,11 @@ TEST_F(PowerActions, OptionIsClearedAndMakesItsCall) {
   gate::FailEvery("Sleep(2000)", gate::kFinishAtOnce);
   std::string calls;
   for (const auto& [option, line, call] : kRows) {
-    gPowerOption.store(option);
+    gActions->gPowerOption.store(option);
     EXPECT_TRUE(ActOnPowerOption());
     calls += call;
     EXPECT_TRUE(Eventually([&] { return LabText("power.txt") == calls; })) << line;
-    EXPECT_EQ(gPowerOption.load(), kPowerNone);
+    EXPECT_EQ(gActions->gPowerOption.load(), kPowerNone);
     EXPECT_TRUE(Logged(line)) << line;
   }
   EXPECT_EQ(ShutDownWithNotice(), 1U);
@@ -50,17 +55,17 @@ TEST_F(PowerActions, FailedStepIsLoggedAndClearsTheOptionUnlessItNeverStarted) {
       {kPowerSleep, "CreateThread", "Sleep power event thread failed"}};
   for (const auto& [option, call, line] : kRows) {
     gate::FailNext(call, 5);
-    gPowerOption.store(option);
+    gActions->gPowerOption.store(option);
     const bool started = option == kPowerReboot;
     EXPECT_EQ(ActOnPowerOption(), started);
     EXPECT_TRUE(Logged(line)) << line;
-    EXPECT_EQ(gPowerOption.load(), started ? kPowerNone : option);
+    EXPECT_EQ(gActions->gPowerOption.load(), started ? kPowerNone : option);
   }
   EXPECT_EQ(CountOf(Messages(), " Power option failed PowerOption: 0x2"), 4U);
   gate::FailNext("InitiateSystemShutdownExA", 1314);
   RebootNonDash();  // neither reads nor clears the option
   EXPECT_EQ(CountOf(Messages(), "Returned error 1314"), 2U);
-  EXPECT_EQ(gPowerOption.load(), kPowerSleep);
+  EXPECT_EQ(gActions->gPowerOption.load(), kPowerSleep);
 }
 
 }  // namespace

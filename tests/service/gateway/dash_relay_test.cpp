@@ -8,7 +8,7 @@
 #include <thread>
 #include <tuple>
 
-#include "service/actions/power_actions.h"
+#include "service/actions/actions_state.h"
 #include "service/gateway/listeners.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/slot_mark.h"
@@ -77,15 +77,15 @@ TEST_F(DashRelay, ConnectionIsAnnouncedBeforeItsBytesAndClosedBeforeTheNextOne) 
     second.Send(sent);
     ASSERT_TRUE(firmware_->Await(kData));
     EXPECT_TRUE(first.SeesEnd());
-    gPowerOption.store(kPowerReboot);
+    gActions->gPowerOption.store(kPowerReboot);
     for (const std::uint32_t error : {std::uint32_t{platform::kWsaEWouldBlock}, 10054U}) {
       gate::FailNext("send", error);
       Reply("lost");
     }
-    EXPECT_EQ(gPowerOption.load(), kPowerReboot) << "no reply has reached a socket";
+    EXPECT_EQ(gActions->gPowerOption.load(), kPowerReboot) << "no reply has reached a socket";
     Reply("answer");
     EXPECT_EQ(second.Receive(6), "answer");
-    EXPECT_EQ(gPowerOption.load(), kPowerNone);
+    EXPECT_EQ(gActions->gPowerOption.load(), kPowerNone);
   }
   EXPECT_TRUE(Logged("Sockwrite Failed in WriteDASHRXdata because of block"));
   EXPECT_TRUE(Logged("SockWrite Failed in WriteDASHRXdata"));

@@ -9,12 +9,12 @@
 
 #include "service/host/resume.h"
 #include "service/host/start_up.h"
-#include "service/inventory/status_report.h"
+#include "service/inventory/reports.h"
 #include "service/kvm/session.h"
 #include "service/kvm/shared_region.h"
 #include "service/mailbox/control_codes.h"
 #include "service/standby/address_watch.h"
-#include "service/standby/battery_report.h"
+#include "service/standby/standby_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -71,7 +71,7 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
   SendDatagram(lab() + "/addresses", "change");
   ASSERT_TRUE(firmware_->Await(kBooted));
   gate::Arm();
-  gTavrinRunning = 1;
+  gReports->gTavrinRunning = 1;
   EXPECT_EQ(SvcCtrlHandler(1, 0, nullptr, nullptr), 0U);
   Calls calls = ControlCalls();
   std::erase_if(calls, [](const std::string& call) { return call.starts_with("DeviceIo"); });
@@ -81,8 +81,8 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
                           "SetServiceStatus(16 3 1 0 0 2 0)"}));
   ASSERT_TRUE(Eventually([&] { return Held().threads == before - 2; })) << "the watch has ended";
   EXPECT_LE(firmware_->Requests().size(), 2U) << "the watch's own";
-  EXPECT_EQ(gTavrinRunning.load(), 0U);
-  EXPECT_EQ(gIpChangeHandle.load(), nullptr);
+  EXPECT_EQ(gReports->gTavrinRunning.load(), 0U);
+  EXPECT_EQ(gStandby->gIpChangeHandle.load(), nullptr);
   LogInfo("after the close");
   EXPECT_FALSE(Logged("after the close"));
 }
@@ -98,14 +98,14 @@ TEST_F(Control, NextResumeLetsTheOlderReportLeave) {
 }
 
 TEST_F(Control, PreshutdownReportsToTheFirmwareAndLeavesTheServiceRunning) {
-  gTavrinRunning = 1;
+  gReports->gTavrinRunning = 1;
   gate::FailNext("CancelIoEx", 1168);
   SvcCtrlHandler(15, 0, nullptr, nullptr);
   EXPECT_EQ(ControlCalls(),
             (Calls{"DeviceIoControl(0x9C41A460, in 2, out 0)", "GetExitCodeThread()",
                    "TerminateThread(exitCode=259)", "GetExitCodeThread()",
                    "TerminateThread(exitCode=259)", "CancelIoEx()"}));
-  EXPECT_EQ(gTavrinRunning.load(), 1U);
+  EXPECT_EQ(gReports->gTavrinRunning.load(), 1U);
   EXPECT_TRUE(Logged("CancelIO called preshutdown\nCancelIoEx failed 1168"));
 }
 
@@ -119,13 +119,13 @@ TEST_F(Control, PowerEventKeepsItsValue) {
     std::ofstream(lab() + "/battery.txt") << "0 " << flag << " 17";
     Setting(platform::kGuidBatteryPercentageRemaining, 17);
     EXPECT_TRUE(Logged(line));
-    EXPECT_EQ(gBatteryState.load(), state);
+    EXPECT_EQ(gStandby->gBatteryState.load(), state);
   }
   EXPECT_EQ(CountOf(Messages(), "Battery is "), 2U);
   Setting(platform::kGuidGlobalUserPresence, 2);
   gate::FailNext("GetSystemPowerStatus", 5);
   Setting(platform::kGuidGlobalUserPresence, 0);
-  EXPECT_EQ(gUserPresence.load(), 2U);
+  EXPECT_EQ(gStandby->gUserPresence.load(), 2U);
   SvcCtrlHandler(13, 0, nullptr, nullptr);  // without data nothing is read
 }
 

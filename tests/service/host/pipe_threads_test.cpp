@@ -12,8 +12,7 @@
 #include "service/actions/pipe_exchange.h"
 #include "service/actions/upgrade.h"
 #include "service/host/command_table.h"
-#include "service/inventory/ip_config.h"
-#include "service/inventory/status_report.h"
+#include "service/inventory/reports.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/dispatcher.h"
 #include "tests/service/host/pipe_server.h"
@@ -64,9 +63,9 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
   info.provisionStatus = kProvisioned;
   info.KVMStatus = 1200;
   gTavrinVersionInfo.Store(info);
-  gTavrinRunning.store(1);
+  gReports->gTavrinRunning.store(1);
   gKvmSessionStatus.Store({"YES"});
-  gIPInfo.Update([](IPInfo& ip) { ip.dnsAddress = 0xABCDEF01; });
+  gReports->gIPInfo.Update([](IPInfo& ip) { ip.dnsAddress = 0xABCDEF01; });
   tray.ExpectAnswers(
       1, {"ON", "Completed", std::string(64, 'v'), "YES", "1.0.0.533", "N/A", "Service Started",
           "0", "0", "0", "abcdef01", "Please provide proper input"});

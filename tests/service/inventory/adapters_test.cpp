@@ -1,5 +1,3 @@
-// The adapter's record, the steps through WMI with each of their failures, and the two other
-// readers of WMI: operating system and chassis.
 #include "service/inventory/adapters.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +6,6 @@
 #include <tuple>
 
 #include "platform/wmi.h"
-#include "service/inventory/chassis.h"
 #include "service/inventory/status_report.h"
 #include "tests/service/inventory/inventory_fixture.h"
 
@@ -55,7 +52,7 @@ TEST_F(AdaptersTest, FirstConnectedAdapterIsTaken) {
   }
 }
 
-TEST_F(AdaptersTest, FailedLookupHasItsOwnAnswerAndLine) {
+TEST_F(AdaptersTest, FailedLookupHasItsOwnResultAndLine) {
   Put("adapters.txt", "eth0 speed=9 dynamic\n");
   using Row = std::tuple<const char*, std::uint64_t, std::uint64_t, bool, const char*>;
   for (const auto& [call, skip, speed, dhcp, line] :
@@ -90,7 +87,7 @@ TEST_F(AdaptersTest, FailedWmiStepIsLoggedUnlessSecurityIsInForceAndEndsCom) {
     EXPECT_EQ(WmiMessages().back().find(line), 0U) << WmiMessages().back();
     EXPECT_TRUE(WmiMessages().back().ends_with("ode = 0x80070005"));
   }
-  // What an access that overlaps with another, or follows one whose thread was ended, finds.
+  // The situation of an access that overlaps with another, or follows one whose thread was ended.
   EXPECT_EQ(platform::CoInitializeEx() | platform::CoInitializeSecurity(), 0);
   EXPECT_EQ(GetNetworkinformation(&record_), 0U);
   platform::CoUninitialize();

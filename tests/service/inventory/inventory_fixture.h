@@ -1,5 +1,5 @@
 // A host for the inventory: a lab folder whose files name the adapters, wireless interfaces and
-// batteries, both logs open in it, and a firmware behind the mailbox.
+// batteries, with both logs open, and a firmware behind the mailbox.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,7 +14,9 @@
 
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
-#include "service/inventory/records.h"
+#include "service/inventory/reports.h"
+#include "service/standby/standby_state.h"
+#include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {
@@ -39,7 +41,7 @@ inline constexpr std::uint32_t kWriteOs = 0x9C41A42C;
 inline constexpr std::uint32_t kWriteIp = 0x9C41A430;
 inline constexpr std::uint32_t kWriteNetwork = 0x9C41A438;
 
-// Gives the calling thread names of its own. Returns false if this user may not have them.
+// Gives the calling thread names of its own. Returns false if this user may not do so.
 inline bool EnterOwnHostNames(const std::string& host, const std::string& domain) {
   return ::unshare(CLONE_NEWUTS) == 0 && ::sethostname(host.data(), host.size()) == 0 &&
          ::setdomainname(domain.data(), domain.size()) == 0;
@@ -51,6 +53,8 @@ class InventoryTest : public MailboxTest {
  protected:
   void SetUp() override {
     MailboxTest::SetUp();
+    Renew(&gReports);
+    Renew(&gStandby);
     ASSERT_EQ(WmiLog_Open(kWmiLog, 100 << 20), 0);
   }
   static Lines WmiMessages() { return LabTest::Messages(kWmiLog, "INFO:  ", " $$<"); }
@@ -71,7 +75,7 @@ class ReportTest : public InventoryTest {
   }
   Codes Sent() { return firmware_->Codes(); }
 
-  // The n-th message sent, as the record that it is.
+  // Returns the n-th message sent.
   template <class Record>
   Record Message(std::size_t n) {
     const std::vector<Asked> requests = firmware_->Requests();

@@ -1,4 +1,3 @@
-// The three outcomes for the IP record, and the two searches.
 #include "service/inventory/ip_config.h"
 
 #include <gtest/gtest.h>
@@ -48,7 +47,7 @@ TEST_F(IpConfigTest, FirstAddressesOfTheAdapterFillTheRecord) {
        "\tIPV4 DNSserver:192.168.1.2", "\tIPV4 Gateway:192.168.1.1", "A7", "08", "09"}));
 }
 
-TEST_F(IpConfigTest, SearchTakesTheFirstAdapterThatFits) {
+TEST_F(IpConfigTest, SearchReturnsTheFirstAdapterThatFits) {
   const std::string loopback = "lo loopback index=1 address=127.0.0.1/8\n";
   using Row = std::tuple<std::string, std::uint32_t, std::uint32_t>;
   for (const auto& [adapters, wlan, address] :

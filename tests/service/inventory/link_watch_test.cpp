@@ -1,4 +1,3 @@
-// The wireless network's states and changes, as the firmware and the change log show them.
 #include "service/inventory/link_watch.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +5,6 @@
 #include <thread>
 #include <tuple>
 
-#include "service/inventory/ip_config.h"
 #include "tests/service/inventory/inventory_fixture.h"
 
 namespace stewardry {
@@ -60,7 +58,7 @@ TEST_F(LinkWatchTest, ThreadsShareOneHandle) {
 
 TEST_F(LinkWatchTest, NewAddressIsReportedOnce) {
   Put("adapters.txt", std::string(kEthernet) + kWireless);
-  gIPInfo.Update([](IPInfo& record) { record.remoteAddress = record.remotePort = 5; });
+  gReports->gIPInfo.Update([](IPInfo& record) { record.remoteAddress = record.remotePort = 5; });
   for (const auto& data : {kConnected, kConnected, kDisconnected})
     WlanNotificationCallback(data, nullptr);
   ASSERT_EQ(Sent(), (Codes{kWriteIp, kWriteNetwork}));
@@ -96,7 +94,7 @@ TEST_F(LinkWatchTest, FailedCallLeavesNothingOpen) {
   const std::uint64_t calls = gate::Calls();
   ASSERT_GT(calls, 20U);
   for (std::uint64_t n = 1; n <= calls; ++n) {
-    gIPInfo.Store({});
+    gReports->gIPInfo.Store({});
     gate::Arm();
     gate::FailNth(n, 31);
     WlanNotificationCallback(kConnected, nullptr);

@@ -1,4 +1,3 @@
-// The status report as it reaches the firmware, and its lines.
 #include "service/inventory/status_report.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +18,7 @@ class StatusReportTest : public ReportTest {
   }
 };
 
-TEST_F(StatusReportTest, MessagesComeInTheirOrder) {
+TEST_F(StatusReportTest, MessagesAreSentInTheirOrder) {
   const bool named = EnterOwnHostNames("host", "lab.example");  // where this user may
   EXPECT_EQ(SendSystemInfo(nullptr), 0U);
   ASSERT_EQ(Sent(),
@@ -38,7 +37,7 @@ TEST_F(StatusReportTest, MessagesComeInTheirOrder) {
   EXPECT_EQ(TextOf(network.Name), u"eth0");
   EXPECT_EQ(network.endMarker, 0xFFFF);
   EXPECT_EQ(TextOf(gTavrinVersionInfo.Load().version), "7.1");
-  EXPECT_EQ(gTavrinRunning.load(), 1U);
+  EXPECT_EQ(gReports->gTavrinRunning.load(), 1U);
   EXPECT_EQ(CountCalls("Sleep"), 1U) << "one turn of the wait on a connected host";
 
   Put("wlan.txt", "1\n");
@@ -65,7 +64,7 @@ TEST_F(StatusReportTest, ReportWithoutFactsSendsAndLogsTheRest) {
        "Getting value from GetNetworkinformation", "Network Speed: 1000000000"}));
   EXPECT_EQ(TextOf(Message<OperationSysSInfo>(1).domainName), "N/A");
   EXPECT_EQ(TextOf(gTavrinVersionInfo.Load().version), kVersionNotAvailable);
-  EXPECT_EQ(gTavrinRunning.load(), 0U);
+  EXPECT_EQ(gReports->gTavrinRunning.load(), 0U);
 }
 
 TEST_F(StatusReportTest, HundredthTurnWithoutANetworkIsReportedOnce) {

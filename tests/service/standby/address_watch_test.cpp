@@ -1,4 +1,3 @@
-// The watch on the host's addresses, and the dumps.
 #include "service/standby/address_watch.h"
 
 #include <gtest/gtest.h>
@@ -21,12 +20,15 @@ class AddressWatch : public ReportTest {
     ReportTest::TearDown();
   }
   void Inject(const std::string& text) { SendDatagram(lab() + "/addresses", text); }
-  static std::uint32_t Notify(void*) { return IpInterfaceChangeCallback(nullptr, nullptr, 0), 0; }
+  static std::uint32_t Notify(void*) {
+    IpInterfaceChangeCallback(nullptr, nullptr, 0);
+    return 0;
+  }
 };
 
 TEST_F(AddressWatch, NewAddressIsReportedOnce) {
-  // Adapters, the kind of search (1 asks for an adapter that isn't Ethernet), messages sent until
-  // then, and the address last reported.
+  // Adapters, the kind of search (1: not Ethernet), messages sent so far, the address last
+  // reported.
   using Row = std::tuple<std::string, std::uint32_t, std::size_t, std::uint32_t>;
   for (const auto& [adapters, type, sent, address] :
        {Row{kLoopbackOnly, 0, 0, 0}, Row{kEthernet, 0, 2, kEthernetAddress},
@@ -36,7 +38,7 @@ TEST_F(AddressWatch, NewAddressIsReportedOnce) {
     Put("adapters.txt", adapters);
     IpInterfaceChangeCallback(nullptr, nullptr, type);
     EXPECT_EQ(Sent().size(), sent) << adapters;
-    EXPECT_EQ(gLastReportedAddress.load(), address) << adapters;
+    EXPECT_EQ(gStandby->gLastReportedAddress.load(), address) << adapters;
   }
   EXPECT_EQ(Sent(), (Codes{kWriteBooted, kWriteIp, kWriteBooted, kWriteIp}));
   EXPECT_EQ(Message<IPInfo>(1).ipAddress, kEthernetAddress);
@@ -50,26 +52,26 @@ TEST_F(AddressWatch, EntryDuringAReportOnlyCounts) {
   ASSERT_TRUE(firmware_->Await(kWriteIp));
   Notify(nullptr);
   Notify(nullptr);
-  EXPECT_EQ(gIpChangeEntry.load(), 3U);
+  EXPECT_EQ(gStandby->gIpChangeEntry.load(), 3U);
   EXPECT_EQ(Sent(), (Codes{kWriteBooted, kWriteIp}));
   platform::CancelIoEx(*gRequestDevice, nullptr);
   first.join();
-  EXPECT_EQ(gIpChangeEntry.load(), 0U);
+  EXPECT_EQ(gStandby->gIpChangeEntry.load(), 0U);
 }
 
-// A count left high would keep the watch silent for good.
+// A count left high would silence the watch for ever.
 TEST_F(AddressWatch, ThreadEndedInAReportResetsTheCount) {
   Put("adapters.txt", kEthernet);
   firmware_->SetVerdict(kWriteBooted, FirmwarePeer::kHold);
   platform::Thread thread = platform::CreateThread(Notify, nullptr);
   ASSERT_TRUE(firmware_->Await(kWriteBooted));
   EndThread(&thread);
-  EXPECT_EQ(gIpChangeEntry.load(), 0U);
-  EXPECT_EQ(gLastReportedAddress.load(), 0U);
+  EXPECT_EQ(gStandby->gIpChangeEntry.load(), 0U);
+  EXPECT_EQ(gStandby->gLastReportedAddress.load(), 0U);
 }
 
 TEST_F(AddressWatch, WatchReportsChangesUntilItIsUnregistered) {
-  (void)EnterOwnNetwork();  // the host's own changes stay away, where this user may
+  (void)EnterOwnNetwork();  // keeps the host's own changes out, where this user may
   Put("adapters.txt", kLoopbackOnly);
   gate::FailNext("NotifyIpInterfaceChange", 8);
   EXPECT_EQ(RegisterNetworkEvent(), 0U);
@@ -77,10 +79,10 @@ TEST_F(AddressWatch, WatchReportsChangesUntilItIsUnregistered) {
   EXPECT_EQ(RegisterNetworkEvent(), 0U) << "a second handle would be lost";
   Put("adapters.txt", kEthernet);
   for (const char* word : {"what", "change"}) Inject(word);
-  EXPECT_TRUE(Eventually([] { return gLastReportedAddress.load() == kEthernetAddress; }));
+  EXPECT_TRUE(Eventually([] { return gStandby->gLastReportedAddress.load() == kEthernetAddress; }));
   Put("adapters.txt", std::string(kEthernet) + kWireless);
   Inject("add");
-  EXPECT_TRUE(Eventually([] { return gLastReportedAddress.load() == kWirelessAddress; }));
+  EXPECT_TRUE(Eventually([] { return gStandby->gLastReportedAddress.load() == kWirelessAddress; }));
   UnregisterNetworkEvent();
   EXPECT_EQ(ServiceMessages().front(), "Success RegisterNetworkEvent");
   EXPECT_EQ(ServiceMessages().back(), "CancelMibChangeNotify2 Passed");
@@ -114,12 +116,12 @@ TEST_F(AddressDumps, EachRowOfTheAddressTableIsLogged) {
   EXPECT_TRUE(Logged("GetIpAddrTable failed with error 122"));
 }
 
-TEST_F(InventoryTest, WlanProfilesFillTheirRoomUpToTheCallThatFails) {
+TEST_F(AddressDumps, WlanProfilesFillTheirMemoryUpToTheCallThatFails) {
   Put("wlan.txt", "1\n9\n");
   Put("wlan_profiles.txt",
       "0 1 Office <a/>\n0 2 Home <bb>two words</bb>\n1 3 Far <c/>\n0 0 Empty\n");
   const std::u16string whole = u"<a/><bb>two words</bb><c/>";
-  // Exactly as much memory as the room, so that a sanitizer sees a unit too much.
+  // Exactly as much memory as the span, so that a sanitizer detects one unit too many.
   for (std::size_t room = 0; room <= whole.size() + 3; ++room) {
     const std::unique_ptr<char16_t[]> text(new char16_t[room]);
     std::fill_n(text.get(), room, u'!');

@@ -1,4 +1,3 @@
-// What the firmware receives about batteries and the user's presence, byte for byte.
 #include "service/standby/battery_report.h"
 
 #include <gtest/gtest.h>
@@ -33,8 +32,8 @@ TEST_F(BatteryReport, ChangedPresenceIsSentAndThenAChangedState) {
         Row{2, kBatteryIsDrained, {kPresence, kDrained}},
         Row{1, 7, {kPresence}},     // a state without a control code
         Row{0, 7, {kPresence}}}) {  // the same state
-    gUserPresence = presence;
-    gBatteryState = battery;
+    gStandby->gUserPresence = presence;
+    gStandby->gBatteryState = battery;
     ReportPresenceAndBattery();
     expected.insert(expected.end(), sent.begin(), sent.end());
     EXPECT_EQ(Sent(), expected) << presence << " " << battery;
@@ -44,10 +43,10 @@ TEST_F(BatteryReport, ChangedPresenceIsSentAndThenAChangedState) {
   EXPECT_EQ(Message<BatteryStatusRecord>(1).batteryState, kBatteryIsCritical);
   EXPECT_TRUE(Logged("StatusChanged of user 2") && Logged("StatusChanged of Battery 7"));
   CloseOrrinDevice();
-  gUserPresence = 5;
+  gStandby->gUserPresence = 5;
   ReportPresenceAndBattery();
   EXPECT_EQ(ServiceMessages().back(), "Failed");
-  EXPECT_EQ(gLastUserPresence.load(), 0U) << "the change is sent once there is a mailbox";
+  EXPECT_EQ(gStandby->gLastUserPresence.load(), 0U) << "the change is sent once there is a mailbox";
 }
 
 TEST_F(BatteryReport, LastBatteryOfWmiFillsTheRecord) {
@@ -86,7 +85,7 @@ TEST_F(BatteryReport, EachDeviceHasARecord) {
   EXPECT_EQ(ServiceMessages().back(), "Invalid device");
 }
 
-TEST_F(BatteryReport, FailureOfOneDeviceLeavesTheOther) {
+TEST_F(BatteryReport, FailureOfOneDeviceDoesNotAffectTheOther) {
   Put("batteries.txt", std::string(kInner) + kOuter);
   gate::FailNth(1000, 31);
   ReportBatteryDevices();

@@ -1,4 +1,4 @@
-// The capture of the firmware's log, on memory of exactly the ring's size. All cases use the one
+// The capture of the firmware's log, on memory of exactly the ring's size. All cases share the
 // capture file, so they are rows of one test.
 #include "service/standby/firmware_log.h"
 
@@ -45,21 +45,21 @@ TEST(FirmwareLog, NewLinesAreCapturedOnce) {
   const auto ring = std::make_unique<LogRing>();
   FillRing(ring.get());
   for (const Row& row : Rows()) {
-    gLogFileCreated = 0;
+    gStandby->gLogFileCreated = 0;
     UseRing(ring.get(), row.readIndex, row.writeIndex, row.first);
     CaptureLogBuffer();
     EXPECT_EQ(CapturedText(), row.captured) << row.name;
     EXPECT_EQ(ring->readIndex, row.nextIndex) << row.name;
     // Indexes outside the ring are no capture.
     const bool captured = row.captured.find("Starting") == 0;
-    EXPECT_EQ(gLogFirstCapture.load(), row.first && !captured ? 1U : 0U) << row.name;
+    EXPECT_EQ(gStandby->gLogFirstCapture.load(), row.first && !captured ? 1U : 0U) << row.name;
   }
 
   // A line that fills its entry ends with it, also the last one of the ring.
   std::memset(&ring->entries[2045], 'x', 2 * sizeof(LogRingEntry));
   std::memset(&ring->entries[2047], 'y', sizeof(LogRingEntry));
   reinterpret_cast<char*>(&ring->entries[2046])[9] = '\n';  // begins no line of its own
-  gLogFileCreated = 0;
+  gStandby->gLogFileCreated = 0;
   UseRing(ring.get(), 2045, 2047, false);
   CaptureLogBuffer();
   const std::string full = std::string(128, 'x') + "\n";
@@ -71,7 +71,7 @@ TEST(FirmwareLog, NewLinesAreCapturedOnce) {
   CaptureLogBuffer();
   const std::string second = first + Capture(2047, 2047, "No new data logged\n");
   EXPECT_EQ(CapturedText(), second);
-  gLogBufferAddress = 0;
+  gStandby->gLogBufferAddress = 0;
   CaptureLogBuffer();
   EXPECT_EQ(CapturedText(), second + "Log Buffer pointer returned NULL\n");
 }

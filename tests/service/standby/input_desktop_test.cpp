@@ -1,5 +1,3 @@
-// Which desktop a thread sits on after each operation, what the side log tells of the way there,
-// and what a failing step leaves.
 #include "service/standby/input_desktop.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +6,8 @@
 #include <thread>
 
 #include "platform/thread.h"
+#include "service/standby/standby_state.h"
+#include "tests/fresh_state.h"
 #include "tests/lab_folder_fixture.h"
 
 namespace stewardry {
@@ -20,13 +20,11 @@ constexpr char kInfoCall[] = "GetUserObjectInformationA";
 
 class InputDesktop : public LabTest {
  protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    gPlatformId = platform::kPlatformWinNt;
-  }
-  // A new thread begins on the default desktop.
+  // A new thread starts on the default desktop.
   template <class Body>
   static void OnNewThread(Body body) {
+    Renew(&gStandby);
+    gStandby->gPlatformId = platform::kPlatformWinNt;
     std::filesystem::remove(platform::NativePath(kSideLog));
     std::thread(body).join();
   }
@@ -45,7 +43,7 @@ class InputDesktop : public LabTest {
   }
 };
 
-TEST_F(InputDesktop, WayInAndBackClosesWhatItOpened) {
+TEST_F(InputDesktop, LeavingClosesTheHandlesThatEnteringOpened) {
   Put("input_desktop.txt", "Winlogon");
   OnNewThread([] {
     EXPECT_TRUE(EnterInteractiveDesktop());
@@ -58,16 +56,16 @@ TEST_F(InputDesktop, WayInAndBackClosesWhatItOpened) {
               "Step 6 SetThreadDesktop done \nUOI_NAME = Winlogon\n"
               "All 6 steps completed successfully\n");
     EXPECT_EQ(ThreadDesktopName(), "Winlogon");
-    EXPECT_EQ(platform::GetProcessWindowStation(), gNewWindowStation);
+    EXPECT_EQ(platform::GetProcessWindowStation(), gStandby->gNewWindowStation);
     gate::FailNext("SetThreadDesktop", 6);
     EXPECT_TRUE(LeaveInteractiveDesktop());
     ExpectLogged("SetThreadDesktop: failed with error 6");
-    EXPECT_EQ(platform::GetProcessWindowStation(), gOldWindowStation);
-    EXPECT_EQ(gNewWindowStation, nullptr);
-    EXPECT_NE(gNewDesktop, nullptr) << "a desktop in use is kept for the next way back";
+    EXPECT_EQ(platform::GetProcessWindowStation(), gStandby->gOldWindowStation);
+    EXPECT_EQ(gStandby->gNewWindowStation, nullptr);
+    EXPECT_NE(gStandby->gNewDesktop, nullptr) << "a desktop in use is kept for the next attempt";
     EXPECT_TRUE(ReturnToOldDesktop());
     EXPECT_EQ(ThreadDesktopName(), "Default");
-    EXPECT_EQ(gNewDesktop, nullptr);
+    EXPECT_EQ(gStandby->gNewDesktop, nullptr);
     EXPECT_FALSE(IsInputDesktopCurrent());
     ExpectLogged("threadname and inputname are different\n");
     Put("no_user.txt", "");
@@ -76,7 +74,7 @@ TEST_F(InputDesktop, WayInAndBackClosesWhatItOpened) {
   });
 }
 
-bool WayInAndBack() { return EnterInteractiveDesktop() && LeaveInteractiveDesktop(); }
+bool EnterAndLeave() { return EnterInteractiveDesktop() && LeaveInteractiveDesktop(); }
 bool SelectWinlogon() { return SelectDesktop("Winlogon", nullptr); }
 
 TEST_F(InputDesktop, FailedCallIsReportedAndDecidesTheResult) {
@@ -89,16 +87,16 @@ TEST_F(InputDesktop, FailedCallIsReportedAndDecidesTheResult) {
     const char* line;
   };
   constexpr auto kAttach = AttachInputDesktop;
-  constexpr auto kLook = IsInputDesktopCurrent;
+  constexpr auto kIsCurrent = IsInputDesktopCurrent;
   constexpr Row kRows[] = {
-      {WayInAndBack, "GetProcessWindowStation", 0, 5, false, "GetProcessWindowStation: failed"},
-      {WayInAndBack, "GetThreadDesktop", 0, 5, false, "GetThreadDeskto: failed with error 5"},
-      {WayInAndBack, "OpenWindowStationA", 0, 5, false, "OpenWindowStation: failed"},
-      {WayInAndBack, "SetProcessWindowStation", 0, 5, false, "SetProcessWindowStation: failed"},
-      {WayInAndBack, "OpenInputDesktop", 0, 5, false, "OpenInputDesktop failed with error 5"},
-      {WayInAndBack, "SetThreadDesktop", 0, 5, false, "SetThreadDesktop: failed with error 5"},
-      {WayInAndBack, "SetProcessWindowStation", 1, 6, true, "SetProcessWindowStation: failed"},
-      {WayInAndBack, "CloseWindowStation", 0, 6, true, "CloseWindowStation: failed with error 6"},
+      {EnterAndLeave, "GetProcessWindowStation", 0, 5, false, "GetProcessWindowStation: failed"},
+      {EnterAndLeave, "GetThreadDesktop", 0, 5, false, "GetThreadDeskto: failed with error 5"},
+      {EnterAndLeave, "OpenWindowStationA", 0, 5, false, "OpenWindowStation: failed"},
+      {EnterAndLeave, "SetProcessWindowStation", 0, 5, false, "SetProcessWindowStation: failed"},
+      {EnterAndLeave, "OpenInputDesktop", 0, 5, false, "OpenInputDesktop failed with error 5"},
+      {EnterAndLeave, "SetThreadDesktop", 0, 5, false, "SetThreadDesktop: failed with error 5"},
+      {EnterAndLeave, "SetProcessWindowStation", 1, 6, true, "SetProcessWindowStation: failed"},
+      {EnterAndLeave, "CloseWindowStation", 0, 6, true, "CloseWindowStation: failed with error 6"},
       {kAttach, "GetThreadDesktop", 0, 5, true, "GetThreadDeskto: failed"},
       {kAttach, "OpenInputDesktop", 0, 5, true, "OpenInputDesktop failed"},
       {kAttach, "SetThreadDesktop", 0, 5, true, "SetThreadDesktop(hDesk): failed"},
@@ -110,30 +108,29 @@ TEST_F(InputDesktop, FailedCallIsReportedAndDecidesTheResult) {
        "Open Desktop name Winlogon\nOpenInputDesktop: failed with error 2"},
       {SelectWinlogon, "SetThreadDesktop", 0, 5, false, "SetThreadDesktop: failed with error 5"},
       {SelectWinlogon, kInfoCall, 2, 5, false, "ShowObjectName: failed with error 5"},
-      {kLook, "OpenInputDesktop", 0, 170, true, "lastErrorCode: 170"},
-      {kLook, "OpenInputDesktop", 0, 624, true, "lastErrorCode: 624"},
-      {kLook, "OpenInputDesktop", 0, 5, false, "lastErrorCode H treating error\n"},
-      {kLook, "GetThreadDesktop", 0, 6, false, "threadDesktop GetUserObjectInf"},
-      {kLook, kInfoCall, 1, 6, false, "inputDesktopHandle GetUserObjectInformat"},
-      {kLook, "CloseDesktop", 0, 6, true,
+      {kIsCurrent, "OpenInputDesktop", 0, 170, true, "lastErrorCode: 170"},
+      {kIsCurrent, "OpenInputDesktop", 0, 624, true, "lastErrorCode: 624"},
+      {kIsCurrent, "OpenInputDesktop", 0, 5, false, "lastErrorCode H treating error\n"},
+      {kIsCurrent, "GetThreadDesktop", 0, 6, false, "threadDesktop GetUserObjectInf"},
+      {kIsCurrent, kInfoCall, 1, 6, false, "inputDesktopHandle GetUserObjectInformat"},
+      {kIsCurrent, "CloseDesktop", 0, 6, true,
        "inputDesktopHandle H\nUOI_NAME = Default\nCloseDesktop: failed with error 6"},
   };
   for (const Row& row : kRows)
     OnNewThread([&row] {
       SCOPED_TRACE(row.line);
-      gOldWindowStation = gNewWindowStation = gOldDesktop = gNewDesktop = nullptr;
       gate::Arm();
       gate::FailEvery("Sleep(500)", gate::kFinishAtOnce);
       gate::FailNext(row.call, row.error, row.skip);
       EXPECT_EQ(row.operation(), row.result);
       ExpectLogged(row.line);
       EXPECT_EQ(Log().find("All 6 steps") != std::string::npos,
-                row.operation == WayInAndBack && row.result);
+                row.operation == EnterAndLeave && row.result);
       EXPECT_EQ(CountCalls("Sleep"), row.error == 5 && row.call == std::string("GetUserNameA"));
     });
 }
 
-TEST_F(InputDesktop, SelectedDesktopReplacesTheOneBefore) {
+TEST_F(InputDesktop, SelectedDesktopReplacesThePreviousOne) {
   OnNewThread([] {
     platform::DesktopHandle current = nullptr;
     EXPECT_TRUE(SelectDesktop("Winlogon", &current));

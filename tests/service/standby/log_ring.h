@@ -7,6 +7,7 @@
 #include <string>
 
 #include "service/standby/firmware_log.h"
+#include "service/standby/standby_state.h"
 #include "tests/host_file.h"
 
 namespace stewardry {
@@ -20,22 +21,22 @@ inline void FillRing(LogRing* ring) {
   }
 }
 
-// Lets the next capture read `ring`, as the first one of the process or a later one.
+// Makes the next capture read `ring`, as the first one of the process or a later one.
 inline void UseRing(LogRing* ring, std::uint32_t readIndex, std::uint32_t writeIndex, bool first) {
   ring->readIndex = readIndex;
   ring->writeIndex = writeIndex;
-  gLogBufferAddress = reinterpret_cast<std::uint64_t>(ring);
-  gLogFirstCapture = first ? 1 : 0;
+  gStandby->gLogBufferAddress = reinterpret_cast<std::uint64_t>(ring);
+  gStandby->gLogFirstCapture = first ? 1 : 0;
 }
 
-// "line `from`" up to the one before `end`, one a line.
+// Returns "line `from`" up to the one before `end`, one a line.
 inline std::string Lines(std::uint32_t from, std::uint32_t end) {
   std::string lines;
   for (; from < end; ++from) lines += "line " + std::to_string(from) + "\n";
   return lines;
 }
 
-// The text of a capture in the file, its two times as "T".
+// Returns the text of a capture in the file, its two times as "T".
 inline std::string Capture(std::uint32_t readIndex, std::uint32_t writeIndex,
                            const std::string& lines) {
   return "Starting log buffer capture at T\nread pointer: " + std::to_string(readIndex) +
@@ -43,7 +44,7 @@ inline std::string Capture(std::uint32_t readIndex, std::uint32_t writeIndex,
          "Ending log buffer capture at T\n";
 }
 
-// The capture file with each "YYYY/MM/DD hh:mm:ss" as "T".
+// Returns the capture file with each "YYYY/MM/DD hh:mm:ss" as "T".
 inline std::string CapturedText() {
   static const std::regex time(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d)");
   return std::regex_replace(HostFileText(kFirmwareLogPath), time, "T");

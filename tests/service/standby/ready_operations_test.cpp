@@ -1,4 +1,4 @@
-// The operations that no flow of the service runs, on the real platform: the results that Windows
+// The operations that no flow of the service calls, on the real platform: the results that Windows
 // (or Wine) and Linux share on any machine. Each case has a service log of its own.
 #include <gtest/gtest.h>
 
@@ -13,13 +13,14 @@
 #include "service/standby/address_watch.h"
 #include "service/standby/event_sink.h"
 #include "service/standby/input_desktop.h"
+#include "service/standby/standby_state.h"
 #include "tests/eventually.h"
 #include "tests/host_file.h"
 
 namespace stewardry {
 namespace {
 
-class ReadyOperations : public testing::Test {
+class StandbyOperations : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(platform::WSAStartup(), 0);
@@ -40,7 +41,7 @@ class ReadyOperations : public testing::Test {
                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".log";
 };
 
-TEST_F(ReadyOperations, ChosenDesktopIsCurrent) {
+TEST_F(StandbyOperations, ChosenDesktopIsCurrent) {
   // On a thread of its own: the first thread of a test program may have windows.
   std::thread([] {
     ASSERT_TRUE(EnterInteractiveDesktop());
@@ -58,8 +59,8 @@ TEST_F(ReadyOperations, ChosenDesktopIsCurrent) {
   }).join();
 }
 
-// WMI calls the sink through its table of functions: another order would end the process.
-TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
+// WMI calls the sink through its table of functions: another order would crash the process.
+TEST_F(StandbyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
   const auto sink = EventSink::Make();
   void* same = nullptr;
   for (const platform::Guid& id : {platform::kIidUnknown, platform::kIidWbemObjectSink}) {
@@ -76,7 +77,7 @@ TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
 
   ASSERT_FALSE(platform::Failed(platform::CoInitializeEx()));
   {
-    (void)platform::CoInitializeSecurity();  // once a process; it may have been
+    (void)platform::CoInitializeSecurity();  // fails if this process has called it
     platform::WbemLocator locator;
     platform::WbemServices services;
     ASSERT_EQ(platform::CreateWbemLocator(&locator), 0);
@@ -92,18 +93,18 @@ TEST_F(ReadyOperations, SinkHasTheFunctionsOfWmiInTheirOrder) {
 }
 
 // Windows counts the terminator of a description, Wine doesn't.
-TEST_F(ReadyOperations, SpeedIsThatOfTheFirstRowOfTheNameThatHasOne) {
+TEST_F(StandbyOperations, SpeedIsReadFromTheFirstRowOfTheNameThatHasOne) {
   for (const std::string& end : {std::string(), std::string(1, '\0')})
     EXPECT_EQ(
         SpeedInTable({{{"eth" + end, 1, 9}, {"eth0" + end, 2, 0}, {"eth0" + end, 3, 7}}}, "eth0"),
         7U);
 }
 
-TEST_F(ReadyOperations, AddressesAreWatchedAndDumped) {
+TEST_F(StandbyOperations, AddressesAreWatchedAndDumped) {
   EXPECT_EQ(RegisterNetworkEvent(), 1U);
   EXPECT_TRUE(Logged("Success RegisterNetworkEvent"));
   UnregisterNetworkEvent();
-  EXPECT_EQ(gIpChangeHandle.load(), nullptr);
+  EXPECT_EQ(gStandby->gIpChangeHandle.load(), nullptr);
   EXPECT_EQ(DumpIpAddrTable(), 0U);
   EXPECT_NE(Log().find("127.0.0.1 <thread="), std::string::npos) << Log();
 }

@@ -1,4 +1,4 @@
-#include "lab/local/line_stream.h"
+#include "lab/scm/line_stream.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@ bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == E
 
 bool LineStream::Read() {
   char bytes[4096];
-  const ssize_t count = read(socket_.Get(), bytes, sizeof(bytes));
+  const ssize_t count = read(socket_.Get(), bytes, sizeof bytes);
   if (count < 0) return WouldBlock();
   if (count == 0) return false;
   in_.append(bytes, static_cast<std::size_t>(count));
@@ -31,7 +31,10 @@ std::optional<std::string> LineStream::Line() {
   return line;
 }
 
-void LineStream::Send(std::string_view line) { out_.append(line).push_back('\n'); }
+void LineStream::Send(std::string_view line) {
+  assert(line.find('\n') == std::string_view::npos);
+  out_.append(line).push_back('\n');
+}
 
 bool LineStream::Flush() {
   while (!out_.empty()) {
