@@ -135,7 +135,7 @@ class Report(WineLabTest):
 
 
 class Dash(WineLabTest, dash_test.Dash):
-    test_inventory_is_that_of_the_host = None  # Report checks this host's
+    test_inventory_describes_the_host = None  # Report checks this host's
 
 
 class Indications(WineLabTest, indications_test.Indications):
