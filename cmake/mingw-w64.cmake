@@ -1,4 +1,4 @@
-# Cross-compiling for 64-bit Windows with Debian's mingw-w64 (POSIX threads).
+# Cross-compiles for 64-bit Windows with Debian's mingw-w64 (POSIX threads).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)

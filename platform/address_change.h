@@ -1,5 +1,5 @@
-// Changes of the host's IPv4 interfaces and addresses, told by the platform as they happen. On
-// Linux the kernel tells of them over rtnetlink.
+// Notifications of changes to the host's IPv4 interfaces and addresses. On Linux they come from
+// rtnetlink.
 #pragma once
 
 #include <cstdint>
@@ -13,17 +13,18 @@ constexpr std::uint32_t kMibParameterNotification = 0;
 constexpr std::uint32_t kMibAddInstance = 1;
 constexpr std::uint32_t kMibDeleteInstance = 2;
 
-// PIPINTERFACE_CHANGE_CALLBACK: `row` is a MIB_IPINTERFACE_ROW of the platform's, which nobody
-// here looks into; null on Linux.
+// PIPINTERFACE_CHANGE_CALLBACK. `row` is Windows' MIB_IPINTERFACE_ROW and is not read here; it is
+// null on Linux.
 using IpChangeCallback = void (*)(void* context, const void* row, std::uint32_t type);
 
-// NotifyIpInterfaceChange(AF_INET, callback, context, FALSE, handle): the callback runs on a thread
-// of the platform's until the handle is given back, for one change at a time or for several. One
-// registration at a time in a process. 0 or an error.
+// Registers a callback for changes (NotifyIpInterfaceChange for AF_INET, without an initial
+// notification). It runs on a thread of the platform until the registration is cancelled, once for
+// one change or several. Requires that the process has no other registration. Returns an error
+// code.
 std::uint32_t NotifyIpInterfaceChange(IpChangeCallback callback, void* context, RawHandle* handle);
 
-// CancelMibChangeNotify2: gives the handle back. It waits for a callback that is running, so it
-// must not be called from one. 0 or an error.
+// Cancels the registration (CancelMibChangeNotify2). Blocks while a callback runs, so it must not
+// be called from one. Returns an error code.
 std::uint32_t CancelMibChangeNotify2(RawHandle handle);
 
 }  // namespace platform

@@ -1,5 +1,5 @@
-// Battery devices: their interface class, their records, and the calls to one. On Linux they are
-// the batteries of /sys/class/power_supply.
+// Battery devices: their interface class, their records and their calls. On Linux they are the
+// batteries of /sys/class/power_supply.
 #pragma once
 
 #include <cstddef>
@@ -14,12 +14,12 @@ namespace platform {
 inline constexpr Guid kBatteryInterfaceClass = {
     0x72631E54, 0x78A4, 0x11D0, {0xBC, 0xF7, 0x00, 0xAA, 0x00, 0xB7, 0xB3, 0x2A}};
 
-// The control codes, all three of them reads.
+// The control codes.
 constexpr std::uint32_t kIoctlBatteryQueryTag = 0x294040;          // IOCTL_BATTERY_QUERY_TAG
 constexpr std::uint32_t kIoctlBatteryQueryInformation = 0x294044;  // ..._QUERY_INFORMATION
 constexpr std::uint32_t kIoctlBatteryQueryStatus = 0x29404C;       // ..._QUERY_STATUS
 
-constexpr std::uint32_t kBatteryTagInvalid = 0;            // BATTERY_TAG_INVALID: none in the slot
+constexpr std::uint32_t kBatteryTagInvalid = 0;            // BATTERY_TAG_INVALID: no battery
 constexpr std::uint32_t kBatteryInformationLevel = 0;      // BatteryInformation
 constexpr std::uint32_t kBatterySystemBattery = 1U << 31;  // BATTERY_SYSTEM_BATTERY
 constexpr std::uint32_t kBatteryIsShortTerm = 1U << 29;    // BATTERY_IS_SHORT_TERM
@@ -51,7 +51,7 @@ struct BatteryInformation {
 static_assert(sizeof(BatteryInformation) == 36 && offsetof(BatteryInformation, chemistry) == 8 &&
               offsetof(BatteryInformation, cycleCount) == 32);
 
-// BATTERY_WAIT_STATUS, 20 bytes. With a zero time-out the status is given at once.
+// BATTERY_WAIT_STATUS, 20 bytes. A time-out of 0 queries the status without a wait.
 struct BatteryWaitStatus {
   std::uint32_t tag;
   std::uint32_t timeoutMilliseconds;
@@ -73,11 +73,12 @@ static_assert(sizeof(BatteryStatus) == 16);
 void CloseBattery(RawHandle raw);
 using BatteryHandle = Owned<struct BatteryHandleTag, CloseBattery>;
 
-// CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, null,
-// OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, null). Holds the invalid handle value on failure.
+// Opens an existing battery for reading and writing, shared with other openers (CreateFileA). Holds
+// the invalid handle value on failure.
 BatteryHandle OpenBattery(const char* path);
 
-// DeviceIoControl without a request record: waits for the device. *returned gets the byte count.
+// Sends a request and blocks until it has finished (DeviceIoControl). Stores the number of output
+// bytes in *returned.
 bool BatteryIoControl(const BatteryHandle& battery, std::uint32_t code, const void* input,
                       std::uint32_t inputSize, void* output, std::uint32_t outputSize,
                       std::uint32_t* returned);

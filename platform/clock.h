@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// GetSystemTimeAsFileTime: 100-nanosecond units since 1601-01-01 00:00 UTC. Wall-clock time.
+// Returns the wall-clock time in units of 100 nanoseconds since 1601-01-01 00:00 UTC.
 std::uint64_t GetSystemTimeAsFileTime();
 
 // SYSTEMTIME's fields: month 1 to 12, dayOfWeek 0 (Sunday) to 6.
@@ -14,11 +14,11 @@ struct LocalTime {
   std::uint16_t year, month, dayOfWeek, day, hour, minute, second, milliseconds;
 };
 
-// GetLocalTime: the wall clock in the machine's time zone.
+// Returns the wall-clock time in the machine's time zone.
 LocalTime GetLocalTime();
 
-// GetTimeZoneInformation: writes StandardName as ANSI text with a terminator into `text` of `size`
-// bytes, cut to fit.
+// Stores the time zone's StandardName (GetTimeZoneInformation) in `text` of `size` bytes: ANSI,
+// zero-terminated, cut to fit.
 void GetTimeZoneStandardName(char* text, std::size_t size);
 
 }  // namespace platform

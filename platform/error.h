@@ -1,5 +1,5 @@
-// The last error of the calling thread, in Windows numbers on every platform, so that a log line
-// with an error number means the same wherever the service runs.
+// The last error of the calling thread, in Windows numbers on both platforms, so that an error
+// number in a log line means the same on both.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace platform {
 
-// Winerror.h numbers that the service compares with or the stand-ins report.
+// Numbers of winerror.h that the service compares or a stand-in reports.
 enum : std::uint32_t {
   kErrorSuccess = 0,
   kErrorFileNotFound = 2,
@@ -23,26 +23,29 @@ enum : std::uint32_t {
   kErrorCallNotImplemented = 120,
   kErrorInsufficientBuffer = 122,
   kErrorAlreadyExists = 183,
+  kErrorNoData = 232,
   kErrorMoreData = 234,
   kErrorNoMoreItems = 259,
   kErrorOperationAborted = 995,
+  kErrorIoIncomplete = 996,
   kErrorIoPending = 997,
   kErrorServiceNotActive = 1062,
   kErrorFailedServiceControllerConnect = 1063,
   kErrorServiceExists = 1073,
   kErrorDeviceNotConnected = 1167,
+  kErrorNotFound = 1168,
   kErrorPrivilegeNotHeld = 1314,
 };
 
-// GetLastError: the calling thread's last error. Read it directly after the failing call.
+// Returns the last error of the calling thread (GetLastError). Must follow the failed call
+// directly.
 std::uint32_t LastError();
 
-// SetLastError, for the calling thread.
+// Sets the last error of the calling thread.
 void SetLastError(std::uint32_t error);
 
-// FormatMessageA from the system, inserts ignored, default language: writes the text of `error`
-// with a terminator into `text` of `size` bytes, cut to fit, and gives its length without the
-// terminator; 0 when the system has no text for it.
+// Stores the system's text for `error` in `text` of `size` bytes, zero-terminated, cut to fit.
+// Returns its length without the terminator, 0 if the system has no text.
 std::size_t FormatMessageA(std::uint32_t error, char* text, std::size_t size);
 
 }  // namespace platform

@@ -16,16 +16,14 @@ constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // WAIT_FAILED
 void CloseEvent(RawHandle raw);
 using Event = Owned<struct EventTag, CloseEvent>;
 
-// CreateEventA, unnamed. An auto-reset event lets one waiter through and resets itself. Gives an
-// empty owner on failure, with the last error set. Any thread.
+// Creates an unnamed event. An auto-reset event releases one waiting thread and resets itself.
 Event CreateEventA(bool manualReset, bool signalled);
 
-// SetEvent, ResetEvent: true on success. Any thread.
 bool SetEvent(const Event& event);
 bool ResetEvent(const Event& event);
 
-// WaitForSingleObject: waits up to `milliseconds` (kInfinite for no bound) and gives kWaitObject0,
-// kWaitTimeout or kWaitFailed. On Linux a thread that was terminated leaves from here.
+// Blocks until the event is signalled, for at most `milliseconds` (kInfinite for no limit). Returns
+// kWaitObject0, kWaitTimeout or kWaitFailed. On Linux a terminated thread ends here.
 std::uint32_t WaitForSingleObject(const Event& event, std::uint32_t milliseconds);
 
 }  // namespace platform

@@ -15,8 +15,8 @@ struct Guid {
 static_assert(sizeof(Guid) == 16 && offsetof(Guid, data4) == 8);
 
 constexpr std::size_t kGuidTextUnits = 39;  // "{...}" and its terminator
-// StringFromGUID2: "{72631E54-78A4-11D0-BCF7-00AA00B7B32A}", terminated. False, with an empty text,
-// if the platform couldn't.
+// Stores the text of a GUID, "{72631E54-78A4-11D0-BCF7-00AA00B7B32A}", zero-terminated. Returns
+// false with an empty text on failure.
 bool StringFromGUID2(const Guid& guid, char16_t (&text)[kGuidTextUnits]);
 
 }  // namespace platform

@@ -1,6 +1,4 @@
-// The one owner type behind every handle of the contract: move-only, closes what it holds, knows
-// its "no value". What a raw handle means is the platform's own affair; nobody outside platform/
-// looks inside one.
+// The owner of every handle of the contract. Raw handles are opaque outside platform/.
 #pragma once
 
 #include <cstddef>
@@ -12,13 +10,13 @@ namespace platform {
 
 using RawHandle = void*;
 
-// Windows' INVALID_HANDLE_VALUE: all bits set.
+// Returns INVALID_HANDLE_VALUE, all bits set.
 inline RawHandle InvalidHandleValue() {
   return reinterpret_cast<RawHandle>(~static_cast<std::uintptr_t>(0));
 }
 
-// Owns one raw handle. Tag makes the kinds distinct types; Close releases a held value and is
-// never called with null or the invalid handle value.
+// Owns one raw handle. It is empty, and converts to false, while it holds null or the invalid
+// handle value; Close is called for any other value. Tag makes a distinct type of each kind.
 template <class Tag, void (*Close)(RawHandle)>
 class Owned {
  public:
@@ -44,8 +42,8 @@ class Owned {
   RawHandle raw_ = nullptr;
 };
 
-// A process-wide object that is never destroyed: threads that nothing ends still use it while the
-// process leaves, so the system reclaims it.
+// A process-wide object that is never destroyed, because threads still use it while the process
+// exits.
 template <class T>
 class ProcessLifetime {
  public:

@@ -1,4 +1,5 @@
-// Blocks of the process heap for platform calls that fill a caller's block.
+// Heap blocks that platform calls fill. Each is aligned for any object; its owner is empty if
+// allocation fails.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +11,13 @@ namespace platform {
 void HeapFree(RawHandle raw);
 using HeapBlock = Owned<struct HeapBlockTag, HeapFree>;
 
-// HeapAlloc(GetProcessHeap(), 0, size): aligned for any object; empty owner when there is none.
+// Allocates from the process heap, not zeroed.
 HeapBlock HeapAlloc(std::size_t size);
 
 void LocalFree(RawHandle raw);
 using LocalBlock = Owned<struct LocalBlockTag, LocalFree>;
 
-// LocalAlloc(LPTR, size): a zeroed block, aligned for any object; empty owner when there is none.
+// Allocates a zeroed block (LocalAlloc with LPTR).
 LocalBlock LocalAlloc(std::size_t size);
 
 }  // namespace platform

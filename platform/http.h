@@ -1,7 +1,6 @@
-// One HTTP or HTTPS request to a host, as far as the service goes with it: the request is sent and
-// the answer isn't read. Text is UTF-16; the operations return when they are done, on any thread,
-// one thread for a handle and what was made from it. A handle must go before the one it was made
-// from. On Linux libcurl does the work: the lab's service reaches real listeners.
+// HTTP and HTTPS requests whose responses are not read. Text is UTF-16. One thread at a time uses a
+// session and what was made from it; a handle must be closed before the one it was made from. On
+// Linux libcurl sends the requests.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +9,7 @@
 
 namespace platform {
 
-// Winhttp.h numbers that a failure may give.
+// Numbers of winhttp.h.
 enum : std::uint32_t {
   kErrorWinHttpTimeout = 12002,
   kErrorWinHttpInvalidUrl = 12005,
@@ -32,35 +31,31 @@ using HttpSession = Owned<struct HttpSessionTag, WinHttpCloseHandle>;
 using HttpConnection = Owned<struct HttpConnectionTag, WinHttpCloseHandle>;
 using HttpRequest = Owned<struct HttpRequestTag, WinHttpCloseHandle>;
 
-// WinHttpOpen with the default proxy of the system (on Linux: of the environment). Windows runs the
-// requests of the session in the background, and WinHttpSendRequest waits for them: only such a one
-// may be closed while it runs.
+// Opens an asynchronous session with the default proxy of the system, on Linux of the environment:
+// only an asynchronous request may be closed while it is sent.
 HttpSession WinHttpOpen(const char16_t* agent);
 
-// WinHttpSetTimeouts, in milliseconds.
+// Sets the time-outs in milliseconds; 0 is no limit.
 bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, int send,
                         int receive);
 
-// WinHttpConnect: notes the host, a name or an address, and the TCP port. Nothing is sent yet.
+// Stores the host, a name or an address, and the TCP port. Sends nothing.
 HttpConnection WinHttpConnect(const HttpSession& session, const char16_t* host, std::uint16_t port);
 
-// WinHttpOpenRequest with default version, no referrer and default accept types; `flags` is 0 or
-// kWinHttpFlagSecure.
+// Creates a request with the default version and accept types; `flags` is 0 or kWinHttpFlagSecure.
 HttpRequest WinHttpOpenRequest(const HttpConnection& connection, const char16_t* verb,
                                const char16_t* path, std::uint32_t flags);
 
-// WinHttpAddRequestHeaders with WINHTTP_ADDREQ_FLAG_ADD_IF_NEW: lines that end in CR LF; a header
-// that the request has already is left out.
+// Adds headers, lines that end in CR LF; skips a header that the request has already
+// (WINHTTP_ADDREQ_FLAG_ADD_IF_NEW).
 bool WinHttpAddRequestHeaders(const HttpRequest& request, const char16_t* headers);
 
-// WinHttpSetOption with WINHTTP_OPTION_SECURITY_FLAGS: what of the listener's certificate isn't
-// looked at.
+// Sets which faults of the server's certificate are ignored (WINHTTP_OPTION_SECURITY_FLAGS).
 bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags);
 
-// WinHttpSendRequest: connects and sends the headers and `size` bytes of body, which is the whole
-// of it. `headers` are more than were added before; null for none. True when everything has been
-// given to the connection. Over after `boundMs` in any case: then false with kErrorWinHttpTimeout,
-// and the request can only be closed. Once for a request.
+// Connects and sends the headers and the whole body of `size` bytes. `headers` are further headers,
+// or null. Blocks until all of it has been passed to the connection, for at most `boundMs`; then it
+// returns false with kErrorWinHttpTimeout, and the request can only be closed. Once per request.
 bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
                         std::uint32_t size, std::uint32_t boundMs);
 

@@ -1,4 +1,4 @@
-// Mutexes that survive the death of their holder.
+// Mutexes whose holder may end without a release.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +10,16 @@ namespace platform {
 void CloseMutex(RawHandle raw);
 using Mutex = Owned<struct MutexTag, CloseMutex>;
 
-// CreateMutexA, not owned at first. A `name` makes it machine-wide: every process that gives the
-// name gets the same mutex; null makes one private to this process. Empty owner on failure: with
-// kErrorInvalidHandle if an object of another kind has the name, with kErrorAccessDenied if this
-// process may not open the mutex that has it.
+// Creates a mutex, not held, or opens the existing one of that name, which all processes share. A
+// null `name` makes it private to this process. Fails with kErrorInvalidHandle if an object of
+// another kind has the name, with kErrorAccessDenied if the process may not open it.
 Mutex CreateMutexA(const char* name);
 
-// WaitForSingleObject on a mutex: kWaitObject0 when taken, kWaitAbandoned when taken from a holder
-// that died with it, kWaitTimeout, kWaitFailed. The constants are those of platform/event.h.
+// Blocks until the calling thread holds the mutex, for at most `milliseconds`. Returns a result of
+// platform/event.h; kWaitAbandoned if a thread ended while it held the mutex, which is held now.
 std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds);
 
-// ReleaseMutex: true on success; only the thread that holds it may call.
+// Releases the mutex. Must be called by the thread that holds it.
 bool ReleaseMutex(const Mutex& mutex);
 
 }  // namespace platform

@@ -1,5 +1,5 @@
-// The client's end of a named pipe that another process serves. On Linux a pipe is a Unix socket in
-// the lab folder: \\.\pipe\Name is pipe/Name.
+// The client's end of a named pipe. On Linux \\.\pipe\Name is the Unix socket pipe/Name of the lab
+// folder.
 #pragma once
 
 #include <cstdint>
@@ -15,24 +15,24 @@ constexpr std::uint32_t kErrorPipeNotConnected = 233;  // ERROR_PIPE_NOT_CONNECT
 void ClosePipe(RawHandle raw);
 using Pipe = Owned<struct PipeTag, ClosePipe>;
 
-// CreateFileA(name, GENERIC_READ | GENERIC_WRITE, shareMode, null, OPEN_EXISTING,
-// FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, null). Doesn't wait for a
-// server with a free instance. Anybody may serve a pipe of any name, so the server may learn who
-// its client is, and can't act as that user. Holds the invalid handle value on failure.
+constexpr std::uint32_t kShareWrite = 2;  // FILE_SHARE_WRITE
+
+// Connects to a free instance of a pipe and does not wait for one (CreateFileA). Any user may serve
+// a pipe of any name, so the server may identify its client but not impersonate it
+// (SECURITY_IDENTIFICATION). Holds the invalid handle value on failure.
 Pipe OpenPipe(const char* name, std::uint32_t shareMode);
 
-// GetNamedPipeServerProcessId: the process that serves this end's other side. False on failure.
+// Stores the process id of the server.
 bool GetNamedPipeServerProcessId(const Pipe& pipe, std::uint32_t* processId);
 
-// WriteFile: waits for up to `milliseconds` (kInfinite for no bound) until the pipe has taken all
-// bytes; *written gets their count. False with kErrorOperationAborted when the time has passed; a
-// part may have been taken then.
+// Blocks until the pipe has taken all bytes, for at most `milliseconds` (kInfinite for no limit),
+// and stores their number in *written. Returns false with kErrorOperationAborted when the time has
+// passed; a part may have been written.
 bool WriteFile(const Pipe& pipe, const void* bytes, std::uint32_t size, std::uint32_t milliseconds,
                std::uint32_t* written);
 
-// ReadFile: waits until there is something, then gives up to `size` bytes of it;
-// *read gets the count. False, with 0 and kErrorBrokenPipe, once the server has hung up and all
-// that it had said was read.
+// Blocks until there is data, reads at most `size` bytes of it and stores their number in *read.
+// Returns false with kErrorBrokenPipe and 0 when the server has closed and all data has been read.
 bool ReadFile(const Pipe& pipe, void* buffer, std::uint32_t size, std::uint32_t* read);
 
 }  // namespace platform

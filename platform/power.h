@@ -1,5 +1,5 @@
-// Privileges, the power calls and the power status. On Linux the power calls write a line to the
-// lab's power.txt and never touch the machine.
+// Privileges, power actions and the power status. On Linux a power action only appends a line to
+// the lab's power.txt.
 #pragma once
 
 #include <cstdint>
@@ -16,18 +16,23 @@ struct Luid {
   std::int32_t high;
 };
 
-// OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY): the service's own.
+// Opens the token of this process, to query it and to adjust its privileges.
 Token OpenProcessToken();
-// LookupPrivilegeValueA(null, name).
+// Stores the identifier of a privilege of this machine.
 bool LookupPrivilegeValueA(const char* name, Luid* luid);
-// AdjustTokenPrivileges of one privilege to SE_PRIVILEGE_ENABLED, no previous state asked for.
+// Enables one privilege. Returns true also if the token lacks it: then only the last error says so.
 bool AdjustTokenPrivileges(const Token& token, const Luid& luid);
 
-// InitiateSystemShutdownExA(null, message, timeout, forceClose, reboot, reason).
+constexpr std::uint32_t kReasonMajorApplication = 0x40000;  // SHTDN_REASON_MAJOR_APPLICATION
+
+// Starts a shutdown or reboot of this machine. `message` may be null.
 bool InitiateSystemShutdownExA(const char* message, std::uint32_t timeoutSeconds, bool forceClose,
                                bool reboot, std::uint32_t reason);
-// SetSuspendState(hibernate, force, wakeEventsDisabled).
+// Suspends or hibernates the machine.
 bool SetSuspendState(bool hibernate, bool force, bool wakeEventsDisabled);
+
+constexpr std::uint8_t kBatteryFlagLow = 2;       // BATTERY_FLAG_LOW
+constexpr std::uint8_t kBatteryFlagCritical = 4;  // BATTERY_FLAG_CRITICAL
 
 // SYSTEM_POWER_STATUS, 12 bytes.
 struct SystemPowerStatus {

@@ -1,4 +1,4 @@
-// The process: its folders, its path, its memory, its end, and the output of a shell command.
+// The process: its folders, path, memory and exit, and the output of a shell command.
 #pragma once
 
 #include <cstddef>
@@ -10,53 +10,54 @@ namespace platform {
 
 constexpr std::size_t kMaxPath = 260;  // MAX_PATH
 
-// Run once, before anything else: on Windows narrows the DLL search to the system folder and loads
-// from there every DLL that the program uses; on Linux ignores SIGPIPE, occupies descriptors 0 to 2
-// and makes the lab folder. False when the search stays wide, or the descriptors free.
+// Prepares the process; must be its first call. On Windows it restricts the DLL search to the
+// system folder and loads every DLL of the program from there. On Linux it ignores SIGPIPE,
+// occupies descriptors 0 to 2 and creates the lab folder. Returns false if the search is not
+// restricted, or a descriptor stays free.
 bool PrepareProcess();
 
-// SHGetFolderPathA(CSIDL_COMMON_APPDATA): the machine's common application data folder, without a
-// trailing separator, into `path` of kMaxPath bytes. False on failure.
+// Stores the common application data folder of the machine in `path`, without a trailing separator.
 bool GetCommonAppDataFolder(char (&path)[kMaxPath]);
 
-// GetModuleFileNameA for the process: the executable's full path into `path` of kMaxPath bytes.
-// Gives its length; 0 on failure, with kErrorInsufficientBuffer for a path that is longer than that
-// and would be another file's when cut.
+// Stores the full path of the executable in `path`. Returns its length, or 0 on failure, with
+// kErrorInsufficientBuffer if it does not fit.
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]);
 
-// ExitProcess: ends the process at once, whichever thread calls. No destructor of a static object
-// runs, since other threads still use them.
+// Ends the process at once. Static objects are not destroyed, because other threads still use them.
 [[noreturn]] void ExitProcess(std::uint32_t exitCode);
 
-// K32GetProcessMemoryInfo with the extended counters: PrivateUsage in bytes, 0 on failure.
+// Returns the private memory of the process in bytes (PrivateUsage), 0 on failure.
 std::uint64_t GetPrivateUsage();
 
 constexpr std::uint32_t kMemCommit = 0x1000;           // MEM_COMMIT
+constexpr std::uint32_t kMemPrivate = 0x20000;         // MEM_PRIVATE
+constexpr std::uint32_t kMemMapped = 0x40000;          // MEM_MAPPED
 constexpr std::uint32_t kMemImage = 0x1000000;         // MEM_IMAGE
+constexpr std::uint32_t kPageReadOnly = 0x02;          // PAGE_READONLY
 constexpr std::uint32_t kPageReadWrite = 0x04;         // PAGE_READWRITE
 constexpr std::uint32_t kPageExecuteReadWrite = 0x40;  // PAGE_EXECUTE_READWRITE
+constexpr std::uint32_t kPageGuard = 0x100;            // PAGE_GUARD
 
-// MEMORY_BASIC_INFORMATION: the fields that are read. On Linux state, protection and type are told
-// in Windows' numbers, and an image is what is mapped privately from a file.
+// The fields of MEMORY_BASIC_INFORMATION that are read, in Windows' numbers on both platforms. On
+// Linux an image is a private mapping of a file.
 struct MemoryInformation {
-  std::uint64_t baseAddress;  // of a run of pages that are alike
+  std::uint64_t baseAddress;  // of a run of pages of the same kind
   std::uint64_t regionSize;   // bytes
   std::uint32_t state;
-  std::uint32_t protect;  // also bits beside those of the kind of access
+  std::uint32_t protect;  // the access and modifier bits
   std::uint32_t type;
 };
-// VirtualQuery: the pages of this process around `address`. False on failure.
+// Stores the state of the pages around `address` in this process.
 bool VirtualQuery(std::uint64_t address, MemoryInformation* information);
 
 void CloseCommandPipe(RawHandle raw);
 using CommandPipe = Owned<struct CommandPipeTag, CloseCommandPipe>;
 
-// _popen(command, "r"): starts a shell command and reads its output. The service runs "ver" only.
-// Empty owner on failure.
+// Starts a shell command whose output is read (_popen). The service runs "ver" only.
 CommandPipe OpenCommandPipe(const char* command);
 
-// fgets: reads one line, at most size-1 characters with its line end, and terminates it. False at
-// the end of the output.
+// Blocks until a line is there and stores it with its line end, at most size-1 characters,
+// zero-terminated. Returns false at the end of the output.
 bool ReadLine(const CommandPipe& pipe, char* line, std::size_t size);
 
 }  // namespace platform

@@ -1,5 +1,5 @@
-// TCP sockets and the readiness wait of the selector, under Winsock's names and numbers.
-// Results are Winsock's: 0 or a count on success, -1 on failure with WSAGetLastError.
+// TCP sockets and the selector's wait, with Winsock's names and numbers. An int result is 0 or a
+// count on success, -1 on failure; WSAGetLastError returns the reason.
 #pragma once
 
 #include <cstddef>
@@ -27,11 +27,22 @@ enum : int {
 
 enum : int {
   kWsaEIntr = 10004,
+  kWsaEAcces = 10013,
+  kWsaEFault = 10014,
   kWsaEInval = 10022,
+  kWsaEMFile = 10024,
   kWsaEWouldBlock = 10035,
+  kWsaENotSock = 10038,
   kWsaEAddrInUse = 10048,
+  kWsaEAddrNotAvail = 10049,
+  kWsaEConnAborted = 10053,
   kWsaEConnReset = 10054,
+  kWsaENoBufs = 10055,
+  kWsaEIsConn = 10056,
   kWsaENotConn = 10057,
+  kWsaETimedOut = 10060,
+  kWsaEConnRefused = 10061,
+  kWsaEHostUnreach = 10065,
 };
 
 // sockaddr_in; port and address in network byte order, family kAfInet.
@@ -43,18 +54,18 @@ struct SockAddrIn {
 };
 static_assert(sizeof(SockAddrIn) == 16);
 
-int WSAStartup();  // version word 2; 0 on success
+int WSAStartup();  // version word 2; returns 0 or the error itself
 void WSACleanup();
 int WSAGetLastError();
 
 SocketValue socket(int family, int type, int protocol);
 int setsockopt(SocketValue sock, int level, int option, const void* value, int size);
-// `address` is a sockaddr_in or sockaddr_in6 with Windows' family numbers, `size` its length.
+// `address` is a sockaddr_in or sockaddr_in6 of `size` bytes with Windows' family numbers.
 int bind(SocketValue sock, const void* address, int size);
 int connect(SocketValue sock, const void* address, int size);
 int listen(SocketValue sock, int backlog);
-// accept of an IPv4 peer; *peer gets its address. kInvalidSocket on failure; kWsaEConnReset means
-// of a connection that ended while it waited, and has taken that one out of the queue.
+// Accepts an IPv4 peer and stores its address in *peer. Returns kInvalidSocket on failure.
+// kWsaEConnReset: a connection that had ended while it was queued was removed from the queue.
 SocketValue accept(SocketValue sock, SockAddrIn* peer);
 int SetNonBlocking(SocketValue sock, bool nonBlocking);  // ioctlsocket(FIONBIO)
 int recv(SocketValue sock, void* buffer, int size);
@@ -64,11 +75,11 @@ int sendto(SocketValue sock, const void* buffer, int size, const void* address, 
 int shutdown(SocketValue sock, int how);
 int closesocket(SocketValue sock);
 
-// getaddrinfo(host, null, {AF_INET, SOCK_STREAM}): copies the `index`-th address found into
-// `address` of `capacity` bytes. Gives its length, 0 when there is none or the lookup failed.
+// Looks up the IPv4 addresses of a host and stores the `index`-th in `address` of `capacity` bytes.
+// Returns its length, 0 if there is none or the lookup failed.
 int ResolveHost(const char* host, int index, void* address, int capacity);
 
-// gethostname, terminated within `size`. 0 on success.
+// Stores the host name, zero-terminated within `size` bytes.
 int gethostname(char* name, int size);
 
 // Network events, Winsock's FD_ numbers.
@@ -89,49 +100,48 @@ void CloseWakeEvent(RawHandle raw);
 // The manual-reset event by which other threads wake a selector's wait.
 using WakeEvent = Owned<struct WakeEventTag, CloseWakeEvent>;
 
-// What the platform keeps for each selected socket, in the handler that owns the socket. Zero it
-// at the start; only the selector's thread touches it, and it stays in place while selected.
+// The platform's record of a selected socket, kept by the handler that owns the socket. Requires
+// zeroes at the start; used by the selector's thread only, and must not move while selected.
 struct SocketSelection {
   std::uint32_t selected;   // network events the socket is selected for
-  std::uint32_t signalled;  // what the last wait saw, in the platform's own terms; 0 for nothing
-  bool listening;           // a listener's news is a knock, not data
-  bool connecting;          // the end of a connect is still to be reported
+  std::uint32_t signalled;  // what the last wait found, in the platform's own bits
+  bool listening;           // readable means a pending connection, not data
+  bool connecting;          // the result of a connect has not been reported
 };
 
 SocketEvent WSACreateEvent();
-// CreateEventA, manual reset, not signalled.
 WakeEvent CreateWakeEvent();
-bool SetEvent(const WakeEvent& event);  // any thread
+bool SetEvent(const WakeEvent& event);
 bool ResetEvent(const WakeEvent& event);
 
-// True when a WSAEventSelect for `events` would change something. Winsock must select anew before
-// each wait, which is what makes its readiness level-triggered; epoll's selection stands.
+// Returns whether WSAEventSelect is needed before the next wait. Winsock is level-triggered only if
+// it is called before each one.
 inline bool MustSelect(const SocketSelection& selection, std::uint32_t events) {
   return kSelectBeforeEachWait || selection.selected != events;
 }
 
-// True when WSAEnumNetworkEvents could have something to tell.
-inline bool MayHaveNews(const SocketSelection& selection) {
-  return kAskEachSocket || selection.signalled != 0;
+// Returns whether WSAEnumNetworkEvents may report events.
+inline bool MayHaveEvents(const SocketSelection& selection) {
+  return kQueryEachSocket || selection.signalled != 0;
 }
 
-// WSAEventSelect(sock, event, events); `events` 0 takes the socket out. 0 or -1.
+// Selects a socket for network events that signal `event`; 0 deselects it.
 int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* selection,
                    std::uint32_t events);
 
-// WSAEnumNetworkEvents: *events gets lNetworkEvents; they count as told. 0 or -1.
+// Stores the network events since the last call in *events (lNetworkEvents).
 int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent& event, SocketSelection* selection,
                          std::uint32_t* events);
 
 struct SocketWait {
-  std::uint32_t result;     // kWaitFailed, or any other for "go on"
-  std::uint32_t signalled;  // sockets with news, where the platform tells; else all ones
-  bool woken;               // the wake event is signalled
-  // The one socket with news, where the platform tells and there is just one; else null.
+  std::uint32_t result;     // kWaitFailed, or another result of a wait
+  std::uint32_t signalled;  // number of ready sockets; all ones if the platform reports none
+  bool woken;               // whether the wake event is signalled
+  // The ready socket if the platform reports it and there is only one; else null.
   SocketSelection* only = nullptr;
 };
 
-// WaitForMultipleObjectsEx on the two, any of them, not alertable.
+// Blocks until one of the two is signalled, for at most `milliseconds`.
 SocketWait WaitForMultipleObjectsEx(const SocketEvent& sockets, const WakeEvent& wake,
                                     std::uint32_t milliseconds);
 

@@ -1,4 +1,4 @@
-// Threads that can be ended from outside, and the calling thread's numbers.
+// Threads that can be terminated by another thread, and the calling thread's ids.
 #pragma once
 
 #include <cstdint>
@@ -11,42 +11,41 @@ constexpr std::uint32_t kStillActive = 259;  // STILL_ACTIVE
 
 using ThreadEntry = std::uint32_t (*)(void* parameter);
 
-// Releases the handle; the thread itself goes on.
+// Releases the handle; the thread continues.
 void CloseThread(RawHandle raw);
 using Thread = Owned<struct ThreadTag, CloseThread>;
 
-// CreateThread with default attributes: runs entry(parameter), whose result is the exit code.
-// `parameter` stays the caller's. Empty owner on failure, with the last error set.
+// Starts a thread that runs entry(parameter), whose result is the exit code. The caller keeps
+// `parameter`.
 Thread CreateThread(ThreadEntry entry, void* parameter);
 
-// TerminateThread: begins the end of a thread from outside, with `exitCode`, and returns: true says
-// that the thread is to end, and only a wait for it that it has. Windows ends it where it stands.
-// Linux marks it, and it leaves by unwinding at its next wait. A thread that has ended already is a
-// success.
+// Starts the termination of a thread with `exitCode` and returns; only a wait shows that it has
+// ended. Windows ends it at any instruction. Linux marks it, and it unwinds at its next wait.
+// Returns true also if the thread has ended already.
 bool TerminateThread(const Thread& thread, std::uint32_t exitCode);
 
-// GetExitCodeThread: kStillActive while the thread runs. False on failure.
+// Stores the exit code, kStillActive while the thread runs.
 bool GetExitCodeThread(const Thread& thread, std::uint32_t* exitCode);
 
-// WaitForSingleObject on a thread: kWaitObject0 once it has ended, else as for an event.
+// Blocks until the thread has ended, for at most `milliseconds`. Returns a result of
+// platform/event.h.
 std::uint32_t WaitForSingleObject(const Thread& thread, std::uint32_t milliseconds);
 
 std::uint32_t GetCurrentThreadId();
 std::uint32_t GetCurrentProcessId();
 
-// Sleep: suspends the calling thread; 0 gives up the rest of its time slice.
+// Suspends the calling thread; 0 yields the rest of its time slice.
 void Sleep(std::uint32_t milliseconds);
 
-// YieldProcessor: tells the processor that the calling thread spins.
+// Hints to the processor that the calling thread spins (YieldProcessor).
 void PauseProcessor();
 
-// SwitchToThread: the rest of the time slice goes to another thread that is ready, if there is one;
-// no pause otherwise. On Linux a terminated thread leaves here, too.
+// Yields the rest of the time slice to another ready thread, if there is one. On Linux a terminated
+// thread ends here, too.
 void SwitchToThread();
 
-// While one of these lives, the calling thread doesn't leave at a wait although it was terminated:
-// what a destructor waits for must finish. Windows needs none, since it ends a thread where it
-// stands and runs no destructor.
+// Keeps the calling thread from ending at a wait while the object lives, because the waits of a
+// destructor must finish. Has no effect on Windows, where a terminated thread runs no destructor.
 class StayInThread {
  public:
   StayInThread();

@@ -1,5 +1,5 @@
-// Programs in the console's session: the processes of the machine, tokens, and the start of a
-// process with one. On Linux a process is real, and sessions and tokens stand in.
+// Processes, tokens, and the start of a process in the console's session. On Linux processes are
+// real; sessions and tokens are stand-ins.
 #pragma once
 
 #include <array>
@@ -12,22 +12,23 @@
 
 namespace platform {
 
-// WTSGetActiveConsoleSessionId: the session at the console; 0xFFFFFFFF while there is none.
+constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
+// Returns the session at the console, kNoSession if there is none.
 std::uint32_t WTSGetActiveConsoleSessionId();
 
 void CloseSnapshot(RawHandle raw);
 using ProcessSnapshot = Owned<struct ProcessSnapshotTag, CloseSnapshot>;
 
-// CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0). Holds the invalid handle value on failure.
+// Takes a snapshot of the process list. Holds the invalid handle value on failure.
 ProcessSnapshot CreateToolhelp32Snapshot();
 
 constexpr std::uint32_t kErrorNoMoreFiles = 18;  // ERROR_NO_MORE_FILES
 // The two fields of PROCESSENTRY32 that are read.
 struct ProcessEntry {
   std::uint32_t processId;
-  char executable[kMaxPath];  // name without a folder, zero-terminated
+  char executable[kMaxPath];  // file name, zero-terminated
 };
-// Process32First and Process32Next: false with kErrorNoMoreFiles behind the last entry.
+// Store an entry of the snapshot. Return false with kErrorNoMoreFiles after the last one.
 bool Process32First(const ProcessSnapshot& snapshot, ProcessEntry* entry);
 bool Process32Next(const ProcessSnapshot& snapshot, ProcessEntry* entry);
 
@@ -38,45 +39,45 @@ constexpr std::uint32_t kProcessAllAccess = 0x1FFFFF;  // PROCESS_ALL_ACCESS
 constexpr std::uint32_t kSynchronize = 0x100000;       // SYNCHRONIZE
 constexpr std::uint32_t kProcessQuery = 0x400;         // PROCESS_QUERY_INFORMATION
 
-// OpenProcess(access, FALSE, processId). Empty owner on failure.
+// Opens a process, not inheritable.
 Process OpenProcess(std::uint32_t access, std::uint32_t processId);
-// WaitForSingleObject: kWaitObject0 once it has ended, else as for an event.
+// Blocks until the process has ended, for at most `milliseconds`. Returns a result of
+// platform/event.h.
 std::uint32_t WaitForSingleObject(const Process& process, std::uint32_t milliseconds);
-// GetExitCodeProcess: kStillActive while it runs. False on failure.
+// Stores the exit code, kStillActive while the process runs.
 bool GetExitCodeProcess(const Process& process, std::uint32_t* exitCode);
-// TerminateProcess: forces its end.
+// Terminates the process.
 bool TerminateProcess(const Process& process, std::uint32_t exitCode);
-// GetProcessId; 0 on failure.
+// Returns the process id, 0 on failure.
 std::uint32_t GetProcessId(const Process& process);
 
 constexpr std::uint32_t kTokenAllAccess = 0xF01FF;  // TOKEN_ALL_ACCESS
 constexpr std::uint32_t kTokenQuery = 0x8;          // TOKEN_QUERY
 
-// OpenProcessToken(process, access). Empty owner on failure.
+// Opens the token of a process.
 Token OpenProcessToken(const Process& process, std::uint32_t access);
 
-// A user by his security identifier, zeroes behind it. On Linux it holds the user's number.
+// A user's security identifier, padded with zeroes. On Linux it holds the user id.
 struct UserSid {
   static constexpr std::size_t kSize = 68;  // SECURITY_MAX_SID_SIZE
   std::array<std::uint8_t, kSize> bytes{};
   bool operator==(const UserSid&) const = default;
 };
-// GetTokenInformation(TokenUser): whose token it is. False on failure.
+// Stores the user of a token.
 bool GetTokenUser(const Token& token, UserSid* user);
 
-// DuplicateTokenEx to a primary token: TOKEN_ALL_ACCESS, SecurityImpersonation, TokenPrimary. Empty
-// owner on failure.
+// Duplicates a token to a primary token with all access.
 Token DuplicateTokenEx(const Token& token);
-// SetTokenInformation(TokenSessionId, 4 bytes); needs SeTcbPrivilege.
+// Moves a token to a session. Requires SeTcbPrivilege.
 bool SetTokenSessionId(const Token& token, std::uint32_t sessionId);
 
 void DestroyEnvironmentBlock(RawHandle raw);
 using EnvironmentBlock = Owned<struct EnvironmentBlockTag, DestroyEnvironmentBlock>;
-// CreateEnvironmentBlock(token, FALSE): the environment of the token's user, nothing inherited.
-// Empty owner on failure.
+// Creates the environment of the token's user, without that of this process.
 EnvironmentBlock CreateEnvironmentBlock(const Token& token);
 
-// STARTUPINFOA: the fields that are set. `flags` stays 0, so showWindow isn't in force.
+constexpr std::uint16_t kSwShow = 5;  // SW_SHOW
+// The fields of STARTUPINFOA that are set. Its flags are 0, so showWindow has no effect.
 struct StartupInformation {
   const char* desktop;
   std::uint16_t showWindow;
@@ -85,10 +86,9 @@ struct StartupInformation {
 constexpr std::uint32_t kDetachedProcess = 0x8;             // DETACHED_PROCESS
 constexpr std::uint32_t kCreateUnicodeEnvironment = 0x400;  // CREATE_UNICODE_ENVIRONMENT
 
-// CreateProcessAsUserA: no security attributes, no inherited handle, no current directory; an empty
-// `environment` is null. `application` is the program's full path, so that the command line names
-// nothing but what the program is told. Empty owner on failure. On Linux the command line is the
-// program's one word, and the child inherits no descriptor.
+// Starts a process that inherits no handle. `application` is the full path of the program; the
+// command line does not choose it. An empty `environment` is that of this process. On Linux the
+// command line is the only argument of the program.
 Process CreateProcessAsUserA(const Token& token, const char* application, const char* commandLine,
                              std::uint32_t flags, const EnvironmentBlock& environment,
                              const StartupInformation& startup);

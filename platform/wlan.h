@@ -1,7 +1,8 @@
-// The wireless service. On Linux: sysfs for the interfaces, and a socket in the lab folder that
-// injects "connected" and "disconnected".
+// The wireless service. On Linux the interfaces come from sysfs and the notifications from a socket
+// in the lab folder.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,11 +12,14 @@
 
 namespace platform {
 
-// A client handle of the WLAN service; null is none. The one that notifications come over is kept
-// for the process's life.
+// A client handle of the WLAN service. The one with the notifications is never closed.
 using WlanHandle = RawHandle;
 
 constexpr std::uint32_t kWlanNotificationSourceAcm = 8;  // WLAN_NOTIFICATION_SOURCE_ACM
+
+// The ACM codes that are read.
+constexpr std::uint32_t kWlanConnectionComplete = 10;  // wlan_notification_acm_connection_complete
+constexpr std::uint32_t kWlanDisconnected = 21;        // wlan_notification_acm_disconnected
 
 // The two fields of WLAN_NOTIFICATION_DATA that are read.
 struct WlanNotification {
@@ -24,22 +28,25 @@ struct WlanNotification {
 };
 using WlanCallback = void (*)(const WlanNotification& data, void* context);
 
-// WlanOpenHandle with client version 2: 0 or an error.
+// Opens a handle for client version 2. Returns an error code.
 std::uint32_t WlanOpenHandle(WlanHandle* handle);
-// WlanCloseHandle: 0 or an error.
+// Closes a handle. Returns an error code.
 std::uint32_t WlanCloseHandle(WlanHandle handle);
-// WlanRegisterNotification(handle, source, TRUE, callback, context, NULL, NULL): the callback runs
-// on a thread of the platform's until the process ends. 0 or an error.
+// Registers the callback, which runs on a thread of the platform until the process exits. Ignores
+// duplicate notifications. Requires that the process has no other registration. Returns an error
+// code.
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
                                        WlanCallback callback, void* context);
 
+constexpr std::uint32_t kWlanStateConnected = 1;     // wlan_interface_state_connected
+constexpr std::uint32_t kWlanStateDisconnected = 4;  // wlan_interface_state_disconnected
+constexpr std::size_t kWlanStates = 8;               // WLAN_INTERFACE_STATE, from 0 on
 struct WlanInterfaceList {
   std::uint32_t index = 0;            // dwIndex
-  std::vector<std::uint32_t> states;  // isState of each interface; 1 is connected
+  std::vector<std::uint32_t> states;  // isState of each interface
   std::vector<Guid> guids;            // InterfaceGuid of each
 };
-// WlanEnumInterfaces, and WlanFreeMemory of what it gave: 0 or an error. In this call and in the
-// two below a success that gives nothing leaves *list, *profiles or *xml empty.
+// Stores the wireless interfaces in *list, which is empty if there is none. Returns an error code.
 std::uint32_t WlanEnumInterfaces(WlanHandle handle, WlanInterfaceList* list);
 
 constexpr std::uint32_t kWlanProfileGroupPolicy = 1;  // WLAN_PROFILE_GROUP_POLICY
@@ -48,10 +55,10 @@ struct WlanProfile {
   std::u16string name;  // strProfileName
   std::uint32_t flags;  // dwFlags
 };
-// WlanGetProfileList of one interface, and WlanFreeMemory of what it gave: 0 or an error.
+// Stores the profiles of an interface in *profiles. Returns an error code.
 std::uint32_t WlanGetProfileList(WlanHandle handle, const Guid& interfaceGuid,
                                  std::vector<WlanProfile>* profiles);
-// WlanGetProfile, and WlanFreeMemory of what it gave: the profile's XML text. 0 or an error.
+// Stores the XML text of a profile in *xml. Returns an error code.
 std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
                              const std::u16string& name, std::u16string* xml);
 

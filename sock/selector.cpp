@@ -223,7 +223,7 @@ Result RemoveInPass(Run* run, Handler* handler) {
 Result ServeHandler(Run* run, Handler* handler, Handler** following) {
   std::uint32_t mask = 0;
   const bool mayHaveEvents =
-      handler->sock != kInvalidSock && platform::MayHaveNews(handler->selection);
+      handler->sock != kInvalidSock && platform::MayHaveEvents(handler->selection);
   if (!mayHaveEvents && handler->timeoutAt == 0) return RESULT_OK;
   std::uint64_t now;
   if (!PAL_Time(&now)) return Fail(SelectorEvent::kTimeInPass, run->selector);

@@ -1,6 +1,6 @@
-// tavrin_bridge: joins the mailbox driver's lab device to a firmware that listens on 127.0.0.1. It
-// is a plain pipe: each read of the device is one message of the lab link, each write too, so all
-// it does is to cut the socket's stream into messages.
+// tavrin_bridge: connects the mailbox driver's lab device to a firmware that listens on 127.0.0.1.
+// Each read and each write of the device is one message of the lab link, so the bridge only divides
+// the socket's stream into messages.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 // This needs winsock2.h before it.
@@ -26,7 +26,7 @@ struct CloseObject {
 };
 using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
-// What both directions use; the process ends with either, so nothing here is ever closed.
+// Used by both directions and never closed, because the process ends with either of them.
 struct Bridge {
   HANDLE lab = INVALID_HANDLE_VALUE;
   SOCKET firmware = INVALID_SOCKET;
@@ -35,10 +35,10 @@ struct Bridge {
 [[noreturn]] void Leave(const char* why, unsigned long error) {
   std::printf("ended: %s (%lu)\n", why, error);
   std::fflush(stdout);
-  ExitProcess(1);  // the other direction waits where nothing could wake it
+  ExitProcess(1);  // nothing could wake the other direction from its wait
 }
 
-// One transfer with the device, which is open for overlapped use: both directions wait in it.
+// Reads or writes one message. Overlapped, because both directions use the device at once.
 DWORD Transfer(HANDLE lab, bool isRead, void* bytes, DWORD size, HANDLE event) {
   OVERLAPPED request{};
   request.hEvent = event;
@@ -47,8 +47,7 @@ DWORD Transfer(HANDLE lab, bool isRead, void* bytes, DWORD size, HANDLE event) {
   DWORD moved = 0;
   if ((!started && GetLastError() != ERROR_IO_PENDING) ||
       !GetOverlappedResult(lab, &request, &moved, TRUE))
-    Leave(isRead ? "the driver gives nothing more" : "the driver refused a message",
-          GetLastError());
+    Leave(isRead ? "the driver ended the reads" : "the driver refused a message", GetLastError());
   return moved;
 }
 
@@ -72,7 +71,7 @@ DWORD WINAPI DriverToFirmware(void* parameter) {
     lablink::Head head{};
     if (size >= sizeof head) std::memcpy(&head, message.data(), sizeof head);
     if (!IsMessage(head) || head.length != size - sizeof head)
-      Leave("the driver gave what is no message", size);
+      Leave("the driver returned no valid message", size);
     for (DWORD sent = 0; sent < size;) {
       const int n = send(bridge.firmware, message.data() + sent, static_cast<int>(size - sent), 0);
       if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
@@ -104,7 +103,7 @@ void ReceiveAll(SOCKET firmware, char* bytes, std::size_t size) {
   }
 }
 
-SOCKET Dial(unsigned long port) {
+SOCKET ConnectToFirmware(unsigned long port) {
   WSADATA data;
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) Leave("no sockets", 0);
   const SOCKET firmware = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
@@ -114,7 +113,7 @@ SOCKET Dial(unsigned long port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (connect(firmware, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
     Leave("no firmware on that port", static_cast<unsigned long>(WSAGetLastError()));
-  const BOOL noDelay = TRUE;  // a request is one small message, and its answer is waited for
+  const BOOL noDelay = TRUE;  // a request is one small message whose answer is awaited
   setsockopt(firmware, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&noDelay),
              sizeof noDelay);
   return firmware;
@@ -129,7 +128,7 @@ int main(int count, char** words) {
     return 2;
   }
   Bridge bridge;
-  bridge.firmware = Dial(port);
+  bridge.firmware = ConnectToFirmware(port);
   bridge.lab = CreateFileA(TAVRIN_LAB_PATH, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                            FILE_FLAG_OVERLAPPED, nullptr);
   if (bridge.lab == INVALID_HANDLE_VALUE) Leave("the driver is not there", GetLastError());

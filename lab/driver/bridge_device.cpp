@@ -1,5 +1,4 @@
-// The lab device, as the bridge uses it: each of its reads takes one whole message of the lab link,
-// each of its writes brings one.
+// The lab device. Each read returns one whole message of the lab link, each write carries one.
 #include "lab/driver/mailbox.h"
 
 namespace tavrin {
@@ -10,18 +9,18 @@ constexpr ULONG kMaxMessage = sizeof(lablink::Head) + lablink::kMaxBody;
 
 FILE_OBJECT* FileOf(IRP* irp) { return IoGetCurrentIrpStackLocation(irp)->FileObject; }
 
-void Free(LIST_ENTRY* blocks) {
+void FreeBlocks(LIST_ENTRY* blocks) {
   while (!IsListEmpty(blocks))
     ExFreePoolWithTag(CONTAINING_RECORD(RemoveHeadList(blocks), Block, link), kPoolTag);
 }
 
 // Moves all entries of `from` to the empty list `to`.
-void Move(LIST_ENTRY* from, LIST_ENTRY* to) {
+void MoveEntries(LIST_ENTRY* from, LIST_ENTRY* to) {
   while (!IsListEmpty(from)) InsertTailList(to, RemoveHeadList(from));
 }
 
-// What the firmware may send.
-NTSTATUS Act(const lablink::Head& head, const UCHAR* body) {
+// Carries out a message of the firmware.
+NTSTATUS HandleMessage(const lablink::Head& head, const UCHAR* body) {
   switch (head.kind) {
     case lablink::kComplete:
       return Complete(head, body);
@@ -44,12 +43,12 @@ NTSTATUS Act(const lablink::Head& head, const UCHAR* body) {
   }
 }
 
-// Under the lock. The first opener to transfer becomes the bridge; the others are refused.
+// Under the lock. Makes the first opener that transfers the bridge, and refuses the others.
 NTSTATUS ClaimBridge(FILE_OBJECT* file) {
   if (!gMailbox.plugged) return STATUS_DEVICE_NOT_CONNECTED;
   if (gMailbox.bridge == nullptr) {
     gMailbox.bridge = file;
-    TellAll();
+    ReportAll();
   }
   return gMailbox.bridge == file ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION;
 }
@@ -71,20 +70,20 @@ void CancelBridgeReads(FILE_OBJECT* file) {
 
 void CloseBridge(FILE_OBJECT* file) {
   CancelBridgeReads(file);
-  LIST_ENTRY unheard;
-  InitializeListHead(&unheard);
+  LIST_ENTRY undelivered;
+  InitializeListHead(&undelivered);
   {
     Lock lock;
     if (gMailbox.bridge != file) return;
     gMailbox.bridge = nullptr;
     gMailbox.eventBytes = 0;
-    Move(&gMailbox.events, &unheard);
+    MoveEntries(&gMailbox.events, &undelivered);
   }
-  Free(&unheard);
+  FreeBlocks(&undelivered);
 }
 
-bool Tell(UINT32 kind, UINT64 id, UINT32 word, const void* first, ULONG firstSize,
-          const void* second, ULONG secondSize) {
+bool QueueMessage(UINT32 kind, UINT64 id, UINT32 word, const void* first, ULONG firstSize,
+                  const void* second, ULONG secondSize) {
   if (gMailbox.bridge == nullptr) return true;
   const lablink::Head head{lablink::kMagic, kind, id, word, firstSize + secondSize};
   const ULONG size = static_cast<ULONG>(sizeof head) + firstSize + secondSize;
@@ -148,7 +147,7 @@ NTSTATUS WriteMessage(IRP* irp) {
     Lock lock;
     status = ClaimBridge(FileOf(irp));
   }
-  if (status == STATUS_SUCCESS) status = Act(head, bytes + sizeof head);
+  if (status == STATUS_SUCCESS) status = HandleMessage(head, bytes + sizeof head);
   DeliverEvents();
   return Finish(irp, status, status == STATUS_SUCCESS ? size : 0);
 }

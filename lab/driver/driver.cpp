@@ -1,11 +1,10 @@
 // tavrin_mailbox.sys: a mailbox driver for test machines. A root-enumerated Plug and Play device
-// offers the mailbox's interface class; a second device, for the lab, is where a bridge and the
-// setup program find it. The two are created and deleted together: a lab device that stayed behind
-// would keep the image loaded, and the next installation would need a restart. What either does
-// lies in mailbox.cpp and bridge_device.cpp.
+// has the mailbox's interface class (mailbox.cpp); a second device, for the lab, serves the bridge
+// and the setup program (bridge_device.cpp). Both are created and deleted together: a remaining lab
+// device would keep the image loaded, and the next installation would need a restart.
 #include "lab/driver/mailbox.h"
 
-// Makes the class's GUID here.
+// Defines the class's GUID here.
 #include <initguid.h>
 DEFINE_GUID(kMailboxInterfaceClass, 0x70A9067B, 0x708F, 0x443C, 0x84, 0xBA, 0xBC, 0x39, 0x1F, 0xDB,
             0xF7, 0x2B);
@@ -14,21 +13,20 @@ namespace tavrin {
 
 namespace {
 
-// What both device extensions begin with. A deleted device lives until its last handle is closed,
-// so requests may reach it after its successor was created: a pointer comparison can't tell the
-// kind.
+// The head of both device extensions. A deleted device exists until its last handle is closed, so
+// requests may reach it after its successor was created: comparing pointers can't show the kind.
 struct Extension {
   bool isLab;
 };
 
-// The mailbox device in its stack.
+// The extension of the mailbox device.
 struct MailboxDevice : Extension {
   DEVICE_OBJECT* lower;
   UNICODE_STRING interfaceName;
-  IO_REMOVE_LOCK removeLock;  // held by each call in the dispatch routines, not while it pends
+  IO_REMOVE_LOCK removeLock;  // held by each dispatch call, not by a pending request
 };
 
-// Null while no device is plugged in. Written by Plug and Play calls, which the system serializes.
+// Null without a device. Written by Plug and Play calls, which the system serializes.
 DEVICE_OBJECT* gMailboxDevice;
 DEVICE_OBJECT* gLabDevice;
 
@@ -48,7 +46,7 @@ UNICODE_STRING Text(const wchar_t* text) {
 
 void SetInterface(bool on) {
   if (gMailboxDevice == nullptr) return;
-  // A name is missing only if its registration failed, and then the device was not made.
+  // It fails only without a name, and then the device was not created.
   (void)IoSetDeviceInterfaceState(&ExtensionOf(gMailboxDevice)->interfaceName, on ? TRUE : FALSE);
 }
 
@@ -73,7 +71,7 @@ ULONG Length(const LIST_ENTRY* list) {
   return count;
 }
 
-NTSTATUS TellStatus(IRP* irp) {
+NTSTATUS ReportStatus(IRP* irp) {
   const auto& sizes = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
   TavrinStatus status{};
   if (sizes.OutputBufferLength != sizeof status) return Finish(irp, STATUS_INVALID_PARAMETER, 0);
@@ -107,7 +105,7 @@ NTSTATUS DispatchLab(IRP* irp) {
         case IOCTL_TAVRIN_MISBEHAVE:
           return SetBehaviour(irp);
         case IOCTL_TAVRIN_STATUS:
-          return TellStatus(irp);
+          return ReportStatus(irp);
       }
       return Finish(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
     default:
@@ -121,7 +119,7 @@ NTSTATUS DispatchMailbox(IRP* irp) {
     case IRP_MJ_CREATE:
       return OpenHandle(irp);
     case IRP_MJ_CLEANUP:
-      CancelOf(stack->FileObject);
+      CancelInFlight(stack->FileObject);
       return Finish(irp, STATUS_SUCCESS, 0);
     case IRP_MJ_CLOSE:
       CloseHandle(stack->FileObject);
@@ -153,10 +151,10 @@ NTSTATUS NTAPI PassDown(DEVICE_OBJECT* device, IRP* irp) {
 
 NTSTATUS NTAPI SignalDone(DEVICE_OBJECT*, IRP*, PVOID done) {
   KeSetEvent(static_cast<KEVENT*>(done), IO_NO_INCREMENT, FALSE);
-  return STATUS_MORE_PROCESSING_REQUIRED;  // the start goes on above
+  return STATUS_MORE_PROCESSING_REQUIRED;  // Start continues with the packet
 }
 
-// The devices below start first.
+// Starts the devices below first.
 NTSTATUS Start(MailboxDevice* mailbox, IRP* irp) {
   KEVENT done;
   KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -171,7 +169,7 @@ NTSTATUS Start(MailboxDevice* mailbox, IRP* irp) {
   return Finish(irp, status, 0);
 }
 
-// The device has left: nothing pends any more, for the service and for the bridge.
+// Ends everything that pends, for the service and for the bridge.
 void Unplug() {
   SetInterface(false);
   {
@@ -184,7 +182,8 @@ void Unplug() {
 void DeleteLabDevice() {
   UNICODE_STRING link = Text(TAVRIN_LAB_LINK);
   IoDeleteSymbolicLink(&link);
-  IoDeleteDevice(gLabDevice);  // its name goes now, the object with its last handle
+  IoDeleteDevice(
+      gLabDevice);  // its name is free now; the object exists until its last handle is closed
   gLabDevice = nullptr;
 }
 
@@ -213,7 +212,7 @@ NTSTATUS NTAPI DispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
       status = Start(mailbox, irp);
       break;
     case IRP_MN_REMOVE_DEVICE:
-      return Remove(device, irp);  // gives the lock back itself
+      return Remove(device, irp);  // releases the lock itself
     case IRP_MN_SURPRISE_REMOVAL:
       Unplug();
       irp->IoStatus.Status = STATUS_SUCCESS;
@@ -223,7 +222,7 @@ NTSTATUS NTAPI DispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
     case IRP_MN_CANCEL_REMOVE_DEVICE:
     case IRP_MN_QUERY_STOP_DEVICE:
     case IRP_MN_CANCEL_STOP_DEVICE:
-    case IRP_MN_STOP_DEVICE:  // there is no resource to give back
+    case IRP_MN_STOP_DEVICE:  // there is no resource to release
       irp->IoStatus.Status = STATUS_SUCCESS;
       status = PassDown(device, irp);
       break;
@@ -250,13 +249,16 @@ NTSTATUS CreateLabDevice(DRIVER_OBJECT* driver) {
   static_cast<Extension*>(device->DeviceExtension)->isLab = true;
   device->Flags |= DO_BUFFERED_IO;
   status = IoCreateSymbolicLink(&link, &name);
-  if (!NT_SUCCESS(status)) return IoDeleteDevice(device), status;
+  if (!NT_SUCCESS(status)) {
+    IoDeleteDevice(device);
+    return status;
+  }
   device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   gLabDevice = device;
   return status;
 }
 
-// Takes back what stands when a step fails.
+// Undoes its earlier steps if one fails.
 NTSTATUS Attach(DRIVER_OBJECT* driver, DEVICE_OBJECT* device, DEVICE_OBJECT* physical) {
   MailboxDevice* mailbox = ExtensionOf(device);
   NTSTATUS status = IoRegisterDeviceInterface(physical, &kMailboxInterfaceClass, nullptr,
@@ -274,7 +276,8 @@ NTSTATUS Attach(DRIVER_OBJECT* driver, DEVICE_OBJECT* device, DEVICE_OBJECT* phy
 }
 
 NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
-  if (gMailboxDevice != nullptr) return STATUS_DEVICE_ALREADY_ATTACHED;  // there is one mailbox
+  if (gMailboxDevice != nullptr)
+    return STATUS_DEVICE_ALREADY_ATTACHED;  // there is only one mailbox
   DEVICE_OBJECT* device;
   NTSTATUS status = IoCreateDevice(driver, sizeof(MailboxDevice), nullptr, FILE_DEVICE_UNKNOWN,
                                    FILE_DEVICE_SECURE_OPEN, FALSE, &device);
@@ -283,7 +286,10 @@ NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
   RtlZeroMemory(mailbox, sizeof *mailbox);
   IoInitializeRemoveLock(&mailbox->removeLock, kPoolTag, 0, 0);
   status = Attach(driver, device, physical);
-  if (!NT_SUCCESS(status)) return IoDeleteDevice(device), status;
+  if (!NT_SUCCESS(status)) {
+    IoDeleteDevice(device);
+    return status;
+  }
   gMailboxDevice = device;
   {
     Lock lock;
@@ -294,7 +300,7 @@ NTSTATUS NTAPI AddDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
   return STATUS_SUCCESS;
 }
 
-// Runs when the devices have gone and nothing is open any more.
+// Runs when both devices are deleted and no handle is open.
 VOID NTAPI Unload(DRIVER_OBJECT*) { CloseRegions(); }
 
 }  // namespace

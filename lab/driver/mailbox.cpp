@@ -1,4 +1,3 @@
-// The mailbox device: the service's handles, reads and requests.
 #include "lab/driver/mailbox.h"
 
 namespace tavrin {
@@ -15,25 +14,25 @@ ULONG CodeOf(IRP* irp) {
 UINT64 IdOf(IRP* irp) { return reinterpret_cast<ULONG_PTR>(irp->Tail.Overlay.DriverContext[0]); }
 HANDLE ProcessOf(IRP* irp) { return irp->Tail.Overlay.DriverContext[1]; }
 
-// Under the lock. The bridge hears of a handle when its first use has shown which one it is.
-bool TellHandle(Handle* handle) {
-  if (!handle->used || handle->told) return true;
-  handle->told = Tell(lablink::kOpen, handle->id, handle->isRequest ? 1 : 0);
-  return handle->told;
+// Under the lock. Reports a handle to the bridge once its first use has shown which one it is.
+bool ReportHandle(Handle* handle) {
+  if (!handle->used || handle->isReported) return true;
+  handle->isReported = QueueMessage(lablink::kOpen, handle->id, handle->isRequest ? 1 : 0);
+  return handle->isReported;
 }
 
-bool Use(Handle* handle, bool isRequest) {
+bool RecordUse(Handle* handle, bool isRequest) {
   if (!handle->used) handle->isRequest = isRequest;
   handle->used = true;
-  return gMailbox.bridge == nullptr || TellHandle(handle);
+  return gMailbox.bridge == nullptr || ReportHandle(handle);
 }
 
 // Under the lock. The body is the size of the output buffer and then the input.
-bool TellRequest(IRP* irp) {
+bool ReportRequest(IRP* irp) {
   const auto& sizes = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
   const UINT32 outputSize = sizes.OutputBufferLength;
-  return Tell(lablink::kRequest, IdOf(irp), sizes.IoControlCode, &outputSize, sizeof outputSize,
-              irp->AssociatedIrp.SystemBuffer, sizes.InputBufferLength);
+  return QueueMessage(lablink::kRequest, IdOf(irp), sizes.IoControlCode, &outputSize,
+                      sizeof outputSize, irp->AssociatedIrp.SystemBuffer, sizes.InputBufferLength);
 }
 
 ULONG ReadSizeOf(IRP* irp) { return IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length; }
@@ -48,7 +47,7 @@ void FinishRead(IRP* irp, const UCHAR* frame, ULONG size) {
   Finish(irp, STATUS_SUCCESS, size);
 }
 
-// Takes all packets of one file out of a list, one at a time, and ends them.
+// Removes all packets of one file (null: of every file) from a list and completes them one by one.
 void CancelList(LIST_ENTRY* list, FILE_OBJECT* file, NTSTATUS status) {
   for (;;) {
     IRP* found = nullptr;
@@ -57,22 +56,25 @@ void CancelList(LIST_ENTRY* list, FILE_OBJECT* file, NTSTATUS status) {
       for (LIST_ENTRY* at = list->Flink; at != list && found == nullptr;) {
         IRP* irp = PacketOf(at);
         at = at->Flink;
-        if ((file == nullptr || FileOf(irp) == file) && Take(irp)) found = irp;
+        if ((file == nullptr || FileOf(irp) == file) && TakePacket(irp)) found = irp;
       }
       if (found != nullptr && list == &gMailbox.requests)
-        (void)Tell(lablink::kCancel, IdOf(found), 0);  // unheard at worst
+        (void)QueueMessage(lablink::kCancel, IdOf(found), 0);  // may be lost without room
     }
     if (found == nullptr) return;
     Finish(found, status, 0);
   }
 }
 
-// Under the lock: the device is unplugged, or the tester wants it to look so.
-bool HasLeft() { return !gMailbox.plugged || gMailbox.behaviour.mode == kTavrinGone; }
+// Under the lock. Returns whether the device is unplugged or must behave so.
+bool IsGone() { return !gMailbox.plugged || gMailbox.behaviour.mode == kTavrinGone; }
 
-// Whether this request is answered at once; *status says how.
+// Under the lock. Returns whether a request is completed at once, and stores with which *status.
 bool AnswersAtOnce(NTSTATUS* status) {
-  if (HasLeft()) return *status = STATUS_DEVICE_NOT_CONNECTED, true;
+  if (IsGone()) {
+    *status = STATUS_DEVICE_NOT_CONNECTED;
+    return true;
+  }
   switch (gMailbox.behaviour.mode) {
     case kTavrinAtOnce:
       *status = STATUS_SUCCESS;
@@ -85,14 +87,14 @@ bool AnswersAtOnce(NTSTATUS* status) {
   }
 }
 
-// The request with that id, taken out; null if there is none. Under the lock.
+// Under the lock. Removes the request of that id and returns it; null if there is none.
 IRP* TakeRequest(UINT64 id) {
   for (LIST_ENTRY* at = gMailbox.requests.Flink; at != &gMailbox.requests; at = at->Flink)
-    if (IdOf(PacketOf(at)) == id) return Take(PacketOf(at)) ? PacketOf(at) : nullptr;
+    if (IdOf(PacketOf(at)) == id) return TakePacket(PacketOf(at)) ? PacketOf(at) : nullptr;
   return nullptr;
 }
 
-// An answer with a non-zero first 8 bytes says that the region is there; its address is ours.
+// Replaces a non-zero address in the answer by that of the region in the caller's process.
 bool PlaceRegion(IRP* irp, UCHAR* output, ULONG size) {
   UINT64 address = 0;
   const ULONG region = RegionAskedFor(CodeOf(irp));
@@ -124,7 +126,7 @@ NTSTATUS OpenHandle(IRP* irp) {
   NTSTATUS status = STATUS_DEVICE_NOT_CONNECTED;
   {
     Lock lock;
-    if (!HasLeft()) {
+    if (!IsGone()) {
       handle->id = ++gMailbox.nextHandle;
       InsertTailList(&gMailbox.handles, &handle->link);
       FileOf(irp)->FsContext = handle;
@@ -135,7 +137,7 @@ NTSTATUS OpenHandle(IRP* irp) {
   return Finish(irp, status, 0);
 }
 
-void CancelOf(FILE_OBJECT* file) {
+void CancelInFlight(FILE_OBJECT* file) {
   auto* handle = static_cast<Handle*>(file->FsContext);
   CancelList(&gMailbox.reads, file, STATUS_CANCELLED);
   CancelList(&gMailbox.requests, file, STATUS_CANCELLED);
@@ -147,12 +149,13 @@ void CancelOf(FILE_OBJECT* file) {
 void CloseHandle(FILE_OBJECT* file) {
   auto* handle = static_cast<Handle*>(file->FsContext);
   if (handle == nullptr) return;
-  CancelOf(file);
+  CancelInFlight(file);
   {
     Lock lock;
     file->FsContext = nullptr;
     RemoveEntryList(&handle->link);
-    if (handle->told) (void)Tell(lablink::kClose, handle->id, handle->isRequest ? 1 : 0);
+    if (handle->isReported)
+      (void)QueueMessage(lablink::kClose, handle->id, handle->isRequest ? 1 : 0);
   }
   ExFreePoolWithTag(handle, kPoolTag);
   DeliverEvents();
@@ -163,17 +166,18 @@ NTSTATUS Read(IRP* irp) {
   NTSTATUS status = STATUS_PENDING;
   {
     Lock lock;
-    if (HasLeft()) {
+    if (IsGone()) {
       status = STATUS_DEVICE_NOT_CONNECTED;
-    } else if (!Use(HandleOf(irp), false)) {
+    } else if (!RecordUse(HandleOf(irp), false)) {
       status = STATUS_INSUFFICIENT_RESOURCES;
     } else {
       ++gMailbox.readsArmed;
-      (void)Tell(lablink::kRead, gMailbox.readsArmed, ReadSizeOf(irp));  // it arms unheard
+      (void)QueueMessage(lablink::kRead, gMailbox.readsArmed,
+                         ReadSizeOf(irp));  // it is armed also without room
       if (!IsListEmpty(&gMailbox.frames)) {
         frame = CONTAINING_RECORD(RemoveHeadList(&gMailbox.frames), Block, link);
         gMailbox.frameBytes -= frame->size;
-        IoMarkIrpPending(irp);  // all reads finish later for their caller
+        IoMarkIrpPending(irp);  // for the caller every read finishes later
       } else if (!Pend(&gMailbox.reads, irp)) {
         status = STATUS_CANCELLED;
       }
@@ -195,10 +199,10 @@ NTSTATUS Request(IRP* irp) {
     if (!AnswersAtOnce(&status)) {
       irp->Tail.Overlay.DriverContext[0] = reinterpret_cast<PVOID>(++gMailbox.nextRequest);
       irp->Tail.Overlay.DriverContext[1] = PsGetCurrentProcessId();
-      if (!Use(HandleOf(irp), true) || !TellRequest(irp)) {
+      if (!RecordUse(HandleOf(irp), true) || !ReportRequest(irp)) {
         status = STATUS_INSUFFICIENT_RESOURCES;
       } else if (!Pend(&gMailbox.requests, irp)) {
-        (void)Tell(lablink::kCancel, IdOf(irp), 0);  // unheard at worst
+        (void)QueueMessage(lablink::kCancel, IdOf(irp), 0);  // may be lost without room
         status = STATUS_CANCELLED;
       }
     }
@@ -216,21 +220,22 @@ void FailAll(NTSTATUS status) {
     Lock lock;
     plugged = gMailbox.plugged;
   }
-  if (!plugged) CancelList(&gMailbox.bridgeReads, nullptr, status);  // the lab device goes, too
+  if (!plugged)
+    CancelList(&gMailbox.bridgeReads, nullptr, status);  // the lab device is deleted, too
 }
 
-void TellAll() {
+void ReportAll() {
   for (LIST_ENTRY* at = gMailbox.handles.Flink; at != &gMailbox.handles; at = at->Flink) {
     auto* handle = CONTAINING_RECORD(at, Handle, link);
-    handle->told = false;
-    (void)TellHandle(handle);
+    handle->isReported = false;
+    (void)ReportHandle(handle);
   }
   ULONG armed = 0;
   for (LIST_ENTRY* at = gMailbox.reads.Flink; at != &gMailbox.reads; at = at->Flink)
-    (void)Tell(lablink::kRead, ++armed, ReadSizeOf(PacketOf(at)));
+    (void)QueueMessage(lablink::kRead, ++armed, ReadSizeOf(PacketOf(at)));
   gMailbox.readsArmed = armed;  // a new firmware counts from the reads that it finds
   for (LIST_ENTRY* at = gMailbox.requests.Flink; at != &gMailbox.requests; at = at->Flink)
-    (void)TellRequest(PacketOf(at));
+    (void)ReportRequest(PacketOf(at));
 }
 
 NTSTATUS Complete(const lablink::Head& head, const UCHAR* body) {

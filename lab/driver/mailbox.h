@@ -1,13 +1,13 @@
-// The test driver's mailbox: what the service's handles, reads and requests are while they wait,
-// and what a bridge is told of them. The driver plays no firmware: it hands everything to the one
-// bridge that has opened the lab device, as messages of the lab link, and does what comes back.
+// The test driver's mailbox: the service's handles, reads and requests while they pend. The driver
+// does not act as firmware: it sends everything to the bridge, the opener of the lab device, as
+// messages of the lab link, and carries out what the bridge sends back.
 //
-// 1. There is one mailbox for the life of the driver's image; devices come and go around it.
+// 1. There is one mailbox for the life of the driver's image; devices come and go.
 // 2. `lock` guards every list and counter. No request is completed while it is held.
-// 3. A request packet is in at most one list. Who takes it out of the list completes it; a cancel
+// 3. A request packet is in at most one list. Whoever removes it from the list completes it; a
+// cancel
 //    routine that lost the race leaves its packet to the other side.
-// 4. Everything here runs at PASSIVE_LEVEL but what stands between Lock and its end, and the cancel
-//    routine.
+// 4. Everything runs at PASSIVE_LEVEL except code under Lock and the cancel routine.
 #pragma once
 
 // clang-format off
@@ -27,8 +27,8 @@ namespace tavrin {
 
 constexpr ULONG kPoolTag = 0x76726154;  // "Tarv" in a pool dump
 
-// Bounds on what waits for a bridge or for a read; beyond them a request or a frame is refused with
-// STATUS_INSUFFICIENT_RESOURCES, so a peer that doesn't listen costs no more memory than this.
+// Limits on what waits for the bridge or for a read. Beyond them a request or a frame is refused
+// with STATUS_INSUFFICIENT_RESOURCES.
 constexpr SIZE_T kMaxEventBytes = 8u << 20;
 constexpr SIZE_T kMaxFrameBytes = 8u << 20;
 
@@ -41,15 +41,15 @@ struct Block {
   UCHAR bytes[1];
 };
 
-// One open of the mailbox. Which of the service's two handles it is shows at its first use.
+// One open of the mailbox. Its first use shows which of the service's two handles it is.
 struct Handle {
   LIST_ENTRY link;
   UINT64 id;
   FILE_OBJECT* file;
-  bool told;       // the bridge knows of it
-  bool isRequest;  // first used for a request; else for a read
+  bool isReported;  // to the bridge
+  bool isRequest;   // first used for a request; else for a read
   bool used;
-  HANDLE process;         // of the last caller who asked for a region
+  HANDLE process;         // of the last caller that requested a region
   PVOID views[kRegions];  // where that process sees each region
 };
 
@@ -66,8 +66,8 @@ struct Mailbox {
   UINT64 nextHandle;
   UINT64 nextRequest;
   UINT64 readsArmed;
-  FILE_OBJECT* bridge;  // null: nobody is told anything
-  bool plugged;         // false: the device has left, and nothing may pend
+  FILE_OBJECT* bridge;  // null: no message is queued
+  bool plugged;         // false: there is no device, and nothing may pend
   TavrinMisbehaviour behaviour;
 };
 
@@ -85,48 +85,49 @@ class Lock {
   KIRQL irql_;
 };
 
-// A Windows error number as a status; RtlNtStatusToDosError gives the number back (FACILITY_WIN32).
+// Returns the status of a Windows error (FACILITY_WIN32); RtlNtStatusToDosError reverses it.
 inline NTSTATUS StatusOfError(ULONG error) {
   return error == 0 ? STATUS_SUCCESS : static_cast<NTSTATUS>(0x80070000u | (error & 0xFFFFu));
 }
 
-// Completes a packet. Not under the lock.
+// Completes a packet and returns `status`. Not under the lock.
 NTSTATUS Finish(IRP* irp, NTSTATUS status, ULONG_PTR information);
 
-// Puts a packet at the end of `list`, cancellable. Under the lock. False: it was cancelled already,
-// and the caller completes it with STATUS_CANCELLED. On true the caller returns STATUS_PENDING.
+// Under the lock. Appends a packet to `list`, cancellable; the caller returns STATUS_PENDING.
+// Returns false if it was cancelled already; the caller completes it with STATUS_CANCELLED.
 bool Pend(LIST_ENTRY* list, IRP* irp);
-// Takes a packet out of its list; false if its cancel routine has it already. Under the lock.
-bool Take(IRP* irp);
-// The first packet of the list, taken out; null if there is none. Under the lock.
+// Under the lock. Removes a packet from its list. Returns false if its cancel routine owns it.
+bool TakePacket(IRP* irp);
+// Under the lock. Removes the first packet of the list and returns it; null if there is none.
 IRP* TakeFirst(LIST_ENTRY* list);
-// The packet of a list's entry.
+// Returns the packet of a list's entry.
 IRP* PacketOf(LIST_ENTRY* entry);
 
 void InitializeMailbox();
 
 // --- the mailbox device (mailbox.cpp) ---
 NTSTATUS OpenHandle(IRP* irp);
-// The handle is being closed: what it has in flight ends with STATUS_CANCELLED, and its views of
-// the regions go. May run twice.
-void CancelOf(FILE_OBJECT* file);
+// Completes what a closing handle has in flight with STATUS_CANCELLED and unmaps its views of the
+// regions. May run twice.
+void CancelInFlight(FILE_OBJECT* file);
 void CloseHandle(FILE_OBJECT* file);
 NTSTATUS Read(IRP* irp);
 NTSTATUS Request(IRP* irp);
-// Everything in flight fails with `status`.
+// Completes everything in flight with `status`.
 void FailAll(NTSTATUS status);
-// Under the lock: tells a bridge that has just come about all that is there.
-void TellAll();
+// Under the lock. Reports all handles, reads and requests to a new bridge.
+void ReportAll();
 
-// --- the bridge (bridge_device.cpp): the opener of the lab device that transfers first ---
+// --- the bridge, the first opener of the lab device that transfers (bridge_device.cpp) ---
 void CancelBridgeReads(FILE_OBJECT* file);
 void CloseBridge(FILE_OBJECT* file);
 NTSTATUS ReadEvents(IRP* irp);
 NTSTATUS WriteMessage(IRP* irp);
-// Leaves a message for the bridge; without one it is dropped. Under the lock. False: no room.
-bool Tell(UINT32 kind, UINT64 id, UINT32 word, const void* first = nullptr, ULONG firstSize = 0,
-          const void* second = nullptr, ULONG secondSize = 0);
-// Hands waiting messages to waiting reads of the bridge. Not under the lock.
+// Under the lock. Queues a message for the bridge; drops it without a bridge. Returns false without
+// room for it.
+bool QueueMessage(UINT32 kind, UINT64 id, UINT32 word, const void* first = nullptr,
+                  ULONG firstSize = 0, const void* second = nullptr, ULONG secondSize = 0);
+// Completes pending reads of the bridge with queued messages. Not under the lock.
 void DeliverEvents();
 
 // --- what the firmware sends (mailbox.cpp) ---
@@ -135,20 +136,20 @@ NTSTATUS TakeFrame(const UCHAR* frame, ULONG size);
 void FailRead(ULONG error);
 
 // --- the shared memory (regions.cpp) ---
-// Makes the regions; PASSIVE_LEVEL, once.
+// Creates the regions. At PASSIVE_LEVEL, once.
 NTSTATUS CreateRegions();
 void CloseRegions();
-// The region whose address a request with this code asks for or gives back; kRegions: none.
+// Return the region that a request of this code requests or releases; kRegions if none.
 ULONG RegionAskedFor(ULONG code);
 ULONG RegionGivenBack(ULONG code);
-// Maps a region into the process of that id, once for each handle; null on failure.
+// Maps a region into the process of that id, once for each handle. Returns null on failure.
 PVOID MapFor(Handle* handle, HANDLE process, ULONG region);
 void UnmapFor(Handle* handle, ULONG region);
-// The firmware's access, from the bridge's own thread. Returns false beyond the region's bounds, or
-// if the bridge has taken its view away.
+// Write and read a region for the firmware. Return false beyond its bounds, or if the bridge has
+// unmapped its view. On a thread of the bridge.
 bool Poke(UINT64 region, UINT32 offset, const UCHAR* bytes, ULONG size);
 bool Peek(UINT64 region, UINT32 offset, ULONG count);
-// That opener leaves: its views go, if it is the bridge. From its own process.
+// Unmaps the views of an opener that closes, if it is the bridge. In its own process.
 void UnmapBridge(FILE_OBJECT* file);
 
 }  // namespace tavrin

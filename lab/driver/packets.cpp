@@ -1,12 +1,12 @@
-// Request packets that wait: a list from which either the driver or a cancel takes each packet,
-// never both (IoSetCancelRoutine decides the race).
+// Pending request packets. Either the driver or a cancel removes a packet from its list, never
+// both; IoSetCancelRoutine decides the race.
 #include "lab/driver/mailbox.h"
 
 namespace tavrin {
 
 namespace {
 
-// The I/O manager cancels a packet that waits. Its list is left to whoever holds the lock.
+// Called by the I/O manager for a pending packet.
 VOID NTAPI CancelPacket(DEVICE_OBJECT*, IRP* irp) {
   const ULONG_PTR isRequest =
       IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_DEVICE_CONTROL;
@@ -15,7 +15,7 @@ VOID NTAPI CancelPacket(DEVICE_OBJECT*, IRP* irp) {
   {
     Lock lock;
     RemoveEntryList(&irp->Tail.Overlay.ListEntry);
-    if (isRequest) (void)Tell(lablink::kCancel, id, 0);  // unheard at worst
+    if (isRequest) (void)QueueMessage(lablink::kCancel, id, 0);  // may be lost without room
   }
   DeliverEvents();
   Finish(irp, STATUS_CANCELLED, 0);
@@ -31,9 +31,9 @@ NTSTATUS Finish(IRP* irp, NTSTATUS status, ULONG_PTR information) {
 }
 
 bool Pend(LIST_ENTRY* list, IRP* irp) {
-  (void)IoSetCancelRoutine(irp, CancelPacket);  // there was none before
+  (void)IoSetCancelRoutine(irp, CancelPacket);  // it had none
   if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) return false;
-  // A cancel that began in between waits for the lock in CancelPacket and finds the packet listed.
+  // A cancel that began in between blocks on the lock in CancelPacket and finds the packet listed.
   IoMarkIrpPending(irp);
   InsertTailList(list, &irp->Tail.Overlay.ListEntry);
   return true;
@@ -41,10 +41,10 @@ bool Pend(LIST_ENTRY* list, IRP* irp) {
 
 IRP* PacketOf(LIST_ENTRY* entry) { return CONTAINING_RECORD(entry, IRP, Tail.Overlay.ListEntry); }
 
-bool Take(IRP* irp) {
+bool TakePacket(IRP* irp) {
   RemoveEntryList(&irp->Tail.Overlay.ListEntry);
   if (IoSetCancelRoutine(irp, nullptr) != nullptr) return true;
-  // The cancel routine runs and will take the packet out of a list: of one, then, of its own.
+  // The cancel routine runs and will remove the packet from a list: make that a list of its own.
   InitializeListHead(&irp->Tail.Overlay.ListEntry);
   return false;
 }
@@ -52,7 +52,7 @@ bool Take(IRP* irp) {
 IRP* TakeFirst(LIST_ENTRY* list) {
   while (!IsListEmpty(list)) {
     IRP* irp = PacketOf(list->Flink);
-    if (Take(irp)) return irp;
+    if (TakePacket(irp)) return irp;
   }
   return nullptr;
 }

@@ -1,15 +1,14 @@
 // The memory that firmware and service share: two sections, mapped into the service's process when
-// the firmware's answer says so, and into the bridge's for the firmware's reads and writes. A
-// process can unmap its view at any time, so the driver reads and writes it through GuardedCopy
-// only.
+// the firmware answers its request, and into the bridge's for the firmware's access. A process can
+// unmap its view at any time, so the driver accesses it through GuardedCopy only.
 #include <atomic>
 
 #include "lab/driver/mailbox.h"
 
-// Copies `size` bytes, or returns 0 when the processor faults on one of the addresses. GCC has no
-// __try, so the function brings its own unwind data: a scope table of one entry, whose filter is
-// the constant 1 (EXCEPTION_EXECUTE_HANDLER). It copies words of four bytes, then the rest: the
-// service reads an index of the ring while it is written, and must see it whole.
+// Copies `size` bytes. Returns 0 if the processor faults on one of the addresses. GCC has no __try,
+// so the function has its own unwind data: a scope table of one entry, whose filter is the constant
+// 1 (EXCEPTION_EXECUTE_HANDLER). It copies words of four bytes, then the rest, because the service
+// may read an index of a ring at the same time and must see it whole.
 extern "C" int GuardedCopy(void* to, const void* from, SIZE_T size);
 asm(R"(
   .text
@@ -69,8 +68,7 @@ constexpr Region kRegion[kRegions] = {
 static_assert(lablink::kKeyboardMouseRegion == 0 && lablink::kLogRegion == 1);
 
 HANDLE gSections[kRegions];
-// Where the bridge's process sees each region. Used by the bridge's own calls only, which come one
-// at a time.
+// The views in the bridge's process. Used by the bridge's calls only, which come one at a time.
 PVOID gBridgeViews[kRegions];
 
 PVOID Map(ULONG region, HANDLE process) {
@@ -82,7 +80,7 @@ PVOID Map(ULONG region, HANDLE process) {
   return NT_SUCCESS(status) ? base : nullptr;
 }
 
-// The process of that id; null if it has gone. The caller closes it.
+// Opens the process of that id. Returns null if it has exited. The caller closes it.
 HANDLE OpenProcess(HANDLE id) {
   OBJECT_ATTRIBUTES attributes;
   InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
@@ -92,7 +90,7 @@ HANDLE OpenProcess(HANDLE id) {
   return NT_SUCCESS(status) ? process : nullptr;
 }
 
-// The bytes of a region for the bridge's call; null beyond its bounds.
+// Returns the bytes of a region in the bridge's view; null beyond its bounds.
 UCHAR* BridgeBytes(UINT64 region, UINT32 offset, ULONG size) {
   if (region >= kRegions) return nullptr;
   if (offset > kRegion[region].size || size > kRegion[region].size - offset) return nullptr;
@@ -111,7 +109,10 @@ NTSTATUS CreateRegions() {
     size.QuadPart = kRegion[i].size;
     const NTSTATUS status = ZwCreateSection(&gSections[i], SECTION_ALL_ACCESS, &attributes, &size,
                                             PAGE_READWRITE, SEC_COMMIT, nullptr);
-    if (!NT_SUCCESS(status)) return CloseRegions(), status;
+    if (!NT_SUCCESS(status)) {
+      CloseRegions();
+      return status;
+    }
   }
   return STATUS_SUCCESS;
 }
@@ -150,7 +151,7 @@ void UnmapFor(Handle* handle, ULONG region) {
   handle->views[region] = nullptr;
   if (view == nullptr) return;
   const HANDLE owner = OpenProcess(handle->process);
-  if (owner == nullptr) return;  // its views went with the process
+  if (owner == nullptr) return;  // its views ended with the process
   ZwUnmapViewOfSection(owner, view);
   ZwClose(owner);
 }
@@ -159,21 +160,21 @@ bool Poke(UINT64 region, UINT32 offset, const UCHAR* bytes, ULONG size) {
   UCHAR* to = BridgeBytes(region, offset, size);
   if (to == nullptr) return false;
   const bool copied = GuardedCopy(to, bytes, size) != 0;
-  std::atomic_thread_fence(std::memory_order_release);  // what is poked next is seen later
+  std::atomic_thread_fence(std::memory_order_release);  // a later write becomes visible later
   return copied;
 }
 
 bool Peek(UINT64 region, UINT32 offset, ULONG count) {
   const UCHAR* from = BridgeBytes(region, offset, count);
   if (from == nullptr) return false;
-  // Copied before the lock: the view is ordinary memory and may fault.
+  // Copied before the lock, because the view may fault.
   auto* copy =
       static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, count == 0 ? 1 : count, kPoolTag));
   if (copy == nullptr) return false;
   bool sent = GuardedCopy(copy, from, count) != 0;
   if (sent) {
     Lock lock;
-    sent = Tell(lablink::kMemory, region, offset, copy, count);
+    sent = QueueMessage(lablink::kMemory, region, offset, copy, count);
   }
   ExFreePoolWithTag(copy, kPoolTag);
   return sent;

@@ -1,5 +1,5 @@
-// tavrin_setup: installs and removes the mailbox driver of a test machine, tells how it stands, and
-// makes it misbehave. It runs as an administrator.
+// tavrin_setup: installs and removes the mailbox driver of a test machine, shows its state, and
+// makes it misbehave. Requires an administrator.
 #include <windows.h>
 // These need windows.h.
 #include <newdev.h>
@@ -58,7 +58,7 @@ bool HasHardwareId(HDEVINFO set, SP_DEVINFO_DATA* device) {
          _stricmp(ids, kHardwareId) == 0;
 }
 
-// The mailbox among the root-enumerated devices, those that have left included; false: none.
+// Finds the mailbox among the root-enumerated devices, absent ones included.
 bool FindDevice(DeviceSet* set, SP_DEVINFO_DATA* device) {
   *set = Own(SetupDiGetClassDevsA(nullptr, "ROOT", nullptr, DIGCF_ALLCLASSES));
   if (!*set) return false;
@@ -70,7 +70,7 @@ bool FindDevice(DeviceSet* set, SP_DEVINFO_DATA* device) {
   }
 }
 
-// The device node; its instance becomes ROOT\TAVRIN\0000.
+// Creates the device node ROOT\TAVRIN\0000.
 int RegisterDevice() {
   const DeviceSet set = Own(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
   if (!set) return Fail("SetupDiCreateDeviceInfoList");
@@ -79,7 +79,7 @@ int RegisterDevice() {
   if (!SetupDiCreateDeviceInfoA(set.get(), kDeviceName, &kSystemClass, nullptr, nullptr,
                                 DICD_GENERATE_ID, &device))
     return Fail("SetupDiCreateDeviceInfo");
-  std::array<BYTE, sizeof kHardwareId + 1> ids{};  // a list of texts ends with an empty one
+  std::array<BYTE, sizeof kHardwareId + 1> ids{};  // a list of texts ends with an empty text
   std::memcpy(ids.data(), kHardwareId, sizeof kHardwareId);
   if (!SetupDiSetDeviceRegistryPropertyA(set.get(), &device, SPDRP_HARDWAREID, ids.data(),
                                          static_cast<DWORD>(ids.size())))
@@ -112,11 +112,11 @@ int Install(const std::string& folder) {
   BOOL reboot = FALSE;
   if (!UpdateDriverForPlugAndPlayDevicesA(nullptr, kHardwareId, full, INSTALLFLAG_FORCE, &reboot))
     return Fail("UpdateDriverForPlugAndPlayDevices");
-  std::printf("installed%s\n", reboot ? "; Windows must be started anew" : "");
+  std::printf("installed%s\n", reboot ? "; Windows must be restarted" : "");
   return kDone;
 }
 
-// What an uninstalled device leaves behind: the service entry and the driver's file.
+// Removes what an uninstalled device leaves behind: the service entry and the driver's file.
 void RemoveService() {
   const Service manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
   const Service service(manager ? OpenServiceA(manager.get(), kServiceName, SERVICE_ALL_ACCESS)

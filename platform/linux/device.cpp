@@ -206,8 +206,7 @@ bool CancelIoEx(const DeviceHandle& device, RequestRecord* record) {
   if (!device) return SetLastError(kErrorInvalidHandle), false;
   DeviceState& state = StateOf(device);
   if (state.link->Cancel(state.number, record)) return true;
-  constexpr std::uint32_t kErrorNotFound = 1168;  // ERROR_NOT_FOUND: nothing was in flight
-  return SetLastError(kErrorNotFound), false;
+  return SetLastError(kErrorNotFound), false;  // nothing was in flight
 }
 
 void CloseCompletionPort(RawHandle raw) {

@@ -25,14 +25,6 @@ namespace platform {
 
 namespace {
 
-constexpr std::uint32_t kErrorNoData = 232;            // ERROR_NO_DATA: the list would be empty
-constexpr std::uint32_t kInternetConnectionLan = 0x2;  // INTERNET_CONNECTION_LAN
-constexpr std::uint32_t kOperStatusUp = 1;             // IfOperStatusUp
-constexpr std::uint32_t kOperStatusDown = 2;           // IfOperStatusDown
-constexpr std::uint32_t kIfTypeEthernet = 6;           // IF_TYPE_ETHERNET_CSMACD
-constexpr std::uint32_t kIfTypeLoopback = 24;          // IF_TYPE_SOFTWARE_LOOPBACK
-constexpr std::uint32_t kIfTypeWireless = 71;          // IF_TYPE_IEEE80211
-
 // A MIB_IFROW's size; the table is a count and these.
 struct TableRow {
   std::uint32_t index;
@@ -103,7 +95,7 @@ std::string DescribeAddresses(const Interface& interface, bool more) {
   AddressesEntry entry{};
   entry.more = more ? 1 : 0;
   entry.ifIndex = interface.index;
-  entry.operStatus = interface.up ? kOperStatusUp : kOperStatusDown;
+  entry.operStatus = interface.up ? kIfOperStatusUp : kIfOperStatusDown;
   entry.ifType = IfTypeOf(interface);
   entry.unicastCount = CountOf(interface.addresses.size());
   entry.dnsCount = CountOf(interface.dnsServers.size());

@@ -4,7 +4,7 @@
 namespace platform {
 
 constexpr bool kSelectBeforeEachWait = false;  // an epoll selection stands until it is changed
-constexpr bool kAskEachSocket = false;         // the wait tells which sockets have news
+constexpr bool kQueryEachSocket = false;       // the wait tells which sockets have news
 
 // Without SO_REUSEADDR a listener waits for the connections that linger on its port.
 constexpr bool kListenersReuseTheAddress = true;

@@ -116,8 +116,6 @@ std::uint64_t GetPrivateUsage() {
 
 bool VirtualQuery(std::uint64_t address, MemoryInformation* information) {
   if (gate::Fails("VirtualQuery")) return false;
-  constexpr std::uint32_t kMemPrivate = 0x20000, kMemMapped = 0x40000;
-  constexpr std::uint32_t kPageReadOnly = 0x02;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
     std::uint64_t start = 0, end = 0, inode = 0;

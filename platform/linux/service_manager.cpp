@@ -29,8 +29,6 @@ namespace platform {
 
 namespace {
 
-constexpr std::uint32_t kServiceStopped = 1;  // SERVICE_STOPPED
-
 // The dispatcher's connection. Written by the dispatching thread before the service main starts;
 // the lock guards the stream of lines and what the two sides share of it.
 struct Connection {

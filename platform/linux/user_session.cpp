@@ -144,7 +144,7 @@ pid_t Spawn(const char* path, const char* word) {
 }  // namespace
 
 std::uint32_t WTSGetActiveConsoleSessionId() {
-  return gate::Fails("WTSGetActiveConsoleSessionId") ? 0xFFFFFFFF : kConsoleSession;
+  return gate::Fails("WTSGetActiveConsoleSessionId") ? kNoSession : kConsoleSession;
 }
 
 void CloseSnapshot(RawHandle raw) {

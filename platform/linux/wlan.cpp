@@ -30,11 +30,6 @@ namespace platform {
 
 namespace {
 
-constexpr std::uint32_t kConnectionComplete = 10;  // wlan_notification_acm_connection_complete
-constexpr std::uint32_t kDisconnected = 21;        // wlan_notification_acm_disconnected
-constexpr std::uint32_t kStateConnected = 1;       // wlan_interface_state_connected
-constexpr std::uint32_t kStateDisconnected = 4;    // wlan_interface_state_disconnected
-
 // The states of the interfaces; nothing if there is no wireless service.
 std::optional<std::vector<std::uint32_t>> InterfaceStates() {
   std::vector<std::uint32_t> states;
@@ -43,7 +38,8 @@ std::optional<std::vector<std::uint32_t>> InterfaceStates() {
     return states;
   }
   for (const Interface& interface : ListInterfaces())
-    if (interface.wireless) states.push_back(interface.up ? kStateConnected : kStateDisconnected);
+    if (interface.wireless)
+      states.push_back(interface.up ? kWlanStateConnected : kWlanStateDisconnected);
   if (states.empty()) return std::nullopt;
   return states;
 }
@@ -77,8 +73,10 @@ std::optional<WlanNotification> ReadNotification(const std::string& text) {
   std::istringstream words(text);
   std::string word;
   words >> word;
-  if (word == "connected") return WlanNotification{kWlanNotificationSourceAcm, kConnectionComplete};
-  if (word == "disconnected") return WlanNotification{kWlanNotificationSourceAcm, kDisconnected};
+  if (word == "connected")
+    return WlanNotification{kWlanNotificationSourceAcm, kWlanConnectionComplete};
+  if (word == "disconnected")
+    return WlanNotification{kWlanNotificationSourceAcm, kWlanDisconnected};
   std::istringstream numbers(text);
   WlanNotification notification;
   if (numbers >> notification.source >> notification.code) return notification;
@@ -217,7 +215,6 @@ std::uint32_t WlanGetProfile(WlanHandle handle, const Guid& interfaceGuid,
     *xml = std::move(known.xml);
     return kErrorSuccess;
   }
-  constexpr std::uint32_t kErrorNotFound = 1168;  // ERROR_NOT_FOUND
   return kErrorNotFound;
 }
 

@@ -30,13 +30,6 @@ namespace {
 constexpr HResult kOk = 0;
 constexpr HResult kFalse = 1;  // S_FALSE; WBEM_S_FALSE
 
-constexpr HResult Code(std::uint32_t value) { return static_cast<HResult>(value); }
-constexpr HResult kNotInitialized = Code(0x800401F0);    // CO_E_NOTINITIALIZED
-constexpr HResult kNotFound = Code(0x80041002);          // WBEM_E_NOT_FOUND
-constexpr HResult kInvalidNamespace = Code(0x8004100E);  // WBEM_E_INVALID_NAMESPACE
-constexpr HResult kInvalidClass = Code(0x80041010);      // WBEM_E_INVALID_CLASS
-constexpr HResult kInvalidQuery = Code(0x80041017);      // WBEM_E_INVALID_QUERY
-
 // How often this thread has opened COM and not yet ended it.
 thread_local std::uint32_t tComDepth = 0;
 
@@ -64,8 +57,8 @@ ProcessLifetime<ProcessCom> gCom;  // threads use it while the process leaves
 template <class... Args>
 HResult Pass(const char* call, Args... args) {
   const std::uint32_t error = gate::Enter(call, args...);
-  if (error == 0 || Failed(Code(error))) return Code(error);
-  return Code(0x80070000 | (error & 0xFFFF));  // HRESULT_FROM_WIN32
+  if (error == 0 || Failed(HResultOf(error))) return HResultOf(error);
+  return HResultFromWin32(error);
 }
 
 // What a handle points to. The last reference ends it.
@@ -213,19 +206,14 @@ constexpr WmiClass kClasses[] = {
 
 HResult RowsOf(std::u16string_view query, std::vector<Row>* rows) {
   constexpr std::u16string_view kSelect = u"SELECT * FROM ";
-  if (query.substr(0, kSelect.size()) != kSelect) return kInvalidQuery;
+  if (query.substr(0, kSelect.size()) != kSelect) return kWbemInvalidQuery;
   for (const WmiClass& known : kClasses) {
     if (known.name != query.substr(kSelect.size())) continue;
     *rows = known.rows();
     return kOk;
   }
-  return kInvalidClass;
+  return kWbemInvalidClass;
 }
-
-constexpr std::uint16_t kVtNull = 1;        // VT_NULL
-constexpr std::uint16_t kVtI4 = 3;          // VT_I4
-constexpr std::uint16_t kVtBstr = 8;        // VT_BSTR
-constexpr std::uint16_t kVtArray = 0x2000;  // VT_ARRAY
 
 // The types of WbemValue's kinds, in their order.
 constexpr std::uint16_t kTypeOfKind[] = {kVtNull, kVtBstr, kVtI4, kVtArray | kVtI4};
@@ -294,7 +282,7 @@ HResult ConnectServer(const WbemLocator& locator, const char16_t* wmiNamespace,
   const std::string place = Utf16ToUtf8(wmiNamespace);
   if (const HResult failure = Pass("ConnectServer", "%s", place.c_str())) return failure;
   if (!locator) return kPointer;
-  if (place != "ROOT\\CIMV2") return kInvalidNamespace;
+  if (place != "ROOT\\CIMV2") return kWbemInvalidNamespace;
   services->Reset(Hand(std::make_unique<Unknown>()));
   return kOk;
 }
@@ -334,7 +322,7 @@ HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* valu
     *value = property.value;
     return kOk;
   }
-  return kNotFound;
+  return kWbemNotFound;
 }
 
 HResult GetRawProperty(const WbemObject& row, const char16_t* name, RawVariant* value) {
@@ -361,7 +349,7 @@ HResult ExecQueryAsync(const WbemServices& services, const char16_t* query, Obje
   if (!services || sink == nullptr) return kPointer;
   auto asked = std::make_unique<Asked>(sink);
   asked->result = RowsOf(query, &asked->rows);
-  if (!CreateThread(Deliver, asked.get())) return Code(0x80070000 | (LastError() & 0xFFFF));
+  if (!CreateThread(Deliver, asked.get())) return HResultFromWin32(LastError());
   (void)asked.release();  // the thread's
   return kOk;
 }

@@ -1,8 +1,8 @@
-// Changes of the host's interfaces. Windows wants a callback of its own type, so it calls Notify
-// here, which passes on to the one callback of this process.
+// Windows calls Notify, a callback of its own type, which calls the one callback of the process.
 #include "platform/address_change.h"
 
 #include <atomic>
+#include <cassert>
 
 #include "platform/windows/runtime/windows_api.h"
 // This needs windows.h.
@@ -15,8 +15,8 @@ static_assert(kMibParameterNotification == MibParameterNotification &&
 
 namespace {
 
-// Written before the registration, read on a thread of Windows': release and acquire, since how
-// Windows orders the two is not ours to know.
+// Written before the registration, read on a thread of Windows. Release and acquire, because
+// Windows documents no order between the two.
 std::atomic<IpChangeCallback> gCallback{nullptr};
 
 void NETIOAPI_API_ Notify(void* context, MIB_IPINTERFACE_ROW* row, MIB_NOTIFICATION_TYPE type) {
@@ -26,6 +26,7 @@ void NETIOAPI_API_ Notify(void* context, MIB_IPINTERFACE_ROW* row, MIB_NOTIFICAT
 }  // namespace
 
 std::uint32_t NotifyIpInterfaceChange(IpChangeCallback callback, void* context, RawHandle* handle) {
+  assert(callback != nullptr && handle != nullptr);
   gCallback.store(callback, std::memory_order_release);
   return ::NotifyIpInterfaceChange(AF_INET, Notify, context, FALSE, handle);
 }

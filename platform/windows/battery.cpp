@@ -1,4 +1,3 @@
-// Battery devices.
 #include "platform/battery.h"
 
 #include "platform/windows/runtime/guid_cast.h"
@@ -15,6 +14,7 @@ static_assert(kIoctlBatteryQueryTag == IOCTL_BATTERY_QUERY_TAG &&
               kIoctlBatteryQueryInformation == IOCTL_BATTERY_QUERY_INFORMATION &&
               kIoctlBatteryQueryStatus == IOCTL_BATTERY_QUERY_STATUS);
 static_assert(kBatteryTagInvalid == BATTERY_TAG_INVALID &&
+              kBatteryInformationLevel == ::BatteryInformation &&
               kBatterySystemBattery == BATTERY_SYSTEM_BATTERY &&
               kBatteryIsShortTerm == BATTERY_IS_SHORT_TERM &&
               kBatteryPowerOnLine == BATTERY_POWER_ON_LINE &&

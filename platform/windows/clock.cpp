@@ -1,4 +1,3 @@
-// The system's clock and time zone.
 #include "platform/clock.h"
 
 #include <bit>
@@ -37,8 +36,8 @@ void GetTimeZoneStandardName(char* text, std::size_t size) {
   TIME_ZONE_INFORMATION zone{};
   ::GetTimeZoneInformation(&zone);
   const wchar_t* name = zone.StandardName;
-  static_cast<void>(WideToAnsi(reinterpret_cast<const char16_t*>(name),
-                               wcsnlen(name, std::size(zone.StandardName)), text, size));
+  (void)WideToAnsi(reinterpret_cast<const char16_t*>(name),
+                   wcsnlen(name, std::size(zone.StandardName)), text, size);
 }
 
 }  // namespace platform

@@ -1,12 +1,20 @@
-// Window stations and desktops.
 #include "platform/desktop.h"
 
 #include "platform/windows/runtime/windows_api.h"
+// This needs windows.h.
+#include <lmcons.h>
 
 namespace platform {
 
 static_assert(kMaximumAllowed == MAXIMUM_ALLOWED && kErrorBusy == ERROR_BUSY &&
               kErrorNotLoggedOn == ERROR_NOT_LOGGED_ON);
+static_assert(kGenericWrite == GENERIC_WRITE && kDesktopReadObjects == DESKTOP_READOBJECTS &&
+              kDesktopCreateWindow == DESKTOP_CREATEWINDOW &&
+              kDesktopCreateMenu == DESKTOP_CREATEMENU &&
+              kDesktopHookControl == DESKTOP_HOOKCONTROL &&
+              kDesktopEnumerate == DESKTOP_ENUMERATE &&
+              kDesktopWriteObjects == DESKTOP_WRITEOBJECTS &&
+              kDesktopSwitch == DESKTOP_SWITCHDESKTOP && kUserNameSize == UNLEN + 1);
 static_assert(kPlatformWin9x == VER_PLATFORM_WIN32_WINDOWS &&
               kPlatformWinNt == VER_PLATFORM_WIN32_NT);
 static_assert(kUoiName == UOI_NAME && kUoiUserSid == UOI_USER_SID);

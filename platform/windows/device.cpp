@@ -1,13 +1,14 @@
-// The mailbox device: SetupAPI, overlapped requests, the completion port.
 #include "platform/device.h"
 
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "platform/windows/runtime/guid_cast.h"
 #include "platform/windows/runtime/windows_api.h"
-// This needs windows.h.
+// These need windows.h.
 #include <setupapi.h>
+#include <winioctl.h>
 
 namespace platform {
 
@@ -25,6 +26,9 @@ static_assert(sizeof(DeviceInterfaceDetail) == sizeof(SP_DEVICE_INTERFACE_DETAIL
                   offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_A, DevicePath));
 static_assert(sizeof(RequestRecord) == sizeof(OVERLAPPED) &&
               alignof(RequestRecord) == alignof(OVERLAPPED));
+static_assert(kFileReadAccess == FILE_READ_ACCESS && kFileWriteAccess == FILE_WRITE_ACCESS &&
+              kMethodBuffered == METHOD_BUFFERED && kMethodInDirect == METHOD_IN_DIRECT &&
+              ControlCodeOf(1, 2, 3, 1) == CTL_CODE(1, 3, 1, 2));
 static_assert(sizeof(ULONG_PTR) == sizeof(std::uint64_t));
 
 namespace {
@@ -43,6 +47,7 @@ DeviceInfoList SetupDiGetClassDevsA(const Guid& interfaceClass) {
 
 bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfaceClass,
                                  std::uint32_t index, DeviceInterfaceData* data) {
+  assert(data->cbSize == sizeof *data);
   const GUID guid = WindowsGuid(interfaceClass);
   auto found = std::bit_cast<SP_DEVICE_INTERFACE_DATA>(*data);
   if (!::SetupDiEnumDeviceInterfaces(list.Raw(), nullptr, &guid, index, &found)) return false;
@@ -53,6 +58,7 @@ bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfa
 bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceInterfaceData& data,
                                       DeviceInterfaceDetail* detail, std::uint32_t size,
                                       std::uint32_t* required) {
+  assert(detail == nullptr || detail->cbSize == sizeof *detail);
   auto interfaceData = std::bit_cast<SP_DEVICE_INTERFACE_DATA>(data);
   DWORD needed = 0;
   const BOOL done = ::SetupDiGetDeviceInterfaceDetailA(
@@ -70,8 +76,9 @@ DeviceHandle OpenDevice(const char* path, std::uint32_t /*mode*/) {
 }
 
 void SetRequestEvent(RequestRecord* record, const Event& event) {
+  assert(event);
   const HANDLE raw = event.Raw();
-  std::memcpy(record->raw + offsetof(OVERLAPPED, hEvent), &raw, sizeof(raw));
+  std::memcpy(record->raw + offsetof(OVERLAPPED, hEvent), &raw, sizeof raw);
 }
 
 bool DeviceIoControl(const DeviceHandle& device, std::uint32_t code, const void* input,

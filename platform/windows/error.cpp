@@ -1,4 +1,3 @@
-// The last error of the calling thread.
 #include "platform/error.h"
 
 #include <algorithm>
@@ -9,23 +8,27 @@
 
 namespace platform {
 
-static_assert(
-    kErrorSuccess == ERROR_SUCCESS && kErrorFileNotFound == ERROR_FILE_NOT_FOUND &&
-    kErrorPathNotFound == ERROR_PATH_NOT_FOUND && kErrorAccessDenied == ERROR_ACCESS_DENIED &&
-    kErrorInvalidHandle == ERROR_INVALID_HANDLE &&
-    kErrorNotEnoughMemory == ERROR_NOT_ENOUGH_MEMORY && kErrorGenFailure == ERROR_GEN_FAILURE &&
-    kErrorSharingViolation == ERROR_SHARING_VIOLATION &&
-    kErrorInvalidParameter == ERROR_INVALID_PARAMETER &&
-    kErrorBufferOverflow == ERROR_BUFFER_OVERFLOW && kErrorDiskFull == ERROR_DISK_FULL &&
-    kErrorCallNotImplemented == ERROR_CALL_NOT_IMPLEMENTED &&
-    kErrorInsufficientBuffer == ERROR_INSUFFICIENT_BUFFER &&
-    kErrorAlreadyExists == ERROR_ALREADY_EXISTS && kErrorMoreData == ERROR_MORE_DATA &&
-    kErrorNoMoreItems == ERROR_NO_MORE_ITEMS && kErrorOperationAborted == ERROR_OPERATION_ABORTED &&
-    kErrorIoPending == ERROR_IO_PENDING && kErrorServiceNotActive == ERROR_SERVICE_NOT_ACTIVE &&
-    kErrorFailedServiceControllerConnect == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT &&
-    kErrorServiceExists == ERROR_SERVICE_EXISTS &&
-    kErrorDeviceNotConnected == ERROR_DEVICE_NOT_CONNECTED &&
-    kErrorPrivilegeNotHeld == ERROR_PRIVILEGE_NOT_HELD);
+static_assert(kErrorSuccess == ERROR_SUCCESS && kErrorFileNotFound == ERROR_FILE_NOT_FOUND &&
+              kErrorPathNotFound == ERROR_PATH_NOT_FOUND &&
+              kErrorAccessDenied == ERROR_ACCESS_DENIED &&
+              kErrorInvalidHandle == ERROR_INVALID_HANDLE &&
+              kErrorNotEnoughMemory == ERROR_NOT_ENOUGH_MEMORY &&
+              kErrorGenFailure == ERROR_GEN_FAILURE &&
+              kErrorSharingViolation == ERROR_SHARING_VIOLATION &&
+              kErrorInvalidParameter == ERROR_INVALID_PARAMETER &&
+              kErrorBufferOverflow == ERROR_BUFFER_OVERFLOW && kErrorDiskFull == ERROR_DISK_FULL &&
+              kErrorCallNotImplemented == ERROR_CALL_NOT_IMPLEMENTED &&
+              kErrorInsufficientBuffer == ERROR_INSUFFICIENT_BUFFER &&
+              kErrorAlreadyExists == ERROR_ALREADY_EXISTS && kErrorNoData == ERROR_NO_DATA &&
+              kErrorMoreData == ERROR_MORE_DATA && kErrorNoMoreItems == ERROR_NO_MORE_ITEMS &&
+              kErrorOperationAborted == ERROR_OPERATION_ABORTED &&
+              kErrorIoIncomplete == ERROR_IO_INCOMPLETE && kErrorIoPending == ERROR_IO_PENDING &&
+              kErrorServiceNotActive == ERROR_SERVICE_NOT_ACTIVE &&
+              kErrorFailedServiceControllerConnect == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT &&
+              kErrorServiceExists == ERROR_SERVICE_EXISTS &&
+              kErrorDeviceNotConnected == ERROR_DEVICE_NOT_CONNECTED &&
+              kErrorNotFound == ERROR_NOT_FOUND &&
+              kErrorPrivilegeNotHeld == ERROR_PRIVILEGE_NOT_HELD);
 
 namespace {
 
@@ -40,7 +43,7 @@ std::uint32_t LastError() { return ::GetLastError(); }
 void SetLastError(std::uint32_t error) { ::SetLastError(error); }
 
 std::size_t FormatMessageA(std::uint32_t error, char* text, std::size_t size) {
-  // Into a block of the system's: into a block too small Windows would write nothing.
+  // Windows allocates the block: it would store nothing in one that is too small.
   char* raw = nullptr;
   const DWORD length = ::FormatMessageA(
       FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,

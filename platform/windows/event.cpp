@@ -1,4 +1,3 @@
-// Events.
 #include "platform/event.h"
 
 #include "platform/windows/runtime/windows_api.h"

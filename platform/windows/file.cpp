@@ -1,10 +1,7 @@
-// Files, folders and the debug output.
-//
-// A stream is the file's handle below the C runtime's stream. A thread that is ended from outside
-// keeps the runtime's locks for good, and every later write, seek and close of that stream would
-// wait for it; the kernel takes its own locks back. So the stream of the open is closed within the
-// open, which gives its slot back too, and what is kept is a duplicate of its handle: CloseHandle
-// ends it, and the runtime has no share in that.
+// A Stream is the handle below a stream of the C runtime. A terminated thread keeps the runtime's
+// locks, and every later write, seek and close of the runtime's stream would wait for them; the
+// kernel releases its own. So OpenStream closes the runtime's stream and keeps a duplicate of its
+// handle.
 #include "platform/file.h"
 
 #include <io.h>
@@ -19,7 +16,7 @@ namespace platform {
 
 namespace {
 
-// An offset of all ones is the end of the file, found in the write itself.
+// An offset of all ones makes the write itself find the end of the file.
 bool Append(const Stream& stream, const char* data, DWORD size) {
   OVERLAPPED end{};
   end.Offset = end.OffsetHigh = 0xFFFFFFFF;
@@ -57,7 +54,7 @@ std::int64_t SeekToEnd(const Stream& stream) {
 }
 
 bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
-  char part[2048];  // a line of a log in one write, and not of the heap
+  char part[2048];  // a log line in one write, without the heap
   DWORD used = 0;
   for (std::size_t i = 0; i < size; ++i) {
     if (used + 2 > sizeof part) {

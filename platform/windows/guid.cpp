@@ -1,4 +1,3 @@
-// A GUID's text.
 #include "platform/windows/runtime/guid_cast.h"
 // This needs windows.h.
 #include <objbase.h>

@@ -1,4 +1,3 @@
-// Blocks of the process heap.
 #include "platform/heap.h"
 
 #include "platform/windows/runtime/windows_api.h"

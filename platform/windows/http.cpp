@@ -1,6 +1,6 @@
-// HTTP requests through WinHTTP, which runs them in the background.
 #include "platform/http.h"
 
+#include <cassert>
 #include <memory>
 #include <string>
 #include <utility>
@@ -28,13 +28,13 @@ constexpr DWORD kZeroTerminated = static_cast<DWORD>(-1);
 
 const wchar_t* Wide(const char16_t* text) { return reinterpret_cast<const wchar_t*>(text); }
 
-// What a request is sent from. WinHTTP reads it until the request's handle has been closed, whether
-// or not its sender still waits (its thread may have been ended), so it goes with the handle.
+// The data of a request. WinHTTP reads it until the request's handle has been closed, also if the
+// sending thread was terminated, so the last callback of the handle deletes it.
 struct Sending {
   std::wstring headers;
   std::string body;
   HANDLE done = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  // Written by WinHTTP's thread before it sets `done`, which orders it.
+  // Written by a thread of WinHTTP before it sets `done`; read after the wait for it.
   DWORD error = ERROR_SUCCESS;
 
   Sending() = default;
@@ -49,24 +49,24 @@ void CALLBACK Notify(HINTERNET, DWORD_PTR context, DWORD status, void* informati
   auto* sending = reinterpret_cast<Sending*>(context);
   if (sending == nullptr) return;
   if (status == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
-    delete sending;  // the last call for a handle
+    const std::unique_ptr<Sending> last(sending);  // the last callback of a handle
     return;
   }
   if (status == WINHTTP_CALLBACK_STATUS_REQUEST_ERROR)
     sending->error = static_cast<const WINHTTP_ASYNC_RESULT*>(information)->dwError;
-  ::SetEvent(sending->done);  // by the flags below, the request has been sent, or has failed
+  ::SetEvent(sending->done);  // the callback's flags are those of a sent or a failed request
 }
 
-// Gives `sending` to the request. False if it couldn't be, with the last error.
+// Transfers `sending` to the request. Returns false on failure, with the last error.
 bool Attach(HINTERNET request, std::unique_ptr<Sending> sending) {
   constexpr DWORD kWanted = WINHTTP_CALLBACK_FLAG_SENDREQUEST_COMPLETE |
                             WINHTTP_CALLBACK_FLAG_REQUEST_ERROR |
-                            WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING;  // a flag as well
+                            WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING;  // its own flag
   auto context = reinterpret_cast<DWORD_PTR>(sending.get());
   if (::WinHttpSetStatusCallback(request, Notify, kWanted, 0) == WINHTTP_INVALID_STATUS_CALLBACK ||
       !::WinHttpSetOption(request, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof context))
     return false;
-  (void)sending.release();
+  (void)sending.release();  // Notify deletes it
   return true;
 }
 
@@ -109,6 +109,7 @@ bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
 
 bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, const char* body,
                         std::uint32_t size, std::uint32_t boundMs) {
+  assert(body != nullptr);
   auto made = std::make_unique<Sending>();
   if (made->done == nullptr) return false;
   if (headers != nullptr) made->headers = Wide(headers);
@@ -119,10 +120,10 @@ bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, con
   if (!::WinHttpSendRequest(request.Raw(), more, headers != nullptr ? kZeroTerminated : 0,
                             sending->body.data(), size, size, reinterpret_cast<DWORD_PTR>(sending)))
     return false;
-  if (::WaitForSingleObject(sending->done, boundMs) != WAIT_OBJECT_0)
-    return ::SetLastError(ERROR_WINHTTP_TIMEOUT), false;
-  ::SetLastError(sending->error);
-  return sending->error == ERROR_SUCCESS;
+  const bool isDone = ::WaitForSingleObject(sending->done, boundMs) == WAIT_OBJECT_0;
+  const DWORD error = isDone ? sending->error : ERROR_WINHTTP_TIMEOUT;
+  ::SetLastError(error);
+  return error == ERROR_SUCCESS;
 }
 
 }  // namespace platform

@@ -1,9 +1,21 @@
-// The keyboard layout, key states and the screen, of user32.
 #include "platform/keyboard.h"
 
 #include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
+
+static_assert(kVkShift == VK_SHIFT && kVkControl == VK_CONTROL && kVkMenu == VK_MENU &&
+              kVkCapital == VK_CAPITAL && kVkSpace == VK_SPACE && kVkLeftWindows == VK_LWIN &&
+              kVkNumpad0 == VK_NUMPAD0 && kVkLeftShift == VK_LSHIFT && kVkRightShift == VK_RSHIFT &&
+              kVkLeftControl == VK_LCONTROL && kVkLeftMenu == VK_LMENU);
+static_assert(kKeyExtended == KEYEVENTF_EXTENDEDKEY && kKeyUp == KEYEVENTF_KEYUP);
+static_assert(kMouseMove == MOUSEEVENTF_MOVE && kMouseLeftDown == MOUSEEVENTF_LEFTDOWN &&
+              kMouseLeftUp == MOUSEEVENTF_LEFTUP && kMouseRightDown == MOUSEEVENTF_RIGHTDOWN &&
+              kMouseRightUp == MOUSEEVENTF_RIGHTUP && kMouseMiddleDown == MOUSEEVENTF_MIDDLEDOWN &&
+              kMouseMiddleUp == MOUSEEVENTF_MIDDLEUP && kMouseWheel == MOUSEEVENTF_WHEEL &&
+              kMouseAbsolute == MOUSEEVENTF_ABSOLUTE && kWheelDelta == WHEEL_DELTA);
+static_assert(kScreenWidth == SM_CXSCREEN && kScreenHeight == SM_CYSCREEN &&
+              kSwapButton == SM_SWAPBUTTON);
 
 std::int16_t VkKeyScanA(std::uint8_t character) {
   return ::VkKeyScanA(static_cast<char>(character));

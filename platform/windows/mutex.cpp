@@ -1,4 +1,3 @@
-// Mutexes.
 #include "platform/mutex.h"
 
 #include "platform/windows/runtime/windows_api.h"

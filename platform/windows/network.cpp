@@ -1,8 +1,8 @@
-// The host's names, connection state, interfaces and addresses.
 #include "platform/network.h"
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 #include "platform/windows/runtime/windows_api.h"
@@ -10,13 +10,13 @@
 #include <iphlpapi.h>
 #include <wininet.h>
 
-#undef InetNtop  // Windows' name for InetNtopA or InetNtopW
+#undef InetNtop  // a macro for InetNtopA or InetNtopW
 
 namespace platform {
 
 namespace {
 
-// The IPv4 addresses of any of the address lists, in list order.
+// Returns the IPv4 addresses of an address list, in its order.
 template <class Entry>
 std::vector<std::uint32_t> Ipv4Addresses(const Entry* entry) {
   std::vector<std::uint32_t> addresses;
@@ -66,7 +66,7 @@ std::size_t WideToAnsi(const char16_t* text, std::size_t length, char* ansi, std
   if (size == 0) return 0;
   const auto* wide = reinterpret_cast<const wchar_t*>(text);
   const int count = static_cast<int>(length);
-  // Whole at first: into a block too small Windows would convert nothing for certain.
+  // Converts all of it first: for a block that is too small Windows promises nothing.
   const int needed = ::WideCharToMultiByte(CP_ACP, 0, wide, count, nullptr, 0, nullptr, nullptr);
   std::string whole(static_cast<std::size_t>(needed), '\0');
   ::WideCharToMultiByte(CP_ACP, 0, wide, count, whole.data(), needed, nullptr, nullptr);
@@ -83,6 +83,7 @@ std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
 }
 
 std::vector<IfRow> ReadIfTable(const void* block) {
+  assert(block != nullptr);
   const auto* table = static_cast<const MIB_IFTABLE*>(block);
   std::vector<IfRow> rows;
   for (DWORD row = 0; row < table->dwNumEntries; ++row) {
@@ -125,6 +126,18 @@ std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
   return adapters;
 }
 
+static_assert(kInternetConnectionLan == INTERNET_CONNECTION_LAN &&
+              kInternetRasInstalled == INTERNET_RAS_INSTALLED);
+static_assert(kIfTableSize == sizeof(MIB_IFTABLE) && kAdapterInfoSize == sizeof(IP_ADAPTER_INFO) &&
+              kAdapterAddressesSize == sizeof(IP_ADAPTER_ADDRESSES) &&
+              kIpAddrTableSize == sizeof(MIB_IPADDRTABLE));
+static_assert(kGaaFlagSkipAnycast == GAA_FLAG_SKIP_ANYCAST &&
+              kGaaFlagSkipMulticast == GAA_FLAG_SKIP_MULTICAST &&
+              kGaaFlagSkipFriendlyName == GAA_FLAG_SKIP_FRIENDLY_NAME &&
+              kGaaFlagIncludeGateways == GAA_FLAG_INCLUDE_GATEWAYS);
+static_assert(kIfOperStatusUp == IfOperStatusUp && kIfOperStatusDown == IfOperStatusDown &&
+              kIfTypeEthernet == IF_TYPE_ETHERNET_CSMACD &&
+              kIfTypeLoopback == IF_TYPE_SOFTWARE_LOOPBACK && kIfTypeWireless == IF_TYPE_IEEE80211);
 static_assert(sizeof(IpAddrRow) == sizeof(MIB_IPADDRROW) &&
               offsetof(IpAddrRow, type) == offsetof(MIB_IPADDRROW, wType));
 static_assert(kMibIpAddrPrimary == MIB_IPADDR_PRIMARY && kMibIpAddrDynamic == MIB_IPADDR_DYNAMIC &&
@@ -140,10 +153,12 @@ std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size) {
 }
 
 std::uint32_t IpAddrTableRows(const void* block) {
+  assert(block != nullptr);
   return static_cast<const MIB_IPADDRTABLE*>(block)->dwNumEntries;
 }
 
 IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row) {
+  assert(row < IpAddrTableRows(block));
   return std::bit_cast<IpAddrRow>(static_cast<const MIB_IPADDRTABLE*>(block)->table[row]);
 }
 

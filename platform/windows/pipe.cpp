@@ -1,4 +1,3 @@
-// Named pipes, the client's end.
 #include "platform/pipe.h"
 
 #include "platform/error.h"
@@ -10,12 +9,13 @@ namespace platform {
 static_assert(kErrorBrokenPipe == ERROR_BROKEN_PIPE);
 static_assert(kErrorPipeBusy == ERROR_PIPE_BUSY);
 static_assert(kErrorPipeNotConnected == ERROR_PIPE_NOT_CONNECTED);
+static_assert(kShareWrite == FILE_SHARE_WRITE);
 static_assert(kErrorOperationAborted == ERROR_OPERATION_ABORTED);
 
 namespace {
 
-// One transfer on a pipe. Its record is on the caller's stack, so it has always finished when
-// Finish returns: one that takes too long is cancelled, and the cancel is waited for.
+// One transfer on a pipe. Its record is on the caller's stack, so Finish cancels a transfer that
+// takes too long and blocks until it has finished.
 class Transfer {
  public:
   explicit Transfer(const Pipe& pipe) : pipe_(pipe.Raw()), event_(CreateEventA(true, false)) {
@@ -23,11 +23,11 @@ class Transfer {
   }
   bool IsReady() const { return static_cast<bool>(event_); }
   OVERLAPPED* Record() { return &record_; }
-  // `done` is what the transfer's start has given.
+  // `done` is the result of the call that started the transfer.
   bool Finish(BOOL done, DWORD milliseconds, std::uint32_t* count) {
     if (!done && ::GetLastError() != ERROR_IO_PENDING) return false;
     if (::WaitForSingleObject(record_.hEvent, milliseconds) != WAIT_OBJECT_0)
-      ::CancelIoEx(pipe_, &record_);  // fails if it has finished meanwhile
+      ::CancelIoEx(pipe_, &record_);  // fails if it has just finished
     DWORD bytes = 0;
     const BOOL finished = ::GetOverlappedResult(pipe_, &record_, &bytes, TRUE);
     *count = bytes;

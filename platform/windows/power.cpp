@@ -1,4 +1,3 @@
-// Privileges, the power calls and the power status.
 #include "platform/power.h"
 
 #include <bit>
@@ -20,6 +19,8 @@ static_assert(sizeof(SystemPowerStatus) == sizeof(SYSTEM_POWER_STATUS) &&
                   offsetof(SYSTEM_POWER_STATUS, BatteryLifeTime) &&
               offsetof(SystemPowerStatus, batteryFullLifeTime) ==
                   offsetof(SYSTEM_POWER_STATUS, BatteryFullLifeTime));
+static_assert(kReasonMajorApplication == SHTDN_REASON_MAJOR_APPLICATION &&
+              kBatteryFlagLow == BATTERY_FLAG_LOW && kBatteryFlagCritical == BATTERY_FLAG_CRITICAL);
 static_assert(sizeof(Luid) == sizeof(LUID) && offsetof(Luid, high) == offsetof(LUID, HighPart));
 
 void CloseToken(RawHandle raw) { ::CloseHandle(raw); }

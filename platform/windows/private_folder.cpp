@@ -1,4 +1,3 @@
-// Private folders.
 #include "platform/private_folder.h"
 
 #include <string>
@@ -29,13 +28,13 @@ Descriptor PrivateAccess() {
   return Descriptor(raw);
 }
 
-// The thing itself, which may be a folder: a link isn't followed.
+// Opens a file, a folder or a link itself; does not follow links.
 File OpenItself(const char* path, DWORD access, DWORD share) {
   return File(::CreateFileA(path, access, share, nullptr, OPEN_EXISTING,
                             FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
-// Room for a record with an identifier of 68 bytes at most behind it.
+// Room for a record and a security identifier of at most 68 bytes after it.
 union Room {
   TOKEN_USER user;
   SECURITY_DESCRIPTOR descriptor;
@@ -65,7 +64,7 @@ bool IsTrusted(const File& file) {
          ::IsWellKnownSid(owner, WinBuiltinAdministratorsSid) || IsOwnUser(owner);
 }
 
-// False if it is foreign and stays, or can't be looked at.
+// Returns false if it is foreign and could not be deleted, or could not be examined.
 bool RemoveIfForeign(const char* path) {
   BY_HANDLE_FILE_INFORMATION facts;
   {
@@ -92,14 +91,16 @@ bool CreatePrivateFolder(const char* path) {
 
 bool ClaimPrivateFolder(const char* path) {
   const Descriptor access = PrivateAccess();
-  // Nobody may rename it meanwhile.
+  // Not shared for deletion, so that it can't be renamed meanwhile.
   const File folder = OpenItself(path, READ_CONTROL | WRITE_DAC | FILE_READ_ATTRIBUTES,
                                  FILE_SHARE_READ | FILE_SHARE_WRITE);
   BY_HANDLE_FILE_INFORMATION facts;
   if (!access || !folder || !::GetFileInformationByHandle(folder.Raw(), &facts)) return false;
   constexpr DWORD kKind = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-  if ((facts.dwFileAttributes & kKind) != FILE_ATTRIBUTE_DIRECTORY || !IsTrusted(folder))
-    return ::SetLastError(ERROR_ACCESS_DENIED), false;
+  if ((facts.dwFileAttributes & kKind) != FILE_ATTRIBUTE_DIRECTORY || !IsTrusted(folder)) {
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return false;
+  }
   return ::SetKernelObjectSecurity(folder.Raw(),
                                    DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
                                    access.Raw()) != FALSE;

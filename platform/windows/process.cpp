@@ -1,4 +1,3 @@
-// The process.
 #include "platform/process.h"
 
 #include <cstdio>
@@ -13,8 +12,10 @@ namespace platform {
 
 static_assert(kMaxPath == MAX_PATH);
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
-static_assert(kMemCommit == MEM_COMMIT && kMemImage == MEM_IMAGE &&
-              kPageReadWrite == PAGE_READWRITE && kPageExecuteReadWrite == PAGE_EXECUTE_READWRITE);
+static_assert(kMemCommit == MEM_COMMIT && kMemPrivate == MEM_PRIVATE && kMemMapped == MEM_MAPPED &&
+              kMemImage == MEM_IMAGE && kPageReadOnly == PAGE_READONLY &&
+              kPageGuard == PAGE_GUARD && kPageReadWrite == PAGE_READWRITE &&
+              kPageExecuteReadWrite == PAGE_EXECUTE_READWRITE);
 
 bool PrepareProcess() {
   const bool isNarrow =
@@ -30,16 +31,16 @@ bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {
 
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]) {
   const DWORD length = ::GetModuleFileNameA(nullptr, path, kMaxPath);
-  return length < kMaxPath ? length : 0;  // Windows gives kMaxPath for a path that it had to cut
+  return length < kMaxPath ? length : 0;  // kMaxPath: Windows has cut the path
 }
 
 void ExitProcess(std::uint32_t exitCode) { ::ExitProcess(exitCode); }
 
 std::uint64_t GetPrivateUsage() {
   PROCESS_MEMORY_COUNTERS_EX counters{};
-  counters.cb = sizeof(counters);
+  counters.cb = sizeof counters;
   auto* plain = reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters);
-  if (!::K32GetProcessMemoryInfo(::GetCurrentProcess(), plain, sizeof(counters))) return 0;
+  if (!::K32GetProcessMemoryInfo(::GetCurrentProcess(), plain, sizeof counters)) return 0;
   return counters.PrivateUsage;
 }
 

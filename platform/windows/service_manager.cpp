@@ -1,9 +1,10 @@
-// The service manager and the event log. Windows wants entries of its own types, so it calls
-// ServiceMain and HandleControl here, which pass on to the one service of this process.
+// Windows calls ServiceMain and HandleControl, entries of its own types, which call those of the
+// one service of the process.
 #include "platform/service_manager.h"
 
 #include <atomic>
 #include <bit>
+#include <cassert>
 
 #include "platform/windows/runtime/guid_cast.h"
 #include "platform/windows/runtime/windows_api.h"
@@ -22,10 +23,30 @@ static_assert(sizeof(ServiceStatus) == sizeof(SERVICE_STATUS) &&
               offsetof(ServiceStatus, dwCheckPoint) == offsetof(SERVICE_STATUS, dwCheckPoint) &&
               offsetof(ServiceStatus, dwWaitHint) == offsetof(SERVICE_STATUS, dwWaitHint));
 
+static_assert(kServiceWin32OwnProcessType == SERVICE_WIN32_OWN_PROCESS &&
+              kServiceStopped == SERVICE_STOPPED && kServiceStartPending == SERVICE_START_PENDING &&
+              kServiceStopPending == SERVICE_STOP_PENDING && kServiceRunning == SERVICE_RUNNING &&
+              kServiceAcceptStop == SERVICE_ACCEPT_STOP &&
+              kServiceAcceptPreshutdown == SERVICE_ACCEPT_PRESHUTDOWN);
+static_assert(kServiceAllAccess == SERVICE_ALL_ACCESS && kServiceAutoStart == SERVICE_AUTO_START &&
+              kServiceErrorNormal == SERVICE_ERROR_NORMAL);
+static_assert(kControlStop == SERVICE_CONTROL_STOP &&
+              kControlInterrogate == SERVICE_CONTROL_INTERROGATE &&
+              kControlPowerEvent == SERVICE_CONTROL_POWEREVENT &&
+              kControlSessionChange == SERVICE_CONTROL_SESSIONCHANGE &&
+              kControlPreshutdown == SERVICE_CONTROL_PRESHUTDOWN);
+static_assert(kSessionLogon == WTS_SESSION_LOGON && kSessionLogoff == WTS_SESSION_LOGOFF &&
+              kSessionLock == WTS_SESSION_LOCK && kSessionUnlock == WTS_SESSION_UNLOCK);
+static_assert(sizeof(PowerBroadcastSetting) == sizeof(POWERBROADCAST_SETTING) &&
+              offsetof(PowerBroadcastSetting, dataLength) ==
+                  offsetof(POWERBROADCAST_SETTING, DataLength) &&
+              offsetof(PowerBroadcastSetting, data) == offsetof(POWERBROADCAST_SETTING, Data));
+static_assert(kEventError == EVENTLOG_ERROR_TYPE && kEventInformation == EVENTLOG_INFORMATION_TYPE);
+
 namespace {
 
-// Each is written before Windows learns of the entry that reads it, and read on a thread of
-// Windows': release and acquire, since how Windows orders the two is not ours to know.
+// Written before the registration of the entry that reads them, read on a thread of Windows.
+// Release and acquire, because Windows documents no order between the two.
 std::atomic<ServiceMainEntry> gServiceMain{nullptr};
 std::atomic<ControlHandler> gControlHandler{nullptr};
 
@@ -46,6 +67,7 @@ SC_HANDLE ScHandle(const ServiceHandle& handle) { return static_cast<SC_HANDLE>(
 }  // namespace
 
 bool StartServiceCtrlDispatcherA(const char* name, ServiceMainEntry entry) {
+  assert(entry != nullptr);
   gServiceMain.store(entry, std::memory_order_release);
   const SERVICE_TABLE_ENTRYA table[] = {{const_cast<char*>(name), ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherA(table) != FALSE;
@@ -53,6 +75,7 @@ bool StartServiceCtrlDispatcherA(const char* name, ServiceMainEntry entry) {
 
 ServiceStatusHandle RegisterServiceCtrlHandlerExA(const char* name, ControlHandler handler,
                                                   void* context) {
+  assert(handler != nullptr);
   gControlHandler.store(handler, std::memory_order_release);
   return ::RegisterServiceCtrlHandlerExA(name, HandleControl, context);
 }

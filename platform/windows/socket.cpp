@@ -1,6 +1,6 @@
-// TCP sockets and the selector's wait, by Winsock.
 #include "platform/socket.h"
 
+#include <cassert>
 #include <cstring>
 #include <memory>
 
@@ -13,9 +13,14 @@ static_assert(kAfInet == AF_INET && kAfInet6 == AF_INET6 && kSockStream == SOCK_
               kIpprotoTcp == IPPROTO_TCP && kSolSocket == SOL_SOCKET &&
               kSoReuseAddr == SO_REUSEADDR && kSoKeepAlive == SO_KEEPALIVE &&
               kTcpNoDelay == TCP_NODELAY && kSdSend == SD_SEND);
-static_assert(kWsaEIntr == WSAEINTR && kWsaEInval == WSAEINVAL &&
-              kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaEAddrInUse == WSAEADDRINUSE &&
-              kWsaEConnReset == WSAECONNRESET && kWsaENotConn == WSAENOTCONN);
+static_assert(kWsaEIntr == WSAEINTR && kWsaEAcces == WSAEACCES && kWsaEFault == WSAEFAULT &&
+              kWsaEInval == WSAEINVAL && kWsaEMFile == WSAEMFILE &&
+              kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaENotSock == WSAENOTSOCK &&
+              kWsaEAddrInUse == WSAEADDRINUSE && kWsaEAddrNotAvail == WSAEADDRNOTAVAIL &&
+              kWsaEConnAborted == WSAECONNABORTED && kWsaEConnReset == WSAECONNRESET &&
+              kWsaENoBufs == WSAENOBUFS && kWsaEIsConn == WSAEISCONN &&
+              kWsaENotConn == WSAENOTCONN && kWsaETimedOut == WSAETIMEDOUT &&
+              kWsaEConnRefused == WSAECONNREFUSED && kWsaEHostUnreach == WSAEHOSTUNREACH);
 static_assert(kFdRead == FD_READ && kFdWrite == FD_WRITE && kFdOob == FD_OOB &&
               kFdAccept == FD_ACCEPT && kFdConnect == FD_CONNECT && kFdClose == FD_CLOSE);
 static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&
@@ -23,7 +28,7 @@ static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&
               offsetof(SockAddrIn, port) == offsetof(sockaddr_in, sin_port) &&
               offsetof(SockAddrIn, address) == offsetof(sockaddr_in, sin_addr) &&
               offsetof(SockAddrIn, zero) == offsetof(sockaddr_in, sin_zero));
-// Results are handed through.
+// The calls below return Winsock's results.
 static_assert(SOCKET_ERROR == -1);
 
 namespace {
@@ -60,7 +65,7 @@ int connect(SocketValue sock, const void* address, int size) {
 int listen(SocketValue sock, int backlog) { return ::listen(sock, backlog); }
 
 SocketValue accept(SocketValue sock, SockAddrIn* peer) {
-  int size = sizeof(*peer);
+  int size = sizeof *peer;
   return ::accept(sock, reinterpret_cast<sockaddr*>(peer), &size);
 }
 
@@ -92,6 +97,7 @@ int shutdown(SocketValue sock, int how) { return ::shutdown(sock, how); }
 int closesocket(SocketValue sock) { return ::closesocket(sock); }
 
 int ResolveHost(const char* host, int index, void* address, int capacity) {
+  assert(index >= 0 && capacity >= 0);
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
@@ -100,8 +106,7 @@ int ResolveHost(const char* host, int index, void* address, int capacity) {
   const std::unique_ptr<addrinfo, FreeAddresses> list(first);
   const addrinfo* entry = first;
   for (; entry != nullptr && index > 0; --index) entry = entry->ai_next;
-  if (entry == nullptr || capacity < 0) return 0;
-  if (entry->ai_addrlen > static_cast<std::size_t>(capacity)) return 0;
+  if (entry == nullptr || entry->ai_addrlen > static_cast<std::size_t>(capacity)) return 0;
   std::memcpy(address, entry->ai_addr, entry->ai_addrlen);
   return static_cast<int>(entry->ai_addrlen);
 }
@@ -129,10 +134,10 @@ int WSAEventSelect(SocketValue sock, const SocketEvent& event, SocketSelection* 
 
 int WSAEnumNetworkEvents(SocketValue sock, const SocketEvent& event, SocketSelection* selection,
                          std::uint32_t* events) {
-  WSANETWORKEVENTS told{};
-  const int result = ::WSAEnumNetworkEvents(sock, event.Raw(), &told);
+  WSANETWORKEVENTS reported{};
+  const int result = ::WSAEnumNetworkEvents(sock, event.Raw(), &reported);
   selection->signalled = 0;
-  *events = static_cast<std::uint32_t>(told.lNetworkEvents);
+  *events = static_cast<std::uint32_t>(reported.lNetworkEvents);
   return result;
 }
 
@@ -140,7 +145,7 @@ SocketWait WaitForMultipleObjectsEx(const SocketEvent& sockets, const WakeEvent&
                                     std::uint32_t milliseconds) {
   const HANDLE handles[] = {sockets.Raw(), wake.Raw()};
   const DWORD result = ::WaitForMultipleObjectsEx(2, handles, FALSE, milliseconds, FALSE);
-  // The wait tells only the first of the two that is set.
+  // The wait reports only the first of the two that is signalled.
   const bool woken =
       result == WAIT_OBJECT_0 + 1 ||
       (result == WAIT_OBJECT_0 && ::WaitForSingleObject(wake.Raw(), 0) == WAIT_OBJECT_0);

@@ -1,7 +1,7 @@
-// Threads. Windows wants an entry of its own type, so each thread starts in Run, which owns the
-// record of what to call.
+// Each thread starts in Run, an entry of Windows' type, which owns the record of what to call.
 #include "platform/thread.h"
 
+#include <cassert>
 #include <memory>
 
 #include "platform/windows/runtime/windows_api.h"
@@ -20,7 +20,7 @@ struct Start {
 DWORD WINAPI Run(void* record) {
   std::unique_ptr<Start> owner(static_cast<Start*>(record));
   const Start start = *owner;
-  owner.reset();  // now: a terminated thread never comes back here
+  owner.reset();  // now, because a terminated thread does not return here
   return start.entry(start.parameter);
 }
 
@@ -29,9 +29,10 @@ DWORD WINAPI Run(void* record) {
 void CloseThread(RawHandle raw) { ::CloseHandle(raw); }
 
 Thread CreateThread(ThreadEntry entry, void* parameter) {
+  assert(entry != nullptr);
   auto start = std::make_unique<Start>(Start{entry, parameter});
   Thread thread(::CreateThread(nullptr, 0, Run, start.get(), 0, nullptr));
-  if (thread) static_cast<void>(start.release());  // Run owns it
+  if (thread) (void)start.release();  // Run owns it
   return thread;
 }
 

@@ -1,4 +1,3 @@
-// Processes, tokens and the start of a process in the console's session.
 #include "platform/user_session.h"
 
 #include <algorithm>
@@ -18,6 +17,7 @@ static_assert(kTokenAllAccess == TOKEN_ALL_ACCESS && kTokenQuery == TOKEN_QUERY)
 static_assert(UserSid::kSize == SECURITY_MAX_SID_SIZE);
 static_assert(kDetachedProcess == DETACHED_PROCESS &&
               kCreateUnicodeEnvironment == CREATE_UNICODE_ENVIRONMENT);
+static_assert(kSwShow == SW_SHOW);
 static_assert(sizeof(PROCESSENTRY32) == 304 && sizeof(STARTUPINFOA) == 104);
 static_assert(sizeof(PROCESSENTRY32::szExeFile) == kMaxPath);
 

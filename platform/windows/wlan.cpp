@@ -1,9 +1,9 @@
-// The wireless service. Windows wants a callback of its own type, so it calls Notify here, which
-// passes on to the one callback of this process.
+// Windows calls Notify, a callback of its own type, which calls the one callback of the process.
 #include "platform/wlan.h"
 
 #include <atomic>
 #include <bit>
+#include <cassert>
 #include <cwchar>
 #include <memory>
 
@@ -14,9 +14,14 @@
 
 namespace platform {
 
-// WLAN_PROFILE_GROUP_POLICY is missing in mingw-w64's header.
+// mingw-w64 does not declare WLAN_PROFILE_GROUP_POLICY.
 static_assert(kWlanNotificationSourceAcm == WLAN_NOTIFICATION_SOURCE_ACM &&
-              kWlanProfileUser == WLAN_PROFILE_USER);
+              kWlanProfileUser == WLAN_PROFILE_USER &&
+              kWlanConnectionComplete == wlan_notification_acm_connection_complete &&
+              kWlanDisconnected == wlan_notification_acm_disconnected &&
+              kWlanStateConnected == wlan_interface_state_connected &&
+              kWlanStateDisconnected == wlan_interface_state_disconnected &&
+              kWlanStates == wlan_interface_state_authenticating + 1);
 
 namespace {
 
@@ -24,8 +29,8 @@ struct FreeWlanMemory {
   void operator()(void* block) const { ::WlanFreeMemory(block); }
 };
 
-// Written before the registration, read on a thread of Windows': release and acquire, since how
-// Windows orders the two is not ours to know.
+// Written before the registration, read on a thread of Windows. Release and acquire, because
+// Windows documents no order between the two.
 std::atomic<WlanCallback> gCallback{nullptr};
 
 void WINAPI Notify(WLAN_NOTIFICATION_DATA* data, void* context) {
@@ -45,6 +50,7 @@ std::uint32_t WlanCloseHandle(WlanHandle handle) { return ::WlanCloseHandle(hand
 
 std::uint32_t WlanRegisterNotification(WlanHandle handle, std::uint32_t source,
                                        WlanCallback callback, void* context) {
+  assert(callback != nullptr);
   gCallback.store(callback, std::memory_order_release);
   return ::WlanRegisterNotification(handle, source, TRUE, Notify, context, nullptr, nullptr);
 }

@@ -1,9 +1,10 @@
-// COM and WMI. Handles hold the IUnknown of what they own.
+// A raw handle is the IUnknown of its object.
 #include "platform/wmi.h"
 
 #include <cstddef>
 #include <cstring>
 
+#include "platform/windows/runtime/guid_cast.h"
 #include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <oleauto.h>
@@ -14,8 +15,17 @@ namespace platform {
 static_assert(sizeof(RawVariant) == sizeof(VARIANT) &&
               offsetof(RawVariant, value) == offsetof(VARIANT, llVal));
 static_assert(kTooLate == RPC_E_TOO_LATE && kNoInterface == E_NOINTERFACE &&
-              kPointer == E_POINTER && kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
+              kPointer == E_POINTER && kNotInitialized == CO_E_NOTINITIALIZED &&
+              kWbemNotFound == HResultOf(WBEM_E_NOT_FOUND) &&
+              kWbemInvalidNamespace == HResultOf(WBEM_E_INVALID_NAMESPACE) &&
+              kWbemInvalidClass == HResultOf(WBEM_E_INVALID_CLASS) &&
+              kWbemInvalidQuery == HResultOf(WBEM_E_INVALID_QUERY) &&
+              HResultFromWin32(ERROR_GEN_FAILURE) == __HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
+static_assert(kVtNull == VT_NULL && kVtI4 == VT_I4 && kVtBstr == VT_BSTR && kVtArray == VT_ARRAY);
+static_assert(kWbemStatusComplete == WBEM_STATUS_COMPLETE &&
               kWbemStatusProgress == WBEM_STATUS_PROGRESS);
+static_assert(IsSameGuid(kIidUnknown, __uuidof(IUnknown)) &&
+              IsSameGuid(kIidWbemObjectSink, __uuidof(IWbemObjectSink)));
 static_assert(sizeof(HResult) == sizeof(HRESULT) && sizeof(char16_t) == sizeof(OLECHAR));
 
 namespace {
@@ -44,7 +54,7 @@ class Variant {
   const VARIANT& operator*() const { return raw_; }
 
  private:
-  VARIANT raw_{};  // zero where a value is smaller than its room
+  VARIANT raw_{};  // zero after a value that is smaller
 };
 
 template <class Interface, class Owner>
@@ -113,7 +123,7 @@ WbemValue ReadVariant(const VARIANT& variant) {
   }
 }
 
-// What a VARIANT of this type holds in itself: a number, a date, a truth value.
+// Returns whether a VARIANT of this type holds its value itself: a number, a date, a truth value.
 bool IsPlain(VARTYPE type) {
   switch (type) {
     case VT_I1:

@@ -16,7 +16,6 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kShareWrite = 2;  // FILE_SHARE_WRITE
 constexpr std::uint32_t kRetryMilliseconds = 2000;
 constexpr std::size_t kQuestionSize = 100;  // with its zero byte
 constexpr std::size_t kAnswerSize = 128;    // with CR LF, and a terminator that is not sent
@@ -24,7 +23,7 @@ constexpr char kAnswerEnd[] = "\r\n";
 
 platform::Pipe ConnectToPipe(const char* name) {
   for (;;) {
-    platform::Pipe pipe = platform::OpenPipe(name, kShareWrite);
+    platform::Pipe pipe = platform::OpenPipe(name, platform::kShareWrite);
     if (pipe) return pipe;
     platform::Sleep(kRetryMilliseconds);
   }

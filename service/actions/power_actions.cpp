@@ -15,11 +15,11 @@ platform::ProcessLifetime<ActionsState> gActions;
 namespace {
 
 constexpr std::uint32_t kDelayMilliseconds = 2000;
-constexpr std::uint32_t kReasonMajorApplication = 0x40000;  // SHTDN_REASON_MAJOR_APPLICATION
 constexpr char kShutdownPrivilege[] = "SeShutdownPrivilege";
 
 bool ShutDown(bool reboot) {
-  return platform::InitiateSystemShutdownExA(nullptr, 0, true, reboot, kReasonMajorApplication);
+  return platform::InitiateSystemShutdownExA(nullptr, 0, true, reboot,
+                                             platform::kReasonMajorApplication);
 }
 bool ShutDownLater(bool reboot) {
   return platform::InitiateSystemShutdownExA("DASH initiated power command", 5, false, reboot, 0);

@@ -7,6 +7,7 @@
 #include "platform/device.h"
 #include "platform/error.h"
 #include "platform/power.h"
+#include "platform/service_manager.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/side_log.h"
@@ -30,29 +31,6 @@ std::atomic<std::uint32_t> gSessionLogonCount{0};
 
 namespace {
 
-enum : std::uint32_t {
-  kControlStop = 1,            // SERVICE_CONTROL_STOP
-  kControlInterrogate = 4,     // SERVICE_CONTROL_INTERROGATE
-  kControlPowerEvent = 13,     // SERVICE_CONTROL_POWEREVENT
-  kControlSessionChange = 14,  // SERVICE_CONTROL_SESSIONCHANGE
-  kControlPreshutdown = 15,    // SERVICE_CONTROL_PRESHUTDOWN
-};
-
-enum : std::uint32_t {
-  kSessionLogon = 5,  // WTS_SESSION_LOGON and the three behind it
-  kSessionLogoff = 6,
-  kSessionLock = 7,
-  kSessionUnlock = 8,
-};
-
-// POWERBROADCAST_SETTING.
-struct PowerBroadcastSetting {
-  platform::Guid powerSetting;
-  std::uint32_t dataLength;
-  std::uint8_t data[4];  // as many as dataLength says; one at least is read
-};
-static_assert(sizeof(PowerBroadcastSetting) == 24);
-
 // Both threads are asked at once, so that they leave side by side.
 void EndThreads(const char* readerFailureLine) {
   AskServerToStop();
@@ -64,7 +42,7 @@ void EndThreads(const char* readerFailureLine) {
 void StopService() {
   gStopPathRuns.store(true, std::memory_order_relaxed);  // the stop event's signal publishes it
   LogInfo("SERVICE_CONTROL_STOP recevied\n");
-  ReportSvcStatus(kServiceStopPending, 0, 0);
+  ReportSvcStatus(platform::kServiceStopPending, 0, 0);
   gReports->gTavrinRunning.store(0, std::memory_order_relaxed);
   UnregisterNetworkEvent();
   LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
@@ -73,7 +51,7 @@ void StopService() {
     LogInfo("CancelIoEx failed. Error status %d", platform::LastError());
   // Without the event SvcInit goes on waiting: the service manager sees it pending for ever.
   (void)platform::SetEvent(*gServiceStopEvent);
-  ReportSvcStatus(kServiceStopPending, 0, 0);
+  ReportSvcStatus(platform::kServiceStopPending, 0, 0);
   ServiceLog_Close();
   gStopPathRuns.store(false, std::memory_order_release);
 }
@@ -89,12 +67,11 @@ void PrepareShutdown() {
 }
 
 void HandleBatteryEvent(const platform::SystemPowerStatus& spsPwr) {
-  constexpr std::uint8_t kLow = 2, kCritical = 4;  // BatteryFlag, exactly
   LogInfo("GUID_BATTERY_PERCENTAGE_REMAINING Event");
-  if (spsPwr.batteryFlag == kLow) {
+  if (spsPwr.batteryFlag == platform::kBatteryFlagLow) {
     LogInfo("Battery is Critical %d", spsPwr.batteryLifePercent);
     gStandby->gBatteryState.store(kBatteryIsCritical, std::memory_order_relaxed);
-  } else if (spsPwr.batteryFlag == kCritical) {
+  } else if (spsPwr.batteryFlag == platform::kBatteryFlagCritical) {
     LogInfo("Battery is Drained %d", spsPwr.batteryLifePercent);
     gStandby->gBatteryState.store(kBatteryIsDrained, std::memory_order_relaxed);
   }
@@ -106,9 +83,9 @@ bool IsSetting(const platform::Guid& guid, const platform::Guid& setting) {
 }
 
 void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
-  if (eventData == nullptr) return;  // an event without a setting has nothing to tell
-  PowerBroadcastSetting event;
-  std::memcpy(&event, eventData, offsetof(PowerBroadcastSetting, data) + 1);
+  if (eventData == nullptr) return;       // an event without a setting has nothing to tell
+  platform::PowerBroadcastSetting event;  // one byte of the value at least is there
+  std::memcpy(&event, eventData, offsetof(platform::PowerBroadcastSetting, data) + 1);
   const platform::Guid& guid = event.powerSetting;
   char data4[sizeof guid.data4 + 1] = "";
   std::memcpy(data4, guid.data4, sizeof guid.data4);
@@ -116,12 +93,12 @@ void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
           std::atoi(data4));
   platform::SystemPowerStatus spsPwr{};
   if (!platform::GetSystemPowerStatus(&spsPwr)) return;
-  if (IsSetting(guid, kGuidBatteryPercentageRemaining)) HandleBatteryEvent(spsPwr);
-  if (IsSetting(guid, kGuidAcdcPowerSource)) {
+  if (IsSetting(guid, platform::kGuidBatteryPercentageRemaining)) HandleBatteryEvent(spsPwr);
+  if (IsSetting(guid, platform::kGuidAcdcPowerSource)) {
     LogInfo("Size of event %lu,%lu", event.dataLength, eventType);
     LogInfo("GUID_ACDC_POWER_SOURCE Event %lu", event.data[0]);
   }
-  if (IsSetting(guid, kGuidGlobalUserPresence))
+  if (IsSetting(guid, platform::kGuidGlobalUserPresence))
     gStandby->gUserPresence.store(event.data[0], std::memory_order_relaxed);
 }
 
@@ -130,20 +107,20 @@ void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
 std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
                              void* context) {
   switch (control) {
-    case kControlStop:
+    case platform::kControlStop:
       StopService();
       break;
-    case kControlInterrogate:
+    case platform::kControlInterrogate:
       break;
-    case kControlPowerEvent:
+    case platform::kControlPowerEvent:
       HandlePowerEvent(eventType, eventData);
       break;
-    case kControlSessionChange:
+    case platform::kControlSessionChange:
       SideLog(kSideLogKeyboardMouse, "%s:SERVICE_CONTROL_SESSIONCHANGE recevied\n",
               "SvcCtrlHandler");
       SvcHandleSessionChange(control, eventType, eventData, context);
       break;
-    case kControlPreshutdown:
+    case platform::kControlPreshutdown:
       PrepareShutdown();
       break;
     default:
@@ -155,23 +132,28 @@ std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, voi
 
 void SvcHandleSessionChange(std::uint32_t, std::uint32_t eventType, void*, void*) {
   constexpr const char* kName = "SvcHandleSessionChange";
-  if (eventType == kSessionLogon) {
+  if (eventType == platform::kSessionLogon) {
     const std::uint32_t count = gSessionLogonCount.fetch_add(1, std::memory_order_relaxed) + 1;
     SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGON gSessionLogonCount %d", kName, count);
     NotifyKvmTerminationEvents();
   }
-  if (eventType == kSessionLogoff) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGOFF", kName);
-  if (eventType == kSessionLock) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOCK", kName);
-  if (eventType == kSessionUnlock) SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_UNLOCK", kName);
+  if (eventType == platform::kSessionLogoff)
+    SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGOFF", kName);
+  if (eventType == platform::kSessionLock)
+    SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOCK", kName);
+  if (eventType == platform::kSessionUnlock)
+    SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_UNLOCK", kName);
 }
 
 void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint) {
   static std::uint32_t nextCheckPoint = 1;  // the dispatcher's thread only
-  const bool settled = currentState == kServiceRunning || currentState == kServiceStopped;
-  SetReportedStatus({kServiceWin32OwnProcessType, currentState,
-                     currentState == kServiceStartPending ? 0 : kServiceAcceptStop, win32ExitCode,
-                     0, settled ? 0 : nextCheckPoint++, waitHint});
+  const bool settled =
+      currentState == platform::kServiceRunning || currentState == platform::kServiceStopped;
+  SetReportedStatus(
+      {platform::kServiceWin32OwnProcessType, currentState,
+       currentState == platform::kServiceStartPending ? 0 : platform::kServiceAcceptStop,
+       win32ExitCode, 0, settled ? 0 : nextCheckPoint++, waitHint});
   SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
 }
 

@@ -5,17 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "platform/guid.h"
-
 namespace stewardry {
-
-// The power settings that the service registers for (Winnt.h's names).
-inline constexpr platform::Guid kGuidAcdcPowerSource = {
-    0x5D3E9A59, 0xE9D5, 0x4B00, {0xA6, 0xBD, 0xFF, 0x34, 0xFF, 0x51, 0x65, 0x48}};
-inline constexpr platform::Guid kGuidBatteryPercentageRemaining = {
-    0xA7AD8041, 0xB45A, 0x4CAE, {0x87, 0xA3, 0xEE, 0xCB, 0xB4, 0x68, 0xA9, 0xE1}};
-inline constexpr platform::Guid kGuidGlobalUserPresence = {
-    0x786E8A1D, 0xB427, 0x4344, {0x92, 0x07, 0x09, 0xE7, 0x0B, 0xDC, 0xBE, 0xA9}};
 
 // Logon events since the service started.
 extern std::atomic<std::uint32_t> gSessionLogonCount;

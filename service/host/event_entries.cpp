@@ -18,8 +18,8 @@ void ReportServiceEvent(const char* text, std::uint16_t eventType) {
   const platform::EventSource source = platform::RegisterEventSourceA(kServiceName);
   if (!source) return;
   char Buffer[128] = "";
-  if (eventType == kEventInformation) FormatTo(Buffer, sizeof Buffer, "%s", text);
-  if (eventType == kEventError)
+  if (eventType == platform::kEventInformation) FormatTo(Buffer, sizeof Buffer, "%s", text);
+  if (eventType == platform::kEventError)
     FormatTo(Buffer, sizeof Buffer, "%s failed with %d", text, platform::LastError());
   const char* const strings[] = {kServiceName, Buffer};
   (void)platform::ReportEventA(source, eventType, kEventId, strings);  // an entry lost is no harm

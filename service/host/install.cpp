@@ -14,10 +14,6 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kServiceAllAccess = 0xF01FF;  // SERVICE_ALL_ACCESS
-constexpr std::uint32_t kOwnProcess = 16;         // a service with a process of its own (Winsvc.h)
-constexpr std::uint32_t kServiceAutoStart = 2;    // SERVICE_AUTO_START
-constexpr std::uint32_t kServiceErrorNormal = 1;  // SERVICE_ERROR_NORMAL
 constexpr char kDescription[] = "Corvane Stewardy Service";
 constexpr char kDependencies[] = "Tcpip\0Tavrin-MailBoxDrv\0";  // the literal adds the second end
 
@@ -41,8 +37,9 @@ void SvcInstall() {
   }
   std::printf("OpenSCManager successful\n");
   const platform::ServiceHandle service = platform::CreateServiceA(
-      manager, {kServiceName, kServiceName, kServiceAllAccess, kOwnProcess, kServiceAutoStart,
-                kServiceErrorNormal, command, kDependencies});
+      manager, {kServiceName, kServiceName, platform::kServiceAllAccess,
+                platform::kServiceWin32OwnProcessType, platform::kServiceAutoStart,
+                platform::kServiceErrorNormal, command, kDependencies});
   if (!service) {
     std::printf("CreateService failed with error (%u)\n", platform::LastError());
     return;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "platform/service_manager.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
@@ -56,7 +57,7 @@ void ServerStartup() {
 
 std::uint32_t MyThreadFunction(void*) {
   LogInfo("%s ln: %d Before RunServer", "MyThreadFunction", 448);
-  ReportServiceEvent("MyThreadFunction-Before ServerMain", kEventInformation);
+  ReportServiceEvent("MyThreadFunction-Before ServerMain", platform::kEventInformation);
   ServerStartup();
   RunServer();
   return 0;

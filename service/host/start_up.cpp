@@ -39,8 +39,9 @@ constexpr std::uint32_t kLogLimit = 0xA00000;  // 10 MiB
 constexpr std::size_t kLogPathSize = 256;
 
 // The power settings that the service asks to be told of, in their order.
-constexpr platform::Guid kPowerSettings[] = {kGuidAcdcPowerSource, kGuidBatteryPercentageRemaining,
-                                             kGuidGlobalUserPresence};
+constexpr platform::Guid kPowerSettings[] = {platform::kGuidAcdcPowerSource,
+                                             platform::kGuidBatteryPercentageRemaining,
+                                             platform::kGuidGlobalUserPresence};
 
 void LogBanner() {
   char buf[128];
@@ -56,10 +57,10 @@ void LogBanner() {
 void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint32_t exitCode,
                   std::uint32_t checkPoint) {
   SetReportedStatus(
-      {kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0});
+      {platform::kServiceWin32OwnProcessType, state, controlsAccepted, exitCode, 0, checkPoint, 0});
 }
 
-void FailStart() { ReportStatus(kServiceStopped, 0, platform::LastError(), 1); }
+void FailStart() { ReportStatus(platform::kServiceStopped, 0, platform::LastError(), 1); }
 
 bool StartThread(int slot, platform::ThreadEntry entry) {
   platform::Thread& thread = gServiceThreads->thread[slot];
@@ -73,13 +74,13 @@ void ServiceMain(std::uint32_t argc, char** argv) {
       platform::RegisterServiceCtrlHandlerExA(kServiceName, SvcCtrlHandler, nullptr);
   if (gServiceStatusHandle == nullptr) {
     const std::uint32_t error = platform::LastError();
-    ReportServiceEvent("RegisterServiceCtrlHandler", kEventError);
+    ReportServiceEvent("RegisterServiceCtrlHandler", platform::kEventError);
     platform::SetLastError(error);
     return ReportLastError(kSideLogKeyboardMouse, "RegisterServiceCtrlHandlerEx:");
   }
   for (const platform::Guid& setting : kPowerSettings)
     (void)platform::RegisterPowerSettingNotification(gServiceStatusHandle, setting);  // not needed
-  ReportStatus(kServiceStartPending, 0, 0, 0);
+  ReportStatus(platform::kServiceStartPending, 0, 0, 0);
   SvcInit(argc, argv);
 }
 
@@ -120,15 +121,16 @@ void SvcInit(std::uint32_t, char**) {
   if (!*gServiceStopEvent) return FailStart();
   LogInfo("Attempting OpenOrrinDevice");
   (void)OpenOrrinDevice(kRequestMode);  // without a device every request fails and is logged
-  ReportServiceEvent("SvcInit-Before CreateThread", kEventInformation);
+  ReportServiceEvent("SvcInit-Before CreateThread", platform::kEventInformation);
   ComposeService();
   if (!StartThread(kServerThread, MyThreadFunction)) return FailStart();
   if (!StartThread(kReaderThread, intThreadFunction)) return FailStart();
-  ReportServiceEvent("SvcInit-After CreateThread", kEventInformation);
-  ReportStatus(kServiceRunning, kServiceAcceptStop | kServiceAcceptPreshutdown, 0, 0);
+  ReportServiceEvent("SvcInit-After CreateThread", platform::kEventInformation);
+  ReportStatus(platform::kServiceRunning,
+               platform::kServiceAcceptStop | platform::kServiceAcceptPreshutdown, 0, 0);
   (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
   AwaitStopPath(kHandlerPatience);
-  ReportStatus(kServiceStopped, 0, 0, 3);
+  ReportStatus(platform::kServiceStopped, 0, 0, 3);
 }
 
 int RunProcess(int argc, char** argv) {
@@ -145,7 +147,7 @@ int RunProcess(int argc, char** argv) {
     return 0;
   }
   if (!platform::StartServiceCtrlDispatcherA(kServiceName, ServiceMain))
-    ReportServiceEvent("StartServiceCtrlDispatcher", kEventError);
+    ReportServiceEvent("StartServiceCtrlDispatcher", platform::kEventError);
   return 0;
 }
 

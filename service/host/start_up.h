@@ -13,18 +13,6 @@
 
 namespace stewardry {
 
-// Service states of Winsvc.h.
-constexpr std::uint32_t kServiceStopped = 1;
-constexpr std::uint32_t kServiceStartPending = 2;
-constexpr std::uint32_t kServiceStopPending = 3;
-constexpr std::uint32_t kServiceRunning = 4;
-
-// Accepted controls.
-constexpr std::uint32_t kServiceAcceptStop = 1;
-constexpr std::uint32_t kServiceAcceptPreshutdown = 0x100;
-
-constexpr std::uint32_t kServiceWin32OwnProcessType = 16;
-
 // The record handed to the service manager. Written by the service main and the control handler.
 extern SharedRecord<platform::ServiceStatus> gServiceStatus;
 // Null in a foreground run. Written by the service main before any report, which every later

@@ -15,8 +15,6 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kFirstIfTableSize = 864;   // a MIB_IFTABLE of one row
-constexpr std::uint32_t kFirstAdaptersSize = 704;  // one IP_ADAPTER_INFO
 constexpr std::uint64_t kSpeedOfFailure = 1;
 constexpr std::uint32_t kNetConnected = 2;  // Win32_NetworkAdapter.NetConnectionStatus
 
@@ -93,7 +91,7 @@ std::uint32_t GetNetworkinformation(NetworkInfo* record) {
 }
 
 std::uint64_t GetAdapterSpeed(const char* name) {
-  std::uint32_t size = kFirstIfTableSize;
+  std::uint32_t size = platform::kIfTableSize;
   const platform::HeapBlock table =
       AllocateFor(platform::GetIfTable, platform::kErrorInsufficientBuffer, &size);
   if (!table) {
@@ -108,7 +106,7 @@ std::uint64_t GetAdapterSpeed(const char* name) {
 }
 
 bool IsAdapterDhcpEnabled(const char* name) {
-  std::uint32_t size = kFirstAdaptersSize;
+  std::uint32_t size = platform::kAdapterInfoSize;
   const platform::HeapBlock list =
       AllocateFor(platform::GetAdaptersInfo, platform::kErrorBufferOverflow, &size);
   if (!list) {

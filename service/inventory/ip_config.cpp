@@ -8,6 +8,7 @@
 
 #include "platform/error.h"
 #include "platform/network.h"
+#include "platform/socket.h"
 #include "service/diagnostics/wmi_log.h"
 #include "service/inventory/adapters.h"
 
@@ -17,20 +18,18 @@ namespace {
 
 using Adapters = std::vector<platform::AdapterAddresses>;
 
-// GAA_FLAG_SKIP_ANYCAST, _SKIP_MULTICAST, _SKIP_FRIENDLY_NAME and _INCLUDE_GATEWAYS.
-constexpr std::uint32_t kAddressFlags = 0x02 | 0x04 | 0x20 | 0x80;
-constexpr std::uint32_t kFirstAddressesSize = 448;  // one IP_ADAPTER_ADDRESSES
-constexpr std::uint32_t kFamilyInet = 2;            // AF_INET
-constexpr std::uint32_t kIfOperStatusUp = 1;        // IfOperStatusUp
-constexpr std::uint32_t kIfTypeEthernet = 6;        // IF_TYPE_ETHERNET_CSMACD
+constexpr std::uint32_t kAddressFlags =
+    platform::kGaaFlagSkipAnycast | platform::kGaaFlagSkipMulticast |
+    platform::kGaaFlagSkipFriendlyName | platform::kGaaFlagIncludeGateways;
+constexpr std::uint32_t kFamilyInet = platform::kAfInet;
 
 std::uint32_t FillAddresses(void* block, std::uint32_t* size) {
   return platform::GetAdaptersAddresses(kAddressFlags, block, size);
 }
 
 bool Fits(const platform::AdapterAddresses& adapter, bool wireless) {
-  if (adapter.operStatus != kIfOperStatusUp) return false;
-  return !wireless || adapter.ifType != kIfTypeEthernet;
+  if (adapter.operStatus != platform::kIfOperStatusUp) return false;
+  return !wireless || adapter.ifType != platform::kIfTypeEthernet;
 }
 
 const platform::AdapterAddresses* FindAdapter(const Adapters& adapters, bool wireless) {
@@ -107,7 +106,7 @@ IPInfo DescribeAdapter(const platform::AdapterAddresses& adapter) {
 
 void GetIPCompleteInfomartion(SharedRecord<IPInfo>* out, std::uint32_t port, std::uint32_t wlan) {
   assert(out != nullptr);
-  std::uint32_t size = kFirstAddressesSize;
+  std::uint32_t size = platform::kAdapterAddressesSize;
   const platform::HeapBlock list =
       AllocateFor(FillAddresses, platform::kErrorBufferOverflow, &size);
   if (!list) return WmiInfo("Memory allocation failed for IP_ADAPTER_ADDRESSES struct");

@@ -19,10 +19,6 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kConnectionComplete = 10;  // wlan_notification_acm_connection_complete
-constexpr std::uint32_t kDisconnected = 21;        // wlan_notification_acm_disconnected
-constexpr std::uint32_t kStateConnected = 1;       // wlan_interface_state_connected
-
 // WLAN_INTERFACE_STATE, in its order.
 constexpr const char* kStateTexts[] = {
     "Not ready",
@@ -34,11 +30,7 @@ constexpr const char* kStateTexts[] = {
     "Auto configuration is discovering settings for the network",
     "In process of authenticating",
 };
-static_assert(std::size(kStateTexts) == 8);
-
-// InternetGetConnectedState: INTERNET_CONNECTION_LAN, and the same with INTERNET_RAS_INSTALLED.
-constexpr std::uint32_t kFlagsLan = 0x02;
-constexpr std::uint32_t kFlagsLanRas = 0x12;
+static_assert(std::size(kStateTexts) == platform::kWlanStates);
 
 // The turn to open the handle, so that threads that come at once open one. A platform mutex: a
 // thread can be ended while it holds the turn, and a std::mutex would then stay locked.
@@ -116,7 +108,8 @@ void OnConnected() {
 void OnDisconnected() { ChangeLog().Write("Disconnected"); }
 
 std::uint32_t ConnectionWord(std::uint32_t flags) {
-  if (flags != kFlagsLan && flags != kFlagsLanRas) {
+  if (flags != platform::kInternetConnectionLan &&
+      flags != (platform::kInternetConnectionLan | platform::kInternetRasInstalled)) {
     LogInfo("Not connected to internet via LAN/WLAN %d", flags);
     return kNetworkNone;
   }
@@ -143,8 +136,8 @@ std::uint32_t WlanRegisterWifiNotification() {
 
 void WlanNotificationCallback(const platform::WlanNotification& data, void*) {
   if (data.source != platform::kWlanNotificationSourceAcm) return;
-  if (data.code == kConnectionComplete) OnConnected();
-  if (data.code == kDisconnected) OnDisconnected();
+  if (data.code == platform::kWlanConnectionComplete) OnConnected();
+  if (data.code == platform::kWlanDisconnected) OnDisconnected();
 }
 
 bool IsOnWlan() {
@@ -161,7 +154,7 @@ bool IsOnWlan() {
   for (std::uint32_t i = 0; i < list.states.size(); ++i) {
     LogInfo("Interface Index[%u]", i);
     LogInfo("%s", WlanStateText(list.states[i]));
-    if (list.states[i] == kStateConnected) isConnected = true;
+    if (list.states[i] == platform::kWlanStateConnected) isConnected = true;
   }
   return isConnected;
 }

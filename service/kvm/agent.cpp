@@ -20,7 +20,8 @@ namespace stewardry {
 
 namespace {
 
-constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default", 5};  // SW_SHOW
+constexpr platform::StartupInformation kStartupInformation = {"Winsta0\\Default",
+                                                              platform::kSwShow};
 constexpr std::chrono::seconds kWatchPeriod{2};
 constexpr std::uint32_t kCheckMilliseconds = 50;    // between two checks for a stop request
 constexpr std::uint32_t kWriteMilliseconds = 1000;  // for an agent that does not read

@@ -12,16 +12,7 @@ namespace stewardry {
 
 namespace {
 
-// Virtual keys of winuser.h.
-enum : std::uint8_t {
-  kVkShift = 0x10,
-  kVkControl = 0x11,
-  kVkMenu = 0x12,
-  kVkSpace = 0x20,
-  kVkNumpad0 = 0x60,
-  kVkLeftShift = 0xA0,
-  kVkRightShift = 0xA1,
-};
+using enum platform::VirtualKey;
 
 // The modifiers of VkKeyScanA's high byte.
 enum : std::uint32_t { kNeedsShift = 1, kNeedsControl = 2, kNeedsAlt = 4 };

@@ -10,11 +10,13 @@
 #include <array>
 #include <cstdint>
 
+#include "platform/keyboard.h"
+
 namespace stewardry {
 
-// The flags of a key event: KEYEVENTF_EXTENDEDKEY and KEYEVENTF_KEYUP of winuser.h.
-constexpr std::uint32_t kKeyExtended = 1;
-constexpr std::uint32_t kKeyUp = 2;
+// The flags of a key event.
+using platform::kKeyExtended;
+using platform::kKeyUp;
 
 using KeyStates = std::array<std::uint8_t, 256>;
 

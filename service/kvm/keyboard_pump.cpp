@@ -11,9 +11,8 @@ namespace stewardry {
 
 namespace {
 
-constexpr int kVkCapital = 0x14;  // VK_CAPITAL
-// VK_LMENU, VK_LCONTROL, VK_LWIN.
-constexpr int kHostModifiers[] = {0xA4, 0xA2, 0x5B};
+constexpr int kHostModifiers[] = {platform::kVkLeftMenu, platform::kVkLeftControl,
+                                  platform::kVkLeftWindows};
 
 void Note(const char* line) { SideLog(kSideLogKeyboardMouse, "%s", line); }
 
@@ -29,7 +28,7 @@ constexpr KeyboardHost kHost = {
     },
     [](std::uint8_t key) { return static_cast<std::uint8_t>(platform::MapVirtualKeyA(key)); },
     [](std::uint8_t key, const KeyStates& states) { return platform::ToAscii(key, states); },
-    [] { return (platform::GetKeyState(kVkCapital) & 1) != 0; },
+    [] { return (platform::GetKeyState(platform::kVkCapital) & 1) != 0; },
     [](std::uint8_t key) { return (platform::GetAsyncKeyState(key) & 0x8000) != 0; },
     [](std::uint8_t key, std::uint8_t scanCode, std::uint32_t flags) {
       Keyboard_UNICODE_Event(key, scanCode, flags, 0);

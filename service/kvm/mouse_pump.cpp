@@ -10,15 +10,13 @@ namespace stewardry {
 
 namespace {
 
-// GetSystemMetrics.
-enum : int { kScreenWidth = 0, kScreenHeight = 1, kSwapButton = 23 };
+using enum platform::MouseEventFlag;
+using platform::kWheelDelta;
 
 // Bits of an entry's mask.
 enum : std::uint32_t { kLeft = 1, kMiddle = 2, kRight = 4, kWheelUp = 8, kWheelDown = 16 };
 
-constexpr std::int32_t kWheelDelta = 120;  // WHEEL_DELTA
-
-bool ButtonsAreSwapped() { return platform::GetSystemMetrics(kSwapButton) != 0; }
+bool ButtonsAreSwapped() { return platform::GetSystemMetrics(platform::kSwapButton) != 0; }
 
 struct ButtonFlags {
   std::uint32_t down, up;
@@ -68,8 +66,8 @@ std::uint32_t ProcessMouseEvents(void*) {
   auto* ring =
       reinterpret_cast<MouseRing*>(gKvm->MouseBufferVirtualAddress.load(std::memory_order_relaxed));
   if (ring == nullptr) return 1;
-  const int width = platform::GetSystemMetrics(kScreenWidth);
-  const int height = platform::GetSystemMetrics(kScreenHeight);
+  const int width = platform::GetSystemMetrics(platform::kScreenWidth);
+  const int height = platform::GetSystemMetrics(platform::kScreenHeight);
   if (width <= 1 || height <= 1) return 1;
   const auto send = [&](const mouseBufferRingData& entry) {
     const mouseInfo message = TranslateMouseEntry(entry, width, height, ButtonsAreSwapped);

@@ -10,25 +10,12 @@ namespace stewardry {
 
 // The message to the agent, the four values of a mouse_event call; little-endian.
 struct mouseInfo {
-  std::uint32_t flags;  // MOUSEEVENTF_..., below
+  std::uint32_t flags;  // platform::MouseEventFlag
   std::uint32_t dx;     // 0 to 65535 over the screen's width
   std::uint32_t dy;     // 0 to 65535 over its height
-  std::int32_t dwData;  // wheel: 120 (WHEEL_DELTA) up, -120 down, 0 none
+  std::int32_t dwData;  // wheel: platform::kWheelDelta up, its negative down, 0 none
 };
 static_assert(sizeof(mouseInfo) == 16);
-
-// MOUSEEVENTF_MOVE and the others of winuser.h.
-enum : std::uint32_t {
-  kMouseMove = 0x0001,
-  kMouseLeftDown = 0x0002,
-  kMouseLeftUp = 0x0004,
-  kMouseRightDown = 0x0008,
-  kMouseRightUp = 0x0010,
-  kMouseMiddleDown = 0x0020,
-  kMouseMiddleUp = 0x0040,
-  kMouseWheel = 0x0800,
-  kMouseAbsolute = 0x8000,
-};
 
 // Adds to *flags what has changed from gLastMouseRingData to `entry`, and returns the wheel amount.
 // `swapped()` returns whether the host has the left and right buttons swapped; it is called only

@@ -37,10 +37,9 @@ bool IsSharedRegion(std::uint64_t address) {
   if (!platform::VirtualQuery(address, &memory)) return false;
   const std::uint32_t access =
       memory.protect & 0xFF;  // the higher bits are caching and the guard page
-  constexpr std::uint32_t kPageGuard = 0x100;
   return memory.state == platform::kMemCommit && memory.type != platform::kMemImage &&
          (access == platform::kPageReadWrite || access == platform::kPageExecuteReadWrite) &&
-         (memory.protect & kPageGuard) == 0 &&
+         (memory.protect & platform::kPageGuard) == 0 &&
          memory.regionSize - (address - memory.baseAddress) >= sizeof(SharedRegion);
 }
 

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <iterator>
 
+#include "platform/device.h"
+
 namespace stewardry {
 
 // The operations, in the order of the table.
@@ -43,19 +45,16 @@ enum class CallMode : std::uint8_t {
 // A size that comes with the request instead of the table.
 constexpr std::uint32_t kSizeOfRequest = 0xFFFFFFFF;
 
-// CTL_CODE of the Windows driver kit: device type, required access, function, transfer method.
+// What a code is made of: device type, required access, function, transfer method.
 enum : std::uint32_t {
   kMailboxType = 0x9C41,
   kSecondType = 0x9C42,
-  kReadAccess = 1,   // FILE_READ_ACCESS
-  kWriteAccess = 2,  // FILE_WRITE_ACCESS
-  kBuffered = 0,     // METHOD_BUFFERED
-  kInDirect = 1,     // METHOD_IN_DIRECT
+  kReadAccess = platform::kFileReadAccess,
+  kWriteAccess = platform::kFileWriteAccess,
+  kBuffered = platform::kMethodBuffered,
+  kInDirect = platform::kMethodInDirect,
 };
-constexpr std::uint32_t ControlCodeOf(std::uint32_t type, std::uint32_t access,
-                                      std::uint32_t function, std::uint32_t method) {
-  return type << 16 | access << 14 | function << 2 | method;
-}
+using platform::ControlCodeOf;
 
 struct ControlCode {
   Operation operation;

@@ -133,13 +133,11 @@ class Flight {
   std::uint32_t Wait() { return platform::WaitForSingleObject(event_, platform::kInfinite); }
   bool Finish(std::uint32_t* bytes) {
     const bool done = platform::GetOverlappedResult(*gRequestDevice, &record_, bytes, false);
-    started_ = !done && platform::LastError() == kErrorIoIncomplete;
+    started_ = !done && platform::LastError() == platform::kErrorIoIncomplete;
     return done;
   }
 
  private:
-  static constexpr std::uint32_t kErrorIoIncomplete = 996;  // ERROR_IO_INCOMPLETE
-
   platform::Event event_;
   platform::RequestRecord record_{};
   bool started_ = false;

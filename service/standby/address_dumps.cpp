@@ -19,8 +19,6 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kFirstIpAddrSize = 28;  // a MIB_IPADDRTABLE of one row
-
 struct TypeLine {
   std::uint16_t bit;  // of wType
   CheckedFormat<> line;
@@ -137,7 +135,7 @@ void LogHostAddress(std::uint32_t value) {
 }
 
 std::uint32_t DumpIpAddrTable() {
-  std::uint32_t size = kFirstIpAddrSize;
+  std::uint32_t size = platform::kIpAddrTableSize;
   const platform::HeapBlock table =
       AllocateFor(platform::GetIpAddrTable, platform::kErrorInsufficientBuffer, &size);
   if (!table) {

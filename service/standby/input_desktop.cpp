@@ -14,12 +14,12 @@ namespace stewardry {
 
 namespace {
 
-// DESKTOP_READOBJECTS, _CREATEWINDOW, _CREATEMENU, _HOOKCONTROL, _WRITEOBJECTS and _SWITCHDESKTOP,
-// without _JOURNALRECORD and _JOURNALPLAYBACK.
-constexpr std::uint32_t kLookAccess = 0x1CF;
-constexpr std::uint32_t kPlayAccess = 0x40000000 | kLookAccess;  // GENERIC_WRITE
-constexpr std::uint32_t kErrorNoInputDesktop = 624;  // while the input moves between two desktops
-constexpr std::uint32_t kUserNameSize = 257;         // UNLEN + 1
+// All rights of a desktop except to record and play a journal.
+constexpr std::uint32_t kLookAccess =
+    platform::kDesktopReadObjects | platform::kDesktopCreateWindow | platform::kDesktopCreateMenu |
+    platform::kDesktopHookControl | platform::kDesktopEnumerate | platform::kDesktopWriteObjects |
+    platform::kDesktopSwitch;
+constexpr std::uint32_t kPlayAccess = platform::kGenericWrite | kLookAccess;
 
 template <class... Args>
 void Log(std::string_view format, const Args&... args) {
@@ -107,7 +107,7 @@ bool HasUser(platform::WindowStationHandle station) {
 }
 
 // Stores the user's name, empty if no user is logged on. Returns false with the last error set.
-bool ReadUserName(char (&name)[kUserNameSize]) {
+bool ReadUserName(char (&name)[platform::kUserNameSize]) {
   std::uint32_t size = sizeof name;
   if (platform::GetUserNameA(name, &size)) return true;
   name[0] = 0;
@@ -127,7 +127,7 @@ bool JudgeRefusal() {
     Log("OpenInputDesktop lastErrorCode: 170");
     return true;
   }
-  if (error == kErrorNoInputDesktop) {
+  if (error == platform::kErrorNoInputDesktop) {
     Log("OpenInputDesktop lastErrorCode: 624");
     return true;
   }
@@ -200,7 +200,7 @@ bool AttachInputDesktop() {
   gStandby->gOldWindowStation = platform::GetProcessWindowStation();
   if (gStandby->gOldWindowStation == nullptr) return Fail("GetProcessWindowStation:");
   Log("oldWndSta = 0x%x\n", Shown(gStandby->gOldWindowStation));
-  char user[kUserNameSize] = "";
+  char user[platform::kUserNameSize] = "";
   if (HasUser(gStandby->gOldWindowStation) && !ReadUserName(user)) {
     Log("getusername error %d\n", platform::LastError());
     LeaveInteractiveDesktop();

@@ -1,5 +1,5 @@
-// The contract that both platforms keep alike. No case names a platform or looks behind the
-// contract. A case that fails on one platform only is a fault of that platform.
+// The contract that both platforms keep. A case that fails on one platform only shows a fault of
+// that platform.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,7 +24,7 @@
 namespace platform {
 namespace {
 
-constexpr std::uint32_t kBound = 60'000;         // ends a hung test; no expectation
+constexpr std::uint32_t kBound = 60'000;         // milliseconds; ends a hung test
 constexpr std::uint32_t kLoopback = 0x0100007F;  // 127.0.0.1 in network byte order
 
 class Prepared : public testing::Test {
@@ -36,27 +36,27 @@ class Prepared : public testing::Test {
   static void TearDownTestSuite() { WSACleanup(); }
 };
 
-// What a thread of these tests is given.
 struct Shared {
   Event ready = CreateEventA(false, false);  // set by the thread
-  Event go = CreateEventA(false, false);     // set by the test, if at all
+  Event go = CreateEventA(false, false);     // set by the test, if the thread may continue
   Mutex mutex = CreateMutexA(nullptr);
   SocketEvent sockets = WSACreateEvent();
   WakeEvent wake = CreateWakeEvent();
 
-  std::uint32_t WaitToGo() { return SetEvent(ready), WaitForSingleObject(go, kInfinite); }
+  std::uint32_t WaitToGo() {
+    SetEvent(ready);
+    return WaitForSingleObject(go, kInfinite);
+  }
 };
 Shared& SharedOf(void* parameter) { return *static_cast<Shared*>(parameter); }
 
-// Waits for the thread's end.
+// Blocks until the thread has ended. Returns its exit code.
 std::uint32_t ExitCode(const Thread& thread) {
   EXPECT_EQ(WaitForSingleObject(thread, kBound), kWaitObject0);
   std::uint32_t code = 0;
   EXPECT_TRUE(GetExitCodeThread(thread, &code));
   return code;
 }
-
-// ---- Events, mutexes, threads
 
 using EventContract = Prepared;
 
@@ -71,7 +71,7 @@ TEST_F(EventContract, AutoResetReleasesOneWaitAndManualResetEach) {
   EXPECT_EQ(WaitForSingleObject(manual, 0), kWaitTimeout);
 }
 
-// Each side waits for the other's event, so no set may be lost, before a wait or in it.
+// Each side waits for the other's event, so no signal may be lost, before a wait or during it.
 TEST_F(EventContract, EachSetReachesAThreadThatWaits) {
   constexpr int kRounds = 500;
   Shared shared;
@@ -92,7 +92,7 @@ TEST_F(EventContract, EachSetReachesAThreadThatWaits) {
 
 using MutexContract = Prepared;
 
-TEST_F(MutexContract, MutexOfADeadHolderIsAbandonedOnce) {
+TEST_F(MutexContract, MutexOfAnEndedHolderIsAbandonedOnce) {
   for (const bool terminated : {false, true}) {
     Shared shared;
     const Thread holder = CreateThread(
@@ -125,9 +125,13 @@ TEST_F(MutexContract, OneNameIsOneMutex) {
 
 using ThreadContract = Prepared;
 
-TEST_F(ThreadContract, ThreadEndsOutOfAnyWait) {
+TEST_F(ThreadContract, TerminatedThreadEndsInAnyWait) {
   for (const ThreadEntry wait : std::initializer_list<ThreadEntry>{
-           [](void* s) { return SetEvent(SharedOf(s).ready), Sleep(kInfinite), 0U; },
+           [](void* s) {
+             SetEvent(SharedOf(s).ready);
+             Sleep(kInfinite);
+             return 0U;
+           },
            [](void* s) {
              SetEvent(SharedOf(s).ready);
              return WaitForSingleObject(SharedOf(s).mutex, kInfinite);
@@ -146,14 +150,12 @@ TEST_F(ThreadContract, ThreadEndsOutOfAnyWait) {
     EXPECT_EQ(code, kStillActive);
     EXPECT_TRUE(TerminateThread(thread, 0xFFFFFFF0));
     EXPECT_EQ(ExitCode(thread), 0xFFFFFFF0);
-    EXPECT_TRUE(TerminateThread(thread, 5)) << "a thread that has ended is a success";
+    EXPECT_TRUE(TerminateThread(thread, 5)) << "an ended thread is a success";
     EXPECT_TRUE(ReleaseMutex(shared.mutex));
   }
 }
 
-// ---- Files
-
-// Two files below the common application data folder, with names of the process's own.
+// Two files below the common application data folder, named after the process.
 class FileContract : public Prepared {
  protected:
   void SetUp() override {
@@ -184,7 +186,7 @@ TEST_F(FileContract, EachLineEndTakesTwoBytesInEveryMode) {
   for (const char* mode : {"w", "w+t", "a+t", "a+"}) {
     ASSERT_TRUE(Write(one_, "w", "old\n"));
     EXPECT_TRUE(Write(one_, mode, "a\nbc\r\n" + std::string(5000, '\n')));
-    // "a\r\n", "bc\r\r\n", "\r\n"...: a carriage return of the writer stays.
+    // "a\r\n", "bc\r\r\n", "\r\n"...: the writer's carriage return is kept.
     EXPECT_EQ(Size(one_), (mode[0] == 'w' ? 0 : 5) + 3 + 5 + 2 * 5000) << mode;
   }
 }
@@ -193,13 +195,13 @@ TEST_F(FileContract, SizeCountsWhatOtherOpenersWrote) {
   const Stream stream = OpenStream(one_.c_str(), "w+t");
   EXPECT_TRUE(stream && WriteStream(stream, "ab\n", 3));
   EXPECT_TRUE(Write(one_, "a+t", "c"));
-  EXPECT_TRUE(WriteStream(stream, "d", 1)) << "behind it";
+  EXPECT_TRUE(WriteStream(stream, "d", 1)) << "after the other's bytes";
   EXPECT_EQ(SeekToEnd(stream), 6);
 }
 
-// Windows ends a thread where it stands, also in the middle of a write. Whatever it holds there
-// that isn't the kernel's, the next writer waits for without end.
-TEST_F(FileContract, WriterEndedAnywhereLeavesTheFileToTheNextOne) {
+// Windows ends a thread at any instruction, also in a write. The next writer would wait for ever
+// for anything that the thread held outside the kernel.
+TEST_F(FileContract, WriterTerminatedAnywhereDoesNotBlockTheNextOne) {
   static Stream stream;
   static Mutex mutex = CreateMutexA(nullptr);
   static std::atomic<int> lines{0};
@@ -208,7 +210,7 @@ TEST_F(FileContract, WriterEndedAnywhereLeavesTheFileToTheNextOne) {
       WaitForSingleObject(mutex, kInfinite);
       for (int i = 0; i < 100; ++i, ++lines) WriteStream(stream, "as long as a log's line\n", 24);
       ReleaseMutex(mutex);
-      Sleep(0);  // where Linux ends a thread
+      Sleep(0);  // Linux ends a thread here
     } while (forEver != nullptr);
     return 0U;
   };
@@ -219,7 +221,7 @@ TEST_F(FileContract, WriterEndedAnywhereLeavesTheFileToTheNextOne) {
     ASSERT_TRUE(TerminateThread(writer, 0));
     ASSERT_EQ(WaitForSingleObject(writer, kBound), kWaitObject0);
     const Thread next = CreateThread(write, nullptr);
-    // The end of the test would need what a hung thread keeps.
+    // A regular exit would wait for what the hung thread holds.
     if (WaitForSingleObject(next, kBound) != kWaitObject0) std::_Exit(1);
   }
   stream.Reset();
@@ -235,7 +237,7 @@ TEST_F(FileContract, AppendFileKeepsItsBytes) {
   EXPECT_EQ(Size(one_), 8);
 }
 
-TEST_F(FileContract, RefusalsHaveWindowsNumbers) {
+TEST_F(FileContract, FailuresHaveWindowsNumbers) {
   EXPECT_FALSE(CreatePrivateFolder(folder_.c_str()));
   EXPECT_EQ(LastError(), kErrorAlreadyExists);
   const std::string nowhere = folder_ + "\\none\\child";
@@ -257,8 +259,6 @@ TEST_F(FileContract, RenameKeepsAnExistingFile) {
   EXPECT_EQ(Size(two_), 1);
 }
 
-// ---- Texts
-
 using TextContract = Prepared;
 
 TEST_F(TextContract, TextIsCutAtTheEndOfItsBlock) {
@@ -271,13 +271,11 @@ TEST_F(TextContract, TextIsCutAtTheEndOfItsBlock) {
     EXPECT_EQ(block[size], '#');
   }
   char whole[512], cut[6] = "#####";
-  ASSERT_GT(FormatMessageA(kErrorAccessDenied, whole, sizeof(whole)), 4U);
+  ASSERT_GT(FormatMessageA(kErrorAccessDenied, whole, sizeof whole), 4U);
   EXPECT_EQ(FormatMessageA(kErrorAccessDenied, cut, 5), 4U);
   EXPECT_EQ(std::string(cut), std::string(whole, 4));
-  EXPECT_EQ(FormatMessageA(0xEFFFFFFF, whole, sizeof(whole)), 0U) << "an error without a text";
+  EXPECT_EQ(FormatMessageA(0xEFFFFFFF, whole, sizeof whole), 0U) << "no text for this error";
 }
-
-// ---- Sockets
 
 // A listener on a port that was free, and one connection to it with both ends non-blocking.
 class SocketContract : public Prepared {
@@ -288,11 +286,11 @@ class SocketContract : public Prepared {
     for (std::uint32_t i = 0; i < 1000; ++i) {
       const std::uint32_t port = 20000 + (GetCurrentProcessId() * 7 + i) % 10000;
       address_.port = static_cast<std::uint16_t>(port << 8 | port >> 8);  // in network byte order
-      if (bind(listener_, &address_, sizeof(address_)) == 0) break;
+      if (bind(listener_, &address_, sizeof address_) == 0) break;
     }
     ASSERT_EQ(listen(listener_, 5), 0);
     near_ = socket(kAfInet, kSockStream, kIpprotoTcp);
-    ASSERT_EQ(connect(near_, &address_, sizeof(address_)), 0);
+    ASSERT_EQ(connect(near_, &address_, sizeof address_), 0);
     SockAddrIn peer;
     far_ = accept(listener_, &peer);
     ASSERT_EQ(peer.address, kLoopback);
@@ -307,16 +305,16 @@ class SocketContract : public Prepared {
     if (!MustSelect(selection_, events)) return;
     EXPECT_EQ(WSAEventSelect(near_, sockets_, &selection_, events), 0);
   }
-  // One pass of a selector. Returns what has happened to the near end.
-  std::uint32_t News(std::uint32_t events, std::uint32_t milliseconds = kBound) {
+  // Makes one pass of a selector. Returns the network events of the near end.
+  std::uint32_t Events(std::uint32_t events, std::uint32_t milliseconds = kBound) {
     Select(events);
     const SocketWait wait = WaitForMultipleObjectsEx(sockets_, wake_, milliseconds);
     EXPECT_NE(wait.result, kWaitFailed);
     result_ = wait.result;
-    std::uint32_t news = 0;
-    if (wait.signalled == 0 || !MayHaveNews(selection_)) return 0;
-    EXPECT_EQ(WSAEnumNetworkEvents(near_, sockets_, &selection_, &news), 0);
-    return news;
+    std::uint32_t found = 0;
+    if (wait.signalled == 0 || !MayHaveEvents(selection_)) return 0;
+    EXPECT_EQ(WSAEnumNetworkEvents(near_, sockets_, &selection_, &found), 0);
+    return found;
   }
 
   SockAddrIn address_{kAfInet, 0, kLoopback, {}};
@@ -329,61 +327,59 @@ class SocketContract : public Prepared {
 
 constexpr std::uint32_t kReading = kFdRead | kFdAccept | kFdClose;
 
-TEST_F(SocketContract, ReadIsReportedWhileDataIsLeft) {
+TEST_F(SocketContract, ReadIsReportedWhileDataRemains) {
   char byte;
-  EXPECT_EQ(News(kReading, 0), 0U);
+  EXPECT_EQ(Events(kReading, 0), 0U);
   ASSERT_EQ(send(far_, "ab", 2), 2);
-  EXPECT_EQ(News(kReading), kFdRead);
+  EXPECT_EQ(Events(kReading), kFdRead);
   ASSERT_EQ(recv(near_, &byte, 1), 1);
-  EXPECT_EQ(News(kReading), kFdRead) << "one byte is left";
-  EXPECT_EQ(News(kFdOob, 0), 0U) << "the socket is not selected for data";
+  EXPECT_EQ(Events(kReading), kFdRead) << "one byte is left";
+  EXPECT_EQ(Events(kFdOob, 0), 0U) << "the socket is not selected for data";
   ASSERT_EQ(recv(near_, &byte, 1), 1);
-  EXPECT_EQ(News(kReading, 0), 0U);
-  EXPECT_EQ(result_, kWaitTimeout) << "a past report does not end the next wait";
+  EXPECT_EQ(Events(kReading, 0), 0U);
+  EXPECT_EQ(result_, kWaitTimeout) << "a reported event does not end the next wait";
 }
 
-TEST_F(SocketContract, CloseIsReportedBehindTheLastData) {
+TEST_F(SocketContract, CloseIsReportedAfterTheLastData) {
   char block[8];
   ASSERT_EQ(send(far_, "last", 4), 4);
   ASSERT_EQ(closesocket(std::exchange(far_, kInvalidSocket)), 0);
-  EXPECT_EQ(News(kReading) & ~std::uint32_t{kFdClose}, kFdRead);
-  ASSERT_EQ(recv(near_, block, sizeof(block)), 4);
-  EXPECT_EQ(News(kReading), kFdClose);
+  EXPECT_EQ(Events(kReading) & ~std::uint32_t{kFdClose}, kFdRead);
+  ASSERT_EQ(recv(near_, block, sizeof block), 4);
+  EXPECT_EQ(Events(kReading), kFdClose);
 }
 
 TEST_F(SocketContract, WriteIsReportedWhileThereIsRoom) {
   std::vector<char> block(65536);
-  EXPECT_EQ(News(kFdWrite), kFdWrite);
-  // The far end's buffer takes more for a while after the first refusal.
+  EXPECT_EQ(Events(kFdWrite), kFdWrite);
+  // The far end's buffer may take more after the first failure.
   EXPECT_TRUE(Eventually([&] {
     while (send(near_, block.data(), 65536) > 0) {
     }
-    return WSAGetLastError() == kWsaEWouldBlock && News(kFdWrite, 0) == 0;
+    return WSAGetLastError() == kWsaEWouldBlock && Events(kFdWrite, 0) == 0;
   }));
   EXPECT_TRUE(Eventually([&] {
     while (recv(far_, block.data(), 65536) > 0) {
     }
-    return News(kFdWrite, 0) == kFdWrite;
+    return Events(kFdWrite, 0) == kFdWrite;
   }));
 }
 
-TEST_F(SocketContract, RefusalsHaveWinsocksNumbers) {
+TEST_F(SocketContract, FailuresHaveWinsocksNumbers) {
   char byte;
   const SocketValue other = socket(kAfInet, kSockStream, kIpprotoTcp);
-  EXPECT_EQ(bind(other, &address_, sizeof(address_)), -1);
+  EXPECT_EQ(bind(other, &address_, sizeof address_), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEAddrInUse);
   EXPECT_EQ(recv(near_, &byte, 1), -1);
   EXPECT_EQ(WSAGetLastError(), kWsaEWouldBlock);
   EXPECT_EQ(closesocket(other), 0);
 }
 
-// ---- Requests to a listener
-
 struct Post {
   SockAddrIn to;
   std::uint32_t flags, boundMs;
 };
-// Sends it, with headers added before and others that go with it. Returns 0 or the error.
+// Sends a request with headers of both calls. Returns 0 or the error.
 std::uint32_t Send(void* given) {
   const Post& post = *static_cast<Post*>(given);
   const HttpSession session = WinHttpOpen(u"contract");
@@ -395,7 +391,7 @@ std::uint32_t Send(void* given) {
   return WinHttpSendRequest(request, u"B: 2\r\n", "body", 4, post.boundMs) ? 0 : LastError();
 }
 
-TEST_F(SocketContract, RequestIsOverAtItsBoundAndHasTheHeadersOfBothCalls) {
+TEST_F(SocketContract, RequestEndsAtItsBoundAndHasTheHeadersOfBothCalls) {
   Post post{address_, 0, kBound}, silence{address_, kWinHttpFlagSecure, 100};
   SockAddrIn peer;
   const Thread sender = CreateThread(Send, &post);

@@ -1,4 +1,4 @@
-// The stand-ins for what Windows knows of its host: interfaces and addresses, WMI, and the texts.
+// Linux's own stand-ins: interfaces and addresses, WMI, and text conversion.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -12,22 +12,22 @@ namespace platform {
 namespace {
 
 TEST(LinuxNetwork, OwnNamespaceHasItsLoopbackInterfaceOnly) {
-  if (!EnterOwnNetwork()) GTEST_SKIP() << "this user may not make a network namespace";
+  if (!EnterOwnNetwork()) GTEST_SKIP() << "this user may not create a network namespace";
   std::uint32_t flags = 7;
   EXPECT_TRUE(InternetGetConnectedState(&flags)) << "the loopback interface is up";
-  EXPECT_EQ(flags, 2U);
+  EXPECT_EQ(flags, kInternetConnectionLan);
   std::vector<char> block(1 << 16);
   auto size = static_cast<std::uint32_t>(block.size());
   ASSERT_EQ(GetAdaptersAddresses(0xA6, block.data(), &size), 0U);
   const auto list = ReadAdaptersAddresses(block.data());
   ASSERT_EQ(list.size(), 1U);
-  EXPECT_EQ(list[0].operStatus, 1U);
+  EXPECT_EQ(list[0].operStatus, kIfOperStatusUp);
   EXPECT_EQ(list[0].unicast, std::vector<std::uint32_t>{0x0100007F});
   EXPECT_EQ(list[0].prefixLength, 8);
   EXPECT_TRUE(list[0].physicalAddress.empty());
 }
 
-TEST(LinuxWmi, WrongUseFails) {
+TEST(LinuxWmi, InvalidUseFails) {
   WbemLocator locator;
   EXPECT_TRUE(Failed(CreateWbemLocator(&locator))) << "COM is not open";
   ASSERT_EQ(CoInitializeEx(), 0);
@@ -48,15 +48,15 @@ TEST(LinuxWmi, WrongUseFails) {
   EXPECT_FALSE(row);
 }
 
-TEST(LinuxUtf16, OnlyBrokenTextIsReplaced) {
+TEST(LinuxUtf16, OnlyInvalidTextIsReplaced) {
   EXPECT_EQ(Utf8ToUtf16("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"), u"\u00e9\u20ac\U0001F600");
   EXPECT_EQ(Utf16ToUtf8(u"\u00e9\u20ac\U0001F600"), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
   for (const char* narrow : {
-           "a\xE2\x82",          // cut
+           "a\xE2\x82",          // truncated
            "a\x80",              // a continuation byte alone
            "a\xC0\x80",          // overlong
            "a\xED\xA0\x80",      // a surrogate
-           "a\xF4\x90\x80\x80",  // behind the last character
+           "a\xF4\x90\x80\x80",  // after the last character
        })
     EXPECT_EQ(Utf8ToUtf16(narrow), u"a\uFFFD");
   EXPECT_EQ(Utf8ToUtf16("\xE2z\xFF"), u"\uFFFDz\uFFFD");

@@ -1,4 +1,4 @@
-// The contract of a pipe's client end on both platforms, with the lab's server at the other end.
+// The contract of a pipe's client end, with the lab's server at the other end.
 #include "platform/pipe.h"
 
 #include <gtest/gtest.h>
@@ -13,10 +13,8 @@
 namespace platform {
 namespace {
 
-constexpr std::uint32_t kShareWrite = 2;
-constexpr std::uint32_t kBound = 60'000;  // ends a hung test; no expectation
+constexpr std::uint32_t kBound = 60'000;  // milliseconds; ends a hung test
 
-// A pipe that the lab serves, and the service's end of it.
 class PipeContract : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server_.Open(name_, &problem_)) << problem_; }
@@ -34,28 +32,28 @@ class PipeContract : public ::testing::Test {
 };
 
 TEST_F(PipeContract, UnservedPipeIsNotFound) {
-  EXPECT_FALSE(OpenPipe(R"(\\.\pipe\StewardryNobody)", kShareWrite));
+  EXPECT_FALSE(OpenPipe(R"(\\.\pipe\StewardryUnserved)", kShareWrite));
   EXPECT_EQ(LastError(), kErrorFileNotFound);
 }
 
-TEST_F(PipeContract, ReadsGiveEachByteOnce) {
+TEST_F(PipeContract, ReadsReturnEachByteOnce) {
   for (const std::string& question : {std::string(), std::string(10'000, 'q')}) {
     Pipe pipe = Open();
     ASSERT_TRUE(pipe);
-    std::thread asker = Ask(question);
-    std::string heard;
+    std::thread client = Ask(question);
+    std::string received;
     std::uint32_t count = 0;
-    for (char next[3]; !heard.ends_with('\0') && ReadFile(pipe, next, 3, &count);)
-      heard.append(next, count);
-    EXPECT_EQ(heard, question + '\0');
+    for (char next[3]; !received.ends_with('\0') && ReadFile(pipe, next, 3, &count);)
+      received.append(next, count);
+    EXPECT_EQ(received, question + '\0');
     EXPECT_TRUE(WriteFile(pipe, "yes\r\n", 5, kBound, &count));
     pipe.Reset();
-    asker.join();
+    client.join();
     EXPECT_EQ(answer_, "yes");
   }
 }
 
-TEST_F(PipeContract, WriteThatNobodyReadsEndsAndItsServerIsKnown) {
+TEST_F(PipeContract, WriteWithoutAReaderEndsAndTheServerIsKnown) {
   const Pipe pipe = Open();
   ASSERT_TRUE(pipe);
   const std::string bytes(lab::kMoreThanAPipeHolds, 'b');
@@ -67,15 +65,15 @@ TEST_F(PipeContract, WriteThatNobodyReadsEndsAndItsServerIsKnown) {
   EXPECT_EQ(server, GetCurrentProcessId());
 }
 
-// The server hangs up after an answer of 4096 bytes.
-TEST_F(PipeContract, ClosedPipeGivesWhatIsLeftAndThenItsEnd) {
+// The server closes after an answer of 4096 bytes.
+TEST_F(PipeContract, ClosedPipeReturnsTheRestAndThenItsEnd) {
   const Pipe pipe = Open();
   ASSERT_TRUE(pipe);
-  std::thread asker = Ask("5");
+  std::thread client = Ask("5");
   const std::string answer = std::string(4094, 'a') + "\r\n";
   std::uint32_t count = 0;
   EXPECT_TRUE(WriteFile(pipe, answer.data(), 4096, kBound, &count));
-  asker.join();
+  client.join();
   char all[8];
   EXPECT_TRUE(ReadFile(pipe, all, sizeof all, &count));
   EXPECT_EQ(std::string(all, count), std::string("5\0", 2));

@@ -1,8 +1,10 @@
-// The mailbox driver from both sides in one process: as the service's handles, and as its bridge.
-// It runs where the driver is installed and nothing else uses it.
+// The mailbox driver with its service and its bridge in one process. Requires that the driver is
+// installed and not used otherwise.
 #include <gtest/gtest.h>
+#include <initguid.h>
 #include <windows.h>
 // These need windows.h.
+#include <batclass.h>
 #include <setupapi.h>
 #include <winioctl.h>
 
@@ -17,12 +19,14 @@
 
 #include "lab/driver/lab_control.h"
 #include "lablink/lab_link.h"
+#include "platform/battery.h"
+#include "platform/service_manager.h"
 
 namespace {
 
 constexpr GUID kMailboxClass = {
     0x70A9067B, 0x708F, 0x443C, {0x84, 0xBA, 0xBC, 0x39, 0x1F, 0xDB, 0xF7, 0x2B}};
-constexpr DWORD kPatience = 60000;  // milliseconds; a bound on a hang
+constexpr DWORD kPatience = 60000;  // milliseconds; ends a hung test
 constexpr DWORD kReadRequest = 0x9C416424;
 
 std::string MailboxPath() {
@@ -56,7 +60,7 @@ class Device {
   HANDLE handle_;
 };
 
-// One request, read or write in flight. It must have ended when it goes.
+// One request, read or write in flight. Must have ended before it is destroyed.
 class Transfer {
  public:
   explicit Transfer(const Device& device) : device_(device.Get()) {
@@ -79,13 +83,13 @@ class Transfer {
   bool HasEnded(DWORD milliseconds) {
     return WaitForSingleObject(record_.hEvent, milliseconds) == WAIT_OBJECT_0;
   }
-  // Returns 0 or the platform's error.
+  // Returns 0 or the error.
   DWORD Await() {
     if (error_ != ERROR_IO_PENDING) return error_;
     if (!HasEnded(kPatience)) return WAIT_TIMEOUT;
     return GetOverlappedResult(device_, &record_, &size_, FALSE) ? 0 : GetLastError();
   }
-  DWORD Size() const { return size_; }  // of what came, once it has ended
+  DWORD Size() const { return size_; }  // bytes, once it has ended
 
  private:
   void Start(BOOL done) { error_ = done ? 0 : GetLastError(); }
@@ -102,9 +106,9 @@ struct Message {
 
 class Driver : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_FALSE(HasFailure()); }  // the devices are open
+  void SetUp() override { ASSERT_FALSE(HasFailure()); }  // all devices are open
 
-  // The bridge's next message of that kind; one of zeros after a failure.
+  // Returns the bridge's next message of that kind; zeros after a failure.
   Message Next(std::uint32_t kind) {
     std::vector<char> inbox(sizeof(lablink::Head) + lablink::kMaxBody);
     for (;;) {
@@ -117,7 +121,7 @@ class Driver : public ::testing::Test {
       if (message.head.kind == kind) return message;
     }
   }
-  // Answers a request through that open of the lab device. Returns 0 or the platform's error.
+  // Answers a request through that open of the lab device. Returns 0 or the error.
   DWORD Answer(std::uint64_t id, std::string_view body) { return Answer(id, body, bridge_); }
   DWORD Answer(std::uint64_t id, std::string_view body, const Device& device) {
     const lablink::Head head{lablink::kMagic, lablink::kComplete, id, 0,
@@ -131,6 +135,17 @@ class Driver : public ::testing::Test {
   const std::string path_ = MailboxPath();
   Device requests_{path_}, reads_{path_}, bridge_{TAVRIN_LAB_PATH};
 };
+
+// Windows' headers have no constant expressions for these.
+TEST(Contract, GuidsAreThoseOfWindows) {
+  const std::pair<platform::Guid, GUID> guids[] = {
+      {platform::kBatteryInterfaceClass, GUID_DEVICE_BATTERY},
+      {platform::kGuidAcdcPowerSource, GUID_ACDC_POWER_SOURCE},
+      {platform::kGuidBatteryPercentageRemaining, GUID_BATTERY_PERCENTAGE_REMAINING},
+      {platform::kGuidGlobalUserPresence, GUID_GLOBAL_USER_PRESENCE}};
+  for (const auto& [ours, windows] : guids)
+    EXPECT_EQ(std::memcmp(&ours, &windows, sizeof windows), 0);
+}
 
 TEST_F(Driver, CancelOrCloseEndsARequestOnce) {
   std::array<char, 80> output{};

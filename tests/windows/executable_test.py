@@ -1,5 +1,4 @@
-# quillonsvc.exe as a file: what Windows loads for it and when, what it shows of it, and which
-# guards it switches on. Read from the file; nothing is run.
+# quillonsvc.exe as a file: its imports, its guards, its properties and its manifest.
 import os
 import re
 import struct
@@ -8,7 +7,7 @@ import unittest
 
 PROGRAM = os.path.join(os.environ["STEWARDRY_WINDOWS_BIN"], "quillonsvc.exe")
 VERSION = os.environ["STEWARDRY_VERSION"]
-# Loaded once the search has been narrowed. platform/windows/CMakeLists.txt has their functions.
+# Loaded after the search has been restricted. platform/windows/CMakeLists.txt has their functions.
 DELAYED = ["advapi32", "iphlpapi", "ole32", "oleaut32", "powrprof", "setupapi", "shell32", "user32",
            "userenv", "winhttp", "wininet", "wlanapi", "ws2_32"]
 STRINGS = {"CompanyName": "Corvane", "FileDescription": "Quillon Stewardry Service",
@@ -26,7 +25,7 @@ def setUpModule():
 
 
 class Executable(unittest.TestCase):
-    def test_only_system_dlls_are_loaded_before_the_search_is_narrowed(self):
+    def test_only_system_dlls_are_loaded_before_the_search_is_restricted(self):
         # Both always come from the system folder.
         self.assertEqual(re.findall(r"DLL Name: (\S+)", _headers), ["KERNEL32.dll", "msvcrt.dll"])
 
@@ -42,7 +41,7 @@ class Executable(unittest.TestCase):
         self.assertGreater(int(size, 16), 0)
 
     def test_functions_with_buffers_check_their_stack(self):
-        # The guard's name stays in the symbol table; each check ends in a call.
+        # Each check ends in a call of this function.
         linux = os.path.join(os.environ["STEWARDRY_BIN"], "quillonsvc")
         for tool, path in (("x86_64-w64-mingw32-objdump", PROGRAM), ("objdump", linux)):
             code = subprocess.run([tool, "-d", path], check=True, capture_output=True,
@@ -54,12 +53,12 @@ class Executable(unittest.TestCase):
         words = (number[0] << 16 | number[1], number[2] << 16 | number[3])
         fixed = _bytes.index(struct.pack("<I", 0xFEEF04BD))  # VS_FIXEDFILEINFO
         self.assertEqual(struct.unpack_from("<4I", _bytes, fixed + 8), words * 2)
-        # A string is its key and its value, each ended by a zero, the value on a 4-byte boundary.
+        # A string is its key and its value, each zero-terminated, the value on a 4-byte boundary.
         strings = re.sub("\0+", "\0", _bytes[fixed + 52:].decode("utf-16-le", "replace"))
         for key, value in STRINGS.items():
             self.assertIn("%s\0%s\0" % (key, value), strings)
 
-    def test_the_manifest_asks_for_no_elevation_and_names_windows_10(self):
+    def test_the_manifest_requests_no_elevation_and_names_windows_10(self):
         self.assertIn(b'<requestedExecutionLevel level="asInvoker" uiAccess="false"/>', _bytes)
         self.assertIn(b'<supportedOS Id="{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"/>', _bytes)
         self.assertNotIn(b"activeCodePage", _bytes)

@@ -1,6 +1,5 @@
-// A DLL as an intruder would plant it under the name of another: once loaded, it leaves an empty
-// file behind, named after its own with ".loaded" at the end. It must not need any DLL that could
-// be planted itself.
+// A DLL to plant under another's name. Once loaded, it creates an empty file with its own name and
+// ".loaded". It must not import a DLL that could be planted itself.
 #include <windows.h>
 
 #include <cstring>

@@ -1,8 +1,6 @@
-# quillonsvc.exe among planted DLLs, under Wine: copies of planted.dll stand beside it, in the
-# current folder and on the path, under the names of the DLLs that it needs and of others that
-# intruders like. Each copy that is loaded leaves a file behind.
-#
-# unguarded.exe, in the same place, shows that the copies are loaded where no guard is.
+# quillonsvc.exe among planted DLLs, under Wine: copies of planted.dll lie beside it, in the current
+# folder and on the path, under the names of the DLLs that it needs and of other likely targets.
+# Each copy that is loaded creates a file. unguarded.exe proves that they load without a guard.
 import os
 import pathlib
 import shutil
@@ -17,7 +15,7 @@ import stewardry_lab  # from the Linux lab, whose path wine_lab adds
 from executable_test import DELAYED
 from stewardry_lab import BOUND, until
 
-# Not in any table of the program's: what the DLLs of its tables, or Windows itself, load in turn.
+# Not imported by the program: DLLs that its DLLs or Windows itself load in turn.
 OTHERS = ("apphelp bcrypt credui cryptbase cryptsp dbghelp dhcpcsvc dnsapi fwpuclnt imm32 mswsock "
           "netapi32 ntmarta profapi rasadhlp secur32 sspicli urlmon uxtheme version "
           "wbemcomn winmm wtsapi32").split()
@@ -43,9 +41,9 @@ class Planted(unittest.TestCase):
                                      "tavrinLog.log")
 
     def start(self, name, *words, **overrides):
-        """Starts a copy of a program in the first folder. `overrides` adds to what Wine prefers for
-        a DLL: an "n" is one from elsewhere, a "b" Wine's own, and nothing is none. By itself Wine
-        would take its own DLL instead of most of the planted ones; Windows wouldn't."""
+        """Starts a copy of a program in the first folder. `overrides` adds to Wine's preferences
+        for a DLL: "n" is a native one, "b" Wine's own, and "" none. By default Wine, unlike
+        Windows, would prefer most of its own DLLs to the planted ones."""
         copy = shutil.copy(program(name), os.path.join(self.root, "beside"))
         self.log_path.unlink(missing_ok=True)
         preferred = {**dict.fromkeys(NAMES, "n,b"), **overrides}
@@ -63,7 +61,7 @@ class Planted(unittest.TestCase):
         self.assertEqual(child.wait(stewardry_lab.PATIENCE), 0)
 
     def loaded(self):
-        """The planted DLLs that were loaded, as folder/name."""
+        """Returns the planted DLLs that were loaded, as folder/name."""
         return sorted(os.path.relpath(os.path.join(folder, name), self.root)[:-len(".loaded")]
                       for folder, _, names in os.walk(self.root)
                       for name in names if name.endswith(".loaded"))
@@ -72,14 +70,14 @@ class Planted(unittest.TestCase):
         return self.log_path.read_text(errors="replace") if self.log_path.exists() else ""
 
     def remove_wlanapi(self):
-        """Makes the system a Windows Server whose wireless feature isn't installed."""
+        """Removes a DLL, like a Windows Server without its wireless feature."""
         file = os.path.join(_prefix.folder, "windows", "system32", "wlanapi.dll")
         os.rename(file, file + ".away")
         self.addCleanup(os.rename, file + ".away", file)
 
 
 class Unguarded(Planted):
-    """These show that the tests below can fail."""
+    """Proves that the tests below can fail."""
 
     def test_planted_dlls_beside_a_program_are_loaded(self):
         self.run_unguarded(*NAMES)
@@ -107,9 +105,9 @@ class Service(Planted):
         self.assertIn("Connected to internet via LAN", self.log())
         self.assertNotIn("WlanOpenHandle failed", self.log())
 
-    def test_a_system_dll_that_is_missing_is_done_without(self):
+    def test_the_service_runs_without_a_missing_system_dll(self):
         self.remove_wlanapi()
-        # 127, or 7f, is ERROR_PROC_NOT_FOUND.
+        # 127 and 7f are ERROR_PROC_NOT_FOUND.
         for dll, preferred, line in (
                 ("wlanapi", "n", "WlanOpenHandle failed with error: 127 "),
                 ("setupapi", "", "SetupDiGetClassDevs failed with error: 7f "),

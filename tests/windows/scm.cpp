@@ -1,5 +1,5 @@
-// The service manager at the command line: what a test under Wine needs of it. Each command prints
-// what the manager answers and ends with 0, or with the platform's error as "error N" and 1.
+// The service manager's commands that a test under Wine needs. Each prints the resulting status and
+// exits with 0, or prints "error N" and exits with 1.
 #include <windows.h>
 
 #include <cstdio>

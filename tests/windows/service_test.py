@@ -1,5 +1,5 @@
-# quillonsvc.exe as a Windows service: installed, started and stopped by the service manager, on the
-# mailbox driver, with the firmware simulator behind it and foreign clients in front.
+# quillonsvc.exe as a Windows service: with the service manager, the mailbox driver, the firmware
+# simulator and foreign clients.
 import json
 import os
 import pathlib
@@ -47,8 +47,8 @@ class Install(unittest.TestCase):
 
 
 class LogFolder(unittest.TestCase):
-    @unittest.skipUnless(os.geteuid() == 0, "only root gives a folder to another user")
-    def test_what_belongs_to_another_user_is_not_written_to(self):
+    @unittest.skipUnless(os.geteuid() == 0, "only root can change the owner of a folder")
+    def test_files_of_another_user_are_not_written_to(self):
         company = pathlib.Path(prefix().folder, "ProgramData", "Corvane")
         logs = company / "Stewardry"
         for foreign in (logs, company, logs / "tavrinWMI.log"):
@@ -76,7 +76,7 @@ class Managed(WineLabTest):
             super()._close()
 
     def scm(self, command, *words):
-        """Returns what the service manager answers."""
+        """Returns the service manager's answer."""
         return prefix().run(program("scm.exe"), command, SERVICE, *words)[0]
 
     def stop_managed(self):
@@ -106,7 +106,7 @@ class Managed(WineLabTest):
                 "SERVICE_CONTROL_STOP recevied\n", "CancelIO called service stop. Error status "])
             os.remove(self.log_path())
 
-    def test_a_stop_at_any_point_of_a_start_ends_it(self):
+    def test_a_stop_at_any_point_of_a_start_ends_the_service(self):
         self.orrin = self.start_orrin("silence on")
         for line, trace in (("SvcInit line: 361", ""), ("Device open success", ""),
                             ("intThreadFunction before Processread", "is held unanswered")):
@@ -135,16 +135,16 @@ class Report(WineLabTest):
 
 
 class Dash(WineLabTest, dash_test.Dash):
-    test_inventory_is_that_of_the_host = None  # Report has this host's
+    test_inventory_describes_the_host = None  # Report checks this host's
 
 
 class Indications(WineLabTest, indications_test.Indications):
-    # Wine's WinHttpSendRequest waits for the answer, for as long as a post may take.
+    # Wine's WinHttpSendRequest waits for the answer until the time-out of a post.
     test_a_listener_that_never_answers_does_not_hold_the_service = None
 
 
 class Kvm(WineLabTest, kvm_test.Sessions):
-    COUNT = 3  # one of each end
+    COUNT = 3  # one for each kind of end
 
     def test_the_agent_is_launched_in_the_session_of_the_console(self):
         self.enable()
@@ -166,7 +166,7 @@ class Pipes(WineLabTest, pipes_test.Pipes):
 
 
 class Power(WineLabTest):
-    """Wine takes each power call, says yes and does nothing: what the service does is in its log."""
+    """Wine accepts each power call and does nothing, so the service's log is checked."""
 
     def test_each_action_follows_its_answer(self):
         self.start_both()

@@ -1,9 +1,9 @@
-# The end-to-end lab with the Windows service in it: one Wine prefix for the test program, with the
-# mailbox driver installed; for each test the firmware simulator on TCP loopback, the bridge that joins
-# it to the driver, and quillonsvc.exe.
+# The end-to-end lab with the Windows service: one Wine prefix for the test program, with the
+# mailbox driver installed; for each test the firmware simulator on TCP loopback, the bridge from it
+# to the driver, and quillonsvc.exe.
 #
-# All of it lives in the program's network namespace, because a prefix's services run where its first
-# program was started. Everything is ended by its own id, the prefix by its own wineserver.
+# All of it runs in the program's network namespace, because a prefix's services run where its first
+# program was started. Each process is ended by its id, the prefix by its own wineserver.
 import atexit
 import os
 import pathlib
@@ -20,12 +20,12 @@ import stewardry_lab  # noqa: E402  the path above leads to it
 from stewardry_lab import BOUND, LabTest, Orrin, Process, until  # noqa: E402
 
 FIRMWARE_PORT = "17788"  # on the loopback of the program's own network namespace
-# Wine wants one page at a fixed address, and one start in some thousands finds its heap there: no
+# Wine needs one page at a fixed address, and one start in some thousands finds its heap there: no
 # random addresses, where the system allows that.
 _STEADY = ["setarch", "-R"]
 if subprocess.run([*_STEADY, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
     _STEADY = []
-# What a Wine program runs as: without the right to restart the machine.
+# Runs a Wine program without the right to restart the machine.
 HARMLESS = [*_STEADY, "setpriv", "--bounding-set=-sys_boot", "--inh-caps=-sys_boot"]
 BOUNDED = ["timeout", "--kill-after=5", "120"]
 
@@ -48,21 +48,21 @@ class Prefix:
                         DISPLAY="")
         atexit.register(self.end)
         self.run("wineboot", "-i")
-        # The service stands in a folder with a blank; beside it a program that would be started in
-        # the place of its agent, and of itself, if their paths were only command lines.
+        # The service lies in a folder with a blank. Beside the folder is a program that would start
+        # instead of the service or its agent if their paths were taken for command lines.
         home = os.path.join(self.folder, "Stewardry Service")
         self.service = os.path.join(home, "quillonsvc.exe")
         os.mkdir(home)
         for name in ("quillonsvc.exe", "KVM_Agent.exe"):
             shutil.copy(program(name), home)
         shutil.copy(program("scm.exe"), os.path.join(self.folder, "Stewardry.exe"))
-        # Without a program of its own in it, Wine ends its services with each command.
+        # Wine would end the services after each command without a program that keeps running.
         self.keeper = subprocess.Popen([*HARMLESS, "wine", program("winlogon.exe")], env=self.env,
                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                        stderr=subprocess.DEVNULL)
 
     def run(self, *words):
-        """Returns what a Windows program prints, and its exit code."""
+        """Runs a Windows program. Returns its output and its exit code."""
         done = subprocess.run([*BOUNDED, *HARMLESS, "wine", *words], env=self.env, check=False,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL)
@@ -80,7 +80,7 @@ _prefix = None
 
 
 def prefix():
-    """The program's prefix, made at its first use, with the driver installed."""
+    """Returns the prefix, created at its first use, with the driver installed."""
     global _prefix
     if _prefix is None:
         _prefix = Prefix()
@@ -91,14 +91,14 @@ def prefix():
 
 
 def setup(*words):
-    """Returns what the driver's setup program prints."""
+    """Runs the driver's setup program. Returns its output."""
     text, code = prefix().run(program("tavrin_setup.exe"), *words)
     assert code == 0, text
     return text
 
 
 class WineProcess(Process):
-    """A Windows program. To end one from outside is what TerminateProcess would do."""
+    """A Windows program. Its end works like TerminateProcess."""
 
     def start(self, lab, words, out, err):
         return subprocess.Popen([*HARMLESS, "wine", program(words[0]), *words[1:]],
@@ -109,8 +109,8 @@ class WineProcess(Process):
 
 
 class WineLabTest(LabTest):
-    """LabTest with the service under Wine. The tests of the Linux lab that look at nothing but the
-    firmware's trace, the log and the sockets run here too."""
+    """LabTest with the service under Wine. The tests of the Linux lab that use only the firmware's
+    trace, the log and the sockets run here too."""
 
     def _open(self):
         super()._open()
@@ -126,9 +126,8 @@ class WineLabTest(LabTest):
             super()._close()
 
     def end_programs(self):
-        """Ends what runs under Wine, the bridge last, while the firmware is stopped. The cancel of
-        a request that is answered after its program's end reaches Wine's driver host all the same,
-        and makes it write to memory that is free."""
+        """Ends the Wine programs, the bridge last, while the firmware is suspended. An answer to a
+        request after its program's end would make Wine's driver host write to freed memory."""
         firmwares = [p.child for p in self.processes if isinstance(p, Orrin) and p.is_running]
         for firmware in firmwares:
             firmware.send_signal(signal.SIGSTOP)
@@ -177,7 +176,7 @@ class WineLabTest(LabTest):
 
 
 def run():
-    """A test program's entry. Skips it if it can't run here."""
+    """Runs the test program, or skips it if it can't run here."""
     for tool in ("wine", "wineserver", "setpriv", os.path.join(stewardry_lab.BIN, "orrin")):
         if shutil.which(tool) is None:
             stewardry_lab.skip("there is no " + tool)

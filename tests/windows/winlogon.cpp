@@ -1,5 +1,4 @@
-// A process of this name and nothing more: Wine has no winlogon.exe of its own, and the agent is
-// started with that one's token.
+// A process with the name winlogon.exe, which Wine lacks. The agent is started with its token.
 #include <windows.h>
 
 int main() { Sleep(INFINITE); }

@@ -1,5 +1,5 @@
-// The run-time half of cmake/delay_import.cmake. Mind that the linker's helper raises an exception
-// for a function that Windows lacks unless the failure hook below gives it something to call.
+// The run-time half of cmake/delay_import.cmake. The linker's helper raises an exception for a
+// missing function unless the failure hook below returns a function to call.
 #include "platform/windows/runtime/delay_imports.h"
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 #undef DELAYED_DLL
 #undef DELAYED_FUNCTION
 
-// The helper that the delay-load libraries call, of the C runtime; its header leaves it out.
+// The C runtime's helper that the delay-load libraries call; its header does not declare it.
 extern "C" FARPROC WINAPI __delayLoadHelper2(const ImgDelayDescr* dll, FARPROC* function);
 extern "C" IMAGE_DOS_HEADER __ImageBase;
 
@@ -25,30 +25,30 @@ namespace platform {
 
 namespace {
 
-// What stands in for a missing function. The caller clears its arguments away (x64 calling
-// convention), so one function serves every list of them.
-INT_PTR WINAPI GiveZero() {
+// The substitutes for a missing function. The caller removes its arguments (x64 calling
+// convention), so one substitute serves every list of arguments.
+INT_PTR WINAPI ReturnZero() {
   ::SetLastError(ERROR_PROC_NOT_FOUND);
   return 0;
 }
 
-INT_PTR WINAPI GiveMinusOne() {
+INT_PTR WINAPI ReturnMinusOne() {
   ::SetLastError(ERROR_PROC_NOT_FOUND);
   return -1;
 }
 
-INT_PTR WINAPI GiveError() { return ERROR_PROC_NOT_FOUND; }
+INT_PTR WINAPI ReturnError() { return ERROR_PROC_NOT_FOUND; }
 
-INT_PTR WINAPI GiveHResult() { return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND); }
+INT_PTR WINAPI ReturnHResult() { return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND); }
 
 struct Row {
   const char* name;
-  FARPROC give;
+  FARPROC substitute;
 };
 
 constexpr Row kRows[] = {
 #define DELAYED_DLL(dll)
-#define DELAYED_FUNCTION(name, kind) {#name, Give##kind},
+#define DELAYED_FUNCTION(name, kind) {#name, Return##kind},
 #include "delay_rows.inc"
 #undef DELAYED_FUNCTION
 #undef DELAYED_DLL
@@ -62,17 +62,18 @@ constexpr const ImgDelayDescr* kDlls[] = {
 #undef DELAYED_FUNCTION
 };
 
-FARPROC StandIn(const char* name) {
+FARPROC SubstituteOf(const char* name) {
   for (const Row& row : kRows)
-    if (std::strcmp(row.name, name) == 0) return row.give;
-  return GiveZero;  // not reached: the libraries and the rows come from one table
+    if (std::strcmp(row.name, name) == 0) return row.substitute;
+  return ReturnZero;  // not reached: the libraries and the rows come from one table
 }
 
-// Called by the helper on a failure; what it gives is used in place of what wasn't found.
+// Called by the helper on a failure. Returns what the helper uses instead.
 FARPROC WINAPI Replace(unsigned failed, PDelayLoadInfo info) {
-  // A missing DLL: this program, which exports nothing, so that each of the functions is missing.
+  // A missing DLL is replaced by this program, which exports nothing: each function is missing
+  // then.
   if (failed == dliFailLoadLib) return reinterpret_cast<FARPROC>(&__ImageBase);
-  if (failed == dliFailGetProc) return StandIn(info->dlp.szProcName);
+  if (failed == dliFailGetProc) return SubstituteOf(info->dlp.szProcName);
   return nullptr;
 }
 
@@ -92,8 +93,8 @@ void ForEachFunction(Use use) {
 }
 
 // The helper stores into the address tables, which linkers from binutils 2.44 on put into a
-// read-only section. A constructor, since a program may call a delayed function at any time. A
-// failure shows at the first such call.
+// read-only section. A constructor, because a program may call a delayed function at any time.
+// After a failure the first such call faults.
 [[gnu::constructor]] void MakeAddressTablesWritable() {
   ForEachFunction([](const ImgDelayDescr*, FARPROC* function) {
     DWORD before;
@@ -105,13 +106,13 @@ void ForEachFunction(Use use) {
 
 void BindDelayImports() {
   ForEachFunction([](const ImgDelayDescr* dll, FARPROC* function) {
-    (void)__delayLoadHelper2(dll, function);  // stores what it gives
+    (void)__delayLoadHelper2(dll, function);  // stores its result in the table
   });
 }
 
 }  // namespace platform
 
-// In force from the first instruction on: the runtime's own hook is a null pointer.
+// Set from the first instruction on; the runtime's own hook is null.
 extern "C" {
 PfnDliHook __pfnDliFailureHook2 = platform::Replace;
 }

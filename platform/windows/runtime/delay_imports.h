@@ -1,14 +1,13 @@
-// The delay-loaded functions of Windows. Each has its row in CMakeLists.txt beside this file;
-// cmake/delay_import.cmake says why they are loaded this way.
+// Delay-loaded functions of Windows. Each has a row in platform/windows/CMakeLists.txt;
+// cmake/delay_import.cmake gives the reason.
 #pragma once
 
 namespace platform {
 
-// Loads every delay-loaded DLL and finds every function that the program uses, so that no thread
-// does so later: one that is ended from outside must not take the loader's lock with it. A function
-// that this Windows lacks gives from then on what its row says; its last error, its error code or
-// its HRESULT is ERROR_PROC_NOT_FOUND. Call once, when the DLL search has been narrowed, while the
-// process has one thread.
+// Loads every delay-loaded DLL and binds every function that the program uses, so that no thread
+// holds the loader's lock later when it is terminated. A function that this Windows lacks returns
+// what its row says, with ERROR_PROC_NOT_FOUND as its last error, error code or HRESULT. Requires
+// that the DLL search is restricted and that the process has one thread. Once per process.
 void BindDelayImports();
 
 }  // namespace platform

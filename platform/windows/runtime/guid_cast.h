@@ -1,6 +1,6 @@
-// The contract's GUID as Windows', byte for byte.
 #pragma once
 
+#include <array>
 #include <bit>
 
 #include "platform/guid.h"
@@ -12,6 +12,12 @@ static_assert(sizeof(Guid) == sizeof(GUID) && offsetof(Guid, data1) == offsetof(
               offsetof(Guid, data2) == offsetof(GUID, Data2) &&
               offsetof(Guid, data3) == offsetof(GUID, Data3) &&
               offsetof(Guid, data4) == offsetof(GUID, Data4));
+
+// Returns whether both are the same GUID.
+constexpr bool IsSameGuid(const Guid& guid, const GUID& other) {
+  using Bytes = std::array<std::uint8_t, sizeof(GUID)>;
+  return std::bit_cast<Bytes>(guid) == std::bit_cast<Bytes>(other);
+}
 
 inline GUID WindowsGuid(const Guid& guid) { return std::bit_cast<GUID>(guid); }
 

@@ -1,17 +1,17 @@
-// What -fstack-protector-strong needs at run time. GCC's own library for it fetches its random
-// number from advapi32, in a constructor: before the process has narrowed its DLL search. The value
-// here is made of kernel32 alone, from what Windows' own compiler takes for its cookie.
+// The run-time part of -fstack-protector-strong. GCC's own library takes its random number from
+// advapi32, in a constructor, before the process has restricted its DLL search. The value here
+// comes from kernel32 alone: from the sources that Windows' own compiler uses for its cookie.
 //
 // Invariant: the value changes once, while no function that checks its stack is active.
 #include <cstdint>
 
 #include "platform/windows/runtime/windows_api.h"
 
-// Both names are the compiler's.
+// The compiler prescribes both names.
 extern "C" {
 std::uintptr_t __stack_chk_guard = 0x00002B992DDFA232;
 
-// The system's fast fail: no handler of the process runs, and an error report is written.
+// Ends the process by Windows' fast fail: no handler runs, and an error report is written.
 [[noreturn]] void __stack_chk_fail() {
   asm volatile("int $0x29" : : "c"(FAST_FAIL_STACK_COOKIE_CHECK_FAILURE));
   __builtin_unreachable();
@@ -20,8 +20,8 @@ std::uintptr_t __stack_chk_guard = 0x00002B992DDFA232;
 
 namespace {
 
-// 101 is a program's first constructor. The lowest byte is 0, so a text that runs over can't write
-// the value and go on.
+// 101 is the priority of a program's first constructor. The lowest byte is 0, so that an overlong
+// text can't write the value.
 [[gnu::constructor(101), gnu::no_stack_protector]] void ChooseStackGuard() {
   FILETIME time;
   ::GetSystemTimeAsFileTime(&time);

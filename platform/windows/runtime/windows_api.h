@@ -1,6 +1,5 @@
-// Windows' own headers in the one order that works: Winsock before windows.h. Included by the
-// sources here only, after the contract's header, so that the contract is read without Windows'
-// macros.
+// Windows' headers in the order that works, Winsock before windows.h. Included after the contract's
+// header, so that the contract compiles without Windows' macros.
 #pragma once
 
 // clang-format off

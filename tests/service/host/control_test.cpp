@@ -119,14 +119,14 @@ TEST_F(Control, PowerEventKeepsItsValue) {
       {10, "GUID_BATTERY_PERCENTAGE_REMAINING Event", 2}};
   for (const auto& [flag, line, state] : kRows) {
     std::ofstream(lab() + "/battery.txt") << "0 " << flag << " 17";
-    Setting(kGuidBatteryPercentageRemaining, 17);
+    Setting(platform::kGuidBatteryPercentageRemaining, 17);
     EXPECT_TRUE(Logged(line));
     EXPECT_EQ(gStandby->gBatteryState.load(), state);
   }
   EXPECT_EQ(CountOf(Messages(), "Battery is "), 2U);
-  Setting(kGuidGlobalUserPresence, 2);
+  Setting(platform::kGuidGlobalUserPresence, 2);
   gate::FailNext("GetSystemPowerStatus", 5);
-  Setting(kGuidGlobalUserPresence, 0);
+  Setting(platform::kGuidGlobalUserPresence, 0);
   EXPECT_EQ(gStandby->gUserPresence.load(), 2U);
   SvcCtrlHandler(13, 0, nullptr, nullptr);  // without data nothing is read
 }
