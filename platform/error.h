@@ -31,6 +31,7 @@ enum : std::uint32_t {
   kErrorFailedServiceControllerConnect = 1063,
   kErrorServiceExists = 1073,
   kErrorDeviceNotConnected = 1167,
+  kErrorNotFound = 1168,
   kErrorPrivilegeNotHeld = 1314,
 };
 

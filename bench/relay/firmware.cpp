@@ -93,7 +93,7 @@ class Answer {
   static constexpr std::size_t kHeads = 2 + (kPicture + kLongestPayload - 1) / kLongestPayload;
 
   void PutHead(std::uint32_t kind, std::uint64_t id, std::size_t length, std::uint32_t word = 0) {
-    head_[heads_] = {lablink::kMagic, kind, id, word, static_cast<std::uint32_t>(length)};
+    head_[heads_] = lablink::MakeHead(kind, id, word, length);
     Put(&head_[heads_++], sizeof(lablink::Head));
   }
   void Put(const void* data, std::size_t size) {
@@ -176,8 +176,7 @@ class Mailbox {
     EnableKvm();
     if (!answer_.Flush()) return;
     lablink::Head head;
-    while (ReceiveAll(sock_.Get(), &head, sizeof head) && head.magic == lablink::kMagic &&
-           head.length <= lablink::kMaxBody) {
+    while (ReceiveAll(sock_.Get(), &head, sizeof head) && lablink::IsMessage(head)) {
       if (!(head.kind == lablink::kRequest ? ServeRequest(head) : Skip(head.length))) return;
     }
   }

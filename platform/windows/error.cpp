@@ -24,7 +24,7 @@ static_assert(
     kErrorIoPending == ERROR_IO_PENDING && kErrorServiceNotActive == ERROR_SERVICE_NOT_ACTIVE &&
     kErrorFailedServiceControllerConnect == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT &&
     kErrorServiceExists == ERROR_SERVICE_EXISTS &&
-    kErrorDeviceNotConnected == ERROR_DEVICE_NOT_CONNECTED &&
+    kErrorDeviceNotConnected == ERROR_DEVICE_NOT_CONNECTED && kErrorNotFound == ERROR_NOT_FOUND &&
     kErrorPrivilegeNotHeld == ERROR_PRIVILEGE_NOT_HELD);
 
 namespace {
