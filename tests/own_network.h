@@ -1,5 +1,5 @@
-// A network namespace for the test process, so that the service's real ports are free and nobody
-// outside sees them. Call before any other thread exists.
+// A network namespace for the test process, so that the service's real ports are free and invisible
+// to other processes. Call before any other thread exists.
 #pragma once
 
 #include <net/if.h>
@@ -10,7 +10,8 @@
 
 #include <cstring>
 
-// True with the loopback interface up; false where this user may not make one.
+// Enters a new namespace with its loopback interface up. Returns false if this user may not create
+// one.
 inline bool EnterOwnNetwork() {
   if (::unshare(CLONE_NEWNET) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
   const int sock = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -1,6 +1,6 @@
 // tavrin_bridge: joins the mailbox driver's lab device to a firmware that listens on 127.0.0.1. It
-// is a plain pipe: each read of the device is one message of the lab link, each write too, so all
-// it does is to cut the socket's stream into messages.
+// only cuts the socket's stream into messages: each read and each write of the device is one
+// message of the lab link.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 // This needs winsock2.h before it.
@@ -24,7 +24,7 @@ struct CloseObject {
 };
 using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
-// What both directions use; the process ends with either, so nothing here is ever closed.
+// What both directions use. The process ends with either, so nothing here is ever closed.
 struct Bridge {
   HANDLE lab = INVALID_HANDLE_VALUE;
   SOCKET firmware = INVALID_SOCKET;
@@ -33,10 +33,10 @@ struct Bridge {
 [[noreturn]] void Leave(const char* why, unsigned long error) {
   std::printf("ended: %s (%lu)\n", why, error);
   std::fflush(stdout);
-  ExitProcess(1);  // the other direction waits where nothing could wake it
+  ExitProcess(1);  // nothing could wake the other direction
 }
 
-// One transfer with the device, which is open for overlapped use: both directions wait in it.
+// Transfers one message. The device is open for overlapped use, because both directions wait in it.
 DWORD Transfer(HANDLE lab, bool isRead, void* bytes, DWORD size, HANDLE event) {
   OVERLAPPED request{};
   request.hEvent = event;
@@ -45,8 +45,7 @@ DWORD Transfer(HANDLE lab, bool isRead, void* bytes, DWORD size, HANDLE event) {
   DWORD moved = 0;
   if ((!started && GetLastError() != ERROR_IO_PENDING) ||
       !GetOverlappedResult(lab, &request, &moved, TRUE))
-    Leave(isRead ? "the driver gives nothing more" : "the driver refused a message",
-          GetLastError());
+    Leave(isRead ? "the driver failed a read" : "the driver refused a message", GetLastError());
   return moved;
 }
 
@@ -65,10 +64,11 @@ DWORD WINAPI DriverToFirmware(void* parameter) {
         Transfer(bridge.lab, true, message.data(), static_cast<DWORD>(message.size()), event.get());
     lablink::Head head;
     if (!lablink::IsOneMessage(message.data(), size, &head))
-      Leave("the driver gave what is no message", size);
+      Leave("the driver sent an invalid message", size);
     for (DWORD sent = 0; sent < size;) {
       const int n = send(bridge.firmware, message.data() + sent, static_cast<int>(size - sent), 0);
-      if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
+      if (n <= 0)
+        Leave("the firmware closed the link", static_cast<unsigned long>(WSAGetLastError()));
       sent += static_cast<DWORD>(n);
     }
   }
@@ -81,7 +81,8 @@ DWORD WINAPI DriverToFirmware(void* parameter) {
     const std::span<std::uint8_t> room = reader.Room();
     const int n = recv(bridge.firmware, reinterpret_cast<char*>(room.data()),
                        static_cast<int>(room.size()), 0);
-    if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
+    if (n <= 0)
+      Leave("the firmware closed the link", static_cast<unsigned long>(WSAGetLastError()));
     reader.Filled(static_cast<std::size_t>(n));
     lablink::Message message;
     lablink::Parsed result;
@@ -89,7 +90,7 @@ DWORD WINAPI DriverToFirmware(void* parameter) {
       Transfer(bridge.lab, false, const_cast<std::uint8_t*>(message.bytes.data()),
                static_cast<DWORD>(message.bytes.size()), event.get());
     if (result == lablink::Parsed::kMalformed)
-      Leave("the firmware sent what is no message", static_cast<unsigned long>(reader.Torn()));
+      Leave("the firmware sent an invalid message", static_cast<unsigned long>(reader.Torn()));
   }
 }
 
@@ -103,7 +104,7 @@ SOCKET Dial(unsigned long port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (connect(firmware, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
     Leave("no firmware on that port", static_cast<unsigned long>(WSAGetLastError()));
-  const BOOL noDelay = TRUE;  // a request is one small message, and its answer is waited for
+  const BOOL noDelay = TRUE;  // a request is one small message that waits for its answer
   setsockopt(firmware, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&noDelay),
              sizeof noDelay);
   return firmware;
