@@ -27,11 +27,22 @@ enum : int {
 
 enum : int {
   kWsaEIntr = 10004,
+  kWsaEAcces = 10013,
+  kWsaEFault = 10014,
   kWsaEInval = 10022,
+  kWsaEMFile = 10024,
   kWsaEWouldBlock = 10035,
+  kWsaENotSock = 10038,
   kWsaEAddrInUse = 10048,
+  kWsaEAddrNotAvail = 10049,
+  kWsaEConnAborted = 10053,
   kWsaEConnReset = 10054,
+  kWsaENoBufs = 10055,
+  kWsaEIsConn = 10056,
   kWsaENotConn = 10057,
+  kWsaETimedOut = 10060,
+  kWsaEConnRefused = 10061,
+  kWsaEHostUnreach = 10065,
 };
 
 // sockaddr_in; port and address in network byte order, family kAfInet.

@@ -37,20 +37,19 @@ constexpr ErrnoRow kSocketErrors[] = {
     {EINVAL, kWsaEInval},
     {EADDRINUSE, kWsaEAddrInUse},
     {ENOTCONN, kWsaENotConn},
-    {EBADF, 10038},
-    {ENOTSOCK, 10038},
+    {EBADF, kWsaENotSock},
+    {ENOTSOCK, kWsaENotSock},
     {ECONNRESET, kWsaEConnReset},
-    {ECONNREFUSED, 10061},
-    {EPIPE, 10053},
-    {EMFILE, 10024},
-    {EACCES, 10013},
-    {EADDRNOTAVAIL, 10049},
-    {ETIMEDOUT, 10060},
-    {EISCONN, 10056},
-    {ENOBUFS, 10055},
-    {EHOSTUNREACH, 10065},
+    {ECONNREFUSED, kWsaEConnRefused},
+    {EPIPE, kWsaEConnAborted},
+    {EMFILE, kWsaEMFile},
+    {EACCES, kWsaEAcces},
+    {EADDRNOTAVAIL, kWsaEAddrNotAvail},
+    {ETIMEDOUT, kWsaETimedOut},
+    {EISCONN, kWsaEIsConn},
+    {ENOBUFS, kWsaENoBufs},
+    {EHOSTUNREACH, kWsaEHostUnreach},
 };
-constexpr int kWsaEFault = 10014;
 
 int FailWith(int number) {
   int error = kWsaEFault;

@@ -15,7 +15,12 @@ static_assert(kAfInet == AF_INET && kAfInet6 == AF_INET6 && kSockStream == SOCK_
               kTcpNoDelay == TCP_NODELAY && kSdSend == SD_SEND);
 static_assert(kWsaEIntr == WSAEINTR && kWsaEInval == WSAEINVAL &&
               kWsaEWouldBlock == WSAEWOULDBLOCK && kWsaEAddrInUse == WSAEADDRINUSE &&
-              kWsaEConnReset == WSAECONNRESET && kWsaENotConn == WSAENOTCONN);
+              kWsaEConnReset == WSAECONNRESET && kWsaENotConn == WSAENOTCONN &&
+              kWsaEAcces == WSAEACCES && kWsaEFault == WSAEFAULT && kWsaEMFile == WSAEMFILE &&
+              kWsaENotSock == WSAENOTSOCK && kWsaEAddrNotAvail == WSAEADDRNOTAVAIL &&
+              kWsaEConnAborted == WSAECONNABORTED && kWsaENoBufs == WSAENOBUFS &&
+              kWsaEIsConn == WSAEISCONN && kWsaETimedOut == WSAETIMEDOUT &&
+              kWsaEConnRefused == WSAECONNREFUSED && kWsaEHostUnreach == WSAEHOSTUNREACH);
 static_assert(kFdRead == FD_READ && kFdWrite == FD_WRITE && kFdOob == FD_OOB &&
               kFdAccept == FD_ACCEPT && kFdConnect == FD_CONNECT && kFdClose == FD_CLOSE);
 static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&
