@@ -21,7 +21,7 @@
 
 namespace stewardry {
 
-struct Asked {
+struct ReceivedRequest {
   std::uint32_t code;
   std::string input;
 };
@@ -81,8 +81,8 @@ class FirmwarePeer {
   // Blocks, for a minute at most, until `count` requests of `code` have been received.
   bool Await(std::uint32_t code, std::size_t count = 1) {
     return AwaitThat([&] {
-      return std::count_if(requests_.begin(), requests_.end(), [&](const Asked& asked) {
-               return asked.code == code;
+      return std::count_if(requests_.begin(), requests_.end(), [&](const ReceivedRequest& request) {
+               return request.code == code;
              }) >= static_cast<std::ptrdiff_t>(count);
     });
   }
@@ -91,19 +91,19 @@ class FirmwarePeer {
     return AwaitThat([&] { return kinds_[kind] >= count; });
   }
 
-  std::vector<Asked> Requests() {
+  std::vector<ReceivedRequest> Requests() {
     std::lock_guard guard(lock_);
     return requests_;
   }
   std::vector<std::uint32_t> Codes() {
     std::vector<std::uint32_t> codes;
-    for (const Asked& request : Requests()) codes.push_back(request.code);
+    for (const ReceivedRequest& request : Requests()) codes.push_back(request.code);
     return codes;
   }
   // Returns the inputs of all requests of this code, concatenated.
   std::string Inputs(std::uint32_t code) {
     std::string inputs;
-    for (const Asked& request : Requests())
+    for (const ReceivedRequest& request : Requests())
       if (request.code == code) inputs += request.input;
     return inputs;
   }
@@ -177,7 +177,7 @@ class FirmwarePeer {
   std::condition_variable changed_;
   bool stopped_ = false;  // guarded by lock_, as all below
   int link_ = -1;
-  std::vector<Asked> requests_;
+  std::vector<ReceivedRequest> requests_;
   std::map<std::uint32_t, std::uint32_t> verdicts_;
   std::map<std::uint32_t, std::string> answers_;
   std::map<std::uint32_t, std::size_t> kinds_;

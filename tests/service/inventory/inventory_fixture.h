@@ -74,7 +74,7 @@ class ReportTest : public InventoryTest {
   // The n-th message sent, as the record that it is.
   template <class Record>
   Record Message(std::size_t n) {
-    const std::vector<Asked> requests = firmware_->Requests();
+    const std::vector<ReceivedRequest> requests = firmware_->Requests();
     Record record{};
     const std::string input = n < requests.size() ? requests[n].input : "";
     EXPECT_EQ(input.size(), sizeof record) << "message " << n;
