@@ -1,5 +1,5 @@
-// The least firmware that answers a mailbox: it finishes every request at once, unless it is set to
-// fail or hold it, and keeps what came, in its order. It is the far end of the lab link.
+// A minimal firmware that answers a mailbox: it completes every request at once, unless it is set
+// to fail or hold it, and records what it receives, in order. It is the far end of the lab link.
 #pragma once
 
 #include <sys/socket.h>
@@ -11,16 +11,17 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "lablink/lab_link.h"
+#include "lablink/messages.h"
 #include "tests/socket_address.h"
 
 namespace stewardry {
 
-struct Asked {
+struct ReceivedRequest {
   std::uint32_t code;
   std::string input;
 };
@@ -49,39 +50,39 @@ class FirmwarePeer {
     ::unlink(path_.c_str());
   }
 
-  // The status byte of GetOrrinStatus.
+  // Sets the status byte of GetOrrinStatus.
   void SetStatus(std::uint8_t status) {
     SetAnswer(kReadStatus, std::string(1, static_cast<char>(status)));
   }
-  // Requests of this code finish with `error`, or are never answered for kHold; 0 answers again.
+  // Makes requests of this code fail with `error`, or never be answered for kHold; 0 answers again.
   static constexpr std::uint32_t kHold = 0xFFFFFFFF;
   void SetVerdict(std::uint32_t code, std::uint32_t error) {
     std::lock_guard guard(lock_);
     verdicts_[code] = error;
   }
-  // What the requests of this code are answered with.
+  // Sets the record that answers the requests of this code.
   void SetAnswer(std::uint32_t code, const std::string& record) {
     std::lock_guard guard(lock_);
     answers_[code] = record;
   }
-  // One frame: the payload, the command code, one byte without a meaning.
+  // Sends one frame: the payload, the command code, one byte without a meaning.
   void SendFrame(const std::string& payload, std::uint8_t command) {
     SendRaw(payload + static_cast<char>(command) + '\0');
   }
-  // A frame of just these bytes.
-  void SendRaw(const std::string& frame) { Tell(lablink::kFrame, 0, frame); }
-  // The device goes away, `forGood` with those that are opened later.
+  // Sends a frame of just these bytes.
+  void SendRaw(const std::string& frame) { SendMessage(lablink::kFrame, 0, frame); }
+  // Ends the link; with `forGood` also every later one.
   void Drop(bool forGood = false) {
     std::lock_guard guard(lock_);
     stopped_ = forGood;
     if (link_ >= 0) ::shutdown(link_, SHUT_RDWR);
   }
 
-  // Waits, for a minute at most, until `count` requests of `code` have come.
+  // Blocks, for a minute at most, until `count` requests of `code` have been received.
   bool Await(std::uint32_t code, std::size_t count = 1) {
     return AwaitThat([&] {
-      return std::count_if(requests_.begin(), requests_.end(), [&](const Asked& asked) {
-               return asked.code == code;
+      return std::count_if(requests_.begin(), requests_.end(), [&](const ReceivedRequest& request) {
+               return request.code == code;
              }) >= static_cast<std::ptrdiff_t>(count);
     });
   }
@@ -90,33 +91,31 @@ class FirmwarePeer {
     return AwaitThat([&] { return kinds_[kind] >= count; });
   }
 
-  std::vector<Asked> Requests() {
+  std::vector<ReceivedRequest> Requests() {
     std::lock_guard guard(lock_);
     return requests_;
   }
   std::vector<std::uint32_t> Codes() {
     std::vector<std::uint32_t> codes;
-    for (const Asked& request : Requests()) codes.push_back(request.code);
+    for (const ReceivedRequest& request : Requests()) codes.push_back(request.code);
     return codes;
   }
-  // The inputs of all requests of this code, one behind the other.
+  // Returns the inputs of all requests of this code, concatenated.
   std::string Inputs(std::uint32_t code) {
     std::string inputs;
-    for (const Asked& request : Requests())
+    for (const ReceivedRequest& request : Requests())
       if (request.code == code) inputs += request.input;
     return inputs;
   }
 
  private:
-  static bool Take(int link, void* data, std::size_t size) {
-    return size == 0 || ::recv(link, data, size, MSG_WAITALL) == static_cast<ssize_t>(size);
-  }
   void Serve() {
     for (int link; (link = ::accept(listener_, nullptr, nullptr)) >= 0;) {
       SetLink(link);
       while (ServeOne(link)) {
       }
       SetLink(-1);
+      reader_.Clear();
       ::close(link);
     }
   }
@@ -126,13 +125,19 @@ class FirmwarePeer {
     if (stopped_) ::shutdown(link, SHUT_RDWR);
   }
   bool ServeOne(int link) {
-    lablink::Head head;
-    if (!Take(link, &head, sizeof head) || head.length > lablink::kMaxBody) return false;
-    std::string body(head.length, '\0');
-    if (!Take(link, body.data(), body.size())) return false;
-    if (head.kind == lablink::kRequest) Finish(head, body.substr(4));
+    lablink::Message message;
+    lablink::Parsed result;
+    while ((result = reader_.Next(&message)) == lablink::Parsed::kNeedMore) {
+      const std::span<std::uint8_t> room = reader_.Room();
+      const ssize_t n = ::recv(link, room.data(), room.size(), 0);
+      if (n <= 0) return false;
+      reader_.Filled(static_cast<std::size_t>(n));
+    }
+    if (result == lablink::Parsed::kMalformed) return false;
+    if (message.head.kind == lablink::kRequest && message.body.size() >= 4)
+      Finish(message.head, {message.body.begin() + 4, message.body.end()});
     std::lock_guard guard(lock_);
-    ++kinds_[head.kind];
+    ++kinds_[message.head.kind];
     changed_.notify_all();
     return true;
   }
@@ -146,13 +151,12 @@ class FirmwarePeer {
       verdict = verdicts_[request.word];
       if (verdict == 0) record = answers_[request.word];
     }
-    if (verdict != kHold) Tell(lablink::kComplete, verdict, record, request.id);
+    if (verdict != kHold) SendMessage(lablink::kComplete, verdict, record, request.id);
   }
-  void Tell(std::uint32_t kind, std::uint32_t word, const std::string& body, std::uint64_t id = 0) {
-    const lablink::Head head{lablink::kMagic, kind, id, word,
-                             static_cast<std::uint32_t>(body.size())};
-    const std::string message =
-        std::string(reinterpret_cast<const char*>(&head), sizeof head) + body;
+  void SendMessage(std::uint32_t kind, std::uint32_t word, const std::string& body,
+                   std::uint64_t id = 0) {
+    std::string message;
+    lablink::AppendMessage(&message, kind, id, word, body);
     std::lock_guard guard(lock_);
     for (std::size_t sent = 0; link_ >= 0 && sent < message.size();) {
       const ssize_t n = ::send(link_, message.data() + sent, message.size() - sent, MSG_NOSIGNAL);
@@ -168,11 +172,12 @@ class FirmwarePeer {
 
   const std::string path_;
   int listener_ = -1;
+  lablink::MessageReader reader_;  // the serving thread's
   std::mutex lock_;
   std::condition_variable changed_;
   bool stopped_ = false;  // guarded by lock_, as all below
   int link_ = -1;
-  std::vector<Asked> requests_;
+  std::vector<ReceivedRequest> requests_;
   std::map<std::uint32_t, std::uint32_t> verdicts_;
   std::map<std::uint32_t, std::string> answers_;
   std::map<std::uint32_t, std::size_t> kinds_;

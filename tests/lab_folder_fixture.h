@@ -1,5 +1,6 @@
-// The smallest real world of a test: a lab folder of its own and an armed gate. The folder's path
-// is read once a process, so it is chosen before anything else runs; each test finds it empty.
+// The smallest environment of a test: a lab folder of its own and an armed gate. The platform reads
+// the folder's path once a process, so it is set before anything else runs. Each test finds it
+// empty.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -58,17 +59,17 @@ class LabTest : public ::testing::Test {
     std::ofstream(lab() + "/" + name) << text;
   }
 
-  // The text of a file named by its Windows path; empty if there is none.
+  // Returns the text of a file named by its Windows path; empty if there is no such file.
   static std::string FileText(const std::string& windowsPath) {
     return LabText(platform::NativePath(windowsPath.c_str()).substr(lab().size() + 1));
   }
-  // The text of a file below the lab folder.
+  // Returns the text of a file below the lab folder.
   static std::string LabText(const std::string& name) {
     std::ifstream file(lab() + "/" + name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
   static std::string ServiceLogText() { return FileText(kServiceLog); }
-  // The messages of a log, each between `before` and `behind`, in their order.
+  // Returns the messages of a log, each between `before` and `behind`, in order.
   static std::vector<std::string> Messages(const std::string& windowsPath,
                                            const std::string& before, const std::string& behind) {
     const std::string text = FileText(windowsPath);

@@ -1,6 +1,6 @@
-// The far end behind a mailbox: the least firmware that serves the stream. It does what the server
-// does for the peers, with the lab link's frames around it, and as sparingly: the bytes of a
-// request are received where they are sent from, and all answers of a request leave in one write.
+// The far end behind a mailbox: a minimal firmware that serves the stream. It does the server's
+// work for the peers, within the lab link's frames and as cheaply: the bytes of a request are
+// received where they are sent from, and all answers to a request are sent in one write.
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -35,7 +35,7 @@ constexpr std::uint32_t kRegion = ControlCodeFor(Operation::kInitializeKeyboardM
 
 constexpr std::uint16_t kKvmPort = 22;
 
-// What stands behind a frame's payload: the command code and one byte.
+// What follows a frame's payload: the command code and one byte.
 using Trailer = std::uint8_t[2];
 constexpr Trailer kDashData = {stewardry::ORRIN_TAVRIN_CMD_DASH_DATA, 0};
 constexpr Trailer kKvmData = {stewardry::ORRIN_TAVRIN_CMD_KVM_DATA, 0};
@@ -44,15 +44,15 @@ constexpr Trailer kKvmPeer = {stewardry::ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, 0};
 constexpr std::uint64_t kAnyPeer = 0;  // address and port
 constexpr std::size_t kLongestPayload = lablink::kMaxFrame - sizeof(Trailer);
 constexpr std::uint32_t kGeneralFailure = 31;     // ERROR_GEN_FAILURE
-constexpr std::uint64_t kSomeAddress[] = {1, 0};  // the mailbox end puts its own there
-constexpr std::uint8_t kUp = 1;  // the status of a firmware that needn't be told everything again
+constexpr std::uint64_t kSomeAddress[] = {1, 0};  // replaced by the mailbox end
+constexpr std::uint8_t kUp = 1;  // the status of a firmware that needs no new reports
 
-// The messages of one answer, gathered until Flush.
+// The messages that answer one request, gathered until Flush.
 class Answer {
  public:
   explicit Answer(int sock) : sock_(sock) {}
 
-  // REQUIRES: `body` stays as it is until Flush.
+  // Requires `body` to stay unchanged until Flush.
   void Complete(std::uint64_t id, const void* body, std::size_t size) {
     PutHead(lablink::kComplete, id, size);
     Put(body, size);
@@ -63,7 +63,7 @@ class Answer {
     Put(payload, size);
     Put(trailer, sizeof trailer);
   }
-  // The payload in as many frames as it takes.
+  // Sends the payload in as many frames as it takes.
   void Frames(const Trailer& trailer, const std::byte* payload, std::size_t size) {
     while (size > 0) {
       const std::size_t part = std::min(size, kLongestPayload);
@@ -93,7 +93,7 @@ class Answer {
   static constexpr std::size_t kHeads = 2 + (kPicture + kLongestPayload - 1) / kLongestPayload;
 
   void PutHead(std::uint32_t kind, std::uint64_t id, std::size_t length, std::uint32_t word = 0) {
-    head_[heads_] = {lablink::kMagic, kind, id, word, static_cast<std::uint32_t>(length)};
+    head_[heads_] = lablink::MakeHead(kind, id, word, length);
     Put(&head_[heads_++], sizeof(lablink::Head));
   }
   void Put(const void* data, std::size_t size) {
@@ -113,21 +113,21 @@ class Answer {
   std::size_t count_ = 0;
 };
 
-// The stream of the connection that the service has announced last on a port.
+// The stream of the latest connection that the service has announced on a port.
 class Stream {
  public:
-  // REQUIRES: `trailer` outlives the stream.
+  // Requires `trailer` to outlive the stream.
   explicit Stream(const Trailer& trailer) : trailer_(trailer) {}
   void Begin() {
     started_ = false;
     filled_ = 0;
     taken_ = 0;
   }
-  // Where the next request's bytes go; null when they would not fit.
+  // Returns where the next request's bytes go; null if they don't fit.
   std::byte* Room(std::size_t size) {
     return filled_ + size <= room_.Size() ? room_.Data() + filled_ : nullptr;
   }
-  // So many bytes were put there: the frames that they bring about go into the answer.
+  // Counts `size` bytes that were put there, and adds the frames they cause to the answer.
   void Take(std::size_t size, Answer* answer) {
     filled_ += size;
     if (!started_ && !TakeHead()) return;
@@ -176,8 +176,7 @@ class Mailbox {
     EnableKvm();
     if (!answer_.Flush()) return;
     lablink::Head head;
-    while (ReceiveAll(sock_.Get(), &head, sizeof head) && head.magic == lablink::kMagic &&
-           head.length <= lablink::kMaxBody) {
+    while (ReceiveAll(sock_.Get(), &head, sizeof head) && lablink::IsMessage(head)) {
       if (!(head.kind == lablink::kRequest ? ServeRequest(head) : Skip(head.length))) return;
     }
   }
@@ -185,8 +184,8 @@ class Mailbox {
  private:
   static constexpr std::uint32_t kOutputSize = sizeof(std::uint32_t);
 
-  // The bytes of the stream are received where they are sent from, in the call that takes what
-  // stands before them.
+  // The bytes of the stream are received where they are sent from, in the call that reads what
+  // precedes them.
   bool ServeRequest(const lablink::Head& head) {
     if (head.length < kOutputSize) return false;
     const std::size_t size = head.length - kOutputSize;
@@ -206,7 +205,8 @@ class Mailbox {
   }
   void EnableKvm() {
     answer_.Frame(kKvmOn, nullptr, 0);
-    answer_.Frame(kKvmPeer, &kAnyPeer, sizeof kAnyPeer);  // without it a viewer waits for its name
+    answer_.Frame(kKvmPeer, &kAnyPeer,
+                  sizeof kAnyPeer);  // without it a viewer waits for its address
   }
   void AnswerQuestion(const lablink::Head& head) {
     if (head.word == kNewConnection) (AnnouncesKvm() ? kvm_ : dash_).Begin();
@@ -218,7 +218,7 @@ class Mailbox {
     if (head.word == kGone && *reinterpret_cast<std::uint16_t*>(unread_.Data()) == kKvmPort)
       EnableKvm();
   }
-  // The request's body announces a connection to port 22.
+  // Returns whether the request announces a connection to port 22.
   bool AnnouncesKvm() {
     stewardry::IPInfo info;
     std::memcpy(&info, unread_.Data(), sizeof info);

@@ -9,17 +9,15 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
+#include <span>
 #include <type_traits>
 #include <vector>
 
 #include "lab/driver/lab_control.h"
-#include "lablink/lab_link.h"
+#include "lablink/messages.h"
 
 namespace {
-
-constexpr std::size_t kMaxMessage = sizeof(lablink::Head) + lablink::kMaxBody;
 
 struct CloseObject {
   void operator()(HANDLE handle) const { CloseHandle(handle); }
@@ -57,49 +55,42 @@ Object MakeEvent() {
   return event;
 }
 
-bool IsMessage(const lablink::Head& head) {
-  return head.magic == lablink::kMagic && head.length <= lablink::kMaxBody;
-}
-
 DWORD WINAPI DriverToFirmware(void* parameter) {
   const Bridge& bridge = *static_cast<const Bridge*>(parameter);
   const Object event = MakeEvent();
-  std::vector<char> message(kMaxMessage);
+  std::vector<char> message(lablink::kMaxMessage);
   for (;;) {
     const DWORD size =
         Transfer(bridge.lab, true, message.data(), static_cast<DWORD>(message.size()), event.get());
-    lablink::Head head{};
-    if (size >= sizeof head) std::memcpy(&head, message.data(), sizeof head);
-    if (!IsMessage(head) || head.length != size - sizeof head)
-      Leave("the driver returned no valid message", size);
+    lablink::Head head;
+    if (!lablink::IsOneMessage(message.data(), size, &head))
+      Leave("the driver sent an invalid message", size);
     for (DWORD sent = 0; sent < size;) {
       const int n = send(bridge.firmware, message.data() + sent, static_cast<int>(size - sent), 0);
-      if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
+      if (n <= 0)
+        Leave("the firmware closed the link", static_cast<unsigned long>(WSAGetLastError()));
       sent += static_cast<DWORD>(n);
     }
   }
 }
 
-void ReceiveAll(SOCKET firmware, char* bytes, std::size_t size) {
-  while (size > 0) {
-    const int n = recv(firmware, bytes, static_cast<int>(size), 0);
-    if (n <= 0) Leave("the firmware has gone", static_cast<unsigned long>(WSAGetLastError()));
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
-}
-
 [[noreturn]] void FirmwareToDriver(const Bridge& bridge) {
   const Object event = MakeEvent();
-  std::vector<char> message(kMaxMessage);
+  lablink::MessageReader reader;
   for (;;) {
-    lablink::Head head;
-    ReceiveAll(bridge.firmware, message.data(), sizeof head);
-    std::memcpy(&head, message.data(), sizeof head);
-    if (!IsMessage(head)) Leave("the firmware sent what is no message", head.magic);
-    ReceiveAll(bridge.firmware, message.data() + sizeof head, head.length);
-    Transfer(bridge.lab, false, message.data(), static_cast<DWORD>(sizeof head + head.length),
-             event.get());
+    const std::span<std::uint8_t> room = reader.Room();
+    const int n = recv(bridge.firmware, reinterpret_cast<char*>(room.data()),
+                       static_cast<int>(room.size()), 0);
+    if (n <= 0)
+      Leave("the firmware closed the link", static_cast<unsigned long>(WSAGetLastError()));
+    reader.Filled(static_cast<std::size_t>(n));
+    lablink::Message message;
+    lablink::Parsed result;
+    while ((result = reader.Next(&message)) == lablink::Parsed::kMessage)
+      Transfer(bridge.lab, false, const_cast<std::uint8_t*>(message.bytes.data()),
+               static_cast<DWORD>(message.bytes.size()), event.get());
+    if (result == lablink::Parsed::kMalformed)
+      Leave("the firmware sent an invalid message", static_cast<unsigned long>(reader.Torn()));
   }
 }
 

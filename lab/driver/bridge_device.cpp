@@ -5,8 +5,6 @@ namespace tavrin {
 
 namespace {
 
-constexpr ULONG kMaxMessage = sizeof(lablink::Head) + lablink::kMaxBody;
-
 FILE_OBJECT* FileOf(IRP* irp) { return IoGetCurrentIrpStackLocation(irp)->FileObject; }
 
 void FreeBlocks(LIST_ENTRY* blocks) {
@@ -85,9 +83,9 @@ void CloseBridge(FILE_OBJECT* file) {
 bool QueueMessage(UINT32 kind, UINT64 id, UINT32 word, const void* first, ULONG firstSize,
                   const void* second, ULONG secondSize) {
   if (gMailbox.bridge == nullptr) return true;
-  const lablink::Head head{lablink::kMagic, kind, id, word, firstSize + secondSize};
+  const lablink::Head head = lablink::MakeHead(kind, id, word, firstSize + secondSize);
   const ULONG size = static_cast<ULONG>(sizeof head) + firstSize + secondSize;
-  if (size > kMaxMessage || gMailbox.eventBytes + size > kMaxEventBytes) return false;
+  if (size > lablink::kMaxMessage || gMailbox.eventBytes + size > kMaxEventBytes) return false;
   auto* block =
       static_cast<Block*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Block) + size, kPoolTag));
   if (block == nullptr) return false;
@@ -120,7 +118,7 @@ void DeliverEvents() {
 }
 
 NTSTATUS ReadEvents(IRP* irp) {
-  if (IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length < kMaxMessage)
+  if (IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length < lablink::kMaxMessage)
     return Finish(irp, STATUS_BUFFER_TOO_SMALL, 0);
   NTSTATUS status;
   {
@@ -137,11 +135,7 @@ NTSTATUS WriteMessage(IRP* irp) {
   const ULONG size = IoGetCurrentIrpStackLocation(irp)->Parameters.Write.Length;
   const auto* bytes = static_cast<const UCHAR*>(irp->AssociatedIrp.SystemBuffer);
   lablink::Head head;
-  if (size < sizeof head) return Finish(irp, STATUS_INVALID_PARAMETER, 0);
-  RtlCopyMemory(&head, bytes, sizeof head);
-  if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody ||
-      head.length != size - sizeof head)
-    return Finish(irp, STATUS_INVALID_PARAMETER, 0);
+  if (!lablink::IsOneMessage(bytes, size, &head)) return Finish(irp, STATUS_INVALID_PARAMETER, 0);
   NTSTATUS status;
   {
     Lock lock;

@@ -56,16 +56,8 @@ namespace tavrin {
 
 namespace {
 
-struct Region {
-  ULONG size;
-  ULONG askCode;       // its answer carries the address
-  ULONG giveBackCode;  // its answer ends the view
-};
-constexpr Region kRegion[kRegions] = {
-    {lablink::kKeyboardMouseRegionSize, 0x9C416450, 0x9C416454},
-    {lablink::kLogRegionSize, 0x9C416448, 0x9C41644C},
-};
-static_assert(lablink::kKeyboardMouseRegion == 0 && lablink::kLogRegion == 1);
+constexpr auto& kRegion = lablink::kRegionTable;
+static_assert(sizeof kRegion == kRegions * sizeof kRegion[0]);
 
 HANDLE gSections[kRegions];
 // The views in the bridge's process. Used by the bridge's calls only, which come one at a time.
@@ -126,13 +118,13 @@ void CloseRegions() {
 
 ULONG RegionAskedFor(ULONG code) {
   for (ULONG i = 0; i < kRegions; ++i)
-    if (kRegion[i].askCode == code) return i;
+    if (kRegion[i].requestCode == code) return i;
   return kRegions;
 }
 
 ULONG RegionGivenBack(ULONG code) {
   for (ULONG i = 0; i < kRegions; ++i)
-    if (kRegion[i].giveBackCode == code) return i;
+    if (kRegion[i].releaseCode == code) return i;
   return kRegions;
 }
 

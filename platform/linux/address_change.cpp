@@ -1,6 +1,6 @@
-// Changes of the host's interfaces: a thread that hears the kernel's rtnetlink messages for links
-// and IPv4 addresses. A test or a person injects one as a datagram on the socket `addresses` in the
-// lab folder: "add", "delete" or "change".
+// Changes of the host's interfaces: a thread receives the kernel's rtnetlink messages for links and
+// IPv4 addresses. A test or a person injects a change as a datagram on the socket `addresses` in
+// the lab folder: "add", "delete" or "change".
 #include "platform/address_change.h"
 
 #include <linux/netlink.h>
@@ -8,10 +8,10 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -21,17 +21,16 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/descriptor.h"
-#include "platform/linux/runtime/errno_map.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
 namespace {
 
-// The kernel's messages that tell of a change, and what Windows calls it.
+// The kernel's messages for a change, and Windows' type of it.
 struct Change {
   std::uint16_t message;
   std::uint32_t type;
@@ -53,27 +52,19 @@ constexpr Word kWords[] = {
     {"change", kMibParameterNotification},
 };
 
-bool HearKernel(int socket) {
+bool BindToKernel(int socket) {
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
   return ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
-bool HearLab(int socket) {
-  const std::string path = LabPath("addresses");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return errno = ENAMETOOLONG, false;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-  ::unlink(path.c_str());  // what an earlier process has left
-  return ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-}
-
-// One registration: its destructor returns when no callback runs any more.
+// One registration. Its destructor blocks until no callback runs any more.
 class Watch {
  public:
-  Watch(IpChangeCallback callback, void* context) : callback_(callback), context_(context) {}
+  Watch(IpChangeCallback callback, void* context) : callback_(callback), context_(context) {
+    assert(callback != nullptr);
+  }
   ~Watch() {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(stop_.Value(), &one, sizeof one);
@@ -82,14 +73,16 @@ class Watch {
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
 
-  // False with errno set.
+  // Returns false, with errno set, on failure.
   bool Start() {
-    if (!HearKernel(kernel_.Value()) || !HearLab(lab_.Value()) || stop_.Value() < 0) return false;
+    if (!BindToKernel(kernel_.Value()) || !BindLabSocket(lab_.Value(), "addresses") || !stop_)
+      return false;
     try {
       thread_ = std::thread([this] { Run(); });
       return true;
     } catch (const std::system_error&) {
-      return errno = ENOMEM, false;
+      errno = ENOMEM;
+      return false;
     }
   }
 
@@ -99,13 +92,13 @@ class Watch {
         {stop_.Value(), POLLIN, 0}, {kernel_.Value(), POLLIN, 0}, {lab_.Value(), POLLIN, 0}};
     while (::poll(fds, std::size(fds), -1) >= 0 || errno == EINTR) {
       if (fds[0].revents != 0) return;
-      if (fds[1].revents != 0) HearMessages();
-      if (fds[2].revents != 0) HearWord();
+      if (fds[1].revents != 0) ReceiveMessages();
+      if (fds[2].revents != 0) ReceiveWord();
     }
   }
 
-  // One datagram holds one or several messages; their heads are read by copies within its bounds.
-  void HearMessages() {
+  // One datagram holds one or several messages. Their heads are copied within its bounds.
+  void ReceiveMessages() {
     char part[8192];
     const ssize_t size = ::recv(kernel_.Value(), part, sizeof part, MSG_DONTWAIT);
     std::string_view rest(part, size > 0 ? static_cast<std::size_t>(size) : 0);
@@ -119,12 +112,12 @@ class Watch {
     }
   }
 
-  void HearWord() {
+  void ReceiveWord() {
     char text[16];
     const ssize_t size = ::recv(lab_.Value(), text, sizeof text, MSG_DONTWAIT);
-    const std::string_view told(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const std::string_view received(text, size > 0 ? static_cast<std::size_t>(size) : 0);
     for (const Word& word : kWords)
-      if (word.text == told) callback_(context_, nullptr, word.type);
+      if (word.text == received) callback_(context_, nullptr, word.type);
   }
 
   const IpChangeCallback callback_;

@@ -1,5 +1,5 @@
-// Battery devices: each battery of the list is one, under a path with its name. A handle stands for
-// the slot: the battery in it is looked up anew at each call.
+// Battery devices: one for each battery of the list, under a path with its name. A handle belongs
+// to the slot: each call finds the battery in it again.
 #include "platform/battery.h"
 
 #include <algorithm>
@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-#include "platform/error.h"
 #include "platform/linux/hostfacts/batteries.h"
-#include "platform/linux/lab/device_paths.h"
+#include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
@@ -52,14 +52,16 @@ BatteryStatus StatusOf(const BatteryFacts& facts) {
 }
 
 template <class Record>
-bool Give(const Record& record, void* output, std::uint32_t outputSize, std::uint32_t* returned) {
-  if (outputSize < sizeof record) return SetLastError(kErrorInsufficientBuffer), false;
+bool CopyOut(const Record& record, void* output, std::uint32_t outputSize,
+             std::uint32_t* returned) {
+  if (outputSize < sizeof record) return Fail(kErrorInsufficientBuffer);
   std::memcpy(output, &record, sizeof record);
   *returned = sizeof record;
   return true;
 }
 
-// Every request but the one for a tag begins with the tag.
+// Returns whether the input is of the wanted size and begins with the tag, as that of every request
+// but the one for the tag.
 bool HasTag(const void* input, std::uint32_t inputSize, std::uint32_t wantedSize) {
   std::uint32_t tag = kBatteryTagInvalid;
   if (inputSize == wantedSize) std::memcpy(&tag, input, sizeof tag);
@@ -77,7 +79,7 @@ BatteryHandle OpenBattery(const char* path) {
   if (gate::Fails("CreateFileA", "%s", path)) return BatteryHandle(InvalidHandleValue());
   const std::size_t prefix = sizeof kBatteryPathPrefix - 1;
   if (std::strncmp(path, kBatteryPathPrefix, prefix) != 0 || !FindBattery(path + prefix))
-    return SetLastError(kErrorFileNotFound), BatteryHandle(InvalidHandleValue());
+    return Fail(kErrorFileNotFound, BatteryHandle(InvalidHandleValue()));
   return BatteryHandle(new Slot{path + prefix});
 }
 
@@ -87,16 +89,16 @@ bool BatteryIoControl(const BatteryHandle& battery, std::uint32_t code, const vo
   *returned = 0;
   if (gate::Fails("DeviceIoControl", "0x%X, in %u, out %u", code, inputSize, outputSize))
     return false;
-  if (!battery) return SetLastError(kErrorInvalidHandle), false;
+  if (!battery) return Fail(kErrorInvalidHandle);
   const auto facts = FindBattery(static_cast<Slot*>(battery.Raw())->name);
-  if (!facts || !facts->present) return SetLastError(kErrorFileNotFound), false;
-  if (code == kIoctlBatteryQueryTag) return Give(kTag, output, outputSize, returned);
+  if (!facts || !facts->present) return Fail(kErrorFileNotFound);
+  if (code == kIoctlBatteryQueryTag) return CopyOut(kTag, output, outputSize, returned);
   if (code == kIoctlBatteryQueryInformation &&
       HasTag(input, inputSize, sizeof(BatteryQueryInformation)))
-    return Give(Describe(*facts), output, outputSize, returned);
+    return CopyOut(Describe(*facts), output, outputSize, returned);
   if (code == kIoctlBatteryQueryStatus && HasTag(input, inputSize, sizeof(BatteryWaitStatus)))
-    return Give(StatusOf(*facts), output, outputSize, returned);
-  return SetLastError(kErrorInvalidParameter), false;
+    return CopyOut(StatusOf(*facts), output, outputSize, returned);
+  return Fail(kErrorInvalidParameter);
 }
 
 }  // namespace platform

@@ -1,4 +1,4 @@
-// The clock. The broken-down time of a second is kept for each thread: a log line asks for it.
+// Each thread keeps the broken-down time of the current second, because every log line reads it.
 #include "platform/clock.h"
 
 #include <cstdio>

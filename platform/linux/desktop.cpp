@@ -1,7 +1,7 @@
 // One window station, WinSta0, and its three desktops are names in a table; a process and its
 // threads begin on WinSta0 and Default. The lab's input_desktop.txt holds the name of the desktop
-// that has the input (else Default), and no_user.txt says that no user is attached; both are read
-// at each question. A handle is a number, as on Windows small and never used twice.
+// that has the input (else Default); if no_user.txt exists, no user is attached. Each call reads
+// them. A handle is a number, as on Windows small and never used twice.
 #include "platform/desktop.h"
 
 #include <pwd.h>
@@ -18,9 +18,9 @@
 #include <mutex>
 #include <string>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/thread.h"
 
 namespace platform {
@@ -40,13 +40,13 @@ struct Object {
   std::string name;
 };
 
-// The handles of this process, and who sits where.
+// The handles of this process, and the desktop of each thread.
 struct Table {
   std::mutex lock;  // guards all below; held for a few instructions
   std::uintptr_t lastHandle = 0x40;
   std::map<std::uintptr_t, Object> objects;
   std::uintptr_t processStation;
-  std::uintptr_t firstDesktop;  // of threads that have chosen none
+  std::uintptr_t firstDesktop;  // of threads that have set none
   std::map<std::uint32_t, std::uintptr_t> threadDesktops;
 
   Table()
@@ -74,7 +74,7 @@ Table& TheTable() {
   return *table;
 }
 
-// Takes a thread's row out when it ends: the kernel may give its number to another.
+// Removes a thread's row when it exits: the kernel may reuse its number.
 struct RowOfThread {
   ~RowOfThread() {
     Table& table = TheTable();
@@ -86,7 +86,7 @@ struct RowOfThread {
 std::uintptr_t Number(UserObject object) { return reinterpret_cast<std::uintptr_t>(object); }
 UserObject Handle(std::uintptr_t number) { return reinterpret_cast<UserObject>(number); }
 
-// As Windows' names, they are the same in either case.
+// Like Windows' names, they are compared without case.
 bool SameName(const std::string& a, const char* b) { return ::strcasecmp(a.c_str(), b) == 0; }
 
 UserObject Open(Kind kind, const std::string& name) {
@@ -98,19 +98,19 @@ UserObject Open(Kind kind, const std::string& name) {
 DesktopHandle OpenKnownDesktop(const char* name) {
   for (const char* known : kDesktops)
     if (SameName(known, name)) return Open(Kind::kDesktop, known);
-  return SetLastError(kErrorFileNotFound), nullptr;
+  return Fail(kErrorFileNotFound, nullptr);
 }
 
 bool Close(Kind kind, UserObject object) {
   Table& table = TheTable();
   const std::lock_guard guard(table.lock);
-  if (!table.Holds(Number(object), kind)) return SetLastError(kErrorInvalidHandle), false;
-  if (table.IsInUse(Number(object))) return SetLastError(kErrorBusy), false;
+  if (!table.Holds(Number(object), kind)) return Fail(kErrorInvalidHandle);
+  if (table.IsInUse(Number(object))) return Fail(kErrorBusy);
   table.objects.erase(Number(object));
   return true;
 }
 
-// The bytes of what was asked for.
+// Returns the bytes of the information with that index.
 std::string InformationOf(const Object& object, int index) {
   if (index == kUoiName) return object.name + '\0';
   if (std::ifstream(LabPath("no_user.txt"))) return {};
@@ -119,7 +119,7 @@ std::string InformationOf(const Object& object, int index) {
 
 }  // namespace
 
-// The kernel's release, as if it were an NT.
+// Returns the kernel's release as the version of an NT.
 bool GetVersionExA(WindowsVersion* version) {
   if (gate::Fails("GetVersionExA")) return false;
   utsname system{};
@@ -146,7 +146,7 @@ DesktopHandle GetThreadDesktop(std::uint32_t threadId) {
 
 WindowStationHandle OpenWindowStationA(const char* name, std::uint32_t access) {
   if (gate::Fails("OpenWindowStationA", "%s,0x%x", name, access)) return nullptr;
-  if (!SameName(kStationName, name)) return SetLastError(kErrorFileNotFound), nullptr;
+  if (!SameName(kStationName, name)) return Fail(kErrorFileNotFound, nullptr);
   return Open(Kind::kStation, kStationName);
 }
 
@@ -154,8 +154,7 @@ bool SetProcessWindowStation(WindowStationHandle station) {
   if (gate::Fails("SetProcessWindowStation")) return false;
   Table& table = TheTable();
   const std::lock_guard guard(table.lock);
-  if (!table.Holds(Number(station), Kind::kStation))
-    return SetLastError(kErrorInvalidHandle), false;
+  if (!table.Holds(Number(station), Kind::kStation)) return Fail(kErrorInvalidHandle);
   table.processStation = Number(station);
   return true;
 }
@@ -180,8 +179,7 @@ bool SetThreadDesktop(DesktopHandle desktop) {
   if (gate::Fails("SetThreadDesktop")) return false;
   Table& table = TheTable();
   const std::lock_guard guard(table.lock);
-  if (!table.Holds(Number(desktop), Kind::kDesktop))
-    return SetLastError(kErrorInvalidHandle), false;
+  if (!table.Holds(Number(desktop), Kind::kDesktop)) return Fail(kErrorInvalidHandle);
   thread_local const RowOfThread row;
   table.threadDesktops[GetCurrentThreadId()] = Number(desktop);
   return true;
@@ -198,10 +196,10 @@ bool GetUserObjectInformationA(UserObject object, int index, void* buffer, std::
   Table& table = TheTable();
   const std::lock_guard guard(table.lock);
   const auto found = table.objects.find(Number(object));
-  if (found == table.objects.end()) return SetLastError(kErrorInvalidHandle), false;
+  if (found == table.objects.end()) return Fail(kErrorInvalidHandle);
   const std::string bytes = InformationOf(found->second, index);
   *needed = static_cast<std::uint32_t>(bytes.size());
-  if (size < bytes.size()) return SetLastError(kErrorInsufficientBuffer), false;
+  if (size < bytes.size()) return Fail(kErrorInsufficientBuffer);
   if (!bytes.empty()) std::memcpy(buffer, bytes.data(), bytes.size());
   return true;
 }
@@ -216,7 +214,7 @@ bool GetUserNameA(char* name, std::uint32_t* size) {
   const auto needed = static_cast<std::uint32_t>(text.size() + 1);
   const bool fits = needed <= *size;
   *size = needed;
-  if (!fits) return SetLastError(kErrorInsufficientBuffer), false;
+  if (!fits) return Fail(kErrorInsufficientBuffer);
   std::memcpy(name, text.c_str(), needed);
   return true;
 }

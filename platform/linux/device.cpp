@@ -1,4 +1,5 @@
-// The mailbox device: enumeration of the lab's sockets, handles, requests, completion ports.
+// The mailbox device: enumeration of the lab's sockets and batteries, handles, requests, completion
+// ports.
 #include "platform/device.h"
 
 #include <dirent.h>
@@ -6,24 +7,24 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/battery.h"
-#include "platform/error.h"
 #include "platform/linux/hostfacts/batteries.h"
-#include "platform/linux/lab/device_paths.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/lab/mailbox_link.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
 namespace {
 
-// The paths of the interfaces present when the list was made, in the order of their names.
+// The paths of the interfaces present when the list was created, in the order of their names.
 struct ListState {
   std::vector<std::string> paths;
 };
@@ -34,7 +35,18 @@ struct DeviceState {
   PortState* port = nullptr;
 };
 
+PortState& StateOf(const CompletionPort& port) {
+  assert(port);
+  return *static_cast<PortState*>(port.Raw());
+}
+
+const std::vector<std::string>& PathsOf(const DeviceInfoList& list) {
+  assert(list);
+  return static_cast<ListState*>(list.Raw())->paths;
+}
+
 DeviceState& StateOf(const DeviceHandle& device) {
+  assert(device);
   return *static_cast<DeviceState*>(device.Raw());
 }
 
@@ -82,9 +94,9 @@ DeviceInfoList SetupDiGetClassDevsA(const Guid& interfaceClass) {
 bool SetupDiEnumDeviceInterfaces(const DeviceInfoList& list, const Guid& interfaceClass,
                                  std::uint32_t index, DeviceInterfaceData* data) {
   if (gate::Fails("SetupDiEnumDeviceInterfaces", "%u", index)) return false;
-  const auto& paths = static_cast<ListState*>(list.Raw())->paths;
-  if (data->cbSize != sizeof *data) return SetLastError(kErrorInvalidParameter), false;
-  if (index >= paths.size()) return SetLastError(kErrorNoMoreItems), false;
+  const std::vector<std::string>& paths = PathsOf(list);
+  if (data->cbSize != sizeof *data) return Fail(kErrorInvalidParameter);
+  if (index >= paths.size()) return Fail(kErrorNoMoreItems);
   data->interfaceClass = interfaceClass;
   data->reserved = index;
   return true;
@@ -95,12 +107,12 @@ bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceIn
                                       std::uint32_t* required) {
   if (gate::Fails("SetupDiGetDeviceInterfaceDetailA", "%s", detail == nullptr ? "size" : "path"))
     return false;
-  const std::string& path = static_cast<ListState*>(list.Raw())->paths.at(data.reserved);
+  const std::string& path = PathsOf(list).at(data.reserved);
   const auto needed =
       static_cast<std::uint32_t>(offsetof(DeviceInterfaceDetail, devicePath) + path.size() + 1);
   if (required != nullptr) *required = needed;
-  if (detail == nullptr || size < needed) return SetLastError(kErrorInsufficientBuffer), false;
-  if (detail->cbSize != sizeof *detail) return SetLastError(kErrorInvalidParameter), false;
+  if (detail == nullptr || size < needed) return Fail(kErrorInsufficientBuffer);
+  if (detail->cbSize != sizeof *detail) return Fail(kErrorInvalidParameter);
   std::memcpy(reinterpret_cast<char*>(detail) + offsetof(DeviceInterfaceDetail, devicePath),
               path.c_str(), path.size() + 1);
   return true;
@@ -109,20 +121,20 @@ bool SetupDiGetDeviceInterfaceDetailA(const DeviceInfoList& list, const DeviceIn
 void CloseDevice(RawHandle raw) {
   gate::Note("CloseHandle");
   std::unique_ptr<DeviceState> device(static_cast<DeviceState*>(raw));
-  device->link->TellClose(device->number);
+  device->link->CloseHandle(device->number);
 }
 
 DeviceHandle OpenDevice(const char* path, std::uint32_t mode) {
   if (gate::Fails("CreateFileA", "%s", path)) return DeviceHandle(InvalidHandleValue());
-  static std::atomic<std::uint64_t> opened{0};  // relaxed: only distinct numbers are asked for
+  static std::atomic<std::uint64_t> opened{0};  // relaxed: only makes the numbers distinct
   const std::size_t prefix = sizeof kMailboxPathPrefix - 1;
   if (std::strncmp(path, kMailboxPathPrefix, prefix) != 0)
-    return SetLastError(kErrorPathNotFound), DeviceHandle(InvalidHandleValue());
+    return Fail(kErrorPathNotFound, DeviceHandle(InvalidHandleValue()));
   auto device = std::make_unique<DeviceState>();
   device->link = MailboxLink::Open(LabPath("mailbox/") + (path + prefix));
   if (!device->link) return DeviceHandle(InvalidHandleValue());
   device->number = opened.fetch_add(1, std::memory_order_relaxed) + 1;
-  device->link->TellOpen(device->number, mode);
+  device->link->OpenHandle(device->number, mode);
   return DeviceHandle(device.release());
 }
 
@@ -143,8 +155,8 @@ bool CallPlain(const DeviceHandle& device, std::uint32_t code, const void* input
   if (!state.link->Request(state.number, code, input, inputSize, output, outputSize, &record))
     return false;
   {
-    // Waiting for the device can't be left while the record is registered: a terminated thread
-    // cancels its request first.
+    // A terminated thread leaves the wait below, and the record with it: it cancels its request
+    // first.
     struct Canceller {
       DeviceState& device;
       RequestRecord* record;
@@ -154,8 +166,7 @@ bool CallPlain(const DeviceHandle& device, std::uint32_t code, const void* input
     WaitUntil(lock, finished.changed, DeadlineAfter(kInfinite), [&] { return finished.signalled; });
   }
   if (returned != nullptr) *returned = StateOf(&record).bytes;
-  if (StateOf(&record).error == 0) return true;
-  return SetLastError(StateOf(&record).error), false;
+  return StateOf(&record).error == 0 || Fail(StateOf(&record).error);
 }
 
 }  // namespace
@@ -167,7 +178,7 @@ bool DeviceIoControl(const DeviceHandle& device, std::uint32_t code, const void*
       gate::Enter("DeviceIoControl", "0x%X, in %u, out %u", code, inputSize, outputSize);
   if (verdict == gate::kFinishAtOnce) return true;
   if (verdict != 0) return false;
-  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  if (!device) return Fail(kErrorInvalidHandle);
   if (record == nullptr)
     return CallPlain(device, code, input, inputSize, output, outputSize, returned);
   DeviceState& state = StateOf(device);
@@ -179,22 +190,21 @@ bool DeviceIoControl(const DeviceHandle& device, std::uint32_t code, const void*
 bool GetOverlappedResult(const DeviceHandle& device, RequestRecord* record, std::uint32_t* returned,
                          bool wait) {
   if (gate::Fails("GetOverlappedResult")) return false;
-  (void)device;  // the record alone says where the request stands
+  (void)device;  // the record alone has the state of the request
   std::unique_lock lock(WaitLock());
   RecordState& state = StateOf(record);
   if (wait && state.event != nullptr)
     WaitUntil(lock, state.event->changed, DeadlineAfter(kInfinite),
               [&] { return state.error != kErrorIoPending; });
   *returned = state.bytes;
-  if (state.error == 0) return true;
-  return SetLastError(state.error), false;
+  return state.error == 0 || Fail(state.error);
 }
 
 bool ReadFile(const DeviceHandle& device, void* buffer, std::uint32_t size, RequestRecord* record) {
   const std::uint32_t verdict = gate::Enter("ReadFile", "%u", size);
   if (verdict == gate::kFinishAtOnce) return true;
   if (verdict != 0) return false;
-  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  if (!device) return Fail(kErrorInvalidHandle);
   DeviceState& state = StateOf(device);
   if (state.link->Read(state.number, buffer, size, record, state.port))
     SetLastError(kErrorIoPending);
@@ -203,10 +213,10 @@ bool ReadFile(const DeviceHandle& device, void* buffer, std::uint32_t size, Requ
 
 bool CancelIoEx(const DeviceHandle& device, RequestRecord* record) {
   if (gate::Fails("CancelIoEx")) return false;
-  if (!device) return SetLastError(kErrorInvalidHandle), false;
+  if (!device) return Fail(kErrorInvalidHandle);
   DeviceState& state = StateOf(device);
   if (state.link->Cancel(state.number, record)) return true;
-  return SetLastError(kErrorNotFound), false;  // nothing was in flight
+  return Fail(kErrorNotFound);  // nothing was in flight
 }
 
 void CloseCompletionPort(RawHandle raw) {
@@ -216,20 +226,21 @@ void CloseCompletionPort(RawHandle raw) {
 
 CompletionPort CreateIoCompletionPort(const DeviceHandle& device, std::uint64_t key) {
   if (gate::Fails("CreateIoCompletionPort")) return CompletionPort();
-  if (!device) return SetLastError(kErrorInvalidHandle), CompletionPort();
-  auto* port = new PortState;
+  if (!device) return Fail(kErrorInvalidHandle, CompletionPort());
+  auto port = std::make_unique<PortState>();
   port->key = key;
   port->link = StateOf(device).link;
-  StateOf(device).port = port;
-  return CompletionPort(port);
+  StateOf(device).port = port.get();
+  return CompletionPort(port.release());
 }
 
 bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes, std::uint64_t* key,
                                RequestRecord** record) {
   *record = nullptr;
   if (gate::Fails("GetQueuedCompletionStatus")) return false;
-  PortState& state = *static_cast<PortState*>(port.Raw());
-  // Stands before the lock: the link's end, if it comes here, waits for a thread that needs it.
+  PortState& state = StateOf(port);
+  // Declared before the lock: if the link is destroyed here, it waits for a thread that needs the
+  // lock.
   const std::shared_ptr<MailboxLink> link = state.link.lock();
   std::unique_lock lock(WaitLock());
   if (link) {
@@ -242,13 +253,12 @@ bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes,
   *bytes = finished.bytes;
   *key = finished.record != nullptr ? state.key : finished.postedKey;
   *record = finished.record;
-  if (finished.error == 0) return true;
-  return SetLastError(finished.error), false;
+  return finished.error == 0 || Fail(finished.error);
 }
 
 bool PostQueuedCompletionStatus(const CompletionPort& port, std::uint64_t key) {
   if (gate::Fails("PostQueuedCompletionStatus")) return false;
-  PortState& state = *static_cast<PortState*>(port.Raw());
+  PortState& state = StateOf(port);
   const std::shared_ptr<MailboxLink> link = state.link.lock();
   {
     Wakes wakes;

@@ -1,16 +1,12 @@
-// Events on the waiting core.
 #include "platform/event.h"
 
-#include "platform/error.h"
+#include <memory>
+
 #include "platform/linux/runtime/event_state.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
-
-void SignalLocked(Wakes* wakes, EventState& event) {
-  event.signalled = true;
-  wakes->Add(event.changed);
-}
 
 void CloseEvent(RawHandle raw) {
   gate::Note("CloseHandle");
@@ -19,15 +15,15 @@ void CloseEvent(RawHandle raw) {
 
 Event CreateEventA(bool manualReset, bool signalled) {
   if (gate::Fails("CreateEventA")) return Event();
-  auto* event = new EventState;
+  auto event = std::make_unique<EventState>();
   event->manualReset = manualReset;
   event->signalled = signalled;
-  return Event(event);
+  return Event(event.release());
 }
 
 bool SetEvent(const Event& event) {
   if (gate::Fails("SetEvent")) return false;
-  if (!event) return SetLastError(kErrorInvalidHandle), false;
+  if (!event) return Fail(kErrorInvalidHandle);
   Wakes wakes;
   std::lock_guard guard(WaitLock());
   SignalLocked(&wakes, StateOf(event));
@@ -36,7 +32,7 @@ bool SetEvent(const Event& event) {
 
 bool ResetEvent(const Event& event) {
   if (gate::Fails("ResetEvent")) return false;
-  if (!event) return SetLastError(kErrorInvalidHandle), false;
+  if (!event) return Fail(kErrorInvalidHandle);
   std::lock_guard guard(WaitLock());
   StateOf(event).signalled = false;
   return true;
@@ -44,7 +40,7 @@ bool ResetEvent(const Event& event) {
 
 std::uint32_t WaitForSingleObject(const Event& event, std::uint32_t milliseconds) {
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
-  if (!event) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+  if (!event) return Fail(kErrorInvalidHandle, kWaitFailed);
   EventState& state = StateOf(event);
   std::unique_lock lock(WaitLock());
   if (!WaitUntil(lock, state.changed, DeadlineAfter(milliseconds), [&] { return state.signalled; }))

@@ -1,20 +1,20 @@
-// Streams, folders, append files and the debug output.
 #include "platform/file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
-#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/utf16.h"
 
 namespace platform {
@@ -32,21 +32,10 @@ bool WriteAll(int descriptor, const char* data, std::size_t size) {
   return true;
 }
 
-// A missing folder on the way is another error than a missing file. For the calls that make what
-// they are given, nothing else can be missing.
-void SetErrorOfCreation(int number) {
-  if (number == ENOENT) return SetLastError(kErrorPathNotFound);
-  SetLastErrorFromErrno(number);
-}
-
 int OpenFlags(std::string_view mode) {
+  assert(mode.starts_with('a') || mode.starts_with('w'));
   return O_RDWR | O_CREAT | O_CLOEXEC | O_APPEND | (mode[0] == 'a' ? 0 : O_TRUNC);
 }
-
-RawHandle FromDescriptor(int descriptor) {
-  return reinterpret_cast<RawHandle>(static_cast<std::intptr_t>(descriptor));
-}
-int DescriptorOf(RawHandle raw) { return static_cast<int>(reinterpret_cast<std::intptr_t>(raw)); }
 
 }  // namespace
 
@@ -66,7 +55,7 @@ Stream OpenStream(const char* path, const char* mode, int* errorNumber) {
     if (errorNumber != nullptr) *errorNumber = errno;
     return Stream();
   }
-  return Stream(FromDescriptor(descriptor));
+  return Stream(HandleOf(descriptor));
 }
 
 std::FILE* OpenAppendStream(const char16_t* path) {
@@ -93,16 +82,16 @@ bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
 bool RemoveFile(const char* path) {
   if (gate::Fails("remove", "%s", path)) return false;
   if (::unlink(NativePath(path).c_str()) == 0) return true;
-  return SetLastErrorFromErrno(errno), false;
+  return FailFromErrno();
 }
 
 bool RenameFile(const char* from, const char* to) {
   if (gate::Fails("rename", "%s, %s", from, to)) return false;
-  // As the Windows call, it doesn't replace a file that is there.
+  // Like the Windows call, it doesn't replace an existing file.
   if (::renameat2(AT_FDCWD, NativePath(from).c_str(), AT_FDCWD, NativePath(to).c_str(),
                   RENAME_NOREPLACE) == 0)
     return true;
-  return SetLastErrorFromErrno(errno), false;
+  return FailFromErrno();
 }
 
 void CloseAppendFile(RawHandle raw) {
@@ -114,8 +103,11 @@ AppendFile OpenAppendFile(const char* path) {
   if (gate::Fails("CreateFileA", "%s", path)) return AppendFile(InvalidHandleValue());
   const int descriptor =
       ::open(NativePath(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (descriptor < 0) return SetErrorOfCreation(errno), AppendFile(InvalidHandleValue());
-  return AppendFile(FromDescriptor(descriptor));
+  // A call that creates the file fails with ENOENT only if its folder is missing.
+  if (descriptor < 0 && errno == ENOENT)
+    return Fail(kErrorPathNotFound, AppendFile(InvalidHandleValue()));
+  if (descriptor < 0) return FailFromErrno(AppendFile(InvalidHandleValue()));
+  return AppendFile(HandleOf(descriptor));
 }
 
 bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size) {

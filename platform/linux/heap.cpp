@@ -1,6 +1,6 @@
-// The process heap.
 #include "platform/heap.h"
 
+#include <cassert>
 #include <cstdlib>
 
 #include "platform/linux/runtime/gate.h"
@@ -9,6 +9,7 @@ namespace platform {
 
 void HeapFree(RawHandle raw) {
   gate::Note("HeapFree");
+  assert(raw != nullptr);
   std::free(raw);
 }
 
@@ -19,6 +20,7 @@ HeapBlock HeapAlloc(std::size_t size) {
 
 void LocalFree(RawHandle raw) {
   gate::Note("LocalFree");
+  assert(raw != nullptr);
   std::free(raw);
 }
 

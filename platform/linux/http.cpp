@@ -1,15 +1,16 @@
-// HTTP requests through libcurl. A transfer is driven step by step, so that it can be left as soon
-// as the request is out, and so that the thread's end mark is seen while it waits.
+// HTTP requests through libcurl. A transfer is driven step by step, so that it can end as soon as
+// the request is sent, and so that its waits notice the thread's end mark.
 #include "platform/http.h"
 
 #include <curl/curl.h>
 
+#include <cassert>
 #include <memory>
 #include <string>
 #include <string_view>
 
-#include "platform/error.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/utf16.h"
 #include "platform/linux/runtime/wait.h"
 
@@ -17,10 +18,10 @@ namespace platform {
 
 namespace {
 
-// What stands behind each handle; the kind of a handle decides which of the members are used.
+// The state behind each handle; the kind of a handle decides which of the members are used.
 struct HttpState {
   std::string agent;
-  long resolveMs = 0;  // no limit, as WinHTTP has it
+  long resolveMs = 0;  // no limit, as in WinHTTP
   long connectMs = 60'000;
   std::string host;
   std::uint16_t port = 0;
@@ -35,9 +36,12 @@ struct HttpState {
   ~HttpState() { curl_slist_free_all(headers); }
 };
 
-HttpState& StateOf(RawHandle raw) { return *static_cast<HttpState*>(raw); }
+HttpState& StateOf(RawHandle raw) {
+  assert(raw != nullptr);
+  return *static_cast<HttpState*>(raw);
+}
 
-// A handle below another, with what that one knows.
+// Returns the state of a handle below another, with a copy of that one's settings.
 std::unique_ptr<HttpState> Inherit(RawHandle above) {
   const HttpState& from = StateOf(above);
   auto state = std::make_unique<HttpState>();
@@ -86,7 +90,7 @@ std::string UrlOf(const HttpState& state) {
          state.path;
 }
 
-// An answer isn't read; this is for what comes before the request is out.
+// The response isn't read; this drops what arrives before the request is sent.
 std::size_t Discard(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
 void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t size,
@@ -105,12 +109,12 @@ void SetUp(CURL* easy, const HttpState& state, const char* body, std::uint32_t s
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2 * checked);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, state.resolveMs + state.connectMs);
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, long{boundMs});
-  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // doesn't wait for a name that is looked up
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // doesn't wait for a name look-up
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Discard);
 }
 
-// A resource as it stands in the request line: WinHTTP escapes blanks. A # would end it in a URL.
+// Returns a resource as the request line has it: WinHTTP escapes blanks. A # would end it in a URL.
 std::string Escaped(const std::string& path) {
   std::string escaped;
   for (const char c : path)
@@ -118,8 +122,9 @@ std::string Escaped(const std::string& path) {
   return escaped;
 }
 
-// Everything has been given to the connection. What went to a proxy to get there doesn't count.
-bool IsOut(CURL* easy, std::uint32_t size) {
+// Returns whether the connection has taken the whole request. Requests to a proxy on the way don't
+// count.
+bool IsSent(CURL* easy, std::uint32_t size) {
   long head = 0;
   curl_off_t sent = 0, connectedAt = 0;
   curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &head);
@@ -128,7 +133,7 @@ bool IsOut(CURL* easy, std::uint32_t size) {
   return head > 0 && connectedAt > 0 && sent >= curl_off_t{size};
 }
 
-// Waits for the connection or for the thread's end mark; leaves the thread by the latter.
+// Blocks until the connection makes progress. Leaves the thread if it was terminated.
 void AwaitMore(CURLM* multi) {
   constexpr int kTurnMs = 1000;  // libcurl shortens it to its own next deadline
   const int mark = EndDescriptor();
@@ -137,7 +142,7 @@ void AwaitMore(CURLM* multi) {
   LeaveIfEnded();
 }
 
-// How the transfer ended, which is before or after the request was out.
+// Returns the result of a transfer that ended before the request was sent.
 CURLcode ResultOf(CURLM* multi) {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(multi, &left);
@@ -147,29 +152,29 @@ CURLcode ResultOf(CURLM* multi) {
 CURLcode Drive(CURLM* multi, CURL* easy, std::uint32_t size) {
   for (int running = 1;;) {
     if (curl_multi_perform(multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
-    if (IsOut(easy, size)) return CURLE_OK;
+    if (IsSent(easy, size)) return CURLE_OK;
     if (running == 0) return ResultOf(multi);
     AwaitMore(multi);
   }
 }
 
-// Takes a transfer out of its driver before either ends.
+// Owns a transfer's place in its driver; it must end before either.
 class Attached {
  public:
   Attached(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {
-    isDone_ = curl_multi_add_handle(multi, easy) == CURLM_OK;
+    isAttached_ = curl_multi_add_handle(multi, easy) == CURLM_OK;
   }
   Attached(const Attached&) = delete;
   Attached& operator=(const Attached&) = delete;
   ~Attached() {
-    if (isDone_) curl_multi_remove_handle(multi_, easy_);
+    if (isAttached_) curl_multi_remove_handle(multi_, easy_);
   }
-  explicit operator bool() const { return isDone_; }
+  explicit operator bool() const { return isAttached_; }
 
  private:
   CURLM* multi_;
   CURL* easy_;
-  bool isDone_;
+  bool isAttached_;
 };
 
 CURLcode Send(const HttpState& state, const char* body, std::uint32_t size, std::uint32_t boundMs) {
@@ -181,7 +186,7 @@ CURLcode Send(const HttpState& state, const char* body, std::uint32_t size, std:
   return attached ? Drive(multi.get(), easy.get(), size) : CURLE_FAILED_INIT;
 }
 
-// The name of a header line, with its colon.
+// Returns the name of a header line, with its colon.
 std::string_view NameOf(std::string_view line) { return line.substr(0, line.find(':') + 1); }
 
 bool HasHeader(const curl_slist* headers, std::string_view name) {
@@ -193,7 +198,7 @@ bool HasHeader(const curl_slist* headers, std::string_view name) {
 bool AddHeader(curl_slist** headers, const std::string& line) {
   if (HasHeader(*headers, NameOf(line))) return true;
   curl_slist* longer = curl_slist_append(*headers, line.c_str());
-  if (longer == nullptr) return SetLastError(kErrorNotEnoughMemory), false;
+  if (longer == nullptr) return Fail(kErrorNotEnoughMemory);
   *headers = longer;
   return true;
 }
@@ -215,13 +220,13 @@ HttpSession WinHttpOpen(const char16_t* agent) {
   const std::string name = Utf16ToUtf8(agent);
   if (gate::Fails("WinHttpOpen", "%s", name.c_str())) return HttpSession();
   static const CURLcode started = curl_global_init(CURL_GLOBAL_DEFAULT);
-  if (started != CURLE_OK) return SetLastError(kErrorNotEnoughMemory), HttpSession();
+  if (started != CURLE_OK) return Fail(kErrorNotEnoughMemory, HttpSession());
   auto state = std::make_unique<HttpState>();
   state->agent = name;
   return HttpSession(state.release());
 }
 
-// The send's own limit is within the bound of the whole.
+// The limit for sending is part of the bound of WinHttpSendRequest.
 bool WinHttpSetTimeouts(const HttpSession& session, int resolve, int connect, int send,
                         int receive) {
   if (gate::Fails("WinHttpSetTimeouts", "%d,%d,%d,%d", resolve, connect, send, receive))
@@ -236,7 +241,7 @@ HttpConnection WinHttpConnect(const HttpSession& session, const char16_t* host,
                               std::uint16_t port) {
   const std::string name = Utf16ToUtf8(host);
   if (gate::Fails("WinHttpConnect", "%s,%u", name.c_str(), port)) return HttpConnection();
-  if (name.empty()) return SetLastError(kErrorWinHttpInvalidUrl), HttpConnection();
+  if (name.empty()) return Fail(kErrorWinHttpInvalidUrl, HttpConnection());
   auto state = Inherit(session.Raw());
   state->host = name;
   state->port = port;
@@ -265,7 +270,8 @@ bool WinHttpAddRequestHeaders(const HttpRequest& request, const char16_t* header
 bool WinHttpSetSecurityFlags(const HttpRequest& request, std::uint32_t flags) {
   if (gate::Fails("WinHttpSetOption", "31,0x%x", flags)) return false;
   constexpr std::uint32_t kAll = kIgnoreUnknownCa | kIgnoreCertCnInvalid | kIgnoreCertDateInvalid;
-  StateOf(request.Raw()).trustsAnyone = (flags & kAll) == kAll;  // libcurl knows no parts of it
+  StateOf(request.Raw()).trustsAnyone =
+      (flags & kAll) == kAll;  // libcurl can't ignore a part of it
   return true;
 }
 
@@ -275,12 +281,10 @@ bool WinHttpSendRequest(const HttpRequest& request, const char16_t* headers, con
   if (gate::Fails("WinHttpSendRequest", "%u,%u%s", size, boundMs, more.empty() ? "" : ",headers"))
     return false;
   HttpState& state = StateOf(request.Raw());
-  // Without the last one libcurl would ask the listener's leave before a long body.
+  // Without the empty Expect libcurl would wait for the listener's consent before a long body.
   if (!AddHeaders(&state.headers, more) || !AddHeader(&state.headers, "Expect:")) return false;
   const CURLcode code = Send(state, body, size, boundMs);
-  if (code == CURLE_OK) return true;
-  SetLastError(ErrorOf(code));
-  return false;
+  return code == CURLE_OK || Fail(ErrorOf(code));
 }
 
 }  // namespace platform

@@ -1,5 +1,5 @@
 // A US keyboard with all keys up and no lock on, and a screen of 1024 by 768. The lab's screen.txt
-// holds other numbers: width, height, and 1 for swapped mouse buttons; it is read at each question.
+// replaces its numbers: width, height, and 1 for swapped mouse buttons. Each call reads it.
 #include "platform/keyboard.h"
 
 #include <fstream>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::int16_t kShift = 0x100;
 
-// The keys of a US keyboard that aren't letters or digits, with their two characters.
+// The keys that aren't letters or digits, with their two characters.
 struct SignKey {
   char plain;
   char shifted;
@@ -34,6 +34,7 @@ constexpr SignKey kSignKeys[] = {
     {'\'', '"', 0xDE},  // VK_OEM_7
 };
 constexpr char kShiftedDigits[] = ")!@#$%^&*(";
+static_assert(sizeof kShiftedDigits == 10 + 1);
 
 // Scan codes of set 1: `count` virtual keys from `virtualKey` on, with codes counting up.
 struct ScanRun {

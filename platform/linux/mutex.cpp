@@ -1,6 +1,6 @@
-// Mutexes as robust pthread mutexes: a named one lives in a file of the lab folder that every
-// process maps, an unnamed one in a mapping of this process. A holder's death makes the next wait
-// give kWaitAbandoned.
+// Mutexes are robust pthread mutexes: a named one lives in a file of the lab folder that every
+// process maps, an unnamed one in a mapping of this process. When a holder dies, the next wait
+// returns kWaitAbandoned.
 #include "platform/mutex.h"
 
 #include <fcntl.h>
@@ -10,16 +10,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <map>
 #include <memory>
 #include <string>
 
-#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/linux/lab/lab_folder.h"
-#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
 
@@ -29,7 +30,7 @@ namespace {
 
 struct SharedMutex {
   pthread_mutex_t mutex;
-  std::uint32_t made;  // set once the mutex is initialised; under the file's lock
+  std::uint32_t initialised;  // 1 once the mutex is; under the file's lock
 };
 
 // Owns one mapping of a mutex.
@@ -53,7 +54,7 @@ void Initialise(SharedMutex* shared) {
   pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
   pthread_mutex_init(&shared->mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
-  shared->made = 1;
+  shared->initialised = 1;
 }
 
 MappingPointer Map(int descriptor, int flags) {
@@ -61,27 +62,26 @@ MappingPointer Map(int descriptor, int flags) {
   void* at = ::mmap(nullptr, sizeof(SharedMutex), PROT_READ | PROT_WRITE, flags, descriptor, 0);
   if (at == MAP_FAILED) return nullptr;
   mapping->shared = static_cast<SharedMutex*>(at);
-  if (mapping->shared->made == 0) Initialise(mapping->shared);
+  if (mapping->shared->initialised == 0) Initialise(mapping->shared);
   return mapping;
 }
 
-// The file's lock makes sure that one process alone initialises the mutex.
+// The file's lock ensures that only one process initialises the mutex.
 MappingPointer MapNamed(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  // What isn't a file is an object of another kind with that name.
-  if (fd < 0 && errno == EISDIR) return SetLastError(kErrorInvalidHandle), nullptr;
-  if (fd < 0) return SetLastErrorFromErrno(errno), nullptr;
-  ::flock(fd, LOCK_EX);
+  const Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  // A folder of that name is an object of another kind.
+  if (!file && errno == EISDIR) return Fail(kErrorInvalidHandle, nullptr);
+  if (!file) return FailFromErrno(nullptr);
+  ::flock(file.Value(), LOCK_EX);  // until the file is closed
   MappingPointer mapping;
-  if (::ftruncate(fd, sizeof(SharedMutex)) == 0) mapping = Map(fd, MAP_SHARED);
+  if (::ftruncate(file.Value(), sizeof(SharedMutex)) == 0) mapping = Map(file.Value(), MAP_SHARED);
   if (!mapping) SetLastErrorFromErrno(errno);
-  ::close(fd);  // drops the lock
   return mapping;
 }
 
 // One mapping for each name in the process, so that all its threads lock at one address.
 MappingPointer FindNamed(const std::string& name) {
-  static auto* known = new std::map<std::string, std::weak_ptr<Mapping>>;
+  static ProcessLifetime<std::map<std::string, std::weak_ptr<Mapping>>> known;
   std::lock_guard guard(WaitLock());
   MappingPointer mapping = (*known)[name].lock();
   if (!mapping) (*known)[name] = mapping = MapNamed(LabPath("mutex-" + name));
@@ -89,11 +89,12 @@ MappingPointer FindNamed(const std::string& name) {
 }
 
 pthread_mutex_t* MutexOf(const Mutex& mutex) {
+  assert(mutex);
   return &(*static_cast<MappingPointer*>(mutex.Raw()))->shared->mutex;
 }
 
 // Tries until the deadline, so that a waiting thread can be ended between two tries. The mutexes
-// here are held for a line of text: giving up the processor a few times is mostly enough.
+// are held while a line of text is written: yielding a few times is usually enough.
 int LockUntil(pthread_mutex_t* mutex, Deadline deadline) {
   constexpr int kYields = 200;
   int status = ::pthread_mutex_trylock(mutex);
@@ -130,7 +131,7 @@ Mutex CreateMutexA(const char* name) {
 
 std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds) {
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
-  if (!mutex) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+  if (!mutex) return Fail(kErrorInvalidHandle, kWaitFailed);
   pthread_mutex_t* lock = MutexOf(mutex);
   const int status = LockUntil(lock, DeadlineAfter(milliseconds));
   if (status == EBUSY) return kWaitTimeout;
@@ -139,7 +140,7 @@ std::uint32_t WaitForSingleObject(const Mutex& mutex, std::uint32_t milliseconds
 
 bool ReleaseMutex(const Mutex& mutex) {
   gate::Note("ReleaseMutex");
-  if (!mutex) return SetLastError(kErrorInvalidHandle), false;
+  if (!mutex) return Fail(kErrorInvalidHandle);
   return ::pthread_mutex_unlock(MutexOf(mutex)) == 0;
 }
 

@@ -1,6 +1,6 @@
-// The host's names, connection state, interfaces and addresses. The blocks have a layout of our
-// own, but each entry is as large as Windows' structure: a first block that holds one entry there
-// holds one here, so the way through "too small" is taken on ordinary machines on both sides.
+// The host's names, connection state, interfaces and addresses. The blocks have our own layout, but
+// each entry is as large as Windows' structure: a first block that holds one entry there holds one
+// here, so ordinary machines reach the "too small" path on both platforms.
 #include "platform/network.h"
 
 #include <arpa/inet.h>
@@ -9,15 +9,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <fstream>
 #include <string>
 #include <string_view>
 
-#include "platform/error.h"
 #include "platform/linux/hostfacts/interfaces.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/utf16.h"
 #include "text/code_points.h"
 
@@ -25,7 +26,7 @@ namespace platform {
 
 namespace {
 
-// A MIB_IFROW's size; the table is a count and these.
+// Has the size of a MIB_IFROW; the table is a count and these.
 struct TableRow {
   std::uint32_t index;
   std::uint32_t speed;
@@ -34,7 +35,7 @@ struct TableRow {
 };
 static_assert(sizeof(TableRow) == 860);
 
-// An IP_ADAPTER_INFO's size.
+// Has the size of an IP_ADAPTER_INFO.
 struct AdapterEntry {
   std::uint32_t more;  // 1 if another entry follows
   std::uint32_t dhcpEnabled;
@@ -43,8 +44,8 @@ struct AdapterEntry {
 };
 static_assert(sizeof(AdapterEntry) == 704);
 
-// An IP_ADAPTER_ADDRESSES' size; the addresses stand behind it, 4 bytes each: unicast, DNS servers,
-// gateways.
+// Has the size of an IP_ADAPTER_ADDRESSES; the addresses follow, 4 bytes each: unicast, DNS
+// servers, gateways.
 struct AddressesEntry {
   std::uint32_t more;  // 1 if another entry follows
   std::uint32_t ifIndex;
@@ -70,16 +71,21 @@ void AppendAddresses(const std::vector<std::uint32_t>& addresses, std::string* b
   for (const std::uint32_t address : addresses) AppendBytes(address, bytes);
 }
 
-// A name as a terminated text of a fixed field, cut to fit.
+// Copies a name into a zeroed field, cut to fit and terminated.
 template <std::size_t N>
 void PutName(const std::string& name, char (&field)[N]) {
   std::memcpy(field, name.data(), std::min(name.size(), N - 1));
 }
 
-std::uint32_t GiveBlock(const std::string& bytes, std::uint32_t tooSmall, void* block,
+// Copies the bytes to the caller's block. Returns `tooSmall`, with the size needed, if they don't
+// fit.
+std::uint32_t FillBlock(const std::string& bytes, std::uint32_t tooSmall, void* block,
                         std::uint32_t* size) {
   const auto needed = static_cast<std::uint32_t>(bytes.size());
-  if (*size < needed) return *size = needed, tooSmall;
+  if (*size < needed) {
+    *size = needed;
+    return tooSmall;
+  }
   std::memcpy(block, bytes.data(), needed);
   return kErrorSuccess;
 }
@@ -101,6 +107,7 @@ std::string DescribeAddresses(const Interface& interface, bool more) {
   entry.dnsCount = CountOf(interface.dnsServers.size());
   entry.gatewayCount = CountOf(interface.gateways.size());
   entry.physicalLength = CountOf(interface.hardwareAddress.size());
+  assert(interface.hardwareAddress.size() <= sizeof entry.physicalAddress);
   std::copy(interface.hardwareAddress.begin(), interface.hardwareAddress.end(),
             entry.physicalAddress);
   PutName(interface.name, entry.name);
@@ -118,12 +125,11 @@ std::uint32_t MaskOf(std::uint32_t length) {
   return htonl(length >= 32 ? 0xFFFFFFFF : ~(0xFFFFFFFF >> length));
 }
 
-// An interface that is up and has no IPv4 address (a bridge's port, say) is what an adapter that
-// IPv4 isn't bound to is on Windows, where a bound one gets an address of its own in any case. So
-// it isn't in the list of the IPv4 family.
+// An interface that is up without an IPv4 address (a bridge's port, say) corresponds to a Windows
+// adapter without IPv4, because Windows always assigns an address. The IPv4 list leaves it out.
 bool HasIpv4(const Interface& interface) { return !interface.up || !interface.addresses.empty(); }
 
-// Takes `count` addresses from *at.
+// Takes `count` addresses at *at, which it moves behind them.
 std::vector<std::uint32_t> TakeAddresses(const char** at, std::uint32_t count) {
   std::vector<std::uint32_t> addresses(count);
   for (std::uint32_t& address : addresses) {
@@ -133,7 +139,7 @@ std::vector<std::uint32_t> TakeAddresses(const char** at, std::uint32_t count) {
   return addresses;
 }
 
-// The host name's tail behind its first dot.
+// Returns what follows the first dot of the host name.
 std::string DomainOfHostName() {
   char host[256] = {};
   if (::gethostname(host, sizeof host - 1) != 0) return {};
@@ -155,16 +161,16 @@ bool GetComputerDnsDomain(char* name, std::uint32_t* size) {
   const std::string domain = DomainName();
   if (*size < domain.size() + 1) {
     *size = CountOf(domain.size() + 1);
-    return SetLastError(kErrorMoreData), false;
+    return Fail(kErrorMoreData);
   }
   std::memcpy(name, domain.c_str(), domain.size() + 1);
   *size = CountOf(domain.size());
   return true;
 }
 
-// `connected.txt` in the lab folder decides where it is: "no", or the flags as a number. Without it
-// the host counts as connected, by LAN, when any interface is up; the loopback interface counts
-// too, so that a network namespace with nothing else will do for the whole service.
+// The lab's `connected.txt` decides if it exists: "no", or the flags as a number. Without it the
+// host is connected, by LAN, when any interface is up. The loopback interface counts, so that the
+// whole service can run in a network namespace without any other.
 bool InternetGetConnectedState(std::uint32_t* flags) {
   *flags = 0;
   if (gate::Fails("InternetGetConnectedState")) return false;
@@ -197,7 +203,7 @@ std::uint32_t GetIfTable(void* block, std::uint32_t* size) {
     PutName(interface.name, row.description);
     AppendBytes(row, &bytes);
   }
-  return GiveBlock(bytes, kErrorInsufficientBuffer, block, size);
+  return FillBlock(bytes, kErrorInsufficientBuffer, block, size);
 }
 
 std::vector<IfRow> ReadIfTable(const void* block) {
@@ -226,7 +232,7 @@ std::uint32_t GetAdaptersInfo(void* block, std::uint32_t* size) {
     PutName(interface.name, entry.description);
     AppendBytes(entry, &bytes);
   }
-  return GiveBlock(bytes, kErrorBufferOverflow, block, size);
+  return FillBlock(bytes, kErrorBufferOverflow, block, size);
 }
 
 std::vector<AdapterInfo> ReadAdaptersInfo(const void* block) {
@@ -249,7 +255,7 @@ std::uint32_t GetAdaptersAddresses(std::uint32_t flags, void* block, std::uint32
   std::string bytes;
   for (const Interface& interface : interfaces)
     bytes += DescribeAddresses(interface, &interface != &interfaces.back());
-  return GiveBlock(bytes, kErrorBufferOverflow, block, size);
+  return FillBlock(bytes, kErrorBufferOverflow, block, size);
 }
 
 std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
@@ -276,10 +282,10 @@ std::vector<AdapterAddresses> ReadAdaptersAddresses(const void* block) {
   return adapters;
 }
 
-// A count, and a row for each address of each interface.
+// The block is a count and a row for each address of each interface.
 std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size) {
   if (const std::uint32_t error = gate::Enter("GetIpAddrTable", "%u", *size)) return error;
-  constexpr std::uint32_t kReassemblySize = 65535;  // the greatest IPv4 datagram
+  constexpr std::uint32_t kReassemblySize = 65535;  // the largest IPv4 datagram
   std::string rows;
   std::uint32_t count = 0;
   for (const Interface& interface : ListInterfaces()) {
@@ -295,7 +301,7 @@ std::uint32_t GetIpAddrTable(void* block, std::uint32_t* size) {
   }
   std::string bytes;
   AppendBytes(count, &bytes);
-  return GiveBlock(bytes + rows, kErrorInsufficientBuffer, block, size);
+  return FillBlock(bytes + rows, kErrorInsufficientBuffer, block, size);
 }
 
 std::uint32_t IpAddrTableRows(const void* block) {
@@ -305,6 +311,7 @@ std::uint32_t IpAddrTableRows(const void* block) {
 }
 
 IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row) {
+  assert(row < IpAddrTableRows(block));
   IpAddrRow read;
   std::memcpy(&read, static_cast<const char*>(block) + sizeof row + row * sizeof read, sizeof read);
   return read;
@@ -330,7 +337,7 @@ std::uint32_t ConvertLengthToIpv4Mask(std::uint32_t length) {
 void InetNtop(std::uint32_t address, char* text, std::size_t size) {
   gate::Note("inet_ntop");
   if (size == 0) return;
-  text[0] = 0;  // what a text that doesn't fit leaves
+  text[0] = 0;  // the result if the text doesn't fit
   in_addr in;
   in.s_addr = address;
   ::inet_ntop(AF_INET, &in, text, static_cast<socklen_t>(size));

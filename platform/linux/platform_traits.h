@@ -1,10 +1,10 @@
-// What the contract's inline parts need to know of this platform.
+// The facts of this platform that the contract's inline parts and the service need.
 #pragma once
 
 namespace platform {
 
-constexpr bool kSelectBeforeEachWait = false;  // an epoll selection stands until it is changed
-constexpr bool kQueryEachSocket = false;       // the wait tells which sockets have news
+constexpr bool kSelectBeforeEachWait = false;  // an epoll selection holds until it is changed
+constexpr bool kQueryEachSocket = false;       // the wait reports which sockets have events
 
 // Without SO_REUSEADDR a listener waits for the connections that linger on its port.
 constexpr bool kListenersReuseTheAddress = true;

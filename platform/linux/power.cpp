@@ -1,4 +1,4 @@
-// Power calls that never touch the machine: each is one line in the lab's power.txt.
+// Power calls that never touch the machine: each appends one line to the lab's power.txt.
 #include "platform/power.h"
 
 #include <unistd.h>
@@ -38,7 +38,7 @@ bool LookupPrivilegeValueA(const char* name, Luid* luid) {
 
 bool AdjustTokenPrivileges(const Token&, const Luid& luid) {
   if (gate::Fails("AdjustTokenPrivileges", "%u", luid.low)) return false;
-  SetLastError(0);  // every privilege asked for is held
+  SetLastError(kErrorSuccess);  // the user holds every privilege
   return true;
 }
 
@@ -63,7 +63,7 @@ bool SetSuspendState(bool hibernate, bool force, bool wakeEventsDisabled) {
 }
 
 // The lab's battery.txt holds three numbers: AC line status, battery flag, percent. Without it the
-// host is a desktop on mains: flag 128 (no battery), percent 255 (unknown).
+// host is a desktop on line power: flag 128 (no battery), percent 255 (unknown).
 bool GetSystemPowerStatus(SystemPowerStatus* status) {
   if (gate::Fails("GetSystemPowerStatus")) return false;
   unsigned acLine = 1, flag = 128, percent = 255;

@@ -1,4 +1,3 @@
-// Private folders.
 #include "platform/private_folder.h"
 
 #include <fcntl.h>
@@ -10,11 +9,10 @@
 #include <string>
 #include <system_error>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/descriptor.h"
-#include "platform/linux/runtime/errno_map.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
@@ -31,7 +29,7 @@ bool IsForeign(const struct stat& status) {
   return !IsTrusted(status) || S_ISLNK(status.st_mode) || (!isFolder && status.st_nlink > 1);
 }
 
-// False if it is foreign and stays.
+// Returns false if the file is foreign and could not be removed.
 bool RemoveIfForeign(const std::string& path) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT;
@@ -44,9 +42,9 @@ bool RemoveIfForeign(const std::string& path) {
 bool CreatePrivateFolder(const char* path) {
   if (gate::Fails("CreateDirectoryA", "%s", path)) return false;
   if (::mkdir(NativePath(path).c_str(), kPrivate) == 0) return true;
-  // For a call that makes what it is given, nothing but a folder on the way can be missing.
-  if (errno == ENOENT) return SetLastError(kErrorPathNotFound), false;
-  return SetLastErrorFromErrno(errno), false;
+  // For a call that creates the folder, only one above it can be missing.
+  if (errno == ENOENT) return Fail(kErrorPathNotFound);
+  return FailFromErrno();
 }
 
 bool ClaimPrivateFolder(const char* path) {
@@ -54,11 +52,10 @@ bool ClaimPrivateFolder(const char* path) {
   const Descriptor folder(
       ::open(NativePath(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status;
-  if (folder.Value() < 0 || ::fstat(folder.Value(), &status) != 0)
-    return SetLastErrorFromErrno(errno), false;
-  if (!IsTrusted(status)) return SetLastError(kErrorAccessDenied), false;
+  if (!folder || ::fstat(folder.Value(), &status) != 0) return FailFromErrno();
+  if (!IsTrusted(status)) return Fail(kErrorAccessDenied);
   if (::fchmod(folder.Value(), kPrivate) == 0) return true;
-  return SetLastErrorFromErrno(errno), false;
+  return FailFromErrno();
 }
 
 bool RemoveForeignFiles(const char* path) {

@@ -1,4 +1,3 @@
-// The process.
 #include "platform/process.h"
 
 #include <fcntl.h>
@@ -7,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
@@ -16,15 +16,15 @@
 #include <fstream>
 #include <string>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
 namespace {
 
-// The lines that a command has printed and that haven't been read yet.
+// The output of a command, and how much of it has been read.
 struct PipeState {
   std::string output;
   std::size_t at = 0;
@@ -36,7 +36,7 @@ std::string VersionOutput() {
   return std::string("\n") + names.sysname + " [Version " + names.release + "]\n";
 }
 
-// Descriptor 0 is a valid socket here while 0 means "no socket" to the service.
+// Descriptor 0 would be a valid socket here, but 0 means "no socket" to the service.
 bool OccupyStandardDescriptors() {
   int fd = ::open("/dev/null", O_RDWR);
   while (fd >= 0 && fd <= 2) fd = ::open("/dev/null", O_RDWR);
@@ -45,15 +45,15 @@ bool OccupyStandardDescriptors() {
   return true;
 }
 
-// Milliseconds of a clock that is read without a system call and moves every few of them.
+// Returns the milliseconds of a clock that is read without a system call, exact to a few of them.
 std::int64_t CoarseMilliseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// The sixth number of /proc/self/statm: pages of data and stack, which is what a process has for
-// itself alone. The descriptor stays open.
+// Returns the sixth number of /proc/self/statm, pages of data and stack, in bytes: the memory that
+// the process shares with no other. The descriptor stays open.
 std::uint64_t ReadPrivateUsage() {
   static const int descriptor = ::open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
   static const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
@@ -85,8 +85,8 @@ bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]) {
   if (gate::Fails("GetModuleFileNameA")) return 0;
   const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path);
-  if (n < 0) return SetLastError(kErrorPathNotFound), 0;
-  if (n == sizeof path) return SetLastError(kErrorInsufficientBuffer), 0;
+  if (n < 0) return Fail(kErrorPathNotFound, 0);
+  if (n == sizeof path) return Fail(kErrorInsufficientBuffer, 0);
   path[n] = 0;
   return static_cast<std::uint32_t>(n);
 }
@@ -97,19 +97,19 @@ void ExitProcess(std::uint32_t exitCode) {
   ::_exit(static_cast<int>(exitCode));
 }
 
-// Every log line asks, and the kernel takes longer to answer than to write the line, so one answer
+// Every log line needs the value, and reading it takes longer than writing the line. So one value
 // serves for a tenth of a second.
 std::uint64_t GetPrivateUsage() {
   if (gate::Fails("K32GetProcessMemoryInfo")) return 0;
   constexpr std::int64_t kKeepMs = 100;
-  // Threads that find the time up together all ask, and any answer is good. Release and acquire:
-  // who sees the time sees the answer that it was set for.
+  // Several threads may read it at once, and any value is good. Release and acquire: a thread that
+  // sees the time sees the value that it was set for.
   static std::atomic<std::uint64_t> known{0};
-  static std::atomic<std::int64_t> askAgainAt{0};
+  static std::atomic<std::int64_t> readAgainAt{0};
   const std::int64_t now = CoarseMilliseconds();
-  if (now >= askAgainAt.load(std::memory_order_acquire)) {
+  if (now >= readAgainAt.load(std::memory_order_acquire)) {
     known.store(ReadPrivateUsage(), std::memory_order_relaxed);
-    askAgainAt.store(now + kKeepMs, std::memory_order_release);
+    readAgainAt.store(now + kKeepMs, std::memory_order_release);
   }
   return known.load(std::memory_order_relaxed);
 }
@@ -131,7 +131,7 @@ bool VirtualQuery(std::uint64_t address, MemoryInformation* information) {
                                  : kMemPrivate};
     return true;
   }
-  return SetLastError(kErrorInvalidParameter), false;
+  return Fail(kErrorInvalidParameter);
 }
 
 void CloseCommandPipe(RawHandle raw) {
@@ -139,15 +139,16 @@ void CloseCommandPipe(RawHandle raw) {
   delete static_cast<PipeState*>(raw);
 }
 
-// "ver" is no command here: uname(2) tells the same without a process.
+// There is no command "ver" here: uname(2) returns the same without a process.
 CommandPipe OpenCommandPipe(const char* command) {
   if (gate::Fails("_popen", "%s", command)) return CommandPipe();
-  if (std::strcmp(command, "ver") != 0) return SetLastError(kErrorFileNotFound), CommandPipe();
+  if (std::strcmp(command, "ver") != 0) return Fail(kErrorFileNotFound, CommandPipe());
   return CommandPipe(new PipeState{VersionOutput()});
 }
 
 bool ReadLine(const CommandPipe& pipe, char* line, std::size_t size) {
   if (gate::Fails("fgets")) return false;
+  assert(pipe && line != nullptr);
   PipeState& state = *static_cast<PipeState*>(pipe.Raw());
   if (state.at >= state.output.size() || size < 2) return false;
   const std::size_t end = state.output.find('\n', state.at);

@@ -1,6 +1,6 @@
-// The service manager's stand-in. A manager listens on the lab's socket `scm` and speaks lines:
-// the service says "SERVICE name", "POWERSETTING {guid}" and "STATUS" with the seven fields, the
-// manager "CONTROL control eventType hexdata|-", which the service answers with "RESULT n".
+// The service manager's stand-in. A manager listens on the lab's socket `scm` for lines: the
+// service sends "SERVICE name", "POWERSETTING {guid}" and "STATUS" with the seven fields. The
+// manager sends "CONTROL control eventType hexdata|-", which the service answers with "RESULT n".
 // Installed services are files under the lab's services/, the event log is eventlog.txt.
 #include "platform/service_manager.h"
 
@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,29 +20,30 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/error.h"
 #include "platform/linux/lab/lab_folder.h"
-#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/thread.h"
 
 namespace platform {
 
 namespace {
 
-// The dispatcher's connection. Written by the dispatching thread before the service main starts;
-// the lock guards the stream of lines and what the two sides share of it.
+// The dispatcher's connection to the manager.
 struct Connection {
-  std::mutex lock;
+  // Written by the dispatching thread before it starts the service main.
   int descriptor = -1;
   int stopped = -1;  // an eventfd, readable once the service has reported SERVICE_STOPPED
   ServiceMainEntry entry = nullptr;
+
+  std::mutex lock;  // guards the lines that are sent, and all below
   ControlHandler handler = nullptr;
   void* context = nullptr;
 };
 
 Connection& Manager() {
-  static auto* connection = new Connection;  // outlives the threads that report
+  static ProcessLifetime<Connection> connection;
   return *connection;
 }
 
@@ -64,7 +66,7 @@ std::vector<std::uint8_t> FromHex(std::string_view text) {
   return bytes;
 }
 
-// Any other line is ignored: the manager is a person's tool.
+// Ignores any other line: a person may type them.
 void HandleLine(Connection& manager, const std::string& line) {
   unsigned control = 0, eventType = 0;
   char hex[512] = "";
@@ -77,13 +79,13 @@ void HandleLine(Connection& manager, const std::string& line) {
     context = manager.context;
   }
   std::vector<std::uint8_t> data = FromHex(hex);
-  data.resize(data.size() + 64);  // a handler that looks for more than was sent finds zeroes
+  data.resize(data.size() + 64);  // a handler that reads more than was sent finds zeroes
   const std::uint32_t result =
       handler != nullptr ? handler(control, eventType, data.data(), context) : 0;
   SendLine(manager, "RESULT " + std::to_string(result));
 }
 
-// Delivers controls until the service has stopped or the manager is gone.
+// Delivers controls until the service has stopped or the manager has closed the connection.
 void Dispatch(Connection& manager) {
   std::string text;
   for (;;) {
@@ -103,7 +105,7 @@ void Dispatch(Connection& manager) {
 
 std::uint32_t RunServiceMain(void* name) {
   char* arguments[] = {static_cast<char*>(name), nullptr};
-  const ServiceMainEntry entry = Manager().entry;  // set before this thread was made
+  const ServiceMainEntry entry = Manager().entry;
   if (entry != nullptr) entry(1, arguments);
   return 0;
 }
@@ -113,8 +115,8 @@ std::uint32_t RunServiceMain(void* name) {
 bool StartServiceCtrlDispatcherA(const char* name, ServiceMainEntry entry) {
   if (gate::Fails("StartServiceCtrlDispatcherA", "%s", name)) return false;
   Connection& manager = Manager();
-  manager.descriptor = DialLabSocket(LabPath("scm"));
-  if (manager.descriptor < 0) return SetLastError(kErrorFailedServiceControllerConnect), false;
+  manager.descriptor = ConnectLabSocket(LabPath("scm"));
+  if (manager.descriptor < 0) return Fail(kErrorFailedServiceControllerConnect);
   manager.stopped = ::eventfd(0, EFD_CLOEXEC);
   manager.entry = entry;
   SendLine(manager, std::string("SERVICE ") + name);
@@ -140,8 +142,9 @@ bool SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
                 status.dwCurrentState, status.dwControlsAccepted, status.dwWin32ExitCode,
                 status.dwServiceSpecificExitCode, status.dwCheckPoint, status.dwWaitHint);
   if (gate::Fails("SetServiceStatus", "%s", fields)) return false;
-  if (handle == nullptr) return SetLastError(kErrorInvalidHandle), false;
+  if (handle == nullptr) return Fail(kErrorInvalidHandle);
   Connection& manager = Manager();
+  assert(handle == &manager);
   const bool sent = SendLine(manager, std::string("STATUS ") + fields);
   if (status.dwCurrentState != kServiceStopped) return sent;
   const std::uint64_t one = 1;
@@ -155,43 +158,36 @@ bool RegisterPowerSettingNotification(ServiceStatusHandle handle, const Guid& g)
                 g.data2, g.data3, g.data4[0], g.data4[1], g.data4[2], g.data4[3], g.data4[4],
                 g.data4[5], g.data4[6], g.data4[7]);
   if (gate::Fails("RegisterPowerSettingNotification", "%s", text)) return false;
-  if (handle == nullptr) return SetLastError(kErrorInvalidHandle), false;
+  if (handle == nullptr) return Fail(kErrorInvalidHandle);
   return SendLine(Manager(), std::string("POWERSETTING ") + text);
 }
 
-namespace {
-
-int gManagerMark;  // the manager's handle needs no content here, only an address
-
-}  // namespace
-
 void CloseServiceHandle(RawHandle raw) {
   gate::Note("CloseServiceHandle");
-  if (raw != &gManagerMark) delete static_cast<std::string*>(raw);
+  if (raw != &Manager()) delete static_cast<std::string*>(raw);  // the name of a service
 }
 
 ServiceHandle OpenSCManagerA() {
   if (gate::Fails("OpenSCManagerA")) return ServiceHandle();
-  return ServiceHandle(&gManagerMark);
+  return ServiceHandle(&Manager());  // only its address is used
 }
 
 ServiceHandle CreateServiceA(const ServiceHandle&, const ServiceRegistration& registration) {
   if (gate::Fails("CreateServiceA", "%s", registration.name)) return ServiceHandle();
   ::mkdir(LabPath("services").c_str(), 0755);
   const std::string path = LabPath("services/") + registration.name;
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0 && errno == EEXIST) return SetLastError(kErrorServiceExists), ServiceHandle();
-  if (fd < 0) return SetLastErrorFromErrno(errno), ServiceHandle();
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!file && errno == EEXIST) return Fail(kErrorServiceExists, ServiceHandle());
+  if (!file) return FailFromErrno(ServiceHandle());
   std::string dependencies;
   for (const char* at = registration.dependencies; *at != 0; at += std::strlen(at) + 1)
     dependencies += (dependencies.empty() ? "" : ",") + std::string(at);
-  ::dprintf(fd,
+  ::dprintf(file.Value(),
             "displayName=%s\ndesiredAccess=0x%X\nserviceType=%u\nstartType=%u\nerrorControl=%u\n"
             "binaryPath=%s\ndependencies=%s\n",
             registration.displayName, registration.desiredAccess, registration.serviceType,
             registration.startType, registration.errorControl, registration.binaryPath,
             dependencies.c_str());
-  ::close(fd);
   return ServiceHandle(new std::string(std::string("services/") + registration.name));
 }
 

@@ -1,5 +1,5 @@
-// Sockets under Winsock's numbers. A blocking call on a blocking socket waits so that its thread
-// can be ended.
+// Sockets under Winsock's numbers. A blocking call waits so that its thread can be ended
+// (runtime/wait.h).
 #include "platform/socket.h"
 
 #include <arpa/inet.h>
@@ -59,7 +59,7 @@ int FailWith(int number) {
   return -1;
 }
 
-// A send on a socket that never was connected is told as a broken pipe here.
+// Linux reports a send on a socket that was never connected as a broken pipe.
 int SendError(int fd, int number) {
   sockaddr_storage peer;
   socklen_t size = sizeof peer;
@@ -67,7 +67,7 @@ int SendError(int fd, int number) {
   return number == EPIPE && !connected ? ENOTCONN : number;
 }
 
-// An error that the gate injects is a Winsock number already.
+// Passes the gate. An error that it injects is a Winsock number already.
 bool Injected(const char* call, SocketValue sock) {
   return gate::Fails(call, "%d", static_cast<int>(sock));
 }
@@ -87,11 +87,11 @@ int Transfer(SocketValue sock, short events, Call call) {
     if (n >= 0) return static_cast<int>(n);
     if (errno == EPIPE) return FailWith(SendError(fd, errno));
     if (errno != EAGAIN || !IsBlocking(fd)) return FailWith(errno);
-    WaitDescriptor(fd, events, -1);
+    (void)WaitDescriptor(fd, events, -1);  // the next call finds out what has changed
   }
 }
 
-// The platform's own address for one with Windows' family numbers.
+// Linux' address for one with Windows' family numbers.
 struct NativeAddress {
   sockaddr_storage storage{};
   socklen_t size = 0;
@@ -103,9 +103,9 @@ struct NativeAddress {
   const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
-// Winsock takes a whole send as long as its buffer isn't full already, however long the send is;
-// the service relies on it, since it sends a firmware frame in one call. A buffer of 4 MiB comes
-// near to that. Without the right to exceed the system's bound the kernel's own growth must do.
+// Winsock takes a whole send, however long, unless its buffer is full already. The service relies
+// on that when it sends a firmware frame in one call; a buffer of 4 MiB comes near to it. Without
+// the right to exceed the system's bound the kernel's own growth must do.
 void GrowSendBuffer(int fd) {
   const int size = 4 << 20;
   ::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size);
@@ -118,12 +118,12 @@ constexpr Option kOptions[] = {{kSolSocket, kSoReuseAddr, SOL_SOCKET, SO_REUSEAD
                                {kSolSocket, kSoKeepAlive, SOL_SOCKET, SO_KEEPALIVE},
                                {kIpprotoTcp, kTcpNoDelay, IPPROTO_TCP, TCP_NODELAY}};
 
-// What accept fails with here for a connection that ended while it waited: its own abort, or an
-// error that the network has left on it.
+// The errors of accept for a connection that ended while it waited: its own abort, or an error that
+// the network has left on it.
 constexpr int kEndedConnections[] = {ECONNABORTED, EPROTO,      ENETDOWN,   ENETUNREACH, EHOSTDOWN,
                                      EHOSTUNREACH, ENOPROTOOPT, EOPNOTSUPP, ENONET};
 
-// accept4 with Winsock's one error for all of those.
+// Calls accept4, with Winsock's one error for all of those.
 int AcceptNative(int listener, sockaddr_in* peer) {
   socklen_t size = sizeof *peer;
   const int fd = ::accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);

@@ -1,17 +1,19 @@
-// Threads that leave at their next wait when they are terminated.
+// A terminated thread leaves at its next wait (runtime/wait.h).
 #include "platform/thread.h"
 
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdint>
+#include <memory>
 #include <system_error>
 #include <thread>
 
-#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/wait.h"
 
 namespace platform {
@@ -21,11 +23,13 @@ namespace {
 using RecordPointer = std::shared_ptr<ThreadRecord>;
 
 const RecordPointer& RecordOf(const Thread& thread) {
+  assert(thread);
   return *static_cast<RecordPointer*>(thread.Raw());
 }
 
 void MarkFinished(ThreadRecord& record, std::uint32_t exitCode) {
   std::lock_guard guard(WaitLock());
+  assert(record.running);
   record.running = false;
   if (!record.ended) record.exitCode = exitCode;
   record.finished.notify_all();
@@ -37,7 +41,7 @@ void RunThread(const RecordPointer& record, ThreadEntry entry, void* parameter) 
   try {
     exitCode = entry(parameter);
   } catch (const ThreadEnd&) {
-    // Terminated: the exit code was set by the one who ended it.
+    // Terminated: TerminateThread has set the exit code.
   }
   MarkFinished(*record, exitCode);
 }
@@ -59,17 +63,18 @@ void CloseThread(RawHandle raw) {
 }
 
 Thread CreateThread(ThreadEntry entry, void* parameter) {
+  assert(entry != nullptr);
   if (gate::Fails("CreateThread")) return Thread();
   auto record = std::make_shared<ThreadRecord>();
   record->endDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (record->endDescriptor < 0 || !Start(record, entry, parameter))
-    return SetLastError(kErrorNotEnoughMemory), Thread();
+    return Fail(kErrorNotEnoughMemory, Thread());
   return Thread(new RecordPointer(std::move(record)));
 }
 
 bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   if (gate::Fails("TerminateThread", "exitCode=%u", exitCode)) return false;
-  if (!thread) return SetLastError(kErrorInvalidHandle), false;
+  if (!thread) return Fail(kErrorInvalidHandle);
   ThreadRecord& record = *RecordOf(thread);
   std::lock_guard guard(WaitLock());
   if (!record.running) return true;
@@ -84,7 +89,7 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
 
 bool GetExitCodeThread(const Thread& thread, std::uint32_t* exitCode) {
   if (gate::Fails("GetExitCodeThread")) return false;
-  if (!thread) return SetLastError(kErrorInvalidHandle), false;
+  if (!thread) return Fail(kErrorInvalidHandle);
   std::lock_guard guard(WaitLock());
   ThreadRecord& record = *RecordOf(thread);
   *exitCode = record.running ? kStillActive : record.exitCode;
@@ -93,7 +98,7 @@ bool GetExitCodeThread(const Thread& thread, std::uint32_t* exitCode) {
 
 std::uint32_t WaitForSingleObject(const Thread& thread, std::uint32_t milliseconds) {
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
-  if (!thread) return SetLastError(kErrorInvalidHandle), kWaitFailed;
+  if (!thread) return Fail(kErrorInvalidHandle, kWaitFailed);
   ThreadRecord& record = *RecordOf(thread);
   std::unique_lock lock(WaitLock());
   const bool done = WaitUntil(lock, record.finished, DeadlineAfter(milliseconds),
@@ -117,7 +122,7 @@ void PauseProcessor() {
 #endif
 }
 
-// Passes no gate: a thread that spins would fill every trace.
+// Passes no gate: a spinning thread would fill every trace.
 void SwitchToThread() {
   ::sched_yield();
   if (CurrentThread().ended.load(std::memory_order_relaxed)) LeaveIfEnded();

@@ -1,6 +1,6 @@
-// Processes are real here; sessions, tokens and environment blocks stand in. There is one session,
-// 1, and the process list has a winlogon.exe with this process's own id at its end. The lab's
-// processes.txt holds other rows instead of that one: an id and a name, one a line.
+// Processes are real here; sessions, tokens and environment blocks are stand-ins. There is one
+// session, 1, and the process list ends with a winlogon.exe that has this process's own id. The
+// lab's processes.txt replaces that row: an id and a name, one a line.
 #include "platform/user_session.h"
 
 #include <fcntl.h>
@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -23,10 +24,10 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/error.h"
 #include "platform/event.h"
 #include "platform/linux/lab/lab_folder.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/token_record.h"
 #include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
@@ -49,7 +50,18 @@ struct ProcessRecord {
 };
 
 ProcessRecord& RecordOf(const Process& process) {
+  assert(process);
   return *static_cast<ProcessRecord*>(process.Raw());
+}
+
+SnapshotRows& RowsOf(const ProcessSnapshot& snapshot) {
+  assert(snapshot);
+  return *static_cast<SnapshotRows*>(snapshot.Raw());
+}
+
+const TokenRecord& RecordOf(const Token& token) {
+  assert(token);
+  return *static_cast<const TokenRecord*>(token.Raw());
 }
 
 ProcessEntry Entry(std::uint32_t id, const std::string& name) {
@@ -86,31 +98,31 @@ bool HasEnded(const ProcessRecord& record) {
   return ::poll(&fd, 1, 0) > 0;
 }
 
-// Children whose handle was closed while they ran. Nobody else would take their exit status.
-std::mutex gAbandonedLock;
-std::vector<pid_t>& Abandoned() {
-  static auto* children = new std::vector<pid_t>;
-  return *children;
-}
+// Children whose handle was closed while they ran. Their exit status must still be collected.
+struct AbandonedChildren {
+  std::mutex lock;
+  std::vector<pid_t> ids;
+};
+ProcessLifetime<AbandonedChildren> gAbandoned;
 
 bool Reap(pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; }
 
-// Of a child that has ended. Someone who traces it, such as a leak check at its end, may keep it
-// from its parent for a moment.
+// Requires a child that has exited. A tracer, such as a leak check at its exit, may keep its status
+// from the parent for a moment.
 void AwaitAndReap(pid_t child) { (void)TEMP_FAILURE_RETRY(::waitpid(child, nullptr, 0)); }
 
 void ReapAbandoned() {
-  const std::lock_guard guard(gAbandonedLock);
-  std::erase_if(Abandoned(), Reap);
+  const std::lock_guard guard(gAbandoned->lock);
+  std::erase_if(gAbandoned->ids, Reap);
 }
 
 Process OpenById(pid_t id, bool isChild) {
   const int fd = static_cast<int>(::syscall(SYS_pidfd_open, id, 0));
-  if (fd < 0) return SetLastError(kErrorInvalidParameter), Process();
+  if (fd < 0) return Fail(kErrorInvalidParameter, Process());
   return Process(new ProcessRecord{fd, id, isChild});
 }
 
-// The user as which a process acts; false for one that has gone.
+// Reads the effective user of a process. Returns false if it has exited.
 bool EffectiveUser(pid_t id, std::uint32_t* user) {
   std::ifstream status("/proc/" + std::to_string(id) + "/status");
   for (std::string line; std::getline(status, line);)
@@ -118,7 +130,8 @@ bool EffectiveUser(pid_t id, std::uint32_t* user) {
   return false;
 }
 
-// In a session of its own, with nothing of this process but its output and environment.
+// Starts a program in a session of its own, which inherits only the output and the environment.
+// Returns -1 on failure.
 pid_t Spawn(const char* path, const char* word) {
   posix_spawnattr_t attributes;
   posix_spawn_file_actions_t actions;
@@ -154,22 +167,22 @@ void CloseSnapshot(RawHandle raw) {
 
 ProcessSnapshot CreateToolhelp32Snapshot() {
   if (gate::Fails("CreateToolhelp32Snapshot")) return ProcessSnapshot(InvalidHandleValue());
-  auto* snapshot = new SnapshotRows;
+  auto snapshot = std::make_unique<SnapshotRows>();
   AddRealProcesses(&snapshot->rows);
   AddLabProcesses(&snapshot->rows);
-  return ProcessSnapshot(snapshot);
+  return ProcessSnapshot(snapshot.release());
 }
 
 bool Process32First(const ProcessSnapshot& snapshot, ProcessEntry* entry) {
-  static_cast<SnapshotRows*>(snapshot.Raw())->next = 0;
+  RowsOf(snapshot).next = 0;
   return !gate::Fails("Process32First") && Process32Next(snapshot, entry);
 }
 
 // Passes no gate: a trace would be as long as the process list.
 bool Process32Next(const ProcessSnapshot& snapshot, ProcessEntry* entry) {
-  auto* rows = static_cast<SnapshotRows*>(snapshot.Raw());
-  if (rows->next == rows->rows.size()) return SetLastError(kErrorNoMoreFiles), false;
-  *entry = rows->rows[rows->next++];
+  SnapshotRows& list = RowsOf(snapshot);
+  if (list.next == list.rows.size()) return Fail(kErrorNoMoreFiles);
+  *entry = list.rows[list.next++];
   return true;
 }
 
@@ -180,14 +193,14 @@ void CloseProcess(RawHandle raw) {
   ::close(record->descriptor);
   if (!record->isChild) return;
   if (hasEnded) return AwaitAndReap(record->id);
-  const std::lock_guard guard(gAbandonedLock);
-  Abandoned().push_back(record->id);
+  const std::lock_guard guard(gAbandoned->lock);
+  gAbandoned->ids.push_back(record->id);
 }
 
 Process OpenProcess(std::uint32_t access, std::uint32_t processId) {
   ReapAbandoned();
   if (gate::Fails("OpenProcess", "0x%x,%u", access, processId)) return Process();
-  if (processId == 0) return SetLastError(kErrorInvalidParameter), Process();
+  if (processId == 0) return Fail(kErrorInvalidParameter, Process());
   return OpenById(static_cast<pid_t>(processId), false);
 }
 
@@ -205,14 +218,14 @@ bool GetExitCodeProcess(const Process& process, std::uint32_t* exitCode) {
   return true;
 }
 
-// Returns when it has ended, so that its end is seen by whoever looks next.
+// Blocks until the process has exited, so that the next call on it sees the exit.
 bool TerminateProcess(const Process& process, std::uint32_t) {
   if (gate::Fails("TerminateProcess")) return false;
   const ProcessRecord& record = RecordOf(process);
   if (::syscall(SYS_pidfd_send_signal, record.descriptor, SIGKILL, nullptr, 0) != 0)
-    return SetLastError(kErrorAccessDenied), false;
+    return Fail(kErrorAccessDenied);
   pollfd fd{record.descriptor, POLLIN, 0};
-  ::poll(&fd, 1, 10'000);  // a big process on a busy machine takes its time
+  ::poll(&fd, 1, 10'000);  // the exit of a big process on a busy machine takes long
   return true;
 }
 
@@ -225,21 +238,21 @@ Token OpenProcessToken(const Process& process, std::uint32_t access) {
   if (gate::Fails("OpenProcessToken", "process,0x%x", access)) return Token();
   auto token = std::make_unique<TokenRecord>();
   if (!EffectiveUser(RecordOf(process).id, &token->userId))
-    return SetLastError(kErrorAccessDenied), Token();
+    return Fail(kErrorAccessDenied, Token());
   return Token(token.release());
 }
 
 bool GetTokenUser(const Token& token, UserSid* user) {
   if (gate::Fails("GetTokenInformation")) return false;
   *user = {};
-  const TokenRecord& record = *static_cast<const TokenRecord*>(token.Raw());
-  std::memcpy(user->bytes.data(), &record.userId, sizeof record.userId);
+  static_assert(sizeof user->bytes >= sizeof(TokenRecord::userId));
+  std::memcpy(user->bytes.data(), &RecordOf(token).userId, sizeof(TokenRecord::userId));
   return true;
 }
 
 Token DuplicateTokenEx(const Token& token) {
   if (gate::Fails("DuplicateTokenEx")) return Token();
-  return Token(new TokenRecord(*static_cast<const TokenRecord*>(token.Raw())));
+  return Token(new TokenRecord(RecordOf(token)));
 }
 
 bool SetTokenSessionId(const Token&, std::uint32_t sessionId) {
@@ -264,7 +277,7 @@ Process CreateProcessAsUserA(const Token&, const char* application, const char* 
                   environment ? "block" : "none", startup.desktop, startup.showWindow))
     return Process();
   const pid_t child = Spawn(application, commandLine);
-  if (child < 0) return SetLastError(kErrorFileNotFound), Process();
+  if (child < 0) return Fail(kErrorFileNotFound, Process());
   return OpenById(child, true);
 }
 

@@ -1,27 +1,25 @@
-// The wireless service. It is there if the host has a wireless interface or the lab folder has
-// `wlan.txt`, which then says what the interfaces are: one state number a line. Changes come in as
-// datagrams on the socket `wlan` in the lab folder: "connected", "disconnected", or a source and a
-// code as numbers ("8 10"). `wlan_profiles.txt` holds the profiles, one a line: the interface's
-// number from 0 on, flags, the name without blanks, and its XML text.
+// The wireless service. It exists if the host has a wireless interface or the lab folder has
+// `wlan.txt`, which then lists the interfaces: one state number a line. Changes arrive as datagrams
+// on the socket `wlan` in the lab folder: "connected", "disconnected", or a source and a code as
+// numbers ("8 10"). `wlan_profiles.txt` holds the profiles, one a line: the interface's number from
+// 0 on, flags, the name without blanks, and its XML text.
 #include "platform/wlan.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <fstream>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 
-#include "platform/error.h"
 #include "platform/linux/hostfacts/interfaces.h"
 #include "platform/linux/lab/lab_folder.h"
-#include "platform/linux/runtime/errno_map.h"
+#include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/gate.h"
+#include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/utf16.h"
 #include "platform/linux/runtime/wait.h"
 #include "platform/thread.h"
@@ -30,7 +28,7 @@ namespace platform {
 
 namespace {
 
-// The states of the interfaces; nothing if there is no wireless service.
+// Returns the states of the interfaces; nothing if there is no wireless service.
 std::optional<std::vector<std::uint32_t>> InterfaceStates() {
   std::vector<std::uint32_t> states;
   if (std::ifstream lab(LabPath("wlan.txt")); lab) {
@@ -44,7 +42,7 @@ std::optional<std::vector<std::uint32_t>> InterfaceStates() {
   return states;
 }
 
-// The GUID of the n-th interface.
+// Returns the GUID of the n-th interface.
 Guid GuidOf(std::size_t number) {
   Guid guid{0x5754, 0x4C41, 0x4E00, {0x80}};
   guid.data4[7] = static_cast<std::uint8_t>(number);
@@ -56,7 +54,7 @@ struct LabProfile {
   std::u16string xml;
 };
 
-// The profiles of one interface, in the order of their lines.
+// Returns the profiles of one interface, in the order of their lines.
 std::vector<LabProfile> ProfilesOf(const Guid& interfaceGuid) {
   std::vector<LabProfile> profiles;
   std::ifstream file(LabPath("wlan_profiles.txt"));
@@ -83,40 +81,26 @@ std::optional<WlanNotification> ReadNotification(const std::string& text) {
   return std::nullopt;
 }
 
-// Everything that was registered for: one callback, and the thread that calls it. The callback
-// may come until the process is gone.
+// The one registration: a callback, and the thread that calls it until the process exits.
 class Listener {
  public:
-  // Takes the place of an earlier registration. 0 or an error.
+  // Replaces an earlier registration. Returns kErrorSuccess or an error.
   std::uint32_t Register(WlanCallback callback, void* context) {
     std::lock_guard guard(lock_);
     callback_ = callback;
     context_ = context;
-    return socket_ >= 0 ? kErrorSuccess : Start();
+    return socket_ ? kErrorSuccess : Start();
   }
 
  private:
   std::uint32_t Start() {
-    const std::string path = LabPath("wlan");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) return kErrorInvalidParameter;
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    ::unlink(path.c_str());  // what an earlier process has left
-    if (socket < 0 || ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      return GiveUp(socket, errno);
-    socket_ = socket;
-    if (CreateThread(Run, this)) return kErrorSuccess;
-    socket_ = -1;
-    const std::uint32_t error = LastError();
-    ::close(socket);
-    return error;
-  }
-
-  static std::uint32_t GiveUp(int socket, int number) {
-    if (socket >= 0) ::close(socket);
-    SetLastErrorFromErrno(number);
+    socket_.emplace(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!*socket_ || !BindLabSocket(socket_->Value(), "wlan")) {
+      SetLastErrorFromErrno(errno);
+    } else if (CreateThread(Run, this)) {
+      return kErrorSuccess;
+    }
+    socket_.reset();
     return LastError();
   }
 
@@ -129,7 +113,7 @@ class Listener {
     int socket;
     {
       std::lock_guard guard(lock_);
-      socket = socket_;
+      socket = socket_->Value();
     }
     if (!WaitReadable(socket, -1)) return;
     char text[64];
@@ -139,7 +123,7 @@ class Listener {
       Deliver(*notification);
   }
 
-  // Also a source that wasn't registered for: who injects one wants to see it dropped.
+  // Also delivers a source that wasn't registered for, so that a test can see the service drop it.
   void Deliver(const WlanNotification& notification) {
     WlanCallback callback;
     void* context;
@@ -148,13 +132,13 @@ class Listener {
       callback = callback_;
       context = context_;
     }
-    callback(notification, context);  // outside the lock: it may take long
+    callback(notification, context);  // outside the lock: it may block
   }
 
   std::mutex lock_;  // guards all below; held for a few instructions, or while the thread starts
   WlanCallback callback_ = nullptr;
   void* context_ = nullptr;
-  int socket_ = -1;
+  std::optional<Descriptor> socket_;  // stays open once the thread runs
 };
 
 Listener& TheListener() {

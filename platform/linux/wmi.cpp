@@ -1,15 +1,17 @@
-// COM and WMI: a thread must have opened COM before it makes a locator, as on Windows, and three
-// classes are answered. Failures that a test injects come out as HRESULTs: a Windows error in the
-// form 0x8007xxxx, a value that is an HRESULT already as it is.
+// COM and WMI: a thread must have opened COM before it creates a locator, as on Windows, and the
+// classes of kClasses are answered. A failure that a test injects becomes an HRESULT: a Windows
+// error gets the form 0x8007xxxx, a value that is an HRESULT already stays.
 #include "platform/wmi.h"
 
 #include <sys/utsname.h>
 
 #include <atomic>
+#include <cassert>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -30,10 +32,10 @@ namespace {
 constexpr HResult kOk = 0;
 constexpr HResult kFalse = 1;  // S_FALSE; WBEM_S_FALSE
 
-// How often this thread has opened COM and not yet ended it.
+// How many times this thread has opened COM and not yet closed it.
 thread_local std::uint32_t tComDepth = 0;
 
-// COM in the whole process: how often it is open, and whether its security has been set meanwhile.
+// COM in the whole process: how many times it is open, and whether its security has been set since.
 struct ProcessCom {
   std::mutex lock;  // guards all below; held for a few instructions
   std::uint32_t depth = 0;
@@ -43,8 +45,9 @@ struct ProcessCom {
     std::lock_guard guard(lock);
     ++depth;
   }
-  void End() {
+  void Close() {
     std::lock_guard guard(lock);
+    assert(depth > 0);
     if (--depth == 0) isSecured = false;
   }
   HResult Secure() {
@@ -52,7 +55,9 @@ struct ProcessCom {
     return std::exchange(isSecured, true) ? kTooLate : kOk;
   }
 };
-ProcessLifetime<ProcessCom> gCom;  // threads use it while the process leaves
+ProcessLifetime<ProcessCom> gCom;  // threads use it while the process exits
+
+constexpr HResult FromWin32(std::uint32_t error) { return Code(0x80070000 | (error & 0xFFFF)); }
 
 template <class... Args>
 HResult Pass(const char* call, Args... args) {
@@ -61,10 +66,11 @@ HResult Pass(const char* call, Args... args) {
   return HResultFromWin32(error);
 }
 
-// What a handle points to. The last reference ends it.
+// What a handle points to. Releasing the last reference deletes it.
 struct Unknown {
   virtual ~Unknown() = default;
-  std::atomic<std::uint32_t> references{1};  // acquire and release: who ends it sees all of it
+  // Acquire and release: the thread that deletes it sees every other's use of it.
+  std::atomic<std::uint32_t> references{1};
 };
 
 struct Property {
@@ -81,10 +87,11 @@ struct Object final : Unknown {
   Row row;
 };
 
-RawHandle Hand(std::unique_ptr<Unknown> object) { return object.release(); }
+RawHandle HandleOf(std::unique_ptr<Unknown> object) { return object.release(); }
 
 template <class Kind>
-Kind& Behind(RawHandle raw) {
+Kind& ObjectOf(RawHandle raw) {
+  assert(raw != nullptr);
   return static_cast<Kind&>(*static_cast<Unknown*>(raw));
 }
 
@@ -104,7 +111,7 @@ Property Number(const char16_t* name, std::uint32_t number) {
 
 constexpr std::uint32_t kOsTypeLinux = 36;  // CIM_OperatingSystem.OSType
 
-// PRETTY_NAME of os-release, whose values may stand in quotes.
+// Returns PRETTY_NAME of os-release, without the quotes that its values may have.
 std::string PrettyName() {
   constexpr std::string_view kKey = "PRETTY_NAME=";
   for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
@@ -161,9 +168,9 @@ std::vector<Row> NetworkAdapters() {
 }
 
 constexpr std::uint32_t kOnLinePower = 2;  // Win32_Battery.Availability: running
-constexpr std::uint32_t kOnBattery = 3;    // warning: the mains have gone
+constexpr std::uint32_t kOnBattery = 3;    // warning: no line power
 
-// The numbers in the lab's `chassis.txt`, or the one that the machine's firmware gives.
+// Returns the numbers in the lab's `chassis.txt`, or the one of the machine's firmware.
 std::vector<std::uint32_t> ChassisTypes() {
   std::ifstream file(LabPath("chassis.txt"));
   if (!file) file = std::ifstream("/sys/class/dmi/id/chassis_type");
@@ -173,7 +180,7 @@ std::vector<std::uint32_t> ChassisTypes() {
 }
 
 std::vector<Row> SystemEnclosure() {
-  WbemValue types;  // stays null on a machine whose firmware says nothing
+  WbemValue types;  // stays null on a machine whose firmware has none
   types.numbers = ChassisTypes();
   if (!types.numbers.empty()) types.kind = WbemValue::kNumbers;
   return {{{u"ChassisTypes", types}}};
@@ -217,28 +224,29 @@ HResult RowsOf(std::u16string_view query, std::vector<Row>* rows) {
 
 // The types of WbemValue's kinds, in their order.
 constexpr std::uint16_t kTypeOfKind[] = {kVtNull, kVtBstr, kVtI4, kVtArray | kVtI4};
+static_assert(std::size(kTypeOfKind) == WbemValue::kNumbers + 1);
 
 // An asynchronous query under way. It holds a reference to its sink.
-struct Asked {
-  explicit Asked(ObjectSink* to) : sink(to) { sink->AddRef(); }
-  Asked(const Asked&) = delete;
-  Asked& operator=(const Asked&) = delete;
-  ~Asked() { sink->Release(); }
+struct AsyncQuery {
+  explicit AsyncQuery(ObjectSink* to) : sink(to) { sink->AddRef(); }
+  AsyncQuery(const AsyncQuery&) = delete;
+  AsyncQuery& operator=(const AsyncQuery&) = delete;
+  ~AsyncQuery() { sink->Release(); }
   ObjectSink* sink;
   HResult result = kOk;
   std::vector<Row> rows;
 };
 
 std::uint32_t Deliver(void* parameter) {
-  const std::unique_ptr<Asked> asked(static_cast<Asked*>(parameter));
-  for (Row& row : asked->rows) {
+  const std::unique_ptr<AsyncQuery> query(static_cast<AsyncQuery*>(parameter));
+  for (Row& row : query->rows) {
     auto object = std::make_unique<Object>();
     object->row = std::move(row);
-    const WbemObject owner(Hand(std::move(object)));
+    const WbemObject owner(HandleOf(std::move(object)));
     RawHandle raw = owner.Raw();
-    (void)asked->sink->Indicate(1, &raw);  // WMI goes on, whatever the sink says
+    (void)query->sink->Indicate(1, &raw);  // WMI continues whatever the sink returns
   }
-  (void)asked->sink->SetStatus(kWbemStatusComplete, asked->result, nullptr, nullptr);
+  (void)query->sink->SetStatus(kWbemStatusComplete, query->result, nullptr, nullptr);
   return 0;
 }
 
@@ -267,13 +275,13 @@ void CoUninitialize() {
   gate::Note("CoUninitialize");
   if (tComDepth == 0) return;
   --tComDepth;
-  gCom->End();
+  gCom->Close();
 }
 
 HResult CreateWbemLocator(WbemLocator* locator) {
   if (const HResult failure = Pass("CoCreateInstance")) return failure;
   if (tComDepth == 0) return kNotInitialized;
-  locator->Reset(Hand(std::make_unique<Unknown>()));
+  locator->Reset(HandleOf(std::make_unique<Unknown>()));
   return kOk;
 }
 
@@ -283,7 +291,7 @@ HResult ConnectServer(const WbemLocator& locator, const char16_t* wmiNamespace,
   if (const HResult failure = Pass("ConnectServer", "%s", place.c_str())) return failure;
   if (!locator) return kPointer;
   if (place != "ROOT\\CIMV2") return kWbemInvalidNamespace;
-  services->Reset(Hand(std::make_unique<Unknown>()));
+  services->Reset(HandleOf(std::make_unique<Unknown>()));
   return kOk;
 }
 
@@ -297,7 +305,7 @@ HResult ExecQuery(const WbemServices& services, const char16_t* query, WbemEnume
   if (!services) return kPointer;
   auto found = std::make_unique<Enumerator>();
   if (const HResult failure = RowsOf(query, &found->rows)) return failure;
-  rows->Reset(Hand(std::move(found)));
+  rows->Reset(HandleOf(std::move(found)));
   return kOk;
 }
 
@@ -305,11 +313,11 @@ HResult NextObject(const WbemEnumerator& rows, WbemObject* row) {
   row->Reset();
   if (const HResult failure = Pass("Next")) return failure;
   if (!rows) return kPointer;
-  auto& state = Behind<Enumerator>(rows.Raw());
+  auto& state = ObjectOf<Enumerator>(rows.Raw());
   if (state.next >= state.rows.size()) return kFalse;
   auto object = std::make_unique<Object>();
   object->row = state.rows[state.next++];
-  row->Reset(Hand(std::move(object)));
+  row->Reset(HandleOf(std::move(object)));
   return kOk;
 }
 
@@ -317,7 +325,7 @@ HResult GetProperty(const WbemObject& row, const char16_t* name, WbemValue* valu
   *value = {};
   if (const HResult failure = Pass("Get", "%s", Utf16ToUtf8(name).c_str())) return failure;
   if (!row) return kPointer;
-  for (const Property& property : Behind<Object>(row.Raw()).row) {
+  for (const Property& property : ObjectOf<Object>(row.Raw()).row) {
     if (property.name != name) continue;
     *value = property.value;
     return kOk;
@@ -342,15 +350,15 @@ WbemObject ShareObject(RawHandle object) {
   return WbemObject(object);
 }
 
-// Its errors come out of the status call, as WMI's do.
+// The query's own errors go to the status call, as in WMI.
 HResult ExecQueryAsync(const WbemServices& services, const char16_t* query, ObjectSink* sink) {
   if (const HResult failure = Pass("ExecQueryAsync", "%s", Utf16ToUtf8(query).c_str()))
     return failure;
   if (!services || sink == nullptr) return kPointer;
-  auto asked = std::make_unique<Asked>(sink);
-  asked->result = RowsOf(query, &asked->rows);
-  if (!CreateThread(Deliver, asked.get())) return HResultFromWin32(LastError());
-  (void)asked.release();  // the thread's
+  auto running = std::make_unique<AsyncQuery>(sink);
+  running->result = RowsOf(query, &running->rows);
+  if (!CreateThread(Deliver, running.get())) return HResultFromWin32(LastError());
+  (void)running.release();  // the thread owns it
   return kOk;
 }
 

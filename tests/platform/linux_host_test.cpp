@@ -1,8 +1,12 @@
-// Linux's own stand-ins: interfaces and addresses, WMI, and text conversion.
+// The stand-ins for Windows' facts of its host: interfaces and addresses, WMI, and texts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <string>
 #include <vector>
 
+#include "lablink/messages.h"
 #include "platform/linux/runtime/utf16.h"
 #include "platform/network.h"
 #include "platform/wmi.h"
@@ -62,6 +66,48 @@ TEST(LinuxUtf16, OnlyInvalidTextIsReplaced) {
   EXPECT_EQ(Utf8ToUtf16("\xE2z\xFF"), u"\uFFFDz\uFFFD");
   const char16_t lone[] = {0xD800, u'-', 0xDC00, 0};
   EXPECT_EQ(Utf16ToUtf8(lone), "\xEF\xBF\xBD-\xEF\xBF\xBD");
+}
+
+// Feeds a stream in pieces of that size. Returns "kind:length" of each message.
+std::string Cut(const std::string& stream, std::size_t piece, lablink::MessageReader* reader) {
+  std::string messages;
+  for (std::size_t at = 0; at < stream.size(); at += piece) {
+    const std::size_t size = std::min(piece, stream.size() - at);
+    std::memcpy(reader->Room().data(), stream.data() + at, size);
+    reader->Filled(size);
+    lablink::Message message;
+    lablink::Parsed result;
+    while ((result = reader->Next(&message)) == lablink::Parsed::kMessage)
+      messages +=
+          std::to_string(message.head.kind) + ":" + std::to_string(message.body.size()) + " ";
+    if (result == lablink::Parsed::kMalformed) return messages + "malformed";
+  }
+  return messages;
+}
+
+TEST(LabLinkReader, StreamIsCutWhateverItsPieces) {
+  std::string stream;
+  lablink::AppendMessage(&stream, lablink::kFrame, 0, 0, std::string("ab"));
+  lablink::AppendMessage(&stream, lablink::kRead, 1, 4);
+  lablink::AppendMessage(&stream, lablink::kPoke, 0, 0, std::string(lablink::kMaxBody, 'x'));
+  lablink::MessageReader reader;
+  for (const std::size_t piece : std::vector<std::size_t>{1, 23, 24, 27, 4096, stream.size()})
+    EXPECT_EQ(Cut(stream, piece, &reader), "18:2 5:0 20:262152 ") << piece;
+}
+
+TEST(LabLinkReader, WrongHeadEndsTheStreamWithoutItsBody) {
+  std::string good, bad;
+  lablink::AppendMessage(&good, lablink::kRead, 1, 4);
+  for (const lablink::Head& wrong :
+       {lablink::Head{lablink::kMagic + 1, lablink::kRead, 1, 4, 0},
+        lablink::MakeHead(lablink::kPoke, 0, 0, lablink::kMaxBody + 1)}) {
+    bad.assign(reinterpret_cast<const char*>(&wrong), sizeof wrong);
+    lablink::MessageReader reader;
+    EXPECT_EQ(Cut(good + bad + good, 1, &reader), "5:0 malformed");
+    EXPECT_EQ(Cut(good, 1, &reader), "malformed");
+    reader.Clear();
+    EXPECT_EQ(Cut(good, 1, &reader), "5:0 ");
+  }
 }
 
 }  // namespace

@@ -2,57 +2,15 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace orrin {
 namespace {
 
-constexpr std::size_t kHeadSize = sizeof(lablink::Head);
-// Room for the longest message behind the start of any other.
-constexpr std::size_t kBufferSize = 2 * (kHeadSize + lablink::kMaxBody);
-// A buffer that grew past this for a long response is given back once it is empty.
+// A buffer that grew past this for a long response is released once it is empty.
 constexpr std::size_t kKeptCapacity = std::size_t{1} << 20;
 
 }  // namespace
-
-LinkReader::LinkReader() : buffer_(kBufferSize) {}
-
-std::span<std::uint8_t> LinkReader::Room() {
-  if (begin_ > 0) {
-    std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
-              buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
-    end_ -= begin_;
-    begin_ = 0;
-  }
-  return std::span(buffer_).subspan(end_);
-}
-
-void LinkReader::Filled(std::size_t count) { end_ += count; }
-
-LinkReader::Result LinkReader::Next(LinkMessage* message) {
-  const std::size_t available = end_ - begin_;
-  if (available < kHeadSize) return Result::kNeedMore;
-  lablink::Head head;
-  std::memcpy(&head, buffer_.data() + begin_, kHeadSize);
-  if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody) return Result::kMalformed;
-  if (available < kHeadSize + head.length) return Result::kNeedMore;
-  message->head = head;
-  message->body = ByteView(buffer_).subspan(begin_ + kHeadSize, head.length);
-  begin_ += kHeadSize + head.length;
-  return Result::kMessage;
-}
-
-void LinkReader::Clear() { begin_ = end_ = 0; }
-
-void LinkWriter::Send(lablink::Kind kind, std::uint64_t id, std::uint32_t word, ByteView body) {
-  const lablink::Head head{lablink::kMagic, kind, id, word,
-                           static_cast<std::uint32_t>(body.size())};
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&head);
-  out_.insert(out_.end(), bytes, bytes + kHeadSize);
-  out_.insert(out_.end(), body.begin(), body.end());
-}
 
 bool LinkWriter::Flush(int socket) {
   while (Pending() > 0) {
@@ -69,7 +27,7 @@ bool LinkWriter::Flush(int socket) {
   return true;
 }
 
-// A queue that is never quite empty must not keep all that ever went through it.
+// A queue that is never quite empty must not keep all that was ever sent through it.
 void LinkWriter::DropSent() {
   if (sent_ < out_.size() / 2) return;
   out_.erase(out_.begin(), out_.begin() + static_cast<std::ptrdiff_t>(sent_));

@@ -1,4 +1,3 @@
-// Batteries from sysfs or from the lab.
 #include "platform/linux/hostfacts/batteries.h"
 
 #include <algorithm>
@@ -8,7 +7,6 @@
 #include <fstream>
 #include <istream>
 #include <limits>
-#include <map>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -20,16 +18,16 @@ namespace platform {
 namespace {
 
 constexpr char kPowerSupplies[] = "/sys/class/power_supply";
-constexpr std::uint32_t kMinutesUnknown = 71582788;  // what Windows gives
+constexpr std::uint32_t kMinutesUnknown = 71582788;  // Windows' number
 constexpr std::int64_t kMinutesPerHour = 60;
 
 std::int64_t ParseInteger(std::string_view text) {
   std::int64_t number = 0;
-  (void)std::from_chars(text.data(), text.data() + text.size(), number);  // else it stays 0
+  (void)std::from_chars(text.data(), text.data() + text.size(), number);  // stays 0 on failure
   return number;
 }
 
-// A number in a field: what it can't hold is cut off at its ends.
+// Returns the number as a field holds it, cut off at the ends of its range.
 template <class Field>
 Field Clamped(std::int64_t number) {
   return static_cast<Field>(std::clamp<std::int64_t>(number, std::numeric_limits<Field>::min(),
@@ -48,7 +46,7 @@ class Supply {
     return text;
   }
   std::int64_t Thousandths(const char* fact) const { return ParseInteger(Text(fact)) / 1000; }
-  // An energy, or a charge at the battery's voltage: drivers tell one or the other.
+  // Drivers report an energy, or a charge, which is converted at the battery's voltage.
   std::int64_t MilliwattHours(const std::string& which) const {
     if (const std::int64_t energy = Thousandths(("energy_" + which).c_str())) return energy;
     return Thousandths(("charge_" + which).c_str()) * Thousandths("voltage_now") / 1000;
@@ -105,25 +103,26 @@ void ReadField(const std::string& value, BatteryFacts* facts) {
   facts->*field = Clamped<std::uint32_t>(ParseInteger(value));
 }
 
-const std::map<std::string, WordReader>& WordReaders() {
-  using B = BatteryFacts;
-  static const auto* readers = new std::map<std::string, WordReader>{
-      {"chemistry", [](const std::string& v, B* b) { b->chemistry = v.substr(0, 4); }},
-      {"designed", ReadField<&B::designedMilliwattHours>},
-      {"full", ReadField<&B::fullMilliwattHours>},
-      {"capacity", ReadField<&B::milliwattHours>},
-      {"voltage", ReadField<&B::millivolts>},
-      {"rate",
-       [](const std::string& v, B* b) { b->milliwatts = Clamped<std::int32_t>(ParseInteger(v)); }},
-      {"cycles", ReadField<&B::cycles>},
-      {"online", [](const std::string&, B* b) { b->online = true; }},
-      {"charging", [](const std::string&, B* b) { b->charging = true; }},
-      {"shortterm", [](const std::string&, B* b) { b->shortTerm = true; }},
-      {"device", [](const std::string&, B* b) { b->feedsMachine = false; }},
-      {"notag", [](const std::string&, B* b) { b->present = false; }},
-  };
-  return *readers;
-}
+using B = BatteryFacts;
+struct WordRow {
+  std::string_view word;
+  WordReader read;
+};
+constexpr WordRow kWords[] = {
+    {"chemistry", [](const std::string& v, B* b) { b->chemistry = v.substr(0, 4); }},
+    {"designed", ReadField<&B::designedMilliwattHours>},
+    {"full", ReadField<&B::fullMilliwattHours>},
+    {"capacity", ReadField<&B::milliwattHours>},
+    {"voltage", ReadField<&B::millivolts>},
+    {"rate",
+     [](const std::string& v, B* b) { b->milliwatts = Clamped<std::int32_t>(ParseInteger(v)); }},
+    {"cycles", ReadField<&B::cycles>},
+    {"online", [](const std::string&, B* b) { b->online = true; }},
+    {"charging", [](const std::string&, B* b) { b->charging = true; }},
+    {"shortterm", [](const std::string&, B* b) { b->shortTerm = true; }},
+    {"device", [](const std::string&, B* b) { b->feedsMachine = false; }},
+    {"notag", [](const std::string&, B* b) { b->present = false; }},
+};
 
 std::vector<BatteryFacts> LabBatteries(std::istream& file) {
   std::vector<BatteryFacts> batteries;
@@ -133,9 +132,9 @@ std::vector<BatteryFacts> LabBatteries(std::istream& file) {
     if (!(words >> facts.name)) continue;
     for (std::string word; words >> word;) {
       const std::size_t equals = std::min(word.find('='), word.size());
-      const auto reader = WordReaders().find(word.substr(0, equals));
-      if (reader == WordReaders().end()) continue;
-      reader->second(word.substr(std::min(equals + 1, word.size())), &facts);
+      for (const WordRow& row : kWords)
+        if (row.word == word.substr(0, equals))
+          row.read(word.substr(std::min(equals + 1, word.size())), &facts);
     }
     batteries.push_back(std::move(facts));
   }
@@ -162,11 +161,15 @@ std::uint32_t BatteryStatusOf(const BatteryFacts& battery) {
 }
 
 std::uint32_t ChemistryNumber(const std::string& chemistry) {
-  static const std::map<std::string, std::uint32_t> numbers = {
-      {"PbAc", 3}, {"NiCd", 4}, {"NiMH", 5}, {"LION", 6}, {"Li-P", 8}};
+  struct Row {
+    std::string_view chemistry;
+    std::uint32_t number;
+  };
+  constexpr Row kNumbers[] = {{"PbAc", 3}, {"NiCd", 4}, {"NiMH", 5}, {"LION", 6}, {"Li-P", 8}};
   constexpr std::uint32_t kUnknown = 2;
-  const auto found = numbers.find(chemistry);
-  return found != numbers.end() ? found->second : kUnknown;
+  for (const Row& row : kNumbers)
+    if (row.chemistry == chemistry) return row.number;
+  return kUnknown;
 }
 
 std::uint32_t MinutesLeft(const BatteryFacts& battery, std::uint32_t milliwattHours) {

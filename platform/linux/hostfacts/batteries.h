@@ -1,13 +1,13 @@
-// The host's batteries as WMI and the battery devices tell them: both come from this one list, so
-// they agree. It is read from /sys/class/power_supply.
+// The host's batteries, from /sys/class/power_supply. WMI and the battery devices both report this
+// list, so they agree.
 //
-// `batteries.txt` in the lab folder stands for a host of one's own making and hides the real one:
-// one battery a line, first its name, then words of these forms, in any order:
+// `batteries.txt` in the lab folder replaces the host's list: one battery a line, first its name,
+// then words of these forms, in any order:
 //   chemistry=LION designed=50000 full=45000 capacity=20000 voltage=12000 rate=-8000 cycles=120
 //   online charging shortterm device notag
 // Energies are in mWh, the voltage in mV, the rate in mW and negative when discharging. `device` is
 // a battery that doesn't feed the machine itself, `notag` a slot without a battery in it. Other
-// words are passed over.
+// words are ignored.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace platform {
 
 struct BatteryFacts {
   std::string name;
-  std::string chemistry;  // as BATTERY_INFORMATION gives it, at most four characters
+  std::string chemistry;  // as in BATTERY_INFORMATION, at most four characters
   std::uint32_t designedMilliwattHours = 0;
   std::uint32_t fullMilliwattHours = 0;
   std::uint32_t milliwattHours = 0;
@@ -32,12 +32,11 @@ struct BatteryFacts {
   bool present = true;
 };
 
-// The batteries in the order of their names, or of the lab's lines. Any thread.
+// Returns the batteries in the order of their names, or of the lab's lines. Any thread.
 std::vector<BatteryFacts> ListBatteries();
 
-// Win32_Battery's numbers: BatteryStatus (1 discharging, 2 on line power, 3 fully charged, 6
-// charging), Chemistry (CIM_Battery's list; 2 unknown), and minutes, which are 71582788 where
-// nobody knows.
+// Return Win32_Battery's numbers: BatteryStatus (1 discharging, 2 on line power, 3 fully charged, 6
+// charging), Chemistry (CIM_Battery's list; 2 unknown), and minutes, 71582788 if unknown.
 std::uint32_t BatteryStatusOf(const BatteryFacts& battery);
 std::uint32_t ChemistryNumber(const std::string& chemistry);
 std::uint32_t MinutesLeft(const BatteryFacts& battery, std::uint32_t milliwattHours);

@@ -1,4 +1,4 @@
-// The interfaces: those of the kernel, completed from /sys and resolv.conf, or those of the lab.
+// The kernel's interfaces, completed from /sys and resolv.conf, or those of the lab.
 #include "platform/linux/hostfacts/interfaces.h"
 
 #include <arpa/inet.h>
@@ -8,9 +8,7 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <limits>
-#include <map>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -46,9 +44,9 @@ std::string SysfsText(const std::string& interface, const char* fact) {
   return text;
 }
 
-// A /sys of another network namespace may have an interface of the same name; it is not believed
-// unless the index agrees.
-bool SysfsKnows(const KernelLink& link) {
+// Returns whether /sys describes the same interface: one of another network namespace may have one
+// of the same name, but then the indexes differ.
+bool SysfsDescribes(const KernelLink& link) {
   return SysfsText(link.name, "ifindex") == std::to_string(link.index);
 }
 
@@ -59,7 +57,7 @@ bool IsWireless(const std::string& interface) {
          std::filesystem::exists(folder / "phy80211", ignored);
 }
 
-// "-1", or no text at all, where the driver knows no speed.
+// The text is "-1" or missing if the driver knows no speed.
 std::uint32_t SpeedOf(const std::string& interface) {
   const auto megabits = ParseNumber<std::uint32_t>(SysfsText(interface, "speed"));
   if (!megabits || *megabits == std::numeric_limits<std::uint32_t>::max()) return 0;
@@ -87,7 +85,7 @@ Interface FromLink(const KernelLink& link) {
   found.loopback = link.loopback;
   if (!link.loopback && link.hardwareAddress.size() <= kMostHardwareBytes)
     found.hardwareAddress = link.hardwareAddress;
-  if (!SysfsKnows(link)) return found;
+  if (!SysfsDescribes(link)) return found;
   found.wireless = IsWireless(link.name);
   found.speed = SpeedOf(link.name);
   return found;
@@ -138,25 +136,24 @@ void AddAddress(const std::string& value, std::vector<std::uint32_t>* addresses)
   if (const auto address = ParseAddress(value)) addresses->push_back(*address);
 }
 
-using WordReader = std::function<void(const std::string& value, Interface* interface)>;
-
-const std::map<std::string, WordReader>& WordReaders() {
-  static const auto* readers = new std::map<std::string, WordReader>{
-      {"down", [](auto&, Interface* i) { i->up = false; }},
-      {"wireless", [](auto&, Interface* i) { i->wireless = true; }},
-      {"loopback", [](auto&, Interface* i) { i->loopback = true; }},
-      {"dynamic", [](auto&, Interface* i) { i->dynamic = true; }},
-      {"index",
-       [](auto& v, Interface* i) { i->index = ParseNumber<std::uint32_t>(v).value_or(i->index); }},
-      {"speed",
-       [](auto& v, Interface* i) { i->speed = ParseNumber<std::uint32_t>(v).value_or(0); }},
-      {"mac", ReadHardwareAddress},
-      {"address", ReadInterfaceAddress},
-      {"gateway", [](auto& v, Interface* i) { AddAddress(v, &i->gateways); }},
-      {"dns", [](auto& v, Interface* i) { AddAddress(v, &i->dnsServers); }},
-  };
-  return *readers;
-}
+using Text = const std::string&;
+struct WordRow {
+  std::string_view word;
+  void (*read)(const std::string& value, Interface* interface);
+};
+constexpr WordRow kWords[] = {
+    {"down", [](Text, Interface* i) { i->up = false; }},
+    {"wireless", [](Text, Interface* i) { i->wireless = true; }},
+    {"loopback", [](Text, Interface* i) { i->loopback = true; }},
+    {"dynamic", [](Text, Interface* i) { i->dynamic = true; }},
+    {"index",
+     [](Text v, Interface* i) { i->index = ParseNumber<std::uint32_t>(v).value_or(i->index); }},
+    {"speed", [](Text v, Interface* i) { i->speed = ParseNumber<std::uint32_t>(v).value_or(0); }},
+    {"mac", ReadHardwareAddress},
+    {"address", ReadInterfaceAddress},
+    {"gateway", [](Text v, Interface* i) { AddAddress(v, &i->gateways); }},
+    {"dns", [](Text v, Interface* i) { AddAddress(v, &i->dnsServers); }},
+};
 
 Interface ReadInterfaceLine(const std::string& line) {
   Interface interface;
@@ -164,9 +161,9 @@ Interface ReadInterfaceLine(const std::string& line) {
   words >> interface.name;
   for (std::string word; words >> word;) {
     const std::size_t equals = std::min(word.find('='), word.size());
-    const auto reader = WordReaders().find(word.substr(0, equals));
-    if (reader == WordReaders().end()) continue;
-    reader->second(word.substr(std::min(equals + 1, word.size())), &interface);
+    for (const WordRow& row : kWords)
+      if (row.word == word.substr(0, equals))
+        row.read(word.substr(std::min(equals + 1, word.size())), &interface);
   }
   return interface;
 }

@@ -1,11 +1,11 @@
-// The host's network interfaces as the inventory's calls see them: WMI's adapters, the interface
-// table, the adapter list and the adapter addresses all come from this one list, so they agree.
+// The host's network interfaces. WMI's adapters, the interface table, the adapter list and the
+// adapter addresses all come from this list, so they agree.
 //
-// `adapters.txt` in the lab folder stands for a host of one's own making and hides the real one:
-// one interface a line, first its name, then words of these forms, in any order:
+// `adapters.txt` in the lab folder replaces the host's list: one interface a line, first its name,
+// then words of these forms, in any order:
 //   down wireless loopback dynamic mac=02:00:00:00:00:01 speed=1000000000 index=7
 //   address=192.168.1.5/24 gateway=192.168.1.1 dns=192.168.1.1     (each as often as wanted)
-// The index is the line's number if none is given. Other words are passed over.
+// The index is the line's number if none is given. Other words are ignored.
 #pragma once
 
 #include <cstdint>
@@ -33,8 +33,8 @@ struct Interface {
   std::vector<std::uint32_t> dnsServers;  // sin_addr form
 };
 
-// The interfaces by their index, loopback interfaces last: Windows lists them last too, and who
-// looks for any adapter that is up must not meet the loopback interface first. Any thread.
+// Returns the interfaces in the order of their indexes, loopback interfaces last. Windows lists
+// them last too, and a search for any adapter that is up must not find one first. Any thread.
 std::vector<Interface> ListInterfaces();
 
 }  // namespace platform

@@ -1,4 +1,3 @@
-// Dumps over rtnetlink. What the kernel sends is read by copies within bounds, never in place.
 #include "platform/linux/hostfacts/netlink.h"
 
 #include <linux/if.h>
@@ -18,9 +17,9 @@ namespace platform {
 
 namespace {
 
-constexpr std::size_t kDumpPart = 65536;  // more than the kernel puts into one answer
+constexpr std::size_t kDumpPart = 65536;  // more than the kernel puts into one part
 
-// One message of an answer: its fixed part and the attributes behind it. All reads are copies
+// One message of a response: its fixed part and the attributes that follow. All reads are copies
 // within its bounds, so neither alignment nor a wrong length matters.
 class Message {
  public:
@@ -34,7 +33,7 @@ class Message {
     return true;
   }
 
-  // The bytes of an attribute, empty if it isn't there.
+  // Returns the bytes of an attribute; empty if the message has none of that type.
   std::string Attribute(unsigned short type) const {
     std::size_t at = attributes_;
     while (at + sizeof(rtattr) <= size_) {
@@ -76,7 +75,7 @@ bool RequestDump(int socket, std::uint16_t type, unsigned char family) {
   return sent == static_cast<ssize_t>(request.head.nlmsg_len);
 }
 
-// Gives each message of one part of the answer to `read`. False when it was the last part.
+// Passes each message of one part of the response to `read`. Returns false for the last part.
 bool ReadPart(const std::string& part, std::uint16_t wanted, const MessageReader& read) {
   std::size_t at = 0;
   while (at + sizeof(nlmsghdr) <= part.size()) {
@@ -91,11 +90,11 @@ bool ReadPart(const std::string& part, std::uint16_t wanted, const MessageReader
   return true;
 }
 
-// Asks for everything of a kind (RTM_GETLINK...); the answers are of the kind `wanted`.
+// Requests all objects of a kind (RTM_GETLINK...); the response has messages of the type `wanted`.
 void Dump(std::uint16_t type, std::uint16_t wanted, unsigned char family,
           const MessageReader& read) {
   const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-  if (socket.Value() < 0 || !RequestDump(socket.Value(), type, family)) return;
+  if (!socket || !RequestDump(socket.Value(), type, family)) return;
   std::string part;
   do {
     part.resize(kDumpPart);
@@ -108,8 +107,8 @@ void Dump(std::uint16_t type, std::uint16_t wanted, unsigned char family,
   } while (ReadPart(part, wanted, read));
 }
 
-// The operational state says more than the carrier, but interfaces without such a state (the
-// loopback interface, tunnels) leave it unknown.
+// The operational state is more exact than the carrier, but it is unknown for interfaces without
+// one (the loopback interface, tunnels).
 bool IsUp(unsigned flags, std::uint8_t operState) {
   if ((flags & IFF_UP) == 0) return false;
   if (operState == IF_OPER_UP) return true;

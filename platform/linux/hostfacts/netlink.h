@@ -1,6 +1,5 @@
-// What the kernel says of its network interfaces over rtnetlink. It answers for the network
-// namespace that the process is in, which /sys doesn't: a /sys mounted elsewhere shows the
-// interfaces of elsewhere.
+// The kernel's network interfaces, over rtnetlink. It reports those of the process's network
+// namespace; /sys reports those of the namespace in which it was mounted.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +20,7 @@ struct KernelAddress {
   std::uint32_t index;    // of its interface
   std::uint32_t address;  // sin_addr form
   std::uint8_t prefixLength;
-  bool permanent;  // false: it has a lease and runs out
+  bool permanent;  // false for an address with a lease
 };
 
 struct KernelGateway {
@@ -29,8 +28,8 @@ struct KernelGateway {
   std::uint32_t address;  // sin_addr form
 };
 
-// The interfaces, their IPv4 addresses, and the gateways of the default routes of the main table,
-// each in the kernel's order. Empty when the kernel can't be asked. Any thread.
+// Return the interfaces, their IPv4 addresses, and the gateways of the default routes of the main
+// table, each in the kernel's order. Empty if the kernel can't be queried. Any thread.
 std::vector<KernelLink> KernelLinks();
 std::vector<KernelAddress> KernelAddresses();
 std::vector<KernelGateway> KernelDefaultGateways();

@@ -1,71 +1,42 @@
-// The lab link's mailbox end.
 #include "platform/linux/lab/mailbox_link.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <cassert>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 
-#include "platform/error.h"
+#include "platform/handle.h"
 #include "platform/linux/lab/lab_folder.h"
+#include "platform/linux/lab/shared_region.h"
+#include "platform/linux/runtime/last_error.h"
 
 namespace platform {
 
 namespace {
 
-constexpr std::size_t kPage = 4096;
 constexpr int kHoldReadsMs = 1;
 constexpr long kBackstopNanoseconds = 1'000'000;
 
-// Room for the longest message behind the start of any other. Page-aligned: copies that begin a few
-// bytes into a page are many times slower.
-constexpr std::size_t kInboxSize =
-    (2 * (sizeof(lablink::Head) + lablink::kMaxBody) + kPage - 1) / kPage * kPage;
-
-std::byte* AllocateInbox() {
-  return static_cast<std::byte*>(std::aligned_alloc(kPage, kInboxSize));
-}
-
-void Drain(int descriptor) {
-  std::uint64_t count;
-  [[maybe_unused]] ssize_t n = ::read(descriptor, &count, sizeof count);
-}
-
-void Ring(int descriptor) {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] ssize_t written = ::write(descriptor, &one, sizeof one);
-}
-
-// The control codes whose answer is the address of a shared region.
-struct RegionCode {
-  std::uint32_t code;
-  std::uint64_t region;
+// The links of this process by their paths.
+struct OpenLinks {
+  std::mutex lock;
+  std::map<std::string, std::weak_ptr<MailboxLink>> byPath;
 };
-constexpr RegionCode kRegionCodes[] = {{0x9C416450, lablink::kKeyboardMouseRegion},
-                                       {0x9C416448, lablink::kLogRegion}};
 
-// An answer with a non-zero first 8 bytes says that the region is there; its address is ours.
-void PlaceRegionAddress(std::uint32_t code, void* output, std::uint32_t bytes) {
-  for (const RegionCode& row : kRegionCodes) {
-    std::uint64_t first = 0;
-    if (row.code != code || bytes < sizeof first) continue;
-    std::memcpy(&first, output, sizeof first);
-    if (first == 0) return;
-    first = reinterpret_cast<std::uint64_t>(SharedRegion(row.region).data());
-    std::memcpy(output, &first, sizeof first);
-  }
+void Register(RequestRecord* record, std::uint64_t id) {
+  StateOf(record).id = id;
+  StateOf(record).error = kErrorIoPending;
 }
 
 void FinishRecord(Wakes* wakes, RequestRecord* record, std::uint32_t error, std::uint32_t bytes) {
   RecordState& state = StateOf(record);
+  assert(state.error == kErrorIoPending);  // invariant 2
   state.error = error;
   state.bytes = bytes;
   if (state.event != nullptr) SignalLocked(wakes, *state.event);
@@ -79,87 +50,44 @@ void FinishRead(Wakes* wakes, PortState* port, RequestRecord* record, std::uint3
   wakes->Add(port->changed);
 }
 
-// The service reads and writes a region at the same time: an index, which is an aligned word, is
-// moved whole, and what is moved first is seen first.
-constexpr std::size_t kWord = sizeof(std::uint32_t);
-
-std::size_t WholeWords(const std::byte* shared, std::size_t size) {
-  return reinterpret_cast<std::uintptr_t>(shared) % kWord == 0 ? size / kWord * kWord : 0;
-}
-
-void StoreShared(std::span<std::byte> shared, std::span<const std::byte> from) {
-  const std::size_t words = WholeWords(shared.data(), from.size());
-  for (std::size_t i = 0; i < words; i += kWord) {
-    std::uint32_t word;
-    std::memcpy(&word, &from[i], kWord);
-    std::atomic_ref(*reinterpret_cast<std::uint32_t*>(&shared[i]))
-        .store(word, std::memory_order_release);
-  }
-  for (std::size_t i = words; i < from.size(); ++i)
-    std::atomic_ref(shared[i]).store(from[i], std::memory_order_release);
-}
-
-void LoadShared(std::span<std::byte> to, std::span<std::byte> shared) {
-  const std::size_t words = WholeWords(shared.data(), to.size());
-  for (std::size_t i = 0; i < words; i += kWord) {
-    const std::uint32_t word = std::atomic_ref(*reinterpret_cast<std::uint32_t*>(&shared[i]))
-                                   .load(std::memory_order_acquire);
-    std::memcpy(&to[i], &word, kWord);
-  }
-  for (std::size_t i = words; i < to.size(); ++i)
-    to[i] = std::atomic_ref(shared[i]).load(std::memory_order_acquire);
-}
-
 }  // namespace
 
-std::span<std::byte> SharedRegion(std::uint64_t region) {
-  alignas(kPage) static std::byte keyboardMouse[lablink::kKeyboardMouseRegionSize];
-  alignas(kPage) static std::byte log[lablink::kLogRegionSize];
-  if (region == lablink::kKeyboardMouseRegion) return keyboardMouse;
-  if (region == lablink::kLogRegion) return log;
-  return {};
-}
-
 std::shared_ptr<MailboxLink> MailboxLink::Open(const std::string& path) {
-  static std::mutex* lock = new std::mutex;
-  static auto* links = new std::map<std::string, std::weak_ptr<MailboxLink>>;
-  std::lock_guard guard(*lock);
-  std::shared_ptr<MailboxLink> link = (*links)[path].lock();
+  static ProcessLifetime<OpenLinks> links;
+  std::lock_guard guard(links->lock);
+  std::shared_ptr<MailboxLink> link = links->byPath[path].lock();
   if (link) return link;
-  const int fd = DialLabSocket(path);
-  if (fd < 0) return SetLastError(kErrorFileNotFound), nullptr;
+  const int fd = ConnectLabSocket(path);
+  if (fd < 0) return Fail(kErrorFileNotFound, nullptr);
   link = std::make_shared<MailboxLink>(fd);
-  (*links)[path] = link;
+  links->byPath[path] = link;
   return link;
 }
 
 MailboxLink::MailboxLink(int descriptor)
-    : descriptor_(descriptor),
-      stopDescriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      outboxDescriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      timerDescriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
-      inbox_(AllocateInbox(), std::free),
-      thread_([this] { Run(); }) {}
+    : socket_(descriptor),
+      stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      bell_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      thread_([this] { RunBackstop(); }) {}
 
 MailboxLink::~MailboxLink() {
   stopping_.store(true, std::memory_order_release);
-  Ring(stopDescriptor_);
+  SignalDescriptor(stop_.Value());
   thread_.join();
-  for (int each : {timerDescriptor_, outboxDescriptor_, stopDescriptor_, descriptor_})
-    ::close(each);
 }
 
-void MailboxLink::TellOpen(std::uint64_t handle, std::uint32_t mode) {
-  Send(lablink::kOpen, handle, mode);
+void MailboxLink::OpenHandle(std::uint64_t handle, std::uint32_t mode) {
+  sender_.Send(lablink::kOpen, handle, mode);
 }
 
-void MailboxLink::TellClose(std::uint64_t handle) {
+void MailboxLink::CloseHandle(std::uint64_t handle) {
   {
     std::lock_guard guard(WaitLock());
     std::erase_if(pending_, [&](const auto& entry) { return entry.second.handle == handle; });
     std::erase_if(armed_, [&](const Armed& read) { return read.handle == handle; });
   }
-  Send(lablink::kClose, handle, 0);
+  sender_.Send(lablink::kClose, handle, 0);
 }
 
 bool MailboxLink::Request(std::uint64_t handle, std::uint32_t code, const void* input,
@@ -168,14 +96,13 @@ bool MailboxLink::Request(std::uint64_t handle, std::uint32_t code, const void* 
   std::uint64_t id;
   {
     std::lock_guard guard(WaitLock());
-    if (gone_) return SetLastError(kErrorDeviceNotConnected), false;
+    if (gone_) return Fail(kErrorDeviceNotConnected);
     id = nextRequest_++;
-    StateOf(record).id = id;
-    StateOf(record).error = kErrorIoPending;
+    Register(record, id);
     pending_[id] = {handle, code, output, output != nullptr ? outputSize : 0, record};
   }
   const iovec body[] = {{&outputSize, sizeof outputSize}, {const_cast<void*>(input), inputSize}};
-  Send(lablink::kRequest, id, code, body);
+  sender_.Send(lablink::kRequest, id, code, body);
   return true;
 }
 
@@ -185,43 +112,18 @@ bool MailboxLink::Read(std::uint64_t handle, void* buffer, std::uint32_t size,
   {
     Wakes wakes;
     std::lock_guard guard(WaitLock());
-    if (gone_) return SetLastError(kErrorDeviceNotConnected), false;
+    if (gone_) return Fail(kErrorDeviceNotConnected);
     count = ++readsArmed_;
-    StateOf(record).id = count;
-    StateOf(record).error = kErrorIoPending;
+    Register(record, count);
     armed_.push_back({handle, buffer, size, record, port});
     if (!waitingFrames_.empty()) {
-      const std::vector<std::byte> frame = std::move(waitingFrames_.front());
+      const std::vector<std::uint8_t> frame = std::move(waitingFrames_.front());
       waitingFrames_.pop_front();
       TakeFrame(&wakes, frame);
     }
   }
-  TellRead(count, size);
+  sender_.SendRead(count, size);
   return true;
-}
-
-// Telling the firmware at once of each read armed anew would wake it for every frame, so in a run
-// of frames the news travels with the next message, or a millisecond later.
-void MailboxLink::TellRead(std::uint64_t count, std::uint32_t size) {
-  const lablink::Head head{lablink::kMagic, lablink::kRead, count, size, 0};
-  {
-    std::lock_guard guard(sendLock_);
-    if (holdReads_) {
-      held_.append(reinterpret_cast<const char*>(&head), sizeof head);
-      return;
-    }
-  }
-  Send(lablink::kRead, count, size);
-}
-
-void MailboxLink::HoldReads(bool hold) {
-  std::string due;
-  {
-    std::lock_guard guard(sendLock_);
-    holdReads_ = hold;
-    if (!hold) due.swap(held_);
-  }
-  if (!due.empty()) SendParts({{{due.data(), due.size()}}}, 1);
 }
 
 bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
@@ -245,15 +147,16 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
       return found = true;
     });
   }
-  for (std::uint64_t id : cancelled) Send(lablink::kCancel, id, 0);
+  for (std::uint64_t id : cancelled) sender_.Send(lablink::kCancel, id, 0);
   return found || !cancelled.empty();
 }
 
-// Leads from here to its end, without WaitLock; whoever leads reads the link. The backstop is told
-// to look after the link if nobody leads for a while.
+// Makes the calling thread the leader while it lives, with WaitLock released meanwhile. At its end
+// it schedules the backstop, in case no other leader follows.
 class MailboxLink::Leading {
  public:
   Leading(MailboxLink* link, std::unique_lock<std::mutex>* lock) : link_(link), lock_(lock) {
+    assert(lock_->owns_lock() && !link_->led_);
     link_->led_ = true;
     lock_->unlock();
   }
@@ -270,15 +173,16 @@ class MailboxLink::Leading {
   std::unique_lock<std::mutex>* const lock_;
 };
 
-// Under WaitLock. One call of the timer serves for all leaders of a millisecond.
+// Under WaitLock. One start of the timer serves all leaders of a millisecond.
 void MailboxLink::CallBackstop() {
   if (backstopCalled_) return;
   backstopCalled_ = true;
   const itimerspec soon{{0, 0}, {0, kBackstopNanoseconds}};
-  ::timerfd_settime(timerDescriptor_, 0, &soon, nullptr);
+  ::timerfd_settime(timer_.Value(), 0, &soon, nullptr);
 }
 
 void MailboxLink::AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock) {
+  assert(lock->owns_lock() && lock->mutex() == &WaitLock());
   while (port->queue.empty()) {
     if (led_ || gone_) {
       follower_ = &port->changed;
@@ -287,16 +191,16 @@ void MailboxLink::AwaitFinished(PortState* port, std::unique_lock<std::mutex>* l
     }
     Leading leading(this, lock);
     if (AwaitReadable(EndDescriptor())) {
-      (void)TakeBatch();  // the link's end finishes the reads too
+      (void)TakeBatch();  // the link's end completes the reads too
     } else {
       LeaveIfEnded();
     }
   }
 }
 
-void MailboxLink::WakeLeader() { Ring(outboxDescriptor_); }
+void MailboxLink::WakeLeader() { SignalDescriptor(bell_.Value()); }
 
-void MailboxLink::Run() {
+void MailboxLink::RunBackstop() {
   while (!stopping_.load(std::memory_order_acquire)) {
     while (LeadOnce()) {
     }
@@ -304,113 +208,112 @@ void MailboxLink::Run() {
   }
 }
 
-// One batch as the backstop. False when somebody else should lead, or nobody.
+// Takes one batch as the backstop. Returns false when another thread should lead, or none.
 bool MailboxLink::LeadOnce() {
   Wakes wakes;
   std::unique_lock lock(WaitLock());
   if (led_ || gone_) return false;
   {
     Leading leading(this, &lock);
-    if (!AwaitReadable(stopDescriptor_) || !TakeBatch()) return false;
+    if (!AwaitReadable(stop_.Value()) || !TakeBatch()) return false;
   }
   if (follower_ == nullptr) return true;
   wakes.Add(*std::exchange(follower_, nullptr));
   return false;
 }
 
-// Waits until nobody may have led for a while, or for the stop.
+// Blocks until the link may have been without a leader for a while, or until the stop.
 void MailboxLink::AwaitCall() {
-  pollfd fds[2] = {{timerDescriptor_, POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
+  pollfd fds[2] = {{timer_.Value(), POLLIN, 0}, {stop_.Value(), POLLIN, 0}};
   ::poll(fds, 2, -1);
-  Drain(timerDescriptor_);
+  ResetDescriptor(timer_.Value());
   std::lock_guard guard(WaitLock());
   backstopCalled_ = false;
 }
 
-// The leader's wait for the firmware's next bytes or for a ring, sending what the outbox holds
-// meanwhile. False when `endDescriptor` became readable instead.
+// Blocks the leader until bytes of the firmware or the bell arrive, and flushes the outbox
+// meanwhile. Returns false when `endDescriptor` became readable instead.
 bool MailboxLink::AwaitReadable(int endDescriptor) {
   for (;;) {
-    short events = POLLIN;
-    int timeoutMs;
-    {
-      std::lock_guard guard(sendLock_);
-      if (!outbox_.empty()) events |= POLLOUT;
-      timeoutMs = holdReads_ ? kHoldReadsMs : -1;
-    }
+    const LinkSender::Demand demand = sender_.CurrentDemand();
+    const short events = static_cast<short>(POLLIN | (demand.room ? POLLOUT : 0));
     pollfd fds[3] = {
-        {descriptor_, events, 0}, {outboxDescriptor_, POLLIN, 0}, {endDescriptor, POLLIN, 0}};
-    const int ready = ::poll(fds, 3, timeoutMs);
+        {socket_.Value(), events, 0}, {bell_.Value(), POLLIN, 0}, {endDescriptor, POLLIN, 0}};
+    const int ready = ::poll(fds, 3, demand.holdsReads ? kHoldReadsMs : -1);
     if (ready < 0) continue;  // interrupted
-    if (ready == 0) HoldReads(false);
+    if (ready == 0) sender_.HoldReads(false);
     if (fds[2].revents != 0) return false;
-    if ((fds[0].revents & POLLOUT) != 0) FlushOutbox();
-    if (fds[1].revents != 0) Drain(outboxDescriptor_);
+    if ((fds[0].revents & POLLOUT) != 0) sender_.Flush();
+    if (fds[1].revents != 0) ResetDescriptor(bell_.Value());
     if (fds[1].revents != 0 || (fds[0].revents & ~POLLOUT) != 0) return true;
   }
 }
 
-// The leader's: takes what has come, and serves the messages that are whole. Who gets something is
-// woken when all of them have been served. False when the link has ended.
+// The leader's: receives what has arrived and serves its messages. The threads that they concern
+// are woken once all have been served. Returns false when the link has ended.
 bool MailboxLink::TakeBatch() {
-  const ssize_t n = ::recv(descriptor_, inbox_.get() + filled_, kInboxSize - filled_, MSG_DONTWAIT);
+  const std::span<std::uint8_t> room = reader_.Room();
+  const ssize_t n = ::recv(socket_.Value(), room.data(), room.size(), MSG_DONTWAIT);
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
   Wakes wakes;
-  if (n <= 0) return EndLink(&wakes), false;
-  filled_ += static_cast<std::size_t>(n);
-  std::size_t at = 0;
-  lablink::Head head;
-  while (filled_ - at >= sizeof head) {
-    std::memcpy(&head, inbox_.get() + at, sizeof head);
-    if (head.magic != lablink::kMagic || head.length > lablink::kMaxBody)
-      return EndLink(&wakes), false;
-    if (filled_ - at < sizeof head + head.length) break;
-    const std::span<const std::byte> body(inbox_.get() + at + sizeof head, head.length);
-    if (!TakeMessage(&wakes, head, body)) return EndLink(&wakes), false;
-    at += sizeof head + head.length;
-  }
-  filled_ -= at;
-  if (at > 0 && filled_ > 0) std::memmove(inbox_.get(), inbox_.get() + at, filled_);
-  return true;
+  if (n > 0) reader_.Filled(static_cast<std::size_t>(n));
+  if (n > 0 && TakeMessages(&wakes)) return true;
+  EndLink(&wakes);
+  return false;
 }
 
-bool MailboxLink::TakeMessage(Wakes* wakes, const lablink::Head& head, Body body) {
+// Returns false for a stream that isn't one of the lab link.
+bool MailboxLink::TakeMessages(Wakes* wakes) {
+  lablink::Message message;
+  lablink::Parsed result;
+  while ((result = reader_.Next(&message)) == lablink::Parsed::kMessage)
+    if (!TakeMessage(wakes, message)) return false;
+  return result == lablink::Parsed::kNeedMore;
+}
+
+bool MailboxLink::TakeMessage(Wakes* wakes, const lablink::Message& message) {
+  const lablink::Head& head = message.head;
   switch (head.kind) {
     case lablink::kComplete:
-      return Complete(wakes, head, body), true;
+      CompleteRequest(wakes, message);
+      return true;
     case lablink::kFrame: {
       if (head.length > lablink::kMaxFrame) return false;
-      HoldReads(true);
+      sender_.HoldReads(true);
       std::lock_guard guard(WaitLock());
-      return TakeFrame(wakes, body), true;
+      TakeFrame(wakes, message.body);
+      return true;
     }
     case lablink::kFailRead:
-      return FailRead(wakes, head.word), true;
+      FailRead(wakes, head.word);
+      return true;
     case lablink::kPoke:
-      return Poke(head, body), true;
+      StoreInRegion(head.id, head.word, std::as_bytes(message.body));
+      return true;
     case lablink::kPeek:
-      return Peek(head, body), true;
+      SendMemory(message);
+      return true;
     default:
       return false;
   }
 }
 
-void MailboxLink::Complete(Wakes* wakes, const lablink::Head& head, Body body) {
+void MailboxLink::CompleteRequest(Wakes* wakes, const lablink::Message& message) {
   std::lock_guard guard(WaitLock());
-  auto found = pending_.find(head.id);
+  auto found = pending_.find(message.head.id);
   if (found == pending_.end()) return;  // cancelled meanwhile
   const Pending request = found->second;
   pending_.erase(found);
-  const std::uint32_t bytes = std::min(head.length, request.outputSize);
+  const std::uint32_t bytes = std::min(message.head.length, request.outputSize);
   if (bytes > 0) {
-    std::memcpy(request.output, body.data(), bytes);
+    std::memcpy(request.output, message.body.data(), bytes);
     PlaceRegionAddress(request.code, request.output, bytes);
   }
-  FinishRecord(wakes, request.record, head.word, bytes);
+  FinishRecord(wakes, request.record, message.head.word, bytes);
 }
 
 // Under WaitLock.
-void MailboxLink::TakeFrame(Wakes* wakes, std::span<const std::byte> frame) {
+void MailboxLink::TakeFrame(Wakes* wakes, std::span<const std::uint8_t> frame) {
   if (armed_.empty()) {
     waitingFrames_.emplace_back(frame.begin(), frame.end());
     return;
@@ -430,26 +333,17 @@ void MailboxLink::FailRead(Wakes* wakes, std::uint32_t error) {
   FinishRead(wakes, read.port, read.record, error, 0);
 }
 
-void MailboxLink::Poke(const lablink::Head& head, Body body) {
-  const std::span<std::byte> region = SharedRegion(head.id);
-  if (head.word > region.size() || head.length > region.size() - head.word) return;
-  StoreShared(region.subspan(head.word, head.length), body);
-}
-
-void MailboxLink::Peek(const lablink::Head& head, Body input) {
-  const std::span<std::byte> region = SharedRegion(head.id);
+void MailboxLink::SendMemory(const lablink::Message& message) {
   std::uint32_t count = 0;
-  if (head.length < sizeof count) return;
-  std::memcpy(&count, input.data(), sizeof count);
-  if (head.word > region.size()) count = 0;
-  count = std::min<std::uint32_t>(count, static_cast<std::uint32_t>(region.size()) - head.word);
-  std::vector<std::byte> bytes(count);
-  LoadShared(bytes, region.subspan(head.word, count));
+  if (message.body.size() < sizeof count) return;
+  std::memcpy(&count, message.body.data(), sizeof count);
+  const lablink::Head& head = message.head;
+  std::vector<std::byte> bytes = LoadFromRegion(head.id, head.word, count);
   const iovec body[] = {{bytes.data(), bytes.size()}};
-  Send(lablink::kMemory, head.id, head.word, body);
+  sender_.Send(lablink::kMemory, head.id, head.word, body);
 }
 
-// The device has gone: what is in flight fails, and so does what comes later.
+// The device is gone: what is in flight fails, and so does every later request and read.
 void MailboxLink::EndLink(Wakes* wakes) {
   std::lock_guard guard(WaitLock());
   gone_ = true;
@@ -459,59 +353,6 @@ void MailboxLink::EndLink(Wakes* wakes) {
   for (const Armed& read : armed_)
     FinishRead(wakes, read.port, read.record, kErrorDeviceNotConnected, 0);
   armed_.clear();
-}
-
-void MailboxLink::Send(std::uint32_t kind, std::uint64_t id, std::uint32_t word,
-                       std::span<const iovec> body) {
-  lablink::Head head{lablink::kMagic, kind, id, word, 0};
-  Parts parts{{{&head, sizeof head}}};
-  std::size_t count = 1;
-  for (const iovec& part : body) {
-    if (part.iov_len == 0) continue;
-    parts[count++] = part;
-    head.length += static_cast<std::uint32_t>(part.iov_len);
-  }
-  SendParts(parts, count);
-}
-
-// Sends what the socket takes, behind the reads that were held; the rest goes to the outbox.
-void MailboxLink::SendParts(Parts parts, std::size_t count) {
-  std::lock_guard guard(sendLock_);
-  std::string held;
-  held.swap(held_);
-  if (!held.empty()) {
-    std::copy_backward(parts.begin(), parts.begin() + count, parts.begin() + count + 1);
-    parts[0] = {held.data(), held.size()};
-    ++count;
-  }
-  std::size_t sent = 0;
-  if (outbox_.empty()) {
-    msghdr message{};
-    message.msg_iov = parts.data();
-    message.msg_iovlen = count;
-    const ssize_t n = ::sendmsg(descriptor_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0 && errno != EAGAIN && errno != EINTR) return;  // the link's end is seen by its thread
-    sent = n > 0 ? static_cast<std::size_t>(n) : 0;
-  }
-  KeepRest({parts.data(), count}, sent);
-}
-
-// Under sendLock_: what follows the first `sent` bytes goes to the outbox.
-void MailboxLink::KeepRest(std::span<const iovec> parts, std::size_t sent) {
-  const std::size_t before = outbox_.size();
-  for (const iovec& part : parts) {
-    const std::size_t skip = std::min(sent, part.iov_len);
-    sent -= skip;
-    outbox_.append(static_cast<const char*>(part.iov_base) + skip, part.iov_len - skip);
-  }
-  if (outbox_.size() > before) Ring(outboxDescriptor_);
-}
-
-void MailboxLink::FlushOutbox() {
-  std::lock_guard guard(sendLock_);
-  const ssize_t n =
-      ::send(descriptor_, outbox_.data(), outbox_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (n > 0) outbox_.erase(0, static_cast<std::size_t>(n));
 }
 
 }  // namespace platform

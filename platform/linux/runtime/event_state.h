@@ -1,6 +1,7 @@
-// What an event is made of here; requests signal it too. Guarded by WaitLock.
+// The state behind an event; requests signal events too. Guarded by WaitLock.
 #pragma once
 
+#include <cassert>
 #include <condition_variable>
 
 #include "platform/event.h"
@@ -14,9 +15,15 @@ struct EventState {
   bool signalled = false;
 };
 
-inline EventState& StateOf(const Event& event) { return *static_cast<EventState*>(event.Raw()); }
+inline EventState& StateOf(const Event& event) {
+  assert(event);
+  return *static_cast<EventState*>(event.Raw());
+}
 
-// Signals under WaitLock, which is given back before the wakes.
-void SignalLocked(Wakes* wakes, EventState& event);
+// Signals an event. Requires WaitLock; the waiters are woken after it is released.
+inline void SignalLocked(Wakes* wakes, EventState& event) {
+  event.signalled = true;
+  wakes->Add(event.changed);
+}
 
 }  // namespace platform

@@ -1,17 +1,17 @@
-// The gate's armed side: everything under one lock, since a test cares for order, not for speed.
+// The gate's armed side: everything is under one lock, because a test needs order, not speed.
 #include "platform/linux/runtime/gate.h"
 
+#include <cassert>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <mutex>
 
 #include "platform/error.h"
+#include "platform/handle.h"
 #include "platform/linux/runtime/wait.h"
 
 namespace platform::gate {
-
-std::atomic<bool> gArmed{false};
 
 namespace {
 
@@ -26,14 +26,14 @@ struct State {
   std::vector<std::string> trace;
   std::multimap<std::string, Rule> rules;
   std::uint64_t calls = 0;
-  std::vector<std::string> names;  // of those calls
+  std::vector<std::string> names;  // of the counted calls
   std::uint64_t failAt = 0;
   std::uint32_t failWith = 0;
   std::string hit;
 };
 
 State& Gate() {
-  static State* state = new State;  // outlives every thread that may still call
+  static ProcessLifetime<State> state;
   return *state;
 }
 
@@ -94,8 +94,9 @@ std::string Arguments(const char* format, ...) {
   char text[256];
   va_list list;
   va_start(list, format);
-  std::vsnprintf(text, sizeof text, format, list);
+  [[maybe_unused]] const int length = std::vsnprintf(text, sizeof text, format, list);
   va_end(list);
+  assert(length >= 0);
   return text;
 }
 
@@ -107,10 +108,10 @@ void Arm() {
   gate.names.clear();
   gate.calls = gate.failAt = 0;
   gate.hit.clear();
-  gArmed.store(true, std::memory_order_relaxed);
+  Switch().store(true, std::memory_order_relaxed);
 }
 
-void Disarm() { gArmed.store(false, std::memory_order_relaxed); }
+void Disarm() { Switch().store(false, std::memory_order_relaxed); }
 
 void FailNth(std::uint64_t n, std::uint32_t error) {
   State& gate = Gate();

@@ -1,4 +1,4 @@
-// What stands behind a token here: the user, by which tokens are distinguished.
+// The state behind a token: the user, by which tokens are distinguished.
 #pragma once
 
 #include <cstdint>

@@ -1,14 +1,15 @@
-// The waiting core: see the invariants in the header.
 #include "platform/linux/runtime/wait.h"
 
 #include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
 #include <exception>
 #include <utility>
 
 #include "platform/event.h"
+#include "platform/handle.h"
 #include "platform/thread.h"
 
 namespace platform {
@@ -24,21 +25,24 @@ bool MayLeave() { return tStays == 0 && std::uncaught_exceptions() == 0; }
 }  // namespace
 
 StayInThread::StayInThread() { ++tStays; }
-StayInThread::~StayInThread() { --tStays; }
+StayInThread::~StayInThread() {
+  assert(tStays > 0);
+  --tStays;
+}
 
 ThreadRecord::~ThreadRecord() {
   if (endDescriptor >= 0) ::close(endDescriptor);
 }
 
 std::mutex& WaitLock() {
-  static std::mutex* lock = new std::mutex;  // outlives every thread that may still wait
+  static ProcessLifetime<std::mutex> lock;
   return *lock;
 }
 
 std::condition_variable& SleepingPlace() {
   constexpr std::size_t kPlaces = 64;
-  static auto* places = new std::array<std::condition_variable, kPlaces>;
-  static std::atomic<std::size_t> handedOut{0};  // relaxed: only a spread is asked for
+  static ProcessLifetime<std::array<std::condition_variable, kPlaces>> places;
+  static std::atomic<std::size_t> handedOut{0};  // relaxed: only spreads the objects
   return (*places)[handedOut.fetch_add(1, std::memory_order_relaxed) % kPlaces];
 }
 
@@ -47,7 +51,10 @@ ThreadRecord& CurrentThread() {
   return *tRecord;
 }
 
-void SetCurrentThread(std::shared_ptr<ThreadRecord> record) { tRecord = std::move(record); }
+void SetCurrentThread(std::shared_ptr<ThreadRecord> record) {
+  assert(record != nullptr && tRecord == nullptr);
+  tRecord = std::move(record);
+}
 
 void LeaveIfEnded() {
   ThreadRecord& self = CurrentThread();
@@ -66,7 +73,9 @@ Deadline DeadlineAfter(std::uint32_t milliseconds) {
 
 bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
               Deadline deadline) {
+  assert(lock.owns_lock() && lock.mutex() == &WaitLock());
   ThreadRecord& self = CurrentThread();
+  assert(self.waitingOn == nullptr);
   if (self.ended && MayLeave()) throw ThreadEnd{};
   self.waitingOn = &wakeup;
   bool inTime = true;
@@ -83,6 +92,7 @@ bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeu
 int EndDescriptor() { return MayLeave() ? CurrentThread().endDescriptor : -1; }
 
 bool WaitDescriptor(int descriptor, short events, int timeoutMs) {
+  assert(descriptor >= 0);
   LeaveIfEnded();
   pollfd fds[2] = {{descriptor, events, 0}, {EndDescriptor(), POLLIN, 0}};
   const int ready = ::poll(fds, fds[1].fd >= 0 ? 2 : 1, timeoutMs);

@@ -1,12 +1,12 @@
 // How a thread waits here, so that it can be ended from outside: every blocking call waits for its
-// own event and for the thread's end mark together, and a thread that finds the mark leaves by
-// unwinding to its entry. So nothing is held afterwards.
+// own event and for the thread's end mark together. A thread that finds the mark leaves by
+// unwinding to its entry, which releases everything it holds.
 //
 // Invariants:
 // 1. WaitLock() guards the state of every waitable object (events, threads, requests, completion
 //    ports) and of every thread's record. It is held for a few instructions only.
-// 2. A waiting thread has noted in its record what it waits on, so that its ender can wake it.
-// 3. A thread that unwinds already doesn't leave again, nor does one in a StayInThread: destructors
+// 2. A waiting thread has set waitingOn in its record, so that the thread that ends it can wake it.
+// 3. A thread that already unwinds doesn't leave again, nor does one in a StayInThread: destructors
 //    may wait, and finish.
 #pragma once
 
@@ -25,11 +25,10 @@ namespace platform {
 struct ThreadEnd {};
 
 struct ThreadRecord {
-  std::condition_variable finished;  // signalled when the thread has left
+  std::condition_variable finished;  // signalled when the thread has exited
   std::condition_variable* waitingOn = nullptr;
-  int endDescriptor = -1;  // readable once the thread is to end
-  // The end mark. Written under WaitLock; relaxed: who sees it without the lock looks again with
-  // it.
+  int endDescriptor = -1;  // an eventfd, readable once the thread is to end
+  // The end mark. Written under WaitLock. Relaxed: a reader without the lock checks again with it.
   std::atomic<bool> ended{false};
   bool running = true;
   std::uint32_t exitCode = 0;
@@ -41,13 +40,14 @@ struct ThreadRecord {
 
 std::mutex& WaitLock();
 
-// Where the waiters of an object sleep. The places are few, shared and never destroyed, so a wake
-// may come when the object has gone; who is woken for another's sake looks and sleeps on.
+// Returns where the waiters of a new object sleep. The places are few, shared and never destroyed,
+// so a wake may arrive after its object is gone. Spurious wake-ups re-check the condition and wait
+// again.
 std::condition_variable& SleepingPlace();
 
-// Whom to wake once WaitLock has been given back: a thread that is woken under the lock runs
-// straight into it and must be woken again. Stands before the guard that holds the lock, so it ends
-// after it.
+// The places to wake once WaitLock is released: a thread that is woken under the lock blocks on it
+// at once and must be woken again. Declare it before the guard that holds the lock, so that it is
+// destroyed after it.
 class Wakes {
  public:
   Wakes() = default;
@@ -56,11 +56,11 @@ class Wakes {
   ~Wakes() {
     for (std::size_t i = 0; i < count_; ++i) places_[i]->notify_all();
   }
-  // REQUIRES: a place of SleepingPlace.
+  // Requires a place of SleepingPlace.
   void Add(std::condition_variable& place) {
     for (std::size_t i = 0; i < count_; ++i)
       if (places_[i] == &place) return;
-    if (count_ == places_.size()) return place.notify_all();  // many at once are in no hurry
+    if (count_ == places_.size()) return place.notify_all();  // full: wake under the lock
     places_[count_++] = &place;
   }
 
@@ -69,24 +69,25 @@ class Wakes {
   std::size_t count_ = 0;
 };
 
-// The calling thread's record. A thread that platform::CreateThread didn't make has one that is
-// never marked.
+// Returns the calling thread's record. A thread that platform::CreateThread didn't start has one
+// that is never marked.
 ThreadRecord& CurrentThread();
+// Requires a thread that has no record yet.
 void SetCurrentThread(std::shared_ptr<ThreadRecord> record);
 
-// Leaves the thread if it was terminated and doesn't unwind already.
+// Leaves the thread if it was terminated and doesn't already unwind.
 void LeaveIfEnded();
 
 using Deadline = std::chrono::steady_clock::time_point;
-// `milliseconds` from now; kInfinite gives the far end of time.
+// Returns the time `milliseconds` from now; Deadline::max() for kInfinite.
 Deadline DeadlineAfter(std::uint32_t milliseconds);
 
-// One turn of waiting on `wakeup` under WaitLock; false when the deadline has passed. Leaves the
-// thread if it was terminated.
+// Waits on `wakeup` once, with WaitLock released meanwhile. Requires `lock` to hold WaitLock.
+// Returns false when the deadline has passed. Leaves the thread if it was terminated.
 bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
               Deadline deadline);
 
-// Waits under WaitLock until ready() is true; false on time-out.
+// Blocks under WaitLock until ready() is true. Returns false on time-out.
 template <class Ready>
 bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                Deadline deadline, Ready ready) {
@@ -95,12 +96,13 @@ bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake
   return true;
 }
 
-// The calling thread's end mark for a poll of its own, which calls LeaveIfEnded when the mark
-// comes; -1 for a thread that can't be terminated or unwinds already.
+// Returns the calling thread's end mark for a poll of its own, which calls LeaveIfEnded when the
+// mark is readable; -1 for a thread that can't be terminated or already unwinds.
 int EndDescriptor();
 
-// Waits until the descriptor is readable (WaitReadable) or `events` of poll(2) have come; false on
-// time-out (negative: none) or failure. Leaves the thread if it was terminated.
+// Blocks until the descriptor is readable (WaitReadable) or has one of poll(2)'s `events`. Returns
+// false on time-out (a negative one never comes) or failure. Leaves the thread if it was
+// terminated.
 bool WaitDescriptor(int descriptor, short events, int timeoutMs);
 bool WaitReadable(int descriptor, int timeoutMs);
 

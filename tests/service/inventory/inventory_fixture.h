@@ -78,7 +78,7 @@ class ReportTest : public InventoryTest {
   // Returns the n-th message sent.
   template <class Record>
   Record Message(std::size_t n) {
-    const std::vector<Asked> requests = firmware_->Requests();
+    const std::vector<ReceivedRequest> requests = firmware_->Requests();
     Record record{};
     const std::string input = n < requests.size() ? requests[n].input : "";
     EXPECT_EQ(input.size(), sizeof record) << "message " << n;

@@ -47,7 +47,7 @@ TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
   EXPECT_EQ(DeAllocateKVM_KB_MB_Buffers(), 0U);
   EXPECT_EQ(SetS5Status(), 0U);
   std::vector<std::pair<std::uint32_t, std::string>> sent;
-  for (const Asked& asked : firmware_->Requests()) sent.emplace_back(asked.code, asked.input);
+  for (const auto& request : firmware_->Requests()) sent.emplace_back(request.code, request.input);
   EXPECT_EQ(sent, (decltype(sent){{0x9C41A440, "\x04\x03\x02\x01"},
                                   {0x9C41A444, std::string(31, '\0') + '\x09'},
                                   {0x9C41A400, "tls bytes"},

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/linux/lab/mailbox_link.h"
+#include "platform/linux/lab/shared_region.h"
 #include "service/mailbox/control_codes.h"
 #include "tests/service/mailbox_fixture.h"
 #include "tests/service/standby/log_ring.h"
