@@ -4,8 +4,8 @@
 #include "platform/socket.h"
 #include "service/diagnostics/service_log.h"
 #include "service/inventory/ip_config.h"
-#include "service/inventory/records.h"
 #include "service/mailbox/messages.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

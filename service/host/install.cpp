@@ -1,4 +1,3 @@
-// The installer.
 #include "service/host/install.h"
 
 #include <cstdio>
@@ -18,7 +17,7 @@ constexpr std::uint32_t kServiceAllAccess = 0xF01FF;  // SERVICE_ALL_ACCESS
 constexpr std::uint32_t kOwnProcess = 16;         // a service with a process of its own (Winsvc.h)
 constexpr std::uint32_t kServiceAutoStart = 2;    // SERVICE_AUTO_START
 constexpr std::uint32_t kServiceErrorNormal = 1;  // SERVICE_ERROR_NORMAL
-constexpr char kDescription[] = "Corvane Stewardy Service";
+constexpr char kDescription[] = "Corvane Stewardy Service";     // fixed wording
 constexpr char kDependencies[] = "Tcpip\0Tavrin-MailBoxDrv\0";  // the literal adds the second end
 
 }  // namespace
@@ -29,8 +28,8 @@ void SvcInstall() {
     std::printf("Cannot install service (%u)\n", platform::LastError());
     return;
   }
-  // The manager takes the registered text as a command line: without quotes a blank in the path
-  // would end the program's name, and C:\Program.exe might start in its place.
+  // The manager runs the registered text as a command line. Without quotes a blank in the path
+  // would end the program's name, and C:\Program.exe might start instead.
   const char* quote = std::strchr(szPath, ' ') != nullptr ? "\"" : "";
   char command[sizeof szPath + 2];
   FormatTo(command, sizeof command, "%s%s%s", quote, static_cast<const char*>(szPath), quote);

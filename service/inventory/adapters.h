@@ -7,7 +7,7 @@
 #include <span>
 
 #include "platform/network.h"
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

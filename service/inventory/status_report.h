@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

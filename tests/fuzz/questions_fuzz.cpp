@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::error_code ignored;
     std::filesystem::remove_all(gFolder, ignored);
   });
-  stewardry::SetVersionText(&stewardry::gTavrinVersionInfo, stewardry::kVersionNotAvailable);
+  stewardry::SetVersionText(&stewardry::gMailboxLink->gTavrinVersionInfo,
+                            stewardry::kVersionNotAvailable);
   (void)platform::CreateThread(stewardry::TrayPipeThread, nullptr);
   return 0;
 }

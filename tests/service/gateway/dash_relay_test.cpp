@@ -34,7 +34,8 @@ class DashRelay : public MailboxTest {
     MailboxTest::SetUp();
     OpenMailbox();
     SetPortCallbacks(kCallbacks);
-    gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = 2; });
+    gMailboxLink->gTavrinVersionInfo.Update(
+        [](TavrinVersionInfo& info) { info.provisionStatus = 2; });
   }
   void TearDown() override {
     gate::Disarm();

@@ -22,7 +22,7 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
+constexpr char kSideLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
 
 std::uint32_t WaitForEver(void* event) {
   return platform::WaitForSingleObject(*static_cast<platform::Event*>(event), platform::kInfinite);
@@ -33,16 +33,16 @@ class Control : public MailboxTest {
   void SetUp() override {
     MailboxTest::SetUp();
     OpenMailbox();
-    *gServiceStopEvent = platform::CreateEventA(true, false);
+    Renew(&gServiceControl);
+    gServiceControl->gServiceStopEvent = platform::CreateEventA(true, false);
     for (const int slot : {kServerThread, kReaderThread})
-      gServiceThreads->thread[slot] = platform::CreateThread(WaitForEver, &never_);
+      gServiceControl->gServiceThreads[slot] = platform::CreateThread(WaitForEver, &never_);
     gate::Arm();
   }
   void TearDown() override {
     gate::Disarm();
-    for (platform::Thread& thread : gServiceThreads->thread)
+    for (platform::Thread& thread : gServiceControl->gServiceThreads)
       if (thread) EndThread(&thread);
-    gServiceStopEvent->Reset();
     MailboxTest::TearDown();
   }
   static Calls ControlCalls() {
@@ -89,7 +89,8 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
 
 // Nobody can be ended from outside here.
 TEST_F(Control, NextResumeLetsTheOlderReportLeave) {
-  gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = kProvisioned; });
+  gMailboxLink->gTavrinVersionInfo.Update(
+      [](TavrinVersionInfo& info) { info.provisionStatus = kProvisioned; });
   Put("connected.txt", "no");
   gate::FailEvery("TerminateThread", 5);
   const std::ptrdiff_t before = Held().threads;
@@ -136,7 +137,7 @@ TEST_F(Control, LogonLeavesATraceAndTheSessionUp) {
   gKvmSocketState = kKvmSessionUp;
   gKvmEnabled = 1;
   for (const std::uint64_t region : {0, 0x10000}) {
-    gSessionLogonCount = 1;
+    gServiceControl->gSessionLogonCount = 1;
     KeyBoardBufferVirtualAddress = region;
     SvcCtrlHandler(14, 5, nullptr, nullptr);
   }

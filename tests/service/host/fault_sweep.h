@@ -92,7 +92,7 @@ class Service {
     *calls = gate::CallNames();
     gate::Disarm();
     // A stop event that could not be set keeps the body waiting, as the service manager would see.
-    if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(*gServiceStopEvent);
+    if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(gServiceControl->gServiceStopEvent);
     if (!Eventually([this] { return Returned(); })) return false;
     body_.join();
     // The pipes' threads run on, and may write a file in between.

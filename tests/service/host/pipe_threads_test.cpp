@@ -63,7 +63,7 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
   std::fill(std::begin(info.version), std::end(info.version), 'v');  // without a terminator
   info.provisionStatus = kProvisioned;
   info.KVMStatus = 1200;
-  gTavrinVersionInfo.Store(info);
+  gMailboxLink->gTavrinVersionInfo.Store(info);
   gTavrinRunning.store(1);
   gKvmSessionStatus.Store({"YES"});
   gIPInfo.Update([](IPInfo& ip) { ip.dnsAddress = 0xABCDEF01; });

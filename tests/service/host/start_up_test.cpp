@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
+constexpr char kSideLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
 
 class StartUp : public MailboxTest {};
 
@@ -49,11 +49,11 @@ TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
 TEST_F(StartUp, StopAwaitsAHungHandlerForATimeAndNotForAsManyPauses) {
   constexpr std::chrono::milliseconds kPatience{500};
   gate::FailEvery("Sleep(1)", gate::kFinishAtOnce);
-  gStopPathRuns = true;
+  gServiceControl->gStopPathRuns = true;
   const auto end = std::chrono::steady_clock::now() + kPatience;
   AwaitStopPath(kPatience);
   EXPECT_GE(std::chrono::steady_clock::now(), end);
-  gStopPathRuns = false;
+  gServiceControl->gStopPathRuns = false;
 }
 
 TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {

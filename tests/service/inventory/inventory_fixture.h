@@ -14,7 +14,7 @@
 
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 #include "tests/service/mailbox_fixture.h"
 
 namespace stewardry {

@@ -103,7 +103,7 @@ class KvmTest : public MailboxTest {
   // Lets a held request of this code end without an answer.
   void EndHeldRequest(std::uint32_t code) {
     firmware_->SetVerdict(code, 0);
-    platform::CancelIoEx(*gRequestDevice, nullptr);
+    platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr);
   }
 
   // The messages to the firmware, a letter each: A asks for the region, S status, I announcement,

@@ -49,7 +49,7 @@ class Reader : public MailboxTest {
     reader_.Reset();
     EXPECT_NE(Messages().find(line), std::string::npos) << line << "\n" << Messages();
     EXPECT_TRUE(Logged("intThreadFunction ln: 658 Before RunServer bstatus 0"));
-    EXPECT_FALSE(*gInterruptDevice);
+    EXPECT_FALSE(gMailboxLink->gInterruptDevice);
   }
 
   platform::Thread reader_;
@@ -66,7 +66,7 @@ TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlightUntilItIsAskedToSt
   AskReaderToStop();
   EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
   EXPECT_TRUE(Messages().ends_with("intThreadFunction before Processread\n")) << "no other line";
-  EXPECT_FALSE(*gInterruptDevice);
+  EXPECT_FALSE(gMailboxLink->gInterruptDevice);
 }
 
 TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {

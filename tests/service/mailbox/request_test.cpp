@@ -72,17 +72,17 @@ TEST_F(Request, CompletedReadsTakeTheAnswer) {
 
 TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(80, 'v'));
-  GetTavrinVersion(&gTavrinVersionInfo);
-  EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
+  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
+  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
   EXPECT_TRUE(Logged("uECAbsent 76767676"));
   // One that isn't whole, and one that would be two lines.
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(79, 'w'));
-  GetTavrinVersion(&gTavrinVersionInfo);
-  EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
-  EXPECT_EQ(gTavrinVersionInfo.Load().provisionStatus, 0x76767676U);
+  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
+  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
+  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().provisionStatus, 0x76767676U);
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, "7\r\n1" + std::string(76, '\0'));
-  GetTavrinVersion(&gTavrinVersionInfo);
+  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
   EXPECT_TRUE(Logged("Read data is 7??1"));
 }
 
@@ -109,12 +109,13 @@ TEST_F(Request, FailedStepHasTheOperationsWording) {
 
 TEST_F(Request, CancelEndsTheWaitAndTheNextRequestWorks) {
   std::thread waiter = HeldStatusRequest();
-  EXPECT_TRUE(platform::CancelIoEx(*gRequestDevice, nullptr));
+  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr));
   waiter.join();
   EXPECT_EQ(status_, 9);
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 995"));
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_FALSE(platform::CancelIoEx(*gRequestDevice, nullptr)) << "nothing is in flight";
+  EXPECT_FALSE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
+      << "nothing is in flight";
   firmware_->SetVerdict(kStatusCode, 0);
   EXPECT_EQ(GetOrrinStatus(&status_), 0U);
   EXPECT_EQ(status_, 1);
@@ -141,7 +142,8 @@ TEST_F(Request, ThreadEndedInARequestCancelsItsOwnOnly) {
   ASSERT_TRUE(firmware_->Await(kCloseCode));
   EndThread(&thread);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_TRUE(platform::CancelIoEx(*gRequestDevice, nullptr)) << "the other request is in flight";
+  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
+      << "the other request is in flight";
   waiter.join();
 }
 
