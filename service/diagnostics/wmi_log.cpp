@@ -112,7 +112,7 @@ void WmiLog_Start() {
   char folder[platform::kMaxPath] = "";
   (void)platform::GetCommonAppDataFolder(folder);  // without it the open fails
   if (gLogs->gLogFolderIsSafe.load(std::memory_order_relaxed))
-    WmiLog_Open((std::string(folder) + kLogFolder + "\\" + kWmiLogFile).c_str(), kLogLimit);
+    (void)WmiLog_Open((std::string(folder) + kLogFolder + "\\" + kWmiLogFile).c_str(), kLogLimit);
   char version[128];
   if (ReadVerLine(version, sizeof version))
     return WmiInfo("Tavrin WMI started on %s", static_cast<const char*>(version));

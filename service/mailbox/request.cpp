@@ -114,7 +114,7 @@ void LogWording(std::string_view text, const Args&... args) {
 }
 
 // A request in flight, with its event. If its thread is ended while it waits, the destructor
-// cancels the request and waits for it before the record on the thread's stack goes.
+// cancels the request and waits for it before the record on the thread's stack is gone.
 class Flight {
  public:
   explicit Flight(platform::Event event) : event_(std::move(event)) {

@@ -1,4 +1,3 @@
-// What the service manager's controls do, from the trace of platform calls and the logs.
 #include "service/host/control.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "service/diagnostics/log_file.h"
 #include "service/host/resume.h"
 #include "service/host/start_up.h"
 #include "service/inventory/status_report.h"
@@ -61,7 +61,7 @@ class Control : public MailboxTest {
   platform::Event never_ = platform::CreateEventA(true, false);
 };
 
-// The watch is at work on a change meanwhile, and the firmware doesn't answer it.
+// Meanwhile the watch reports a change to a firmware that doesn't answer.
 TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog) {
   constexpr std::uint32_t kBooted = ControlCodeFor(Operation::kSendSystemBooted).code;
   const std::ptrdiff_t before = Held().threads;
@@ -87,8 +87,8 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
   EXPECT_FALSE(Logged("after the close"));
 }
 
-// Nobody can be ended from outside here.
-TEST_F(Control, NextResumeLetsTheOlderReportLeave) {
+// No thread can be ended from outside here.
+TEST_F(Control, NextResumeEndsTheOlderReport) {
   gMailboxLink->gTavrinVersionInfo.Update(
       [](TavrinVersionInfo& info) { info.provisionStatus = kProvisioned; });
   Put("connected.txt", "no");
@@ -110,7 +110,7 @@ TEST_F(Control, PreshutdownReportsToTheFirmwareAndLeavesTheServiceRunning) {
   EXPECT_TRUE(Logged("CancelIO called preshutdown\nCancelIoEx failed 1168"));
 }
 
-TEST_F(Control, PowerEventKeepsItsValue) {
+TEST_F(Control, PowerEventStoresItsValue) {
   const std::tuple<int, const char*, std::uint32_t> kRows[] = {
       {1, "GUID_BATTERY_PERCENTAGE_REMAINING Event", 3},
       {2, "Battery is Critical 17", 1},
@@ -130,8 +130,8 @@ TEST_F(Control, PowerEventKeepsItsValue) {
   SvcCtrlHandler(13, 0, nullptr, nullptr);  // without data nothing is read
 }
 
-// A logon must never stop half of the service.
-TEST_F(Control, LogonLeavesATraceAndTheSessionUp) {
+// A logon must never stop a part of the service.
+TEST_F(Control, LogonWritesItsLinesAndKeepsTheSession) {
   for (std::uint32_t event = 4; event <= 9; ++event) SvcCtrlHandler(14, event, nullptr, nullptr);
   gKeyboardMouseReady = 1;
   gKvmSocketState = kKvmSessionUp;

@@ -1,4 +1,3 @@
-// Search and opening of the mailbox device.
 #include <gtest/gtest.h>
 
 #include <tuple>

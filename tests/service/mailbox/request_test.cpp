@@ -1,4 +1,3 @@
-// The request pattern and the messages on it.
 #include "service/mailbox/request.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +21,7 @@ class Request : public MailboxTest {
     MailboxTest::SetUp();
     OpenMailbox();
   }
-  // A request that the firmware holds, on a thread of its own.
+  // Starts a request that the firmware holds, on a thread of its own.
   std::thread HeldStatusRequest() {
     firmware_->SetVerdict(kStatusCode, FirmwarePeer::kHold);
     std::thread waiter([this] { EXPECT_EQ(GetOrrinStatus(&status_), 0U); });
@@ -33,7 +32,7 @@ class Request : public MailboxTest {
   std::uint8_t status_ = 9;
 };
 
-TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
+TEST_F(Request, EachMessageHasItsCodeAndItsBytes) {
   const std::uint32_t fan = 0x01020304;
   SensorInfo sensor{};
   sensor.bytes[31] = 9;
@@ -56,13 +55,13 @@ TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
                                   {0x9C41A460, {"\x02\0", 2}}}));
 }
 
-TEST_F(Request, CompletedReadsTakeTheAnswer) {
+TEST_F(Request, CompletedReadStoresTheAnswer) {
   firmware_->SetStatus(2);
   EXPECT_EQ(GetOrrinStatus(&status_), 0U);
   EXPECT_EQ(status_, 2);
   EXPECT_TRUE(Logged("Asynchronous IO completed for GetOrrinStatus readbytes is 1"));
   firmware_->SetVerdict(kStatusCode, 31);
-  EXPECT_EQ(GetOrrinStatus(&status_), 0U) << "started, whatever came of it";
+  EXPECT_EQ(GetOrrinStatus(&status_), 0U) << "started, whatever its outcome";
   EXPECT_EQ(status_, 2);
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 31"));
   firmware_->SetVerdict(kS5Code, 31);
@@ -70,13 +69,13 @@ TEST_F(Request, CompletedReadsTakeTheAnswer) {
   EXPECT_TRUE(Logged("Error calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS"));
 }
 
-TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
+TEST_F(Request, VersionWithoutATerminatorEndsAtItsField) {
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(80, 'v'));
   GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
   EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
   EXPECT_TRUE(Logged("uECAbsent 76767676"));
-  // One that isn't whole, and one that would be two lines.
+  // A short answer, and a text with a line break.
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(79, 'w'));
   GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
   EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
@@ -86,7 +85,7 @@ TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
   EXPECT_TRUE(Logged("Read data is 7??1"));
 }
 
-TEST_F(Request, FailedStepHasTheOperationsWording) {
+TEST_F(Request, FailedStepLogsTheOperationsWording) {
   const std::uint32_t up = kServiceUp;
   using Row = std::tuple<const char*, std::uint64_t, std::uint32_t, std::uint32_t, const char*>;
   for (const auto& [call, skip, error, result, line] :
@@ -95,7 +94,7 @@ TEST_F(Request, FailedStepHasTheOperationsWording) {
         // A driver that finishes the request at once.
         Row{"DeviceIoControl", 0, gate::kFinishAtOnce, 1,
             "Asynchronous WriteTavrinStatus command failed with error: "},
-        // The log's own two waits come first in each line: the request's wait is behind them.
+        // Each log line waits twice before the request does.
         Row{"WaitForSingleObject", 2, 6, 0,
             "WaitForSingleObject unexpected return with error: 4294967295"},
         Row{"GetOverlappedResult", 0, 995, 0,
@@ -133,12 +132,15 @@ TEST_F(Request, LostDeviceEndsTheWaitAndFailsLaterRequests) {
   EXPECT_TRUE(Messages().ends_with("\nInvalid Handle\n"));
 }
 
-// The thread's record and event go with it.
-TEST_F(Request, ThreadEndedInARequestCancelsItsOwnOnly) {
+TEST_F(Request, ThreadEndedInARequestCancelsOnlyItsOwn) {
   std::thread waiter = HeldStatusRequest();
   firmware_->SetVerdict(kCloseCode, FirmwarePeer::kHold);
   platform::Thread thread = platform::CreateThread(
-      [](void*) -> std::uint32_t { return SendCloseSocketcmd(664), 0; }, nullptr);
+      [](void*) {
+        SendCloseSocketcmd(664);
+        return 0U;
+      },
+      nullptr);
   ASSERT_TRUE(firmware_->Await(kCloseCode));
   EndThread(&thread);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
