@@ -11,6 +11,7 @@ namespace stewardry {
 platform::ProcessLifetime<LogState> gLogs;
 
 bool LogFile::SetPath(const char* path) {
+  assert(path != nullptr);
   const std::size_t size = std::strlen(path) + 1;
   backup_.reset(new (std::nothrow) char[size]);
   path_.reset(backup_ ? new (std::nothrow) char[size] : nullptr);
@@ -29,8 +30,7 @@ bool LogFile::Open(const char* mode, int* errorNumber) {
 
 void LogFile::Rotate() {
   if (!stream_ || platform::SeekToEnd(stream_) <= static_cast<std::int64_t>(maxSize_)) return;
-  reopenDue_ =
-      true;  // before the close: if the thread is ended from here on, the next line reopens
+  reopenDue_ = true;  // before the close: if the thread is ended here, the next line reopens
   stream_.Reset();
   // If the rename fails, emptying the file below still bounds it.
   (void)platform::RemoveFile(backup_.get());

@@ -65,8 +65,8 @@ struct LogMutexes;
 struct ServiceLog;
 struct WmiLog;
 
-// The state of the logs, one record of the process. Tests don't renew it: the mutexes live as long
-// as the process.
+// The state of the logs, one record of the process. It is never recreated, since the mutexes live
+// as long as the process.
 struct LogState {
   // False once the folder was found to be another user's, or not to be that of the fixed form: then
   // no line is written to it by the fixed form. Written when the process starts and again when its

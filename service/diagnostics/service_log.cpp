@@ -80,8 +80,9 @@ class LogLock {
   LogLock(const LogLock&) = delete;
   LogLock& operator=(const LogLock&) = delete;
   ~LogLock() {
-    if (namedHeld_) platform::ReleaseMutex(mutexes_.named);
-    if (ownHeld_) platform::ReleaseMutex(mutexes_.own);
+    // A failure has no remedy.
+    if (namedHeld_) (void)platform::ReleaseMutex(mutexes_.named);
+    if (ownHeld_) (void)platform::ReleaseMutex(mutexes_.own);
   }
 
  private:

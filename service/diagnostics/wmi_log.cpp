@@ -37,7 +37,7 @@ class WmiLock {
   }
   WmiLock(const WmiLock&) = delete;
   WmiLock& operator=(const WmiLock&) = delete;
-  ~WmiLock() { platform::ReleaseMutex(mutex_); }
+  ~WmiLock() { (void)platform::ReleaseMutex(mutex_); }  // a failure has no remedy
 
  private:
   const platform::Mutex& mutex_;

@@ -17,7 +17,7 @@ constexpr std::uint32_t kServiceAllAccess = 0xF01FF;  // SERVICE_ALL_ACCESS
 constexpr std::uint32_t kOwnProcess = 16;         // a service with a process of its own (Winsvc.h)
 constexpr std::uint32_t kServiceAutoStart = 2;    // SERVICE_AUTO_START
 constexpr std::uint32_t kServiceErrorNormal = 1;  // SERVICE_ERROR_NORMAL
-constexpr char kDescription[] = "Corvane Stewardy Service";     // fixed wording
+constexpr char kDescription[] = "Corvane Stewardy Service";
 constexpr char kDependencies[] = "Tcpip\0Tavrin-MailBoxDrv\0";  // the literal adds the second end
 
 }  // namespace
@@ -46,7 +46,7 @@ void SvcInstall() {
     std::printf("CreateService failed with error (%u)\n", platform::LastError());
     return;
   }
-  if (!platform::ChangeServiceDescription(service, kDescription))
+  if (!platform::ChangeServiceDescription(service, kDescription))  // a fixed text
     std::printf("ChangeServiceConfig2 failed");
   std::printf("Service installed successfully\n");
 }

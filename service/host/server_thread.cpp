@@ -31,7 +31,7 @@ void MakeStartupReport() {
   std::uint8_t status = kOrrinNoAnswer;
   (void)GetOrrinStatus(&status);  // the firmware needs the request; the answer has no effect here
   ReportMark mark = ServerMark();
-  SendSystemInfo(&mark);
+  (void)SendSystemInfo(&mark);  // always 0
 }
 
 }  // namespace

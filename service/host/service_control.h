@@ -26,9 +26,9 @@ struct ServiceControl {
   // Written by the service main and the control handler; handed to the service manager.
   SharedRecord<platform::ServiceStatus> gServiceStatus;
 
-  // Written by the control handler's thread.
-  std::atomic<bool> gStopPathRuns{false};  // while it stops the service. Its release and SvcInit's
-                                           // acquire order the last report before SERVICE_STOPPED
+  // Written by the control handler's thread. gStopPathRuns is true while it stops the service; its
+  // release and SvcInit's acquire order the handler's last report before SERVICE_STOPPED.
+  std::atomic<bool> gStopPathRuns{false};
   std::atomic<std::uint32_t> gSessionLogonCount{0};  // logons since the start; relaxed
   std::uint32_t nextCheckPoint = 1;
 

@@ -25,7 +25,7 @@ void SetFirmwareCommands(std::span<const FirmwareCommand> commands) {
 }
 
 void Processread(std::uint32_t byteCount, const std::uint8_t* buffer) {
-  assert(!gMailboxLink->gCommands.empty());
+  assert(!gMailboxLink->gCommands.empty() && (buffer != nullptr || byteCount == 0));
   if (byteCount < kTrailer) {
     // A firmware that sends such frames is faulty, so they are logged.
     LogInfo("Frame of %d bytes carries no command", byteCount);

@@ -1,5 +1,6 @@
 #include "service/mailbox/messages.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "service/diagnostics/service_log.h"
@@ -12,6 +13,7 @@ namespace {
 
 // Copies the text up to its terminator, or up to the field's last byte.
 void CopyVersion(TavrinVersionInfo* target, const char* text) {
+  assert(text != nullptr);
   std::size_t n = 0;
   while (n < sizeof target->version - 1 && text[n] != 0) ++n;
   std::memcpy(target->version, text, n);
@@ -19,6 +21,7 @@ void CopyVersion(TavrinVersionInfo* target, const char* text) {
 }
 
 std::uint32_t WritePacket(Operation operation, packet* data) {
+  assert(data->sendBuffer != nullptr || data->sendSize == 0);
   RequestOutcome outcome;
   const std::uint32_t result = RunRequest(operation, data->sendBuffer, data->sendSize,
                                           data->replyBuffer, data->replySize, &outcome);

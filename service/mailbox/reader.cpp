@@ -111,6 +111,7 @@ bool ReadSlots::Arm(std::size_t slot) {
 }
 
 bool ReadSlots::ArmAll() {
+  assert(port_);
   for (std::size_t slot = 0; slot < kSlots; ++slot) {
     buffer_[slot].reset(new (std::nothrow) FrameBuffer);
     if (!buffer_[slot]) {

@@ -142,7 +142,10 @@ class Flight {
     started_ = !finished && platform::LastError() == platform::kErrorIoPending;
     return started_;
   }
-  std::uint32_t Wait() { return platform::WaitForSingleObject(event_, platform::kInfinite); }
+  std::uint32_t Wait() {
+    assert(started_);
+    return platform::WaitForSingleObject(event_, platform::kInfinite);
+  }
   // Stores the device's byte count. Returns false if the request failed.
   bool ReadResult(std::uint32_t* bytes) {
     const bool done =

@@ -10,7 +10,6 @@
 #include "platform/thread.h"
 #include "service/host/pipe_threads.h"
 #include "service/mailbox/mailbox_link.h"
-#include "service/mailbox/messages.h"
 #include "tests/service/host/pipe_server.h"
 
 namespace {
@@ -35,8 +34,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::error_code ignored;
     std::filesystem::remove_all(gFolder, ignored);
   });
-  stewardry::SetVersionText(&stewardry::gMailboxLink->gTavrinVersionInfo,
-                            stewardry::kVersionNotAvailable);
+  stewardry::gMailboxLink->gTavrinVersionInfo.Store({"Not Available", 0, 0, 0, 0});
   (void)platform::CreateThread(stewardry::TrayPipeThread, nullptr);
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/thread.h"
+#include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
@@ -15,6 +16,8 @@
 namespace stewardry {
 
 namespace gate = platform::gate;
+
+inline constexpr char kKeyboardMouseLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
 
 class MailboxTest : public LabTest {
  protected:

@@ -46,6 +46,10 @@ void RunThread(platform::ThreadEntry entry, void* parameter) {
 std::uint32_t EndWithMutex(void* mutex) {
   return platform::WaitForSingleObject(*static_cast<platform::Mutex*>(mutex), platform::kInfinite);
 }
+std::uint32_t LogALine(void*) {
+  LogInfo("broken off");
+  return 0;
+}
 
 TEST_F(Logs, LineBetweenStartAndCloseHasItsFormToTheByte) {
   LogInfo("early");
@@ -117,12 +121,7 @@ TEST_F(Logs, NextLineIsWrittenAfterAThreadEndedInALineOrARotation) {
     LogInfo("before");
     gate::FailNext(place, gate::kEndThread);
     RunThread(EndWithMutex, &mutex);
-    RunThread(
-        [](void*) {
-          LogInfo("broken off");
-          return 0U;
-        },
-        nullptr);
+    RunThread(LogALine, nullptr);
     LogInfo("alive");
     EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U) << place;
   }

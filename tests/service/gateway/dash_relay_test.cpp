@@ -34,8 +34,7 @@ class DashRelay : public MailboxTest {
     MailboxTest::SetUp();
     OpenMailbox();
     SetPortCallbacks(kCallbacks);
-    gMailboxLink->gTavrinVersionInfo.Update(
-        [](TavrinVersionInfo& info) { info.provisionStatus = 2; });
+    gMailboxLink->gTavrinVersionInfo.Update([](auto& info) { info.provisionStatus = 2; });
   }
   void TearDown() override {
     gate::Disarm();

@@ -6,7 +6,6 @@
 #include <tuple>
 #include <vector>
 
-#include "service/diagnostics/log_file.h"
 #include "service/host/resume.h"
 #include "service/host/start_up.h"
 #include "service/inventory/status_report.h"
@@ -21,8 +20,6 @@ namespace stewardry {
 namespace {
 
 using Calls = std::vector<std::string>;
-
-constexpr char kSideLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
 
 std::uint32_t WaitForEver(void* event) {
   return platform::WaitForSingleObject(*static_cast<platform::Event*>(event), platform::kInfinite);
@@ -89,8 +86,7 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
 
 // No thread can be ended from outside here.
 TEST_F(Control, NextResumeEndsTheOlderReport) {
-  gMailboxLink->gTavrinVersionInfo.Update(
-      [](TavrinVersionInfo& info) { info.provisionStatus = kProvisioned; });
+  gMailboxLink->gTavrinVersionInfo.Update([](auto& info) { info.provisionStatus = kProvisioned; });
   Put("connected.txt", "no");
   gate::FailEvery("TerminateThread", 5);
   const std::ptrdiff_t before = Held().threads;
@@ -143,7 +139,7 @@ TEST_F(Control, LogonWritesItsLinesAndKeepsTheSession) {
   }
   SvcCtrlHandler(14, 5, nullptr, nullptr);
   EXPECT_TRUE(gKvmSocketState == kKvmSessionUp && gKvmEnabled == 1);
-  const std::string side = FileText(kSideLog);
+  const std::string side = FileText(kKeyboardMouseLog);
   const std::pair<const char*, std::size_t> kLines[] = {{"WTS_SESSION_LOGOFF", 1},
                                                         {"WTS_SESSION_LOCK", 1},
                                                         {"WTS_SESSION_UNLOCK", 1},

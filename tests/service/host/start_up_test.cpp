@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "service/diagnostics/log_file.h"
 #include "service/diagnostics/side_log.h"
 #include "service/host/server_thread.h"
 #include "service/kvm/session.h"
@@ -18,8 +17,6 @@ namespace stewardry {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr char kSideLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
 
 class StartUp : public MailboxTest {};
 
@@ -62,7 +59,7 @@ TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
   std::thread manager([&] {
     const int peer = ::accept(listener, nullptr, nullptr);
     static constexpr char kLine[] = "RegisterServiceCtrlHandlerEx: failed with error 5: ";
-    EXPECT_TRUE(Eventually([] { return CountOf(FileText(kSideLog), kLine) == 1; }));
+    EXPECT_TRUE(Eventually([] { return CountOf(FileText(kKeyboardMouseLog), kLine) == 1; }));
     ::close(peer);
   });
   gate::FailNext("RegisterServiceCtrlHandlerExA", 5);

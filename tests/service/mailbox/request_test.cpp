@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint32_t kStatusCode = ControlCodeFor(Operation::kGetOrrinStatus).code;
 constexpr std::uint32_t kS5Code = ControlCodeFor(Operation::kSetS5Status).code;
-constexpr std::uint32_t kCloseCode = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
+constexpr std::uint32_t kRegionCode = ControlCodeFor(Operation::kDeAllocateKVM_KB_MB_Buffers).code;
 
 class Request : public MailboxTest {
  protected:
@@ -71,17 +71,18 @@ TEST_F(Request, CompletedReadStoresTheAnswer) {
 
 TEST_F(Request, VersionWithoutATerminatorEndsAtItsField) {
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(80, 'v'));
-  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
-  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
+  SharedRecord<TavrinVersionInfo> info;
+  GetTavrinVersion(&info);
+  EXPECT_EQ(info.Load().version, std::string(63, 'v'));
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
   EXPECT_TRUE(Logged("uECAbsent 76767676"));
   // A short answer, and a text with a line break.
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(79, 'w'));
-  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
-  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().version, std::string(63, 'v'));
-  EXPECT_EQ(gMailboxLink->gTavrinVersionInfo.Load().provisionStatus, 0x76767676U);
+  GetTavrinVersion(&info);
+  EXPECT_EQ(info.Load().version, std::string(63, 'v'));
+  EXPECT_EQ(info.Load().provisionStatus, 0x76767676U);
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, "7\r\n1" + std::string(76, '\0'));
-  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
+  GetTavrinVersion(&info);
   EXPECT_TRUE(Logged("Read data is 7??1"));
 }
 
@@ -113,8 +114,7 @@ TEST_F(Request, CancelEndsTheWaitAndTheNextRequestWorks) {
   EXPECT_EQ(status_, 9);
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 995"));
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_FALSE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
-      << "nothing is in flight";
+  EXPECT_FALSE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr)) << "none in flight";
   firmware_->SetVerdict(kStatusCode, 0);
   EXPECT_EQ(GetOrrinStatus(&status_), 0U);
   EXPECT_EQ(status_, 1);
@@ -134,18 +134,13 @@ TEST_F(Request, LostDeviceEndsTheWaitAndFailsLaterRequests) {
 
 TEST_F(Request, ThreadEndedInARequestCancelsOnlyItsOwn) {
   std::thread waiter = HeldStatusRequest();
-  firmware_->SetVerdict(kCloseCode, FirmwarePeer::kHold);
-  platform::Thread thread = platform::CreateThread(
-      [](void*) {
-        SendCloseSocketcmd(664);
-        return 0U;
-      },
-      nullptr);
-  ASSERT_TRUE(firmware_->Await(kCloseCode));
+  firmware_->SetVerdict(kRegionCode, FirmwarePeer::kHold);
+  platform::Thread thread =
+      platform::CreateThread([](void*) { return DeAllocateKVM_KB_MB_Buffers(); }, nullptr);
+  ASSERT_TRUE(firmware_->Await(kRegionCode));
   EndThread(&thread);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
-      << "the other request is in flight";
+  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr)) << "the other one";
   waiter.join();
 }
 
