@@ -60,7 +60,7 @@ std::size_t FormatLine(char (&line)[kLineSize], const char* message, const char*
                   thread);
 }
 
-// Cuts the message to what the rest of the line leaves, so that the line keeps its tail.
+// Cuts the message to the size that remains for it, so that the line keeps its tail.
 void WriteLine(const char* level, const char* tag, const char* text) {
   char message[kLineSize];
   FormatTo(message, sizeof message, "%s%s", level, text);

@@ -21,7 +21,7 @@ constexpr std::uint32_t kPatienceMs = 10'000;  // runs twice in a start; Windows
 using Path = char[platform::kMaxPath + 64];
 
 // The time in 100-nanosecond units: no other user can know the name in advance.
-bool PutAside(const char* path) {
+bool RenameAside(const char* path) {
   Path aside;
   FormatTo(aside, sizeof aside, "%s.aside-%I64x", path, platform::GetSystemTimeAsFileTime());
   return platform::RenameFile(path, aside);
@@ -35,7 +35,7 @@ bool TakeOver(const char* path) {
 bool MakePrivate(const char* path, bool (*takeOver)(const char*)) {
   if (platform::CreatePrivateFolder(path)) return true;
   if (platform::LastError() != platform::kErrorAlreadyExists) return false;
-  return takeOver(path) || (PutAside(path) && platform::CreatePrivateFolder(path));
+  return takeOver(path) || (RenameAside(path) && platform::CreatePrivateFolder(path));
 }
 
 bool MakeBelow(const char* base, const char* name, bool (*takeOver)(const char*),

@@ -20,7 +20,7 @@ inline constexpr platform::Guid kMailboxInterfaceClass = {
 constexpr std::uint32_t kInterruptMode = 0;
 constexpr std::uint32_t kRequestMode = 1;
 
-// Finds the interface that is enumerated last and opens gRequestDevice (mode 1) or
+// Finds the interface that is enumerated last and opens gRequestDevice (kRequestMode) or
 // gInterruptDevice (any other mode) on it, unless that handle is valid already. Returns 0, or 1
 // after a logged failure.
 std::uint32_t OpenOrrinDevice(std::uint32_t mode);

@@ -1,6 +1,7 @@
 #include "service/mailbox/request.h"
 
 #include <cassert>
+#include <iterator>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -92,15 +93,16 @@ constexpr Wording kWording[] = {
     {Operation::kWriteSensorInfo, "WriteSensorInfo", "Invalid Handle"},
 };
 
-constexpr const Wording* FindWording(Operation operation) {
-  for (const Wording& row : kWording)
-    if (row.operation == operation) return &row;
-  return nullptr;
+// Returns the operation's index in kWording, or its size for a plain operation.
+constexpr std::size_t WordingIndex(Operation operation) {
+  std::size_t i = 0;
+  while (i < std::size(kWording) && kWording[i].operation != operation) ++i;
+  return i;
 }
 
 constexpr bool EachOverlappedOperationHasWording() {
   for (const ControlCode& row : kControlCodes)
-    if ((row.mode == CallMode::kOverlapped) != (FindWording(row.operation) != nullptr))
+    if ((row.mode == CallMode::kOverlapped) != (WordingIndex(row.operation) < std::size(kWording)))
       return false;
   return true;
 }
@@ -114,7 +116,7 @@ void LogWording(std::string_view text, const Args&... args) {
 }
 
 // A request in flight, with its event. If its thread is ended while it waits, the destructor
-// cancels the request and waits for it before the record on the thread's stack is gone.
+// cancels the request and waits for it, since the record is on the thread's stack.
 class Flight {
  public:
   explicit Flight(platform::Event event) : event_(std::move(event)) {
@@ -182,7 +184,7 @@ std::uint32_t RunRequest(Operation operation, const void* input, std::uint32_t i
   assert(row.mode == CallMode::kOverlapped);
   assert(row.inputSize == inputSize || row.inputSize == kSizeOfRequest);
   assert(inputSize <= kMaxFrameSize);
-  const Wording& wording = *FindWording(operation);
+  const Wording& wording = kWording[WordingIndex(operation)];
   *outcome = RequestOutcome{};
   if (!gMailboxLink->gRequestDevice) {
     LogWording(wording.invalidHandle);

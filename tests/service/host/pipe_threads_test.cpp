@@ -50,7 +50,7 @@ TEST_F(PipeThreads, QuestionIsADecimalNumberUpToAZeroByteOrTheEnd) {
       {"5", kVersion},
       {"", kImproper},
       {"4294967301\0"s, kImproper},                // 5 in 32 bits
-      {std::string(98, '0') + "51\0"s, kVersion},  // cut behind 99 characters
+      {std::string(98, '0') + "51\0"s, kVersion},  // cut after 99 characters
       {std::string(10000, '5') + '\0', kImproper}};
   for (const auto& [question, answer] : kRows)
     EXPECT_EQ(tray.Exchange(question), answer) << question;
