@@ -13,10 +13,10 @@
 #include "bench/relay/ends.h"
 #include "bench/relay/stream.h"
 #include "lablink/lab_link.h"
-#include "service/inventory/records.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
 #include "service/mailbox/messages.h"
+#include "service/mailbox/records.h"
 
 namespace relay {
 

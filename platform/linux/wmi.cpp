@@ -57,8 +57,6 @@ struct ProcessCom {
 };
 ProcessLifetime<ProcessCom> gCom;  // threads use it while the process exits
 
-constexpr HResult FromWin32(std::uint32_t error) { return Code(0x80070000 | (error & 0xFFFF)); }
-
 template <class... Args>
 HResult Pass(const char* call, Args... args) {
   const std::uint32_t error = gate::Enter(call, args...);

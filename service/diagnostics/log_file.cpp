@@ -1,6 +1,6 @@
-// The bounded log file.
 #include "service/diagnostics/log_file.h"
 
+#include <cassert>
 #include <cstring>
 #include <new>
 
@@ -8,9 +8,10 @@
 
 namespace stewardry {
 
-std::atomic<bool> gLogFolderIsSafe{true};
+platform::ProcessLifetime<LogState> gLogs;
 
 bool LogFile::SetPath(const char* path) {
+  assert(path != nullptr);
   const std::size_t size = std::strlen(path) + 1;
   backup_.reset(new (std::nothrow) char[size]);
   path_.reset(backup_ ? new (std::nothrow) char[size] : nullptr);
@@ -22,13 +23,14 @@ bool LogFile::SetPath(const char* path) {
 }
 
 bool LogFile::Open(const char* mode, int* errorNumber) {
+  assert(path_ != nullptr);
   stream_ = platform::OpenStream(path_.get(), mode, errorNumber);
   return static_cast<bool>(stream_);
 }
 
 void LogFile::Rotate() {
   if (!stream_ || platform::SeekToEnd(stream_) <= static_cast<std::int64_t>(maxSize_)) return;
-  reopenDue_ = true;  // before the close: a thread ended from here on leaves the open to the next
+  reopenDue_ = true;  // before the close: if the thread is ended here, the next line reopens
   stream_.Reset();
   // If the rename fails, emptying the file below still bounds it.
   (void)platform::RemoveFile(backup_.get());
@@ -46,7 +48,7 @@ void LogFile::Write(const char* text, std::size_t size) {
   if (reopenDue_) Reopen();
   Rotate();
   if (!stream_) return platform::OutputDebugStringA(text);
-  // A disk that takes no more loses the line: the log never reports on itself.
+  // On a full disk the line is lost: the log reports no failure of its own.
   (void)platform::WriteStream(stream_, text, size);
 }
 
@@ -55,6 +57,7 @@ std::uint32_t PrivateMegabytes() {
 }
 
 bool ReadVerLine(char* line, std::size_t size) {
+  assert(size > 0);
   line[0] = 0;
   const platform::CommandPipe pipe = platform::OpenCommandPipe("ver");
   if (!pipe) return false;

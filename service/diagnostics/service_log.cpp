@@ -1,9 +1,9 @@
-// The service log.
 #include "service/diagnostics/service_log.h"
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
-#include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -18,42 +18,40 @@
 
 namespace stewardry {
 
+struct ServiceLog {
+  LogFile file;
+};
+
+// What serialises the lines. The process has one handle of each mutex: one for each line would be a
+// leak or a race.
+struct LogMutexes {
+  platform::Mutex own;    // between the threads of this process
+  platform::Mutex named;  // between processes, taken after `own`; invalid if the name is not ours
+  // True once another program held the named mutex too long; it is not used from then on. Relaxed:
+  // a thread that misses the change finds it out itself.
+  std::atomic<bool> squatted{false};
+};
+
 namespace {
 
 constexpr char kMutexName[] = "TavrinMutex";
 constexpr std::size_t kLineSize = 1024;
 constexpr const char* kHeaders[] = {"INFO:  ", "WARN:  ", "ERROR: "};
+static_assert(std::size(kHeaders) == static_cast<std::size_t>(LogHeader::kError) + 1);
 
-struct ServiceLog {
-  LogFile file;
-};
-
-// The log in use; null before the start and after the close. Written under the log's lock; read
-// before it, where only null or not counts (acquire keeps that look ahead of the lock's), and
-// again under it, where the record is used. So no line reaches a closed log.
-std::atomic<ServiceLog*> gServiceLog{nullptr};
-
-// How long a line waits for the named mutex: a line of another process of the service takes much
-// less, and no thread of this one has it.
+// The wait for the named mutex. A line of another process of the service takes much less, and no
+// thread of this process holds it.
 constexpr std::uint32_t kOtherProcessMs = 2000;
 
-// What serialises the lines. One handle of each mutex serves the whole process for as long as it
-// lives.
-struct LogMutexes {
-  platform::Mutex own;    // between the threads of this process
-  platform::Mutex named;  // taken after `own`; between processes. Empty if the name isn't ours
-  // The named mutex is left alone from now on: its holder is none of ours. Relaxed: a thread that
-  // doesn't know it yet finds out for itself.
-  std::atomic<bool> squatted{false};
-};
-// Release and acquire: who sees the pointer sees the mutexes behind it.
-std::atomic<LogMutexes*> gLogMutexes{nullptr};
+// The rotation limit while the log starts, in bytes.
+constexpr std::uint32_t kDefaultLogLimit = 0x200000;
 
-// The log can't work without a mutex, so the process ends if it can't be had. But any user can make
-// an object of the name first, another kind of object or one that the service may not open, and
-// that mustn't end the process: the lines of several processes then go without their order.
+// The log can't work without a mutex, so the process ends if none can be created. But any user can
+// create an object of the name first, of another kind or without access for the service. That must
+// not end the process: the lines of several processes are then not ordered.
 LogMutexes& Mutexes() {
-  if (LogMutexes* mutexes = gLogMutexes.load(std::memory_order_acquire)) return *mutexes;
+  LogMutexes* const mutexes = gLogs->gLogMutexes.load(std::memory_order_acquire);
+  if (mutexes != nullptr) return *mutexes;
   auto made = std::make_unique<LogMutexes>();
   made->named = platform::CreateMutexA(kMutexName);
   const std::uint32_t error = made->named ? platform::kErrorSuccess : platform::LastError();
@@ -62,13 +60,13 @@ LogMutexes& Mutexes() {
   if (made->named || taken) made->own = platform::CreateMutexA(nullptr);
   if (!made->own) platform::ExitProcess(0);
   LogMutexes* expected = nullptr;
-  if (gLogMutexes.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+  if (gLogs->gLogMutexes.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
     return *made.release();
   return *expected;
 }
 
-// Holds both mutexes. Any result of the first wait but a time-out counts as taken, an abandoned
-// mutex too: threads of this service are ended from outside, perhaps within a line.
+// Holds both mutexes. An abandoned one counts as taken: threads of this service are ended from
+// outside, perhaps within a line.
 class LogLock {
  public:
   LogLock() : mutexes_(Mutexes()) {
@@ -82,8 +80,9 @@ class LogLock {
   LogLock(const LogLock&) = delete;
   LogLock& operator=(const LogLock&) = delete;
   ~LogLock() {
-    if (namedHeld_) platform::ReleaseMutex(mutexes_.named);
-    if (ownHeld_) platform::ReleaseMutex(mutexes_.own);
+    // A failure has no remedy.
+    if (namedHeld_) (void)platform::ReleaseMutex(mutexes_.named);
+    if (ownHeld_) (void)platform::ReleaseMutex(mutexes_.own);
   }
 
  private:
@@ -107,8 +106,8 @@ void DebugLine(CheckedFormat<std::type_identity_t<Args>...> format, const Args&.
   platform::OutputDebugStringA(text);
 }
 
-// Opens the file; rotates while the limit is still the default, so a file that grew large in the
-// last run is put aside at each start.
+// Opens the file and rotates while the limit is the default, so a file that grew beyond it in the
+// last run is rotated at each start.
 bool ServiceLog_Open(ServiceLog* log, const char* path) {
   if (!log->file.SetPath(path)) {
     DebugLine("ERROR: Unable to allocate memory to logging file; errno: %d\n", errno);
@@ -125,11 +124,11 @@ bool ServiceLog_Open(ServiceLog* log, const char* path) {
   return true;
 }
 
-// Puts `log` in the place of the one in use, which goes.
-void Exchange(ServiceLog* log) {
+// Replaces the log in use, which is destroyed. Under the lock, so that no late line reaches it.
+void ReplaceLog(ServiceLog* log) {
   std::unique_ptr<ServiceLog> old;
   LogLock lock;
-  old.reset(gServiceLog.exchange(log, std::memory_order_acq_rel));
+  old.reset(gLogs->gServiceLog.exchange(log, std::memory_order_acq_rel));
 }
 
 std::size_t FormatLine(char (&line)[kLineSize], LogHeader header, const char* message) {
@@ -151,28 +150,29 @@ bool ServiceLog_Start(const char* path, std::uint32_t maxSize) {
   }
   const bool open = ServiceLog_Open(log.get(), path);
   if (open) log->file.SetLimit(maxSize);
-  // Without a path there is no record to log to; without a file the lines go to the debug output.
-  if (log->file.Path() != nullptr) Exchange(log.release());
+  // Without a path the log stays off; without a file the lines go to the debug output.
+  if (log->file.Path() != nullptr) ReplaceLog(log.release());
   return open;
 }
 
 void ServiceLog_Close() {
-  if (gServiceLog.load(std::memory_order_acquire) != nullptr) Exchange(nullptr);
+  if (gLogs->gServiceLog.load(std::memory_order_acquire) != nullptr) ReplaceLog(nullptr);
 }
 
 const platform::Mutex* ServiceLog_Mutex() {
-  const LogMutexes* mutexes = gLogMutexes.load(std::memory_order_acquire);
+  const LogMutexes* mutexes = gLogs->gLogMutexes.load(std::memory_order_acquire);
   return mutexes != nullptr ? &mutexes->own : nullptr;
 }
 
 void ServiceLog_Write(LogHeader header, std::string_view format, std::span<const FormatArg> args) {
-  if (gServiceLog.load(std::memory_order_acquire) == nullptr) return;
+  assert(static_cast<std::size_t>(header) < std::size(kHeaders));
+  if (gLogs->gServiceLog.load(std::memory_order_acquire) == nullptr) return;
   char message[kLineSize];
   FormatText(message, sizeof message, format, args);
   char line[kLineSize];
   const std::size_t length = FormatLine(line, header, message);
   LogLock lock;
-  ServiceLog* log = gServiceLog.load(std::memory_order_relaxed);  // the lock orders it
+  ServiceLog* const log = gLogs->gServiceLog.load(std::memory_order_relaxed);  // the lock orders it
   if (log != nullptr) log->file.Write(line, length);
 }
 

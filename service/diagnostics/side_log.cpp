@@ -1,29 +1,23 @@
-// The side log.
 #include "service/diagnostics/side_log.h"
 
-#include <cstring>
+#include <iterator>
 
 #include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/file.h"
-#include "service/diagnostics/calendar.h"
 #include "service/diagnostics/log_file.h"
 
 namespace stewardry {
 
 namespace {
 
-constexpr const char* kChannelPaths[] = {
-    STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log",
-    STEWARDRY_FIXED_LOG_FOLDER "tavrinLog.log",
-    STEWARDRY_FIXED_LOG_FOLDER "tavrinMailbox.log",
-    STEWARDRY_FIXED_LOG_FOLDER "tavrinWMI.log",
-};
+constexpr const char* kChannelFiles[] = {"tavrinKeyboardMouseLog.log", kServiceLogFile,
+                                         "tavrinMailbox.log", kWmiLogFile};
 
-// The buffer is the call's own, so that the text of two threads doesn't mix.
 constexpr std::size_t kLineSize = 1024;
 
-// One line being built; what doesn't fit is dropped.
+// One line being built; what doesn't fit is dropped. It belongs to the call, so that the texts of
+// two threads don't mix.
 struct Line {
   char text[kLineSize];
   std::size_t length = 0;
@@ -38,7 +32,7 @@ struct Line {
 
 void PutConversion(Line* line, char letter, const FormatArg& arg) {
   const bool isText = letter == 's';
-  if (isText != (arg.kind == FormatArg::Kind::kText)) return;  // not what the format asks for
+  if (isText != (arg.kind == FormatArg::Kind::kText)) return;  // of the wrong kind
   line->PutFormatted(isText ? "%s" : letter == 'd' ? "%d" : "%x", arg);
 }
 
@@ -50,11 +44,13 @@ SideLogTime::SideLogTime(const platform::LocalTime& t) {
 }
 
 void SideLog_Write(std::uint32_t channel, const void* data, std::size_t size) {
-  if (channel >= std::size(kChannelPaths)) return;
-  if (!gLogFolderIsSafe.load(std::memory_order_relaxed)) return;
-  const platform::AppendFile file = platform::OpenAppendFile(kChannelPaths[channel]);
+  if (channel >= std::size(kChannelFiles)) return;
+  if (!gLogs->gLogFolderIsSafe.load(std::memory_order_relaxed)) return;
+  char path[128];
+  FormatTo(path, sizeof path, "%s%s", STEWARDRY_FIXED_LOG_FOLDER, kChannelFiles[channel]);
+  const platform::AppendFile file = platform::OpenAppendFile(path);
   if (!file) return;
-  // The side log doesn't report on itself: a line that can't be written is lost.
+  // A line that can't be written is lost: the log reports no failure of its own.
   (void)platform::WriteFile(file, data, static_cast<std::uint32_t>(size));
 }
 

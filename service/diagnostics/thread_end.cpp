@@ -1,4 +1,3 @@
-// The end of a thread from outside.
 #include "service/diagnostics/thread_end.h"
 
 #include "platform/event.h"
@@ -10,15 +9,16 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kLeaveMs = 150;
-// Longer than the mutexes are held here, since a thread that ends another may be ended itself.
+constexpr std::uint32_t kExitMs = 150;
+// The wait for a log's mutex. Longer than kHeldMs, since a thread that ends another may be ended
+// itself.
 constexpr std::uint32_t kLineMs = 2000;
-// Windows ends a thread shortly after the call. On Linux a thread unwinds, and its destructors may
-// have lines to write: it must have the mutexes back soon.
+// Windows ends a thread shortly after the call. On Linux it unwinds, and its destructors may write
+// lines, so the mutexes are held only briefly.
 constexpr std::uint32_t kHeldMs = 100;
 constexpr std::uint32_t kGraceMs = 2000;
 
-// Holds a log's mutex if it can be had in time. An abandoned one counts as taken, since no line is
+// Holds a log's mutex if it is free in time. An abandoned one counts as taken, since no line is
 // written under it here.
 class HeldLog {
  public:
@@ -30,7 +30,7 @@ class HeldLog {
   HeldLog(const HeldLog&) = delete;
   HeldLog& operator=(const HeldLog&) = delete;
   ~HeldLog() {
-    if (held_) (void)platform::ReleaseMutex(*mutex_);  // nobody to tell of a failure
+    if (held_) (void)platform::ReleaseMutex(*mutex_);  // a failure has no remedy
   }
 
  private:
@@ -55,10 +55,10 @@ bool EndThreadBetweenLines(const platform::Thread& thread, std::uint32_t exitCod
 }
 
 void AwaitOrEndThread(const platform::Thread& thread, const char* failureLine) {
-  const bool left = HasEnded(thread, kLeaveMs);
+  const bool exited = HasEnded(thread, kExitMs);
   std::uint32_t Exitcode = 0;
   if (!platform::GetExitCodeThread(thread, &Exitcode)) LogInfo("GetExitCodeThread failed");
-  if (!left && !EndThreadBetweenLines(thread, Exitcode)) LogInfo("%s", failureLine);
+  if (!exited && !EndThreadBetweenLines(thread, Exitcode)) LogInfo("%s", failureLine);
 }
 
 }  // namespace stewardry

@@ -1,4 +1,3 @@
-// The WMI log.
 #include "service/diagnostics/wmi_log.h"
 
 #include <algorithm>
@@ -13,7 +12,6 @@
 #include "platform/mutex.h"
 #include "platform/process.h"
 #include "platform/thread.h"
-#include "service/diagnostics/calendar.h"
 #include "service/diagnostics/log_file.h"
 
 namespace stewardry {
@@ -25,13 +23,9 @@ struct WmiLog {
 
 namespace {
 
-// Release and acquire: who sees the pointer sees the log behind it.
-std::atomic<WmiLog*> gWmiLog{nullptr};
-
 constexpr std::size_t kLineSize = 1024;
-constexpr std::uint32_t kLimit = 0xA00000;  // 10 MiB
 
-// Holds the log's mutex. A holder that died with it is fatal: the process ends.
+// Holds the log's mutex. Ends the process if a thread ended while it held the mutex.
 class WmiLock {
  public:
   explicit WmiLock(WmiLog& log) : mutex_(log.mutex) {
@@ -43,13 +37,13 @@ class WmiLock {
   }
   WmiLock(const WmiLock&) = delete;
   WmiLock& operator=(const WmiLock&) = delete;
-  ~WmiLock() { platform::ReleaseMutex(mutex_); }
+  ~WmiLock() { (void)platform::ReleaseMutex(mutex_); }  // a failure has no remedy
 
  private:
   const platform::Mutex& mutex_;
 };
 
-void DateText(char (&text)[256]) {
+void FormatDate(char (&text)[256]) {
   const platform::LocalTime t = platform::GetLocalTime();
   char zone[64] = "";
   platform::GetTimeZoneStandardName(zone, sizeof zone);
@@ -66,16 +60,16 @@ std::size_t FormatLine(char (&line)[kLineSize], const char* message, const char*
                   thread);
 }
 
-// Writes one line. The message is cut by what the rest of the line needs, so its tail survives.
+// Cuts the message to the size that remains for it, so that the line keeps its tail.
 void WriteLine(const char* level, const char* tag, const char* text) {
   char message[kLineSize];
   FormatTo(message, sizeof message, "%s%s", level, text);
   char date[256];
-  DateText(date);
+  FormatDate(date);
   char line[kLineSize];
   const std::size_t rest = FormatLine(line, "", tag, date);
-  const std::size_t room = rest + 1 < kLineSize ? kLineSize - rest - 1 : 0;
-  message[std::min(std::strlen(message), room)] = 0;
+  const std::size_t most = rest + 1 < kLineSize ? kLineSize - rest - 1 : 0;
+  message[std::min(std::strlen(message), most)] = 0;
   const std::size_t length = FormatLine(line, message, tag, date);
   WmiLog& log = WmiLog_Get();
   WmiLock lock(log);
@@ -84,21 +78,21 @@ void WriteLine(const char* level, const char* tag, const char* text) {
 
 }  // namespace
 
-// Never destroyed, so that a thread which outlives the service can still log. Made without a guard
-// that a thread ended within it would keep.
+// Without the guard of a static object, which a thread that is ended within it would keep.
 WmiLog& WmiLog_Get() {
-  if (WmiLog* log = gWmiLog.load(std::memory_order_acquire)) return *log;
+  WmiLog* const log = gLogs->gWmiLog.load(std::memory_order_acquire);
+  if (log != nullptr) return *log;
   auto made = std::make_unique<WmiLog>();
   made->mutex = platform::CreateMutexA(nullptr);
   if (!made->mutex) platform::ExitProcess(0);
   WmiLog* expected = nullptr;
-  if (gWmiLog.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+  if (gLogs->gWmiLog.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
     return *made.release();
   return *expected;
 }
 
 const platform::Mutex* WmiLog_Mutex() {
-  const WmiLog* log = gWmiLog.load(std::memory_order_acquire);
+  const WmiLog* log = gLogs->gWmiLog.load(std::memory_order_acquire);
   return log != nullptr ? &log->mutex : nullptr;
 }
 
@@ -107,18 +101,18 @@ int WmiLog_Open(const char* path, std::uint32_t limit) {
   WmiLock lock(log);
   bool open = false;
   if (log.file.SetPath(path)) open = log.file.Open("a+", nullptr);
-  const std::string told =
+  const std::string line =
       std::string(open ? "Log file is: " : "ERROR: Unable to open log file: ") + path + "\n";
-  platform::OutputDebugStringA(told.c_str());
+  platform::OutputDebugStringA(line.c_str());
   log.file.SetLimit(limit);
   return open ? 0 : -1;
 }
 
 void WmiLog_Start() {
   char folder[platform::kMaxPath] = "";
-  (void)platform::GetCommonAppDataFolder(folder);  // without it the file just can't be opened
-  if (gLogFolderIsSafe.load(std::memory_order_relaxed))
-    WmiLog_Open((std::string(folder) + kLogFolder + "\\tavrinWMI.log").c_str(), kLimit);
+  (void)platform::GetCommonAppDataFolder(folder);  // without it the open fails
+  if (gLogs->gLogFolderIsSafe.load(std::memory_order_relaxed))
+    (void)WmiLog_Open((std::string(folder) + kLogFolder + "\\" + kWmiLogFile).c_str(), kLogLimit);
   char version[128];
   if (ReadVerLine(version, sizeof version))
     return WmiInfo("Tavrin WMI started on %s", static_cast<const char*>(version));

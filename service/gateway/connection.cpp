@@ -6,9 +6,10 @@
 #include "platform/socket.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
-#include "service/inventory/records.h"
+#include "service/inventory/ip_config.h"
 #include "service/inventory/reports.h"
 #include "service/mailbox/messages.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

@@ -1,6 +1,7 @@
-// The command table.
 #include "service/host/command_table.h"
 
+#include <cassert>
+#include <iterator>
 #include "service/actions/actions_state.h"
 #include "service/actions/indications.h"
 #include "service/actions/power_actions.h"
@@ -8,6 +9,7 @@
 #include "service/gateway/dash_relay.h"
 #include "service/gateway/listeners.h"
 #include "service/host/resume.h"
+#include "service/host/service_control.h"
 #include "service/kvm/relay.h"
 #include "service/kvm/session.h"
 #include "service/mailbox/dispatcher.h"
@@ -16,7 +18,7 @@ namespace stewardry {
 
 namespace {
 
-// Notes a power option; the action follows the next DASH reply.
+// Stores a power option. Its action follows the next DASH reply.
 template <std::uint8_t Option>
 void NotePowerOption(const std::uint8_t*, std::uint32_t) {
   gActions->gPowerOption.store(Option, std::memory_order_relaxed);
@@ -56,12 +58,20 @@ constexpr FirmwareCommand kCommands[] = {
      "ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO gives IP and Port to trust for KVM", true, SetKVMIPAndPort},
 };
 
+constexpr bool CodesAscend() {
+  for (std::size_t i = 1; i < std::size(kCommands); ++i)
+    if (kCommands[i - 1].code >= kCommands[i].code) return false;
+  return true;
+}
+static_assert(CodesAscend() && std::size(kCommands) == 14);
+
 constexpr PortCallback kPortCallbacks[] = {{kHttpsPort, ListenHTTPSCallback},
                                            {kKvmPort, ListenKVMCallback}};
 
 }  // namespace
 
 void ComposeService() {
+  assert(!gServiceControl->gServiceThreads[kReaderThread]);
   SetFirmwareCommands(kCommands);
   SetPortCallbacks(kPortCallbacks);
 }

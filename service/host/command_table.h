@@ -1,11 +1,11 @@
-// The firmware's vocabulary in one table, and the other places where rooms that don't know each
-// other are joined. The host composes them, because it alone knows all rooms.
+// The tables that join rooms which don't include each other: the firmware's commands with their
+// handlers, the ports with their callbacks.
 #pragma once
 
 namespace stewardry {
 
-// Hands the command table to the dispatcher and the listen callbacks to the listeners. Before the
-// service's threads start.
+// Passes the command table to the dispatcher and the listen callbacks to the listeners. Requires
+// that the service's threads have not started.
 void ComposeService();
 
 }  // namespace stewardry

@@ -1,6 +1,6 @@
-// Service control handling.
 #include "service/host/control.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -18,7 +18,7 @@
 #include "service/inventory/status_report.h"
 #include "service/kvm/kvm_state.h"
 #include "service/kvm/shared_region.h"
-#include "service/mailbox/device.h"
+#include "service/mailbox/mailbox_link.h"
 #include "service/mailbox/messages.h"
 #include "service/mailbox/reader.h"
 #include "service/standby/address_watch.h"
@@ -27,42 +27,41 @@
 
 namespace stewardry {
 
-std::atomic<std::uint32_t> gSessionLogonCount{0};
-
 namespace {
 
-// Both threads are asked at once, so that they leave side by side.
+// Asks both threads first, so that they exit at the same time.
 void EndThreads(const char* readerFailureLine) {
   AskServerToStop();
   AskReaderToStop();
-  AwaitOrEndThread(gServiceThreads->thread[kServerThread], "TerminateThread failed");
-  AwaitOrEndThread(gServiceThreads->thread[kReaderThread], readerFailureLine);
+  AwaitOrEndThread(gServiceControl->gServiceThreads[kServerThread], "TerminateThread failed");
+  AwaitOrEndThread(gServiceControl->gServiceThreads[kReaderThread], readerFailureLine);
 }
 
 void StopService() {
-  gStopPathRuns.store(true, std::memory_order_relaxed);  // the stop event's signal publishes it
-  LogInfo("SERVICE_CONTROL_STOP recevied\n");
+  std::atomic<bool>& stopPathRuns = gServiceControl->gStopPathRuns;
+  stopPathRuns.store(true, std::memory_order_relaxed);  // the stop event's signal publishes it
+  LogInfo("SERVICE_CONTROL_STOP recevied\n");  // fixed log text, as below; its wording must stay
   ReportSvcStatus(platform::kServiceStopPending, 0, 0);
   gReports->gTavrinRunning.store(0, std::memory_order_relaxed);
   UnregisterNetworkEvent();
   LogInfo("CancelIO called service stop. Error status %d", platform::LastError());
   EndThreads("TerminateThread failed");
-  if (!platform::CancelIoEx(*gRequestDevice, nullptr))
+  if (!platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
     LogInfo("CancelIoEx failed. Error status %d", platform::LastError());
-  // Without the event SvcInit goes on waiting: the service manager sees it pending for ever.
-  (void)platform::SetEvent(*gServiceStopEvent);
+  // If this fails SvcInit waits on, and the service manager shows the stop pending.
+  (void)platform::SetEvent(gServiceControl->gServiceStopEvent);
   ReportSvcStatus(platform::kServiceStopPending, 0, 0);
   ServiceLog_Close();
-  gStopPathRuns.store(false, std::memory_order_release);
+  stopPathRuns.store(false, std::memory_order_release);
 }
 
 // The service stays SERVICE_RUNNING, with its log open, until the system ends it.
 void PrepareShutdown() {
-  (void)SetS5Status();  // logs its own failure; the steps below are due either way
+  (void)SetS5Status();  // logs its own failure; the next steps don't depend on it
   LogInfo("Shutdown Command sent to ORRIN");
   LogInfo("CancelIO called preshutdown");
   EndThreads("Terminatethread failed");
-  if (!platform::CancelIoEx(*gRequestDevice, nullptr))
+  if (!platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr))
     LogInfo("CancelIoEx failed %d", platform::LastError());
 }
 
@@ -77,14 +76,14 @@ void HandleBatteryEvent(const platform::SystemPowerStatus& spsPwr) {
   }
 }
 
-// The settings are told apart by their first three fields.
+// Compares the first three fields, which differ between the settings.
 bool IsSetting(const platform::Guid& guid, const platform::Guid& setting) {
   return guid.data1 == setting.data1 && guid.data2 == setting.data2 && guid.data3 == setting.data3;
 }
 
 void HandlePowerEvent(std::uint32_t eventType, const void* eventData) {
-  if (eventData == nullptr) return;       // an event without a setting has nothing to tell
-  platform::PowerBroadcastSetting event;  // one byte of the value at least is there
+  if (eventData == nullptr) return;  // an event without a setting
+  platform::PowerBroadcastSetting event;
   std::memcpy(&event, eventData, offsetof(platform::PowerBroadcastSetting, data) + 1);
   const platform::Guid& guid = event.powerSetting;
   char data4[sizeof guid.data4 + 1] = "";
@@ -133,7 +132,8 @@ std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, voi
 void SvcHandleSessionChange(std::uint32_t, std::uint32_t eventType, void*, void*) {
   constexpr const char* kName = "SvcHandleSessionChange";
   if (eventType == platform::kSessionLogon) {
-    const std::uint32_t count = gSessionLogonCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint32_t count =
+        gServiceControl->gSessionLogonCount.fetch_add(1, std::memory_order_relaxed) + 1;
     SideLog(kSideLogKeyboardMouse, "%s: WTS_SESSION_LOGON gSessionLogonCount %d", kName, count);
     NotifyKvmTerminationEvents();
   }
@@ -147,27 +147,25 @@ void SvcHandleSessionChange(std::uint32_t, std::uint32_t eventType, void*, void*
 
 void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint) {
-  static std::uint32_t nextCheckPoint = 1;  // the dispatcher's thread only
   const bool settled =
       currentState == platform::kServiceRunning || currentState == platform::kServiceStopped;
   SetReportedStatus(
       {platform::kServiceWin32OwnProcessType, currentState,
        currentState == platform::kServiceStartPending ? 0 : platform::kServiceAcceptStop,
-       win32ExitCode, 0, settled ? 0 : nextCheckPoint++, waitHint});
+       win32ExitCode, 0, settled ? 0 : gServiceControl->nextCheckPoint++, waitHint});
   SideLog(kSideLogKeyboardMouse, "%s: CurrentServiceState %d\n", "ReportSvcStatus", currentState);
 }
 
-// A logon leaves these lines and nothing else: a session that is up goes on, with an agent that its
-// watch starts again at need. Nothing stops, and no reboot follows: the words of the last line are
-// what the side log has always said here.
+// A logon has no other effect: a session continues, with an agent that its watch restarts if
+// needed. Nothing stops and no reboot follows; the last line is a fixed log text.
 void NotifyKvmTerminationEvents() {
   constexpr const char* kName = "NotifyKvmTerminationEvents";
-  constexpr std::uint32_t kTracedLogons = 2;  // the later ones have no line about the region
+  constexpr std::uint32_t kTracedLogons = 2;  // later ones have no line about the region
   const bool ready = gKvm->gKeyboardMouseReady.load(std::memory_order_relaxed) != 0;
   SideLog(kSideLogKeyboardMouse, "%s: KVM", ready ? "enabled" : "disabled");
   if (!ready) return;
   SideLog(kSideLogKeyboardMouse, "%s:KVM enabled\n", kName);
-  if (gSessionLogonCount.load(std::memory_order_relaxed) <= kTracedLogons) {
+  if (gServiceControl->gSessionLogonCount.load(std::memory_order_relaxed) <= kTracedLogons) {
     const bool hasRegion = gKvm->KeyBoardBufferVirtualAddress.load(std::memory_order_relaxed) != 0;
     SideLog(kSideLogKeyboardMouse, "%s",
             hasRegion ? "Requested Terminate KVM session\n" : "Keyboard ring buffer invalid\n");

@@ -1,29 +1,25 @@
-// What the service manager calls: stop, preshutdown, power and session events. Stopping waits for
-// nobody: the two long-lived threads are asked to leave, and ended from outside soon after.
+// The control handler: stop, preshutdown, power and session events. A stop asks the two long-lived
+// threads to exit and soon after ends them from outside, so it never waits for the firmware.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 namespace stewardry {
 
-// Logon events since the service started.
-extern std::atomic<std::uint32_t> gSessionLogonCount;
-
-// LPHANDLER_FUNCTION_EX. Always 0 (NO_ERROR). Runs on the dispatcher's thread.
+// Handles one control (LPHANDLER_FUNCTION_EX). Returns 0, NO_ERROR. The dispatcher's thread.
 std::uint32_t SvcCtrlHandler(std::uint32_t control, std::uint32_t eventType, void* eventData,
                              void* context);
 
-// Notes logon, logoff, lock and unlock in the side log.
+// Writes logon, logoff, lock and unlock to the side log.
 void SvcHandleSessionChange(std::uint32_t control, std::uint32_t eventType, void* eventData,
                             void* context);
 
-// Reports a state; one that isn't running or stopped carries the next check point. Every state but
-// SERVICE_START_PENDING accepts the stop control alone.
+// Reports a state. A pending one has the next check point. Every state but SERVICE_START_PENDING
+// accepts the stop control only. The dispatcher's thread.
 void ReportSvcStatus(std::uint32_t currentState, std::uint32_t win32ExitCode,
                      std::uint32_t waitHint);
 
-// What a user's logon means to KVM: a trace in the side log. A session that is up goes on.
+// Writes the lines of a user's logon to the side log. A KVM session continues.
 void NotifyKvmTerminationEvents();
 
 }  // namespace stewardry

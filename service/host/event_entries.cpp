@@ -1,4 +1,3 @@
-// Event log entries.
 #include "service/host/event_entries.h"
 
 #include "platform/error.h"
@@ -7,14 +6,9 @@
 
 namespace stewardry {
 
-namespace {
-
-// The executable carries no message table: the strings are the whole content of an entry.
-constexpr std::uint32_t kEventId = 0xC0020001;
-
-}  // namespace
-
 void ReportServiceEvent(const char* text, std::uint16_t eventType) {
+  // The executable has no message table: the strings are the whole content of an entry.
+  constexpr std::uint32_t kEventId = 0xC0020001;
   const platform::EventSource source = platform::RegisterEventSourceA(kServiceName);
   if (!source) return;
   char Buffer[128] = "";
@@ -22,7 +16,7 @@ void ReportServiceEvent(const char* text, std::uint16_t eventType) {
   if (eventType == platform::kEventError)
     FormatTo(Buffer, sizeof Buffer, "%s failed with %d", text, platform::LastError());
   const char* const strings[] = {kServiceName, Buffer};
-  (void)platform::ReportEventA(source, eventType, kEventId, strings);  // an entry lost is no harm
+  (void)platform::ReportEventA(source, eventType, kEventId, strings);  // a lost entry does no harm
 }
 
 }  // namespace stewardry

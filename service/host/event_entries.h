@@ -1,4 +1,4 @@
-// Entries in the Windows event log.
+// Entries of the Windows event log.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@ namespace stewardry {
 inline constexpr char kServiceName[] = "QuillonSvc";
 
 // Writes one entry: `text` for information, "<text> failed with <last error>" for an error, cut at
-// 127 characters. Nobody depends on its working. Any thread.
+// 127 characters. A failure is ignored. Any thread.
 void ReportServiceEvent(const char* text, std::uint16_t eventType);
 
 }  // namespace stewardry

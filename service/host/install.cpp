@@ -1,4 +1,3 @@
-// The installer.
 #include "service/host/install.h"
 
 #include <cstdio>
@@ -25,8 +24,8 @@ void SvcInstall() {
     std::printf("Cannot install service (%u)\n", platform::LastError());
     return;
   }
-  // The manager takes the registered text as a command line: without quotes a blank in the path
-  // would end the program's name, and C:\Program.exe might start in its place.
+  // The manager runs the registered text as a command line. Without quotes a blank in the path
+  // would end the program's name, and C:\Program.exe might start instead.
   const char* quote = std::strchr(szPath, ' ') != nullptr ? "\"" : "";
   char command[sizeof szPath + 2];
   FormatTo(command, sizeof command, "%s%s%s", quote, static_cast<const char*>(szPath), quote);
@@ -44,7 +43,7 @@ void SvcInstall() {
     std::printf("CreateService failed with error (%u)\n", platform::LastError());
     return;
   }
-  if (!platform::ChangeServiceDescription(service, kDescription))
+  if (!platform::ChangeServiceDescription(service, kDescription))  // a fixed text
     std::printf("ChangeServiceConfig2 failed");
   std::printf("Service installed successfully\n");
 }

@@ -1,4 +1,3 @@
-// The folder of the logs.
 #include "service/host/log_folder.h"
 
 #include <cstdint>
@@ -18,12 +17,12 @@ namespace stewardry {
 
 namespace {
 
-constexpr std::uint32_t kPatienceMs = 10'000;  // twice in a start, of which Windows awaits 30 s
+constexpr std::uint32_t kPatienceMs = 10'000;  // runs twice in a start; Windows allows 30 s for it
 
 using Path = char[platform::kMaxPath + 64];
 
-// A moment in 100-nanosecond units is a name that nobody can have taken beforehand.
-bool PutAside(const char* path) {
+// The time in 100-nanosecond units: no other user can know the name in advance.
+bool RenameAside(const char* path) {
   Path aside;
   FormatTo(aside, sizeof aside, "%s.aside-%I64x", path, platform::GetSystemTimeAsFileTime());
   return platform::RenameFile(path, aside);
@@ -33,11 +32,11 @@ bool TakeOver(const char* path) {
   return platform::ClaimPrivateFolder(path) && platform::RemoveForeignFiles(path);
 }
 
-// `takeOver` decides whether a folder that is there will do.
+// Creates the folder, or uses an existing one that `takeOver` accepts.
 bool MakePrivate(const char* path, bool (*takeOver)(const char*)) {
   if (platform::CreatePrivateFolder(path)) return true;
   if (platform::LastError() != platform::kErrorAlreadyExists) return false;
-  return takeOver(path) || (PutAside(path) && platform::CreatePrivateFolder(path));
+  return takeOver(path) || (RenameAside(path) && platform::CreatePrivateFolder(path));
 }
 
 bool MakeBelow(const char* base, const char* name, bool (*takeOver)(const char*),
@@ -49,9 +48,9 @@ bool MakeBelow(const char* base, const char* name, bool (*takeOver)(const char*)
   return false;
 }
 
-// Whoever may write to the upper folder may put another one in the place of the lower, so both must
-// be private, and without the upper one the lower isn't made. Other programs of the company may
-// have files in the upper one, which stay.
+// A user with write access to the upper folder could replace the lower one, so both must be
+// private, and without the upper one the lower isn't created. Files of the company's other programs
+// in the upper one stay.
 std::uint32_t MakeFolders(void*) {
   char base[platform::kMaxPath];
   if (!platform::GetCommonAppDataFolder(base)) return 0;
@@ -61,17 +60,17 @@ std::uint32_t MakeFolders(void*) {
     return 0;
   Path path;
   FormatTo(path, sizeof path, "%s%s\\", base, kLogFolder);
-  gLogFolderIsSafe.store(EqualIgnoringCase(path, STEWARDRY_FIXED_LOG_FOLDER),
-                         std::memory_order_relaxed);
+  gLogs->gLogFolderIsSafe.store(EqualIgnoringCase(path, STEWARDRY_FIXED_LOG_FOLDER),
+                                std::memory_order_relaxed);
   return 1;
 }
 
 }  // namespace
 
-// On a thread of its own, which is left behind if somebody's hold on a file stops it: that must
+// On a thread of its own, which keeps running after the wait: a program that holds a file open must
 // cost the logs and not the service.
 bool MakeLogFolder() {
-  gLogFolderIsSafe.store(false, std::memory_order_relaxed);
+  gLogs->gLogFolderIsSafe.store(false, std::memory_order_relaxed);
   const platform::Thread thread = platform::CreateThread(MakeFolders, nullptr);
   std::uint32_t isMade = 0;
   return thread && platform::WaitForSingleObject(thread, kPatienceMs) == platform::kWaitObject0 &&

@@ -1,15 +1,14 @@
-// The folder of the logs. Every user of the machine may make folders where it lies, so one that
-// is there already may be a trap: a link that leads the system's writes elsewhere, or files that
-// their owner holds open.
+// The folder of the logs. Any user of the machine may create folders at its place, so an existing
+// one may be an attack: a link that redirects the system's writes, or files that are held open.
 #pragma once
 
 namespace stewardry {
 
-// Makes the company's folder and the log folder in it, for the system and the administrators alone.
-// What is there is used if it is theirs, less the files in it that are not; otherwise it is renamed
-// (".aside-" and a number behind its name) and created again. False, after a log line, if that
-// can't be done, or not within some seconds; gLogFolderIsSafe is set accordingly. While the process
-// has one thread that logs.
+// Creates the company's folder and the log folder in it, for the system and the administrators
+// only. An existing folder of theirs is used, without the foreign files in the log folder; any
+// other is renamed (".aside-" and a number after its name) and created again. Returns false, after
+// a log line, if that fails, and without one after ten seconds. Sets gLogFolderIsSafe. Requires
+// that only the calling thread logs.
 bool MakeLogFolder();
 
 }  // namespace stewardry

@@ -1,6 +1,5 @@
-// The answers to the tray and the software upgrade tool. Everything that they show is written by
-// other threads and read here without waiting for any: a flag or a word of a SharedRecord at a
-// time.
+// The answers to the tray and the software upgrade tool. Other threads write what they show; it is
+// read here without a lock, as an atomic or a SharedRecord.
 #include "service/host/pipe_threads.h"
 
 #include "service/actions/pipe_exchange.h"
@@ -9,6 +8,8 @@
 #include "service/inventory/reports.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/kvm_state.h"
+#include "service/kvm/session.h"
+#include "service/mailbox/mailbox_link.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -17,24 +18,26 @@ namespace {
 
 constexpr std::uint32_t kWlanAuthenticationFailed = 1200;  // a value of KVMStatus
 
-void Say(AnswerText text, const char* words) { FormatTo(text.data(), text.size(), "%s", words); }
+void SetAnswer(AnswerText text, const char* words) {
+  FormatTo(text.data(), text.size(), "%s", words);
+}
 
 bool IsRunning() { return gReports->gTavrinRunning.load(std::memory_order_relaxed) == 1; }
 
-void AnswerRunning(AnswerText text) { Say(text, IsRunning() ? "ON" : "OFF"); }
+void AnswerRunning(AnswerText text) { SetAnswer(text, IsRunning() ? "ON" : "OFF"); }
 void AnswerProvisioning(AnswerText text) {
-  Say(text, IsProvisioned() ? "Completed" : "Not Completed");
+  SetAnswer(text, IsProvisioned() ? "Completed" : "Not Completed");
 }
 void AnswerFirmwareVersion(AnswerText text) {
-  Say(text, TextOf(gTavrinVersionInfo.Load().version).c_str());
+  SetAnswer(text, TextOf(gMailboxLink->gTavrinVersionInfo.Load().version).c_str());
 }
 void AnswerKvmSession(AnswerText text) {
-  Say(text, TextOf(gKvm->gKvmSessionStatus.Load().text).c_str());
+  SetAnswer(text, TextOf(gKvm->gKvmSessionStatus.Load().text).c_str());
 }
-void AnswerServiceVersion(AnswerText text) { Say(text, kServiceVersion); }
-void AnswerNotAvailable(AnswerText text) { Say(text, "N/A"); }
+void AnswerServiceVersion(AnswerText text) { SetAnswer(text, kServiceVersion); }
+void AnswerNotAvailable(AnswerText text) { SetAnswer(text, "N/A"); }
 void AnswerServiceState(AnswerText text) {
-  Say(text, IsRunning() ? "Service Started" : "Service Ended");
+  SetAnswer(text, IsRunning() ? "Service Started" : "Service Ended");
 }
 
 template <std::uint32_t IPInfo::*Address>
@@ -47,8 +50,9 @@ void AnswerUpgradeNotice(AnswerText text) {
 }
 
 void AnswerWlanFault(AnswerText text) {
-  const bool failed = gTavrinVersionInfo.Load().KVMStatus == kWlanAuthenticationFailed;
-  Say(text, failed ? "WLAN firmware authentication failed" : "N/A");
+  const bool failed =
+      gMailboxLink->gTavrinVersionInfo.Load().KVMStatus == kWlanAuthenticationFailed;
+  SetAnswer(text, failed ? "WLAN firmware authentication failed" : "N/A");
 }
 
 constexpr PipeCommand kTrayCommands[] = {

@@ -1,13 +1,11 @@
-// The resume report.
 #include "service/host/resume.h"
 
-#include <atomic>
 #include <cstdint>
 
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/thread_end.h"
-#include "service/host/start_up.h"
+#include "service/host/service_control.h"
 #include "service/inventory/status_report.h"
 #include "service/mailbox/messages.h"
 
@@ -15,13 +13,9 @@ namespace stewardry {
 
 namespace {
 
-// The resume report that is wanted: the latest one. Written by the reader thread; a report that
-// finds another number than its own leaves.
-std::atomic<std::uint32_t> gResumeCount{0};
-
 // The parameter is the report's number.
 std::uint32_t RunResumeReport(void* number) {
-  ReportMark mark{&gResumeCount,
+  ReportMark mark{&gServiceControl->gResumeCount,
                   static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(number))};
   return SendSystemInfo(&mark);
 }
@@ -33,10 +27,11 @@ void ResumeReport() {
     LogInfo("Skip non DASH commands to ORRIN after S0i3 resume for non Provisioned case");
     return;
   }
-  platform::Thread& thread = gServiceThreads->thread[kResumeThread];
-  const std::uint32_t number = gResumeCount.fetch_add(1, std::memory_order_relaxed) + 1;
-  // A thread that is ended where it stands may take the heap or the loader's lock with it, which
-  // a service that lives on needs. So the older report is asked first.
+  platform::Thread& thread = gServiceControl->gServiceThreads[kResumeThread];
+  // The older report is asked before its thread is ended: a thread that is ended anywhere may keep
+  // the lock of the heap or the loader.
+  const std::uint32_t number =
+      gServiceControl->gResumeCount.fetch_add(1, std::memory_order_relaxed) + 1;
   if (thread) AwaitOrEndThread(thread, "TerminateThread for ORRIN_TAVRIN_CMD_S0i3_RESUME failed");
   thread.Reset();
   thread = platform::CreateThread(RunResumeReport, reinterpret_cast<void*>(std::uintptr_t{number}));

@@ -3,9 +3,9 @@
 
 namespace stewardry {
 
-// Lets the report of an earlier resume leave, ends it from outside if it doesn't within 150
-// milliseconds, and starts a new one on a thread of its own, if the firmware is provisioned. The
-// reader thread.
+// If the firmware is provisioned, asks the report of an earlier resume to end, ends its thread from
+// outside after 150 milliseconds, and starts a new report on a thread of its own. The reader
+// thread.
 void ResumeReport();
 
 }  // namespace stewardry

@@ -1,8 +1,6 @@
-// The server thread.
 #include "service/host/server_thread.h"
 
 #include <atomic>
-
 #include "platform/service_manager.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
@@ -10,8 +8,10 @@
 #include "service/gateway/listeners.h"
 #include "service/host/event_entries.h"
 #include "service/host/pipe_threads.h"
+#include "service/host/service_control.h"
 #include "service/inventory/link_watch.h"
 #include "service/inventory/status_report.h"
+#include "service/mailbox/mailbox_link.h"
 #include "service/mailbox/messages.h"
 #include "sock/sock.h"
 
@@ -19,11 +19,8 @@ namespace stewardry {
 
 namespace {
 
-// The start-up report has been made. The server thread's alone.
-bool gReportDone = false;
-
-// The handles aren't kept: the threads run to the process's end. One that can't be started leaves
-// its pipe without a client, and the service goes on.
+// The handles aren't kept: the threads run until the process ends. If one can't be started, its
+// pipe has no client and the service continues.
 void StartPipeThreads() {
   for (const platform::ThreadEntry entry :
        {TrayPipeThread, SoftwareUpgradePipeThread, ServiceToTrayUIThread})
@@ -31,31 +28,31 @@ void StartPipeThreads() {
 }
 
 void MakeStartupReport() {
-  if (gReportDone) return;
-  gReportDone = true;
+  if (gServiceControl->gReportDone) return;
+  gServiceControl->gReportDone = true;
   std::uint8_t status = kOrrinNoAnswer;
-  GetOrrinStatus(&status);  // asked for the firmware's sake; the answer changes nothing here
+  (void)GetOrrinStatus(&status);  // the firmware needs the request; the answer has no effect here
   ReportMark mark = ServerMark();
-  SendSystemInfo(&mark);
+  (void)SendSystemInfo(&mark);  // always 0
 }
 
 }  // namespace
 
 void ServerStartup() {
-  SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+  SetVersionText(&gMailboxLink->gTavrinVersionInfo, kVersionNotAvailable);
   StartPipeThreads();
-  (void)Sock_Start();  // without sockets the bind fails and says so
+  (void)Sock_Start();  // after a failure the bind fails and logs it
   WmiLog_Start();
   if (!ServerStops()) MakeStartupReport();
   if (ServerStops()) return;
-  (void)WlanRegisterWifiNotification();  // logs its own failure; the link then goes unwatched
-  // Nothing is left to store: while KVM is off the peer is 0, from the process's start as from each
-  // session's end. While it is on, the peer is the one that the firmware has named to the reader
-  // thread, perhaps during the report; to wipe that out would let anybody in.
+  (void)WlanRegisterWifiNotification();  // logs its own failure; the link is then not watched
+  // Only the line: while KVM is off the peer is 0. While it is on, the firmware has named the peer,
+  // perhaps during the report, and clearing it would admit any viewer.
   LogInfo("Initializing KVM IP and Port to 0");
 }
 
 std::uint32_t MyThreadFunction(void*) {
+  // Fixed log text; the number is not a line of this file.
   LogInfo("%s ln: %d Before RunServer", "MyThreadFunction", 448);
   ReportServiceEvent("MyThreadFunction-Before ServerMain", platform::kEventInformation);
   ServerStartup();

@@ -1,9 +1,7 @@
-// Process entry and service start-up.
 #include "service/host/start_up.h"
 
+#include <cassert>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 
 #include "platform/error.h"
 #include "platform/file.h"
@@ -26,19 +24,14 @@
 
 namespace stewardry {
 
-SharedRecord<platform::ServiceStatus> gServiceStatus;
-platform::ServiceStatusHandle gServiceStatusHandle = nullptr;
-platform::ProcessLifetime<platform::Event> gServiceStopEvent;
-std::atomic<bool> gStopPathRuns{false};
-platform::ProcessLifetime<ServiceThreads> gServiceThreads;
+platform::ProcessLifetime<ServiceControl> gServiceControl;
 
 namespace {
 
 constexpr std::chrono::seconds kHandlerPatience{5};
-constexpr std::uint32_t kLogLimit = 0xA00000;  // 10 MiB
 constexpr std::size_t kLogPathSize = 256;
 
-// The power settings that the service asks to be told of, in their order.
+// The power settings that the service registers for, in their order.
 constexpr platform::Guid kPowerSettings[] = {platform::kGuidAcdcPowerSource,
                                              platform::kGuidBatteryPercentageRemaining,
                                              platform::kGuidGlobalUserPresence};
@@ -53,7 +46,7 @@ void LogBanner() {
           static_cast<const char*>(buf));
 }
 
-// What SvcInit reports by hand, without a wait hint.
+// Reports a state of the start or the end, without a wait hint.
 void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint32_t exitCode,
                   std::uint32_t checkPoint) {
   SetReportedStatus(
@@ -63,23 +56,25 @@ void ReportStatus(std::uint32_t state, std::uint32_t controlsAccepted, std::uint
 void FailStart() { ReportStatus(platform::kServiceStopped, 0, platform::LastError(), 1); }
 
 bool StartThread(int slot, platform::ThreadEntry entry) {
-  platform::Thread& thread = gServiceThreads->thread[slot];
+  platform::Thread& thread = gServiceControl->gServiceThreads[slot];
+  assert(!thread);
   thread = platform::CreateThread(entry, nullptr);
   return static_cast<bool>(thread);
 }
 
 void ServiceMain(std::uint32_t argc, char** argv) {
-  (void)InitServiceLog();  // without a log the service runs all the same
-  gServiceStatusHandle =
+  (void)InitServiceLog();  // the service also runs without a log
+  const platform::ServiceStatusHandle handle =
       platform::RegisterServiceCtrlHandlerExA(kServiceName, SvcCtrlHandler, nullptr);
-  if (gServiceStatusHandle == nullptr) {
+  gServiceControl->gServiceStatusHandle = handle;
+  if (handle == nullptr) {
     const std::uint32_t error = platform::LastError();
     ReportServiceEvent("RegisterServiceCtrlHandler", platform::kEventError);
     platform::SetLastError(error);
     return ReportLastError(kSideLogKeyboardMouse, "RegisterServiceCtrlHandlerEx:");
   }
   for (const platform::Guid& setting : kPowerSettings)
-    (void)platform::RegisterPowerSettingNotification(gServiceStatusHandle, setting);  // not needed
+    (void)platform::RegisterPowerSettingNotification(handle, setting);  // works without it
   ReportStatus(platform::kServiceStartPending, 0, 0, 0);
   SvcInit(argc, argv);
 }
@@ -87,17 +82,18 @@ void ServiceMain(std::uint32_t argc, char** argv) {
 }  // namespace
 
 void SetReportedStatus(const platform::ServiceStatus& status) {
-  gServiceStatus.Store(status);
-  // Without a service manager the report goes nowhere.
-  (void)platform::SetServiceStatus(gServiceStatusHandle, status);
+  gServiceControl->gServiceStatus.Store(status);
+  // Fails in a foreground run, which has no service manager.
+  (void)platform::SetServiceStatus(gServiceControl->gServiceStatusHandle, status);
 }
 
-// A lock around each report won't do, since a manager may let no other report through while it
-// waits for the handler.
+// A lock around each report would not work: a manager may accept no other report while it waits for
+// the handler.
 void AwaitStopPath(std::chrono::milliseconds patience) {
   const auto end = std::chrono::steady_clock::now() + patience;
-  // Not turns: one may last a timer's tick of 16 ms.
-  while (gStopPathRuns.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
+  // The clock and not the number of sleeps, each of which may last a timer's tick of 16 ms.
+  const std::atomic<bool>& runs = gServiceControl->gStopPathRuns;
+  while (runs.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end)
     platform::Sleep(1);
 }
 
@@ -105,22 +101,24 @@ bool InitServiceLog() {
   char szAllUsersProfile[platform::kMaxPath];
   if (!MakeLogFolder() || !platform::GetCommonAppDataFolder(szAllUsersProfile)) return false;
   char logFile[kLogPathSize];
-  FormatTo(logFile, sizeof logFile, "%s%s\\tavrinLog.log", szAllUsersProfile, kLogFolder);
+  FormatTo(logFile, sizeof logFile, "%s%s\\%s", szAllUsersProfile, kLogFolder, kServiceLogFile);
   if (!ServiceLog_Start(logFile, kLogLimit)) return false;
   LogBanner();
   return true;
 }
 
 void SvcInit(std::uint32_t, char**) {
-  // A thread that is ended in an access to WMI may have the loader's lock if the access loads WMI's
-  // libraries or lets them go. A Windows without this call does so each time.
+  // Keeps WMI's libraries loaded. A thread that is ended in an access to WMI which loads or frees
+  // them may keep the loader's lock. A Windows without this call loads and frees them each time.
   (void)platform::CoIncrementMTAUsage();
   DetectChassis();
+  // Fixed log text, as in RunProcess; the number is not a line of this file.
   LogInfo("%s line: %d Starting", "SvcInit", 361);
-  *gServiceStopEvent = platform::CreateEventA(true, false);
-  if (!*gServiceStopEvent) return FailStart();
+  platform::Event& stopEvent = gServiceControl->gServiceStopEvent;
+  stopEvent = platform::CreateEventA(true, false);
+  if (!stopEvent) return FailStart();
   LogInfo("Attempting OpenOrrinDevice");
-  (void)OpenOrrinDevice(kRequestMode);  // without a device every request fails and is logged
+  (void)OpenOrrinDevice(kRequestMode);  // without a device each request fails and logs it
   ReportServiceEvent("SvcInit-Before CreateThread", platform::kEventInformation);
   ComposeService();
   if (!StartThread(kServerThread, MyThreadFunction)) return FailStart();
@@ -128,13 +126,13 @@ void SvcInit(std::uint32_t, char**) {
   ReportServiceEvent("SvcInit-After CreateThread", platform::kEventInformation);
   ReportStatus(platform::kServiceRunning,
                platform::kServiceAcceptStop | platform::kServiceAcceptPreshutdown, 0, 0);
-  (void)platform::WaitForSingleObject(*gServiceStopEvent, platform::kInfinite);  // stop, either way
+  (void)platform::WaitForSingleObject(stopEvent, platform::kInfinite);  // a failed wait stops too
   AwaitStopPath(kHandlerPatience);
   ReportStatus(platform::kServiceStopped, 0, 0, 3);
 }
 
 int RunProcess(int argc, char** argv) {
-  (void)InitServiceLog();  // without a log the service runs all the same
+  (void)InitServiceLog();  // the process also runs without a log
   const char* word = argc > 1 ? argv[1] : "";
   if (EqualIgnoringCase(word, "ult")) {
     SvcInit(0, nullptr);

@@ -8,7 +8,7 @@
 
 #include "platform/heap.h"
 #include "platform/network.h"
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

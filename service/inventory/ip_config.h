@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "platform/network.h"
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 #include "service/mailbox/shared_record.h"
 
 namespace stewardry {

@@ -79,7 +79,7 @@ platform::WlanHandle OpenWlan() {
 class ChangeLog final : public ReportLines {
  public:
   ChangeLog() {
-    if (gLogFolderIsSafe.load(std::memory_order_relaxed))
+    if (gLogs->gLogFolderIsSafe.load(std::memory_order_relaxed))
       stream_ = platform::OpenStream(kChangeLogPath, "a+");
   }
 

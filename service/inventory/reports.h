@@ -6,7 +6,7 @@
 
 #include "platform/handle.h"
 #include "platform/wlan.h"
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 #include "service/mailbox/shared_record.h"
 
 namespace stewardry {

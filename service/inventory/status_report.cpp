@@ -15,6 +15,7 @@
 #include "service/inventory/network_report.h"
 #include "service/inventory/reports.h"
 #include "service/inventory/wmi_access.h"
+#include "service/mailbox/mailbox_link.h"
 #include "service/mailbox/messages.h"
 
 namespace stewardry {
@@ -67,9 +68,9 @@ void ReportOperatingSystem() {
 }
 
 void RefreshFirmwareVersion() {
-  GetTavrinVersion(&gTavrinVersionInfo);
-  const auto version = [] { return TextOf(gTavrinVersionInfo.Load().version); };
-  if (version().empty()) SetVersionText(&gTavrinVersionInfo, kVersionNotAvailable);
+  GetTavrinVersion(&gMailboxLink->gTavrinVersionInfo);
+  const auto version = [] { return TextOf(gMailboxLink->gTavrinVersionInfo.Load().version); };
+  if (version().empty()) SetVersionText(&gMailboxLink->gTavrinVersionInfo, kVersionNotAvailable);
   if (version() != kVersionNotAvailable)
     gReports->gTavrinRunning.store(1, std::memory_order_relaxed);
 }

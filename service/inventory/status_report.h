@@ -7,7 +7,7 @@
 #include <cassert>
 #include <cstdint>
 
-#include "service/inventory/records.h"
+#include "service/mailbox/records.h"
 
 namespace stewardry {
 

@@ -48,8 +48,7 @@ bool InitializeKeyboardMousePointers() {
   RequestOutcome outcome;
   gKvm->KeyBoardBufferVirtualAddress.store(0, std::memory_order_relaxed);
   gKvm->MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
-  if (AskForRecord(Operation::kInitializeKeyboardMousePointers, &buffer, &outcome) != 0)
-    return false;
+  if (ReadRecord<Operation::kInitializeKeyboardMousePointers>(&buffer, &outcome) != 0) return false;
   if (outcome.completed &&
       (outcome.bytes < sizeof buffer.address || !IsSharedRegion(buffer.address))) {
     SideLog(kSideLogKeyboardMouse, "Invalid keyboard and mouse buffer address\n");

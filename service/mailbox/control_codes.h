@@ -1,6 +1,8 @@
-// Every control code of the mailbox, with its sizes: the driver's whole vocabulary in one table.
+// The control codes of the mailbox driver, with the sizes of their records, in one table. A change
+// here is a change of the driver's interface.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -9,7 +11,10 @@
 
 namespace stewardry {
 
-// The operations, in the order of the table.
+// Bytes of one frame from the firmware, and of one relayed read to it, at most.
+inline constexpr std::uint32_t kMaxFrameSize = 131072;
+
+// In the order of kControlCodes.
 enum class Operation : std::uint8_t {
   kWriteDASHPacket,
   kWriteTavrinStatus,
@@ -38,11 +43,11 @@ enum class Operation : std::uint8_t {
 };
 
 enum class CallMode : std::uint8_t {
-  kOverlapped,  // a request record and an event; the driver must pend it
-  kPlain,       // no request record: the call waits in the driver
+  kOverlapped,  // a request record and an event; the driver must pend the request
+  kPlain,       // no request record: the call blocks in the driver
 };
 
-// A size that comes with the request instead of the table.
+// The size comes with the request and not from the table.
 constexpr std::uint32_t kSizeOfRequest = 0xFFFFFFFF;
 
 // What a code is made of: device type, required access, function, transfer method.
@@ -109,7 +114,7 @@ inline constexpr ControlCode kControlCodes[] = {
      CallMode::kPlain},
     {Operation::kSetS5Status, ControlCodeOf(kMailboxType, kWriteAccess, 0x918, kBuffered), 2, 0,
      CallMode::kPlain},
-    // The length of the record is its 32-bit field at offset 16, plus 40; a form without buffers
+    // The length of the record is its 32-bit field at offset 16, plus 40. A form without buffers
     // exists too.
     {Operation::kUnnamed002, ControlCodeOf(kSecondType, kReadAccess, 0x002, kBuffered),
      kSizeOfRequest, kSizeOfRequest, CallMode::kPlain},
@@ -118,11 +123,13 @@ inline constexpr ControlCode kControlCodes[] = {
      kSizeOfRequest, 0, CallMode::kPlain},
 };
 
+// Returns the row of `operation`.
 constexpr const ControlCode& ControlCodeFor(Operation operation) {
+  assert(static_cast<std::size_t>(operation) < std::size(kControlCodes));
   return kControlCodes[static_cast<std::size_t>(operation)];
 }
 
-// The one code with a name of its own.
+// Fixed name; a log line contains it.
 inline constexpr std::uint32_t IOCTL_CORVANE_SET_S5_STATUS =
     ControlCodeFor(Operation::kSetS5Status).code;
 
@@ -132,7 +139,8 @@ constexpr bool InOrder() {
     if (static_cast<std::size_t>(kControlCodes[i].operation) != i) return false;
   return true;
 }
-static_assert(InOrder() && std::size(kControlCodes) == 24);
+static_assert(InOrder() &&
+              std::size(kControlCodes) == static_cast<std::size_t>(Operation::kUnnamed007) + 1);
 static_assert(ControlCodeFor(Operation::kWriteDASHPacket).code == 0x9C41A400);
 static_assert(ControlCodeFor(Operation::kWriteKVMPacket).code == 0x9C41A43D);
 static_assert(ControlCodeFor(Operation::kGetTavrinVersion).code == 0x9C416424);

@@ -1,19 +1,18 @@
-// Finding and opening the mailbox device.
 #include "service/mailbox/device.h"
+
+#include <algorithm>
 
 #include "platform/error.h"
 #include "service/diagnostics/service_log.h"
-#include "service/mailbox/device_path.h"
 
 namespace stewardry {
 
-platform::ProcessLifetime<platform::DeviceHandle> gRequestDevice;
-platform::ProcessLifetime<platform::DeviceHandle> gInterruptDevice;
+platform::ProcessLifetime<MailboxLink> gMailboxLink;
 
 namespace {
 
-// Walks the interfaces of the class and keeps the path of the last; false after a failure of a
-// detail, which ends the search. An enumeration that fails drops the path found so far.
+// Walks the interfaces of the class and keeps the path of the last. Returns false if a detail can't
+// be read, which ends the search. A failed enumeration drops the path found so far.
 bool FindLastInterface(const platform::DeviceInfoList& list, DevicePath* last) {
   for (std::uint32_t index = 0;; ++index) {
     platform::DeviceInterfaceData data{};
@@ -31,6 +30,7 @@ bool OpenHandle(platform::DeviceHandle* handle, const char* path, std::uint32_t 
   if (*handle) return true;
   *handle = platform::OpenDevice(path, mode);
   if (*handle) return true;
+  // Fixed log text; it does not name the path that was used.
   LogInfo("Failed in open device %s with error: %d", "\\\\?\\GLOBALROOT\\Device\\000000c8",
           platform::LastError());
   return false;
@@ -51,12 +51,38 @@ std::uint32_t OpenOrrinDevice(std::uint32_t mode) {
     LogInfo("No device interfaces present");
     return 1;
   }
-  platform::DeviceHandle& handle = mode == kRequestMode ? *gRequestDevice : *gInterruptDevice;
+  platform::DeviceHandle& handle =
+      mode == kRequestMode ? gMailboxLink->gRequestDevice : gMailboxLink->gInterruptDevice;
   if (!OpenHandle(&handle, path.Text(), mode)) return 1;
   LogInfo("Device open success");
   return 0;
 }
 
-void CloseOrrinDevice() { gRequestDevice->Reset(platform::InvalidHandleValue()); }
+void CloseOrrinDevice() { gMailboxLink->gRequestDevice.Reset(platform::InvalidHandleValue()); }
+
+DevicePath ReadDevicePath(const platform::DeviceInfoList& list,
+                          const platform::DeviceInterfaceData& data) {
+  std::uint32_t size = 0;
+  if (!platform::SetupDiGetDeviceInterfaceDetailA(list, data, nullptr, 0, &size) &&
+      platform::LastError() != platform::kErrorInsufficientBuffer) {
+    LogInfo("SetupDiGetDeviceInterfaceDetail failed with error: %d", platform::LastError());
+    return {};
+  }
+  // The block has space for the record's own fields even if the platform returns a smaller size.
+  const std::size_t blockSize =
+      std::max<std::size_t>(size, sizeof(platform::DeviceInterfaceDetail));
+  platform::LocalBlock block = platform::LocalAlloc(blockSize);
+  if (!block) {
+    // Fixed log text; its wording must not change.
+    LogInfo("Couldn't allocate %d bytes for device interface detailsn", size);
+    return {};
+  }
+  auto* detail = static_cast<platform::DeviceInterfaceDetail*>(block.Raw());
+  detail->cbSize = sizeof *detail;
+  if (platform::SetupDiGetDeviceInterfaceDetailA(list, data, detail, size, nullptr))
+    return DevicePath(std::move(block));
+  LogInfo("Error in SetupDiGetDeviceInterfaceDetail");
+  return {};
+}
 
 }  // namespace stewardry

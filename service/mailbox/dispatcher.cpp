@@ -1,31 +1,33 @@
-// The dispatcher.
 #include "service/mailbox/dispatcher.h"
 
+#include <cassert>
+
 #include "service/diagnostics/service_log.h"
+#include "service/mailbox/mailbox_link.h"
 
 namespace stewardry {
 
 namespace {
 
-// Written once before the reader thread starts, which orders it.
-std::span<const FirmwareCommand> gCommands;
-
 constexpr std::uint32_t kTrailer = 2;  // the command code and the last byte
 
 const FirmwareCommand* FindCommand(std::uint8_t code) {
-  for (const FirmwareCommand& command : gCommands)
+  for (const FirmwareCommand& command : gMailboxLink->gCommands)
     if (command.code == code) return &command;
   return nullptr;
 }
 
 }  // namespace
 
-void SetFirmwareCommands(std::span<const FirmwareCommand> commands) { gCommands = commands; }
+void SetFirmwareCommands(std::span<const FirmwareCommand> commands) {
+  assert(!commands.empty());
+  gMailboxLink->gCommands = commands;
+}
 
 void Processread(std::uint32_t byteCount, const std::uint8_t* buffer) {
+  assert(!gMailboxLink->gCommands.empty() && (buffer != nullptr || byteCount == 0));
   if (byteCount < kTrailer) {
-    // No code can stand in it. It is said in the log, since a firmware that sends such frames is
-    // broken, and dropped.
+    // A firmware that sends such frames is faulty, so they are logged.
     LogInfo("Frame of %d bytes carries no command", byteCount);
     return;
   }

@@ -1,6 +1,5 @@
-// The dispatcher of firmware commands. It walks one table and knows no handler: service/host
-// composes the table, because it alone knows all rooms. It makes no platform call, so it works on
-// frames from any source.
+// The dispatcher of firmware commands. It walks one table, which service/host composes from the
+// handlers of all rooms. It makes no platform call, so a test can dispatch frames of its own.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +8,7 @@
 
 namespace stewardry {
 
-// The firmware's vocabulary.
+// The firmware's commands.
 enum FirmwareCommandCode : std::uint8_t {
   ORRIN_TAVRIN_CMD_DASH_DATA = 0x08,
   ORRIN_TAVRIN_CMD_KVM_DATA = 0x09,
@@ -27,24 +26,25 @@ enum FirmwareCommandCode : std::uint8_t {
   ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO = 0x27,
 };
 
-// A handler gets the payload, which stays valid until it returns, and its length. A payload that
-// is longer than what the handler fills is the handler's to cut or refuse.
+// Handles one payload, which is valid until the handler returns. The handler cuts or refuses a
+// payload that is longer than its own field.
 using FirmwareHandler = void (*)(const std::uint8_t* payload, std::uint32_t length);
 
 struct FirmwareCommand {
   std::uint8_t code;
   const char* name;
   const char* arrivalLine;  // null: nothing is logged
-  bool needsPayload;        // the guard: an empty payload stops the command before its handler
+  bool needsPayload;        // an empty payload stops the command before its handler
   FirmwareHandler handler;  // null: the command is only logged
 };
 
-// Sets the table that Processread walks; it must outlive the reader. Before the reader starts.
+// Sets the table that Processread walks. Requires that the table outlives the reader thread, which
+// has not started yet.
 void SetFirmwareCommands(std::span<const FirmwareCommand> commands);
 
 // Dispatches one frame of `byteCount` bytes: payload, command code, one byte without a meaning.
-// Logs and drops a code that isn't in the table, and a frame too short to carry one. Runs the
-// handler on the calling thread, the reader's.
+// Logs and drops a code that is not in the table, and a frame too short for a code. Runs the
+// handler on the calling thread, the reader thread.
 void Processread(std::uint32_t byteCount, const std::uint8_t* buffer);
 
 }  // namespace stewardry

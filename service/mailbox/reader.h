@@ -1,20 +1,18 @@
-// The reader: the thread on which every firmware command arrives. It keeps ten reads outstanding
-// on the device, dispatches each finished one, and arms its slot again.
+// The reader thread, which receives every firmware command. It keeps ten reads outstanding on the
+// device, dispatches the frame of each finished read, and starts that slot's next read.
 #pragma once
 
 #include <cstdint>
 
 namespace stewardry {
 
-// Bytes of one frame at most; one read is one frame.
-constexpr std::uint32_t kFrameSize = 131072;
-
-// The reader thread's entry; the parameter is not used. Ends, for good, when the device can't be
-// opened or read, after a log line, or when it is asked to stop. Result 0.
+// The reader thread's entry; the parameter is not used. Returns 0 when the device can't be opened
+// or read, after a log line, or when the thread was asked to stop.
 std::uint32_t intThreadFunction(void* parameter);
 
-// Asks the reader to leave and wakes it. It does so without another frame or line, once the handler
-// that it is in, if any, has returned. For the rest of the process; the control handler's thread.
+// Asks the reader thread to exit and wakes it. It exits without another frame or log line, after
+// the handler that it is in, if any, has returned. Called by the control handler's thread; the
+// process starts no other reader.
 void AskReaderToStop();
 
 }  // namespace stewardry

@@ -1,6 +1,7 @@
-// The request pattern.
 #include "service/mailbox/request.h"
 
+#include <cassert>
+#include <iterator>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -10,12 +11,13 @@
 #include "platform/event.h"
 #include "platform/thread.h"
 #include "service/diagnostics/service_log.h"
-#include "service/mailbox/device.h"
+#include "service/mailbox/mailbox_link.h"
 
 namespace stewardry {
 
 namespace {
 
+// Fixed log texts, here and in the table; their wording must not change.
 constexpr std::string_view kEventFailed =
     "Error creating overlapped event for interrupt thread - with error: %u";
 constexpr std::string_view kEventFailedErro =
@@ -27,7 +29,7 @@ constexpr std::string_view kFinishFailed = "GetOverlappedResult failed for %s wi
 constexpr std::string_view kFinishFailedUnnamed = "GetOverlappedResult failed with error: %u";
 constexpr std::string_view kFinished = "Asynchronous IO completed for %s readbytes is %d";
 
-// The texts of one operation's log lines: `start` and `finishFailed` take the name and the error,
+// The texts of one operation's log lines. `start` and `finishFailed` take the name and the error,
 // `event` the error, `wait` the wait's result, `finished` the name and the byte count.
 struct Wording {
   Operation operation;
@@ -40,7 +42,6 @@ struct Wording {
   std::string_view finished = kFinished;
 };
 
-// Critical and drained differ in the code alone.
 constexpr Wording BatteryWording(Operation operation) {
   return {operation,
           "batteryinfo",
@@ -87,26 +88,35 @@ constexpr Wording kWording[] = {
      "Asynchronous IO completed for %s readbytes is %d for userlogged"},
     BatteryWording(Operation::kBatteryCritical),
     BatteryWording(Operation::kBatteryDrained),
-    // These two have no wording of their own anywhere: the commonest one serves.
+    // No wording is fixed for these two; they have the most common one.
     {Operation::kWriteFanInfo, "WriteFanInfo", "Invalid Handle"},
     {Operation::kWriteSensorInfo, "WriteSensorInfo", "Invalid Handle"},
 };
 
-constexpr const Wording& WordingOf(Operation operation) {
-  for (const Wording& row : kWording)
-    if (row.operation == operation) return row;
-  return kWording[0];
+// Returns the operation's index in kWording, or its size for a plain operation.
+constexpr std::size_t WordingIndex(Operation operation) {
+  std::size_t i = 0;
+  while (i < std::size(kWording) && kWording[i].operation != operation) ++i;
+  return i;
 }
 
-// Logs a text of the table, which the compiler can't check against its arguments.
+constexpr bool EachOverlappedOperationHasWording() {
+  for (const ControlCode& row : kControlCodes)
+    if ((row.mode == CallMode::kOverlapped) != (WordingIndex(row.operation) < std::size(kWording)))
+      return false;
+  return true;
+}
+static_assert(EachOverlappedOperationHasWording());
+
+// Logs a text of the table, which is not checked against its arguments when it is compiled.
 template <class... Args>
 void LogWording(std::string_view text, const Args&... args) {
   const FormatArg list[] = {FormatArg(args)..., FormatArg()};
   ServiceLog_Write(LogHeader::kInfo, text, std::span(list, sizeof...(Args)));
 }
 
-// A request in flight, with its event. If its thread is ended while it waits, the request is
-// cancelled and waited for before the record goes away.
+// A request in flight, with its event. If its thread is ended while it waits, the destructor
+// cancels the request and waits for it, since the record is on the thread's stack.
 class Flight {
  public:
   explicit Flight(platform::Event event) : event_(std::move(event)) {
@@ -118,21 +128,30 @@ class Flight {
     if (!started_) return;
     const platform::StayInThread stay;
     std::uint32_t bytes;
-    (void)platform::CancelIoEx(*gRequestDevice, &record_);  // it may have finished meanwhile
-    (void)platform::GetOverlappedResult(*gRequestDevice, &record_, &bytes, true);
+    platform::DeviceHandle& device = gMailboxLink->gRequestDevice;
+    (void)platform::CancelIoEx(device, &record_);  // it may have finished meanwhile
+    (void)platform::GetOverlappedResult(device, &record_, &bytes, true);
   }
 
-  // True if the device has pended the request, the only way it is accepted.
-  bool Start(const ControlCode& code, const void* input, std::uint32_t inputSize, void* output,
+  // Returns true if the device pends the request. One that finishes at once is a failure: the
+  // driver must pend each request.
+  bool Start(std::uint32_t code, const void* input, std::uint32_t inputSize, void* output,
              std::uint32_t outputSize) {
-    const bool finished = platform::DeviceIoControl(*gRequestDevice, code.code, input, inputSize,
-                                                    output, outputSize, nullptr, &record_);
+    assert(!started_);
+    const bool finished =
+        platform::DeviceIoControl(gMailboxLink->gRequestDevice, code, input, inputSize, output,
+                                  outputSize, nullptr, &record_);
     started_ = !finished && platform::LastError() == platform::kErrorIoPending;
     return started_;
   }
-  std::uint32_t Wait() { return platform::WaitForSingleObject(event_, platform::kInfinite); }
-  bool Finish(std::uint32_t* bytes) {
-    const bool done = platform::GetOverlappedResult(*gRequestDevice, &record_, bytes, false);
+  std::uint32_t Wait() {
+    assert(started_);
+    return platform::WaitForSingleObject(event_, platform::kInfinite);
+  }
+  // Stores the device's byte count. Returns false if the request failed.
+  bool ReadResult(std::uint32_t* bytes) {
+    const bool done =
+        platform::GetOverlappedResult(gMailboxLink->gRequestDevice, &record_, bytes, false);
     started_ = !done && platform::LastError() == platform::kErrorIoIncomplete;
     return done;
   }
@@ -146,7 +165,7 @@ class Flight {
 void AwaitOutcome(Flight* flight, const Wording& wording, RequestOutcome* outcome) {
   const std::uint32_t waited = flight->Wait();
   if (waited != platform::kWaitObject0) return LogWording(wording.wait, waited);
-  if (!flight->Finish(&outcome->bytes)) {
+  if (!flight->ReadResult(&outcome->bytes)) {
     const std::uint32_t error = platform::LastError();
     if (wording.finishFailed.empty()) return LogWording(kFinishFailedUnnamed, error);
     return LogWording(wording.finishFailed, wording.name, error);
@@ -159,9 +178,13 @@ void AwaitOutcome(Flight* flight, const Wording& wording, RequestOutcome* outcom
 
 std::uint32_t RunRequest(Operation operation, const void* input, std::uint32_t inputSize,
                          void* output, std::uint32_t outputSize, RequestOutcome* outcome) {
+  const ControlCode& row = ControlCodeFor(operation);
+  assert(row.mode == CallMode::kOverlapped);
+  assert(row.inputSize == inputSize || row.inputSize == kSizeOfRequest);
+  assert(inputSize <= kMaxFrameSize);
+  const Wording& wording = kWording[WordingIndex(operation)];
   *outcome = RequestOutcome{};
-  const Wording& wording = WordingOf(operation);
-  if (!*gRequestDevice) {
+  if (!gMailboxLink->gRequestDevice) {
     LogWording(wording.invalidHandle);
     return 1;
   }
@@ -171,7 +194,7 @@ std::uint32_t RunRequest(Operation operation, const void* input, std::uint32_t i
     return 1;
   }
   Flight flight(std::move(event));
-  if (!flight.Start(ControlCodeFor(operation), input, inputSize, output, outputSize)) {
+  if (!flight.Start(row.code, input, inputSize, output, outputSize)) {
     LogWording(wording.start, wording.name, platform::LastError());
     return 1;
   }
@@ -179,21 +202,14 @@ std::uint32_t RunRequest(Operation operation, const void* input, std::uint32_t i
   return 0;
 }
 
-std::uint32_t SendRecord(Operation operation, const void* input) {
-  RequestOutcome outcome;
-  return RunRequest(operation, input, ControlCodeFor(operation).inputSize, nullptr, 0, &outcome);
-}
-
-std::uint32_t AskForRecord(Operation operation, void* output, RequestOutcome* outcome) {
-  return RunRequest(operation, nullptr, 0, output, ControlCodeFor(operation).outputSize, outcome);
-}
-
 std::uint32_t RunPlainCall(Operation operation, const void* input, std::uint32_t inputSize,
                            std::uint32_t* returned) {
+  const ControlCode& row = ControlCodeFor(operation);
+  assert(row.mode == CallMode::kPlain);
   *returned = 0;
-  if (!*gRequestDevice) return 1;
-  const bool done = platform::DeviceIoControl(*gRequestDevice, ControlCodeFor(operation).code,
-                                              input, inputSize, nullptr, 0, returned, nullptr);
+  if (!gMailboxLink->gRequestDevice) return 1;
+  const bool done = platform::DeviceIoControl(gMailboxLink->gRequestDevice, row.code, input,
+                                              inputSize, nullptr, 0, returned, nullptr);
   return done ? 0 : 1;
 }
 

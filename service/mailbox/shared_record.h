@@ -1,4 +1,4 @@
-// A record that several threads read and write without a lock, as the firmware's records are.
+// A record that several threads read and write without a lock.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ namespace stewardry {
 // Invariants:
 // 1. Each 32-bit word of the record is read and written whole.
 // 2. Nothing orders one word against another: a reader may see half of another thread's update.
-//    Its users accept that; a report that crossed an accept is followed by the next message.
+//    The next message corrects a report that was sent with such a mixture.
 // 3. All accesses are relaxed, since no other data is published through a record.
 // A lock would be worse: its holder may be ended from outside and would leave it held.
 template <class Record>
@@ -37,7 +37,7 @@ class SharedRecord {
       words_[i].store(words[i], std::memory_order_relaxed);
   }
 
-  // change(Record&) on a copy; only the words that it changed are written back.
+  // Calls change(Record&) on a copy and stores the words that it changed.
   template <class Change>
   void Update(Change change) {
     Record record = Load();

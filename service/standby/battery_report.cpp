@@ -11,7 +11,6 @@
 #include "service/diagnostics/wmi_log.h"
 #include "service/inventory/wmi_access.h"
 #include "service/mailbox/device.h"
-#include "service/mailbox/device_path.h"
 #include "service/mailbox/request.h"
 #include "service/standby/standby_state.h"
 
@@ -38,16 +37,16 @@ bool NoteChange(std::atomic<std::uint32_t>* last, std::uint32_t now) {
 bool ReportPresence(std::uint32_t presence) {
   LogInfo("StatusChanged of user %d", presence);
   const std::uint32_t value = presence == 0 ? kUserPresent : kUserAbsent;
-  return SendRecord(Operation::kUserPresence, &value) == 0;
+  return SendRecord<Operation::kUserPresence>(value) == 0;
 }
 
 void ReportBatteryState(std::uint32_t state) {
   LogInfo("StatusChanged of Battery %d", state);
   BatteryStatusRecord record{};
   record.batteryState = state;
-  (void)GetCompleteBatteryinformation(&record);  // the state is sent with or without the rest
-  if (state == kBatteryIsCritical) SendRecord(Operation::kBatteryCritical, &record);
-  if (state == kBatteryIsDrained) SendRecord(Operation::kBatteryDrained, &record);
+  (void)GetCompleteBatteryinformation(&record);  // the state counts, with or without the rest
+  if (state == kBatteryIsCritical) (void)SendRecord<Operation::kBatteryCritical>(record);
+  if (state == kBatteryIsDrained) (void)SendRecord<Operation::kBatteryDrained>(record);
   // No other state has a control code.
 }
 
@@ -115,7 +114,7 @@ bool ReadBattery(const platform::BatteryHandle& battery, std::uint32_t index,
 
 void SendBattery(const BatteryInfoRecord& record) {
   std::uint32_t returned = 0;
-  if (RunPlainCall(Operation::kBatteryRecord, &record, sizeof record, &returned) != 0)
+  if (SendPlainRecord<Operation::kBatteryRecord>(record, &returned) != 0)
     return LogInfo("IOCTL failed");
   LogInfo("Junk : %d", returned);
 }
@@ -154,7 +153,7 @@ std::uint32_t WalkBatteries() {
 }  // namespace
 
 void ReportPresenceAndBattery() {
-  if (!*gRequestDevice) return LogInfo("Failed");
+  if (!gMailboxLink->gRequestDevice) return LogInfo("Failed");
   const std::uint32_t presence = gStandby->gUserPresence.load(std::memory_order_relaxed);
   if (!NoteChange(&gStandby->gLastUserPresence, presence)) return;
   if (!ReportPresence(presence)) return;
@@ -171,7 +170,7 @@ std::uint32_t GetCompleteBatteryinformation(BatteryStatusRecord* record) {
 }
 
 std::uint32_t ReportBatteryDevices() {
-  if (!*gRequestDevice) {
+  if (!gMailboxLink->gRequestDevice) {
     LogInfo("Invalid device");
     return 1;
   }

@@ -138,7 +138,7 @@ bool EmptyFileOnce() {
 std::uint32_t WriteLogBuffer() {
   Answer answer;
   const std::uint32_t result =
-      AskForRecord(Operation::kWriteLogBuffer, &answer.address, &answer.outcome);
+      ReadRecord<Operation::kWriteLogBuffer>(&answer.address, &answer.outcome);
   if (!answer.outcome.completed) return result;
   if (!answer.IsAddress()) LogInfo("Invalid log buffer address");
   gStandby->gLogBufferAddress.store(answer.IsAddress() ? answer.address : 0,
@@ -150,13 +150,13 @@ std::uint32_t WriteLogBuffer() {
 std::uint32_t DeAllocateLogBuffer() {
   Answer answer;
   const std::uint32_t result =
-      AskForRecord(Operation::kDeAllocateLogBuffer, &answer.address, &answer.outcome);
+      ReadRecord<Operation::kDeAllocateLogBuffer>(&answer.address, &answer.outcome);
   if (answer.outcome.completed) gStandby->gLogBufferAddress.store(0, std::memory_order_relaxed);
   return result;
 }
 
 void CaptureLogBuffer() {
-  if (!gLogFolderIsSafe.load(std::memory_order_relaxed) || !EmptyFileOnce()) return;
+  if (!gLogs->gLogFolderIsSafe.load(std::memory_order_relaxed) || !EmptyFileOnce()) return;
   CaptureFile file;
   if (!file) return;
   const std::uint64_t address = gStandby->gLogBufferAddress.load(std::memory_order_relaxed);

@@ -1,7 +1,7 @@
-// Fuzz target: one frame from the firmware through the dispatcher and the service's own command
-// table. There is no device, connection or log, no thread starts and no event is posted, so a
-// handler ends at its own checks, and nothing connects to the real port 22. The frame is copied to
-// the heap, so that a sanitizer reports a read beyond it.
+// Fuzz target: dispatches one frame from the firmware through the service's own command table.
+// There is no device, connection or log, no thread starts and no event is posted, so a handler ends
+// at its own checks and connects to no real port. The frame is copied to the heap, so that a
+// sanitizer reports a read beyond it.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>

@@ -1,5 +1,5 @@
-// Fuzz target: what a program of the user's session sends over the tray's pipe, to the real thread.
-// Whatever it is, the thread gives one whole answer of its table and serves the next connection.
+// Fuzz target: sends a question over the tray's pipe to the real thread. The thread must return one
+// whole answer of its table and serve the next connection.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -9,12 +9,12 @@
 
 #include "platform/thread.h"
 #include "service/host/pipe_threads.h"
-#include "service/mailbox/messages.h"
+#include "service/mailbox/mailbox_link.h"
 #include "tests/service/host/pipe_server.h"
 
 namespace {
 
-// Nothing has been reported here, so the answers are few; in their order in the table.
+// The answers of a service without a report, in the order of the table.
 constexpr std::string_view kAnswers =
     "\r\nOFF\r\nNot Completed\r\nNot Available\r\nNO\r\n1.0.0.533\r\nN/A\r\nService Ended\r\n0\r\n"
     "Please provide proper input\r\n";
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::error_code ignored;
     std::filesystem::remove_all(gFolder, ignored);
   });
-  stewardry::SetVersionText(&stewardry::gTavrinVersionInfo, stewardry::kVersionNotAvailable);
+  stewardry::gMailboxLink->gTavrinVersionInfo.Store({"Not Available", 0, 0, 0, 0});
   (void)platform::CreateThread(stewardry::TrayPipeThread, nullptr);
   return 0;
 }

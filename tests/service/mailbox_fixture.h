@@ -5,20 +5,25 @@
 #include <string>
 
 #include "platform/thread.h"
+#include "service/diagnostics/log_file.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/device.h"
 #include "service/mailbox/messages.h"
 #include "tests/firmware_peer.h"
+#include "tests/fresh_state.h"
 #include "tests/lab_folder_fixture.h"
 
 namespace stewardry {
 
 namespace gate = platform::gate;
 
+inline constexpr char kKeyboardMouseLog[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinKeyboardMouseLog.log";
+
 class MailboxTest : public LabTest {
  protected:
   void SetUp() override {
     LabTest::SetUp();
+    Renew(&gMailboxLink);
     ServiceLog_Start(kServiceLog, 100 << 20);
     firmware_ = std::make_unique<FirmwarePeer>(lab(), "7.1");
   }
@@ -43,7 +48,7 @@ class MailboxTest : public LabTest {
   static bool Logged(const std::string& message) {
     return ("\n" + Messages()).find("\n" + message + "\n") != std::string::npos;
   }
-  // Whether lines that begin with those `wanted` stand in `lines` in this order.
+  // Succeeds if `lines` contains lines that begin with those `wanted`, in this order.
   static testing::AssertionResult InOrder(const std::vector<std::string>& lines,
                                           const std::vector<std::string>& wanted) {
     std::size_t found = 0;
@@ -57,7 +62,7 @@ class MailboxTest : public LabTest {
   std::unique_ptr<FirmwarePeer> firmware_;
 };
 
-// Ends a thread of the service as the service itself would, and waits until it has gone.
+// Ends a thread of the service from outside and waits until it has ended.
 inline void EndThread(platform::Thread* thread) {
   platform::TerminateThread(*thread, 0);
   EXPECT_EQ(platform::WaitForSingleObject(*thread, 60'000), 0U);

@@ -1,4 +1,3 @@
-// The service log, the side log and the WMI log.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -39,13 +38,17 @@ class Logs : public LabTest {
   }
 };
 
-void RunToItsEnd(platform::ThreadEntry entry, void* parameter) {
+void RunThread(platform::ThreadEntry entry, void* parameter) {
   const platform::Thread thread = platform::CreateThread(entry, parameter);
   EXPECT_EQ(platform::WaitForSingleObject(thread, 60'000), 0U);
 }
-// On a thread that takes the mutex and ends with it.
+// A thread entry that acquires the mutex and ends while it holds it.
 std::uint32_t EndWithMutex(void* mutex) {
   return platform::WaitForSingleObject(*static_cast<platform::Mutex*>(mutex), platform::kInfinite);
+}
+std::uint32_t LogALine(void*) {
+  LogInfo("broken off");
+  return 0;
 }
 
 TEST_F(Logs, LineBetweenStartAndCloseHasItsFormToTheByte) {
@@ -71,7 +74,7 @@ TEST_F(Logs, FileOverTheDefaultLimitIsRotatedAtTheStart) {
   for (const auto& [size, rotates] : {std::pair(3U << 20, true), std::pair(0x200000U, false)}) {
     std::filesystem::remove(platform::NativePath(kBackup));
     MakeFile(kServiceLog, size);
-    ASSERT_TRUE(ServiceLog_Start(kServiceLog, 0xA00000));
+    ASSERT_TRUE(ServiceLog_Start(kServiceLog, kLogLimit));
     EXPECT_EQ(FileText(kBackup).size(), rotates ? size : 0);
     EXPECT_EQ(ServiceLogText().size(), rotates ? 0 : size);
   }
@@ -92,8 +95,7 @@ TEST_F(Logs, RotationKeepsTheLineThatTriggeredItAndReplacesTheBackup) {
   EXPECT_EQ(backup.find("line 000"), std::string::npos);  // the first backup was replaced
 }
 
-// Text for a file that cannot be opened, at the start or in a rotation, goes to the debug output;
-// the file takes the lines again as soon as it can be opened.
+// The open fails at the start or in a rotation. Later lines reach the file once it can be opened.
 TEST_F(Logs, LineWithoutAFileGoesToTheDebugOutput) {
   gate::FailNext("_fsopen", 5);
   EXPECT_FALSE(ServiceLog_Start(kServiceLog, 150));
@@ -101,32 +103,32 @@ TEST_F(Logs, LineWithoutAFileGoesToTheDebugOutput) {
   ASSERT_TRUE(ServiceLog_Start(kServiceLog, 150));
   for (int i = 0; i < 2; ++i) LogInfo("fills the file beyond its limit");
   gate::FailNext("_fsopen", 5, 1);
-  LogInfo("while it is shut");
+  LogInfo("while it is closed");
   LogInfo("open again");
   EXPECT_EQ(CountOf(ServiceLogText(), "open again"), 1U);
   const std::string debug = LabText("debug.txt");
   for (const char* line :
        {"ERROR: Unable to open log file: " STEWARDRY_FIXED_LOG_FOLDER "tavrinLog.log; errno: 13",
-        "seen elsewhere <thread=", "while it is shut <thread="})
+        "seen elsewhere <thread=", "while it is closed <thread="})
     EXPECT_EQ(CountOf(debug, line), 1U) << line;
 }
 
-// Without a place the thread ends with the mutex that other processes share. Each line rotates.
-TEST_F(Logs, ThreadEndedInALineOrARotationLeavesTheLogToTheNextLine) {
+// At "none" the thread ends while it holds the mutex that processes share. Each line rotates.
+TEST_F(Logs, NextLineIsWrittenAfterAThreadEndedInALineOrARotation) {
   platform::Mutex mutex = platform::CreateMutexA("TavrinMutex");
   ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1));
   for (const char* place : {"none", "fseek", "remove", "rename", "_fsopen", "fwrite"}) {
     LogInfo("before");
     gate::FailNext(place, gate::kEndThread);
-    RunToItsEnd(EndWithMutex, &mutex);
-    RunToItsEnd([](void*) { return LogInfo("broken off"), 0U; }, nullptr);
+    RunThread(EndWithMutex, &mutex);
+    RunThread(LogALine, nullptr);
     LogInfo("alive");
     EXPECT_EQ(CountOf(ServiceLogText(), "alive"), 1U) << place;
   }
 }
 
-// A process for each row, since it takes its mutexes once.
-TEST_F(Logs, NameThatIsNotOursStopsNoLine) {
+// Each row is a process of its own, since a process opens its mutexes once.
+TEST_F(Logs, ForeignObjectOfTheMutexsNameStopsNoLine) {
   for (const char* squatter : {"object of another kind", "refused mutex", "holder"}) {
     const auto writes = [&] {
       platform::Mutex held;
@@ -144,7 +146,7 @@ TEST_F(Logs, NameThatIsNotOursStopsNoLine) {
   }
 }
 
-TEST_F(Logs, BothAreHeldAroundTheEndOfAThreadAndOneThatStaysIsReported) {
+TEST_F(Logs, BothMutexesAreHeldAroundTheEndOfAThreadAndAHungThreadIsReported) {
   static std::atomic<bool> stays{true};
   ASSERT_TRUE(ServiceLog_Start(kServiceLog, 1 << 20));
   (void)WmiLog_Get();
@@ -177,19 +179,19 @@ TEST_F(Logs, LinesOfManyThreadsStayWholeThroughRotationsAndRestarts) {
   EXPECT_EQ(CountOf(text, "INFO:  <"), CountOf(text, "\r\n"));
 }
 
-TEST_F(Logs, ProcessEndsWithTheHolderOfTheWmiLogsMutex) {
+TEST_F(Logs, ProcessEndsAfterAThreadEndedWithTheWmiLogsMutex) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        std::filesystem::remove_all(lab());        // nothing of an ended process cleans it up
-        RunToItsEnd(EndWithMutex, &WmiLog_Get());  // the mutex is its first member
+        std::filesystem::remove_all(lab());      // an ended process does not remove it
+        RunThread(EndWithMutex, &WmiLog_Get());  // the mutex is its first member
         WmiLog_Info("TAG", "never written");
         std::_Exit(7);
       },
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(Logs, SideLogKnowsFourConversionsAndLeavesOutWrongArguments) {
+TEST_F(Logs, SideLogHasFourConversionsAndOmitsWrongArguments) {
   SideLog(0, "%s:%d %x %X %% %u|", "name", -5, 255, 255);
   SideLog(0, "%s %d %d%", 5, "five");
   SideLog(9, "no such channel");
@@ -202,7 +204,7 @@ TEST_F(Logs, SideLogKnowsFourConversionsAndLeavesOutWrongArguments) {
   EXPECT_EQ(FileText(STEWARDRY_FIXED_LOG_FOLDER "tavrinMailbox.log").size(), 1023U);
 }
 
-TEST_F(Logs, WmiLogIsContinuedWithItsHeadAndKeepsTheTailOfACutLine) {
+TEST_F(Logs, WmiLogIsAppendedAfterItsBannerAndKeepsTheTailOfACutLine) {
   MakeFile(kWmiFile, 3 << 20);  // not rotated at the start, unlike the service log
   WmiLog_Start();
   gate::FailNext("_popen", 2);

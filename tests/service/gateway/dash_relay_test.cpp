@@ -36,7 +36,7 @@ class DashRelay : public MailboxTest {
     MailboxTest::SetUp();
     OpenMailbox();
     SetPortCallbacks(kCallbacks);
-    gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = 2; });
+    gMailboxLink->gTavrinVersionInfo.Update([](auto& info) { info.provisionStatus = 2; });
   }
   void TearDown() override {
     gate::Disarm();

@@ -1,4 +1,3 @@
-// What the service manager's controls do, from the trace of platform calls and the logs.
 #include "service/host/control.h"
 
 #include <gtest/gtest.h>
@@ -24,8 +23,6 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
-
 std::uint32_t WaitForEver(void* event) {
   return platform::WaitForSingleObject(*static_cast<platform::Event*>(event), platform::kInfinite);
 }
@@ -35,16 +32,16 @@ class Control : public MailboxTest {
   void SetUp() override {
     MailboxTest::SetUp();
     OpenMailbox();
-    *gServiceStopEvent = platform::CreateEventA(true, false);
+    Renew(&gServiceControl);
+    gServiceControl->gServiceStopEvent = platform::CreateEventA(true, false);
     for (const int slot : {kServerThread, kReaderThread})
-      gServiceThreads->thread[slot] = platform::CreateThread(WaitForEver, &never_);
+      gServiceControl->gServiceThreads[slot] = platform::CreateThread(WaitForEver, &never_);
     gate::Arm();
   }
   void TearDown() override {
     gate::Disarm();
-    for (platform::Thread& thread : gServiceThreads->thread)
+    for (platform::Thread& thread : gServiceControl->gServiceThreads)
       if (thread) EndThread(&thread);
-    gServiceStopEvent->Reset();
     MailboxTest::TearDown();
   }
   static Calls ControlCalls() {
@@ -63,7 +60,7 @@ class Control : public MailboxTest {
   platform::Event never_ = platform::CreateEventA(true, false);
 };
 
-// The watch is at work on a change meanwhile, and the firmware doesn't answer it.
+// Meanwhile the watch reports a change to a firmware that doesn't answer.
 TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog) {
   constexpr std::uint32_t kBooted = ControlCodeFor(Operation::kSendSystemBooted).code;
   const std::ptrdiff_t before = Held().threads;
@@ -89,9 +86,9 @@ TEST_F(Control, StopEndsWatchAndThreadsInOrderWithoutTheFirmwareAndClosesTheLog)
   EXPECT_FALSE(Logged("after the close"));
 }
 
-// Nobody can be ended from outside here.
-TEST_F(Control, NextResumeLetsTheOlderReportLeave) {
-  gTavrinVersionInfo.Update([](TavrinVersionInfo& info) { info.provisionStatus = kProvisioned; });
+// No thread can be ended from outside here.
+TEST_F(Control, NextResumeEndsTheOlderReport) {
+  gMailboxLink->gTavrinVersionInfo.Update([](auto& info) { info.provisionStatus = kProvisioned; });
   Put("connected.txt", "no");
   gate::FailEvery("TerminateThread", 5);
   const std::ptrdiff_t before = Held().threads;
@@ -111,7 +108,7 @@ TEST_F(Control, PreshutdownReportsToTheFirmwareAndLeavesTheServiceRunning) {
   EXPECT_TRUE(Logged("CancelIO called preshutdown\nCancelIoEx failed 1168"));
 }
 
-TEST_F(Control, PowerEventKeepsItsValue) {
+TEST_F(Control, PowerEventStoresItsValue) {
   const std::tuple<int, const char*, std::uint32_t> kRows[] = {
       {1, "GUID_BATTERY_PERCENTAGE_REMAINING Event", 3},
       {2, "Battery is Critical 17", 1},
@@ -131,20 +128,20 @@ TEST_F(Control, PowerEventKeepsItsValue) {
   SvcCtrlHandler(13, 0, nullptr, nullptr);  // without data nothing is read
 }
 
-// A logon must never stop half of the service.
-TEST_F(Control, LogonLeavesATraceAndTheSessionUp) {
+// A logon must never stop a part of the service.
+TEST_F(Control, LogonWritesItsLinesAndKeepsTheSession) {
   for (std::uint32_t event = 4; event <= 9; ++event) SvcCtrlHandler(14, event, nullptr, nullptr);
   gKvm->gKeyboardMouseReady = 1;
   gKvm->gKvmSocketState = kKvmSessionUp;
   gKvm->gKvmEnabled = 1;
   for (const std::uint64_t region : {0, 0x10000}) {
-    gSessionLogonCount = 1;
+    gServiceControl->gSessionLogonCount = 1;
     gKvm->KeyBoardBufferVirtualAddress = region;
     SvcCtrlHandler(14, 5, nullptr, nullptr);
   }
   SvcCtrlHandler(14, 5, nullptr, nullptr);
   EXPECT_TRUE(gKvm->gKvmSocketState == kKvmSessionUp && gKvm->gKvmEnabled == 1);
-  const std::string side = FileText(kSideLog);
+  const std::string side = FileText(kKeyboardMouseLog);
   const std::pair<const char*, std::size_t> kLines[] = {{"WTS_SESSION_LOGOFF", 1},
                                                         {"WTS_SESSION_LOCK", 1},
                                                         {"WTS_SESSION_UNLOCK", 1},

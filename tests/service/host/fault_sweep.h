@@ -1,6 +1,6 @@
-// The machinery of a fault sweep: a scenario runs once for each place where it calls the platform,
-// with that call failing. Each run is a process of its own, so that a crash, a hang, a leak or a
-// sanitizer's finding belongs to that call alone.
+// A fault sweep runs a scenario once for each chosen call of the platform, with that call failing.
+// Each run is a process of its own, so that a crash, a hang, a leak or a sanitizer's finding
+// belongs to that call.
 #pragma once
 
 #include <fcntl.h>
@@ -34,7 +34,7 @@ namespace gate = platform::gate;
 
 constexpr int kShards = 4;
 
-// What a run of a scenario ends with; 0 is fine.
+// The exit status of a run of a scenario.
 enum Outcome {
   kFine = 0,
   kNoReplyAfterFault = 3,
@@ -52,18 +52,18 @@ inline bool HitIs(const std::string& hit, std::initializer_list<const char*> cal
   return false;
 }
 
-// The reader ends for good when its device fails it, and nothing comes back from then on.
+// Returns true if the failed call ended the reader, after which no frame arrives.
 inline bool ReaderEnded() {
   return HitIs(gate::Hit(), {"ReadFile", "GetQueuedCompletionStatus", "CreateIoCompletionPort"});
 }
 
-inline Outcome Tell(Outcome outcome, const std::string& hit) {
+inline Outcome PrintHit(Outcome outcome, const std::string& hit) {
   std::printf("after the failed call %s\n", hit.c_str());
   return outcome;
 }
 
-// The whole service in this process, behind a firmware and on a host with a network; the gate is
-// armed. Made once in a process.
+// The whole service in this process, with a firmware and a network; the gate is armed. Created once
+// in a process.
 class Service {
  public:
   Service() : lab_(LabFolderOfProcess().Path()) {
@@ -84,18 +84,18 @@ class Service {
     });
   }
   bool Returned() const { return returned_; }
-  // Stops it; false if its body never returns. *hit gets the call that failed, and *calls the names
-  // of the calls until then; from then on every call passes.
+  // Stops the service. Returns false if its body doesn't return. *hit gets the call that failed,
+  // and *calls the names of the calls so far; later calls don't fail.
   bool Stop(std::string* hit, Calls* calls) {
     SvcCtrlHandler(1, 0, nullptr, nullptr);
     *hit = gate::Hit();
     *calls = gate::CallNames();
     gate::Disarm();
-    // A stop event that could not be set keeps the body waiting, as the service manager would see.
-    if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(*gServiceStopEvent);
+    // If the stop event could not be set, the body still waits.
+    if (HitIs(*hit, {"SetEvent"})) platform::SetEvent(gServiceControl->gServiceStopEvent);
     if (!Eventually([this] { return Returned(); })) return false;
     body_.join();
-    // The pipes' threads run on, and may write a file in between.
+    // The pipes' threads still run and may write a file meanwhile.
     return Eventually([this] {
       std::error_code error;
       std::filesystem::remove_all(lab_, error);
@@ -110,10 +110,10 @@ class Service {
   std::atomic<bool> returned_{false};
 };
 
-// Runs the scenario with its n-th call failing (0: none), and stores what it called.
+// Runs the scenario with its n-th call failing (0: none), and stores the names of its calls.
 using Scenario = Outcome (*)(std::uint64_t failAt, Calls* calls);
 
-// Ends the processes that a scenario has left, such as an agent whose end failed. They would keep
+// Ends processes that outlive their scenario, such as an agent whose end failed. They would keep
 // the test's output open. Requires that they become children of this process.
 inline void EndChildren() {
   EXPECT_TRUE(Eventually([] {
@@ -124,7 +124,7 @@ inline void EndChildren() {
 }
 
 // Runs the scenario in a child and returns its exit status, or -1 if it had to be killed. *calls
-// gets what it called: the child writes it to a pipe, whose end is the end of the child.
+// gets the names of its calls, which the child writes to a pipe until it exits.
 inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
   constexpr int kHangMs = 200'000;  // beyond every bound of a scenario
   int ends[2];
@@ -157,8 +157,8 @@ inline int RunInChild(Scenario scenario, std::uint64_t failAt, Calls* calls) {
   return size == 0 ? status : -1;
 }
 
-// Returns which calls fail: of those that are made often, as the log's are, the first and the last
-// few and some in between, since the same line of code makes them.
+// Returns the numbers of the calls to fail. Of a frequent call, such as the log's, these are the
+// first and the last few and some in between, since the same line of code makes them.
 inline std::vector<std::uint64_t> Choose(const Calls& calls) {
   constexpr std::size_t kEnds = 3, kBetween = 10;
   std::map<std::string, std::vector<std::uint64_t>> places;
@@ -171,8 +171,8 @@ inline std::vector<std::uint64_t> Choose(const Calls& calls) {
   return chosen;
 }
 
-// One part of the kShards of a scenario's sweep. It is whole under AddressSanitizer; elsewhere
-// every eighth of the chosen calls will do.
+// Runs one of the kShards parts of a sweep. All chosen calls fail under AddressSanitizer, elsewhere
+// every eighth.
 inline void Sweep(Scenario scenario, int part) {
 #if defined(__SANITIZE_ADDRESS__)
   const std::size_t step = kShards;

@@ -1,5 +1,5 @@
 // The fault sweep of DASH: the service from its start through its report and two DASH exchanges to
-// its stop, once for each platform call that is chosen of it, with that call failing.
+// its stop.
 #include "tests/service/host/fault_sweep.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +15,8 @@ using sweep::HitIs;
 using sweep::Outcome;
 using Clock = std::chrono::steady_clock;
 
-// The failed call has left the service without an exchange: it did not start, or it has no device
-// to write to or to read from.
+// Returns true if the failed call makes an exchange impossible: the service did not start, or it
+// has no device to write to or to read from.
 bool IsExcused(const sweep::Service& service) {
   const std::string hit = platform::gate::Hit();
   return service.Returned() || sweep::ReaderEnded() ||
@@ -25,7 +25,7 @@ bool IsExcused(const sweep::Service& service) {
          hit.find("mailbox#") != std::string::npos;
 }
 
-// One try on a new connection, which is given up after `wait` without a byte.
+// Tries one exchange on a new connection, for `wait` without a byte at most.
 bool TryExchange(FirmwarePeer* firmware, TcpClient* client, std::chrono::milliseconds wait) {
   const auto dataCount = [&] {
     const auto codes = firmware->Codes();
@@ -39,8 +39,8 @@ bool TryExchange(FirmwarePeer* firmware, TcpClient* client, std::chrono::millise
   return client->Receive(4) == "pong";
 }
 
-// A failed call may cost a connection, or the bytes of one. So it is tried again, each time with
-// more patience, until an exchange succeeds or is excused.
+// Retries with a longer wait each time until an exchange succeeds or is excused: a failed call may
+// cost a connection, or the bytes of one.
 bool Exchange(sweep::Service* service, bool* excused) {
   std::chrono::milliseconds wait(200);
   bool replied = false;
@@ -64,18 +64,18 @@ Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   bool excused = false;
   const bool replied = Exchange(&service, &excused) && Exchange(&service, &excused);
   std::string hit;
-  if (!service.Stop(&hit, calls)) return sweep::Tell(sweep::kNeverStopped, hit);
+  if (!service.Stop(&hit, calls)) return sweep::PrintHit(sweep::kNeverStopped, hit);
   if (failAt == 0 && !replied) return sweep::kNotWhole;
-  if (!replied && !excused) return sweep::Tell(sweep::kNoReplyAfterFault, hit);
+  if (!replied && !excused) return sweep::PrintHit(sweep::kNoReplyAfterFault, hit);
   const bool threadLeft = HitIs(hit, {"TerminateThread", "CreateThread"});
   if (!threadLeft && !Eventually([] { return !TcpClient(664).Connected(); }))
-    return sweep::Tell(sweep::kStillOpen, hit);
+    return sweep::PrintHit(sweep::kStillOpen, hit);
   return sweep::kFine;
 }
 
 class FaultSweep : public ::testing::TestWithParam<int> {};
 
-TEST_P(FaultSweep, FailingCallCostsAtMostItsExchangeAndLeavesAServiceThatStops) {
+TEST_P(FaultSweep, FailedCallCostsAtMostItsExchangeAndTheServiceStops) {
   sweep::Sweep(RunScenario, GetParam());
 }
 

@@ -29,7 +29,7 @@ class PipeServer {
   bool Accept() {
     Close();
     if (IsReadable(listener_, kHangMs)) peer_ = ::accept(listener_, nullptr, nullptr);
-    // Little room on the way, so that a long question is not sent before it is read.
+    // A small buffer, so that a long question is not sent before it is read.
     const int room = 2048;
     return peer_ >= 0 && ::setsockopt(peer_, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) == 0;
   }
@@ -57,10 +57,10 @@ class PipeServer {
     if (peer_ >= 0) ::close(peer_);
     peer_ = -1;
   }
-  // Returns true if there is something to receive now, be it the end.
+  // Returns true if there are bytes to receive now, or the end of the connection.
   bool HasInput() { return IsReadable(peer_, 0); }
 
-  // One whole exchange.
+  // Sends a question on a new connection and returns the answer.
   std::string Exchange(const std::string& bytes) {
     if (!Accept() || !Send(bytes)) return "no exchange";
     CloseSending();
@@ -70,7 +70,7 @@ class PipeServer {
  private:
   static constexpr int kHangMs = 60'000;
 
-  // A signal, such as a fuzzer's alarm, ends no wait.
+  // A signal, such as a fuzzer's alarm, doesn't end the wait.
   static bool IsReadable(int descriptor, int milliseconds) {
     pollfd ready{descriptor, POLLIN, 0};
     return TEMP_FAILURE_RETRY(::poll(&ready, 1, milliseconds)) > 0;

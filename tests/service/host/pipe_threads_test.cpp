@@ -1,4 +1,4 @@
-// The pipes' threads with programs that ask them, and the upgrade notice between two threads.
+// The pipes' threads with their clients, and the upgrade notice between two threads.
 #include "service/host/pipe_threads.h"
 
 #include <gtest/gtest.h>
@@ -29,12 +29,12 @@ using std::string_literals::operator""s;
 constexpr char kVersion[] = "1.0.0.533\r\n", kImproper[] = "Please provide proper input\r\n";
 constexpr char kNone[] = "N/A\r\n";
 
-// The program that asks on a pipe, and the service's thread, which finds the pipe there.
+// A program that serves a pipe, and the service's thread, which connects to it.
 struct ServedPipe : PipeServer {
   ServedPipe(const char* name, platform::ThreadEntry entry)
       : PipeServer(gTestLab.Path(), name), thread(platform::CreateThread(entry, nullptr)) {}
   ~ServedPipe() { EndThread(&thread); }
-  // Asks for the numbers from `first` on.
+  // Sends the numbers from `first` on and expects these answers.
   void ExpectAnswers(int first, const std::vector<std::string>& answers) {
     for (const std::string& answer : answers)
       EXPECT_EQ(Exchange(std::to_string(first++) + '\0'), answer + "\r\n") << first - 1;
@@ -52,7 +52,7 @@ TEST_F(PipeThreads, QuestionIsADecimalNumberUpToAZeroByteOrTheEnd) {
       {"5", kVersion},
       {"", kImproper},
       {"4294967301\0"s, kImproper},                // 5 in 32 bits
-      {std::string(98, '0') + "51\0"s, kVersion},  // cut behind 99 characters
+      {std::string(98, '0') + "51\0"s, kVersion},  // cut after 99 characters
       {std::string(10000, '5') + '\0', kImproper}};
   for (const auto& [question, answer] : kRows)
     EXPECT_EQ(tray.Exchange(question), answer) << question;
@@ -65,7 +65,7 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
   std::fill(std::begin(info.version), std::end(info.version), 'v');  // without a terminator
   info.provisionStatus = kProvisioned;
   info.KVMStatus = 1200;
-  gTavrinVersionInfo.Store(info);
+  gMailboxLink->gTavrinVersionInfo.Store(info);
   gReports->gTavrinRunning.store(1);
   gKvm->gKvmSessionStatus.Store({"YES"});
   gReports->gIPInfo.Update([](IPInfo& ip) { ip.dnsAddress = 0xABCDEF01; });
@@ -75,17 +75,17 @@ TEST_F(PipeThreads, AnswersShowTheServicesState) {
   ui.ExpectAnswers(20, {"WLAN firmware authentication failed", "Please provide proper input"});
 }
 
-TEST_F(PipeThreads, ProgramThatBreaksOffAtAnyByteLeavesAWorkingThread) {
+TEST_F(PipeThreads, ThreadServesTheNextConnectionAfterOneThatBreaksOffAtAnyByte) {
   ServedPipe tray("TrayPipe", TrayPipeThread);
   const std::string question = "11\0"s, answer = kVersion;
-  for (std::size_t said = 0; said <= question.size(); ++said) {
+  for (std::size_t sent = 0; sent <= question.size(); ++sent) {
     ASSERT_TRUE(tray.Accept());
-    EXPECT_TRUE(tray.Send(question.substr(0, said)));
+    EXPECT_TRUE(tray.Send(question.substr(0, sent)));
   }
-  for (std::size_t heard = 0; heard <= answer.size(); ++heard) {
+  for (std::size_t size = 0; size <= answer.size(); ++size) {
     ASSERT_TRUE(tray.Accept());
     ASSERT_TRUE(tray.Send("5\0"s));
-    EXPECT_EQ(tray.Receive(heard), answer.substr(0, heard));
+    EXPECT_EQ(tray.Receive(size), answer.substr(0, size));
   }
   EXPECT_EQ(tray.Exchange("5\0"s), answer);
 }

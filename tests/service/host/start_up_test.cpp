@@ -1,4 +1,3 @@
-// The process's entry, and what it reports where it cannot start.
 #include "service/host/start_up.h"
 
 #include <gtest/gtest.h>
@@ -19,8 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kSideLog[] = "C:\\ProgramData\\Corvane\\Stewardry\\tavrinKeyboardMouseLog.log";
-
 class StartUp : public MailboxTest {};
 
 TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
@@ -32,12 +29,12 @@ TEST_F(StartUp, ServiceThatCannotStartReportsStoppedWithTheError) {
         CallsOf({"SetServiceStatus"}),
         std::vector<std::string>{"SetServiceStatus(16 1 0 " + std::to_string(error) + " 0 1 0)"});
     const auto com = CallsOf({"CoIncrementMTAUsage", "CoInitializeEx"});
-    EXPECT_EQ(com.at(0), "CoIncrementMTAUsage()") << "no access lets WMI's libraries go";
+    EXPECT_EQ(com.at(0), "CoIncrementMTAUsage()") << "WMI's libraries stay loaded";
   }
 }
 
 // The firmware's commands are served while the server thread makes its report.
-TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
+TEST_F(StartUp, TrustedPeerThatIsNamedDuringTheReportStays) {
   gKvm->gKvmEnabled = 1;
   gKvm->gKvmTrustedIP = 5;
   ServerStartup();
@@ -45,24 +42,24 @@ TEST_F(StartUp, PeerThatWasNamedBeforeTheReportIsOverStays) {
   EXPECT_EQ(gKvm->gKvmTrustedIP.load(), 5U);
 }
 
-// A pause may be much shorter or longer than it was asked for: here it takes no time.
-TEST_F(StartUp, StopAwaitsAHungHandlerForATimeAndNotForAsManyPauses) {
+// A sleep may be much shorter or longer than requested: here it takes no time.
+TEST_F(StartUp, StopAwaitsAHungHandlerForATimeAndNotANumberOfSleeps) {
   constexpr std::chrono::milliseconds kPatience{500};
   gate::FailEvery("Sleep(1)", gate::kFinishAtOnce);
-  gStopPathRuns = true;
+  gServiceControl->gStopPathRuns = true;
   const auto end = std::chrono::steady_clock::now() + kPatience;
   AwaitStopPath(kPatience);
   EXPECT_GE(std::chrono::steady_clock::now(), end);
-  gStopPathRuns = false;
+  gServiceControl->gStopPathRuns = false;
 }
 
 TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
   const int listener = ListenUnix(lab() + "/scm");
-  // Ends the connection, and so the dispatcher, once the service has given up.
+  // Ends the connection, and so the dispatcher, once the service has failed to start.
   std::thread manager([&] {
     const int peer = ::accept(listener, nullptr, nullptr);
     static constexpr char kLine[] = "RegisterServiceCtrlHandlerEx: failed with error 5: ";
-    EXPECT_TRUE(Eventually([] { return CountOf(FileText(kSideLog), kLine) == 1; }));
+    EXPECT_TRUE(Eventually([] { return CountOf(FileText(kKeyboardMouseLog), kLine) == 1; }));
     ::close(peer);
   });
   gate::FailNext("RegisterServiceCtrlHandlerExA", 5);
@@ -75,8 +72,8 @@ TEST_F(StartUp, ServiceWithoutAControlHandlerLogsTheErrorAndReportsNoState) {
   EXPECT_EQ(CountCalls("SetServiceStatus"), 0U);
 }
 
-// What a user of the machine has made at the logs' place before the service came.
-TEST_F(StartUp, LogFolderOfAnotherIsPutAsideAndWhatIsForeignInItGoes) {
+// A user of the machine may create folders and files at the logs' place before the service starts.
+TEST_F(StartUp, ForeignLogFolderIsRenamedAndForeignFilesInTheFolderAreDeleted) {
   const fs::path data = lab() + "/ProgramData", company = data / "Corvane",
                  logs = company / "Stewardry", trap = lab() + "/trap";
   const auto names = [](const fs::path& at) {
@@ -98,7 +95,7 @@ TEST_F(StartUp, LogFolderOfAnotherIsPutAsideAndWhatIsForeignInItGoes) {
   fs::create_hard_link(trap / "file", logs / "tavrinWMI.log");
   EXPECT_TRUE(InitServiceLog());
   EXPECT_EQ(names(logs), 1) << "the service's own log";
-  // A folder that can't be put aside gets nothing.
+  // No line is written to a foreign folder that can't be renamed.
   fs::rename(logs, company / "old");
   fs::create_symlink(trap, logs);
   gate::FailNext("rename", 5);

@@ -15,6 +15,7 @@
 #include "service/diagnostics/service_log.h"
 #include "service/diagnostics/wmi_log.h"
 #include "service/inventory/reports.h"
+#include "service/mailbox/records.h"
 #include "service/standby/standby_state.h"
 #include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"

@@ -36,7 +36,7 @@ TEST_F(StatusReportTest, MessagesAreSentInTheirOrder) {
   const auto network = Message<NetworkInfo>(5);
   EXPECT_EQ(TextOf(network.Name), u"eth0");
   EXPECT_EQ(network.endMarker, 0xFFFF);
-  EXPECT_EQ(TextOf(gTavrinVersionInfo.Load().version), "7.1");
+  EXPECT_EQ(TextOf(gMailboxLink->gTavrinVersionInfo.Load().version), "7.1");
   EXPECT_EQ(gReports->gTavrinRunning.load(), 1U);
   EXPECT_EQ(CountCalls("Sleep"), 1U) << "one turn of the wait on a connected host";
 
@@ -63,7 +63,7 @@ TEST_F(StatusReportTest, ReportWithoutFactsSendsAndLogsTheRest) {
        "Netwrok Addrress 0x501a8c0", "Connected to internet via LAN",
        "Getting value from GetNetworkinformation", "Network Speed: 1000000000"}));
   EXPECT_EQ(TextOf(Message<OperationSysSInfo>(1).domainName), "N/A");
-  EXPECT_EQ(TextOf(gTavrinVersionInfo.Load().version), kVersionNotAvailable);
+  EXPECT_EQ(TextOf(gMailboxLink->gTavrinVersionInfo.Load().version), kVersionNotAvailable);
   EXPECT_EQ(gReports->gTavrinRunning.load(), 0U);
 }
 

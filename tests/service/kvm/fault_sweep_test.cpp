@@ -63,7 +63,7 @@ Outcome RunScenario(std::uint64_t failAt, sweep::Calls* calls) {
   std::string hit;
   const bool stopped = service.Stop(&hit, calls);
   if (!stopped) outcome = sweep::kNeverStopped;
-  return outcome == sweep::kFine ? outcome : sweep::Tell(outcome, hit);
+  return outcome == sweep::kFine ? outcome : sweep::PrintHit(outcome, hit);
 }
 
 class KvmFaultSweep : public testing::TestWithParam<int> {};

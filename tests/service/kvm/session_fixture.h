@@ -108,7 +108,7 @@ class KvmTest : public MailboxTest {
   // Ends a held request of this code without an answer.
   void EndHeldRequest(std::uint32_t code) {
     firmware_->SetVerdict(code, 0);
-    platform::CancelIoEx(*gRequestDevice, nullptr);
+    platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr);
   }
 
   // The messages to the firmware, a letter each: A region requested, S status, I announcement,

@@ -1,4 +1,3 @@
-// Search and opening of the mailbox device.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -12,16 +11,16 @@ using Device = MailboxTest;
 
 TEST_F(Device, EachModeHasOneHandle) {
   ASSERT_EQ(OpenOrrinDevice(kRequestMode), 0U);
-  const auto raw = gRequestDevice->Raw();
+  const auto raw = gMailboxLink->gRequestDevice.Raw();
   EXPECT_EQ(OpenOrrinDevice(kRequestMode), 0U);
-  EXPECT_EQ(gRequestDevice->Raw(), raw);
+  EXPECT_EQ(gMailboxLink->gRequestDevice.Raw(), raw);
   EXPECT_EQ(OpenOrrinDevice(kInterruptMode), 0U);
-  EXPECT_NE(gInterruptDevice->Raw(), raw);
+  EXPECT_NE(gMailboxLink->gInterruptDevice.Raw(), raw);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kOpen, 2));
   CloseOrrinDevice();
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kClose, 1));
-  EXPECT_FALSE(*gRequestDevice);
-  gInterruptDevice->Reset(platform::InvalidHandleValue());
+  EXPECT_FALSE(gMailboxLink->gRequestDevice);
+  gMailboxLink->gInterruptDevice.Reset(platform::InvalidHandleValue());
 }
 
 TEST_F(Device, FailedStepIsLoggedAndOpensNothing) {
@@ -38,7 +37,7 @@ TEST_F(Device, FailedStepIsLoggedAndOpensNothing) {
     gate::FailNext(call, 5, skip);
     EXPECT_EQ(OpenOrrinDevice(kRequestMode), 1U) << call;
     EXPECT_TRUE(Logged(line)) << line << "\n" << Messages();
-    EXPECT_FALSE(*gRequestDevice);
+    EXPECT_FALSE(gMailboxLink->gRequestDevice);
     EXPECT_EQ(CountCalls("SetupDiDestroyDeviceInfoList"), lists++) << line;
   }
 }

@@ -1,4 +1,3 @@
-// The dispatcher, on frames in memory.
 #include "service/mailbox/dispatcher.h"
 
 #include <gtest/gtest.h>
@@ -6,24 +5,26 @@
 #include <string>
 #include <vector>
 
+#include "service/mailbox/control_codes.h"
+
 namespace stewardry {
 namespace {
 
 using Payloads = std::vector<std::string>;
 Payloads gHandled;
 
-void Keep(const std::uint8_t* payload, std::uint32_t length) {
+void KeepPayload(const std::uint8_t* payload, std::uint32_t length) {
   gHandled.emplace_back(reinterpret_cast<const char*>(payload), length);
 }
 
 constexpr FirmwareCommand kTable[] = {
-    {0x08, "guarded", nullptr, true, Keep},
-    {0x16, "open", "line", false, Keep},
+    {0x08, "guarded", nullptr, true, KeepPayload},
+    {0x16, "open", "line", false, KeepPayload},
     {0x26, "logged only", "line", false, nullptr},
 };
 
-// Returns the payloads that a frame brings to a handler. The frame is on the heap, so that a
-// sanitizer sees a read behind it.
+// Dispatches a frame and returns the payloads that reached a handler. The frame is on the heap, so
+// that a sanitizer reports a read beyond it.
 Payloads Dispatch(const std::string& frame) {
   SetFirmwareCommands(kTable);
   gHandled.clear();
@@ -35,7 +36,7 @@ Payloads Dispatch(const std::string& frame) {
 TEST(Dispatcher, CodeIsTheByteBeforeTheLast) {
   for (const char last : {'\0', '\1', '\x16', '\xFF'})
     EXPECT_EQ(Dispatch(std::string("ABCDE\x08") + last), Payloads{"ABCDE"});
-  const std::string largest(131070, 'p');
+  const std::string largest(kMaxFrameSize - 2, 'p');
   EXPECT_EQ(Dispatch(largest + std::string("\x08\0", 2)), Payloads{largest});
 }
 

@@ -1,4 +1,3 @@
-// The reader thread between a firmware and the dispatcher.
 #include "service/mailbox/reader.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
 #include "tests/service/mailbox_fixture.h"
 
@@ -17,11 +17,11 @@ namespace {
 std::mutex gLock;
 std::vector<std::string> gPayloads;  // guarded by gLock
 
-void Keep(const std::uint8_t* payload, std::uint32_t length) {
+void KeepPayload(const std::uint8_t* payload, std::uint32_t length) {
   std::lock_guard guard(gLock);
   gPayloads.emplace_back(reinterpret_cast<const char*>(payload), length);
 }
-constexpr FirmwareCommand kTable[] = {{0x08, "keep", nullptr, false, Keep}};
+constexpr FirmwareCommand kTable[] = {{0x08, "keep", nullptr, false, KeepPayload}};
 
 std::vector<std::string> Received() {
   std::lock_guard guard(gLock);
@@ -31,45 +31,45 @@ std::vector<std::string> Received() {
 class Reader : public MailboxTest {
  protected:
   void TearDown() override {
-    if (reader_) {  // an end from outside closes the device too
+    if (reader_) {  // a thread that is ended from outside closes the device too
       EndThread(&reader_);
       EXPECT_TRUE(firmware_->AwaitKind(lablink::kClose));
     }
     MailboxTest::TearDown();
   }
-  // Starts the reader, and waits until this many reads have come to the firmware.
+  // Starts the reader and waits until this many reads have reached the firmware.
   void Start(std::size_t reads) {
     SetFirmwareCommands(kTable);
     reader_ = platform::CreateThread(intThreadFunction, nullptr);
     ASSERT_TRUE(firmware_->AwaitKind(lablink::kRead, reads));
   }
-  // The reader ends by itself, with its two lines.
+  // Expects that the reader exits by itself, with its two lines.
   void ExpectEnd(const std::string& line) {
     EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
     reader_.Reset();
     EXPECT_NE(Messages().find(line), std::string::npos) << line << "\n" << Messages();
     EXPECT_TRUE(Logged("intThreadFunction ln: 658 Before RunServer bstatus 0"));
-    EXPECT_FALSE(*gInterruptDevice);
+    EXPECT_FALSE(gMailboxLink->gInterruptDevice);
   }
 
   platform::Thread reader_;
 };
 
-TEST_F(Reader, FramesArriveWholeAndInOrderWithTenReadsInFlightUntilItIsAskedToStop) {
+TEST_F(Reader, FramesArriveWholeAndInOrderUntilTheThreadIsAskedToStop) {
   Start(10);
   std::vector<std::string> expected;
   for (std::size_t i = 0; i < 200; ++i) expected.emplace_back(i, 'f');
-  expected.emplace_back(131070, 'F');
+  expected.emplace_back(kMaxFrameSize - 2, 'F');
   for (const std::string& payload : expected) firmware_->SendFrame(payload, 0x08);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kRead, 10 + expected.size())) << "each slot is rearmed";
   EXPECT_EQ(Received(), expected);
   AskReaderToStop();
   EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
   EXPECT_TRUE(Messages().ends_with("intThreadFunction before Processread\n")) << "no other line";
-  EXPECT_FALSE(*gInterruptDevice);
+  EXPECT_FALSE(gMailboxLink->gInterruptDevice);
 }
 
-TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {
+TEST_F(Reader, EmptyShortAndUnknownFramesAreDropped) {
   Start(10);
   firmware_->SendRaw("");
   firmware_->SendRaw("\x08");
@@ -81,7 +81,7 @@ TEST_F(Reader, EmptyShortAndUnknownFramesArePassedOver) {
   EXPECT_EQ(CountOf(Messages(), "carries no command"), 1U) << "an empty frame is not dispatched";
 }
 
-TEST_F(Reader, FailedStepEndsItWithItsLine) {
+TEST_F(Reader, FailedStepEndsTheThreadWithItsLine) {
   using Row = std::tuple<const char*, std::uint64_t, std::uint32_t, const char*>;
   for (const auto& [call, skip, error, line] :
        {Row{"CreateFileA", 0, 5, "Cannot open device 5"},
@@ -95,7 +95,7 @@ TEST_F(Reader, FailedStepEndsItWithItsLine) {
   }
 }
 
-TEST_F(Reader, SlotThatCannotBeRearmedOrALostDeviceEndsIt) {
+TEST_F(Reader, SlotThatCannotBeRearmedOrALostDeviceEndsTheThread) {
   Start(10);
   gate::FailNext("ReadFile", 21);
   firmware_->SendFrame("last", 0x08);

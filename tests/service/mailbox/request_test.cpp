@@ -1,4 +1,3 @@
-// The request pattern and the messages on it.
 #include "service/mailbox/request.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +13,7 @@ namespace {
 
 constexpr std::uint32_t kStatusCode = ControlCodeFor(Operation::kGetOrrinStatus).code;
 constexpr std::uint32_t kS5Code = ControlCodeFor(Operation::kSetS5Status).code;
-constexpr std::uint32_t kCloseCode = ControlCodeFor(Operation::kSendCloseSocketcmd).code;
+constexpr std::uint32_t kRegionCode = ControlCodeFor(Operation::kDeAllocateKVM_KB_MB_Buffers).code;
 
 class Request : public MailboxTest {
  protected:
@@ -22,7 +21,7 @@ class Request : public MailboxTest {
     MailboxTest::SetUp();
     OpenMailbox();
   }
-  // A request that the firmware holds, on a thread of its own.
+  // Starts a request that the firmware holds, on a thread of its own.
   std::thread HeldStatusRequest() {
     firmware_->SetVerdict(kStatusCode, FirmwarePeer::kHold);
     std::thread waiter([this] { EXPECT_EQ(GetOrrinStatus(&status_), 0U); });
@@ -33,7 +32,7 @@ class Request : public MailboxTest {
   std::uint8_t status_ = 9;
 };
 
-TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
+TEST_F(Request, EachMessageHasItsCodeAndItsBytes) {
   const std::uint32_t fan = 0x01020304;
   SensorInfo sensor{};
   sensor.bytes[31] = 9;
@@ -56,13 +55,13 @@ TEST_F(Request, EachMessageCarriesItsCodeAndItsBytes) {
                                   {0x9C41A460, {"\x02\0", 2}}}));
 }
 
-TEST_F(Request, CompletedReadsTakeTheAnswer) {
+TEST_F(Request, CompletedReadStoresTheAnswer) {
   firmware_->SetStatus(2);
   EXPECT_EQ(GetOrrinStatus(&status_), 0U);
   EXPECT_EQ(status_, 2);
   EXPECT_TRUE(Logged("Asynchronous IO completed for GetOrrinStatus readbytes is 1"));
   firmware_->SetVerdict(kStatusCode, 31);
-  EXPECT_EQ(GetOrrinStatus(&status_), 0U) << "started, whatever came of it";
+  EXPECT_EQ(GetOrrinStatus(&status_), 0U) << "started, whatever its outcome";
   EXPECT_EQ(status_, 2);
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 31"));
   firmware_->SetVerdict(kS5Code, 31);
@@ -70,23 +69,24 @@ TEST_F(Request, CompletedReadsTakeTheAnswer) {
   EXPECT_TRUE(Logged("Error calling IOCTL: IOCTL_CORVANE_SET_S5_STATUS"));
 }
 
-TEST_F(Request, VersionWithoutAnEndStopsAtItsField) {
+TEST_F(Request, VersionWithoutATerminatorEndsAtItsField) {
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(80, 'v'));
-  GetTavrinVersion(&gTavrinVersionInfo);
-  EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
+  SharedRecord<TavrinVersionInfo> info;
+  GetTavrinVersion(&info);
+  EXPECT_EQ(info.Load().version, std::string(63, 'v'));
   EXPECT_TRUE(Logged("Read data is " + std::string(63, 'v')));
   EXPECT_TRUE(Logged("uECAbsent 76767676"));
-  // One that isn't whole, and one that would be two lines.
+  // A short answer, and a text with a line break.
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, std::string(79, 'w'));
-  GetTavrinVersion(&gTavrinVersionInfo);
-  EXPECT_EQ(gTavrinVersionInfo.Load().version, std::string(63, 'v'));
-  EXPECT_EQ(gTavrinVersionInfo.Load().provisionStatus, 0x76767676U);
+  GetTavrinVersion(&info);
+  EXPECT_EQ(info.Load().version, std::string(63, 'v'));
+  EXPECT_EQ(info.Load().provisionStatus, 0x76767676U);
   firmware_->SetAnswer(FirmwarePeer::kReadVersion, "7\r\n1" + std::string(76, '\0'));
-  GetTavrinVersion(&gTavrinVersionInfo);
+  GetTavrinVersion(&info);
   EXPECT_TRUE(Logged("Read data is 7??1"));
 }
 
-TEST_F(Request, FailedStepHasTheOperationsWording) {
+TEST_F(Request, FailedStepLogsTheOperationsWording) {
   const std::uint32_t up = kServiceUp;
   using Row = std::tuple<const char*, std::uint64_t, std::uint32_t, std::uint32_t, const char*>;
   for (const auto& [call, skip, error, result, line] :
@@ -95,7 +95,7 @@ TEST_F(Request, FailedStepHasTheOperationsWording) {
         // A driver that finishes the request at once.
         Row{"DeviceIoControl", 0, gate::kFinishAtOnce, 1,
             "Asynchronous WriteTavrinStatus command failed with error: "},
-        // The log's own two waits come first in each line: the request's wait is behind them.
+        // Each log line waits twice before the request does.
         Row{"WaitForSingleObject", 2, 6, 0,
             "WaitForSingleObject unexpected return with error: 4294967295"},
         Row{"GetOverlappedResult", 0, 995, 0,
@@ -109,12 +109,12 @@ TEST_F(Request, FailedStepHasTheOperationsWording) {
 
 TEST_F(Request, CancelEndsTheWaitAndTheNextRequestWorks) {
   std::thread waiter = HeldStatusRequest();
-  EXPECT_TRUE(platform::CancelIoEx(*gRequestDevice, nullptr));
+  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr));
   waiter.join();
   EXPECT_EQ(status_, 9);
   EXPECT_TRUE(Logged("GetOverlappedResult failed for GetOrrinStatus with error: 995"));
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_FALSE(platform::CancelIoEx(*gRequestDevice, nullptr)) << "nothing is in flight";
+  EXPECT_FALSE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr)) << "none in flight";
   firmware_->SetVerdict(kStatusCode, 0);
   EXPECT_EQ(GetOrrinStatus(&status_), 0U);
   EXPECT_EQ(status_, 1);
@@ -132,16 +132,15 @@ TEST_F(Request, LostDeviceEndsTheWaitAndFailsLaterRequests) {
   EXPECT_TRUE(Messages().ends_with("\nInvalid Handle\n"));
 }
 
-// The thread's record and event go with it.
-TEST_F(Request, ThreadEndedInARequestCancelsItsOwnOnly) {
+TEST_F(Request, ThreadEndedInARequestCancelsOnlyItsOwn) {
   std::thread waiter = HeldStatusRequest();
-  firmware_->SetVerdict(kCloseCode, FirmwarePeer::kHold);
-  platform::Thread thread = platform::CreateThread(
-      [](void*) -> std::uint32_t { return SendCloseSocketcmd(664), 0; }, nullptr);
-  ASSERT_TRUE(firmware_->Await(kCloseCode));
+  firmware_->SetVerdict(kRegionCode, FirmwarePeer::kHold);
+  platform::Thread thread =
+      platform::CreateThread([](void*) { return DeAllocateKVM_KB_MB_Buffers(); }, nullptr);
+  ASSERT_TRUE(firmware_->Await(kRegionCode));
   EndThread(&thread);
   EXPECT_TRUE(firmware_->AwaitKind(lablink::kCancel));
-  EXPECT_TRUE(platform::CancelIoEx(*gRequestDevice, nullptr)) << "the other request is in flight";
+  EXPECT_TRUE(platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr)) << "the other one";
   waiter.join();
 }
 

@@ -54,7 +54,7 @@ TEST_F(AddressWatch, EntryDuringAReportOnlyCounts) {
   Notify(nullptr);
   EXPECT_EQ(gStandby->gIpChangeEntry.load(), 3U);
   EXPECT_EQ(Sent(), (Codes{kWriteBooted, kWriteIp}));
-  platform::CancelIoEx(*gRequestDevice, nullptr);
+  platform::CancelIoEx(gMailboxLink->gRequestDevice, nullptr);
   first.join();
   EXPECT_EQ(gStandby->gIpChangeEntry.load(), 0U);
 }

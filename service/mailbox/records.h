@@ -1,6 +1,6 @@
-// The inventory's records as they cross the mailbox: little-endian, sent whole. The firmware knows
-// them by offset, so a field never moves; each offset is pinned below. No member needs padding, so
-// there is no packing pragma and every field keeps its natural alignment.
+// The records that cross the mailbox: little-endian, without gaps, transferred whole. The firmware
+// reads them by offset, so a field never moves; each offset is asserted below. The members are
+// ordered so that each has its natural alignment without padding and without a packing pragma.
 #pragma once
 
 #include <algorithm>
@@ -12,17 +12,17 @@
 
 namespace stewardry {
 
-// The end marker of a record with content. A record of a host without a network carries 0.
+// The end marker of a record with content. The record of a host without a network has 0 there.
 constexpr std::uint16_t kEndMarker = 0xFFFF;
 
-// The operating system, 804 bytes. Texts need no terminator of their own; the rest of each text
+// The operating system, 804 bytes. A text that fills its field has no terminator; the rest of a
 // field is zero.
 struct OperationSysSInfo {
   char16_t Caption[64];         // Win32_OperatingSystem.Caption
   char16_t OSArchitecture[64];  // Win32_OperatingSystem.OSArchitecture
   char16_t Version[64];         // Win32_OperatingSystem.Version
   char hostName[256];           // gethostname
-  char domainName[128];         // DNS domain; empty outside one, "N/A" if it can't be read
+  char domainName[128];         // DNS domain; empty without one, "N/A" if the query failed
   std::uint16_t OSType;         // Win32_OperatingSystem.OSType, its low 16 bits
   std::uint16_t endMarker;
   char tavrinVersion[32];  // kServiceVersion
@@ -65,8 +65,8 @@ static_assert(offsetof(NetworkInfo, StatusInfo) == 376);
 static_assert(offsetof(NetworkInfo, endMarker) == 378);
 static_assert(offsetof(NetworkInfo, addressOrigin) == 380);
 
-// The host's IPv4 configuration, and the announcement of a connection, 36 bytes. Addresses are in
-// sin_addr form: four bytes in network order, as in a socket address.
+// The host's IPv4 configuration, or the announcement of a connection, 36 bytes. Addresses have
+// sin_addr form: four bytes in network order.
 struct IPInfo {
   std::uint32_t ipAddress;
   std::uint32_t localPort;       // 623 in a report; 664 or 22 in an announcement
@@ -89,7 +89,28 @@ static_assert(offsetof(IPInfo, remotePort) == 24);
 static_assert(offsetof(IPInfo, macAddress) == 28);
 static_assert(offsetof(IPInfo, endMarker) == 34);
 
-// The scratch area of one report, zeroed as a whole; its records are sent one by one.
+// The firmware's answer to GetTavrinVersion, 80 bytes.
+struct TavrinVersionInfo {
+  char version[64];               // zero-terminated
+  std::uint32_t provisionStatus;  // kProvisioned: DASH provisioning is complete
+  std::uint32_t uECAbsent;
+  std::uint32_t dummy;
+  std::uint32_t KVMStatus;  // 1200: the WLAN firmware authentication failed
+};
+static_assert(sizeof(TavrinVersionInfo) == 80);
+static_assert(offsetof(TavrinVersionInfo, provisionStatus) == 64);
+static_assert(offsetof(TavrinVersionInfo, uECAbsent) == 68);
+static_assert(offsetof(TavrinVersionInfo, dummy) == 72);
+static_assert(offsetof(TavrinVersionInfo, KVMStatus) == 76);
+
+constexpr std::uint32_t kProvisioned = 2;
+
+// The content of WriteSensorInfo, 32 bytes.
+struct SensorInfo {
+  std::uint8_t bytes[32];
+};
+
+// The scratch area of one report, zeroed as a whole. Its records are sent one by one.
 struct NetworkOsInformation {
   NetworkInfo network;
   OperationSysSInfo operatingSystem;
@@ -98,8 +119,8 @@ struct NetworkOsInformation {
 static_assert(sizeof(NetworkOsInformation) == 384 + 804 + 4);
 static_assert(offsetof(NetworkOsInformation, operatingSystem) == 384);
 
-// Fills a text field with as much of `text` as it holds, and zeroes the rest. A text as long as the
-// field has no terminator there.
+// Fills a text field from offset 0 with as much of `text` as it holds, and zeroes behind it. A text
+// as long as the field has no terminator.
 template <class Char, std::size_t N>
 void FillText(Char (&field)[N], std::type_identity_t<std::basic_string_view<Char>> text) {
   for (std::size_t i = 0; i < N; ++i) field[i] = i < text.size() ? text[i] : Char{};
