@@ -105,7 +105,7 @@ exec 5>&-
 kill "$viewer" 2>/dev/null
 wait "$viewer" 2>/dev/null
 viewer=''
-check "the agent was told to go" played "told to go"
+check "the agent was ordered to exit" played "ordered to exit"
 check "a viewer that comes now is dropped" not answers
 check "every viewer's command was done" not grep -q failed "$said"
 

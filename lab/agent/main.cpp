@@ -77,7 +77,7 @@ bool Serve(const Pipe& pipe) {
   const std::vector<std::uint8_t> message = ReadMessage(pipe.listener.Get());
   const bool isOrder = pipe.describe == nullptr;
   const bool exits = isOrder && lab_agent::IsTerminate(message);
-  AppendLine(!isOrder ? pipe.describe(message) : exits ? "told to go" : "unknown order");
+  AppendLine(!isOrder ? pipe.describe(message) : exits ? "ordered to exit" : "unknown order");
   return !exits;
 }
 

@@ -74,7 +74,7 @@ void Serve(const Pipe& pipe, HANDLE instance) {
   const std::vector<std::uint8_t> message = ReadMessage(instance);
   if (pipe.describe != nullptr) return AppendLine(pipe.describe(message));
   if (!lab_agent::IsTerminate(message)) return AppendLine("unknown order");
-  AppendLine("told to go");
+  AppendLine("ordered to exit");
   ExitProcess(0);
 }
 

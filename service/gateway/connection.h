@@ -5,14 +5,13 @@
 #include <memory>
 
 #include "service/inventory/status_report.h"
+#include "service/mailbox/control_codes.h"
 #include "sock/selector.h"
 #include "sock/unique_sock.h"
 
 namespace stewardry {
 
 struct packet;  // service/mailbox/messages.h
-
-constexpr std::uint32_t kReadSize = 131072;  // bytes; the mailbox's frame limit
 
 // The port, log lines and message in which the two relays differ. Fixed log texts; their wording
 // must not change.
@@ -91,7 +90,7 @@ void HalfClose(Sock sock);
 // What one read leaves in memory. Page-aligned: a copy that begins a few bytes into a page is many
 // times slower on common processors.
 struct alignas(4096) ReceiveBuffer {
-  std::uint8_t bytes[kReadSize];
+  std::uint8_t bytes[kMaxFrameSize];
 };
 
 enum class ReadOutcome { kNothing, kForwarded, kEnded };

@@ -6,12 +6,12 @@
 #include <string>
 
 #include "platform/wlan.h"
+#include "service/diagnostics/log_file.h"
 
 namespace stewardry {
 
 // The trace of the changes: bare texts without line ends or times, which run together.
-inline constexpr char kChangeLogPath[] =
-    "C:\\ProgramData\\Corvane\\Stewardry\\tavrinwifichange.log";
+inline constexpr char kChangeLogPath[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinwifichange.log";
 
 // Requests WlanNotificationCallback for changes of the wireless network. Returns 0, or 1 after a
 // logged failure; the service then runs without this watch. Called once, at the end of start-up.

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "service/diagnostics/log_file.h"
+
 namespace stewardry {
 
 // One line, zero-terminated unless it fills its entry.
@@ -29,8 +31,7 @@ static_assert(offsetof(LogRing, readIndex) == 0 && offsetof(LogRing, writeIndex)
               offsetof(LogRing, entries) == 8 && sizeof(LogRing) == 262152);
 
 // The capture file.
-inline constexpr char kFirmwareLogPath[] =
-    "C:\\ProgramData\\Corvane\\Stewardry\\tavrinLogBuffer.log";
+inline constexpr char kFirmwareLogPath[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinLogBuffer.log";
 
 // Requests the ring. Keeps the driver's 8-byte answer, or 0 with a log line if that is no aligned
 // address; a request that fails changes nothing. Returns 0 once the request was started, 1 after a

@@ -13,21 +13,17 @@ namespace {
 
 using orrin::Bytes;
 
-struct Message {
-  lablink::Head head{};  // all zero if the link has ended
-  Bytes body;
-};
-
 class MailboxEnd {
  public:
   explicit MailboxEnd(const std::string& path) : socket_(lab::ConnectLocal(path)) {
     EXPECT_TRUE(socket_);
   }
-  Message Next() {
-    Message message;
-    if (!Receive(&message.head, sizeof message.head)) return {};
-    message.body.resize(message.head.length);
-    return Receive(message.body.data(), message.body.size()) ? message : Message{};
+  // Returns the body of the next message; empty if the link has ended.
+  Bytes NextBody() {
+    lablink::Head head;
+    if (!Receive(&head, sizeof head)) return {};
+    Bytes body(head.length);
+    return Receive(body.data(), body.size()) ? body : Bytes{};
   }
 
  private:
@@ -58,7 +54,7 @@ TEST_F(OrrinTest, ScriptRunsOnTheSocketOfAKilledProcess) {
   LabProcess scripted({ORRIN_PATH, "--script", lab() + "/script"});
   ASSERT_TRUE(scripted.Prints("listening on "));
   MailboxEnd end(socketPath_);
-  EXPECT_EQ(end.Next().body, (Bytes{'h', 'i', orrin::kDashData, 0}));
+  EXPECT_EQ(end.NextBody(), (Bytes{'h', 'i', orrin::kDashData, 0}));
   EXPECT_TRUE(scripted.Prints("unknown command \"nonsense\""));
   EXPECT_EQ(scripted.ExitCode(), 0);
 }

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "lab/driver/lab_control.h"
-#include "lablink/lab_link.h"
+#include "lablink/messages.h"
 #include "platform/battery.h"
 #include "platform/service_manager.h"
 
@@ -124,11 +124,10 @@ class Driver : public ::testing::Test {
   // Answers a request through that open of the lab device. Returns 0 or the error.
   DWORD Answer(std::uint64_t id, std::string_view body) { return Answer(id, body, bridge_); }
   DWORD Answer(std::uint64_t id, std::string_view body, const Device& device) {
-    const lablink::Head head{lablink::kMagic, lablink::kComplete, id, 0,
-                             static_cast<std::uint32_t>(body.size())};
-    std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
+    std::string bytes;
+    lablink::AppendMessage(&bytes, lablink::kComplete, id, 0, body);
     Transfer write(device);
-    write.Write(bytes.append(body));
+    write.Write(bytes);
     return write.Await();
   }
 
