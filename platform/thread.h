@@ -51,7 +51,7 @@ class StayInThread {
   StayInThread();
   StayInThread(const StayInThread&) = delete;
   StayInThread& operator=(const StayInThread&) = delete;
-  ~StayInThread();
+  ~StayInThread();  // NOLINT(performance-trivially-destructible): not so on Linux
 };
 
 }  // namespace platform

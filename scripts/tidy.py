@@ -50,6 +50,7 @@ def command_for_clang(entry, windows):
     arguments = ["clang++"] + [argument for argument in given[1:]
                                if argument not in GCC_ONLY and "cmake_pch" not in argument
                                and argument != "-include"]
+    arguments.append("-Wno-sign-conversion")  # GCC's -Wconversion leaves it out in C++
     if windows:
         arguments[1:1] = ["--target=x86_64-w64-windows-gnu", "-nostdinc++",
                            "-Wno-unknown-attributes"]

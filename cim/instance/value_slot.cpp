@@ -18,6 +18,7 @@ std::uint8_t* BytesOf(ValueSlot* slot) { return reinterpret_cast<std::uint8_t*>(
 template <class T>
 T Load(const void* from) {
   T value;
+  // Also for pointers. NOLINTNEXTLINE(bugprone-sizeof-expression)
   std::memcpy(&value, from, sizeof value);
   return value;
 }
@@ -108,6 +109,7 @@ void DeleteInstances(Instance** instances, std::uint32_t count) {
 Instance** CopyInstances(Instance* const* instances, std::uint32_t count, Batch* batch) {
   assert(instances != nullptr && count != 0);
   if (std::find(instances, instances + count, nullptr) != instances + count) return nullptr;
+  // A table of pointers. NOLINTNEXTLINE(bugprone-sizeof-expression)
   auto** table = static_cast<Instance**>(Batch_AllocZero(batch, count * sizeof(Instance*)));
   if (table == nullptr) return nullptr;
   for (std::uint32_t i = 0; i < count; ++i) {

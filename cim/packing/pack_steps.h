@@ -130,6 +130,7 @@ inline Result Pack_PutText(PackBuf* buffer, const char16_t* text) {
 template <class Number>
 Number Pack_Load(const void* bytes) {
   Number number;
+  // Also for pointers. NOLINTNEXTLINE(bugprone-sizeof-expression)
   std::memcpy(&number, bytes, sizeof number);
   return number;
 }

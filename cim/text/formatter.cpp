@@ -100,7 +100,7 @@ class Formatter {
         return static_cast<signed char>(va_arg(arguments->list, int));
       case ArgumentLength::kShort:
         return static_cast<short>(va_arg(arguments->list, int));
-      case ArgumentLength::kLong:
+      case ArgumentLength::kLong:  // NOLINT(bugprone-branch-clone): another type on Windows
         return va_arg(arguments->list, long);
       case ArgumentLength::kNone:
       case ArgumentLength::kLongDouble:
@@ -115,7 +115,7 @@ class Formatter {
         return static_cast<unsigned char>(va_arg(arguments->list, unsigned));
       case ArgumentLength::kShort:
         return static_cast<unsigned short>(va_arg(arguments->list, unsigned));
-      case ArgumentLength::kLong:
+      case ArgumentLength::kLong:  // NOLINT(bugprone-branch-clone)
         return va_arg(arguments->list, unsigned long);
       case ArgumentLength::kNone:
       case ArgumentLength::kLongDouble:
@@ -190,6 +190,7 @@ class Formatter {
       std::size_t bytes = 1;
       if (wide >= 0x80) {
         std::mbstate_t state{};
+        // The state is the call's own. NOLINTNEXTLINE(concurrency-mt-unsafe)
         bytes = std::mbrtowc(&wide, text.data(), text.size(), &state);
         if (bytes == 0 || bytes > text.size()) {  // no character
           bytes = 1;

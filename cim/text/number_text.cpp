@@ -44,7 +44,7 @@ const std::array<SmallNumberText, 64> SmallNumberTexts = kSmallNumberTexts;
 const char* Uint32ToNarrow(char (&buffer)[11], std::uint32_t value, std::size_t* size) {
   if (value >= kSmallNumberTexts.size()) return ToText(buffer, value, false, size);
   const SmallNumberText& small = SmallNumberTexts[value];
-  if (size != nullptr) *size = static_cast<std::size_t>(small.length);
+  if (size != nullptr) *size = static_cast<unsigned char>(small.length);
   return small.text;
 }
 

@@ -30,6 +30,7 @@ std::uint32_t Name_CodeIfValid(const char16_t* name) {
   if (IsDigit(first)) return 0;
   std::uint32_t last = first;
   const char16_t* end = name + 1;
+  // Ends at the first unit that Folded rejects. NOLINTNEXTLINE(bugprone-infinite-loop)
   for (; const std::uint32_t next = Folded(*end); ++end) last = next;
   if (*end != 0) return 0;
   return Name_MakeCode(first, last, static_cast<std::size_t>(end - name));

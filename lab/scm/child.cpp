@@ -10,7 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
-extern char** environ;
+extern char**
+    environ;  // NOLINT(readability-redundant-declaration): not every C library declares it
 
 namespace scm {
 namespace {

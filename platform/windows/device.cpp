@@ -24,6 +24,7 @@ static_assert(sizeof(DeviceInterfaceDetail) == sizeof(SP_DEVICE_INTERFACE_DETAIL
                   offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_A, cbSize) &&
               offsetof(DeviceInterfaceDetail, devicePath) ==
                   offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_A, DevicePath));
+// Both sides are constants. NOLINTNEXTLINE(misc-redundant-expression)
 static_assert(sizeof(RequestRecord) == sizeof(OVERLAPPED) &&
               alignof(RequestRecord) == alignof(OVERLAPPED));
 static_assert(kFileReadAccess == FILE_READ_ACCESS && kFileWriteAccess == FILE_WRITE_ACCESS &&

@@ -163,6 +163,7 @@ IpAddrRow IpAddrTableRow(const void* block, std::uint32_t row) {
 }
 
 bool GetHostByName(const char* name, std::uint32_t* address) {
+  // Winsock keeps the result for each thread. NOLINTNEXTLINE(concurrency-mt-unsafe)
   const hostent* host = ::gethostbyname(name);
   if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr)
     return false;

@@ -29,6 +29,7 @@ static_assert(sizeof(SockAddrIn) == sizeof(sockaddr_in) &&
               offsetof(SockAddrIn, address) == offsetof(sockaddr_in, sin_addr) &&
               offsetof(SockAddrIn, zero) == offsetof(sockaddr_in, sin_zero));
 // The calls below return Winsock's results.
+// Both sides are constants. NOLINTNEXTLINE(misc-redundant-expression)
 static_assert(SOCKET_ERROR == -1);
 
 namespace {

@@ -46,6 +46,7 @@ struct RecordState {
   std::uint32_t error;  // kErrorIoPending while it runs
   std::uint32_t bytes;
 };
+// Both sides are constants. NOLINTNEXTLINE(misc-redundant-expression)
 static_assert(sizeof(RecordState) <= sizeof(RequestRecord) &&
               alignof(RecordState) <= alignof(RequestRecord));
 
