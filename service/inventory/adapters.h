@@ -21,7 +21,8 @@ std::uint32_t GetNetworkinformation(NetworkInfo* record);
 std::uint64_t GetAdapterSpeed(const char* name);
 
 // Returns the speed of the first of these rows whose description, up to its first zero, is `name`
-// and whose speed is not 0; 0 if there is none. Any thread.
+// and whose speed is not 0; 0 if there is none. Filters and virtual twins repeat the name without a
+// speed. Any thread.
 std::uint64_t SpeedInTable(std::span<const platform::IfRow> rows, const char* name);
 
 // Returns whether the first adapter of that name (ANSI) got its address by DHCP: false if there is
