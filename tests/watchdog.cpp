@@ -21,8 +21,7 @@ int Seconds() {
 namespace {
 
 void CALLBACK PrintStacks(void* /*nothing*/, BOOLEAN /*timed out, always*/) {
-  std::printf("The test hangs; the stacks of its threads:\n");
-  std::fflush(stdout);
+  std::fputs("The test hangs; the stacks of its threads:\n", stderr);
   // Wine's debugger. On Windows, where it is missing, a dump of the ended process says as much.
   (void)std::system(
       ("winedbg --command \"bt all\" " + std::to_string(GetCurrentProcessId())).c_str());
@@ -59,7 +58,6 @@ void PrintStacks(int /*SIGALRM*/) {
   } else {
     (void)waitpid(child, nullptr, 0);
   }
-  (void)std::signal(SIGABRT, SIG_DFL);
   std::abort();
 }
 

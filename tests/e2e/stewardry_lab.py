@@ -22,6 +22,7 @@ HOST = "127.0.0.1"
 # The one adapter beside lo; its far end has no address. TEST-NET-1 (RFC 5737).
 ADAPTER = {"name": "lab0", "address": "192.0.2.10", "mask": "255.255.255.0",
            "gateway": "192.0.2.1", "mac": "02:00:5E:10:00:01"}
+STACKS = pathlib.Path(__file__).parents[2] / "scripts" / "print_stacks.py"
 PATIENCE = 60.0  # seconds; a bound on a hang
 SKIPPED = 77  # the exit code that ctest takes for "skipped"
 BOUND = "Bind to port 664 successful"
@@ -60,6 +61,7 @@ def until(probe, what):
     deadline = time.monotonic() + PATIENCE
     while not (result := probe()):
         if time.monotonic() > deadline:
+            subprocess.run([STACKS, str(os.getpid())], check=False)
             raise AssertionError("timed out waiting for " + what)
         time.sleep(0.01)
     return result
