@@ -208,6 +208,7 @@ def check_documents(faults):
     """Every identifier and path in backticks exists. Returns how many there are."""
     listed = subprocess.run(["git", "ls-files"], cwd=ROOT, check=True, capture_output=True,
                             text=True).stdout.split("\n")[:-1]
+    listed = [name for name in listed if os.path.exists(os.path.join(ROOT, name))]
     documents = [name for name in listed if name.endswith(".md")]
     words = set()
     for name in listed:
