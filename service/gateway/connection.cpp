@@ -48,7 +48,11 @@ Handler* AddHandler(Selector* selector, UniqueSock* sock, std::uint32_t eventMas
   return nullptr;
 }
 
+// An answer or a picture is several frames, and each is one write. Without TCP_NODELAY the tail of
+// each would wait until the peer has acknowledged the bytes before it, up to 40 ms on a network. A
+// connection that refuses the option is only slow.
 Handler* AddConnection(Selector* selector, ConnectionSock* sock, SelectorCallback callback) {
+  (void)Sock_SetNoDelay(sock->Get(), true);
   if (Sock_SetBlocking(sock->Get(), false) != RESULT_OK) {
     LogInfo("Sock_SetBlocking failed");
     return nullptr;

@@ -202,9 +202,6 @@ bool AcceptViewer(Selector* selector, Sock listener) {
   }
   if (!FirmwareIsReady()) return false;
   AnnounceConnection(kKvmRelay, peer);
-  // A picture comes in several frames, and the tail of each would wait for the viewer to
-  // acknowledge the bytes before it. Without the option the viewer is only slow.
-  (void)Sock_SetNoDelay(sock.Get(), true);
   return AddConnection(selector, &sock, KVMCallback) != nullptr;
 }
 
