@@ -8,7 +8,6 @@
 #include "service/inventory/reports.h"
 #include "service/inventory/status_report.h"
 #include "service/kvm/kvm_state.h"
-#include "service/kvm/session.h"
 #include "service/mailbox/mailbox_link.h"
 #include "service/mailbox/messages.h"
 

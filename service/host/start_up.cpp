@@ -4,7 +4,6 @@
 #include <chrono>
 
 #include "platform/error.h"
-#include "platform/file.h"
 #include "platform/process.h"
 #include "platform/thread.h"
 #include "platform/wmi.h"
