@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 
 #include "platform/handle.h"
 
@@ -22,9 +24,28 @@ Stream OpenStream(const char* path, const char* mode, int* errorNumber = nullptr
 // Seeks to the end. Returns the size in bytes, -1 on failure.
 std::int64_t SeekToEnd(const Stream& stream);
 
-// Writes at the end of the file in every mode, each '\n' as "\r\n", without a buffer. Returns true
-// if all of it was written.
-bool WriteStream(const Stream& stream, const char* text, std::size_t size);
+// Writes at the end of the file in every mode, each '\n' as "\r\n", without a buffer. Returns the
+// bytes that the file has grown by, -1 unless all of the text was written.
+std::int64_t WriteStream(const Stream& stream, const char* text, std::size_t size);
+
+// For the twins of WriteStream: moves the next part of the text to `part`, each '\n' as "\r\n", and
+// returns its size, 0 at the text's end. A log line is one part.
+using TextPart = char[2048];
+inline std::size_t TakeTextPart(std::string_view* text, TextPart& part) {
+  std::size_t used = 0;
+  while (!text->empty() && used + 2 < sizeof part) {
+    const std::string_view room = text->substr(0, sizeof part - 2 - used);
+    const std::string_view plain = room.substr(0, room.find('\n'));
+    std::memcpy(part + used, plain.data(), plain.size());
+    used += plain.size();
+    text->remove_prefix(plain.size());
+    if (plain.size() == room.size()) continue;
+    part[used++] = '\r';
+    part[used++] = '\n';
+    text->remove_prefix(1);
+  }
+  return used;
+}
 
 // Opens a buffered text stream that appends to a file (_wfsopen); the path is the host's own, also
 // on Linux. Returns null on failure. The caller closes it with std::fclose.

@@ -69,14 +69,17 @@ std::int64_t SeekToEnd(const Stream& stream) {
   return ::lseek(DescriptorOf(stream.Raw()), 0, SEEK_END);
 }
 
-bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
-  if (gate::Fails("fwrite")) return false;
-  std::string bytes;
-  for (const char c : std::string_view(text, size)) {
-    if (c == '\n') bytes += '\r';
-    bytes += c;
+std::int64_t WriteStream(const Stream& stream, const char* text, std::size_t size) {
+  if (gate::Fails("fwrite")) return -1;
+  const int descriptor = DescriptorOf(stream.Raw());
+  std::string_view rest(text, size);
+  TextPart part;
+  std::int64_t written = 0;
+  while (const std::size_t used = TakeTextPart(&rest, part)) {
+    if (!WriteAll(descriptor, part, used)) return -1;
+    written += static_cast<std::int64_t>(used);
   }
-  return WriteAll(DescriptorOf(stream.Raw()), bytes.data(), bytes.size());
+  return written;
 }
 
 bool RemoveFile(const char* path) {

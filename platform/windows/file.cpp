@@ -53,18 +53,15 @@ std::int64_t SeekToEnd(const Stream& stream) {
   return ::SetFilePointerEx(stream.Raw(), {}, &position, FILE_END) ? position.QuadPart : -1;
 }
 
-bool WriteStream(const Stream& stream, const char* text, std::size_t size) {
-  char part[2048];  // a log line in one write, without the heap
-  DWORD used = 0;
-  for (std::size_t i = 0; i < size; ++i) {
-    if (used + 2 > sizeof part) {
-      if (!Append(stream, part, used)) return false;
-      used = 0;
-    }
-    if (text[i] == '\n') part[used++] = '\r';
-    part[used++] = text[i];
+std::int64_t WriteStream(const Stream& stream, const char* text, std::size_t size) {
+  std::string_view rest(text, size);
+  TextPart part;
+  std::int64_t written = 0;
+  while (const std::size_t used = TakeTextPart(&rest, part)) {
+    if (!Append(stream, part, static_cast<DWORD>(used))) return -1;
+    written += static_cast<std::int64_t>(used);
   }
-  return used == 0 || Append(stream, part, used);
+  return written;
 }
 
 bool RemoveFile(const char* path) { return ::DeleteFileA(path) != FALSE; }

@@ -3,12 +3,19 @@
 #include <cassert>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "platform/process.h"
 
 namespace stewardry {
 
 platform::ProcessLifetime<LogState> gLogs;
+
+namespace {
+
+constexpr std::uint32_t kTrustedTexts = 63;  // between two reads of a file's size
+
+}  // namespace
 
 bool LogFile::SetPath(const char* path) {
   assert(path != nullptr);
@@ -24,12 +31,23 @@ bool LogFile::SetPath(const char* path) {
 
 bool LogFile::Open(const char* mode, int* errorNumber) {
   assert(path_ != nullptr);
+  trustedTexts_ = 0;
   stream_ = platform::OpenStream(path_.get(), mode, errorNumber);
   return static_cast<bool>(stream_);
 }
 
+std::int64_t LogFile::Size() {
+  if (trustedTexts_ > 0) {
+    --trustedTexts_;
+    return size_;
+  }
+  size_ = platform::SeekToEnd(stream_);
+  if (size_ >= 0) trustedTexts_ = kTrustedTexts;
+  return size_;
+}
+
 void LogFile::Rotate() {
-  if (!stream_ || platform::SeekToEnd(stream_) <= static_cast<std::int64_t>(maxSize_)) return;
+  if (!stream_ || Size() <= static_cast<std::int64_t>(maxSize_)) return;
   reopenDue_ = true;  // before the close: if the thread is ended here, the next line reopens
   stream_.Reset();
   // If the rename fails, emptying the file below still bounds it.
@@ -40,6 +58,7 @@ void LogFile::Rotate() {
 }
 
 void LogFile::Reopen() {
+  trustedTexts_ = 0;
   stream_ = platform::OpenStream(path_.get(), "a+t");
   reopenDue_ = !stream_;
 }
@@ -48,8 +67,13 @@ void LogFile::Write(const char* text, std::size_t size) {
   if (reopenDue_) Reopen();
   Rotate();
   if (!stream_) return platform::OutputDebugStringA(text);
-  // On a full disk the line is lost: the log reports no failure of its own.
-  (void)platform::WriteStream(stream_, text, size);
+  // On a full disk the line is lost: the log reports no failure of its own. A thread that is ended
+  // within the write leaves a size that is not trusted.
+  const std::uint32_t trusted = std::exchange(trustedTexts_, 0);
+  const std::int64_t grown = platform::WriteStream(stream_, text, size);
+  if (grown < 0) return;
+  size_ += grown;
+  trustedTexts_ = trusted;
 }
 
 std::uint32_t PrivateMegabytes() {

@@ -30,6 +30,8 @@ inline constexpr const char* kMonthNames[] = {"Jan", "Feb", "Mar", "Apr", "May",
 
 // A file that has grown past its limit is renamed to its one backup, whose name ends in '_' in
 // place of the last character, and a new file is begun. Not locked: its owner's mutex guards it.
+// The size is counted from what is written here. Since other writers append to the file too, it is
+// read from the file for every 64th text: their lines can delay a rotation by that many.
 class LogFile {
  public:
   // Copies the path. Returns false if there is no memory for it.
@@ -53,11 +55,14 @@ class LogFile {
 
  private:
   void Reopen();
+  std::int64_t Size();
 
   std::unique_ptr<char[]> path_;
   std::unique_ptr<char[]> backup_;  // allocated with the path: a rotation allocates nothing
   platform::Stream stream_;
   std::uint32_t maxSize_ = 0;
+  std::int64_t size_ = 0;           // in bytes; valid while trustedTexts_ is not 0
+  std::uint32_t trustedTexts_ = 0;  // texts for which size_ is used without reading it again
   bool reopenDue_ = false;
 };
 
