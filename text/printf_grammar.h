@@ -5,6 +5,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +30,24 @@ struct Conversion {
   char letter = 0;  // 0: the format ends too early, or a character outside ASCII
 };
 
+// The members of a set of ASCII characters: one load answers for each character of a format.
+class AsciiSet {
+ public:
+  explicit constexpr AsciiSet(std::string_view members) {
+    for (const char c : members) isMember_.at(static_cast<std::uint8_t>(c)) = true;
+  }
+  template <class Unit>
+  constexpr bool Has(Unit unit) const {
+    const auto value = static_cast<std::uint32_t>(unit);
+    return value < isMember_.size() && isMember_[value];
+  }
+
+ private:
+  std::array<bool, 128> isMember_{};
+};
+
+inline constexpr AsciiSet kLengthLetters("hljztLIw");
+
 struct LengthWord {
   std::string_view text;
   ArgumentLength length;
@@ -46,8 +65,7 @@ constexpr LengthWord kLengthWords[] = {
 // the format, here and below.
 template <class Unit>
 constexpr const Unit* ReadLength(const Unit* at, const Unit* end, ArgumentLength* length) {
-  constexpr std::string_view kFirstLetters = "hljztLIw";  // most conversions have no length word
-  if (at == end || kFirstLetters.find(static_cast<char>(*at)) == std::string_view::npos) return at;
+  if (at == end || !kLengthLetters.Has(*at)) return at;  // most conversions have no length word
   for (const LengthWord& word : kLengthWords) {
     if (static_cast<std::size_t>(end - at) < word.text.size()) continue;
     if (!std::equal(word.text.begin(), word.text.end(), at,

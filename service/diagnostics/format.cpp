@@ -70,15 +70,14 @@ void PutInteger(Output* out, const Conversion& c, const FormatArg& arg) {
   const bool negative = isSigned && IsNegative(arg);
   std::uint64_t value = negative ? Negated(arg) : Truncated(arg);
   const char* digits = c.letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
-  const unsigned base = isDecimal ? 10 : 16;
   char text[64];
   char* at = text + sizeof text;
   int count = 0;
-  do {
-    *--at = digits[value % base];
-    value /= base;
+  do {  // a division by a constant base is no division
+    *--at = digits[isDecimal ? value % 10 : value % 16];
+    value = isDecimal ? value / 10 : value / 16;
   } while (++count < 60 && (value != 0 || count < c.precision));
-  const char* sign = negative ? "-" : isSigned && c.hasBlank ? " " : "";
+  const std::string_view sign = negative ? "-" : isSigned && c.hasBlank ? " " : "";
   PutPadded(out, c, sign, {at, static_cast<std::size_t>(count)});
 }
 

@@ -45,6 +45,8 @@ constexpr FormatArg::Kind KindOf() {
   return FormatArg::Kind::kText;
 }
 
+inline constexpr AsciiSet kFormatLetters("diuxXcs%");
+
 // Reads the conversion whose '%' precedes *at and moves *at behind it. The letter is 0 if it is
 // none of d i u x X c s %, or if the conversion has a flag other than 0 and the blank.
 constexpr Conversion ReadFormatConversion(std::string_view format, std::size_t* at) {
@@ -52,8 +54,7 @@ constexpr Conversion ReadFormatConversion(std::string_view format, std::size_t* 
   Conversion c;
   const char* const end = format.data() + format.size();
   *at = static_cast<std::size_t>(ReadConversion(format.data() + *at, end, &c) - format.data());
-  const bool isKnown = std::string_view("diuxXcs%").find(c.letter) != std::string_view::npos;
-  if (!isKnown || c.isLeft || c.hasPlus || c.isAlternate) c.letter = 0;
+  if (!kFormatLetters.Has(c.letter) || c.isLeft || c.hasPlus || c.isAlternate) c.letter = 0;
   return c;
 }
 
