@@ -52,8 +52,9 @@ class MessageReader {
   }
   // Drops everything: a new stream begins.
   void Clear() { begin_ = end_ = 0; }
-  // Returns the number of bytes that no message has taken yet.
+  // Returns the number of bytes that no message has taken yet, and these bytes.
   std::size_t Torn() const { return end_ - begin_; }
+  std::span<const std::uint8_t> Begun() const { return {pages_[0].bytes + begin_, Torn()}; }
 
  private:
   static constexpr std::size_t kPage = 4096;

@@ -162,8 +162,8 @@ bool CallPlain(const DeviceHandle& device, std::uint32_t code, const void* input
       RequestRecord* record;
       ~Canceller() { (void)device.link->Cancel(device.number, record); }  // false: it has finished
     } canceller{state, &record};
-    std::unique_lock lock(WaitLock());
-    WaitUntil(lock, finished.changed, DeadlineAfter(kInfinite), [&] { return finished.signalled; });
+    EventWait wait(&finished);
+    wait.Until(DeadlineAfter(kInfinite), [&] { return finished.signalled; });
   }
   if (returned != nullptr) *returned = StateOf(&record).bytes;
   return StateOf(&record).error == 0 || Fail(StateOf(&record).error);
@@ -191,11 +191,12 @@ bool GetOverlappedResult(const DeviceHandle& device, RequestRecord* record, std:
                          bool wait) {
   if (gate::Fails("GetOverlappedResult")) return false;
   (void)device;  // the record alone has the state of the request
-  std::unique_lock lock(WaitLock());
   RecordState& state = StateOf(record);
   if (wait && state.event != nullptr)
-    WaitUntil(lock, state.event->changed, DeadlineAfter(kInfinite),
-              [&] { return state.error != kErrorIoPending; });
+    EventWait(state.event).Until(DeadlineAfter(kInfinite), [&] {
+      return state.error != kErrorIoPending;
+    });
+  std::lock_guard guard(WaitLock());
   *returned = state.bytes;
   return state.error == 0 || Fail(state.error);
 }
@@ -243,11 +244,11 @@ bool GetQueuedCompletionStatus(const CompletionPort& port, std::uint32_t* bytes,
   // lock.
   const std::shared_ptr<MailboxLink> link = state.link.lock();
   std::unique_lock lock(WaitLock());
-  if (link) {
-    link->AwaitFinished(&state, &lock);
-  } else {
-    WaitUntil(lock, state.changed, DeadlineAfter(kInfinite), [&] { return !state.queue.empty(); });
-  }
+  WaitUntil(
+      lock, state.changed, DeadlineAfter(kInfinite), [&] { return !state.queue.empty(); },
+      [&](auto&... arguments) {
+        return link ? link->ReadTurn(arguments...) : WaitTurn(arguments...);
+      });
   const PortState::Finished finished = state.queue.front();
   state.queue.pop_front();
   *bytes = finished.bytes;
@@ -266,7 +267,7 @@ bool PostQueuedCompletionStatus(const CompletionPort& port, std::uint64_t key) {
     state.queue.push_back({nullptr, 0, 0, key});
     wakes.Add(state.changed);
   }
-  if (link) link->WakeLeader();
+  if (link) link->WakeReader();
   return true;
 }
 

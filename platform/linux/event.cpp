@@ -42,8 +42,8 @@ std::uint32_t WaitForSingleObject(const Event& event, std::uint32_t milliseconds
   if (gate::Fails("WaitForSingleObject")) return kWaitFailed;
   if (!event) return Fail(kErrorInvalidHandle, kWaitFailed);
   EventState& state = StateOf(event);
-  std::unique_lock lock(WaitLock());
-  if (!WaitUntil(lock, state.changed, DeadlineAfter(milliseconds), [&] { return state.signalled; }))
+  EventWait wait(&state);
+  if (!wait.Until(DeadlineAfter(milliseconds), [&] { return state.signalled; }))
     return kWaitTimeout;
   if (!state.manualReset) state.signalled = false;
   return kWaitObject0;

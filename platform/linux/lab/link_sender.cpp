@@ -1,7 +1,6 @@
 #include "platform/linux/lab/link_sender.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -9,18 +8,9 @@
 #include <cstdint>
 
 #include "lablink/messages.h"
+#include "platform/linux/lab/link_seat.h"
 
 namespace platform {
-
-void SignalDescriptor(int descriptor) {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(descriptor, &one, sizeof one);
-}
-
-void ResetDescriptor(int descriptor) {
-  std::uint64_t count;
-  [[maybe_unused]] const ssize_t n = ::read(descriptor, &count, sizeof count);
-}
 
 void LinkSender::Send(std::uint32_t kind, std::uint64_t id, std::uint32_t word,
                       std::span<const iovec> body) {
@@ -45,29 +35,31 @@ void LinkSender::SendRead(std::uint64_t count, std::uint32_t size) {
 }
 
 void LinkSender::HoldReads(bool hold) {
-  std::string due;
   {
     std::lock_guard guard(lock_);
     holdReads_ = hold;
-    if (!hold) due.swap(held_);
+    if (hold || held_.empty()) return;
   }
-  if (!due.empty()) SendParts({{{due.data(), due.size()}}}, 1);
+  SendParts({}, 0);
 }
 
-LinkSender::Demand LinkSender::CurrentDemand() {
+bool LinkSender::HoldsReads() {
   std::lock_guard guard(lock_);
-  return {!outbox_.empty(), holdReads_};
+  return holdReads_;
+}
+
+bool LinkSender::HasOutbox() {
+  std::lock_guard guard(lock_);
+  return !outbox_.empty();
 }
 
 // Sends the parts behind the reads that were held; what the socket doesn't take goes to the outbox.
 void LinkSender::SendParts(Parts parts, std::size_t count) {
   std::lock_guard guard(lock_);
-  std::string held;
-  held.swap(held_);
-  if (!held.empty()) {
+  if (!held_.empty()) {
     assert(count < parts.size());
     std::copy_backward(parts.begin(), parts.begin() + count, parts.begin() + count + 1);
-    parts[0] = {held.data(), held.size()};
+    parts[0] = {held_.data(), held_.size()};
     ++count;
   }
   std::size_t sent = 0;
@@ -76,10 +68,11 @@ void LinkSender::SendParts(Parts parts, std::size_t count) {
     message.msg_iov = parts.data();
     message.msg_iovlen = count;
     const ssize_t n = ::sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0 && errno != EAGAIN && errno != EINTR) return;  // the leader finds the link's end
+    if (n < 0 && errno != EAGAIN && errno != EINTR) return;  // the reader finds the link's end
     sent = n > 0 ? static_cast<std::size_t>(n) : 0;
   }
   KeepRest({parts.data(), count}, sent);
+  held_.clear();
 }
 
 // Under lock_. Moves what follows the first `sent` bytes to the outbox.
@@ -98,6 +91,7 @@ void LinkSender::Flush() {
   std::lock_guard guard(lock_);
   const ssize_t n = ::send(socket_, outbox_.data(), outbox_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (n > 0) outbox_.erase(0, static_cast<std::size_t>(n));
+  if (n < 0 && errno != EAGAIN && errno != EINTR) outbox_.clear();  // the link has ended
 }
 
 }  // namespace platform

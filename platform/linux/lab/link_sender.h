@@ -1,5 +1,5 @@
 // The outgoing side of the lab link. Nothing here blocks on a firmware that doesn't read: what the
-// socket can't take waits in the outbox until the leader of the link flushes it.
+// socket can't take waits in the outbox until the link's backstop flushes it.
 #pragma once
 
 #include <sys/uio.h>
@@ -30,12 +30,9 @@ class LinkSender {
   void SendRead(std::uint64_t count, std::uint32_t size);
   void HoldReads(bool hold);
 
-  // What the leader of the link waits for on behalf of this side.
-  struct Demand {
-    bool room;        // in the socket, for the outbox
-    bool holdsReads;  // HoldReads(false) is due soon
-  };
-  Demand CurrentDemand();
+  // Returns whether HoldReads(false) is due soon.
+  bool HoldsReads();
+  bool HasOutbox();
   // Sends what the socket takes of the outbox.
   void Flush();
 
@@ -54,9 +51,5 @@ class LinkSender {
   std::string held_;    // reports of reads that wait for the next message
   bool holdReads_ = false;
 };
-
-// Signals an eventfd, and resets one (or a timerfd). A failure means that it is in that state.
-void SignalDescriptor(int descriptor);
-void ResetDescriptor(int descriptor);
 
 }  // namespace platform

@@ -3,11 +3,12 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstring>
 #include <utility>
 
@@ -21,7 +22,7 @@ namespace platform {
 namespace {
 
 constexpr int kHoldReadsMs = 1;
-constexpr long kBackstopNanoseconds = 1'000'000;
+constexpr int kBackstopPauseMs = 1;
 
 // The links of this process by their paths.
 struct OpenLinks {
@@ -42,12 +43,12 @@ void FinishRecord(Wakes* wakes, RequestRecord* record, std::uint32_t error, std:
   if (state.event != nullptr) SignalLocked(wakes, *state.event);
 }
 
-void FinishRead(Wakes* wakes, PortState* port, RequestRecord* record, std::uint32_t error,
-                std::uint32_t bytes) {
-  FinishRecord(wakes, record, error, bytes);
-  if (port == nullptr) return;
-  port->queue.push_back({record, bytes, error});
-  wakes->Add(port->changed);
+// Returns poll's form of the time left, rounded up; -1 if there is no deadline.
+int MillisecondsUntil(Deadline deadline) {
+  if (deadline == Deadline::max()) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
 }
 
 }  // namespace
@@ -67,8 +68,6 @@ std::shared_ptr<MailboxLink> MailboxLink::Open(const std::string& path) {
 MailboxLink::MailboxLink(int descriptor)
     : socket_(descriptor),
       stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      bell_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       thread_([this] { RunBackstop(); }) {}
 
 MailboxLink::~MailboxLink() {
@@ -83,8 +82,10 @@ void MailboxLink::OpenHandle(std::uint64_t handle, std::uint32_t mode) {
 
 void MailboxLink::CloseHandle(std::uint64_t handle) {
   {
+    std::lock_guard reading(readLock_);
     std::lock_guard guard(WaitLock());
     std::erase_if(pending_, [&](const auto& entry) { return entry.second.handle == handle; });
+    if (placed_ && placed_->handle == handle) DropPlaced();
     std::erase_if(armed_, [&](const Armed& read) { return read.handle == handle; });
   }
   sender_.Send(lablink::kClose, handle, 0);
@@ -99,6 +100,7 @@ bool MailboxLink::Request(std::uint64_t handle, std::uint32_t code, const void* 
     if (gone_) return Fail(kErrorDeviceNotConnected);
     id = nextRequest_++;
     Register(record, id);
+    if (StateOf(record).event != nullptr) StateOf(record).event->completer = weak_from_this();
     pending_[id] = {handle, code, output, output != nullptr ? outputSize : 0, record};
   }
   const iovec body[] = {{&outputSize, sizeof outputSize}, {const_cast<void*>(input), inputSize}};
@@ -110,7 +112,7 @@ bool MailboxLink::Read(std::uint64_t handle, void* buffer, std::uint32_t size,
                        RequestRecord* record, PortState* port) {
   std::uint64_t count;
   {
-    Wakes wakes;
+    Notices notices(this);
     std::lock_guard guard(WaitLock());
     if (gone_) return Fail(kErrorDeviceNotConnected);
     count = ++readsArmed_;
@@ -119,7 +121,7 @@ bool MailboxLink::Read(std::uint64_t handle, void* buffer, std::uint32_t size,
     if (!waitingFrames_.empty()) {
       const std::vector<std::uint8_t> frame = std::move(waitingFrames_.front());
       waitingFrames_.pop_front();
-      TakeFrame(&wakes, frame);
+      TakeFrame(&notices, frame);
     }
   }
   sender_.SendRead(count, size);
@@ -130,20 +132,26 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
   std::vector<std::uint64_t> cancelled;
   bool found = false;
   {
-    Wakes wakes;
+    Notices notices(this);
+    std::lock_guard reading(readLock_);
     std::lock_guard guard(WaitLock());
     auto wanted = [&](std::uint64_t owner, const RequestRecord* candidate) {
       return owner == handle && (record == nullptr || record == candidate);
     };
     std::erase_if(pending_, [&](const auto& entry) {
       if (!wanted(entry.second.handle, entry.second.record)) return false;
-      FinishRecord(&wakes, entry.second.record, kErrorOperationAborted, 0);
+      FinishRequest(&notices, entry.second.record, kErrorOperationAborted, 0);
       cancelled.push_back(entry.first);
       return true;
     });
+    if (placed_ && wanted(placed_->handle, placed_->record)) {
+      FinishRead(&notices, *placed_, kErrorOperationAborted, 0);
+      DropPlaced();
+      found = true;
+    }
     std::erase_if(armed_, [&](const Armed& read) {
       if (!wanted(read.handle, read.record)) return false;
-      FinishRead(&wakes, read.port, read.record, kErrorOperationAborted, 0);
+      FinishRead(&notices, read, kErrorOperationAborted, 0);
       return found = true;
     });
   }
@@ -151,141 +159,149 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
   return found || !cancelled.empty();
 }
 
-// Makes the calling thread the leader while it lives, with WaitLock released meanwhile. At its end
-// it schedules the backstop, in case no other leader follows.
-class MailboxLink::Leading {
+// Occupies a seat while it lives, with WaitLock released meanwhile.
+class MailboxLink::SeatUse {
  public:
-  Leading(MailboxLink* link, std::unique_lock<std::mutex>* lock) : link_(link), lock_(lock) {
-    assert(lock_->owns_lock() && !link_->led_);
-    link_->led_ = true;
+  SeatUse(MailboxLink* link, LinkSeat* seat, std::unique_lock<std::mutex>* lock)
+      : link_(link), seat_(seat), lock_(lock) {
+    assert(lock_->owns_lock() && !seat_->taken);
+    seat_->taken = true;
     lock_->unlock();
   }
-  Leading(const Leading&) = delete;
-  Leading& operator=(const Leading&) = delete;
-  ~Leading() {
+  SeatUse(const SeatUse&) = delete;
+  SeatUse& operator=(const SeatUse&) = delete;
+  ~SeatUse() {
     lock_->lock();
-    link_->led_ = false;
-    link_->CallBackstop();
+    seat_->taken = false;
+    link_->PassOn();
   }
 
  private:
   MailboxLink* const link_;
+  LinkSeat* const seat_;
   std::unique_lock<std::mutex>* const lock_;
 };
 
-// Under WaitLock. One start of the timer serves all leaders of a millisecond.
-void MailboxLink::CallBackstop() {
-  if (backstopCalled_) return;
-  backstopCalled_ = true;
-  const itimerspec soon{{0, 0}, {0, kBackstopNanoseconds}};
-  ::timerfd_settime(timer_.Value(), 0, &soon, nullptr);
+bool MailboxLink::RequestTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+                              Deadline deadline) {
+  return Turn(&requestSeat_, lock, wakeup, deadline);
 }
 
-void MailboxLink::AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock) {
-  assert(lock->owns_lock() && lock->mutex() == &WaitLock());
-  while (port->queue.empty()) {
-    if (led_ || gone_) {
-      follower_ = &port->changed;
-      WaitTurn(*lock, port->changed, Deadline::max());
-      continue;
-    }
-    Leading leading(this, lock);
-    if (AwaitReadable(EndDescriptor())) {
-      (void)TakeBatch();  // the link's end completes the reads too
-    } else {
-      LeaveIfEnded();
-    }
-  }
+bool MailboxLink::ReadTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+                           Deadline deadline) {
+  return Turn(&readSeat_, lock, wakeup, deadline);
 }
 
-void MailboxLink::WakeLeader() { SignalDescriptor(bell_.Value()); }
+// A second thread at a seat waits like any other: whoever serves its completion wakes it.
+bool MailboxLink::Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock,
+                       std::condition_variable& wakeup, Deadline deadline) {
+  assert(lock.owns_lock() && lock.mutex() == &WaitLock());
+  if (gone_ || seat->taken) return WaitTurn(lock, wakeup, deadline);
+  LinkSeat::Woken woken{unread_, false, unread_};
+  seat->asleep.store(!unread_, std::memory_order_relaxed);
+  SeatUse use(this, seat, &lock);
+  const bool holdsReads = seat == &readSeat_ && sender_.HoldsReads();
+  if (!woken.any)
+    woken = seat->Sleep(holdsReads ? kHoldReadsMs : MillisecondsUntil(deadline), EndDescriptor(),
+                        CurrentThread().number);
+  if (woken.readable) ReadOnce();
+  if (woken.ended) LeaveIfEnded();
+  if (woken.any) return true;
+  if (holdsReads) sender_.HoldReads(false);
+  return holdsReads;
+}
 
+// Under WaitLock: bytes that were left unread wake no thread by themselves.
+void MailboxLink::PassOn() {
+  if (!unread_) return;
+  for (LinkSeat* seat : {&requestSeat_, &readSeat_})
+    if (seat->asleep.load(std::memory_order_relaxed)) return seat->Ring();
+  if (!std::exchange(backstopRung_, true)) backstopSeat_.Ring();
+}
+
+// Bytes that arrive while every other thread works wake the backstop. Most of these threads are
+// about to receive them, so it waits for them first.
 void MailboxLink::RunBackstop() {
   while (!stopping_.load(std::memory_order_acquire)) {
-    while (LeadOnce()) {
-    }
-    AwaitCall();
+    (void)backstopSeat_.Sleep(-1, stop_.Value(), 0);
+    do {
+      AwaitRoomOrPause();
+      for (bool first = true; MustRead(first); first = false) ReadOnce();
+    } while (sender_.HasOutbox() && !stopping_.load(std::memory_order_acquire));
   }
 }
 
-// Takes one batch as the backstop. Returns false when another thread should lead, or none.
-bool MailboxLink::LeadOnce() {
-  Wakes wakes;
-  std::unique_lock lock(WaitLock());
-  if (led_ || gone_) return false;
-  {
-    Leading leading(this, &lock);
-    if (!AwaitReadable(stop_.Value()) || !TakeBatch()) return false;
-  }
-  if (follower_ == nullptr) return true;
-  wakes.Add(*std::exchange(follower_, nullptr));
-  return false;
-}
-
-// Blocks until the link may have been without a leader for a while, or until the stop.
-void MailboxLink::AwaitCall() {
-  pollfd fds[2] = {{timer_.Value(), POLLIN, 0}, {stop_.Value(), POLLIN, 0}};
-  ::poll(fds, 2, -1);
-  ResetDescriptor(timer_.Value());
+// Returns whether the backstop has to receive: no waiting thread does it, and bytes have arrived or
+// are left.
+bool MailboxLink::MustRead(bool arrived) {
   std::lock_guard guard(WaitLock());
-  backstopCalled_ = false;
+  backstopRung_ = false;
+  const bool isServed = requestSeat_.asleep.load(std::memory_order_relaxed) ||
+                        readSeat_.asleep.load(std::memory_order_relaxed);
+  return !gone_ && !isServed && (arrived || unread_);
 }
 
-// Blocks the leader until bytes of the firmware or the bell arrive, and flushes the outbox
-// meanwhile. Returns false when `endDescriptor` became readable instead.
-bool MailboxLink::AwaitReadable(int endDescriptor) {
-  for (;;) {
-    const LinkSender::Demand demand = sender_.CurrentDemand();
-    const short events = static_cast<short>(POLLIN | (demand.room ? POLLOUT : 0));
-    pollfd fds[3] = {
-        {socket_.Value(), events, 0}, {bell_.Value(), POLLIN, 0}, {endDescriptor, POLLIN, 0}};
-    const int ready = ::poll(fds, 3, demand.holdsReads ? kHoldReadsMs : -1);
-    if (ready < 0) continue;  // interrupted
-    if (ready == 0) sender_.HoldReads(false);
-    if (fds[2].revents != 0) return false;
-    if ((fds[0].revents & POLLOUT) != 0) sender_.Flush();
-    if (fds[1].revents != 0) ResetDescriptor(bell_.Value());
-    if (fds[1].revents != 0 || (fds[0].revents & ~POLLOUT) != 0) return true;
+// Blocks for a millisecond, or until the socket has room for the outbox; for ever once the link has
+// ended. The stop ends it early.
+void MailboxLink::AwaitRoomOrPause() {
+  const short roomEvent = sender_.HasOutbox() ? POLLOUT : 0;
+  bool gone;
+  {
+    std::lock_guard guard(WaitLock());
+    gone = gone_;
   }
+  pollfd fds[2] = {{stop_.Value(), POLLIN, 0},
+                   {roomEvent != 0 ? socket_.Value() : -1, roomEvent, 0}};
+  ::poll(fds, 2, gone ? -1 : kBackstopPauseMs);
+  if (fds[1].revents != 0) sender_.Flush();
 }
 
-// The leader's: receives what has arrived and serves its messages. The threads that they concern
-// are woken once all have been served. Returns false when the link has ended.
-bool MailboxLink::TakeBatch() {
-  const std::span<std::uint8_t> room = reader_.Room();
-  const ssize_t n = ::recv(socket_.Value(), room.data(), room.size(), MSG_DONTWAIT);
-  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
-  Wakes wakes;
-  if (n > 0) reader_.Filled(static_cast<std::size_t>(n));
-  if (n > 0 && TakeMessages(&wakes)) return true;
-  EndLink(&wakes);
-  return false;
+// Receives what has arrived and serves it. The threads that it concerns are woken once all has been
+// served.
+void MailboxLink::ReadOnce() {
+  Notices notices(this);
+  std::lock_guard reading(readLock_);
+  if (gone_) return;  // it changes under both locks
+  LinkReceiver::Result result;
+  do {
+    result = receiver_.Receive(socket_.Value());
+    if (result == LinkReceiver::Result::kEnded || !ServeReceived(&notices)) {
+      return EndLink(&notices);
+    }
+  } while (result == LinkReceiver::Result::kMore && receiver_.IsPlaced());
+  std::lock_guard guard(WaitLock());
+  unread_ = result == LinkReceiver::Result::kMore;
 }
 
 // Returns false for a stream that isn't one of the lab link.
-bool MailboxLink::TakeMessages(Wakes* wakes) {
+bool MailboxLink::ServeReceived(Notices* notices) {
+  if (receiver_.IsPlaced()) {
+    const std::optional<std::size_t> size = receiver_.TakePlaced();
+    if (!size) return true;
+    FinishPlaced(notices, *size);
+  }
   lablink::Message message;
   lablink::Parsed result;
-  while ((result = reader_.Next(&message)) == lablink::Parsed::kMessage)
-    if (!TakeMessage(wakes, message)) return false;
-  return result == lablink::Parsed::kNeedMore;
+  while ((result = receiver_.Next(&message)) == lablink::Parsed::kMessage)
+    if (!ServeMessage(notices, message)) return false;
+  return result == lablink::Parsed::kNeedMore && PlaceBegunFrame();
 }
 
-bool MailboxLink::TakeMessage(Wakes* wakes, const lablink::Message& message) {
+bool MailboxLink::ServeMessage(Notices* notices, const lablink::Message& message) {
   const lablink::Head& head = message.head;
   switch (head.kind) {
     case lablink::kComplete:
-      CompleteRequest(wakes, message);
+      CompleteRequest(notices, message);
       return true;
     case lablink::kFrame: {
       if (head.length > lablink::kMaxFrame) return false;
       sender_.HoldReads(true);
       std::lock_guard guard(WaitLock());
-      TakeFrame(wakes, message.body);
+      TakeFrame(notices, message.body);
       return true;
     }
     case lablink::kFailRead:
-      FailRead(wakes, head.word);
+      FailRead(notices, head.word);
       return true;
     case lablink::kPoke:
       StoreInRegion(head.id, head.word, std::as_bytes(message.body));
@@ -298,7 +314,36 @@ bool MailboxLink::TakeMessage(Wakes* wakes, const lablink::Message& message) {
   }
 }
 
-void MailboxLink::CompleteRequest(Wakes* wakes, const lablink::Message& message) {
+// A long frame is received in the buffer of the oldest armed read. Returns false if it is longer
+// than any frame.
+bool MailboxLink::PlaceBegunFrame() {
+  const std::optional<lablink::Head> head = receiver_.LongFrame();
+  if (!head) return true;
+  if (head->length > lablink::kMaxFrame) return false;
+  std::lock_guard guard(WaitLock());
+  if (armed_.empty() || head->length > armed_.front().size) return true;  // TakeFrame decides
+  placed_ = armed_.front();
+  armed_.pop_front();
+  receiver_.Place(static_cast<std::uint8_t*>(placed_->buffer));
+  return true;
+}
+
+void MailboxLink::FinishPlaced(Notices* notices, std::size_t size) {
+  sender_.HoldReads(true);
+  std::lock_guard guard(WaitLock());
+  if (!placed_) return TakeFrame(notices, std::span(rescue_).first(size));
+  FinishRead(notices, *placed_, 0, static_cast<std::uint32_t>(size));
+  placed_.reset();
+}
+
+// Under both locks: the placed read ends before its frame is complete.
+void MailboxLink::DropPlaced() {
+  rescue_.resize(lablink::kMaxFrame);
+  receiver_.MovePlaced(rescue_.data());
+  placed_.reset();
+}
+
+void MailboxLink::CompleteRequest(Notices* notices, const lablink::Message& message) {
   std::lock_guard guard(WaitLock());
   auto found = pending_.find(message.head.id);
   if (found == pending_.end()) return;  // cancelled meanwhile
@@ -309,28 +354,45 @@ void MailboxLink::CompleteRequest(Wakes* wakes, const lablink::Message& message)
     std::memcpy(request.output, message.body.data(), bytes);
     PlaceRegionAddress(request.code, request.output, bytes);
   }
-  FinishRecord(wakes, request.record, message.head.word, bytes);
+  FinishRequest(notices, request.record, message.head.word, bytes);
 }
 
 // Under WaitLock.
-void MailboxLink::TakeFrame(Wakes* wakes, std::span<const std::uint8_t> frame) {
+void MailboxLink::TakeFrame(Notices* notices, std::span<const std::uint8_t> frame) {
   if (armed_.empty()) {
     waitingFrames_.emplace_back(frame.begin(), frame.end());
     return;
   }
   const Armed read = armed_.front();
   armed_.pop_front();
-  if (frame.size() > read.size) return FinishRead(wakes, read.port, read.record, kErrorMoreData, 0);
+  if (frame.size() > read.size) return FinishRead(notices, read, kErrorMoreData, 0);
   if (!frame.empty()) std::memcpy(read.buffer, frame.data(), frame.size());
-  FinishRead(wakes, read.port, read.record, 0, static_cast<std::uint32_t>(frame.size()));
+  FinishRead(notices, read, 0, static_cast<std::uint32_t>(frame.size()));
 }
 
-void MailboxLink::FailRead(Wakes* wakes, std::uint32_t error) {
+void MailboxLink::FailRead(Notices* notices, std::uint32_t error) {
   std::lock_guard guard(WaitLock());
   if (armed_.empty()) return;
   const Armed read = armed_.front();
   armed_.pop_front();
-  FinishRead(wakes, read.port, read.record, error, 0);
+  FinishRead(notices, read, error, 0);
+}
+
+// Under WaitLock.
+void MailboxLink::FinishRequest(Notices* notices, RequestRecord* record, std::uint32_t error,
+                                std::uint32_t bytes) {
+  FinishRecord(&notices->wakes, record, error, bytes);
+  notices->request = notices->request || requestSeat_.asleep.load(std::memory_order_relaxed);
+}
+
+// Under WaitLock.
+void MailboxLink::FinishRead(Notices* notices, const Armed& read, std::uint32_t error,
+                             std::uint32_t bytes) {
+  FinishRecord(&notices->wakes, read.record, error, bytes);
+  if (read.port == nullptr) return;
+  read.port->queue.push_back({read.record, bytes, error});
+  notices->wakes.Add(read.port->changed);
+  notices->read = notices->read || readSeat_.asleep.load(std::memory_order_relaxed);
 }
 
 void MailboxLink::SendMemory(const lablink::Message& message) {
@@ -343,15 +405,17 @@ void MailboxLink::SendMemory(const lablink::Message& message) {
   sender_.Send(lablink::kMemory, head.id, head.word, body);
 }
 
-// The device is gone: what is in flight fails, and so does every later request and read.
-void MailboxLink::EndLink(Wakes* wakes) {
+// Under the read lock. The device is gone: what is in flight fails, and so does every later request
+// and read.
+void MailboxLink::EndLink(Notices* notices) {
   std::lock_guard guard(WaitLock());
   gone_ = true;
+  unread_ = false;
   for (auto& [id, request] : pending_)
-    FinishRecord(wakes, request.record, kErrorDeviceNotConnected, 0);
+    FinishRequest(notices, request.record, kErrorDeviceNotConnected, 0);
   pending_.clear();
-  for (const Armed& read : armed_)
-    FinishRead(wakes, read.port, read.record, kErrorDeviceNotConnected, 0);
+  if (placed_) armed_.push_front(*std::exchange(placed_, std::nullopt));
+  for (const Armed& read : armed_) FinishRead(notices, read, kErrorDeviceNotConnected, 0);
   armed_.clear();
 }
 

@@ -1,19 +1,20 @@
 // The mailbox driver's stand-in: one connection to a firmware over the lab link, shared by all
-// handles that this process opens on a device interface. One thread at a time leads the link: it
-// receives the firmware's messages and completes requests and reads with them. A thread that waits
-// for a read leads, so a frame reaches it without another thread between them. While none waits,
-// the link's own thread, the backstop, leads.
+// handles that this process opens on a device interface. The threads that wait receive the
+// firmware's messages themselves: a thread that waits for its request, else the thread that waits
+// for a frame, else the link's own thread, the backstop. So neither an answer nor a frame needs a
+// thread between the firmware and the thread that waits for it.
 //
 // Invariants:
-// 1. WaitLock guards everything but the descriptors, the sender and the reader. The reader belongs
-//    to the leader, and WaitLock hands it from one leader to the next.
-// 2. A registered request or read is completed exactly once: by the firmware, by a cancel, by the
+// 1. WaitLock guards everything but the descriptors, the sender and what the read lock guards.
+// 2. The read lock guards the receiver and the placed read. It is taken before WaitLock, and held
+//    only while messages are received and served, which does not block.
+// 3. A registered request or read is completed exactly once: by the firmware, by a cancel, by the
 //    close of its handle, or by the end of the link.
-// 3. A request's record, buffers and event are touched only while it is registered, so the caller
+// 4. A request's record, buffers and event are touched only while it is registered, so the caller
 //    may release them once it is complete.
-// 4. Nothing blocks on a firmware that doesn't read (link_sender.h).
-// 5. When the link has had no leader for a millisecond the backstop leads, so that no message stays
-//    unread.
+// 5. Nothing blocks on a firmware that doesn't read (link_sender.h).
+// 6. A thread that leaves bytes unread passes them on: to a waiting thread, or to the backstop,
+//    which reads them after a millisecond unless another thread has done so.
 #pragma once
 
 #include <atomic>
@@ -24,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -31,6 +33,8 @@
 
 #include "lablink/messages.h"
 #include "platform/device.h"
+#include "platform/linux/lab/link_receiver.h"
+#include "platform/linux/lab/link_seat.h"
 #include "platform/linux/lab/link_sender.h"
 #include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/event_state.h"
@@ -69,12 +73,13 @@ struct PortState {
   std::weak_ptr<MailboxLink> link;  // of the handle that is bound to it
 };
 
-class MailboxLink {
+class MailboxLink : public Completer, public std::enable_shared_from_this<MailboxLink> {
  public:
   // Returns the link to the firmware that listens on the Unix socket `path`, the same one while any
   // handle uses it. Null, with the last error set, if the socket has no listener.
   static std::shared_ptr<MailboxLink> Open(const std::string& path);
 
+  // Takes ownership of the connected socket.
   explicit MailboxLink(int descriptor);
   MailboxLink(const MailboxLink&) = delete;
   MailboxLink& operator=(const MailboxLink&) = delete;
@@ -94,11 +99,14 @@ class MailboxLink {
   // Cancels the request or read of `record`, or with null all of the handle's. Returns false if
   // none ran.
   bool Cancel(std::uint64_t handle, RequestRecord* record);
-  // Blocks, with WaitLock released meanwhile, until the port has a finished read. Requires `lock`
-  // to hold WaitLock. Leaves the thread if it was terminated.
-  void AwaitFinished(PortState* port, std::unique_lock<std::mutex>* lock);
-  // Makes the leader check its port: something was posted to it.
-  void WakeLeader();
+  // Like WaitTurn, with the link's work done meanwhile by the thread that waits: for a request, or
+  // for a finished read of a completion port.
+  bool RequestTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+                   Deadline deadline) override;
+  bool ReadTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+                Deadline deadline);
+  // Makes the thread in ReadTurn check its port: something was posted to it.
+  void WakeReader() { readSeat_.Ring(); }
 
  private:
   struct Pending {
@@ -116,32 +124,61 @@ class MailboxLink {
     PortState* port;
   };
 
-  class Leading;
+  // The threads to wake for what was completed. Declared before the guards of the locks, so that
+  // they are woken once the locks are released.
+  struct Notices {
+    explicit Notices(MailboxLink* of) : link(of) {}
+    Notices(const Notices&) = delete;
+    Notices& operator=(const Notices&) = delete;
+    ~Notices() {
+      if (request) link->requestSeat_.Ring();
+      if (read) link->readSeat_.Ring();
+    }
+    MailboxLink* const link;
+    Wakes wakes;
+    bool request = false;
+    bool read = false;
+  };
+  class SeatUse;
 
+  bool Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+            Deadline deadline);
+  void PassOn();
   void RunBackstop();
-  bool LeadOnce();
-  void AwaitCall();
-  void CallBackstop();
-  bool AwaitReadable(int endDescriptor);
-  bool TakeBatch();
-  bool TakeMessages(Wakes* wakes);
-  bool TakeMessage(Wakes* wakes, const lablink::Message& message);
-  void CompleteRequest(Wakes* wakes, const lablink::Message& message);
-  void TakeFrame(Wakes* wakes, std::span<const std::uint8_t> frame);
-  void FailRead(Wakes* wakes, std::uint32_t error);
+  bool MustRead(bool arrived);
+  void AwaitRoomOrPause();
+  void ReadOnce();
+  bool ServeReceived(Notices* notices);
+  bool ServeMessage(Notices* notices, const lablink::Message& message);
+  bool PlaceBegunFrame();
+  void CompleteRequest(Notices* notices, const lablink::Message& message);
+  void FinishPlaced(Notices* notices, std::size_t size);
+  void TakeFrame(Notices* notices, std::span<const std::uint8_t> frame);
+  void FailRead(Notices* notices, std::uint32_t error);
+  void FinishRequest(Notices* notices, RequestRecord* record, std::uint32_t error,
+                     std::uint32_t bytes);
+  void FinishRead(Notices* notices, const Armed& read, std::uint32_t error, std::uint32_t bytes);
+  void DropPlaced();
   void SendMemory(const lablink::Message& message);
-  void EndLink(Wakes* wakes);
+  void EndLink(Notices* notices);
 
   const Descriptor socket_;
-  const Descriptor stop_;   // an eventfd: ends the backstop
-  const Descriptor bell_;   // an eventfd: the outbox holds something, or WakeLeader
-  const Descriptor timer_;  // a timerfd: calls the backstop
-  LinkSender sender_{socket_.Value(), bell_.Value()};
-  lablink::MessageReader reader_;  // the leader's
+  const Descriptor stop_;  // an eventfd: ends the backstop
+  // In the order in which they are served.
+  LinkSeat requestSeat_{socket_.Value()};
+  LinkSeat readSeat_{socket_.Value()};
+  LinkSeat backstopSeat_{socket_.Value()};
+  LinkSender sender_{socket_.Value(), backstopSeat_.BellDescriptor()};
 
-  bool led_ = false;
-  bool backstopCalled_ = false;
-  std::condition_variable* follower_ = nullptr;  // where a thread waits that should lead instead
+  std::mutex readLock_;
+  LinkReceiver receiver_;
+  // The read whose buffer the receiver fills. Without one, and with a placed frame, the read was
+  // cancelled, and the frame goes to the rescue buffer.
+  std::optional<Armed> placed_;
+  std::vector<std::uint8_t> rescue_;
+
+  bool unread_ = false;        // the last thread that received has left bytes
+  bool backstopRung_ = false;  // since its last pause
   bool gone_ = false;
   std::map<std::uint64_t, Pending> pending_;
   std::deque<Armed> armed_;

@@ -34,6 +34,11 @@ ThreadRecord::~ThreadRecord() {
   if (endDescriptor >= 0) ::close(endDescriptor);
 }
 
+std::uint64_t ThreadRecord::NextNumber() {
+  static std::atomic<std::uint64_t> last{0};  // relaxed: only makes the numbers distinct
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 std::mutex& WaitLock() {
   static ProcessLifetime<std::mutex> lock;
   return *lock;

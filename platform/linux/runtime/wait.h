@@ -32,10 +32,14 @@ struct ThreadRecord {
   std::atomic<bool> ended{false};
   bool running = true;
   std::uint32_t exitCode = 0;
+  const std::uint64_t number = NextNumber();  // unlike a thread id, it is never used again
   ThreadRecord() = default;
   ThreadRecord(const ThreadRecord&) = delete;
   ThreadRecord& operator=(const ThreadRecord&) = delete;
   ~ThreadRecord();
+
+ private:
+  static std::uint64_t NextNumber();
 };
 
 std::mutex& WaitLock();
@@ -87,13 +91,19 @@ Deadline DeadlineAfter(std::uint32_t milliseconds);
 bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
               Deadline deadline);
 
-// Blocks under WaitLock until ready() is true. Returns false on time-out.
+// Blocks under WaitLock until ready() is true, in turns of turn(lock, wakeup, deadline). Returns
+// false on time-out.
+template <class Ready, class Turn>
+bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+               Deadline deadline, Ready ready, Turn turn) {
+  while (!ready())
+    if (!turn(lock, wakeup, deadline)) return ready();
+  return true;
+}
 template <class Ready>
 bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                Deadline deadline, Ready ready) {
-  while (!ready())
-    if (!WaitTurn(lock, wakeup, deadline)) return ready();
-  return true;
+  return WaitUntil(lock, wakeup, deadline, ready, WaitTurn);
 }
 
 // Returns the calling thread's end mark for a poll of its own, which calls LeaveIfEnded when the
