@@ -47,6 +47,44 @@ constexpr std::uint32_t kGeneralFailure = 31;     // ERROR_GEN_FAILURE
 constexpr std::uint64_t kSomeAddress[] = {1, 0};  // replaced by the mailbox end
 constexpr std::uint8_t kUp = 1;  // the status of a firmware that needs no new reports
 
+// What a mailbox end sends. The first bytes of each message are received into a page, in one call
+// with the short messages around it; the rest of a long body is received where it is wanted.
+class Inlet {
+ public:
+  explicit Inlet(int sock) : sock_(sock) {}
+
+  // Takes the next `size` bytes. Returns false at the end of the stream.
+  bool Take(void* target, std::size_t size) {
+    auto* at = static_cast<std::byte*>(target);
+    while (size > 0) {
+      if (begin_ == end_ && size >= page_.Size()) return ReceiveAll(sock_, at, size);
+      if (begin_ == end_ && !Fill()) return false;
+      const std::size_t part = std::min(size, end_ - begin_);
+      std::memcpy(at, page_.Data() + begin_, part);
+      begin_ += part;
+      at += part;
+      size -= part;
+    }
+    return true;
+  }
+
+ private:
+  bool Fill() {
+    ssize_t n;
+    do {
+      n = ::recv(sock_, page_.Data(), page_.Size(), 0);
+    } while (n < 0 && errno == EINTR);
+    begin_ = 0;
+    end_ = n > 0 ? static_cast<std::size_t>(n) : 0;
+    return n > 0;
+  }
+
+  const int sock_;
+  PageBuffer page_{kPage};
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+};
+
 // The messages that answer one request, gathered until Flush.
 class Answer {
  public:
@@ -167,7 +205,7 @@ class Stream {
 class Mailbox {
  public:
   Mailbox(Descriptor sock, bool withInput)
-      : sock_(std::move(sock)), withInput_(withInput), answer_(sock_.Get()) {
+      : sock_(std::move(sock)), withInput_(withInput), inlet_(sock_.Get()), answer_(sock_.Get()) {
     version_.provisionStatus = stewardry::kProvisioned;
     std::strcpy(version_.version, "bench");
   }
@@ -176,7 +214,7 @@ class Mailbox {
     EnableKvm();
     if (!answer_.Flush()) return;
     lablink::Head head;
-    while (ReceiveAll(sock_.Get(), &head, sizeof head) && lablink::IsMessage(head)) {
+    while (inlet_.Take(&head, sizeof head) && lablink::IsMessage(head)) {
       if (!(head.kind == lablink::kRequest ? ServeRequest(head) : Skip(head.length))) return;
     }
   }
@@ -184,14 +222,15 @@ class Mailbox {
  private:
   static constexpr std::uint32_t kOutputSize = sizeof(std::uint32_t);
 
-  // The bytes of the stream are received where they are sent from, in the call that reads what
-  // precedes them.
+  // The bytes of the stream are received where they are sent from.
   bool ServeRequest(const lablink::Head& head) {
     if (head.length < kOutputSize) return false;
     const std::size_t size = head.length - kOutputSize;
     Stream* stream = StreamOf(head.word);
     std::byte* room = stream != nullptr ? stream->Room(size) : unread_.Data();
-    if (room == nullptr || !ReceiveBody(room, size)) return false;
+    std::uint32_t outputSize;  // the answers' sizes are known without it
+    if (room == nullptr || !inlet_.Take(&outputSize, sizeof outputSize)) return false;
+    if (!inlet_.Take(room, size)) return false;
     if (stream != nullptr) {
       answer_.Complete(head.id, nullptr, 0);
       stream->Take(size, &answer_);
@@ -224,24 +263,13 @@ class Mailbox {
     std::memcpy(&info, unread_.Data(), sizeof info);
     return info.localPort == kKvmPort;
   }
-  bool ReceiveBody(std::byte* room, std::size_t size) {
-    std::uint32_t outputSize;  // the answers' sizes are known without it
-    iovec parts[] = {{&outputSize, kOutputSize}, {room, size}};
-    ssize_t n;
-    do {
-      n = ::readv(sock_.Get(), parts, size > 0 ? 2 : 1);
-    } while (n < 0 && errno == EINTR);
-    if (n < static_cast<ssize_t>(kOutputSize))
-      return false;  // written at once by every mailbox end
-    const std::size_t got = static_cast<std::size_t>(n) - kOutputSize;
-    return ReceiveAll(sock_.Get(), room + got, size - got);
-  }
   bool Skip(std::size_t size) {
-    return size <= unread_.Size() && ReceiveAll(sock_.Get(), unread_.Data(), size);
+    return size <= unread_.Size() && inlet_.Take(unread_.Data(), size);
   }
 
   const Descriptor sock_;
   const bool withInput_;
+  Inlet inlet_;
   Answer answer_;
   Stream dash_{kDashData};
   Stream kvm_{kKvmData};

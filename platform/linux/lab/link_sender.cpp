@@ -28,38 +28,34 @@ void LinkSender::Send(std::uint32_t kind, std::uint64_t id, std::uint32_t word,
 
 void LinkSender::SendRead(std::uint64_t count, std::uint32_t size) {
   {
-    std::lock_guard guard(lock_);
-    if (holdReads_) return lablink::AppendMessage(&held_, lablink::kRead, count, size);
+    std::lock_guard guard(heldLock_);
+    if (HoldsReads()) return lablink::AppendMessage(&held_, lablink::kRead, count, size);
   }
   Send(lablink::kRead, count, size);
 }
 
 void LinkSender::HoldReads(bool hold) {
+  if (hold) return holdReads_.store(true, std::memory_order_relaxed);
   {
-    std::lock_guard guard(lock_);
-    holdReads_ = hold;
-    if (hold || held_.empty()) return;
+    std::lock_guard guard(heldLock_);
+    holdReads_.store(false, std::memory_order_relaxed);
+    if (held_.empty()) return;
   }
   SendParts({}, 0);
-}
-
-bool LinkSender::HoldsReads() {
-  std::lock_guard guard(lock_);
-  return holdReads_;
-}
-
-bool LinkSender::HasOutbox() {
-  std::lock_guard guard(lock_);
-  return !outbox_.empty();
 }
 
 // Sends the parts behind the reads that were held; what the socket doesn't take goes to the outbox.
 void LinkSender::SendParts(Parts parts, std::size_t count) {
   std::lock_guard guard(lock_);
-  if (!held_.empty()) {
+  assert(released_.empty());
+  {
+    std::lock_guard held(heldLock_);
+    released_.swap(held_);
+  }
+  if (!released_.empty()) {
     assert(count < parts.size());
     std::copy_backward(parts.begin(), parts.begin() + count, parts.begin() + count + 1);
-    parts[0] = {held_.data(), held_.size()};
+    parts[0] = {released_.data(), released_.size()};
     ++count;
   }
   std::size_t sent = 0;
@@ -68,11 +64,12 @@ void LinkSender::SendParts(Parts parts, std::size_t count) {
     message.msg_iov = parts.data();
     message.msg_iovlen = count;
     const ssize_t n = ::sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0 && errno != EAGAIN && errno != EINTR) return;  // the reader finds the link's end
+    const bool ended = n < 0 && errno != EAGAIN && errno != EINTR;  // the reader finds it, too
+    if (ended) return released_.clear();
     sent = n > 0 ? static_cast<std::size_t>(n) : 0;
   }
   KeepRest({parts.data(), count}, sent);
-  held_.clear();
+  released_.clear();
 }
 
 // Under lock_. Moves what follows the first `sent` bytes to the outbox.
@@ -84,7 +81,9 @@ void LinkSender::KeepRest(std::span<const iovec> parts, std::size_t sent) {
     outbox_.append(static_cast<const char*>(part.iov_base) + skip, part.iov_len - skip);
   }
   assert(sent == 0);
-  if (outbox_.size() > before) SignalDescriptor(bell_);
+  if (outbox_.size() == before) return;
+  hasOutbox_.store(true, std::memory_order_relaxed);
+  SignalDescriptor(bell_);
 }
 
 void LinkSender::Flush() {
@@ -92,6 +91,7 @@ void LinkSender::Flush() {
   const ssize_t n = ::send(socket_, outbox_.data(), outbox_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (n > 0) outbox_.erase(0, static_cast<std::size_t>(n));
   if (n < 0 && errno != EAGAIN && errno != EINTR) outbox_.clear();  // the link has ended
+  hasOutbox_.store(!outbox_.empty(), std::memory_order_relaxed);
 }
 
 }  // namespace platform

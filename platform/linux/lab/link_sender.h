@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -31,8 +32,8 @@ class LinkSender {
   void HoldReads(bool hold);
 
   // Returns whether HoldReads(false) is due soon.
-  bool HoldsReads();
-  bool HasOutbox();
+  bool HoldsReads() const { return holdReads_.load(std::memory_order_relaxed); }
+  bool HasOutbox() const { return hasOutbox_.load(std::memory_order_relaxed); }
   // Sends what the socket takes of the outbox.
   void Flush();
 
@@ -46,10 +47,17 @@ class LinkSender {
   const int socket_;
   const int bell_;
 
-  std::mutex lock_;     // guards all below; never held together with WaitLock
-  std::string outbox_;  // bytes that the socket didn't take
-  std::string held_;    // reports of reads that wait for the next message
-  bool holdReads_ = false;
+  std::mutex lock_;       // of the thread that sends; never held together with WaitLock
+  std::string outbox_;    // under lock_: bytes that the socket didn't take
+  std::string released_;  // under lock_: the held reports while they are sent
+
+  std::mutex heldLock_;  // taken after lock_, for a few instructions
+  std::string held_;     // under heldLock_: reports of reads that wait for the next message
+
+  // Relaxed: a report that is sent at once or held for a millisecond too long does no harm, and the
+  // bell follows the store to hasOutbox_.
+  std::atomic<bool> holdReads_{false};
+  std::atomic<bool> hasOutbox_{false};
 };
 
 }  // namespace platform

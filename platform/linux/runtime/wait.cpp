@@ -45,7 +45,7 @@ std::mutex& WaitLock() {
 }
 
 std::condition_variable& SleepingPlace() {
-  constexpr std::size_t kPlaces = 64;
+  constexpr std::size_t kPlaces = 512;
   static ProcessLifetime<std::array<std::condition_variable, kPlaces>> places;
   static std::atomic<std::size_t> handedOut{0};  // relaxed: only spreads the objects
   return (*places)[handedOut.fetch_add(1, std::memory_order_relaxed) % kPlaces];
