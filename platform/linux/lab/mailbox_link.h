@@ -136,6 +136,7 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
     }
     MailboxLink* const link;
     Wakes wakes;
+    bool any = false;
     bool request = false;
     bool read = false;
   };
@@ -145,7 +146,8 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
             Deadline deadline);
   void PassOn();
   void RunBackstop();
-  bool MustRead(bool arrived);
+  std::uint64_t Receipts();
+  bool MustRead(std::uint64_t receiptsBefore);
   void AwaitRoomOrPause();
   void ReadOnce();
   bool ServeReceived(Notices* notices);
@@ -177,8 +179,9 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
   std::optional<Armed> placed_;
   std::vector<std::uint8_t> rescue_;
 
-  bool unread_ = false;        // the last thread that received has left bytes
-  bool backstopRung_ = false;  // since its last pause
+  bool unread_ = false;         // the last thread that received has left bytes
+  bool backstopRung_ = false;   // since its last pause
+  std::uint64_t receipts_ = 0;  // calls of ReadOnce
   bool gone_ = false;
   std::map<std::uint64_t, Pending> pending_;
   std::deque<Armed> armed_;
