@@ -81,8 +81,11 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   record.ended = true;
   record.exitCode = exitCode;
   if (record.waitingOn != nullptr) record.waitingOn->notify_all();
-  std::uint64_t one = 1;
-  [[maybe_unused]] ssize_t written = ::write(record.endDescriptor, &one, sizeof one);
+  for (const int descriptor : {record.endDescriptor, record.bell}) {
+    const std::uint64_t one = 1;
+    if (descriptor >= 0) [[maybe_unused]]
+      const ssize_t written = ::write(descriptor, &one, sizeof one);
+  }
   if (&record == &CurrentThread()) throw ThreadEnd{};
   return true;
 }

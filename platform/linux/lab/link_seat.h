@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 
 #include "platform/linux/runtime/descriptor.h"
 
@@ -18,13 +17,11 @@ class LinkSeat {
 
   struct Woken {
     bool readable;  // bytes or the link's end have arrived, and no other thread knows of them
-    bool ended;     // the end descriptor is readable
     bool any;       // false after a time-out
   };
-  // Blocks until bytes arrive, the bell rings or the time-out, -1 for none, is over. Also wakes
-  // when `endDescriptor` becomes readable; -1 is none. `owner` distinguishes the descriptor's
-  // owners, since a number is used again after a close. One thread at a time.
-  Woken Sleep(int timeoutMs, int endDescriptor, std::uint64_t owner);
+  // Blocks until bytes arrive, the bell rings or the time-out, -1 for none, is over. One thread at
+  // a time.
+  Woken Sleep(int timeoutMs);
 
   // Wakes the thread in Sleep; without one, the next Sleep returns at once. Any thread.
   void Ring();
@@ -37,12 +34,8 @@ class LinkSeat {
   std::atomic<bool> asleep{false};
 
  private:
-  void SetEnd(int descriptor, std::uint64_t owner);
-
   const Descriptor epoll_;
   const Descriptor bell_;  // an eventfd; edge-triggered, so it is never reset
-  int end_ = -1;
-  std::uint64_t endOwner_ = 0;
 };
 
 // Signals an eventfd. A failure means that it is signalled already.

@@ -73,6 +73,7 @@ MailboxLink::MailboxLink(int descriptor)
 MailboxLink::~MailboxLink() {
   stopping_.store(true, std::memory_order_release);
   SignalDescriptor(stop_.Value());
+  backstopSeat_.Ring();
   thread_.join();
 }
 
@@ -166,6 +167,7 @@ class MailboxLink::SeatUse {
       : link_(link), seat_(seat), lock_(lock) {
     assert(lock_->owns_lock() && !seat_->taken);
     seat_->taken = true;
+    CurrentThread().bell = seat_->BellDescriptor();
     lock_->unlock();
   }
   SeatUse(const SeatUse&) = delete;
@@ -173,6 +175,7 @@ class MailboxLink::SeatUse {
   ~SeatUse() {
     lock_->lock();
     seat_->taken = false;
+    CurrentThread().bell = -1;
     link_->PassOn();
   }
 
@@ -192,23 +195,23 @@ bool MailboxLink::ReadTurn(std::unique_lock<std::mutex>& lock, std::condition_va
   return Turn(&readSeat_, lock, wakeup, deadline);
 }
 
-// A second thread at a seat waits like any other: whoever serves its completion wakes it.
+// A second thread at a seat waits like any other: the thread that serves its completion wakes it.
 bool MailboxLink::Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock,
                        std::condition_variable& wakeup, Deadline deadline) {
   assert(lock.owns_lock() && lock.mutex() == &WaitLock());
   if (gone_ || seat->taken) return WaitTurn(lock, wakeup, deadline);
-  LinkSeat::Woken woken{unread_, false, unread_};
+  LeaveIfEndedLocked(CurrentThread());
+  LinkSeat::Woken woken{unread_, unread_};
   seat->asleep.store(!unread_, std::memory_order_relaxed);
-  SeatUse use(this, seat, &lock);
   const bool holdsReads = seat == &readSeat_ && sender_.HoldsReads();
-  if (!woken.any)
-    woken = seat->Sleep(holdsReads ? kHoldReadsMs : MillisecondsUntil(deadline), EndDescriptor(),
-                        CurrentThread().number);
-  if (woken.readable) ReadOnce();
-  if (woken.ended) LeaveIfEnded();
-  if (woken.any) return true;
-  if (holdsReads) sender_.HoldReads(false);
-  return holdsReads;
+  {
+    const SeatUse use(this, seat, &lock);
+    if (!woken.any) woken = seat->Sleep(holdsReads ? kHoldReadsMs : MillisecondsUntil(deadline));
+    if (woken.readable) ReadOnce();
+    if (!woken.any && holdsReads) sender_.HoldReads(false);
+  }
+  LeaveIfEndedLocked(CurrentThread());
+  return woken.any || holdsReads;
 }
 
 // Under WaitLock: bytes that were left unread wake no thread by themselves.
@@ -223,7 +226,7 @@ void MailboxLink::PassOn() {
 // receive them in most cases, so the backstop pauses first.
 void MailboxLink::RunBackstop() {
   while (!stopping_.load(std::memory_order_acquire)) {
-    (void)backstopSeat_.Sleep(-1, stop_.Value(), 0);
+    (void)backstopSeat_.Sleep(-1);
     do {
       const std::uint64_t before = Receipts();
       AwaitRoomOrPause();

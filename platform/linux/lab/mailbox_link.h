@@ -165,7 +165,7 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
   void EndLink(Notices* notices);
 
   const Descriptor socket_;
-  const Descriptor stop_;  // an eventfd: ends the backstop
+  const Descriptor stop_;  // an eventfd: ends the backstop's pause
   // In the order in which they are served.
   LinkSeat requestSeat_{socket_.Value()};
   LinkSeat readSeat_{socket_.Value()};

@@ -34,11 +34,6 @@ ThreadRecord::~ThreadRecord() {
   if (endDescriptor >= 0) ::close(endDescriptor);
 }
 
-std::uint64_t ThreadRecord::NextNumber() {
-  static std::atomic<std::uint64_t> last{0};  // relaxed: only makes the numbers distinct
-  return last.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
 std::mutex& WaitLock() {
   static ProcessLifetime<std::mutex> lock;
   return *lock;
@@ -71,6 +66,10 @@ void LeaveIfEnded() {
   if (ended && MayLeave()) throw ThreadEnd{};
 }
 
+void LeaveIfEndedLocked(const ThreadRecord& self) {
+  if (self.ended && MayLeave()) throw ThreadEnd{};
+}
+
 Deadline DeadlineAfter(std::uint32_t milliseconds) {
   if (milliseconds == kInfinite) return Deadline::max();
   return std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
@@ -81,7 +80,7 @@ bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeu
   assert(lock.owns_lock() && lock.mutex() == &WaitLock());
   ThreadRecord& self = CurrentThread();
   assert(self.waitingOn == nullptr);
-  if (self.ended && MayLeave()) throw ThreadEnd{};
+  LeaveIfEndedLocked(self);
   self.waitingOn = &wakeup;
   bool inTime = true;
   if (deadline == Deadline::max()) {
@@ -90,7 +89,7 @@ bool WaitTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeu
     inTime = wakeup.wait_until(lock, deadline) == std::cv_status::no_timeout;
   }
   self.waitingOn = nullptr;
-  if (self.ended && MayLeave()) throw ThreadEnd{};
+  LeaveIfEndedLocked(self);
   return inTime;
 }
 

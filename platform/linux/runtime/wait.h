@@ -5,7 +5,8 @@
 // Invariants:
 // 1. WaitLock() guards the state of every waitable object (events, threads, requests, completion
 //    ports) and of every thread's record. It is held for a few instructions only.
-// 2. A waiting thread has set waitingOn in its record, so that the thread that ends it can wake it.
+// 2. A waiting thread has set waitingOn or bell in its record, so that the thread that ends it can
+//    wake it.
 // 3. A thread that already unwinds doesn't leave again, nor does one in a StayInThread: destructors
 //    may wait, and finish.
 #pragma once
@@ -28,18 +29,15 @@ struct ThreadRecord {
   std::condition_variable finished;  // signalled when the thread has exited
   std::condition_variable* waitingOn = nullptr;
   int endDescriptor = -1;  // an eventfd, readable once the thread is to end
+  int bell = -1;           // under WaitLock: an eventfd that wakes the thread where it sleeps
   // The end mark. Written under WaitLock. Relaxed: a reader without the lock checks again with it.
   std::atomic<bool> ended{false};
   bool running = true;
   std::uint32_t exitCode = 0;
-  const std::uint64_t number = NextNumber();  // unlike a thread id, it is never used again
   ThreadRecord() = default;
   ThreadRecord(const ThreadRecord&) = delete;
   ThreadRecord& operator=(const ThreadRecord&) = delete;
   ~ThreadRecord();
-
- private:
-  static std::uint64_t NextNumber();
 };
 
 std::mutex& WaitLock();
@@ -81,6 +79,8 @@ void SetCurrentThread(std::shared_ptr<ThreadRecord> record);
 
 // Leaves the thread if it was terminated and doesn't already unwind.
 void LeaveIfEnded();
+// The same for a caller that holds WaitLock.
+void LeaveIfEndedLocked(const ThreadRecord& self);
 
 using Deadline = std::chrono::steady_clock::time_point;
 // Returns the time `milliseconds` from now; Deadline::max() for kInfinite.
