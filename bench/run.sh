@@ -40,6 +40,6 @@ echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls
 echo "== service"
-STEWARDRY_BIN=$bin bench/service_cost.sh 7
+STEWARDRY_BIN=$bin bench/service_cost.sh 7 --json "$out/service.json"
 echo "== summary (met: the mark is reached; tie: within 15 % of it)"
 python3 -B bench/summary.py "$out"
