@@ -66,7 +66,7 @@ std::uint32_t ProcessKeyboardEvents(void*) {
             "ProcessKeyboardEvents");
     return 0;
   }
-  RunPump(ring, gKvm->gKeyboardThread, HandleEntry);
+  RunPump(ring, gKvm->gKeyboardThread.StopFlag(), HandleEntry);
   return 0;
 }
 

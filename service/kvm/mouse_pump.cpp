@@ -75,7 +75,7 @@ std::uint32_t ProcessMouseEvents(void*) {
     WriteToAgentPipe(kAgentMousePipe, &message, sizeof message);
     gKvm->gLastMouseRingData = entry;
   };
-  RunPump(ring, gKvm->gMouseThread, send);
+  RunPump(ring, gKvm->gMouseThread.StopFlag(), send);
   return 1;
 }
 

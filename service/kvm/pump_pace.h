@@ -5,11 +5,11 @@
 // occupy two processors for as long as somebody looks at the screen.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 
 #include "platform/thread.h"
-#include "service/kvm/session_threads.h"
 #include "service/kvm/shared_region.h"
 
 namespace stewardry {
@@ -32,11 +32,12 @@ class PumpPace {
   std::uint32_t microseconds_ = kLongestMicroseconds;  // of the next wait
 };
 
-// Passes the ring's entries to handle(entry) until the thread is asked to stop.
+// Passes the ring's entries to handle(entry) until `stop` is set, which is seen after a wait at the
+// latest.
 template <class Ring, class Handle>
-void RunPump(Ring* ring, const SessionThread& self, Handle handle) {
+void RunPump(Ring* ring, const std::atomic<bool>& stop, Handle handle) {
   PumpPace pace;
-  while (!self.StopRequested()) pace.AfterPoll(DrainRing(ring, self.StopFlag(), handle));
+  while (!stop.load(std::memory_order_relaxed)) pace.AfterPoll(DrainRing(ring, stop, handle));
 }
 
 }  // namespace stewardry
