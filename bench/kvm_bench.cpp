@@ -235,7 +235,7 @@ void Latency(benchmark::State& state) {
   std::minstd_rand random;
   std::vector<double> micros;
   for (auto _ : state) {
-    if (rests) std::this_thread::sleep_for(std::chrono::microseconds(12'000 + random() % 8000));
+    if (rests) std::this_thread::sleep_for(std::chrono::microseconds(8'000 + random() % 4000));
     const auto start = Clock::now();
     client.Put();
     if (!client.AwaitAll()) return state.SkipWithError("an event was lost");
@@ -264,8 +264,8 @@ void RegisterPump(const std::string& name) {
   };
   add("pump/latency/" + name, Latency<Session<Pump>, false>);
   add("pump/latency_plain/" + name, Latency<PlainClient<Pump>, false>);
-  add("pump/rested/" + name, Latency<Session<Pump>, true>)->Iterations(200);
-  add("pump/rested_plain/" + name, Latency<PlainClient<Pump>, true>)->Iterations(200);
+  add("pump/rested/" + name, Latency<Session<Pump>, true>)->Iterations(100);
+  add("pump/rested_plain/" + name, Latency<PlainClient<Pump>, true>)->Iterations(100);
   add("pump/sustained/" + name, Sustained<Session<Pump>>);
   add("pump/sustained_plain/" + name, Sustained<PlainClient<Pump>>);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds preset release with the benchmarks and runs every benchmark beside its peers with short settings, in less than
-# four minutes after the build; one table ends the output.
+# Builds preset release with the benchmarks and runs every benchmark beside its peers with short settings, in some
+# five minutes after the build; one table ends the output.
 #   run.sh           builds, then runs
 #   run.sh --built   runs what is built already; STEWARDRY_BIN names another folder of programs
 set -euo pipefail

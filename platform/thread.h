@@ -46,9 +46,9 @@ using WaitTimer = Owned<struct WaitTimerTag, CloseWaitTimer>;
 // period of some 16 milliseconds.
 WaitTimer CreateWaitTimer();
 
-// Suspends the calling thread, on Linux for no less than `microseconds`. An empty timer, or one
-// that can't be set, makes it Sleep(1). A terminated thread ends here at the latest when the time
-// has passed. `timer` belongs to the calling thread.
+// Suspends the calling thread for `microseconds` or somewhat longer. An empty timer, or one that
+// can't be set, makes it Sleep(1). A terminated thread ends here once the time has passed. Requires
+// a timer that no other thread uses.
 void WaitMicroseconds(const WaitTimer& timer, std::uint32_t microseconds);
 
 // Hints to the processor that the calling thread spins (YieldProcessor).
