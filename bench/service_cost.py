@@ -77,7 +77,8 @@ def measure_once(place, number, seconds):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("runs", nargs="?", type=int, default=7)
-    parser.add_argument("--seconds", type=float, default=1, help="of each processor time")
+    parser.add_argument("--seconds", type=float, default=2,
+                        help="of each processor time; the service looks for its pipes every 2")
     parser.add_argument("--json", help="a file for the numbers of every run")
     wanted = parser.parse_args()
     ground.enter()

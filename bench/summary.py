@@ -33,7 +33,8 @@ def read_benchmarks(path, found):
         if run["run_type"] != "iteration":
             continue
         name = "/".join(part for part in run["run_name"].split("/")
-                        if part not in ("real_time", "process_time"))
+                        if part not in ("real_time", "process_time")
+                        and not part.startswith("iterations:"))
         if "error_occurred" in run:
             print("%s: %s" % (name, run["error_message"]))
             continue
