@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -227,11 +228,14 @@ void SetPercentiles(benchmark::State& state, std::vector<double> micros) {
   state.counters["p99_us"] = micros[micros.size() * 99 / 100];
 }
 
-template <class Client>
+// `rests` puts each entry at some time after the one before that is longer than the pump polls.
+template <class Client, bool rests>
 void Latency(benchmark::State& state) {
   Client client;
+  std::minstd_rand random;
   std::vector<double> micros;
   for (auto _ : state) {
+    if (rests) std::this_thread::sleep_for(std::chrono::microseconds(8'000 + random() % 4000));
     const auto start = Clock::now();
     client.Put();
     if (!client.AwaitAll()) return state.SkipWithError("an event was lost");
@@ -256,10 +260,12 @@ void Sustained(benchmark::State& state) {
 template <class Pump>
 void RegisterPump(const std::string& name) {
   const auto add = [](const std::string& full, auto run) {
-    benchmark::RegisterBenchmark(full.c_str(), run)->UseRealTime();
+    return benchmark::RegisterBenchmark(full.c_str(), run)->UseRealTime();
   };
-  add("pump/latency/" + name, Latency<Session<Pump>>);
-  add("pump/latency_plain/" + name, Latency<PlainClient<Pump>>);
+  add("pump/latency/" + name, Latency<Session<Pump>, false>);
+  add("pump/latency_plain/" + name, Latency<PlainClient<Pump>, false>);
+  add("pump/rested/" + name, Latency<Session<Pump>, true>)->Iterations(100);
+  add("pump/rested_plain/" + name, Latency<PlainClient<Pump>, true>)->Iterations(100);
   add("pump/sustained/" + name, Sustained<Session<Pump>>);
   add("pump/sustained_plain/" + name, Sustained<PlainClient<Pump>>);
 }

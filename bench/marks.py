@@ -111,5 +111,10 @@ MARKS = (
       for words, unit, better, ours, floor in (
           ("median", "us", "less", "latency/%s/p50_us", "latency_plain/%s/p50_us"),
           ("99th percentile", "us", "less", "latency/%s/p99_us", "latency_plain/%s/p99_us"),
+          ("median after a rest", "us", "less", "rested/%s/p50_us", "rested_plain/%s/p50_us"),
+          ("99th after a rest", "us", "less", "rested/%s/p99_us", "rested_plain/%s/p99_us"),
           ("sustained", "k events/s", "more", "sustained/%s", "sustained_plain/%s"))),
+    *(("processor, " + words, "ms/s", "less", "service/" + name, {}, None, must, None)
+      for words, name, must in (("service at rest", "rest", None),
+                                ("KVM session at rest", "session", (None, 30.0)))),
 )

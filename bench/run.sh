@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds preset release with the benchmarks and runs every benchmark beside its peers with short settings, in less than
-# four minutes after the build; one table ends the output.
+# Builds preset release with the benchmarks and runs every benchmark beside its peers with short settings, in some
+# five minutes after the build; one table ends the output.
 #   run.sh           builds, then runs
 #   run.sh --built   runs what is built already; STEWARDRY_BIN names another folder of programs
 set -euo pipefail
@@ -40,6 +40,6 @@ echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls
 echo "== service"
-STEWARDRY_BIN=$bin bench/service_cost.sh 7
+STEWARDRY_BIN=$bin bench/service_cost.sh 7 --json "$out/service.json"
 echo "== summary (met: the mark is reached; tie: within 15 % of it)"
 python3 -B bench/summary.py "$out"

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """One table of what bench/run.sh has measured, against the marks. `summary.py FOLDER`, which holds
-Google Benchmark's files and the relay's relay.json; what is missing is left out. Nothing here fails:
+Google Benchmark's files, relay.json and service.json; what is missing is left out. Nothing here fails:
 a time says nothing without the peer beside it."""
 import collections
 import glob
@@ -33,7 +33,8 @@ def read_benchmarks(path, found):
         if run["run_type"] != "iteration":
             continue
         name = "/".join(part for part in run["run_name"].split("/")
-                        if part not in ("real_time", "process_time"))
+                        if part not in ("real_time", "process_time")
+                        and not part.startswith("iterations:"))
         if "error_occurred" in run:
             print("%s: %s" % (name, run["error_message"]))
             continue
@@ -50,10 +51,20 @@ def read_relay(path, found):
                 found["relay/%s/%s" % (peer, mode)] += values
 
 
+def read_service(path, found):
+    with open(path) as file:
+        for run in json.load(file):
+            for name, value in run.items():
+                found["service/" + name].append(value)
+
+
+READERS = {"relay.json": read_relay, "service.json": read_service}
+
+
 def read_all(folder):
     found = collections.defaultdict(list)
     for path in glob.glob(os.path.join(folder, "*.json")):
-        read = read_relay if os.path.basename(path) == "relay.json" else read_benchmarks
+        read = READERS.get(os.path.basename(path), read_benchmarks)
         read(path, found)
     return {name: statistics.median(values) for name, values in found.items() if values}
 

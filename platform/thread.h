@@ -37,6 +37,20 @@ std::uint32_t GetCurrentProcessId();
 // Suspends the calling thread; 0 yields the rest of its time slice.
 void Sleep(std::uint32_t milliseconds);
 
+// A timer for the short waits of one thread.
+void CloseWaitTimer(RawHandle raw);
+using WaitTimer = Owned<struct WaitTimerTag, CloseWaitTimer>;
+
+// Creates a timer that keeps waits below Sleep's grain: a high-resolution one, or an ordinary one
+// where Windows has none (before Windows 10, 1803), whose waits last up to the clock interrupt's
+// period of some 16 milliseconds.
+WaitTimer CreateWaitTimer();
+
+// Suspends the calling thread for `microseconds` or somewhat longer. An empty timer, or one that
+// can't be set, makes it Sleep(1). A terminated thread ends here once the time has passed. Requires
+// a timer that no other thread uses.
+void WaitMicroseconds(const WaitTimer& timer, std::uint32_t microseconds);
+
 // Hints to the processor that the calling thread spins (YieldProcessor).
 void PauseProcessor();
 

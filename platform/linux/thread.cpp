@@ -7,6 +7,7 @@
 
 #include <cassert>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -139,6 +140,24 @@ void Sleep(std::uint32_t milliseconds) {
   std::condition_variable never;
   std::unique_lock lock(WaitLock());
   WaitUntil(lock, never, DeadlineAfter(milliseconds), [] { return false; });
+}
+
+// Every wait of clock_nanosleep is precise, so a timer holds nothing.
+void CloseWaitTimer(RawHandle) { gate::Note("CloseHandle"); }
+
+WaitTimer CreateWaitTimer() {
+  static char none;
+  if (gate::Fails("CreateWaitableTimerExW")) return WaitTimer();
+  return WaitTimer(&none);
+}
+
+void WaitMicroseconds(const WaitTimer& timer, std::uint32_t microseconds) {
+  if (!timer) return Sleep(1);
+  if (!gate::Skips("SetWaitableTimer", microseconds)) {
+    const timespec time{microseconds / 1'000'000, microseconds % 1'000'000 * 1000L};
+    (void)::clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);  // a signal only shortens it
+  }
+  if (CurrentThread().ended.load(std::memory_order_relaxed)) LeaveIfEnded();
 }
 
 }  // namespace platform

@@ -61,6 +61,24 @@ void PauseProcessor() { YieldProcessor(); }
 
 void SwitchToThread() { ::SwitchToThread(); }
 
+void CloseWaitTimer(RawHandle raw) { ::CloseHandle(raw); }
+
+WaitTimer CreateWaitTimer() {
+  constexpr DWORD kHighResolution = 2;  // CREATE_WAITABLE_TIMER_HIGH_RESOLUTION, not in every SDK
+  constexpr DWORD kAccess = TIMER_MODIFY_STATE | SYNCHRONIZE;
+  WaitTimer timer(::CreateWaitableTimerExW(nullptr, nullptr, kHighResolution, kAccess));
+  if (!timer) timer.Reset(::CreateWaitableTimerExW(nullptr, nullptr, 0, kAccess));
+  return timer;
+}
+
+void WaitMicroseconds(const WaitTimer& timer, std::uint32_t microseconds) {
+  LARGE_INTEGER due;
+  due.QuadPart = -10 * static_cast<LONGLONG>(microseconds);  // relative, in 100 nanoseconds
+  if (!timer || !::SetWaitableTimer(timer.Raw(), &due, 0, nullptr, nullptr, FALSE) ||
+      ::WaitForSingleObject(timer.Raw(), INFINITE) != WAIT_OBJECT_0)
+    ::Sleep(1);
+}
+
 StayInThread::StayInThread() = default;
 StayInThread::~StayInThread() = default;
 

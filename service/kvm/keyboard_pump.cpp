@@ -5,6 +5,7 @@
 #include "service/kvm/agent.h"
 #include "service/kvm/key_translation.h"
 #include "service/kvm/kvm_state.h"
+#include "service/kvm/pump_pace.h"
 #include "service/kvm/shared_region.h"
 
 namespace stewardry {
@@ -65,9 +66,7 @@ std::uint32_t ProcessKeyboardEvents(void*) {
             "ProcessKeyboardEvents");
     return 0;
   }
-  const SessionThread& self = gKvm->gKeyboardThread;
-  while (!self.StopRequested())
-    if (!DrainRing(ring, self.StopFlag(), HandleEntry)) SpinOnce();
+  RunPump(ring, gKvm->gKeyboardThread.StopFlag(), HandleEntry);
   return 0;
 }
 

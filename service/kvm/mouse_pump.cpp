@@ -5,6 +5,7 @@
 #include "platform/keyboard.h"
 #include "service/kvm/agent.h"
 #include "service/kvm/kvm_state.h"
+#include "service/kvm/pump_pace.h"
 
 namespace stewardry {
 
@@ -74,9 +75,7 @@ std::uint32_t ProcessMouseEvents(void*) {
     WriteToAgentPipe(kAgentMousePipe, &message, sizeof message);
     gKvm->gLastMouseRingData = entry;
   };
-  const SessionThread& self = gKvm->gMouseThread;
-  while (!self.StopRequested())
-    if (!DrainRing(ring, self.StopFlag(), send)) SpinOnce();
+  RunPump(ring, gKvm->gMouseThread.StopFlag(), send);
   return 1;
 }
 

@@ -1,7 +1,6 @@
 #include "service/kvm/shared_region.h"
 
 #include "platform/process.h"
-#include "platform/thread.h"
 #include "service/diagnostics/side_log.h"
 #include "service/kvm/kvm_state.h"
 #include "service/mailbox/request.h"
@@ -64,12 +63,6 @@ void UninitializeKeyboardMousePointers() {
   gKvm->MouseBufferVirtualAddress.store(0, std::memory_order_relaxed);
   gKvm->gKeyboardMouseReady.store(0, std::memory_order_relaxed);
   SideLog(kSideLogKeyboardMouse, "Exit UninitializeKeyboardMousePointers\n");
-}
-
-void SpinOnce() {
-  constexpr int kHints = 32;
-  for (int i = 0; i < kHints; ++i) platform::PauseProcessor();
-  platform::SwitchToThread();
 }
 
 }  // namespace stewardry

@@ -102,8 +102,4 @@ bool DrainRing(Ring* ring, const std::atomic<bool>& stop, Handle handle) {
   return true;
 }
 
-// The wait of a pump that found no entry. The pumps poll without a pause: this yields the rest of
-// the time slice to any ready thread, so that two pumps do not occupy two processors.
-void SpinOnce();
-
 }  // namespace stewardry

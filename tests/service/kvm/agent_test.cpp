@@ -5,7 +5,9 @@
 #include <csignal>
 #include <regex>
 
+#include "service/kvm/keyboard_pump.h"
 #include "service/kvm/kvm_state.h"
+#include "service/kvm/shared_region.h"
 #include "tests/fresh_state.h"
 #include "tests/service/mailbox_fixture.h"
 
@@ -114,6 +116,22 @@ TEST_F(AgentTest, WatchReplacesADeadAgentOnly) {
   EXPECT_TRUE(IsProcessRunning(gKvm->gKvmAgentPid.load()));
   EXPECT_FALSE(IsProcessRunning(first));
   EXPECT_EQ(CountCalls("TerminateThread"), 0U);
+}
+
+// Each poll of a ring that stays empty is followed by one of these waits.
+TEST_F(AgentTest, PumpRestsAtOnceAndAgainAfterAnEntry) {
+  const auto region = std::make_unique<SharedRegion>();
+  gKvm->KeyBoardBufferVirtualAddress = reinterpret_cast<std::uint64_t>(region.get());
+  ASSERT_TRUE(gKvm->gKeyboardThread.Start(ProcessKeyboardEvents));
+  EXPECT_TRUE(Eventually([] { return CountCalls("SetWaitableTimer") >= 2; }));
+  std::atomic_ref(region->keyboard.writeIndex).store(1, std::memory_order_release);
+  EXPECT_TRUE(Eventually([] {
+    std::string waits;
+    for (const std::string& call : CallsOf({"SetWaitableTimer"})) waits += call.substr(16);
+    return waits.find("(1000)(1000)(50)(100)(200)(400)(800)(1000)(1000)") != std::string::npos;
+  }));
+  TerminateKeyboardThread();
+  EXPECT_EQ(CountCalls("TerminateThread"), 0U) << "a stop during a rest must be seen";
 }
 
 // Reads what one connection sends until its end.

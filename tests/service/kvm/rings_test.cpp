@@ -10,6 +10,7 @@
 #include "service/kvm/agent.h"
 #include "service/kvm/kvm_state.h"
 #include "service/kvm/mouse_pump.h"
+#include "service/kvm/pump_pace.h"
 
 namespace stewardry {
 namespace {
@@ -85,8 +86,9 @@ TEST(AgentPipes, WriteToASilentServerReturns) {
   WriteToAgentPipe(("\\\\.\\pipe\\" + name).c_str(), message.data(), lab::kMoreThanAPipeHolds);
 }
 
-// The producer writes as the firmware: the entry first, then the index.
-TEST_F(Rings, EntryIsSeenWholeAfterItWasWritten) {
+// The producer writes as the firmware: the entry first, then the index. Each
+// round's pump begins at rest.
+TEST_F(Rings, PumpSeesEachEntryWholeAfterItWasWrittenUntilItIsStopped) {
   constexpr std::uint32_t kCount = MouseRing::kEntries - 2;  // up to the last legal index
   MouseRing& ring = region_->mouse;
   for (std::uint32_t round = 1; round <= 20; ++round) {
@@ -103,10 +105,11 @@ TEST_F(Rings, EntryIsSeenWholeAfterItWasWritten) {
     const auto take = [&](const mouseBufferRingData& entry) {
       const std::uint32_t expected = round + taken++;
       wrong += entry.buttonMask != expected || entry.x != expected || entry.y != expected;
+      stop_ = taken == kCount;
     };
-    while (taken < kCount)
-      if (!DrainRing(&ring, stop_, take)) std::this_thread::yield();
+    RunPump(&ring, stop_, take);
     firmware.join();
+    stop_ = false;
     EXPECT_EQ(wrong, 0u);
   }
 }
