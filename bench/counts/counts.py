@@ -29,7 +29,7 @@ FEW = 0.15
 # These depend on who runs first, as a thread finds its work or waits for it: they get more room.
 SCHEDULED = ("clock_nanosleep", "epoll_pwait2", "epoll_wait", "futex", "poll", "ppoll", "read",
              "restart_syscall", "sched_yield", "timerfd_settime")
-SCHEDULED_ROOM, SCHEDULED_FEW = 1.5, 0.5
+SCHEDULED_ROOM, SCHEDULED_FEW = 1.5, 1.0
 # Load makes a trip cost more at times and never less, so the least of some runs counts.
 RUNS = 6
 TRIPS = 1000
