@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The calls of a relayed trip on Windows, beside those on Linux: quillonsvc.exe under Wine with the
-lab's driver, the relay's client and far end. Times under Wine mean nothing; the calls are those that
-the service makes on Windows. `windows.py` prints the table, `windows.py --renew` puts it into
+lab's driver, the relay's client and far end. Times under Wine mean nothing; the calls are those
+that the service makes on Windows. `windows.py` prints the table, `windows.py --renew` puts it into
 bench/README.md, too. Needs presets release and windows, built with -DSTEWARDRY_BENCH=ON.
 """
 import collections
@@ -56,8 +56,9 @@ class Service:
         self.prefix.run("reg", "add", "HKCU\\Software\\Wine\\Debug", "/v", "RelayInclude", "/d",
                         names)
         place.start_firmware(place.path("lab"), "noinput")
-        place.start("socat", "-b262144", "TCP-LISTEN:%s,bind=127.0.0.1,reuseaddr,nodelay"
-                    % wine_lab.FIRMWARE_PORT, "UNIX-CONNECT:" + place.path("lab", "mailbox", "bench"))
+        listener = "TCP-LISTEN:%s,bind=127.0.0.1,reuseaddr,nodelay" % wine_lab.FIRMWARE_PORT
+        place.start("socat", "-b262144", listener,
+                    "UNIX-CONNECT:" + place.path("lab", "mailbox", "bench"))
         ground.until(lambda: ground.is_listening(int(wine_lab.FIRMWARE_PORT)), "socat")
         self.bridge = self.start(wine_lab.program("tavrin_bridge.exe"), wine_lab.FIRMWARE_PORT)
         ground.until(lambda: "bridge yes" in wine_lab.setup("status"), "the bridge")
@@ -96,8 +97,8 @@ class Service:
 def count_linux():
     with ground.Ground() as place:
         file = place.path("strace.txt")
-        subprocess.run(["strace", "-f", "-c", "-o", file, ground.program("counted_turns")], check=True,
-                       stdout=subprocess.DEVNULL)
+        subprocess.run(["strace", "-f", "-c", "-o", file, ground.program("counted_turns")],
+                       check=True, stdout=subprocess.DEVNULL)
         counted = counts.count_calls(lambda *_: False)
         return dict({LINE: calls_of_a_line(measure.calls_in(file))}, **counted)
 
