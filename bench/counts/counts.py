@@ -30,6 +30,9 @@ FEW = 0.15
 SCHEDULED = ("clock_nanosleep", "epoll_pwait2", "epoll_wait", "futex", "poll", "ppoll", "read",
              "restart_syscall", "sched_yield", "timerfd_settime")
 SCHEDULED_ROOM, SCHEDULED_FEW = 1.5, 1.0
+# A chunk may arrive in pieces, each of which is a request. A call more for each request is seen in
+# the trips of 64 bytes.
+PIECES_ROOM = 1.5
 # Load makes a trip cost more at times and never less, so the least of some runs counts.
 RUNS = 6
 TRIPS = 1000
@@ -109,7 +112,7 @@ def count_calls(is_good):
 
 def compare(row, unit, was, now, most):
     """Whether the count is at most `most`. Prints if not, and if it is far below the table's."""
-    if now <= most and now >= was * GAIN - FEW * (was > 0):
+    if now <= most and (unit in SCHEDULED or now >= was * GAIN - FEW * (unit != "instructions")):
         return True
     percent = "%+.1f %%" % ((now / was - 1) * 100) if was else "new"
     print("%s: %s: was %s %s, is %s (%s)"
@@ -118,25 +121,26 @@ def compare(row, unit, was, now, most):
     return now <= most
 
 
-def most_calls(call, was):
+def most_calls(row, call, was):
     if call in SCHEDULED:
         return was * SCHEDULED_ROOM + SCHEDULED_FEW
-    return was * ROOM + FEW
+    return was * (PIECES_ROOM if row.endswith("chunk") else ROOM) + FEW
 
 
-def calls_and_bounds(was, now):
+def calls_and_bounds(table, row, now):
     """(call, count in the table, count, bound) of each call."""
-    return [(call, was.get(call, 0), now.get(call, 0), most_calls(call, was.get(call, 0)))
+    was = table[row]
+    return [(call, was.get(call, 0), now.get(call, 0), most_calls(row, call, was.get(call, 0)))
             for call in sorted({*was, *now})]
 
 
 def check_calls(table):
     def holds(row, calls):
-        return all(now <= most for _, _, now, most in calls_and_bounds(table[row], calls))
+        return all(now <= most for _, _, now, most in calls_and_bounds(table, row, calls))
 
     return all([compare(row, call, was, now, most)
                 for row, calls in count_calls(holds).items()
-                for call, was, now, most in calls_and_bounds(table[row], calls)])
+                for call, was, now, most in calls_and_bounds(table, row, calls)])
 
 
 def check_turns(table):
