@@ -11,11 +11,11 @@ build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
 clients=(curl openssl iproute2 util-linux)
 viewers=(pkg-config libvncserver-dev gvncviewer)
 unit=(ccache gdb libgtest-dev libgmock-dev python3)
-checks=("${unit[@]}" clang-format clang-tidy "${viewers[@]}")
+checks=("${unit[@]}" clang-format clang-tidy strace valgrind "${viewers[@]}")
 windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
-       socat haproxy nginx libnginx-mod-stream strace)
+       socat haproxy nginx libnginx-mod-stream)
 
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;

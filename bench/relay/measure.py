@@ -6,6 +6,7 @@ Each round runs every peer once in an order of its own; what is printed are medi
 ranges. --calls counts system calls instead of time.
 """
 import argparse
+import glob
 import json
 import os
 import random
@@ -141,18 +142,33 @@ def print_table(taken, rounds):
                       spread(of["chunk"], "%.0f"), spread(of["down"], "%.0f"), *against))
 
 
+def is_traced(child):
+    """Whether a tracer has every thread of the program."""
+    for path in glob.glob("/proc/%d/task/*/status" % child.pid):
+        with open(path) as status:
+            if "TracerPid:\t0\n" in status.read():
+                return False
+    return True
+
+
 def count_calls(place, child, run):
     """Runs `run` while strace counts the calls of the program and its threads and children."""
     file = place.path("strace.txt")
     if os.path.exists(file):
         os.remove(file)
     counter = place.start("strace", "-c", "-f", "-p", str(child.pid), "-o", file)
-    time.sleep(0.5)  # until it has attached
+    ground.until(lambda: counter.poll() is not None or is_traced(child), "strace")
+    if counter.poll() is not None:
+        raise PermissionError("strace can't attach here")
     run()
-    time.sleep(0.1)
     counter.send_signal(signal.SIGINT)
     counter.wait(ground.PATIENCE)
     place.running.remove(counter)
+    return calls_in(file)
+
+
+def calls_in(file):
+    """The calls in a table of strace -c, by their names."""
     with open(file) as table:
         found = re.findall(r"^\s*[\d.]+\s+[\d.]+\s+\d+\s+(\d+)\s+(?:\d+\s+)?(\w+)$",
                            table.read(), re.M)
