@@ -10,6 +10,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "cim/memory/batch.h"
 #include "cim/memory/result.h"
@@ -44,6 +45,41 @@ constexpr std::uint8_t SLOT_MODIFIED = 2;
 // Returns true if the address has the alignment of a slot of this type.
 inline bool ValueSlot_IsAligned(const ValueSlot* slot, std::uint32_t type) {
   return reinterpret_cast<std::uintptr_t>(slot) % CimType_Alignment(type) == 0;
+}
+
+// Overwrites the whole slot with the bytes of a present value and with `flags`, without releasing
+// the old content. Copies nothing that the value points to. The pieces have constant sizes, for the
+// reason given at CimValue_CopyBytes.
+inline void ValueSlot_Store(ValueSlot* slot, std::uint32_t type, const void* value,
+                            std::uint8_t flags) {
+  assert(ValueSlot_IsAligned(slot, type));
+  auto* bytes = reinterpret_cast<std::uint8_t*>(slot);
+  const std::uint64_t rest = 1u | static_cast<std::uint32_t>(flags) << 8;  // present, flags, filler
+  switch (kElementSizes[type]) {
+    case 1:
+      std::memcpy(bytes, value, 1);
+      std::memcpy(bytes + 1, &rest, 2);
+      break;
+    case 2:
+      std::memcpy(bytes, value, 2);
+      std::memcpy(bytes + 2, &rest, 2);
+      break;
+    case 4:
+      std::memcpy(bytes, value, 4);
+      std::memcpy(bytes + 4, &rest, 4);
+      break;
+    case 8:
+      std::memcpy(bytes, value, 8);
+      std::memcpy(bytes + 8, &rest, 8);
+      break;
+    case sizeof(ArrayValue):
+      std::memcpy(bytes, value, sizeof(ArrayValue));
+      std::memcpy(bytes + sizeof(ArrayValue), &rest, 8);
+      break;
+    default:
+      std::memcpy(bytes, value, sizeof(CimDatetime));
+      std::memcpy(bytes + sizeof(CimDatetime), &rest, 4);
+  }
 }
 
 // Overwrites the slot with a copy of `value` in `batch`, without releasing the old content. Stores
