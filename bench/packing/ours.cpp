@@ -305,6 +305,22 @@ void Unpack(benchmark::State& state) {
   });
 }
 
+// The same into the instance of the iteration before.
+void UnpackInto(benchmark::State& state) {
+  std::uint32_t size = 0;
+  const std::vector<std::uint64_t> packed = PackedRecord(&size);
+  std::vector<std::uint64_t> bytes(packed.size());
+  Instance* instance = nullptr;
+  TimeReading(state, size, [&] {
+    std::memcpy(bytes.data(), packed.data(), size);
+    PackBuf reader = {reinterpret_cast<std::uint8_t*>(bytes.data()), size, 0, 0};
+    Sum sum;
+    if (Instance_UnpackInto(&instance, &reader) == RESULT_OK) AddInstance(&sum, instance);
+    return sum.Get();
+  });
+  Instance_Drop(instance);
+}
+
 void Walk(benchmark::State& state) {
   std::uint32_t size = 0;
   std::vector<std::uint64_t> bytes = PackedRecord(&size);
@@ -358,6 +374,7 @@ BENCHMARK(PackInstance)->Name("pack/ours");
 BENCHMARK(PackRecord)->Name("pack/ours_from_record");
 BENCHMARK(PackToBatch)->Name("pack/ours_to_batch");
 BENCHMARK(Unpack)->Name("unpack/ours");
+BENCHMARK(UnpackInto)->Name("unpack/ours_reused");
 BENCHMARK(Walk)->Name("walk/ours");
 
 }  // namespace

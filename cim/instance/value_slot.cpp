@@ -136,7 +136,8 @@ Result SetArray(ValueSlot* slot, std::uint32_t type, const ArrayValue& array, st
   if (array.data == nullptr) {
     stored.array.size = 0;
   } else if ((flags & FLAG_BORROW) != 0) {
-    ValueSlot_Store(slot, type, &array, SLOT_BORROWED);
+    stored.array = array;
+    ValueSlot_Store(slot, type, &stored, SLOT_BORROWED);
     return RESULT_OK;
   } else if (array.size != 0 || CimType_Element(type) >= CIM_STRING) {
     stored.array.data = CopyElements(type, array, batch);

@@ -50,7 +50,7 @@ inline bool ValueSlot_IsAligned(const ValueSlot* slot, std::uint32_t type) {
 // Overwrites the whole slot with the bytes of a present value and with `flags`, without releasing
 // the old content. Copies nothing that the value points to. The pieces have constant sizes, for the
 // reason given at CimValue_CopyBytes.
-inline void ValueSlot_Store(ValueSlot* slot, std::uint32_t type, const void* value,
+inline void ValueSlot_Store(ValueSlot* slot, std::uint32_t type, const CimValue* value,
                             std::uint8_t flags) {
   assert(ValueSlot_IsAligned(slot, type));
   auto* bytes = reinterpret_cast<std::uint8_t*>(slot);

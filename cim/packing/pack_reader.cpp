@@ -71,6 +71,21 @@ Result GetTexts(PackBuf* reader, PackedTexts* texts) {
 
 }  // namespace
 
+// The table lies in the reader's bytes, which may be changed. An entry and a pointer both have 64
+// bits, and the entry for the end becomes a pointer too.
+const char16_t* const* Pack_PointersInPlace(const PackedTexts& texts) {
+  auto* entries = const_cast<std::uint64_t*>(texts.offsets);
+  auto* pointers = reinterpret_cast<const char16_t**>(entries);
+  static_assert(sizeof *pointers == sizeof *entries);
+  const std::uint64_t first = entries[0];
+  for (std::uint32_t i = 0; i <= texts.count; ++i) {
+    const std::uint64_t offset = entries[i] - first;
+    const char16_t* text = texts.texts + offset / sizeof(char16_t);
+    std::memcpy(pointers + i, &text, sizeof text);
+  }
+  return pointers;
+}
+
 Result PackBuf_GetU8(PackBuf* buffer, std::uint8_t* value) { return Pack_GetNumber(buffer, value); }
 Result PackBuf_GetU16(PackBuf* buffer, std::uint16_t* value) {
   return Pack_GetNumber(buffer, value);
@@ -117,18 +132,7 @@ Result PackBuf_GetStrA(PackBuf* buffer, const char16_t* const** data, std::uint3
   *data = nullptr;
   *count = texts.count;
   if (texts.count == 0) return RESULT_OK;
-  // The table lies in the reader's bytes, which may be changed. An entry and a pointer both have 64
-  // bits, and the entry for the end becomes a pointer too.
-  auto* entries = const_cast<std::uint64_t*>(texts.offsets);
-  auto* pointers = reinterpret_cast<const char16_t**>(entries);
-  static_assert(sizeof *pointers == sizeof *entries);
-  const std::uint64_t first = entries[0];
-  for (std::uint32_t i = 0; i <= texts.count; ++i) {
-    const std::uint64_t offset = entries[i] - first;
-    const char16_t* text = texts.texts + offset / sizeof(char16_t);
-    std::memcpy(pointers + i, &text, sizeof text);
-  }
-  *data = pointers;
+  *data = Pack_PointersInPlace(texts);
   return RESULT_OK;
 }
 
