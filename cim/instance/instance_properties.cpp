@@ -123,7 +123,7 @@ Result PropertyAt(const Instance* self, std::uint32_t index, const char16_t** na
   CimValue unwanted;
   ValueSlot_Read(Instance_Slot(body, property), property.type, value != nullptr ? value : &unwanted,
                  &present, &slotFlags);
-  StoreOut(flags, FlagsOf(property, present, slotFlags));
+  if (flags != nullptr) *flags = FlagsOf(property, present, slotFlags);
   return RESULT_OK;
 }
 

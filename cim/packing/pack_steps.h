@@ -74,6 +74,21 @@ inline void Pack_CopyShort(std::uint8_t* to, const void* from, std::size_t bytes
   }
 }
 
+// Compares them in the same way.
+inline bool Pack_EqualShort(const void* a, const void* b, std::size_t bytes) {
+  const auto* left = static_cast<const std::uint8_t*>(a);
+  const auto* right = static_cast<const std::uint8_t*>(b);
+  const auto differ = [=](std::size_t at) {
+    std::uint64_t x, y;
+    std::memcpy(&x, left + at, sizeof x);
+    std::memcpy(&y, right + at, sizeof y);
+    return x ^ y;
+  };
+  if (bytes < 8 || bytes > 32) return std::memcmp(a, b, bytes) == 0;
+  if (bytes <= 16) return (differ(0) | differ(bytes - 8)) == 0;
+  return (differ(0) | differ(8) | differ(bytes - 16) | differ(bytes - 8)) == 0;
+}
+
 // Returns the length of a text in units, with four tests in each iteration.
 inline std::size_t Pack_TextLength(const char16_t* text) {
   for (const char16_t* unit = text;; unit += 4) {

@@ -10,11 +10,20 @@
 namespace stewardry::cim {
 namespace {
 
+// The bytes of a STRINGA's slot that no value uses.
+struct TextsSlot {
+  ArrayValue array;
+  std::uint64_t state;  // present and flags
+  TextsSlot* next;
+  std::uint64_t unused;
+};
+static_assert(sizeof(TextsSlot) == DYNAMIC_SLOT_SIZE);
+
 // The state of one call. The offsets of a STRINGA become pointers once the whole instance has been
 // read: until then its bytes can be unpacked afresh.
 struct Refilling {
-  PackBuf reader;  // a copy
-  bool hasTexts;   // some slots hold a table of offsets
+  PackBuf reader;    // a copy
+  TextsSlot* texts;  // the slots with offsets, in a list through `next`
 };
 
 bool RefillInstance(Refilling& call, Instance* instance);
@@ -30,23 +39,64 @@ bool IsSameProperty(const PropertyDef& record, const PackedProperty& property) {
   const std::uint32_t length = record.nameCode & 0xFF;
   return record.flags == (property.flags | FLAG_BORROW) && record.type == property.type &&
          property.name != nullptr && property.nameLength == length &&
-         std::memcmp(record.name, property.name, (length + 1) * sizeof(char16_t)) == 0;
+         Pack_EqualShort(record.name, property.name, (length + 1) * sizeof(char16_t));
 }
 
 void StoreNull(ValueSlot* slot) { std::memset(static_cast<void*>(slot), 0, DYNAMIC_SLOT_SIZE); }
 
-void StoreArray(ValueSlot* slot, std::uint32_t type, void* data, std::uint32_t size) {
+bool RefillText(PackBuf* reader, ValueSlot* slot) {
   CimValue value;
-  value.array = {data, size, 0};
-  ValueSlot_Store(slot, type, &value, data == nullptr ? 0 : SLOT_BORROWED);
+  std::uint32_t length = 0;
+  if (Packed_ReadText(reader, &value.string, &length) != RESULT_OK) return false;
+  if (value.string == nullptr)
+    StoreNull(slot);
+  else
+    ValueSlot_Store(slot, CIM_STRING, &value, SLOT_BORROWED);
+  return true;
+}
+
+template <class Number>
+bool RefillNumber(PackBuf* reader, ValueSlot* slot) {
+  Number number;
+  if (Pack_GetNumber(reader, &number) != RESULT_OK) return false;
+  auto* bytes = reinterpret_cast<std::uint8_t*>(slot);
+  std::memcpy(bytes, &number, sizeof number);
+  bytes[sizeof number] = 1;
+  bytes[sizeof number + 1] = 0;
+  return true;
+}
+
+// Accepts DATETIME and arrays of a type up to it.
+bool RefillPlain(PackBuf* reader, ValueSlot* slot, std::uint32_t type) {
+  CimValue value;
+  if (Packed_ReadValue(reader, type, &value) != RESULT_OK) return false;
+  const bool isBorrowed = CimType_IsArray(type) && value.array.data != nullptr;
+  ValueSlot_Store(slot, type, &value, isBorrowed ? SLOT_BORROWED : 0);
+  return true;
 }
 
 bool RefillTexts(Refilling& call, ValueSlot* slot) {
   PackedTexts texts;
   if (Packed_ReadTexts(&call.reader, &texts) != RESULT_OK) return false;
-  StoreArray(slot, CIM_STRINGA, const_cast<std::uint64_t*>(texts.offsets), texts.count);
-  call.hasTexts |= texts.count != 0;
+  CimValue value;
+  value.array = {const_cast<std::uint64_t*>(texts.offsets), texts.count, 0};
+  ValueSlot_Store(slot, CIM_STRINGA, &value, texts.count == 0 ? 0 : SLOT_BORROWED);
+  if (texts.count == 0) return true;
+  auto* pending = reinterpret_cast<TextsSlot*>(slot);
+  pending->next = call.texts;
+  call.texts = pending;
   return true;
+}
+
+void MakePointers(TextsSlot* slot) {
+  while (slot != nullptr) {
+    const auto* offsets = static_cast<const std::uint64_t*>(slot->array.data);
+    const auto* texts = reinterpret_cast<const char16_t*>(offsets + slot->array.size + 1);
+    (void)Pack_PointersInPlace({slot->array.size, offsets, texts});  // they lie where offsets lay
+    TextsSlot* next = slot->next;
+    slot->next = nullptr;  // zero, as in a new slot
+    slot = next;
+  }
 }
 
 // Expects as many instances as the slot has.
@@ -67,26 +117,35 @@ bool RefillInstances(Refilling& call, ValueSlot* slot, std::uint32_t type) {
 }
 
 bool RefillPresent(Refilling& call, ValueSlot* slot, std::uint32_t type) {
-  CimValue value;
-  if (type < CIM_STRING) {
-    if (Pack_GetScalar(&call.reader, type, &value) != RESULT_OK) return false;
-    ValueSlot_Store(slot, type, &value, 0);
-    return true;
+  switch (type) {
+    case CIM_BOOLEAN:
+    case CIM_UINT8:
+    case CIM_SINT8:
+      return RefillNumber<std::uint8_t>(&call.reader, slot);
+    case CIM_UINT16:
+    case CIM_SINT16:
+    case CIM_CHAR16:
+      return RefillNumber<std::uint16_t>(&call.reader, slot);
+    case CIM_UINT32:
+    case CIM_SINT32:
+    case CIM_REAL32:
+      return RefillNumber<std::uint32_t>(&call.reader, slot);
+    case CIM_UINT64:
+    case CIM_SINT64:
+    case CIM_REAL64:
+      return RefillNumber<std::uint64_t>(&call.reader, slot);
+    case CIM_STRING:
+      return RefillText(&call.reader, slot);
+    case CIM_STRINGA:
+      return RefillTexts(call, slot);
+    case CIM_REFERENCE:
+    case CIM_INSTANCE:
+    case CIM_REFERENCEA:
+    case CIM_INSTANCEA:
+      return RefillInstances(call, slot, type);
+    default:
+      return RefillPlain(&call.reader, slot, type);
   }
-  if (type == CIM_STRING) {
-    std::uint32_t length = 0;
-    if (Packed_ReadText(&call.reader, &value.string, &length) != RESULT_OK) return false;
-    if (value.string == nullptr)
-      StoreNull(slot);
-    else
-      ValueSlot_Store(slot, type, &value, SLOT_BORROWED);
-    return true;
-  }
-  if (type == CIM_STRINGA) return RefillTexts(call, slot);
-  if (CimType_HoldsInstances(type)) return RefillInstances(call, slot, type);
-  if (Packed_ReadValue(&call.reader, type, &value) != RESULT_OK) return false;
-  StoreArray(slot, type, value.array.data, value.array.size);
-  return true;
 }
 
 bool IsSameHead(const Instance* body, const PackedHead& head) {
@@ -116,45 +175,14 @@ bool RefillInstance(Refilling& call, Instance* instance) {
   return Packed_ReadTail(&call.reader) == RESULT_OK;
 }
 
-void MakePointers(const Instance* instance);
-
-// Requires a present value of a type that may lead to texts.
-void MakePointersOf(const CimValue& value, std::uint32_t type) {
-  if (type == CIM_STRINGA) {
-    const auto* offsets = static_cast<const std::uint64_t*>(value.array.data);
-    if (offsets == nullptr) return;
-    const auto* texts = reinterpret_cast<const char16_t*>(offsets + value.array.size + 1);
-    (void)Pack_PointersInPlace({value.array.size, offsets, texts});  // they lie in place
-  } else if (!CimType_IsArray(type)) {
-    MakePointers(value.instance);
-  } else {
-    for (std::uint32_t i = 0; i < value.array.size; ++i)
-      MakePointers(static_cast<Instance* const*>(value.array.data)[i]);
-  }
-}
-
-// Makes pointers of all offsets in the slots.
-void MakePointers(const Instance* instance) {
-  const Instance* body = Instance_LiveBody(instance);
-  for (std::uint32_t i = 0; i < body->def->propertyCount; ++i) {
-    const PropertyDef& record = *body->def->properties[i];
-    if (record.type != CIM_STRINGA && !CimType_HoldsInstances(record.type)) continue;
-    CimValue value;
-    bool present = false;
-    std::uint8_t flags = 0;
-    ValueSlot_Read(Instance_Slot(body, record), record.type, &value, &present, &flags);
-    if (present) MakePointersOf(value, record.type);
-  }
-}
-
 }  // namespace
 
 bool Instance_Refill(Instance* instance, PackBuf* reader) {
   if (instance == nullptr || reader->data == nullptr || !Pack_IsAligned(reader->data)) return false;
   if (Instance_Header(instance)->refs.load(std::memory_order_acquire) != 1) return false;
-  Refilling call = {*reader, false};
+  Refilling call = {*reader, nullptr};
   if (!RefillInstance(call, instance)) return false;
-  if (call.hasTexts) MakePointers(instance);
+  MakePointers(call.texts);
   reader->offset = call.reader.offset;
   return true;
 }
