@@ -98,10 +98,7 @@ Result PackBuf_GetU64(PackBuf* buffer, std::uint64_t* value) {
 }
 
 Result PackBuf_GetDatetime(PackBuf* buffer, CimDatetime* value) {
-  const std::uint8_t* place = Pack_Take(buffer, alignof(CimDatetime), sizeof *value);
-  if (place == nullptr) return RESULT_FAILED;
-  std::memcpy(value, place, sizeof *value);
-  return RESULT_OK;
+  return Pack_GetDatetime(buffer, value);
 }
 
 Result PackBuf_GetStr(PackBuf* buffer, const char16_t** text) {
@@ -136,7 +133,7 @@ Result PackBuf_GetStrA(PackBuf* buffer, const char16_t* const** data, std::uint3
   return RESULT_OK;
 }
 
-Result Packed_ReadHead(PackBuf* reader, PackedHead* head) {
+Result Packed_TakeHead(PackBuf* reader, PackedHead* head) {
   Step step(reader);
   PackedHead found;
   std::uint32_t mark = 0;
@@ -151,22 +148,6 @@ Result Packed_ReadHead(PackBuf* reader, PackedHead* head) {
   return step.Done();
 }
 
-Result Packed_ReadTexts(PackBuf* reader, PackedTexts* texts) { return GetTexts(reader, texts); }
-
-Result Packed_ReadInstanceCount(PackBuf* reader, std::uint32_t* count) {
-  Step step(reader);
-  std::uint32_t found = 0;
-  if (Pack_GetNumber(reader, &found) != RESULT_OK) return RESULT_FAILED;
-  if (found > (reader->size - reader->offset) / kMinPackedInstance) return RESULT_FAILED;
-  *count = found;
-  return step.Done();
-}
-
-Result Packed_ReadTail(PackBuf* reader) {
-  Step step(reader);
-  std::uint32_t mark = 0;
-  if (Pack_GetNumber(reader, &mark) != RESULT_OK) return RESULT_FAILED;
-  return mark == INSTANCE_PACK_TAIL ? step.Done() : RESULT_INVALID_PARAMETER;
-}
+Result Packed_TakeTexts(PackBuf* reader, PackedTexts* texts) { return GetTexts(reader, texts); }
 
 }  // namespace stewardry::cim

@@ -165,6 +165,13 @@ inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
   return RESULT_OK;
 }
 
+inline Result Pack_GetDatetime(PackBuf* reader, CimDatetime* value) {
+  const std::uint8_t* place = Pack_Take(reader, alignof(CimDatetime), sizeof *value);
+  if (place == nullptr) return RESULT_FAILED;
+  std::memcpy(value, place, sizeof *value);
+  return RESULT_OK;
+}
+
 // Reads an array of plain elements of `width` bytes. The count leaves the position aligned to 4, so
 // only 64-bit elements need an `alignment`.
 inline Result Pack_GetElements(PackBuf* reader, std::uint32_t width, std::uint32_t alignment,
@@ -226,7 +233,7 @@ inline Result Pack_GetScalar(PackBuf* reader, std::uint32_t type, CimValue* valu
     case CIM_REAL32:
       return Pack_GetNumber(reader, &value->uint32);
     case CIM_DATETIME:
-      return PackBuf_GetDatetime(reader, &value->datetime);
+      return Pack_GetDatetime(reader, &value->datetime);
     default:
       return Pack_GetNumber(reader, &value->uint64);
   }
