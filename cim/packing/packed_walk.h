@@ -47,10 +47,9 @@ struct PackedHead {
 
 struct PackedProperty {
   std::uint32_t flags;
-  const char16_t* name;      // or null
-  std::uint32_t nameLength;  // without the terminator; 0 for a null name
-  std::uint32_t type;        // at most 31
-  bool present;              // a value follows
+  const char16_t* name;  // or null
+  std::uint32_t type;    // at most 31
+  bool present;          // a value follows
 };
 
 // The texts of a STRINGA in place. Each has its terminator.
@@ -154,7 +153,6 @@ inline Result Packed_ReadProperty(PackBuf* reader, PackedProperty* property) {
   if (type >= kCimTypes) return RESULT_FAILED;
   property->flags = Pack_Load<std::uint32_t>(bytes);
   property->name = count == 0 ? nullptr : units;
-  property->nameLength = count == 0 ? 0 : count - 1;
   property->type = type;
   property->present = bytes[typeAt + 4] != 0;
   reader->offset = static_cast<std::uint32_t>(start + typeAt + kAfterName);

@@ -19,27 +19,44 @@ struct TextsSlot {
 };
 static_assert(sizeof(TextsSlot) == DYNAMIC_SLOT_SIZE);
 
-// The state of one call. The offsets of a STRINGA become pointers once the whole instance has been
-// read: until then its bytes can be unpacked afresh.
-struct Refilling {
-  PackBuf reader;    // a copy
-  TextsSlot* texts;  // the slots with offsets, in a list through `next`
-};
-
-bool RefillInstance(Refilling& call, Instance* instance);
+// Refills one instance. The offsets of a STRINGA become pointers once the outermost one has been
+// read: until then its bytes can be unpacked afresh. `texts` lists the slots with offsets.
+bool RefillInstance(PackBuf* from, TextsSlot** texts, Instance* instance);
 
 bool IsSameText(const char16_t* a, const char16_t* b) {
   if (a == nullptr || b == nullptr) return a == b;
   return std::u16string_view(a) == b;
 }
 
-// Returns true if the record is the one that unpacking makes of the property. A name of more than
-// 255 units never is, since a code does not hold its length.
-bool IsSameProperty(const PropertyDef& record, const PackedProperty& property) {
-  const std::uint32_t length = record.nameCode & 0xFF;
-  return record.flags == (property.flags | FLAG_BORROW) && record.type == property.type &&
-         property.name != nullptr && property.nameLength == length &&
-         Pack_EqualShort(record.name, property.name, (length + 1) * sizeof(char16_t));
+// Reads a property up to its value if the record is the one that unpacking makes of it. Each place
+// follows from the record, so the processor needs no count from the bytes to go on. Returns false
+// for a name of more than 255 units, since a code does not hold its length.
+inline bool ReadSameProperty(PackBuf* reader, const PropertyDef& record, bool* present) {
+  const std::uint32_t count = (record.nameCode & 0xFF) + 1;
+  const std::uint32_t nameBytes = count * sizeof(char16_t);
+  const std::uint64_t start = Pack_Align(reader->offset, 4);
+  const std::uint64_t typeAt = Pack_Align(start + 8 + nameBytes, 4);
+  if (typeAt + 5 > reader->size) return false;
+  const std::uint8_t* bytes = reader->data + start;
+  const auto flags = Pack_Load<std::uint32_t>(bytes);
+  if ((flags | FLAG_BORROW) != record.flags || Pack_Load<std::uint32_t>(bytes + 4) != count)
+    return false;
+  if (!Pack_EqualShort(record.name, bytes + 8, nameBytes)) return false;
+  if (Pack_Load<std::uint32_t>(reader->data + typeAt) != record.type) return false;
+  // A property with FLAG_NULL may have a value, which is read but not stored.
+  if ((flags & FLAG_NULL) != 0) return false;
+  *present = reader->data[typeAt + 4] != 0;
+  reader->offset = static_cast<std::uint32_t>(typeAt + 5);
+  return true;
+}
+
+// Calls `refill` with a copy, so that the reader stays in registers.
+template <class Refill>
+bool Aside(PackBuf* reader, Refill refill) {
+  PackBuf copy = *reader;
+  const bool isRefilled = refill(&copy);
+  reader->offset = copy.offset;
+  return isRefilled;
 }
 
 void StoreNull(ValueSlot* slot) { std::memset(static_cast<void*>(slot), 0, DYNAMIC_SLOT_SIZE); }
@@ -75,16 +92,16 @@ bool RefillPlain(PackBuf* reader, ValueSlot* slot, std::uint32_t type) {
   return true;
 }
 
-bool RefillTexts(Refilling& call, ValueSlot* slot) {
-  PackedTexts texts;
-  if (Packed_ReadTexts(&call.reader, &texts) != RESULT_OK) return false;
+bool RefillTexts(PackBuf* reader, TextsSlot** texts, ValueSlot* slot) {
+  PackedTexts found;
+  if (Packed_ReadTexts(reader, &found) != RESULT_OK) return false;
   CimValue value;
-  value.array = {const_cast<std::uint64_t*>(texts.offsets), texts.count, 0};
-  ValueSlot_Store(slot, CIM_STRINGA, &value, texts.count == 0 ? 0 : SLOT_BORROWED);
-  if (texts.count == 0) return true;
+  value.array = {const_cast<std::uint64_t*>(found.offsets), found.count, 0};
+  ValueSlot_Store(slot, CIM_STRINGA, &value, found.count == 0 ? 0 : SLOT_BORROWED);
+  if (found.count == 0) return true;
   auto* pending = reinterpret_cast<TextsSlot*>(slot);
-  pending->next = call.texts;
-  call.texts = pending;
+  pending->next = *texts;
+  *texts = pending;
   return true;
 }
 
@@ -100,51 +117,51 @@ void MakePointers(TextsSlot* slot) {
 }
 
 // Expects as many instances as the slot has.
-bool RefillInstances(Refilling& call, ValueSlot* slot, std::uint32_t type) {
+bool RefillInstances(PackBuf* reader, TextsSlot** texts, ValueSlot* slot, std::uint32_t type) {
   CimValue value;
   bool present = false;
   std::uint8_t flags = 0;
   ValueSlot_Read(slot, type, &value, &present, &flags);
   if (!present) return false;
-  if (!CimType_IsArray(type)) return RefillInstance(call, value.instance);
+  if (!CimType_IsArray(type)) return RefillInstance(reader, texts, value.instance);
   std::uint32_t count = 0;
-  if (Packed_ReadInstanceCount(&call.reader, &count) != RESULT_OK) return false;
+  if (Packed_ReadInstanceCount(reader, &count) != RESULT_OK) return false;
   if (count != value.array.size) return false;
   auto* const* instances = static_cast<Instance* const*>(value.array.data);
   for (std::uint32_t i = 0; i < count; ++i)
-    if (!RefillInstance(call, instances[i])) return false;
+    if (!RefillInstance(reader, texts, instances[i])) return false;
   return true;
 }
 
-bool RefillPresent(Refilling& call, ValueSlot* slot, std::uint32_t type) {
+inline bool RefillPresent(PackBuf* reader, TextsSlot** texts, ValueSlot* slot, std::uint32_t type) {
   switch (type) {
     case CIM_BOOLEAN:
     case CIM_UINT8:
     case CIM_SINT8:
-      return RefillNumber<std::uint8_t>(&call.reader, slot);
+      return RefillNumber<std::uint8_t>(reader, slot);
     case CIM_UINT16:
     case CIM_SINT16:
     case CIM_CHAR16:
-      return RefillNumber<std::uint16_t>(&call.reader, slot);
+      return RefillNumber<std::uint16_t>(reader, slot);
     case CIM_UINT32:
     case CIM_SINT32:
     case CIM_REAL32:
-      return RefillNumber<std::uint32_t>(&call.reader, slot);
+      return RefillNumber<std::uint32_t>(reader, slot);
     case CIM_UINT64:
     case CIM_SINT64:
     case CIM_REAL64:
-      return RefillNumber<std::uint64_t>(&call.reader, slot);
+      return RefillNumber<std::uint64_t>(reader, slot);
     case CIM_STRING:
-      return RefillText(&call.reader, slot);
+      return RefillText(reader, slot);
     case CIM_STRINGA:
-      return RefillTexts(call, slot);
+      return Aside(reader, [&](PackBuf* at) { return RefillTexts(at, texts, slot); });
     case CIM_REFERENCE:
     case CIM_INSTANCE:
     case CIM_REFERENCEA:
     case CIM_INSTANCEA:
-      return RefillInstances(call, slot, type);
+      return Aside(reader, [&](PackBuf* at) { return RefillInstances(at, texts, slot, type); });
     default:
-      return RefillPlain(&call.reader, slot, type);
+      return Aside(reader, [&](PackBuf* at) { return RefillPlain(at, slot, type); });
   }
 }
 
@@ -155,24 +172,26 @@ bool IsSameHead(const Instance* body, const PackedHead& head) {
          IsSameText(head.namespaceName, body->namespaceName) && body->hostName == nullptr;
 }
 
-bool RefillInstance(Refilling& call, Instance* instance) {
+bool RefillInstance(PackBuf* from, TextsSlot** texts, Instance* instance) {
   Instance* body = Instance_LiveBody(instance);
+  PackBuf reader = *from;  // stays in registers
   PackedHead head;
-  if (body == nullptr || Packed_ReadHead(&call.reader, &head) != RESULT_OK) return false;
+  if (body == nullptr || Packed_ReadHead(&reader, &head) != RESULT_OK) return false;
   if (!IsSameHead(body, head)) return false;
-  for (std::uint32_t i = 0; i < head.propertyCount; ++i) {
-    const PropertyDef& record = *body->def->properties[i];
-    PackedProperty property;
-    if (Packed_ReadProperty(&call.reader, &property) != RESULT_OK) return false;
-    // A property with FLAG_NULL may have a value, which is read but not stored.
-    if (!IsSameProperty(record, property) || (property.flags & FLAG_NULL) != 0) return false;
+  const PropertyDef* const* next = body->def->properties;
+  for (const PropertyDef* const* end = next + head.propertyCount; next != end; ++next) {
+    const PropertyDef& record = **next;
+    bool present = false;
+    if (!ReadSameProperty(&reader, record, &present)) return false;
     ValueSlot* slot = Instance_Slot(body, record);
-    if (!property.present)
+    if (!present)
       StoreNull(slot);
-    else if (!RefillPresent(call, slot, property.type))
+    else if (!RefillPresent(&reader, texts, slot, record.type))
       return false;
   }
-  return Packed_ReadTail(&call.reader) == RESULT_OK;
+  if (Packed_ReadTail(&reader) != RESULT_OK) return false;
+  from->offset = reader.offset;
+  return true;
 }
 
 }  // namespace
@@ -180,10 +199,9 @@ bool RefillInstance(Refilling& call, Instance* instance) {
 bool Instance_Refill(Instance* instance, PackBuf* reader) {
   if (instance == nullptr || reader->data == nullptr || !Pack_IsAligned(reader->data)) return false;
   if (Instance_Header(instance)->refs.load(std::memory_order_acquire) != 1) return false;
-  Refilling call = {*reader, nullptr};
-  if (!RefillInstance(call, instance)) return false;
-  MakePointers(call.texts);
-  reader->offset = call.reader.offset;
+  TextsSlot* texts = nullptr;
+  if (!RefillInstance(reader, &texts, instance)) return false;
+  MakePointers(texts);
   return true;
 }
 
