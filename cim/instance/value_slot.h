@@ -72,10 +72,14 @@ inline void ValueSlot_Store(ValueSlot* slot, std::uint32_t type, const CimValue*
       std::memcpy(bytes, value, 8);
       std::memcpy(bytes + 8, &rest, 8);
       break;
-    case sizeof(ArrayValue):
-      std::memcpy(bytes, value, sizeof(ArrayValue));
+    case sizeof(ArrayValue): {
+      // By field: a load of both words would wait for the stores that made them.
+      const std::uint64_t size = value->array.size;
+      std::memcpy(bytes, &value->array.data, 8);
+      std::memcpy(bytes + 8, &size, 8);
       std::memcpy(bytes + sizeof(ArrayValue), &rest, 8);
       break;
+    }
     default:
       std::memcpy(bytes, value, sizeof(CimDatetime));
       std::memcpy(bytes + sizeof(CimDatetime), &rest, 4);
@@ -109,19 +113,24 @@ void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch);
 // Releases what the slot owns and leaves a null. Does nothing for a type above 31.
 void ValueSlot_Clear(ValueSlot* slot, std::uint32_t type, Batch* batch);
 
-// Copies the value's bytes and the two bytes after it. What they point to stays the slot's. For a
-// type above 31 `value` is left alone and the other two are false and 0.
-inline void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value,
-                           bool* present, std::uint8_t* flags) {
+// Copies the two bytes after the value. For a type above 31 they are false and 0.
+inline void ValueSlot_ReadFlags(const ValueSlot* slot, std::uint32_t type, bool* present,
+                                std::uint8_t* flags) {
   *present = false;
   *flags = 0;
   if (type >= kCimTypes) return;
   assert(ValueSlot_IsAligned(slot, type));
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(slot);
-  const std::size_t size = kElementSizes[type];
-  CimValue_CopyBytes(value, bytes, size);
-  *present = bytes[size] != 0;
-  *flags = bytes[size + 1];
+  *present = bytes[kElementSizes[type]] != 0;
+  *flags = bytes[kElementSizes[type] + 1];
+}
+
+// Copies the value's bytes and the two bytes after it. What they point to stays the slot's. For a
+// type above 31 `value` is left alone and the other two are false and 0.
+inline void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value,
+                           bool* present, std::uint8_t* flags) {
+  ValueSlot_ReadFlags(slot, type, present, flags);
+  if (type < kCimTypes) CimValue_CopyBytes(value, slot, kElementSizes[type]);
 }
 
 // Returns true if the slot has a value.
