@@ -48,7 +48,8 @@ Result UnpackInto(Owned* used, Bytes* bytes, const Bytes& from) {
   EXPECT_EQ(Instance_Unpack(fresh.Out(), &other, nullptr, false), result);
   EXPECT_EQ(*used != nullptr, result == RESULT_OK);
   EXPECT_TRUE(result != RESULT_OK || reader.offset == other.offset);
-  if (result == RESULT_OK) EXPECT_EQ(Bytes(Writer(*used)).Get(), Bytes(Writer(fresh)).Get());
+  if (result != RESULT_OK) return result;
+  EXPECT_EQ(Bytes(Writer(*used)).Get(), Bytes(Writer(fresh)).Get());
   return result;
 }
 
