@@ -224,9 +224,10 @@ bool IsStoredAtOnce(const ValueSlot* slot, std::uint32_t type, const CimValue* v
          (bytes[kElementSizes[type] + 1] & SLOT_BORROWED) != 0;
 }
 
-// Makes the new value and releases the old one.
-Result Replace(ValueSlot* slot, std::uint32_t type, const CimValue* value, std::uint32_t flags,
-               Batch* batch) {
+// Makes the new value and releases the old one. Out of line: its frame would cost the caller, which
+// seldom gets here, as much as the caller's work.
+[[gnu::noinline]] Result Replace(ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                                 std::uint32_t flags, Batch* batch) {
   alignas(8) std::uint8_t replacement[kMaxSlotSize];
   const Result result =
       ValueSlot_Set(reinterpret_cast<ValueSlot*>(replacement), type, value, flags, batch);
