@@ -73,13 +73,26 @@ MARKS = (
      "pack/floor", ("FlatBuffers", 1.0), ("floor", 2.0)),
     ("packing a plain record", "ns", "less", "pack/ours_from_record",
      {"FlatBuffers": "pack/flatbuffers", "protobuf": "pack/protobuf"},
-     "pack/floor", ("FlatBuffers", 1.0), ("floor", 2.0)),
+     "pack/floor", ("protobuf", 1.0), ("FlatBuffers", 1.0)),
     ("unpacking an instance", "ns", "less", "unpack/ours",
      {"protobuf": "unpack/protobuf", "protobuf, reused": "unpack/protobuf_reused"},
      "walk/floor", ("protobuf", 1.0), ("floor", 2.0)),
+    ("unpacking into a used one", "ns", "less", "unpack/ours_reused",
+     {"protobuf, reused": "unpack/protobuf_reused"}, "walk/floor", ("protobuf, reused", 1.0),
+     ("floor", 2.0)),
     ("walking a packed instance", "ns", "less", "walk/ours",
      {"FlatBuffers, verified": "walk/flatbuffers"},
-     "walk/floor", ("FlatBuffers, verified", 1.0), ("floor", 2.0)),
+     "walk/floor", ("FlatBuffers, verified", 1.3), ("floor", 2.0)),
+    # Peers that carry their names, too.
+    *((row + " " + peer, "ns", "less", ours, {peer: key % name}, None, (peer, 1 / 1.5), None)
+      for row, ours, key in (
+          ("packing beside", "pack/ours", "pack/%s"),
+          ("a plain record beside", "pack/ours_from_record", "pack/%s_from_utf16"),
+          ("unpacking beside", "unpack/ours", "unpack/%s"),
+          ("unpacking, used, beside", "unpack/ours_reused", "unpack/%s"),
+          ("walking beside", "walk/ours", "walk/%s"))
+      for peer, name in (("FlexBuffers", "flexbuffers"), ("MessagePack", "msgpack"),
+                         ("CBOR", "cbor"))),
     ("relay, one way", "MB/s", "more", "relay/service/tput",
      {"socat": "relay/socat/tput", "nginx": "relay/nginx/tput", "haproxy": "relay/haproxy/tput"},
      "relay/floor/tput", ("socat", 1.0), ("floor", 1 / 1.15)),

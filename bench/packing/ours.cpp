@@ -212,31 +212,36 @@ void AddInstance(Sum* sum, const Instance* instance) {
   }
 }
 
-bool AddWalked(Sum* sum, PackBuf* reader) {
+bool AddWalked(Sum* sum, PackBuf* from) {
+  PackBuf reader = *from;  // stays in registers
   PackedHead head;
   PackedProperty property;
   CimValue value;
   PackedTexts texts;
   const char16_t* text = nullptr;
   std::uint32_t length = 0;
-  if (Packed_ReadHead(reader, &head) != RESULT_OK) return false;
+  if (Packed_ReadHead(&reader, &head) != RESULT_OK) return false;
   for (std::uint32_t i = 0; i < head.propertyCount; ++i) {
-    if (Packed_ReadProperty(reader, &property) != RESULT_OK) return false;
+    if (Packed_ReadProperty(&reader, &property) != RESULT_OK) return false;
     if (!property.present) continue;
     if (property.type == CIM_INSTANCE) {
-      if (!AddWalked(sum, reader)) return false;
+      PackBuf nested = reader;
+      if (!AddWalked(sum, &nested)) return false;
+      reader.offset = nested.offset;
     } else if (property.type == CIM_STRING) {
-      if (Packed_ReadText(reader, &text, &length) != RESULT_OK) return false;
+      if (Packed_ReadText(&reader, &text, &length) != RESULT_OK) return false;
       sum->AddText(text, length);
     } else if (property.type == CIM_STRINGA) {
-      if (Packed_ReadTexts(reader, &texts) != RESULT_OK) return false;
+      if (Packed_ReadTexts(&reader, &texts) != RESULT_OK) return false;
       for (std::uint32_t k = 0; k < texts.count; ++k) sum->AddText(texts.At(k), texts.Length(k));
     } else {
-      if (Packed_ReadValue(reader, property.type, &value) != RESULT_OK) return false;
+      if (Packed_ReadValue(&reader, property.type, &value) != RESULT_OK) return false;
       AddValue(sum, property.type, value);
     }
   }
-  return Packed_ReadTail(reader) == RESULT_OK;
+  const bool isWhole = Packed_ReadTail(&reader) == RESULT_OK;
+  from->offset = reader.offset;
+  return isWhole;
 }
 
 // Clears the buffer and packs into it again.
@@ -305,6 +310,22 @@ void Unpack(benchmark::State& state) {
   });
 }
 
+// The same into the instance of the iteration before.
+void UnpackInto(benchmark::State& state) {
+  std::uint32_t size = 0;
+  const std::vector<std::uint64_t> packed = PackedRecord(&size);
+  std::vector<std::uint64_t> bytes(packed.size());
+  Instance* instance = nullptr;
+  TimeReading(state, size, [&] {
+    std::memcpy(bytes.data(), packed.data(), size);
+    PackBuf reader = {reinterpret_cast<std::uint8_t*>(bytes.data()), size, 0, 0};
+    Sum sum;
+    if (Instance_UnpackInto(&instance, &reader) == RESULT_OK) AddInstance(&sum, instance);
+    return sum.Get();
+  });
+  Instance_Drop(instance);
+}
+
 void Walk(benchmark::State& state) {
   std::uint32_t size = 0;
   std::vector<std::uint64_t> bytes = PackedRecord(&size);
@@ -358,6 +379,7 @@ BENCHMARK(PackInstance)->Name("pack/ours");
 BENCHMARK(PackRecord)->Name("pack/ours_from_record");
 BENCHMARK(PackToBatch)->Name("pack/ours_to_batch");
 BENCHMARK(Unpack)->Name("unpack/ours");
+BENCHMARK(UnpackInto)->Name("unpack/ours_reused");
 BENCHMARK(Walk)->Name("walk/ours");
 
 }  // namespace

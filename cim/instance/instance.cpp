@@ -150,21 +150,13 @@ std::uint64_t CopySize(const ClassDef& def) {
   return std::max<std::uint64_t>(DynamicBodySize(slots), def.size);
 }
 
-// Returns the one flag of a dynamic definition that names its kind.
-std::uint32_t KindOf(std::uint32_t flags) {
-  for (const std::uint32_t kind : {FLAG_KIND_10, FLAG_KIND_20, FLAG_METHOD}) {
-    if ((flags & kind) != 0) return kind;
-  }
-  return FLAG_CLASS;
-}
-
 ClassDef* MakeDynamicDef(Batch* batch, const char16_t* className, std::uint32_t flags) {
   auto* def = static_cast<ClassDef*>(Batch_AllocZero(batch, sizeof(ClassDef)));
   const char16_t* name = Batch_DupText(batch, className);
   void* properties = Batch_AllocZero(batch, INSTANCE_MIN_CAPACITY * sizeof(void*));
   if (def == nullptr || name == nullptr || properties == nullptr) return nullptr;
   def->owner = kOwnerDynamic;
-  def->flags = KindOf(flags);
+  def->flags = DynamicDef_Kind(flags);
   def->name = name;
   def->nameCode = Name_Code(name);
   def->properties = static_cast<const PropertyDef**>(properties);
@@ -173,6 +165,13 @@ ClassDef* MakeDynamicDef(Batch* batch, const char16_t* className, std::uint32_t 
 }
 
 }  // namespace
+
+std::uint32_t DynamicDef_Kind(std::uint32_t flags) {
+  for (const std::uint32_t kind : {FLAG_KIND_10, FLAG_KIND_20, FLAG_METHOD}) {
+    if ((flags & kind) != 0) return kind;
+  }
+  return FLAG_CLASS;
+}
 
 bool Instance_IsWrapped(const Instance* instance) { return Instance_Body(instance) != instance; }
 

@@ -16,6 +16,9 @@ constexpr std::uint64_t DynamicBodySize(std::uint64_t slots) {
   return sizeof(Instance) + slots * DYNAMIC_SLOT_SIZE;
 }
 
+// Returns the one flag of a dynamic definition that names its kind.
+std::uint32_t DynamicDef_Kind(std::uint32_t flags);
+
 // Allocates a zeroed body of `size` bytes, at least a head, behind a header with one reference.
 // `body` points to itself. Returns null if allocation fails.
 Instance* Instance_AllocBody(Batch* batch, std::uint64_t size);

@@ -117,13 +117,15 @@ Result PropertyAt(const Instance* self, std::uint32_t index, const char16_t** na
   const PropertyDef& property = *body->def->properties[index];
   StoreOut(name, property.name);
   StoreOut(type, property.type);
-  if (value == nullptr && flags == nullptr) return RESULT_OK;
   bool present = false;
   std::uint8_t slotFlags = 0;
-  CimValue unwanted;
-  ValueSlot_Read(Instance_Slot(body, property), property.type, value != nullptr ? value : &unwanted,
-                 &present, &slotFlags);
-  StoreOut(flags, FlagsOf(property, present, slotFlags));
+  const ValueSlot* slot = Instance_Slot(body, property);
+  if (value != nullptr) {
+    ValueSlot_Read(slot, property.type, value, &present, &slotFlags);
+  } else {
+    ValueSlot_ReadFlags(slot, property.type, &present, &slotFlags);
+  }
+  if (flags != nullptr) *flags = FlagsOf(property, present, slotFlags);
   return RESULT_OK;
 }
 

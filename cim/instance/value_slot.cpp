@@ -50,20 +50,11 @@ void CopySlot(ValueSlot* to, std::uint32_t type, const std::uint8_t* from) {
             [=](std::size_t at, auto size) { std::memcpy(BytesOf(to) + at, from + at, size); });
 }
 
-// Stores the value's bytes and marks the value present.
-void StoreBytes(ValueSlot* slot, std::uint32_t type, const void* value, std::uint8_t flags) {
-  assert(ValueSlot_IsAligned(slot, type));
-  const std::size_t size = kElementSizes[type];
-  CimValue_CopyBytes(BytesOf(slot), value, size);
-  BytesOf(slot)[size] = 1;
-  BytesOf(slot)[size + 1] = flags;
-}
-
 Result SetPointer(ValueSlot* slot, std::uint32_t type, const CimValue& value, std::uint32_t flags,
                   Batch* batch) {
   if (value.string == nullptr) return RESULT_OK;
   if ((flags & FLAG_BORROW) != 0) {
-    StoreBytes(slot, type, &value, SLOT_BORROWED);
+    ValueSlot_Store(slot, type, &value, SLOT_BORROWED);
     return RESULT_OK;
   }
   assert(batch != nullptr);
@@ -75,7 +66,7 @@ Result SetPointer(ValueSlot* slot, std::uint32_t type, const CimValue& value, st
              result != RESULT_OK) {
     return result;
   }
-  StoreBytes(slot, type, &copy, 0);
+  ValueSlot_Store(slot, type, &copy, 0);
   return RESULT_OK;
 }
 
@@ -145,13 +136,14 @@ Result SetArray(ValueSlot* slot, std::uint32_t type, const ArrayValue& array, st
   if (array.data == nullptr) {
     stored.array.size = 0;
   } else if ((flags & FLAG_BORROW) != 0) {
-    StoreBytes(slot, type, &array, SLOT_BORROWED);
+    stored.array = array;
+    ValueSlot_Store(slot, type, &stored, SLOT_BORROWED);
     return RESULT_OK;
   } else if (array.size != 0 || CimType_Element(type) >= CIM_STRING) {
     stored.array.data = CopyElements(type, array, batch);
     if (stored.array.data == nullptr) return RESULT_FAILED;
   }
-  StoreBytes(slot, type, &stored, 0);
+  ValueSlot_Store(slot, type, &stored, 0);
   return RESULT_OK;
 }
 
@@ -221,23 +213,21 @@ Result StoreInstance(Batch* batch, const Instance* instance, Instance** cell) {
   return RESULT_SERVER_LIMITS_EXCEEDED;
 }
 
-}  // namespace
-
-Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
-                     std::uint32_t flags, Batch* batch) {
-  if (type >= kCimTypes) return RESULT_OK;  // such a slot has no size
-  assert(slot != nullptr && ValueSlot_IsAligned(slot, type));
-  FillSlot(slot, type, 0);
-  if ((flags & FLAG_NULL) != 0 || value == nullptr) return RESULT_OK;
-  if (CimType_IsArray(type)) return SetArray(slot, type, value->array, flags, batch);
-  if (type >= CIM_STRING) return SetPointer(slot, type, *value, flags, batch);
-  StoreBytes(slot, type, value, 0);
-  return RESULT_OK;
+// Returns true for a value that needs no copy and replaces one that needs no release.
+bool IsStoredAtOnce(const ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                    std::uint32_t flags) {
+  if (value == nullptr || (flags & FLAG_NULL) != 0) return false;
+  if (type < CIM_STRING) return true;
+  if ((flags & FLAG_BORROW) == 0 || Load<const void*>(value) == nullptr) return false;
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(slot);
+  return Load<const void*>(bytes) == nullptr ||
+         (bytes[kElementSizes[type] + 1] & SLOT_BORROWED) != 0;
 }
 
-Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* value,
-                        std::uint32_t flags, Batch* batch) {
-  if (type >= kCimTypes) return RESULT_OK;
+// Makes the new value and releases the old one. Out of line: its frame would cost the caller, which
+// seldom gets here, as much as the caller's work.
+[[gnu::noinline]] Result Replace(ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                                 std::uint32_t flags, Batch* batch) {
   alignas(8) std::uint8_t replacement[kMaxSlotSize];
   const Result result =
       ValueSlot_Set(reinterpret_cast<ValueSlot*>(replacement), type, value, flags, batch);
@@ -245,6 +235,33 @@ Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* val
   ValueSlot_Destroy(slot, type, batch);
   CopySlot(slot, type, replacement);
   return RESULT_OK;
+}
+
+}  // namespace
+
+Result ValueSlot_Set(ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                     std::uint32_t flags, Batch* batch) {
+  if (type >= kCimTypes) return RESULT_OK;  // such a slot has no size
+  assert(slot != nullptr && ValueSlot_IsAligned(slot, type));
+  const bool isNull = (flags & FLAG_NULL) != 0 || value == nullptr;
+  if (!isNull && type < CIM_STRING) {
+    ValueSlot_Store(slot, type, value, 0);
+    return RESULT_OK;
+  }
+  FillSlot(slot, type, 0);
+  if (isNull) return RESULT_OK;
+  if (CimType_IsArray(type)) return SetArray(slot, type, value->array, flags, batch);
+  return SetPointer(slot, type, *value, flags, batch);
+}
+
+Result ValueSlot_Assign(ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                        std::uint32_t flags, Batch* batch) {
+  if (type >= kCimTypes) return RESULT_OK;
+  if (IsStoredAtOnce(slot, type, value, flags)) {
+    ValueSlot_Store(slot, type, value, type < CIM_STRING ? 0 : SLOT_BORROWED);
+    return RESULT_OK;
+  }
+  return Replace(slot, type, value, flags, batch);
 }
 
 Result ValueSlot_Copy(ValueSlot* destination, std::uint32_t type, const ValueSlot* source,

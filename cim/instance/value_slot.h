@@ -10,6 +10,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "cim/memory/batch.h"
 #include "cim/memory/result.h"
@@ -46,6 +47,45 @@ inline bool ValueSlot_IsAligned(const ValueSlot* slot, std::uint32_t type) {
   return reinterpret_cast<std::uintptr_t>(slot) % CimType_Alignment(type) == 0;
 }
 
+// Overwrites the whole slot with the bytes of a present value and with `flags`, without releasing
+// the old content. Copies nothing that the value points to. The pieces have constant sizes, for the
+// reason given at CimValue_CopyBytes.
+inline void ValueSlot_Store(ValueSlot* slot, std::uint32_t type, const CimValue* value,
+                            std::uint8_t flags) {
+  assert(ValueSlot_IsAligned(slot, type));
+  auto* bytes = reinterpret_cast<std::uint8_t*>(slot);
+  const std::uint64_t rest = 1u | static_cast<std::uint32_t>(flags) << 8;  // present, flags, filler
+  switch (kElementSizes[type]) {
+    case 1:
+      std::memcpy(bytes, value, 1);
+      std::memcpy(bytes + 1, &rest, 2);
+      break;
+    case 2:
+      std::memcpy(bytes, value, 2);
+      std::memcpy(bytes + 2, &rest, 2);
+      break;
+    case 4:
+      std::memcpy(bytes, value, 4);
+      std::memcpy(bytes + 4, &rest, 4);
+      break;
+    case 8:
+      std::memcpy(bytes, value, 8);
+      std::memcpy(bytes + 8, &rest, 8);
+      break;
+    case sizeof(ArrayValue): {
+      // By field: a load of both words would wait for the stores that made them.
+      const std::uint64_t size = value->array.size;
+      std::memcpy(bytes, &value->array.data, 8);
+      std::memcpy(bytes + 8, &size, 8);
+      std::memcpy(bytes + sizeof(ArrayValue), &rest, 8);
+      break;
+    }
+    default:
+      std::memcpy(bytes, value, sizeof(CimDatetime));
+      std::memcpy(bytes + sizeof(CimDatetime), &rest, 4);
+  }
+}
+
 // Overwrites the slot with a copy of `value` in `batch`, without releasing the old content. Stores
 // a null for FLAG_NULL, a null `value`, and a null pointer of a STRING, REFERENCE or INSTANCE. An
 // array with null `data` is present and has no elements. With FLAG_BORROW the pointers are stored
@@ -73,19 +113,24 @@ void ValueSlot_Destroy(ValueSlot* slot, std::uint32_t type, Batch* batch);
 // Releases what the slot owns and leaves a null. Does nothing for a type above 31.
 void ValueSlot_Clear(ValueSlot* slot, std::uint32_t type, Batch* batch);
 
-// Copies the value's bytes and the two bytes after it. What they point to stays the slot's. For a
-// type above 31 `value` is left alone and the other two are false and 0.
-inline void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value,
-                           bool* present, std::uint8_t* flags) {
+// Copies the two bytes after the value. For a type above 31 they are false and 0.
+inline void ValueSlot_ReadFlags(const ValueSlot* slot, std::uint32_t type, bool* present,
+                                std::uint8_t* flags) {
   *present = false;
   *flags = 0;
   if (type >= kCimTypes) return;
   assert(ValueSlot_IsAligned(slot, type));
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(slot);
-  const std::size_t size = kElementSizes[type];
-  CimValue_CopyBytes(value, bytes, size);
-  *present = bytes[size] != 0;
-  *flags = bytes[size + 1];
+  *present = bytes[kElementSizes[type]] != 0;
+  *flags = bytes[kElementSizes[type] + 1];
+}
+
+// Copies the value's bytes and the two bytes after it. What they point to stays the slot's. For a
+// type above 31 `value` is left alone and the other two are false and 0.
+inline void ValueSlot_Read(const ValueSlot* slot, std::uint32_t type, CimValue* value,
+                           bool* present, std::uint8_t* flags) {
+  ValueSlot_ReadFlags(slot, type, present, flags);
+  if (type < kCimTypes) CimValue_CopyBytes(value, slot, kElementSizes[type]);
 }
 
 // Returns true if the slot has a value.

@@ -71,6 +71,21 @@ Result GetTexts(PackBuf* reader, PackedTexts* texts) {
 
 }  // namespace
 
+// The table lies in the reader's bytes, which may be changed. An entry and a pointer both have 64
+// bits, and the entry for the end becomes a pointer too.
+const char16_t* const* Pack_PointersInPlace(const PackedTexts& texts) {
+  auto* entries = const_cast<std::uint64_t*>(texts.offsets);
+  auto* pointers = reinterpret_cast<const char16_t**>(entries);
+  static_assert(sizeof *pointers == sizeof *entries);
+  const std::uint64_t first = entries[0];
+  for (std::uint32_t i = 0; i <= texts.count; ++i) {
+    const std::uint64_t offset = entries[i] - first;
+    const char16_t* text = texts.texts + offset / sizeof(char16_t);
+    std::memcpy(pointers + i, &text, sizeof text);
+  }
+  return pointers;
+}
+
 Result PackBuf_GetU8(PackBuf* buffer, std::uint8_t* value) { return Pack_GetNumber(buffer, value); }
 Result PackBuf_GetU16(PackBuf* buffer, std::uint16_t* value) {
   return Pack_GetNumber(buffer, value);
@@ -83,10 +98,7 @@ Result PackBuf_GetU64(PackBuf* buffer, std::uint64_t* value) {
 }
 
 Result PackBuf_GetDatetime(PackBuf* buffer, CimDatetime* value) {
-  const std::uint8_t* place = Pack_Take(buffer, alignof(CimDatetime), sizeof *value);
-  if (place == nullptr) return RESULT_FAILED;
-  std::memcpy(value, place, sizeof *value);
-  return RESULT_OK;
+  return Pack_GetDatetime(buffer, value);
 }
 
 Result PackBuf_GetStr(PackBuf* buffer, const char16_t** text) {
@@ -117,22 +129,11 @@ Result PackBuf_GetStrA(PackBuf* buffer, const char16_t* const** data, std::uint3
   *data = nullptr;
   *count = texts.count;
   if (texts.count == 0) return RESULT_OK;
-  // The table lies in the reader's bytes, which may be changed. An entry and a pointer both have 64
-  // bits, and the entry for the end becomes a pointer too.
-  auto* entries = const_cast<std::uint64_t*>(texts.offsets);
-  auto* pointers = reinterpret_cast<const char16_t**>(entries);
-  static_assert(sizeof *pointers == sizeof *entries);
-  const std::uint64_t first = entries[0];
-  for (std::uint32_t i = 0; i <= texts.count; ++i) {
-    const std::uint64_t offset = entries[i] - first;
-    const char16_t* text = texts.texts + offset / sizeof(char16_t);
-    std::memcpy(pointers + i, &text, sizeof text);
-  }
-  *data = pointers;
+  *data = Pack_PointersInPlace(texts);
   return RESULT_OK;
 }
 
-Result Packed_ReadHead(PackBuf* reader, PackedHead* head) {
+Result Packed_TakeHead(PackBuf* reader, PackedHead* head) {
   Step step(reader);
   PackedHead found;
   std::uint32_t mark = 0;
@@ -147,22 +148,6 @@ Result Packed_ReadHead(PackBuf* reader, PackedHead* head) {
   return step.Done();
 }
 
-Result Packed_ReadTexts(PackBuf* reader, PackedTexts* texts) { return GetTexts(reader, texts); }
-
-Result Packed_ReadInstanceCount(PackBuf* reader, std::uint32_t* count) {
-  Step step(reader);
-  std::uint32_t found = 0;
-  if (Pack_GetNumber(reader, &found) != RESULT_OK) return RESULT_FAILED;
-  if (found > (reader->size - reader->offset) / kMinPackedInstance) return RESULT_FAILED;
-  *count = found;
-  return step.Done();
-}
-
-Result Packed_ReadTail(PackBuf* reader) {
-  Step step(reader);
-  std::uint32_t mark = 0;
-  if (Pack_GetNumber(reader, &mark) != RESULT_OK) return RESULT_FAILED;
-  return mark == INSTANCE_PACK_TAIL ? step.Done() : RESULT_INVALID_PARAMETER;
-}
+Result Packed_TakeTexts(PackBuf* reader, PackedTexts* texts) { return GetTexts(reader, texts); }
 
 }  // namespace stewardry::cim

@@ -21,16 +21,22 @@ constexpr std::uint64_t Pack_Align(std::uint64_t position, std::uint32_t alignme
 // Zeroes kFillerRoom bytes: the filler and the start of the content, which is stored afterwards.
 inline void Pack_ZeroFiller(std::uint8_t* place) { std::memset(place, 0, kFillerRoom); }
 
+// Ensures that the writer has room up to the position `end`. Returns false and changes nothing if
+// there is none and allocation fails.
+inline bool Pack_Reserve(PackBuf* buffer, std::uint64_t end) {
+  if (end <= buffer->capacity) [[likely]]
+    return true;
+  return end <= kMaxPackCapacity &&
+         PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) == RESULT_OK;
+}
+
 // Advances a writer's `size` to the next multiple of `alignment` and by `bytes`, and stores their
 // start in *place. Returns false and changes nothing if there is no room and allocation fails.
 inline bool Pack_Extend(PackBuf* buffer, std::uint32_t alignment, std::uint64_t bytes,
                         std::uint8_t** place) {
   const std::uint64_t start = Pack_Align(buffer->size, alignment);
   const std::uint64_t end = start + bytes;
-  if (end > buffer->capacity) {
-    if (end > kMaxPackCapacity) return false;
-    if (PackBuf_Reserve(buffer, static_cast<std::uint32_t>(end)) != RESULT_OK) return false;
-  }
+  if (!Pack_Reserve(buffer, end)) return false;
   assert(buffer->data != nullptr && end <= buffer->capacity);
   if (start != buffer->size) Pack_ZeroFiller(buffer->data + buffer->size);
   *place = buffer->data + start;
@@ -57,15 +63,30 @@ inline std::uint8_t* Pack_Take(PackBuf* reader, std::uint32_t alignment, std::ui
 // may overlap, from both ends. A loop would cost a mispredicted branch at its end.
 inline void Pack_CopyShort(std::uint8_t* to, const void* from, std::size_t bytes) {
   const auto* source = static_cast<const std::uint8_t*>(from);
-  if (bytes < 8 || bytes > 32) {
-    std::memcpy(to, from, bytes);
-  } else if (bytes <= 16) {
+  if (bytes >= 8 && bytes <= 16) {
     std::memcpy(to, source, 8);
     std::memcpy(to + bytes - 8, source + bytes - 8, 8);
-  } else {
+  } else if (bytes > 16 && bytes <= 32) {
     std::memcpy(to, source, 16);
     std::memcpy(to + bytes - 16, source + bytes - 16, 16);
+  } else if (bytes != 0) {
+    std::memcpy(to, from, bytes);
   }
+}
+
+// Compares them in the same way.
+inline bool Pack_EqualShort(const void* a, const void* b, std::size_t bytes) {
+  const auto* left = static_cast<const std::uint8_t*>(a);
+  const auto* right = static_cast<const std::uint8_t*>(b);
+  const auto differ = [=](std::size_t at) {
+    std::uint64_t x, y;
+    std::memcpy(&x, left + at, sizeof x);
+    std::memcpy(&y, right + at, sizeof y);
+    return x ^ y;
+  };
+  if (bytes < 8 || bytes > 32) return std::memcmp(a, b, bytes) == 0;
+  if (bytes <= 16) return (differ(0) | differ(bytes - 8)) == 0;
+  return (differ(0) | differ(8) | differ(bytes - 16) | differ(bytes - 8)) == 0;
 }
 
 // Returns the length of a text in units, with four tests in each iteration.
@@ -144,6 +165,13 @@ inline Result Pack_GetNumber(PackBuf* reader, Number* value) {
   return RESULT_OK;
 }
 
+inline Result Pack_GetDatetime(PackBuf* reader, CimDatetime* value) {
+  const std::uint8_t* place = Pack_Take(reader, alignof(CimDatetime), sizeof *value);
+  if (place == nullptr) return RESULT_FAILED;
+  std::memcpy(value, place, sizeof *value);
+  return RESULT_OK;
+}
+
 // Reads an array of plain elements of `width` bytes. The count leaves the position aligned to 4, so
 // only 64-bit elements need an `alignment`.
 inline Result Pack_GetElements(PackBuf* reader, std::uint32_t width, std::uint32_t alignment,
@@ -205,7 +233,7 @@ inline Result Pack_GetScalar(PackBuf* reader, std::uint32_t type, CimValue* valu
     case CIM_REAL32:
       return Pack_GetNumber(reader, &value->uint32);
     case CIM_DATETIME:
-      return PackBuf_GetDatetime(reader, &value->datetime);
+      return Pack_GetDatetime(reader, &value->datetime);
     default:
       return Pack_GetNumber(reader, &value->uint64);
   }

@@ -41,28 +41,53 @@ std::uint32_t LengthOf(const char16_t* name, std::uint32_t code) {
   return name[known] == 0 ? known : Name_Length(name, code);
 }
 
-// Appends flags, name, type and `present` of a property, and a number's `width` bytes, in one
-// extension of the buffer. `width` is 0 if no number follows.
-Result PackHead(const PropertyDef& property, const std::uint8_t* value, std::uint8_t present,
-                std::uint32_t width, PackBuf* buffer) {
-  assert(width == 0 || width == kElementSizes[property.type]);
+// The steps below take and return a position in place of the writer's `size`: the stores between
+// could change a field for all that the compiler knows, while a position stays in a register.
+constexpr std::uint64_t kNoRoom = ~std::uint64_t{0};
+
+// Stores flags, name, type and `present` of a property at the next multiple of 4, and the filler of
+// a number after them. Returns the position after `present`, or kNoRoom.
+inline std::uint64_t PackHead(PackBuf* buffer, std::uint64_t at, const PropertyDef& property,
+                              std::uint8_t present) {
   const char16_t* name = NameOf(property);
   const std::uint32_t count = LengthOf(name, property.nameCode) + 1;
   const std::uint64_t nameBytes = std::uint64_t{count} * sizeof(char16_t);
-  const std::uint64_t typeAt = Pack_Align(8 + nameBytes, 4);
-  const std::uint64_t start = Pack_Align(buffer->size, 4);
-  const std::uint64_t valueAt = Pack_Align(start + typeAt + 5, width == 0 ? 1 : width) - start;
-  std::uint8_t* place = nullptr;
-  if (!Pack_Extend(buffer, 4, valueAt + width, &place)) return RESULT_FAILED;
-  std::memcpy(place, &property.flags, 4);
-  std::memcpy(place + 4, &count, 4);
-  Pack_CopyShort(place + 8, name, static_cast<std::size_t>(nameBytes));
-  Pack_ZeroFiller(place + 8 + nameBytes);
-  std::memcpy(place + typeAt, &property.type, 4);
-  Pack_ZeroFiller(place + typeAt + 5);
-  place[typeAt + 4] = present;
-  if (width != 0) CimValue_CopyBytes(place + valueAt, value, width);
-  return RESULT_OK;
+  const std::uint64_t start = Pack_Align(at, 4);
+  const std::uint64_t nameEnd = start + 8 + nameBytes;
+  const std::uint64_t typeAt = Pack_Align(nameEnd, 4);
+  if (!Pack_Reserve(buffer, typeAt + 5)) return kNoRoom;
+  std::uint8_t* data = buffer->data;
+  Pack_ZeroFiller(data + at);
+  std::memcpy(data + start, &property.flags, 4);
+  std::memcpy(data + start + 4, &count, 4);
+  Pack_CopyShort(data + start + 8, name, static_cast<std::size_t>(nameBytes));
+  Pack_ZeroFiller(data + nameEnd);
+  std::memcpy(data + typeAt, &property.type, 4);
+  const std::uint64_t presentAndFiller = present;
+  std::memcpy(data + typeAt + 4, &presentAndFiller, sizeof presentAndFiller);
+  return typeAt + 5;
+}
+
+// Stores a number at the next multiple of its width. Requires that the filler before it is zeroed.
+// Returns the position after it, or kNoRoom.
+template <std::uint32_t kWidth>
+std::uint64_t PackNumber(PackBuf* buffer, std::uint64_t at, const std::uint8_t* value) {
+  const std::uint64_t start = Pack_Align(at, kWidth);
+  if (!Pack_Reserve(buffer, start + kWidth)) return kNoRoom;
+  std::memcpy(buffer->data + start, value, kWidth);
+  return start + kWidth;
+}
+
+// Does the same for a text, as Pack_PutText.
+inline std::uint64_t PackText(PackBuf* buffer, std::uint64_t at, const char16_t* text) {
+  const std::uint64_t start = Pack_Align(at, 4);
+  const std::size_t count = text == nullptr ? 0 : Pack_TextLength(text) + 1;
+  const std::uint64_t end = start + 4 + count * sizeof(char16_t);
+  if (!Pack_Reserve(buffer, end)) return kNoRoom;
+  const auto stored = static_cast<std::uint32_t>(count);
+  std::memcpy(buffer->data + start, &stored, sizeof stored);
+  Pack_CopyShort(buffer->data + start + 4, text, count * sizeof(char16_t));
+  return end;
 }
 
 // Appends elements by their width: signed and floating-point ones have the form of unsigned ones.
@@ -94,10 +119,9 @@ Result PackArray(std::uint32_t type, const ArrayValue& array, PackBuf* buffer) {
   return PackBuf_PutStrA(buffer, static_cast<const char16_t**>(array.data), array.size);
 }
 
-// Appends a value of any type but those of numbers.
+// Appends a value of any type but those of numbers and STRING.
 Result PackValue(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) {
-  assert(type >= CIM_DATETIME && type < kCimTypes);
-  if (type == CIM_STRING) return Pack_PutText(buffer, Pack_Load<const char16_t*>(slot));
+  assert(type >= CIM_DATETIME && type < kCimTypes && type != CIM_STRING);
   if (CimType_IsArray(type)) return PackArray(type, Pack_Load<ArrayValue>(slot), buffer);
   if (type == CIM_DATETIME) {
     const auto value = Pack_Load<CimDatetime>(slot);
@@ -107,17 +131,41 @@ Result PackValue(std::uint32_t type, const std::uint8_t* slot, PackBuf* buffer) 
   return nested == nullptr ? RESULT_FAILED : PackNested(nested, type, buffer);
 }
 
-// Appends the property's head, and the value of its slot unless `present` is 0.
-Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* buffer) {
-  const std::uint32_t type = property.type;
-  if (type >= kCimTypes) return RESULT_FAILED;
-  const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Slot(body, property));
-  const std::uint32_t size = kElementSizes[type];
-  const std::uint8_t present = slot[size];
-  const bool isNumber = type < CIM_DATETIME;
-  const std::uint32_t width = present != 0 && isNumber ? size : 0;
-  if (PackHead(property, slot, present, width, buffer) != RESULT_OK) return RESULT_FAILED;
-  return present == 0 || isNumber ? RESULT_OK : PackValue(type, slot, buffer);
+// Appends the value of a present slot after its head.
+inline Result PackPresent(PackBuf* buffer, std::uint64_t* at, std::uint32_t type,
+                          const std::uint8_t* slot) {
+  switch (type) {
+    case CIM_BOOLEAN:
+    case CIM_UINT8:
+    case CIM_SINT8:
+      *at = PackNumber<1>(buffer, *at, slot);
+      break;
+    case CIM_UINT16:
+    case CIM_SINT16:
+    case CIM_CHAR16:
+      *at = PackNumber<2>(buffer, *at, slot);
+      break;
+    case CIM_UINT32:
+    case CIM_SINT32:
+    case CIM_REAL32:
+      *at = PackNumber<4>(buffer, *at, slot);
+      break;
+    case CIM_UINT64:
+    case CIM_SINT64:
+    case CIM_REAL64:
+      *at = PackNumber<8>(buffer, *at, slot);
+      break;
+    case CIM_STRING:
+      *at = PackText(buffer, *at, Pack_Load<const char16_t*>(slot));
+      break;
+    default: {
+      buffer->size = static_cast<std::uint32_t>(*at);
+      const Result result = PackValue(type, slot, buffer);
+      *at = buffer->size;
+      return result;
+    }
+  }
+  return *at == kNoRoom ? RESULT_FAILED : RESULT_OK;
 }
 
 // Appends the number of properties and the properties. The number is stored last: the filter is
@@ -125,16 +173,25 @@ Result PackProperty(const Instance* body, const PropertyDef& property, PackBuf* 
 Result PackProperties(const Instance* body, const Selection& selection, PackBuf* buffer) {
   if (Pack_PutNumber(buffer, std::uint32_t{0}) != RESULT_OK) return RESULT_FAILED;
   const std::uint32_t countAt = buffer->size - static_cast<std::uint32_t>(sizeof(std::uint32_t));
+  const bool isWhole = !selection.keysOnly && selection.filter == nullptr;
   std::uint32_t count = 0;
-  const PropertyDef* const* properties = body->def->properties;
-  const std::uint32_t propertyCount = body->def->propertyCount;
-  for (std::uint32_t i = 0; i < propertyCount; ++i) {
-    const PropertyDef& property = *properties[i];
-    if (!selection.Includes(property)) continue;
-    const Result result = PackProperty(body, property, buffer);
-    if (result != RESULT_OK) return result;
+  std::uint64_t at = buffer->size;
+  const PropertyDef* const* next = body->def->properties;
+  for (const PropertyDef* const* end = next + body->def->propertyCount; next != end; ++next) {
+    const PropertyDef& property = **next;
+    if (!isWhole && !selection.Includes(property)) continue;
+    const std::uint32_t type = property.type;
+    if (type >= kCimTypes) return RESULT_FAILED;
+    const auto* slot = reinterpret_cast<const std::uint8_t*>(Instance_Slot(body, property));
+    const std::uint8_t present = slot[kElementSizes[type]];
+    at = PackHead(buffer, at, property, present);
+    if (at == kNoRoom) return RESULT_FAILED;
     ++count;
+    if (present == 0) continue;
+    const Result result = PackPresent(buffer, &at, type, slot);
+    if (result != RESULT_OK) return result;
   }
+  buffer->size = static_cast<std::uint32_t>(at);
   std::memcpy(buffer->data + countAt, &count, sizeof count);
   return RESULT_OK;
 }

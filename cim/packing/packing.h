@@ -68,6 +68,21 @@ Result Instance_PackToBatch(const Instance* instance, PackFilter filter, void* f
 //   than kMaxUnpackedProperties properties.
 Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy);
 
+// Unpacks without `copy` as Instance_Unpack does, into *instance: for a caller that reads one
+// instance after the other. *instance is null, or what an earlier call has stored and the caller
+// has only read since. If class, name space and the properties' flags, names and types are those of
+// before, and so in nested instances, values are replaced in place, no name is checked again and
+// nothing is allocated; otherwise the instance is released and another one made. The caller reads
+// each call's result through *instance: pointers from the earlier one are invalid.
+// - The instance has a batch of its own; the caller ends it with Instance_Delete or Instance_Drop.
+//   One that has more than one reference is not changed: the caller's reference is released.
+// - Names are copies, texts and arrays are borrowed from the bytes, which must stay in place until
+//   the next call or the end of the instance.
+//
+// Returns what Instance_Unpack returns. After any failure but that of a null argument the instance
+// is released and *instance null.
+Result Instance_UnpackInto(Instance** instance, PackBuf* reader);
+
 // Unpacks `size` bytes without copying and returns true on success. Bytes not aligned to 8 are
 // first copied into the batch, and refused if `batch` is null.
 bool Instance_UnpackBytes(Batch* batch, void* bytes, std::uint32_t size, Instance** made);

@@ -7,6 +7,7 @@
 #include "cim/instance/instance_body.h"
 #include "cim/packing/pack_steps.h"
 #include "cim/packing/packing.h"
+#include "cim/packing/refilling.h"
 #include "cim/value/names.h"
 
 namespace stewardry::cim {
@@ -15,8 +16,9 @@ namespace {
 // The state of one call of Instance_Unpack.
 struct Unpacking {
   PackBuf* reader;
-  Batch* batch;         // null until the outermost instance has made its own
-  bool copy;            // names, texts and arrays
+  Batch* batch;  // null until the outermost instance has made its own
+  bool copyNames;
+  bool copy;            // texts and arrays
   std::uint32_t depth;  // the nesting of the instance that is being read
   // The unused rest of the current block of records.
   PropertyDef* records;
@@ -95,15 +97,15 @@ PropertyDef* AllocRecord(Unpacking& call) {
   return new (call.records++) PropertyDef{};
 }
 
-// Adds a property as a null to a body that has room. Requires a valid and new name. Without `copy`
-// the name is borrowed.
+// Adds a property as a null to a body that has room. Requires a valid and new name. Without
+// `copyNames` the name is borrowed.
 Result AppendNull(Unpacking& call, Instance* body, const PackedProperty& property,
                   std::uint32_t nameCode, std::uint32_t flags, ValueSlot** slot) {
   ClassDef* def = Instance_PrivateDef(body);
   assert(def != nullptr && def->propertyCount < INSTANCE_MIN_CAPACITY);
   PropertyDef* record = AllocRecord(call);
   if (record == nullptr) return RESULT_FAILED;
-  record->name = call.copy ? Batch_DupText(call.batch, property.name) : property.name;
+  record->name = call.copyNames ? Batch_DupText(call.batch, property.name) : property.name;
   if (record->name == nullptr) return RESULT_FAILED;
   record->nameCode = nameCode;
   record->flags = flags;
@@ -213,14 +215,12 @@ Result UnpackInstance(Unpacking& call, Instance** made) {
   return result;
 }
 
-}  // namespace
-
-Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy) {
+Result Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copyNames, bool copy) {
   if (made == nullptr || reader == nullptr) return RESULT_INVALID_PARAMETER;
   *made = nullptr;
   if (!Pack_IsAligned(reader->data)) return RESULT_INVALID_PARAMETER;
   if (reader->data == nullptr && reader->size != 0) return RESULT_INVALID_PARAMETER;
-  Unpacking call = {reader, batch, copy, 0, nullptr, 0};
+  Unpacking call = {reader, batch, copyNames, copy, 0, nullptr, 0};
   Instance* instance = nullptr;
   const Result result = UnpackInstance(call, &instance);
   if (result == RESULT_OK) {
@@ -229,6 +229,19 @@ Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy
     (void)Instance_Delete(instance);  // with its batch; fails only for a null
   }
   return result;
+}
+
+}  // namespace
+
+Result Instance_Unpack(Instance** made, PackBuf* reader, Batch* batch, bool copy) {
+  return Unpack(made, reader, batch, copy, copy);
+}
+
+Result Instance_UnpackInto(Instance** instance, PackBuf* reader) {
+  if (instance == nullptr || reader == nullptr) return RESULT_INVALID_PARAMETER;
+  if (Instance_Refill(*instance, reader)) return RESULT_OK;
+  Instance_Drop(*instance);
+  return Unpack(instance, reader, nullptr, true, false);
 }
 
 bool Instance_UnpackBytes(Batch* batch, void* bytes, std::uint32_t size, Instance** made) {

@@ -48,6 +48,28 @@ OwnBytes Pack(const Instance* instance, std::size_t capacity) {
   return bytes;
 }
 
+// Refills an instance with other bytes, among them malformed ones: the result and the position are
+// those of a new instance.
+void Refill(const std::uint8_t* data, std::size_t size, const OwnBytes& packed) {
+  Instance* used = nullptr;
+  for (std::size_t change = 0; change <= 8; ++change) {
+    OwnBytes changed(data, data + size);
+    if (change < 8) changed[(size - 1) * change / 8] ^= static_cast<std::uint8_t>(1u << change);
+    OwnBytes original = changed, next(data, data + size);
+    Instance* made = nullptr;
+    PackBuf reader = next.Reader(), other = original.Reader(), into = changed.Reader();
+    Require(Instance_UnpackInto(&used, &reader) == RESULT_OK);
+    Require(Instance_UnpackInto(&used, &into) == Instance_Unpack(&made, &other, nullptr, false));
+    Require((used != nullptr) == (made != nullptr));
+    if (made == nullptr) continue;
+    Require(into.offset == other.offset);
+    Require(Pack(used, 2 * size + 256) == Pack(made, 2 * size + 256));
+    Require(change < 8 || Pack(used, 2 * size + 256) == packed);
+    Require(Instance_Delete(made) == RESULT_OK);
+  }
+  Instance_Drop(used);
+}
+
 }  // namespace
 }  // namespace stewardry::cim
 
@@ -68,7 +90,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Convert(deep, target);
   const std::size_t room = 2 * size + 256;  // a return value has a longer name when packed
   OwnBytes first = Pack(deep, room);
-  Require(first.empty() == Pack(shallow, room).empty());
+  const OwnBytes borrowedPacked = Pack(shallow, room);
+  Require(first.empty() == borrowedPacked.empty());
+  Refill(data, size, borrowedPacked);
   Require(Instance_Delete(shallow) == RESULT_OK && Instance_Delete(deep) == RESULT_OK);
   if (first.empty()) return 0;
   OwnBytes again = first;

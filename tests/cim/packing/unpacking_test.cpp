@@ -8,6 +8,8 @@ namespace {
 
 using namespace packed_bytes;
 
+const std::string kForm = kOne + "01 00 00 00 01 05 -- --" + kTail;
+
 std::string Repeat(std::uint32_t times, const std::string& text) {
   std::string repeated;
   for (std::uint32_t i = 0; i < times; ++i) repeated += text;
@@ -33,9 +35,27 @@ std::size_t MemoryOf(const Batch* batch) {
   return sum;
 }
 
-// Unpacks with and without a batch, with and without copying, and expects one result. Memory is
-// proportional to the bytes: an instance of 28 bytes takes nearly two kilobytes.
-Result Unpack(const Bytes& original) {
+// Unpacks into the instance that *used holds, and expects the result and the properties of a new
+// one. The bytes of the call before are overwritten.
+Result UnpackInto(Owned* used, Bytes* bytes, const Bytes& from) {
+  std::fill(bytes->Get().begin(), bytes->Get().end(), 0xEE);
+  *bytes = from;
+  PackBuf reader = bytes->Reader();
+  const Result result = Instance_UnpackInto(used->Out(), &reader);
+  Bytes again = from;
+  PackBuf other = again.Reader();
+  Owned fresh;
+  EXPECT_EQ(Instance_Unpack(fresh.Out(), &other, nullptr, false), result);
+  EXPECT_EQ(*used != nullptr, result == RESULT_OK);
+  EXPECT_TRUE(result != RESULT_OK || reader.offset == other.offset);
+  if (result != RESULT_OK) return result;
+  EXPECT_EQ(Bytes(Writer(*used)).Get(), Bytes(Writer(fresh)).Get());
+  return result;
+}
+
+// Unpacks with and without a batch, with and without copying, into a used instance, and expects one
+// result. Memory is proportional to the bytes: an instance of 28 bytes takes nearly two kilobytes.
+Result Unpack(const Bytes& original, const Bytes& before = Bytes(kForm)) {
   std::vector<Result> results;
   for (const unsigned way : {0u, 1u, 2u, 3u}) {
     Bytes bytes = original;
@@ -47,7 +67,11 @@ Result Unpack(const Bytes& original) {
     EXPECT_EQ(made != nullptr, results.back() == RESULT_OK);
     EXPECT_LE(MemoryOf(&batch), 4096 + 64 * bytes.Get().size());
   }
-  EXPECT_EQ(std::count(results.begin(), results.end(), results[0]), 4);
+  Owned used;
+  Bytes bytes("");
+  EXPECT_EQ(UnpackInto(&used, &bytes, before), RESULT_OK);
+  results.push_back(UnpackInto(&used, &bytes, original));
+  EXPECT_EQ(std::count(results.begin(), results.end(), results[0]), 5);
   return results[0];
 }
 
@@ -189,11 +213,64 @@ TEST_F(RichTest, AnUncopiedInstanceBorrowsFromAlignedBytes) {
   EXPECT_TRUE(Instance_UnpackBytes(&batch, odd.Get().data() + 1, size, &made));  // copied
 }
 
+// Each row differs from the one before in what its comment says, so a row without an allocation is
+// refilled and the others are not.
+TEST_F(RichTest, AUsedInstanceTakesOtherValues) {
+  const Writer rich(outer_);
+  ASSERT_EQ(Instance_StoreProperty(outer_, u"Text", nullptr, CIM_STRING, 0), RESULT_OK);
+  const CimValue one = Array(kWides, 1), texts = Array(kTexts + 1, 2),
+                 instances = Array(inners_, 1);
+  ASSERT_EQ(Instance_StoreProperty(outer_, u"Wides", &one, CIM_SINT64A, FLAG_BORROW), RESULT_OK);
+  ASSERT_EQ(Instance_StoreProperty(outer_, u"Texts", &texts, CIM_STRINGA, FLAG_BORROW), RESULT_OK);
+  const Writer other(outer_);
+  ASSERT_EQ(Instance_StoreProperty(outer_, u"Inners", &instances, CIM_INSTANCEA, 0), RESULT_OK);
+  const Writer shorter(outer_);
+  ASSERT_EQ(Instance_SetNamespace(outer_, u"root"), RESULT_OK);
+  const std::string value = "01 00 00 00 01 05 -- --" + kTail;
+  const struct {
+    Bytes bytes;
+    bool isRefilled;
+  } kRows[] = {
+      {Bytes(rich), false},
+      {Bytes(other), true},  // a null, shorter arrays
+      {Bytes(rich), true},
+      {Bytes(shorter), false},         // fewer instances
+      {Bytes(Writer(outer_)), false},  // a name space
+      {Bytes(kForm), false},           // another class
+      {Bytes(kOne + "01 00 00 00 01 06 -- --" + kTail), true},
+      {Bytes(kOne + "02 00 00 00 01 05 -- --" + kTail), false},                          // the type
+      {Bytes(kHead + "01 00 00 00 00 00 00 00 02 00 00 00 'W' 00 00 " + value), false},  // the name
+      {Bytes(kHead + "01 00 00 00 00 10 00 00 02 00 00 00 'W' 00 00 " + value),
+       false},                                        // the flags
+      {Bytes(kHead + "00 00 00 00" + kTail), false},  // the number of properties
+      {Bytes(kHead + "00 00 00 00" + kTail), true},
+  };
+  Owned used;
+  Bytes bytes("");
+  for (const auto& row : kRows) {
+    Bytes arrived = row.bytes;
+    PackBuf reader = arrived.Reader();
+    heap_gate::Arm(0);
+    const Result result = Instance_UnpackInto(used.Out(), &reader);
+    heap_gate::Disarm();
+    ASSERT_EQ(result, RESULT_OK);
+    EXPECT_EQ(heap_gate::Requests() == 0, row.isRefilled) << &row - kRows;
+    EXPECT_EQ(UnpackInto(&used, &bytes, row.bytes), RESULT_OK);
+  }
+  Instance_Retain(used);  // held by somebody else: it stays
+  Instance* const held = used;
+  PackBuf reader = bytes.Reader();
+  EXPECT_EQ(Instance_UnpackInto(used.Out(), &reader), RESULT_OK);
+  EXPECT_NE(used, held);
+  Instance_Drop(held);
+}
+
 TEST_F(RichTest, BytesThatEndTooSoonAreRefused) {
   const Writer packed(outer_);
   EXPECT_EQ(Unpack(Bytes(packed)), RESULT_OK);
   for (std::uint32_t size = 0; size < packed.size; ++size)
-    EXPECT_EQ(Unpack(Bytes(PackBuf{packed.data, size, 0, 0})), RESULT_FAILED) << size;
+    EXPECT_EQ(Unpack(Bytes(PackBuf{packed.data, size, 0, 0}), Bytes(packed)), RESULT_FAILED)
+        << size;
 }
 
 TEST_F(RichTest, AFailedAllocationLeavesNothing) {
