@@ -15,7 +15,7 @@ checks=("${unit[@]}" clang-format clang-tidy "${viewers[@]}")
 windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
-       socat haproxy nginx libnginx-mod-stream strace)
+       socat haproxy nginx libnginx-mod-stream strace python3-matplotlib)
 
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;
