@@ -1,14 +1,14 @@
 // How the object library's cost grows: with the properties of an instance, the instances in a
 // message and the depth of nesting. `growth_library [PERCENT]` prints "curve,series,x,y" for each
 // point, y in nanoseconds of processor time for each property, instance or level: the median of
-// seven measurements. Sizes above PERCENT of the largest are left out.
+// three measurements. Sizes above PERCENT of the largest are left out.
+// `growth_library CURVE SIZE` measures one point, for a profiler.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +24,7 @@ namespace {
 using namespace stewardry;
 using namespace stewardry::cim;
 
-constexpr int kRepetitions = 7;
+constexpr int kRepetitions = 3;
 constexpr double kShortest = 2e6;  // nanoseconds of a measurement
 
 // A step that fails makes the numbers worthless.
@@ -262,25 +262,42 @@ void MeasureNesting(std::size_t depth) {
   PrintPackedForm("nesting", depth, levels.back()->Get());
 }
 
-}  // namespace
+struct Curve {
+  const char* name;
+  void (*measure)(std::size_t size);
+  std::vector<std::size_t> sizes;  // in ascending order
+};
+
+const Curve kCurves[] = {
+    {"properties",
+     MeasureProperties,
+     {2, 5, 10, 20, 32, 50, 100, 200, 350, 500, 700, 1000, 1400, 2000}},
+    {"instances",
+     MeasureInstances,
+     {1, 3, 10, 30, 100, 300, 1000, 3000, 10000, 20000, 30000, 50000, 70000, 100000}},
+    {"nesting", MeasureNesting, {1, 2, 4, 8, 12, 16, 24, 32, 40, 48, 56, kMaxPackedDepth}},
+};
 
 void Run(std::size_t percent) {
-  auto sweep = [&](void (*measure)(std::size_t), std::size_t most,
-                   std::initializer_list<std::size_t> sizes) {
-    for (const std::size_t size : sizes)
-      if (size <= 2 || size * 100 <= most * percent) measure(size);
-  };
   std::printf("curve,series,x,y\n");
-  sweep(MeasureProperties, 2000, {2, 5, 10, 20, 32, 50, 100, 200, 350, 500, 700, 1000, 1400, 2000});
-  sweep(MeasureInstances, 100000,
-        {1, 3, 10, 30, 100, 300, 1000, 3000, 10000, 20000, 30000, 50000, 70000, 100000});
-  static_assert(kMaxPackedDepth == 64);
-  sweep(MeasureNesting, kMaxPackedDepth, {1, 2, 4, 8, 12, 16, 24, 32, 40, 48, 56, 64});
+  for (const Curve& curve : kCurves)
+    for (const std::size_t size : curve.sizes)
+      if (size <= 2 || size * 100 <= curve.sizes.back() * percent) curve.measure(size);
 }
+
+void RunPoint(const std::string& name, std::size_t size) {
+  for (const Curve& curve : kCurves)
+    if (curve.name == name) curve.measure(size);
+}
+
+}  // namespace
 
 }  // namespace growth
 
 int main(int argc, char** argv) {
-  growth::Run(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 100);
+  if (argc == 3)
+    growth::RunPoint(argv[1], std::strtoul(argv[2], nullptr, 10));
+  else
+    growth::Run(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 100);
   return 0;
 }

@@ -25,6 +25,18 @@ def thinned(points):
     return points[::step]
 
 
+def set_logarithmic(axis, set_scale):
+    """Numbers in full, three to a decade where there are few decades; minor ticks would be half of
+    the file."""
+    from matplotlib import ticker
+    set_scale("log")
+    low, high = axis.get_data_interval()
+    if low > 0 and high / low < 300:
+        axis.set_major_locator(ticker.LogLocator(subs=(1, 2, 5)))
+    axis.set_major_formatter(ticker.StrMethodFormatter("{x:,g}"))
+    axis.set_minor_locator(ticker.NullLocator())
+
+
 def draw(axes, panel, lines, fits):
     title, x_name, y_name, names, is_logarithmic = panel
     for (curve, series), points in lines.items():
@@ -42,8 +54,8 @@ def draw(axes, panel, lines, fits):
     axes.tick_params(labelsize=7)
     axes.grid(True, linewidth=0.3)
     if is_logarithmic:
-        axes.set_xscale("log")
-        axes.set_yscale("log")
+        set_logarithmic(axes.xaxis, axes.set_xscale)
+        set_logarithmic(axes.yaxis, axes.set_yscale)
     else:
         axes.set_ylim(bottom=0)
     if axes.lines:
