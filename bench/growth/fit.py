@@ -49,7 +49,7 @@ def all_fits(rows):
 
 
 def verdict(exponent):
-    return "linear or better" if exponent <= LINEAR else "more than linear"
+    return "linear or better" if exponent <= LINEAR else "more than linear, see below"
 
 
 def table(fits):

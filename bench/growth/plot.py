@@ -17,12 +17,6 @@ PANELS = (
     ("Nesting", "levels", "ns a level", ("nesting",), True),
 )
 COLUMNS = 3
-MOST_POINTS = 240  # of a line; a long run has one each second
-
-
-def thinned(points):
-    step = max(1, len(points) // MOST_POINTS)
-    return points[::step]
 
 
 def set_logarithmic(axis, set_scale):
@@ -45,7 +39,6 @@ def draw(axes, panel, lines, fits):
         label = series
         if (curve, series) in fits:
             label += "  (%.2f)" % fits[curve, series][1]
-        points = thinned(points)
         axes.plot([x for x, _ in points], [y for _, y in points], label=label, linewidth=1.2,
                   marker="o" if len(points) < 30 else None, markersize=3)
     axes.set_title(title, fontsize=10)
