@@ -92,11 +92,14 @@ class TlsConsole {
   std::unique_ptr<SSL, void (*)(SSL*)> ssl_{nullptr, SSL_free};
 };
 
-// Opens `count` consoles one after the other, each in the place of the one before. Those before
-// stay open here, so that the service alone closes them.
+// Opens `count` consoles one after the other, each in the place of the one before, the first in
+// that of one that isn't counted. Those before stay open here, so that the service alone closes
+// them.
 template <class Console>
 int ReplaceConsoles(std::uint16_t port, std::uint64_t count) {
   std::vector<Console> consoles(count);
+  Console before;
+  if (!before.Open(port)) return Broken();
   const Clock::time_point began = Clock::now();
   for (Console& console : consoles)
     if (!console.Open(port)) return Broken();

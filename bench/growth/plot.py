@@ -25,7 +25,7 @@ def set_logarithmic(axis, set_scale):
     from matplotlib import ticker
     set_scale("log")
     low, high = axis.get_data_interval()
-    if low > 0 and high / low < 300:
+    if 0 < low < high < 300 * low:
         axis.set_major_locator(ticker.LogLocator(subs=(1, 2, 5)))
     axis.set_major_formatter(ticker.StrMethodFormatter("{x:,g}"))
     axis.set_minor_locator(ticker.NullLocator())
