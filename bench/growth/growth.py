@@ -55,7 +55,8 @@ def options():
     parser.add_argument("--seconds", type=int, default=60, help="of traffic")
     parser.add_argument("--hour", action="store_const", dest="seconds", const=3600)
     parser.add_argument("--smoke", action="store_true", help="the smallest sizes, 3 s of traffic")
-    parser.add_argument("--out", default=".", help="the folder for growth.csv and growth.svg")
+    parser.add_argument("--out", default="build/growth",
+                        help="the folder for growth.csv and growth.svg")
     parser.add_argument("--keep", action="store_const", dest="out", const=HERE,
                         help="that folder is this program's, and README.md gets the table")
     parser.add_argument("--plot", action="store_true",
@@ -68,6 +69,7 @@ def options():
     if wanted.smoke:
         wanted.rounds, wanted.seconds = 1, 3
     wanted.out = os.path.abspath(wanted.out)
+    os.makedirs(wanted.out, exist_ok=True)
     return wanted
 
 
