@@ -3,9 +3,11 @@
 # five minutes after the build; one table ends the output.
 #   run.sh           builds, then runs
 #   run.sh --built   runs what is built already; STEWARDRY_BIN names another folder of programs
+#   run.sh --growth  how cost grows instead; further options are those of growth/run.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+[ "${1:-}" != --growth ] || exec bench/growth/run.sh "${@:2}"
 if [ "${1:-}" != --built ]; then
   options=(-DSTEWARDRY_BENCH=ON)
   command -v ccache >/dev/null && options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)

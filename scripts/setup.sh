@@ -15,7 +15,8 @@ checks=("${unit[@]}" clang-format clang-tidy strace valgrind "${viewers[@]}")
 windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
-       libmsgpack-cxx-dev libcbor-dev socat haproxy nginx libnginx-mod-stream)
+       libmsgpack-cxx-dev libcbor-dev socat haproxy nginx libnginx-mod-stream
+       python3-matplotlib)
 
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;
