@@ -1,8 +1,8 @@
-// How a pump polls its ring. The firmware gives no signal with an entry, so a pump looks for one:
-// without a pause while entries come and for kEager after the last, then with waits that double up
-// to kLongestMicroseconds. Deliberately not without a pause all the time: an entry after a rest is
-// seen a millisecond later, which nobody who types can observe, while two threads that always poll
-// occupy two processors for as long as somebody looks at the screen.
+// How a pump polls its ring. The firmware gives no signal with an entry, so a pump polls: without a
+// pause while entries come and for kEager after the last, then with waits that double up to
+// kLongestMicroseconds. That is a deliberate choice over polling without any pause: an entry after
+// a rest is delayed by a millisecond, which no person can notice, while two threads that always
+// poll occupy two processors for the whole session.
 #pragma once
 
 #include <atomic>
