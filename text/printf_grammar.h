@@ -38,7 +38,7 @@ class AsciiSet {
   }
   template <class Unit>
   constexpr bool Has(Unit unit) const {
-    const auto value = static_cast<std::uint32_t>(unit);
+    const auto value = static_cast<std::make_unsigned_t<Unit>>(unit);
     return value < isMember_.size() && isMember_[value];
   }
 
