@@ -22,10 +22,11 @@ constexpr std::uint64_t FourTimes(char16_t unit) { return unit * 0x0001000100010
 // a value above 9, see AreDigitValues.
 constexpr std::uint64_t DigitValues(std::uint64_t four) { return four ^ FourTimes(u'0'); }
 
-// Returns true if each of the four values is at most 9. Without a larger value there is no carry
-// between them.
-constexpr bool AreDigitValues(std::uint64_t values) {
-  return ((values | (values + FourTimes(6))) & FourTimes(0xFFF0)) == 0;
+// Returns true if each of the values of all words is at most 9. Without a larger value there is no
+// carry between them.
+template <class... Words>
+constexpr bool AreDigitValues(Words... values) {
+  return (((values | (values + FourTimes(6))) | ...) & FourTimes(0xFFF0)) == 0;
 }
 
 // Returns the number of four digits: the sum of their products with 1000, 100, 10 and 1 is the
@@ -33,5 +34,11 @@ constexpr bool AreDigitValues(std::uint64_t values) {
 constexpr std::uint32_t NumberOfFour(std::uint64_t values) {
   return static_cast<std::uint32_t>((values * 0x03E80064000A0001) >> 48);
 }
+
+// Return the number of the first two digits and that of the last two.
+constexpr std::uint32_t FirstPair(std::uint64_t values) {
+  return static_cast<std::uint32_t>((values & 0xFF) * 10 + (values >> 16 & 0xFF));
+}
+constexpr std::uint32_t SecondPair(std::uint64_t values) { return FirstPair(values >> 32); }
 
 }  // namespace stewardry::cim
