@@ -58,7 +58,8 @@ MARKS = (
     *(("text to %s" % kind, "ns", "less", "number/" + kind,
        {call: "number/%s_%s" % (kind, call), "from_chars": "number/%s_from_chars" % kind}, None,
        (call, 1.0), ("from_chars", 1.2))
-      for kind, call in (("uint64", "strtoull"), ("sint32", "strtol"), ("real64", "strtod"))),
+      for kind, call in (("uint64", "strtoull"), ("sint32", "strtol"), ("real64", "strtod"),
+                         ("real64_long", "strtod"), ("real64_far", "strtod"))),
     ("1000 objects in a batch", "ns each", "less", "arena/batch",
      {"malloc": "arena/malloc", "obstack": "arena/obstack", "protobuf": "arena/protobuf",
       "pmr": "arena/pmr"}, "arena/floor", ("obstack", 1.0), ("pmr", 1.5)),

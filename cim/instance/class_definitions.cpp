@@ -5,6 +5,8 @@
 #include <cassert>
 #include <cstring>
 
+#include "cim/instance/property_table.h"
+
 namespace stewardry::cim {
 namespace {
 
@@ -21,11 +23,14 @@ const Definition* FindByName(const Definition* const* definitions, std::uint32_t
 
 std::int64_t ClassDef_FindProperty(const ClassDef* def, const char16_t* name) {
   if (def == nullptr) return kNoIndex;
+  if (PropertyTable_HasTags(*def))
+    return PropertyTable_Find(def->properties, def->propertyCount, name);
   return Names_Find(def->properties, def->propertyCount, name);
 }
 
 const PropertyDef* ClassDef_GetProperty(const ClassDef* def, const char16_t* name) {
-  return def == nullptr ? nullptr : FindByName(def->properties, def->propertyCount, name);
+  const std::int64_t index = ClassDef_FindProperty(def, name);
+  return index == kNoIndex ? nullptr : def->properties[index];
 }
 
 const ClassDef* MethodDef_AsClass(const MethodDef* method) {

@@ -4,9 +4,11 @@
 #include <bit>
 #include <cassert>
 #include <cstring>
+#include <type_traits>
 
 #include "cim/instance/instance.h"
 #include "cim/instance/operations.h"
+#include "cim/instance/property_table.h"
 
 namespace stewardry::cim {
 namespace {
@@ -19,7 +21,9 @@ Record* AllocRecord(Batch* batch) {
 template <class Record>
 const Record** AllocTable(Batch* batch, std::uint64_t count) {
   assert(count != 0);
-  return static_cast<const Record**>(Batch_AllocZero(batch, count * sizeof(void*)));
+  std::size_t size = count * sizeof(void*);
+  if constexpr (std::is_same_v<Record, PropertyDef>) size = PropertyTable_Size(count);
+  return static_cast<const Record**>(Batch_AllocZero(batch, size));
 }
 
 bool CloneValue(Batch* batch, std::uint32_t type, const void* value, const void** copy) {
@@ -101,11 +105,15 @@ bool FillMethod(Batch* batch, MethodDef* copy, const MethodDef& source) {
 bool FillClass(Batch* batch, ClassDef* copy, const ClassDef& source) {
   copy->size = source.size;
   copy->extension = source.extension;
-  return FillHead(batch, copy, source) &&
-         CopyOptionalText(batch, source.superclassName, &copy->superclassName) &&
-         CloneArray(batch, source.properties, source.propertyCount, &copy->properties,
-                    &copy->propertyCount, FillProperty) &&
-         CloneArray(batch, source.methods, source.methodCount, &copy->methods, &copy->methodCount,
+  if (!FillHead(batch, copy, source) ||
+      !CopyOptionalText(batch, source.superclassName, &copy->superclassName) ||
+      !CloneArray(batch, source.properties, source.propertyCount, &copy->properties,
+                  &copy->propertyCount, FillProperty))
+    return false;
+  // The library made the table, which makes the cast valid.
+  PropertyTable_WriteTags(const_cast<const PropertyDef**>(copy->properties), 0,
+                          copy->propertyCount);
+  return CloneArray(batch, source.methods, source.methodCount, &copy->methods, &copy->methodCount,
                     FillMethod);
 }
 
@@ -275,6 +283,7 @@ ClassDef* DynamicDef_Copy(const ClassDef* def, Batch* batch) {
     properties[i] = PropertyDef_CopyShallow(batch, PropertyDef_CommonPart(source.properties, i));
     if (properties[i] == nullptr) return nullptr;
   }
+  PropertyTable_WriteTags(properties, 0, source.propertyCount);
   return copy;
 }
 

@@ -1,6 +1,7 @@
 // The properties of an instance: the operations table with the calls through it, arrays filled by
 // elements, and keys.
 #include <algorithm>
+#include <bit>
 #include <cassert>
 #include <cstring>
 #include <limits>
@@ -10,6 +11,7 @@
 #include "cim/instance/instance.h"
 #include "cim/instance/instance_body.h"
 #include "cim/instance/operations.h"
+#include "cim/instance/property_table.h"
 #include "cim/value/names.h"
 
 namespace stewardry::cim {
@@ -160,8 +162,10 @@ Instance* ReserveSlot(Instance* wrapper, ClassDef* def) {
   assert(wrapper != body && body->def == def && def->owner == kOwnerDynamic);
   const std::uint32_t count = def->propertyCount;
   if (count < DynamicDef_Capacity(count)) return body;
-  const std::uint64_t oldTable = std::uint64_t{count} * sizeof(void*);
-  void* table = Batch_Realloc(body->batch, def->properties, oldTable, 2 * oldTable);
+  // The tags stay valid for `count` properties, in places of which the next one takes the first.
+  const std::uint64_t oldTable = PropertyTable_Size(count);
+  void* table = Batch_Realloc(body->batch, def->properties, oldTable,
+                              PropertyTable_Size(2 * std::uint64_t{count}));
   if (table == nullptr) return nullptr;
   const std::uint64_t oldSize = DynamicBodySize(count) + sizeof(InstanceHeader);
   const std::uint64_t newSize = DynamicBodySize(2 * std::uint64_t{count}) + sizeof(InstanceHeader);
@@ -191,8 +195,12 @@ PropertyDef* MakeProperty(Batch* batch, const char16_t* name, std::uint32_t type
 // Appends the property as a null. Requires a reserved slot.
 void AppendProperty(Instance* body, ClassDef* def, PropertyDef* property) {
   assert(property->offset == DynamicBodySize(def->propertyCount) && def->size == property->offset);
-  const_cast<const PropertyDef**>(def->properties)[def->propertyCount] = property;
-  ++def->propertyCount;
+  auto** table = const_cast<const PropertyDef**>(def->properties);
+  const std::uint32_t count = def->propertyCount++;
+  table[count] = property;
+  // A table that has just grown has its tags elsewhere.
+  const bool hasGrown = std::has_single_bit(count) && count >= INSTANCE_MIN_CAPACITY;
+  PropertyTable_WriteTags(table, hasGrown ? 0 : count, count + 1);
   def->size += DYNAMIC_SLOT_SIZE;
   std::memset(static_cast<void*>(Instance_Slot(body, *property)), 0, DYNAMIC_SLOT_SIZE);
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cim/text/number_scan.h"
+#include "cim/value/fixed_digits.h"
 
 namespace stewardry::cim {
 namespace {
@@ -101,22 +102,38 @@ bool HasFixedLength(const char16_t* text, std::index_sequence<Place...>) {
   return ((text[Place] != 0) && ...) && text[kFixedLength] == 0;
 }
 
+// Read the fields of a fixed form one by one: the usual text does not come here, and shall not pay
+// for the registers that this needs.
+[[gnu::noinline]] int ReadInterval(const char16_t* text, Interval* interval) {
+  *interval = Interval{};
+  return ReadFields<kIntervalFields>(text, interval) ? 0 : -1;
+}
+
+[[gnu::noinline]] int ReadTimestamp(const char16_t* text, Timestamp* timestamp) {
+  *timestamp = Timestamp{};
+  if (!ReadFields<kTimestampFields>(text, timestamp)) return -1;
+  std::uint32_t offset = 0;
+  if (Datetime_ReadField(text, kOffsetPosition, kOffsetWidth, &offset) != 0) return -1;
+  const bool west = text[kSignPosition] == u'-';
+  timestamp->utcOffset = static_cast<std::int32_t>(west ? 0 - offset : offset);
+  return 0;
+}
+
 int ParseFixedInterval(const char16_t* text, CimDatetime* value) {
-  value->timestampForm = 0;
-  value->interval = Interval{};
-  if (!ReadFields<kIntervalFields>(text, &value->interval)) return -1;
   const std::u16string_view tail(text + kOffsetPosition, kOffsetWidth);
-  return tail == u"000" ? 0 : -1;
+  if (tail != u"000") return -1;
+  value->timestampForm = 0;
+  const FixedDigits digits = FixedDigits_Of(text);
+  if (!FixedDigits_AreAll(digits)) return ReadInterval(text, &value->interval);
+  value->interval = IntervalOf(digits);
+  return 0;
 }
 
 int ParseFixedTimestamp(const char16_t* text, CimDatetime* value) {
   value->timestampForm = 1;
-  value->timestamp = Timestamp{};
-  if (!ReadFields<kTimestampFields>(text, &value->timestamp)) return -1;
-  std::uint32_t offset = 0;
-  if (Datetime_ReadField(text, kOffsetPosition, kOffsetWidth, &offset) != 0) return -1;
-  const bool west = text[kSignPosition] == u'-';
-  value->timestamp.utcOffset = static_cast<std::int32_t>(west ? 0 - offset : offset);
+  const FixedDigits digits = FixedDigits_Of(text);
+  if (!FixedDigits_AreAll(digits)) return ReadTimestamp(text, &value->timestamp);
+  value->timestamp = TimestampOf(digits, text[kSignPosition] == u'-');
   return 0;
 }
 

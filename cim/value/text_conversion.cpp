@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cassert>
 #include <charconv>
-#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <system_error>
 
 #include "cim/memory/heap.h"
+#include "cim/text/decimal_real.h"
+#include "cim/text/four_units.h"
 #include "cim/text/number_scan.h"
 #include "cim/value/datetime.h"
 #include "cim/value/names.h"
@@ -30,17 +33,11 @@ int ConvertWhole(const char16_t* text, Value* value) {
 class NarrowNumber {
  public:
   // Has no digits if a unit is not ASCII, or if allocation for a long text fails.
-  explicit NarrowNumber(const char16_t* text) {
-    std::size_t length = 0;
-    while (length < sizeof buffer_ && text[length] != 0) {
-      buffer_[length] = static_cast<char>(text[length]);
-      seen_ |= text[length++];
-    }
-    if (length == sizeof buffer_) {
-      ReadLong(text);
-    } else if (seen_ < 128) {
-      digits_ = std::string_view(buffer_, length);
-    }
+  explicit NarrowNumber(std::u16string_view text) {
+    char* narrow = buffer_;
+    if (text.size() >= sizeof buffer_)
+      narrow = block_ = static_cast<char*>(Heap_Allocate(text.size()));
+    if (narrow != nullptr && Narrow(text, narrow)) digits_ = std::string_view(narrow, text.size());
   }
   NarrowNumber(const NarrowNumber&) = delete;
   NarrowNumber& operator=(const NarrowNumber&) = delete;
@@ -49,19 +46,25 @@ class NarrowNumber {
   std::string_view Digits() const { return digits_; }
 
  private:
-  void ReadLong(const char16_t* text) {
-    const std::u16string_view units(text);
-    block_ = static_cast<char*>(Heap_Allocate(units.size()));
-    if (block_ == nullptr) return;
-    for (std::size_t i = 0; i < units.size(); ++i) {
-      block_[i] = static_cast<char>(units[i]);
-      seen_ |= units[i];
+  // Returns false if a unit is not ASCII.
+  static bool Narrow(std::u16string_view text, char* narrow) {
+    std::uint64_t seen = 0;  // the bits of all units
+    std::size_t i = 0;
+    for (; text.size() - i >= 4; i += 4) {
+      const std::uint64_t four = LoadFourUnits(text.data() + i);
+      seen |= four;
+      const std::uint64_t pairs = (four | four >> 8) & 0x0000FFFF0000FFFF;
+      const auto packed = static_cast<std::uint32_t>(pairs | pairs >> 16);
+      std::memcpy(narrow + i, &packed, sizeof packed);
     }
-    if (seen_ < 128) digits_ = std::string_view(block_, units.size());
+    for (; i < text.size(); ++i) {
+      narrow[i] = static_cast<char>(text[i]);
+      seen |= text[i];
+    }
+    return (seen & FourTimes(0xFF80)) == 0;
   }
 
   char buffer_[120];
-  std::uint32_t seen_ = 0;  // the bits of all units
   char* block_ = nullptr;
   std::string_view digits_;
 };
@@ -105,6 +108,14 @@ bool ReadMagnitude(std::string_view digits, double* magnitude) {
     *magnitude = IsTooLarge(digits, hex) ? std::numeric_limits<double>::infinity() : 0.0;
   }
   return true;
+}
+
+// Reads as ReadMagnitude from 16-bit text, of which the units before `end` are no terminators. The
+// usual numbers do not come here, and shall not pay for the buffer.
+[[gnu::noinline]] bool ReadNarrow(const char16_t* text, const char16_t* end, double* magnitude) {
+  const std::size_t length =
+      static_cast<std::size_t>(end - text) + std::char_traits<char16_t>::length(end);
+  return ReadMagnitude(NarrowNumber({text, length}).Digits(), magnitude);
 }
 
 // Adapts a converter to the table's form.
@@ -168,9 +179,13 @@ int Text_ToReal64(const char16_t* text, double* value) {
   while (IsBlankUnit(*text)) ++text;
   const bool negative = *text == u'-';
   if (negative || *text == u'+') ++text;
-  const NarrowNumber number(text);
+  const ScannedDecimal number = ScanReal(text);
   double magnitude = 0;
-  if (!ReadMagnitude(number.Digits(), &magnitude)) return -1;
+  if (*number.end == 0 && number.isExact && std::abs(number.exponent) <= kMostPower) {
+    magnitude = NearestReal(number.digits, number.exponent);
+  } else if (!ReadNarrow(text, number.end, &magnitude)) {
+    return -1;
+  }
   *value = negative ? -magnitude : magnitude;
   return 0;
 }

@@ -169,6 +169,33 @@ TEST(InstanceTest, AFailedChangeLeavesTheOldContent) {
   EXPECT_EQ(NamesOf(made), u"New--new");
 }
 
+TEST(InstanceTest, EveryNameIsFoundInEachFormOfDefinition) {
+  const auto expectFound = [](const ClassDef* def) {
+    for (std::uint32_t i = 0; i < def->propertyCount; ++i)
+      EXPECT_EQ(ClassDef_FindProperty(def, def->properties[i]->name), i);
+    for (const char16_t* none : {u"p", u"P130", u"", static_cast<const char16_t*>(nullptr)})
+      EXPECT_EQ(ClassDef_FindProperty(def, none), kNoIndex);
+  };
+  OwnBatch batch(0);
+  Owned made;
+  ASSERT_EQ(Instance_CreateDynamic(made.Out(), u"Fan", FLAG_CLASS, &batch), RESULT_OK);
+  for (unsigned i = 0; i < 130; ++i)
+    for (HeapSweep sweep; sweep.Next(); expectFound(made->body->def)) {
+      const Result result = sweep.Run([&] { return AddNumbered(made, i); });
+      EXPECT_EQ(result, sweep.HasRefused() ? RESULT_FAILED : RESULT_OK);
+    }
+  ClassDef schema = *made->body->def;
+  schema.owner = kOwnerNone;
+  schema.superclass = made->body->def;
+  expectFound(&schema);
+  ClassObject* object = nullptr;
+  ASSERT_EQ(Class_FromDef(&schema, nullptr, nullptr, &object), RESULT_OK);
+  expectFound(object->def);
+  expectFound(object->def->superclass);
+  EXPECT_EQ(object->def->superclass->owner, kOwnerDynamic);
+  EXPECT_EQ(Class_Delete(object), RESULT_OK);
+}
+
 TEST(InstanceTest, AnArrayIsFilledElementByElement) {
   Owned made(u"Fan", {{u"Texts", CIM_STRINGA, {}}, {u"Refs", CIM_REFERENCEA, {}}});
   made.Add({u"Words", CIM_UINT16A, {}});

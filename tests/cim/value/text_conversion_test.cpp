@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -99,6 +100,10 @@ TEST(TextConversionTest, RealNumbersOutOfRangeAreInfiniteOrZero) {
       {u"", 0.0},     {u" +3.25", 3.25},  {u".5", 0.5},      {u"5.", 5.0},       {u"-1e-3", -0.001},
       {u"010", 10.0}, {u"-0X.8P1", -1.0}, {u"1e308", 1e308}, {u"5e-324", 5e-324}};
   for (const auto& [text, value] : rows) ExpectReal(text, value);
+  for (const std::string text :
+       {"0e99", "0.30000000000000004", "9007199254740993", "9007199254740995", "1e-27", "1e28",
+        "9999999999999999999e-27", "9.999999999999999999E+45", "18446744073709551616", "7.e0027"})
+    ExpectReal(std::u16string(text.begin(), text.end()), std::strtod(text.c_str(), nullptr));
   for (const auto& text : {u"1" + zeros(400) + u"e-400", u"0." + zeros(399) + u"1e400"})
     ExpectReal(text, 1.0);
   for (const auto& text : {u"inf"s, u"Infinity"s, u"1e309"s, u"1e99999999999999999999"s,
