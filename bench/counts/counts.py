@@ -28,8 +28,11 @@ GAIN = 0.90
 FEW = 0.15
 # These depend on who runs first, as a thread finds its work or waits for it: they get more room.
 SCHEDULED = ("clock_nanosleep", "epoll_pwait2", "epoll_wait", "futex", "poll", "ppoll", "read",
-             "restart_syscall", "sched_yield", "timerfd_settime")
+             "recvmsg", "restart_syscall", "sched_yield", "timerfd_settime")
 SCHEDULED_ROOM, SCHEDULED_FEW = 1.5, 1.0
+# A thread that receives what another waits for writes to the other's eventfd, at most once a frame
+# and once an answer, and not where the other looks first.
+RINGS = 1.0
 # A chunk may arrive in pieces, each of which is a request. A call more for each request is seen in
 # the trips of 64 bytes.
 PIECES_ROOM = 1.5
@@ -124,7 +127,8 @@ def compare(row, unit, was, now, most):
 def most_calls(row, call, was):
     if call in SCHEDULED:
         return was * SCHEDULED_ROOM + SCHEDULED_FEW
-    return was * (PIECES_ROOM if row.endswith("chunk") else ROOM) + FEW
+    few = FEW + (RINGS if call == "write" else 0)
+    return was * (PIECES_ROOM if row.endswith("chunk") else ROOM) + few
 
 
 def calls_and_bounds(table, row, now):
