@@ -32,7 +32,7 @@ SCHEDULED = ("clock_nanosleep", "epoll_pwait2", "epoll_wait", "futex", "poll", "
 SCHEDULED_ROOM, SCHEDULED_FEW = 1.5, 1.0
 # A thread that receives what another waits for writes to the other's eventfd, at most once a frame
 # and once an answer, and not where the other looks first.
-RINGS = 1.0
+WAKES = 1.0
 # A chunk may arrive in pieces, each of which is a request. A call more for each request is seen in
 # the trips of 64 bytes.
 PIECES_ROOM = 1.5
@@ -127,7 +127,7 @@ def compare(row, unit, was, now, most):
 def most_calls(row, call, was):
     if call in SCHEDULED:
         return was * SCHEDULED_ROOM + SCHEDULED_FEW
-    few = FEW + (RINGS if call == "write" else 0)
+    few = FEW + (WAKES if call == "write" else 0)
     return was * (PIECES_ROOM if row.endswith("chunk") else ROOM) + few
 
 

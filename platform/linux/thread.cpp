@@ -82,7 +82,7 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   record.ended = true;
   record.exitCode = exitCode;
   if (record.waitingOn != nullptr) record.waitingOn->notify_all();
-  for (const int descriptor : {record.endDescriptor, record.bell}) {
+  for (const int descriptor : {record.endDescriptor, record.wakeDescriptor}) {
     const std::uint64_t one = 1;
     if (descriptor >= 0) [[maybe_unused]]
       const ssize_t written = ::write(descriptor, &one, sizeof one);

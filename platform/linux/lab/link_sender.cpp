@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "lablink/messages.h"
-#include "platform/linux/lab/link_seat.h"
+#include "platform/linux/lab/link_wait.h"
 
 namespace platform {
 
@@ -83,7 +83,7 @@ void LinkSender::KeepRest(std::span<const iovec> parts, std::size_t sent) {
   assert(sent == 0);
   if (outbox_.size() == before) return;
   hasOutbox_.store(true, std::memory_order_relaxed);
-  SignalDescriptor(bell_);
+  SignalDescriptor(wake_);
 }
 
 void LinkSender::Flush() {

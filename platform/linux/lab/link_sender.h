@@ -16,9 +16,9 @@ namespace platform {
 
 class LinkSender {
  public:
-  // `bell` is an eventfd that is signalled when the outbox begins to hold something. Both
+  // `wake` is an eventfd that is signalled when the outbox begins to hold something. Both
   // descriptors stay the caller's.
-  LinkSender(int socket, int bell) : socket_(socket), bell_(bell) {}
+  LinkSender(int socket, int wake) : socket_(socket), wake_(wake) {}
   LinkSender(const LinkSender&) = delete;
   LinkSender& operator=(const LinkSender&) = delete;
 
@@ -45,7 +45,7 @@ class LinkSender {
   void KeepRest(std::span<const iovec> parts, std::size_t sent);
 
   const int socket_;
-  const int bell_;
+  const int wake_;
 
   std::mutex lock_;       // of the thread that sends; never held together with WaitLock
   std::string outbox_;    // under lock_: bytes that the socket didn't take
@@ -55,7 +55,7 @@ class LinkSender {
   std::string held_;     // under heldLock_: reports of reads that wait for the next message
 
   // Relaxed: a report that is sent at once or held for a millisecond too long does no harm, and the
-  // bell follows the store to hasOutbox_.
+  // wake-up follows the store to hasOutbox_.
   std::atomic<bool> holdReads_{false};
   std::atomic<bool> hasOutbox_{false};
 };

@@ -73,7 +73,7 @@ MailboxLink::MailboxLink(int descriptor)
 MailboxLink::~MailboxLink() {
   stopping_.store(true, std::memory_order_release);
   SignalDescriptor(stop_.Value());
-  backstopSeat_.Ring();
+  backstopWait_.Wake();
   thread_.join();
 }
 
@@ -160,53 +160,54 @@ bool MailboxLink::Cancel(std::uint64_t handle, RequestRecord* record) {
   return found || !cancelled.empty();
 }
 
-// Occupies a seat while it lives, with WaitLock released meanwhile.
-class MailboxLink::SeatUse {
+// Occupies a LinkWait while it lives, with WaitLock released meanwhile.
+class MailboxLink::WaitUse {
  public:
-  SeatUse(MailboxLink* link, LinkSeat* seat, std::unique_lock<std::mutex>* lock)
-      : link_(link), seat_(seat), lock_(lock) {
-    assert(lock_->owns_lock() && !seat_->taken);
-    seat_->taken = true;
-    CurrentThread().bell = seat_->BellDescriptor();
+  WaitUse(MailboxLink* link, LinkWait* wait, std::unique_lock<std::mutex>* lock)
+      : link_(link), wait_(wait), lock_(lock) {
+    assert(lock_->owns_lock() && !wait_->taken);
+    wait_->taken = true;
+    CurrentThread().wakeDescriptor = wait_->WakeDescriptor();
     lock_->unlock();
   }
-  SeatUse(const SeatUse&) = delete;
-  SeatUse& operator=(const SeatUse&) = delete;
-  ~SeatUse() {
+  WaitUse(const WaitUse&) = delete;
+  WaitUse& operator=(const WaitUse&) = delete;
+  ~WaitUse() {
     lock_->lock();
-    seat_->taken = false;
-    CurrentThread().bell = -1;
+    wait_->taken = false;
+    CurrentThread().wakeDescriptor = -1;
     link_->PassOn();
   }
 
  private:
   MailboxLink* const link_;
-  LinkSeat* const seat_;
+  LinkWait* const wait_;
   std::unique_lock<std::mutex>* const lock_;
 };
 
 bool MailboxLink::RequestTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                               Deadline deadline) {
-  return Turn(&requestSeat_, lock, wakeup, deadline);
+  return Turn(&requestWait_, lock, wakeup, deadline);
 }
 
 bool MailboxLink::ReadTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                            Deadline deadline) {
-  return Turn(&readSeat_, lock, wakeup, deadline);
+  return Turn(&readWait_, lock, wakeup, deadline);
 }
 
-// A second thread at a seat waits like any other: the thread that serves its completion wakes it.
-bool MailboxLink::Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock,
+// A second thread at one LinkWait waits like any other: the thread that serves its completion wakes
+// it.
+bool MailboxLink::Turn(LinkWait* wait, std::unique_lock<std::mutex>& lock,
                        std::condition_variable& wakeup, Deadline deadline) {
   assert(lock.owns_lock() && lock.mutex() == &WaitLock());
-  if (gone_ || seat->taken) return WaitTurn(lock, wakeup, deadline);
+  if (gone_ || wait->taken) return WaitTurn(lock, wakeup, deadline);
   LeaveIfEndedLocked(CurrentThread());
-  LinkSeat::Woken woken{unread_, unread_};
-  seat->asleep.store(!unread_, std::memory_order_relaxed);
-  const bool holdsReads = seat == &readSeat_ && sender_.HoldsReads();
+  LinkWait::Woken woken{unread_, unread_};
+  wait->asleep.store(!unread_, std::memory_order_relaxed);
+  const bool holdsReads = wait == &readWait_ && sender_.HoldsReads();
   {
-    const SeatUse use(this, seat, &lock);
-    if (!woken.any) woken = seat->Sleep(holdsReads ? kHoldReadsMs : MillisecondsUntil(deadline));
+    const WaitUse use(this, wait, &lock);
+    if (!woken.any) woken = wait->Sleep(holdsReads ? kHoldReadsMs : MillisecondsUntil(deadline));
     if (woken.readable) ReadOnce();
     if (!woken.any && holdsReads) sender_.HoldReads(false);
   }
@@ -217,22 +218,29 @@ bool MailboxLink::Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock,
 // Under WaitLock: bytes that were left unread wake no thread by themselves.
 void MailboxLink::PassOn() {
   if (!unread_) return;
-  for (LinkSeat* seat : {&requestSeat_, &readSeat_})
-    if (seat->asleep.load(std::memory_order_relaxed)) return seat->Ring();
-  if (!std::exchange(backstopRung_, true)) backstopSeat_.Ring();
+  for (LinkWait* wait : {&requestWait_, &readWait_})
+    if (wait->asleep.load(std::memory_order_relaxed)) return wait->Wake();
+  if (!std::exchange(backstopWoken_, true)) backstopWait_.Wake();
 }
 
 // Bytes that arrive while every other thread works wake the backstop. A working thread is about to
 // receive them in most cases, so the backstop pauses first.
 void MailboxLink::RunBackstop() {
   while (!stopping_.load(std::memory_order_acquire)) {
-    (void)backstopSeat_.Sleep(-1);
+    (void)backstopWait_.Sleep(-1);
     do {
       const std::uint64_t before = Receipts();
       AwaitRoomOrPause();
       if (MustRead(before)) ReadOnce();
-    } while (sender_.HasOutbox() && !stopping_.load(std::memory_order_acquire));
+    } while ((HasUnread() || sender_.HasOutbox()) && !stopping_.load(std::memory_order_acquire));
   }
+}
+
+// Returns whether bytes are left. If not, the next thread that leaves some wakes the backstop.
+bool MailboxLink::HasUnread() {
+  std::lock_guard guard(WaitLock());
+  backstopWoken_ = unread_;
+  return unread_;
 }
 
 std::uint64_t MailboxLink::Receipts() {
@@ -240,13 +248,11 @@ std::uint64_t MailboxLink::Receipts() {
   return receipts_;
 }
 
-// Returns whether the backstop has to receive: no thread waits, and none has received since. A
-// thread that has received passes on what it left.
+// Returns whether the backstop has to receive: no thread waits, and none has received since.
 bool MailboxLink::MustRead(std::uint64_t receiptsBefore) {
   std::lock_guard guard(WaitLock());
-  backstopRung_ = false;
-  const bool isServed = requestSeat_.asleep.load(std::memory_order_relaxed) ||
-                        readSeat_.asleep.load(std::memory_order_relaxed);
+  const bool isServed = requestWait_.asleep.load(std::memory_order_relaxed) ||
+                        readWait_.asleep.load(std::memory_order_relaxed);
   return !gone_ && !isServed && receipts_ == receiptsBefore;
 }
 
@@ -393,7 +399,7 @@ void MailboxLink::FinishRequest(Notices* notices, RequestRecord* record, std::ui
                                 std::uint32_t bytes) {
   FinishRecord(&notices->wakes, record, error, bytes);
   notices->any = true;
-  notices->request = notices->request || requestSeat_.asleep.load(std::memory_order_relaxed);
+  notices->request = notices->request || requestWait_.asleep.load(std::memory_order_relaxed);
 }
 
 // Under WaitLock.
@@ -404,7 +410,7 @@ void MailboxLink::FinishRead(Notices* notices, const Armed& read, std::uint32_t 
   if (read.port == nullptr) return;
   read.port->queue.push_back({read.record, bytes, error});
   notices->wakes.Add(read.port->changed);
-  notices->read = notices->read || readSeat_.asleep.load(std::memory_order_relaxed);
+  notices->read = notices->read || readWait_.asleep.load(std::memory_order_relaxed);
 }
 
 void MailboxLink::SendMemory(const lablink::Message& message) {

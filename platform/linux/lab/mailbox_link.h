@@ -34,8 +34,8 @@
 #include "lablink/messages.h"
 #include "platform/device.h"
 #include "platform/linux/lab/link_receiver.h"
-#include "platform/linux/lab/link_seat.h"
 #include "platform/linux/lab/link_sender.h"
+#include "platform/linux/lab/link_wait.h"
 #include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/event_state.h"
 
@@ -106,7 +106,7 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
   bool ReadTurn(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                 Deadline deadline);
   // Makes the thread in ReadTurn check its port: something was posted to it.
-  void WakeReader() { readSeat_.Ring(); }
+  void WakeReader() { readWait_.Wake(); }
 
  private:
   struct Pending {
@@ -131,8 +131,8 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
     Notices(const Notices&) = delete;
     Notices& operator=(const Notices&) = delete;
     ~Notices() {
-      if (request) link->requestSeat_.Ring();
-      if (read) link->readSeat_.Ring();
+      if (request) link->requestWait_.Wake();
+      if (read) link->readWait_.Wake();
     }
     MailboxLink* const link;
     Wakes wakes;
@@ -140,13 +140,14 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
     bool request = false;
     bool read = false;
   };
-  class SeatUse;
+  class WaitUse;
 
-  bool Turn(LinkSeat* seat, std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
+  bool Turn(LinkWait* wait, std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
             Deadline deadline);
   void PassOn();
   void RunBackstop();
   std::uint64_t Receipts();
+  bool HasUnread();
   bool MustRead(std::uint64_t receiptsBefore);
   void AwaitRoomOrPause();
   void ReadOnce();
@@ -167,10 +168,10 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
   const Descriptor socket_;
   const Descriptor stop_;  // an eventfd: ends the backstop's pause
   // In the order in which they are served.
-  LinkSeat requestSeat_{socket_.Value()};
-  LinkSeat readSeat_{socket_.Value()};
-  LinkSeat backstopSeat_{socket_.Value()};
-  LinkSender sender_{socket_.Value(), backstopSeat_.BellDescriptor()};
+  LinkWait requestWait_{socket_.Value()};
+  LinkWait readWait_{socket_.Value()};
+  LinkWait backstopWait_{socket_.Value()};
+  LinkSender sender_{socket_.Value(), backstopWait_.WakeDescriptor()};
 
   std::mutex readLock_;
   LinkReceiver receiver_;
@@ -180,7 +181,7 @@ class MailboxLink : public Completer, public std::enable_shared_from_this<Mailbo
   std::vector<std::uint8_t> rescue_;
 
   bool unread_ = false;         // the last thread that received has left bytes
-  bool backstopRung_ = false;   // since its last pause
+  bool backstopWoken_ = false;  // until it has found nothing unread
   std::uint64_t receipts_ = 0;  // calls of ReadOnce
   bool gone_ = false;
   std::map<std::uint64_t, Pending> pending_;

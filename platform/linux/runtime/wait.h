@@ -5,7 +5,8 @@
 // Invariants:
 // 1. WaitLock() guards the state of every waitable object (events, threads, requests, completion
 //    ports) and of every thread's record. It is held for a few instructions only.
-// 2. A waiting thread has set waitingOn or bell in its record, so that the thread that ends it can
+// 2. A waiting thread has set waitingOn or wakeDescriptor in its record, so that the thread that
+// ends it can
 //    wake it.
 // 3. A thread that already unwinds doesn't leave again, nor does one in a StayInThread: destructors
 //    may wait, and finish.
@@ -28,8 +29,8 @@ struct ThreadEnd {};
 struct ThreadRecord {
   std::condition_variable finished;  // signalled when the thread has exited
   std::condition_variable* waitingOn = nullptr;
-  int endDescriptor = -1;  // an eventfd, readable once the thread is to end
-  int bell = -1;           // under WaitLock: an eventfd that wakes the thread where it sleeps
+  int endDescriptor = -1;   // an eventfd, readable once the thread is to end
+  int wakeDescriptor = -1;  // under WaitLock: an eventfd that wakes the thread where it sleeps
   // The end mark. Written under WaitLock. Relaxed: a reader without the lock checks again with it.
   std::atomic<bool> ended{false};
   bool running = true;

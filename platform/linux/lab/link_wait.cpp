@@ -1,4 +1,4 @@
-#include "platform/linux/lab/link_seat.h"
+#include "platform/linux/lab/link_wait.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -10,7 +10,7 @@ namespace platform {
 
 namespace {
 
-enum Source : std::uint32_t { kSocket, kBell };
+enum Source : std::uint32_t { kSocket, kWake };
 
 bool Add(int epoll, int descriptor, std::uint32_t events, Source source) {
   epoll_event entry{};
@@ -21,23 +21,23 @@ bool Add(int epoll, int descriptor, std::uint32_t events, Source source) {
 
 }  // namespace
 
-LinkSeat::LinkSeat(int socket)
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), bell_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+LinkWait::LinkWait(int socket)
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   // Without descriptors the link has no reader, and its users wait as for a silent firmware.
   (void)Add(epoll_.Value(), socket, EPOLLIN | EPOLLEXCLUSIVE, kSocket);
-  (void)Add(epoll_.Value(), bell_.Value(), EPOLLIN | EPOLLET, kBell);
+  (void)Add(epoll_.Value(), wake_.Value(), EPOLLIN | EPOLLET, kWake);
 }
 
-LinkSeat::Woken LinkSeat::Sleep(int timeoutMs) {
+LinkWait::Woken LinkWait::Sleep(int timeoutMs) {
   epoll_event seen[2];
   const int count = ::epoll_wait(epoll_.Value(), seen, 2, timeoutMs);
   asleep.store(false, std::memory_order_relaxed);
-  Woken woken{false, count != 0};  // an interrupted wait counts as a ring
+  Woken woken{false, count != 0};  // an interrupted wait counts as a wake-up
   for (int i = 0; i < count; ++i) woken.readable = woken.readable || seen[i].data.u32 == kSocket;
   return woken;
 }
 
-void LinkSeat::Ring() { SignalDescriptor(bell_.Value()); }
+void LinkWait::Wake() { SignalDescriptor(wake_.Value()); }
 
 void SignalDescriptor(int descriptor) {
   const std::uint64_t one = 1;
