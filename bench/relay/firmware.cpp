@@ -42,8 +42,8 @@ constexpr Trailer kKvmData = {stewardry::ORRIN_TAVRIN_CMD_KVM_DATA, 0};
 constexpr Trailer kKvmOn = {stewardry::ORRIN_TAVRIN_CMD_KVM_ENABLE_STATUS, 0};
 constexpr Trailer kKvmPeer = {stewardry::ORRIN_TAVRIN_CMD_KVM_IP_PORT_INFO, 0};
 constexpr std::uint64_t kAnyPeer = 0;  // address and port
-// Whole pages: a TCP stream goes on in the page where the frame before ended, and a copy that begins
-// a few bytes into a page is many times slower.
+// Whole pages: a TCP stream goes on in the page where the frame before ended, and a copy that
+// begins a few bytes into a page is many times slower.
 constexpr std::size_t kLongestPayload = (lablink::kMaxFrame - sizeof(Trailer)) / kPage * kPage;
 constexpr std::uint32_t kGeneralFailure = 31;     // ERROR_GEN_FAILURE
 constexpr std::uint64_t kSomeAddress[] = {1, 0};  // replaced by the mailbox end
