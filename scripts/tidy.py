@@ -93,7 +93,9 @@ def changed(sources):
         with open(os.path.join(ROOT, source), encoding="utf-8") as file:
             return source in files or not headers.isdisjoint(
                 re.findall(r'^#include "([^"]+)"', file.read(), re.M))
-    return [source for source in sources if concerned(source)]
+    # A database may name a source that has been renamed since the preset was built.
+    present = [source for source in sources if os.path.exists(os.path.join(ROOT, source))]
+    return [source for source in present if concerned(source)]
 
 
 def check(source, analysis):
