@@ -66,9 +66,10 @@ TEST_F(BatchTest, CopiesKeepTheirContentAndUnusedBytesOfAPageAreZero) {
   EXPECT_EQ(std::u16string(Batch_WidenText(&batch_, "a\xE9")), u"a\xFFE9");
   EXPECT_STREQ(Batch_NarrowText(&batch_, u"a\u20ACz"), "a\xACz");
   const TextRecord record = {{"1", nullptr, "3", "4", "5"}, 6, "7"};
-  const TextRecord* copy = Batch_CloneTextRecord(&batch_, &record);
+  TextRecord* copy = Batch_CloneTextRecord(&batch_, &record);
   EXPECT_STREQ(copy->texts[4], "5");
   EXPECT_EQ(copy->texts[1], nullptr);
+  *copy = {};  // an address may contain the byte that is counted below
   char* grown = static_cast<char*>(Batch_Realloc(&batch_, "1234567", 8, 1000));
   EXPECT_EQ(std::string(grown, 1000), "1234567" + std::string(993, '\0'));
   EXPECT_NE(Batch_AllocZero(&batch_, 1), Batch_Realloc(&batch_, "c", 1, 1));
