@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/event.h"
+#include "platform/linux/runtime/descriptor.h"
 #include "platform/linux/runtime/gate.h"
 #include "platform/linux/runtime/last_error.h"
 #include "platform/linux/runtime/wait.h"
@@ -82,11 +83,8 @@ bool TerminateThread(const Thread& thread, std::uint32_t exitCode) {
   record.ended = true;
   record.exitCode = exitCode;
   if (record.waitingOn != nullptr) record.waitingOn->notify_all();
-  for (const int descriptor : {record.endDescriptor, record.wakeDescriptor}) {
-    const std::uint64_t one = 1;
-    if (descriptor >= 0) [[maybe_unused]]
-      const ssize_t written = ::write(descriptor, &one, sizeof one);
-  }
+  SignalDescriptor(record.endDescriptor);
+  SignalDescriptor(record.wakeDescriptor);
   if (&record == &CurrentThread()) throw ThreadEnd{};
   return true;
 }

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "lablink/messages.h"
-#include "platform/linux/lab/link_wait.h"
+#include "platform/linux/runtime/descriptor.h"
 
 namespace platform {
 

@@ -2,7 +2,6 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cstdint>
 
@@ -38,10 +37,5 @@ LinkWait::Woken LinkWait::Sleep(int timeoutMs) {
 }
 
 void LinkWait::Wake() { SignalDescriptor(wake_.Value()); }
-
-void SignalDescriptor(int descriptor) {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(descriptor, &one, sizeof one);
-}
 
 }  // namespace platform

@@ -38,7 +38,4 @@ class LinkWait {
   const Descriptor wake_;  // an eventfd; edge-triggered, so it is never reset
 };
 
-// Signals an eventfd. A failure means that it is signalled already.
-void SignalDescriptor(int descriptor);
-
 }  // namespace platform

@@ -26,6 +26,13 @@ class Descriptor {
   const int value_;
 };
 
+// Signals an eventfd; does nothing for a negative one. A failure means that it is signalled
+// already.
+inline void SignalDescriptor(int descriptor) {
+  const std::uint64_t one = 1;
+  if (descriptor >= 0) (void)!::write(descriptor, &one, sizeof one);
+}
+
 // Returns the raw handle of an open descriptor. Descriptors 0 to 2 are occupied from the start, so
 // the handle is never null.
 inline RawHandle HandleOf(int descriptor) {
