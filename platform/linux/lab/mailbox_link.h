@@ -73,7 +73,7 @@ struct PortState {
   std::weak_ptr<MailboxLink> link;  // of the handle that is bound to it
 };
 
-class MailboxLink : public Completer, public std::enable_shared_from_this<MailboxLink> {
+class MailboxLink final : public Completer, public std::enable_shared_from_this<MailboxLink> {
  public:
   // Returns the link to the firmware that listens on the Unix socket `path`, the same one while any
   // handle uses it. Null, with the last error set, if the socket has no listener.
