@@ -1,0 +1,42 @@
+// What can be seen of the host and the service from outside. Each fact names its source or says why
+// it could not be seen. No fact takes longer than two seconds: a probe that does not answer is
+// abandoned and reported as such.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/survey.h"
+#include "tools/logs/log_reader.h"
+
+namespace stewardry::tools {
+
+template <typename T>
+struct Fact {
+  std::optional<T> value;
+  std::string source;  // "service manager", "socket table", "service log", ...
+  std::string why;     // if there is no value
+};
+
+// A socket with its owner's name; the name is empty if it cannot be seen.
+struct OwnedSocket : platform::SocketView {
+  std::string processName;
+};
+
+struct HostFacts {
+  std::int64_t now = 0;            // seconds since 1970-01-01 00:00 UTC
+  std::int64_t localOffset = 0;    // local time minus UTC in seconds
+  Fact<platform::ServiceView> service;
+  Fact<std::vector<platform::ProcessView>> processes;  // that run quillonsvc, also in the foreground
+  Fact<platform::DeviceView> device;
+  Fact<std::vector<OwnedSocket>> sockets;  // on ports 664 and 22
+  Fact<std::vector<platform::EventView>> events;
+  Fact<std::vector<LogFileView>> logFiles;
+};
+
+// Asks for all of them, in parallel. Returns within two seconds.
+HostFacts GatherHostFacts();
+
+}  // namespace stewardry::tools
