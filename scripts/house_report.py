@@ -62,8 +62,8 @@ ARROWS = {
     "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/core text",
     "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
                            "lab/local text",
-    "tools/logs": "platform text",
-    "tools/facts": "tools/logs platform text",
+    "tools/logs": "service/diagnostics platform text",
+    "tools/facts": "tools/logs service/diagnostics platform text",
     "tools/diagnosis": "tools/facts tools/logs platform text",
     "tools/archive": "tools/diagnosis tools/facts tools/logs platform text",
     "tools/stewardry": "tools/archive tools/diagnosis tools/facts tools/logs platform text",

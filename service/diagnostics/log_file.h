@@ -20,6 +20,9 @@ inline constexpr char kLogFolder[] = STEWARDRY_LOG_FOLDER;
 
 inline constexpr char kServiceLogFile[] = "tavrinLog.log";
 inline constexpr char kWmiLogFile[] = "tavrinWMI.log";
+inline constexpr char kSideLogFile[] = "tavrinKeyboardMouseLog.log";
+#define STEWARDRY_CHANGE_LOG_FILE "tavrinwifichange.log"
+inline constexpr char kChangeLogFile[] = STEWARDRY_CHANGE_LOG_FILE;
 
 // The rotation limit of the service log and the WMI log: 10 MiB.
 constexpr std::uint32_t kLogLimit = 0xA00000;

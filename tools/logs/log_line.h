@@ -14,11 +14,11 @@ inline constexpr int kLogCount = 4;
 
 struct LogLine {
   Log log = Log::kService;
-  // Seconds since 1970-01-01 00:00 of the machine's local time (the WMI log's UTC is converted). A
+  // Seconds since 1970-01-01 00:00 of the machine's local time (all logs are written in it). A
   // line without a time of its own has that of the line before it, 0 if there is none.
   std::int64_t time = 0;
   bool hasOwnTime = false;
-  std::string level;  // "INFO" and its like; empty in logs that have none
+  std::string level;                      // "INFO" and its like; empty in logs that have none
   std::uint32_t process = 0, thread = 0;  // 0 where the log names none
   // The message: without prefix and line end, valid UTF-8, without control characters.
   std::string text;
