@@ -56,7 +56,8 @@ class Printer {
     } else {
       PrintText(line);
     }
-    return std::fflush(stdout) == 0;
+    // What follows new lines shows each at once.
+    return (options_.follow ? std::fflush(stdout) : std::ferror(stdout)) == 0;
   }
 
  private:
