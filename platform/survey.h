@@ -1,11 +1,12 @@
 // Read-only questions about the host, for the tool that administrators run: the service manager,
-// TCP sockets and their owners, the mailbox device, event entries, and the service's registration.
+// TCP sockets and their owners, processes, event entries, and the service's registration.
 // The service does not use them. Nothing here changes the host. Every call may block for as long as
 // the system's service that answers it; callers run it on a thread that they can abandon.
 //
 // Each call returns true, or false with the last error set (kErrorAccessDenied without the rights).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -53,14 +54,6 @@ struct ProcessView {
 bool ViewProcess(std::uint32_t processId, ProcessView* view);
 // Stores the processes whose executable has this name, in any case of letters, without extension.
 bool FindProcesses(const char* name, std::vector<ProcessView>* processes);
-
-// The mailbox device and its driver, without opening the device.
-struct DeviceView {
-  std::uint32_t interfaces = 0;        // device interfaces of the class that are present
-  bool driverIsRegistered = false;     // as a service of the name given
-  std::uint32_t driverState = 0;       // kServiceRunning and its like
-};
-bool ViewDevice(const struct Guid& interfaceClass, const char* driver, DeviceView* view);
 
 // One entry of the event log. `time` is in seconds since 1970-01-01 00:00 UTC, 0 if unknown.
 struct EventView {
