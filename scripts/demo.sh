@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds, and shows the product at work by scripts/stewardry-lab. Without an argument a management console (curl) talks DASH to the
-# firmware (orrin) through the service's port 664; with `kvm` a viewer sees the firmware's screen
-# through port 22, types and drags. Runs in a network namespace of its own where it may. Exit code 0
+# Builds, and shows the product at work by scripts/stewardry-lab. Without an argument a management
+# console (curl) talks DASH to the firmware (orrin) through the service's port 664; with `kvm` a
+# viewer sees the firmware's screen through port 22, types and drags. Runs in a network namespace of its own where it may. Exit code 0
 # only if every answer was right. STEWARDRY_BUILD names another folder for the build.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit

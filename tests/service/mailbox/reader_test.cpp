@@ -117,7 +117,8 @@ TEST_F(Reader, DeafServiceEndsForItsRestartOnlyWhereThatIsSetAndTheDeviceIsThere
   EXPECT_EXIT(intThreadFunction(nullptr), testing::ExitedWithCode(0), "");
   firmware_.reset();
   reader_ = platform::CreateThread(intThreadFunction, nullptr);
-  EXPECT_TRUE(Eventually([] { return Logged("Cannot open device 0"); })) << "without a device";
+  EXPECT_TRUE(Eventually([] { return CountOf(Messages(), "bstatus 0") == 5; }))
+      << "without a device";
   AskReaderToStop();
   EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U) << "a stop ends the wait";
   reader_.Reset();
