@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/file.h"
+#include "service/diagnostics/deaf_entry.h"
 
 namespace stewardry {
 
@@ -90,6 +91,10 @@ struct LogState {
   // that reads the pointer sees the object.
   std::atomic<LogMutexes*> gLogMutexes{nullptr};
   std::atomic<WmiLog*> gWmiLog{nullptr};
+
+  // When the latest entry of each Deafness was written, in ticks of the monotonic clock; 0 is
+  // never. Relaxed: a tick publishes nothing.
+  std::atomic<std::int64_t> deafEntries[kDeafnessKinds]{};
 };
 extern platform::ProcessLifetime<LogState> gLogs;
 
