@@ -63,7 +63,7 @@ ARROWS = {
     "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
                            "lab/local text",
     "tools/logs": "service/diagnostics platform text",
-    "tools/facts": "tools/logs service/diagnostics platform text",
+    "tools/facts": "tools/logs lab/local service/mailbox service/diagnostics platform text",
     "tools/diagnosis": "tools/facts tools/logs platform text",
     "tools/archive": "tools/diagnosis tools/facts tools/logs platform text",
     "tools/stewardry": "tools/archive tools/diagnosis tools/facts tools/logs platform text",

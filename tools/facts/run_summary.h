@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/logs/log_reader.h"
+#include "tools/logs/sessions.h"
 
 namespace stewardry::tools {
 
@@ -17,25 +18,26 @@ struct Seen {
 };
 
 struct RunSummary {
-  std::uint32_t process = 0;     // 0 if no banner was found
-  std::int64_t started = 0;      // the banner's time, as LogLine::time
-  std::string version;           // of the service
+  std::uint32_t process = 0;  // 0 if no banner was found
+  std::int64_t started = 0;   // the banner's time, as LogLine::time
+  std::string version;        // of the service
   std::optional<Seen> lastLine;
-  std::optional<int> provisioning;     // 2: provisioned
-  std::string firmwareVersion;         // empty if no line says it
-  std::optional<Seen> lastReport;      // the end of the last status report
-  std::optional<Seen> consoleOpened;   // the current DASH console, if one is connected
-  std::string console;                 // its address and port in dotted form
-  std::optional<Seen> viewerOpened;    // the current KVM viewer, if one is connected
-  std::string viewer;
-  std::optional<Seen> subscription;    // the last change of the indication subscription
+  std::optional<int> provisioning;   // 2: provisioned
+  std::string firmwareVersion;       // empty if no line says it
+  std::optional<Seen> lastReport;    // the last status report
+  std::optional<Session> console;    // the DASH console, if one is connected
+  std::optional<Session> viewer;     // the KVM viewer, if one is connected
+  std::optional<Seen> subscription;  // the last change of the indication subscription
   std::optional<Seen> lastError;
-  int dashBinds = 0, kvmBinds = 0;     // of kMostRebinds each
+  std::optional<Seen> readerEnd;    // the line with which the reader ends
+  std::optional<Seen> stop;         // the stop or preshutdown control
+  int dashBinds = 0, kvmBinds = 0;  // of kMostBinds each
 };
 
-inline constexpr int kMostRebinds = 20;  // service/gateway/listeners.h
+inline constexpr int kMostBinds = 20;  // kRebindBudget in service/gateway/listeners.h
+inline constexpr int kProvisioned = 2;
 
-// Takes the lines of a window one by one; a banner of a new process starts the summary again.
+// Takes the lines of a window one by one; a banner starts the summary again.
 class RunSummarizer {
  public:
   void Take(const LogLine& line);
@@ -43,6 +45,10 @@ class RunSummarizer {
 
  private:
   RunSummary summary_;
+  SessionTracker sessions_;
 };
+
+// Reads the summary of the latest run from the service log, at most its newest `mostBytes`.
+RunSummary ReadRunSummary(LogReader* reader, std::int64_t mostBytes);
 
 }  // namespace stewardry::tools

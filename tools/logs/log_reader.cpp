@@ -7,6 +7,7 @@
 
 #include "platform/error.h"
 #include "platform/process.h"
+#include "platform/survey.h"
 #include "service/diagnostics/log_file.h"
 #include "tools/logs/line_source.h"
 #include "tools/logs/log_time.h"
@@ -48,6 +49,8 @@ std::string LogReader::PathOf(Log log, bool isBackup) const {
 std::string ReasonOf(std::uint32_t error) {
   if (error == platform::kErrorAccessDenied)
     return "access denied: run this as administrator (Linux: root)";
+  if (error == platform::kErrorServiceDoesNotExist) return "no service of that name is registered";
+  if (error == platform::kErrorPathNotFound) return "there is no such folder";
   char text[256] = "";
   if (platform::FormatMessageA(error, text, sizeof text) == 0)
     return "error " + std::to_string(error);
@@ -61,7 +64,7 @@ std::string ReasonOf(std::uint32_t error) {
 void LogReader::AddUnread(const std::string& path, std::uint32_t error) {
   const bool isKnown = std::any_of(unread_.begin(), unread_.end(),
                                    [&](const UnreadLog& unread) { return unread.path == path; });
-  if (!isKnown) unread_.push_back({path, ReasonOf(error)});
+  if (!isKnown) unread_.push_back({path, ReasonOf(error), error});
 }
 
 std::vector<LogFileView> LogReader::Files() {

@@ -25,6 +25,7 @@ struct LogWindow {
 struct UnreadLog {
   std::string path;
   std::string reason;
+  std::uint32_t error = 0;
 };
 
 // One log file in the folder.

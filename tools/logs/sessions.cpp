@@ -61,10 +61,7 @@ std::uint16_t PortOf(std::uint32_t value) {
 
 std::string PlainForm(const Number& number) {
   if (number.form == Form::kPort) return std::to_string(PortOf(number.value));
-  std::string dotted;
-  for (int shift = 0; shift < 32; shift += 8)
-    dotted += (shift == 0 ? "" : ".") + std::to_string(number.value >> shift & 0xFF);
-  return dotted;
+  return DottedText(number.value);
 }
 
 // The number behind a prefix, decimal; 0 if the text does not begin with it.
@@ -76,6 +73,15 @@ std::uint64_t CountBehind(std::string_view text, std::string_view prefix) {
 }
 
 }  // namespace
+
+std::string DottedText(std::uint32_t address) {
+  std::string text;
+  for (int shift = 0; shift < 32; shift += 8) {
+    if (shift != 0) text += '.';
+    text += std::to_string(address >> shift & 0xFF);
+  }
+  return text;
+}
 
 std::string WithPlainAddresses(const std::string& text) {
   const std::optional<Number> number = FindNumber(text);

@@ -25,6 +25,11 @@ class SessionTracker {
   // Returns the index of the session that the line belongs to, -1 if it belongs to none.
   int Take(const LogLine& line);
   const std::vector<Session>& Sessions() const { return sessions_; }
+  // Returns the session that lasts, null if none does; valid until the next Take.
+  const Session* Current(bool isKvm) const {
+    const int index = current_[isKvm];
+    return index >= 0 ? &sessions_[static_cast<std::size_t>(index)] : nullptr;
+  }
 
  private:
   int Start(const LogLine& line, bool isKvm);
@@ -32,6 +37,9 @@ class SessionTracker {
   std::vector<Session> sessions_;
   int current_[2] = {-1, -1};  // of DASH and KVM
 };
+
+// Returns "192.168.1.5" for an address whose first octet is the lowest byte.
+std::string DottedText(std::uint32_t address);
 
 // Returns the message with each address and port that the service prints as a number of a socket
 // address ("Remote address 0x501a8c0", "Remote port 0xdabc") in the usual form.

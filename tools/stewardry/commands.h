@@ -15,6 +15,10 @@ inline constexpr int kDown = 2;        // the service does not do its work
 inline constexpr int kCannotTell = 3;  // what decides could not be seen
 inline constexpr int kFailed = 4;      // a wrong command line, or an output that cannot be written
 
+enum class Verdict;
+// Returns the exit code for a verdict.
+int ExitCodeOf(Verdict verdict);
+
 void AddStatusCommand(CLI::App& app, int* exitCode);
 void AddDiagnoseCommand(CLI::App& app, int* exitCode);
 void AddLogsCommand(CLI::App& app, int* exitCode);
