@@ -39,4 +39,7 @@ bool ReadAt(const SharedFile& file, std::int64_t offset, void* buffer, std::size
 // with the last error if the folder cannot be listed.
 bool ListFolder(const char* path, std::vector<std::string>* names);
 
+// Stores how many bytes the caller may still write to the volume of a folder.
+bool GetFreeBytes(const char* folder, std::uint64_t* bytes);
+
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,6 +59,14 @@ bool ListFolder(const char* path, std::vector<std::string>* names) {
     if (name != "." && name != "..") names->push_back(name);
   }
   ::closedir(folder);
+  return true;
+}
+
+bool GetFreeBytes(const char* folder, std::uint64_t* bytes) {
+  if (gate::Fails("GetDiskFreeSpaceExA", "%s", folder)) return false;
+  struct statvfs volume {};
+  if (::statvfs(NativePath(folder).c_str(), &volume) != 0) return FailFromErrno();
+  *bytes = std::uint64_t{volume.f_bavail} * volume.f_frsize;
   return true;
 }
 

@@ -60,4 +60,11 @@ bool ListFolder(const char* path, std::vector<std::string>* names) {
   return error == ERROR_NO_MORE_FILES;
 }
 
+bool GetFreeBytes(const char* folder, std::uint64_t* bytes) {
+  ULARGE_INTEGER available{};
+  if (!::GetDiskFreeSpaceExA(folder, &available, nullptr, nullptr)) return false;
+  *bytes = available.QuadPart;
+  return true;
+}
+
 }  // namespace platform

@@ -55,9 +55,10 @@ class Probe {
     std::unique_lock lock(state_->mutex);
     const bool isDone =
         state_->changed.wait_until(lock, deadline, [this] { return state_->isDone; });
-    if (!isDone) return {{}, source_, std::string("the ") + source_ + " did not answer within 2 s"};
-    if (!state_->value) return {{}, source_, ReasonOf(state_->error)};
-    return {std::move(state_->value), source_, ""};
+    if (!isDone)
+      return {{}, source_, std::string("the ") + source_ + " did not answer within 2 s", 0};
+    if (!state_->value) return {{}, source_, ReasonOf(state_->error), state_->error};
+    return {std::move(state_->value), source_, "", 0};
   }
 
  private:

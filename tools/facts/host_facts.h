@@ -16,8 +16,9 @@ namespace stewardry::tools {
 template <typename T>
 struct Fact {
   std::optional<T> value;
-  std::string source;  // "service manager", "socket table", "service log", ...
-  std::string why;     // if there is no value
+  std::string source;       // "service manager", "socket table", "service log", ...
+  std::string why;          // if there is no value
+  std::uint32_t error = 0;  // the same as a Windows number, 0 if none fits
 };
 
 // A socket with its owner's name; the name is empty if it cannot be seen.

@@ -46,7 +46,7 @@ constexpr Mark kMarks[] = {
     {"Send size is ", &RunSummary::subscription},
     {"intThreadFunction ln: 658", &RunSummary::readerEnd},
     {"SERVICE_CONTROL_STOP", &RunSummary::stop},
-    {"SERVICE_CONTROL_PRESHUTDOWN", &RunSummary::stop},
+    {"Shutdown Command sent to ORRIN", &RunSummary::stop},
 };
 
 struct Bind {

@@ -15,7 +15,7 @@ namespace {
 constexpr auto kTrayPatience = std::chrono::milliseconds(2'500);
 
 Fact<TrayAnswers> AskTray(std::uint32_t serviceProcess) {
-  Fact<TrayAnswers> fact{{}, "tray pipe", ""};
+  Fact<TrayAnswers> fact{{}, "tray pipe", "", 0};
   lab::ServedPipe pipe;
   std::string problem;
   if (!pipe.Open("TrayPipe", &problem)) {
@@ -102,7 +102,7 @@ Status GatherStatus(bool askTray) {
   const std::uint32_t process = status.facts.ServiceProcess();
   // A run that has ended says nothing of the present one.
   if (process != 0 && status.run.process != process) status.run = {};
-  status.tray = {{}, "tray pipe", "not asked"};
+  status.tray = {{}, "tray pipe", "not asked", 0};
   if (askTray && process != 0) status.tray = AskTray(process);
   const Judgement judgement = Judge(status);
   status.verdict = judgement.verdict;
