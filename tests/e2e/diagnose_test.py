@@ -10,11 +10,11 @@ import re
 import signal
 import socket
 import subprocess
-import unittest
+import zipfile
 
 import jsonschema
-import stewardry_lab
-from stewardry_lab import BIN, BOUND, HOST, PORT, LabTest, connect, connection_is_dropped, curl, run, until
+from stewardry_lab import (ADAPTER, BIN, BOUND, HOST, PORT, LabTest, connect,
+                           connection_is_dropped, curl, run, until)
 
 ROOT = pathlib.Path(__file__).parents[2]
 CATALOGUE = json.loads((ROOT / "tools/diagnosis/faults.json").read_text(encoding="utf-8"))["faults"]
@@ -266,6 +266,66 @@ class Diagnose(LabTest):
                 self.doCleanups_of_case()
         for fault, (how, said) in seen.items():
             print("%-26s %-48s %s" % (fault, how[:48], " ".join(said) or "nothing"))
+
+    def test_a_day_of_traffic_on_a_healthy_host_gives_no_finding(self):
+        self.managed()
+        for start in range(2):
+            self.orrin = self.processes[0]
+            bound = self.log().count(KVM_BOUND)
+            for shape in range(60):
+                if shape % 3 == 0:  # leaves without a byte
+                    with connect():
+                        self.orrin.saw("announces a DASH connection")
+                elif shape % 3 == 1:
+                    curl("/echo", data=b"x" * 200_000)
+                else:
+                    curl()
+            for viewer in range(3):
+                self.orrin.execute("kvm on", "kvm trust %s 0" % HOST, "resume")
+                self.logged(KVM_BOUND, bound + 1)
+                with connect(22) as peer:
+                    self.assertEqual(peer.recv(4), b"RFB ")
+                self.logged("Free successful", 3 * start + viewer + 1)
+            self.assertEqual(self.findings(), [])
+            status, code = self.tool("status")
+            self.assertEqual((status["verdict"], code), ("healthy", 0))
+            self.assertTrue(status["tray"]["value"]["provisioned"])
+            self.assertEqual(status["service"]["value"]["state"], "running")
+            if start == 0:
+                self.start("stop", "scm", "stop").exit_code()
+                self.manager.exit_code()
+                self.manager = self.start("again", "scm", "start")
+                self.logged(BOUND, 2)
+
+    def test_bad_input_is_reported_and_ends_in_time(self):
+        self.start_both()
+        with open(self.log_path(), "ab") as file:
+            file.write(os.urandom(1 << 20) + b"\0" * (1 << 20) + b"\n" + "Zeit: ü\n".encode("utf-16"))
+        self.assertEqual(self.findings(), [])
+        with socket.socket(socket.AF_UNIX) as hung:  # a manager that accepts and never answers
+            hung.bind(self.path("scm"))
+            hung.listen()
+            os.makedirs(self.path("services"))
+            self.write("binaryPath=x", "services", "QuillonSvc")
+            self.assertIn("did not answer", self.tool("status", "--quick")[0]["service"]["why"])
+
+    def test_a_masked_collection_holds_no_address_or_name(self):
+        self.start_both()
+        curl()
+        subprocess.run([os.path.join(BIN, "stewardry"), "collect", self.path("x.zip"), "--mask"],
+                       check=True, env=self.environment(), stdout=subprocess.DEVNULL)
+        with zipfile.ZipFile(self.path("x.zip")) as archive:
+            self.assertIsNone(archive.testzip())
+            self.assertLessEqual({"README.txt", "status.json", "diagnosis.txt", "events.txt",
+                                  "logs/tavrinLog.log"}, set(archive.namelist()))
+            for name in archive.namelist():
+                text = archive.read(name).decode()
+                for secret in (ADAPTER["address"], "0xa0200c0", ADAPTER["mac"].lower(),
+                               "Hostname: " + socket.gethostname()):
+                    self.assertNotIn(secret, text.lower() if secret.islower() else text, name)
+        again = subprocess.run([os.path.join(BIN, "stewardry"), "collect", self.path("x.zip")],
+                               check=False, env=self.environment(), capture_output=True)
+        self.assertEqual(again.returncode, 4, again.stderr)  # it overwrites nothing
 
     def doCleanups_of_case(self):
         while len(self._cleanups) > 1:  # the first one closes the lab

@@ -11,7 +11,7 @@ namespace stewardry::tools {
 
 namespace {
 
-constexpr std::size_t kShortestName = 3;
+constexpr std::size_t kShortestName = 2;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsHex(char c) { return IsDigit(c) || (ToLower(c) >= 'a' && ToLower(c) <= 'f'); }
@@ -128,6 +128,7 @@ std::string Masker::Mask(std::string_view text) {
       for (const Kind& kind : kKinds) {
         const std::optional<Found> found = kind.match(rest);
         if (!found || !ends(at + found->length)) continue;
+        if (std::find(kept_.begin(), kept_.end(), found->value) != kept_.end()) continue;
         masked += Placeholder(kind.name, found->value);
         used = found->length;
         break;

@@ -16,9 +16,12 @@ namespace stewardry::tools {
 // "::" or all eight groups. Names are found as whole words in any case of letters.
 class Masker {
  public:
-  // Names of fewer than three letters are ignored: they would match parts of ordinary lines.
+  // A name of one letter is ignored: it would match too much.
   void AddHost(std::string_view name) { AddName("host", name); }
   void AddUser(std::string_view name) { AddName("user", name); }
+
+  // Leaves a value as it is that only looks like an address, such as a version of four numbers.
+  void Keep(std::string_view value) { kept_.emplace_back(value); }
 
   // Returns the text with everything replaced. A value that is cut by the text's end may stay, so a
   // text should end with a line.
@@ -33,6 +36,7 @@ class Masker {
   const std::string& Placeholder(const char* kind, const std::string& value);
 
   std::vector<Name> names_;
+  std::vector<std::string> kept_;
   std::map<std::string, std::string> placeholders_;  // of "kind value"
   std::map<std::string, int> counts_;                // of each kind
 };

@@ -22,6 +22,7 @@ Condition ConditionOf(const nlohmann::json& json) {
   when.log = json.value("log", "service") == "side" ? Log::kSide : Log::kService;
   when.lines = json.value("lines", when.lines);
   when.cleared = json.value("cleared", when.cleared);
+  when.exceptAfter = json.value("exceptAfter", when.exceptAfter);
   when.clearedByThread = json.value("clearedByThread", false);
   when.times = json.value("times", 1);
   when.withinSeconds = json.value("withinSeconds", when.withinSeconds);

@@ -20,6 +20,8 @@ struct Condition {
   std::vector<std::string> lines;
   // Patterns of lines after which earlier evidence no longer counts.
   std::vector<std::string> cleared;
+  // Patterns of lines after which, for two seconds, a line is no evidence.
+  std::vector<std::string> exceptAfter;
   bool clearedByThread = false;    // any later line of the same thread clears too
   int times = 1;                   // how many lines of evidence are needed,
   std::int64_t withinSeconds = 0;  // and within which time; 0: the whole run

@@ -11,6 +11,8 @@ constexpr std::string_view kBanner = "Quillon Stewardry Service ";
 // seconds all the time.
 constexpr std::int64_t kClockToleranceSeconds = 120;
 
+constexpr std::int64_t kExceptionSeconds = 2;
+
 bool FitsAny(std::string_view text, const std::vector<std::string>& patterns) {
   return std::any_of(patterns.begin(), patterns.end(),
                      [text](const std::string& pattern) { return FitsPattern(text, pattern); });
@@ -69,7 +71,9 @@ void RuleMatcher::Match(const LogLine& line) {
         evidence.count != 0 && ((when.clearedByThread && line.thread == evidence.thread) ||
                                 FitsAny(line.text, when.cleared));
     if (isCleared) evidence = {};
-    if (FitsAny(line.text, when.lines)) AddEvidence(when, line, &evidence);
+    if (FitsAny(line.text, when.exceptAfter)) evidence.exceptUntil = line.time + kExceptionSeconds;
+    if (line.time > evidence.exceptUntil && FitsAny(line.text, when.lines))
+      AddEvidence(when, line, &evidence);
   }
 }
 

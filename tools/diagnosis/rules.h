@@ -24,6 +24,7 @@ struct Evidence {
   std::deque<Seen> newest;   // the newest of them, as many as the condition needs and kMostShown
   bool isMet = false;        // the lines needed came within the time
   std::uint32_t thread = 0;  // of the newest
+  std::int64_t exceptUntil = 0;  // lines up to this time are no evidence
 };
 
 inline constexpr std::size_t kMostShown = 3;

@@ -37,7 +37,7 @@ Status GatherStatus(bool askTray);
 std::string ToText(const Status& status);
 nlohmann::ordered_json ToJson(const Status& status);
 
-// Returns "healthy", "degraded", "down" or "cannot-tell".
+// Returns the verdict as JSON names it: "healthy", "degraded" and so on.
 const char* NameOf(Verdict verdict);
 
 // The newest part of the service log that is read for a status: more than the log and its backup
