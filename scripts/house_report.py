@@ -62,6 +62,7 @@ ARROWS = {
     "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/core text",
     "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
                            "lab/local text",
+    "tools/setup": "service/diagnostics platform text",
     "tools/logs": "service/diagnostics platform text",
     "tools/facts": "tools/logs lab/local service/mailbox service/diagnostics platform text",
     "tools/diagnosis": "tools/facts tools/logs platform text",
