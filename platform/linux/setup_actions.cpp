@@ -16,7 +16,8 @@ bool SetServicePolicy(const char* name, const ServicePolicy& policy) {
   for (const char* privilege : policy.privileges)
     privileges += (privileges.empty() ? "" : ",") + std::string(privilege);
   AppendLabLine(std::string("services/") + name,
-                "restartDelayMs=" + std::to_string(policy.restartDelayMs) +
+                "binaryPath=" + std::string(policy.program) +
+                    "\nrestartDelayMs=" + std::to_string(policy.restartDelayMs) +
                     "\nfailureResetSeconds=" + std::to_string(policy.failureResetSeconds) +
                     "\npreshutdownTimeoutMs=" + std::to_string(policy.preshutdownTimeoutMs) +
                     "\nserviceSidType=1\nprivileges=" + privileges);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -172,13 +173,28 @@ bool ViewProcess(std::uint32_t processId, ProcessView* view) {
   return true;
 }
 
+namespace {
+
+// Whether a process belongs to the caller's lab: several labs may run on one machine.
+bool IsOfThisLab(std::uint32_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/environ");
+  for (std::string variable; std::getline(file, variable, '\0');) {
+    constexpr std::string_view kLab = "STEWARDRY_LAB=";
+    if (variable.starts_with(kLab)) return variable.substr(kLab.size()) == LabFolder();
+  }
+  return std::getenv("STEWARDRY_LAB") == nullptr;
+}
+
+}  // namespace
+
 bool FindProcesses(const char* name, std::vector<ProcessView>* processes) {
   if (gate::Fails("Process32First", "%s", name)) return false;
   processes->clear();
   for (const std::string& entry : NamesIn("/proc")) {
     ProcessView view;
     const std::uint32_t process = NumberOf(entry);
-    if (process != 0 && ViewProcess(process, &view) && EqualIgnoringCase(view.name, name))
+    if (process != 0 && ViewProcess(process, &view) && EqualIgnoringCase(view.name, name) &&
+        IsOfThisLab(process))
       processes->push_back(view);
   }
   return true;

@@ -26,28 +26,51 @@ ManagerHandle OpenRegistered(const char* name, DWORD access) {
   return ManagerHandle(manager ? ::OpenServiceA(manager.get(), name, access) : nullptr);
 }
 
+LSTATUS SetValue(const char* service, const char* value, DWORD type, const void* data,
+                 std::size_t size) {
+  const std::string key = std::string("SYSTEM\\CurrentControlSet\\Services\\") + service;
+  HKEY opened = nullptr;
+  LSTATUS result =
+      ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ | KEY_WRITE, &opened);
+  if (result != ERROR_SUCCESS) return result;
+  result = ::RegSetValueExA(opened, value, 0, type, static_cast<const BYTE*>(data),
+                            static_cast<DWORD>(size));
+  ::RegCloseKey(opened);
+  return result;
+}
+
+// Stores a text value of at most `size` bytes, or with a null text only whether there is the value.
+bool HasValue(const char* service, const char* value, char* text, DWORD size) {
+  const std::string key = std::string("SYSTEM\\CurrentControlSet\\Services\\") + service;
+  return ::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), value, RRF_RT_ANY | RRF_NOEXPAND, nullptr,
+                        text, text != nullptr ? &size : nullptr) == ERROR_SUCCESS;
+}
+
 // A service manager that does not know a level gets the registry value in which Windows keeps it.
 // That is Wine's, which refuses some levels and accepts others without keeping them.
 bool Keep(const char* service, const char* value, DWORD type, const void* data, std::size_t size) {
-  const std::string key = std::string("SYSTEM\\CurrentControlSet\\Services\\") + service;
-  DWORD kept = 0;
-  if (::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), value, RRF_RT_ANY, nullptr, nullptr, &kept) ==
-      ERROR_SUCCESS)
+  return HasValue(service, value, nullptr, 0) ||
+         SetValue(service, value, type, data, size) == ERROR_SUCCESS;
+}
+
+// Windows Installer quotes a path with blanks, Wine's does not. Without quotes a blank would end
+// the program's name. The service manager reads the value at each start.
+bool QuoteProgram(const char* service, const char* program) {
+  char registered[1024] = "";
+  if (HasValue(service, "ImagePath", registered, sizeof registered) && registered[0] == '"')
     return true;
-  HKEY opened = nullptr;
-  if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_SET_VALUE, &opened) != ERROR_SUCCESS)
-    return false;
-  const LSTATUS result = ::RegSetValueExA(opened, value, 0, type, static_cast<const BYTE*>(data),
-                                          static_cast<DWORD>(size));
-  ::RegCloseKey(opened);
-  return result == ERROR_SUCCESS;
+  const std::string command = std::string("\"") + program + "\"";
+  return SetValue(service, "ImagePath", REG_EXPAND_SZ, command.c_str(), command.size() + 1) ==
+         ERROR_SUCCESS;
 }
 
 // Sets one level of the configuration, and makes sure that its registry value is there.
 template <typename Info>
 bool SetLevel(SC_HANDLE service, DWORD level, Info info) {
-  return ::ChangeServiceConfig2A(service, level, &info) != FALSE ||
-         ::GetLastError() == ERROR_INVALID_LEVEL || ::GetLastError() == ERROR_CALL_NOT_IMPLEMENTED;
+  if (::ChangeServiceConfig2A(service, level, &info)) return true;
+  const DWORD error = ::GetLastError();  // of a level that the service manager does not know
+  return error == ERROR_INVALID_LEVEL || error == ERROR_INVALID_PARAMETER ||
+         error == ERROR_CALL_NOT_IMPLEMENTED;
 }
 
 // The layout of the value FailureActions: five 32-bit fields, then a type and a delay for each.

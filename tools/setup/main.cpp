@@ -37,9 +37,10 @@ constexpr const char* kPrivileges[] = {
     "SeChangeNotifyPrivilege",        // every path below a folder without access, as for all users
 };
 constexpr platform::ServicePolicy kPolicy = {
-    5'000,   // long enough for a port or a device to come back
-    86'400,  // a day
-    2'000,   // the notice to the firmware takes milliseconds, its silence must not hold a shutdown
+    nullptr,  // set from the command line
+    5'000,    // long enough for a port or a device to come back
+    86'400,   // a day
+    2'000,    // the notice to the firmware takes milliseconds, its silence must not hold a shutdown
     kPrivileges};
 
 struct Rule {
@@ -109,7 +110,9 @@ int Apply(const char* program, const char* remoteIp) {
     platform::SetLastError(platform::kErrorInvalidParameter);
     return Fail("REMOTEIP");
   }
-  if (!platform::SetServicePolicy(kServiceName, kPolicy)) return Fail("the service's policy");
+  platform::ServicePolicy policy = kPolicy;
+  policy.program = program;
+  if (!platform::SetServicePolicy(kServiceName, policy)) return Fail("the service's policy");
   if (!MakeLogFolder()) return Fail("the log folder");
   OpenFirewall(program, remoteIp);
   return kDone;
