@@ -48,6 +48,7 @@ ACTIONS = (
 CORRECTIONS = (
     "UPDATE `Component` SET `Attributes` = 256",  # msidbComponentAttributes64bit
     "UPDATE `RegLocator` SET `Type` = 18",  # a raw value of the 64-bit registry
+    "UPDATE `RemoveFile` SET `DirProperty` = 'CompanyFolder'",
     "UPDATE `InstallExecuteSequence` SET `Sequence` = 1501 WHERE `Action` = 'RemoveExistingProducts'",
     "UPDATE `Property` SET `Value` = "
     "'WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;START;REMOTEIP;PURGE' "

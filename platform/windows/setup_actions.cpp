@@ -54,7 +54,8 @@ bool Keep(const char* service, const char* value, DWORD type, const void* data, 
 }
 
 // Windows Installer quotes a path with blanks, Wine's does not. Without quotes a blank would end
-// the program's name. The service manager reads the value at each start.
+// the program's name. The service manager reads the value at each start. This comes last, because
+// Wine's service manager writes all values again with each level.
 bool QuoteProgram(const char* service, const char* program) {
   char registered[1024] = "";
   if (HasValue(service, "ImagePath", registered, sizeof registered) && registered[0] == '"')
@@ -116,7 +117,8 @@ bool SetServicePolicy(const char* name, const ServicePolicy& policy) {
          Keep(name, "ServiceSidType", REG_DWORD, &sid, sizeof sid) &&
          SetLevel(service.get(), SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO,
                   SERVICE_REQUIRED_PRIVILEGES_INFOA{privileges.data()}) &&
-         Keep(name, "RequiredPrivileges", REG_MULTI_SZ, privileges.data(), privileges.size());
+         Keep(name, "RequiredPrivileges", REG_MULTI_SZ, privileges.data(), privileges.size()) &&
+         QuoteProgram(name, policy.program);
 }
 
 bool StartRegisteredService(const char* name) {
