@@ -9,7 +9,7 @@ namespace platform {
 
 // How the service manager treats a registered service.
 struct ServicePolicy {
-  const char* program;                 // the full path, which is registered in quotes
+  const char* program;                      // the full path, which is registered in quotes
   std::uint32_t restartDelayMs;             // after each failure
   std::uint32_t failureResetSeconds;        // after which failures no longer count
   std::uint32_t preshutdownTimeoutMs;       // how long a shutdown waits for it

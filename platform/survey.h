@@ -52,8 +52,8 @@ struct ProcessView {
   std::int64_t started = 0;
 };
 bool ViewProcess(std::uint32_t processId, ProcessView* view);
-// Stores the processes whose executable has this name, in any case of letters, without extension; in
-// the lab those of this lab.
+// Stores the processes whose executable has this name, in any case of letters, without extension;
+// in the lab those of this lab.
 bool FindProcesses(const char* name, std::vector<ProcessView>* processes);
 
 // One entry of the event log. `time` is in seconds since 1970-01-01 00:00 UTC, 0 if unknown.

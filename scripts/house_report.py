@@ -67,7 +67,8 @@ ARROWS = {
     "tools/facts": "tools/logs lab/local service/mailbox service/diagnostics platform text",
     "tools/diagnosis": "tools/facts tools/logs platform text",
     "tools/archive": "tools/diagnosis tools/facts tools/logs platform text",
-    "tools/stewardry": "tools/archive tools/diagnosis tools/facts tools/logs platform text",
+    "tools/stewardry": "tools/archive tools/diagnosis tools/facts tools/logs service/diagnostics "
+                       "platform text",
 }
 # Forward declarations of a type above that are meant: the value's union holds a pointer to an
 # instance, and nothing in the room follows it.

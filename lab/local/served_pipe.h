@@ -39,8 +39,8 @@ class ServedPipe {
   bool Ask(const std::string& question, Deadline deadline, std::string* answer,
            std::string* problem);
 
-  // Returns the process id of the client that gave the last answer, 0 if it is unknown. Any user may
-  // connect to the pipe.
+  // Returns the process id of the client that gave the last answer, 0 if it is unknown. Any user
+  // may connect to the pipe.
   std::uint32_t ClientProcess() const { return clientProcess_; }
 
  private:

@@ -51,8 +51,7 @@ bool ListFolder(const char* path, std::vector<std::string>* names) {
   const HANDLE search = ::FindFirstFileA((std::string(path) + "\\*").c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) return false;
   do {
-    if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
-      names->push_back(found.cFileName);
+    if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) names->push_back(found.cFileName);
   } while (::FindNextFileA(search, &found));
   const DWORD error = ::GetLastError();
   ::FindClose(search);
