@@ -61,6 +61,10 @@ using AppendFile = Owned<struct AppendFileTag, CloseAppendFile>;
 // Opens or creates a file for appending, shared with readers (CreateFileA with FILE_APPEND_DATA).
 AppendFile OpenAppendFile(const char* path);
 
+// Creates a file for writing from its start; the path is the host's own, also on Linux. Fails if
+// the name exists, also as a link (CreateFileA with CREATE_NEW).
+AppendFile CreateNewFile(const char* path);
+
 // Appends the bytes. Returns true if all of them were written.
 bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size);
 

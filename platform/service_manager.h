@@ -113,11 +113,12 @@ void CloseEventSource(RawHandle raw);  // DeregisterEventSource
 using EventSource = Owned<struct EventSourceTag, CloseEventSource>;
 
 constexpr std::uint16_t kEventError = 1;        // EVENTLOG_ERROR_TYPE
+constexpr std::uint16_t kEventWarning = 2;      // EVENTLOG_WARNING_TYPE
 constexpr std::uint16_t kEventInformation = 4;  // EVENTLOG_INFORMATION_TYPE
 
 // Opens an event source on the local machine.
 EventSource RegisterEventSourceA(const char* source);
-// Writes an entry of category 0 without user and binary data; `type` is one of the two above.
+// Writes an entry of category 0 without user and binary data; `type` is one of the three above.
 bool ReportEventA(const EventSource& source, std::uint16_t type, std::uint32_t eventId,
                   std::span<const char* const> strings);
 

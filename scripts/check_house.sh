@@ -8,6 +8,7 @@ failed=0
 
 echo "house: arrows, twins, state, lengths, documents, words"
 python3 -B scripts/house_report.py || failed=1
+python3 -B scripts/operations_tables.py --check || failed=1
 
 echo "house: format"
 scripts/format.sh --check || failed=1

@@ -1,8 +1,8 @@
-# The KVM part of scripts/demo.sh, which reads this file in: a viewer on port 22 sees the firmware's
+# The KVM part of scripts/stewardry-lab, which reads this file in: a viewer on port 22 sees the firmware's
 # screen, types and drags, and KVM is disabled after the session.
 # shellcheck shell=bash disable=SC2154  # its variables are the reader's
 
-readonly kvm_port=22 agent=$STEWARDRY_LAB/agent.txt picture=$build/screen.png
+readonly kvm_port=22 agent=$STEWARDRY_LAB/agent.txt picture=$(dirname "$bin")/screen.png
 readonly painted=$STEWARDRY_LAB/painted.ppm seen=$STEWARDRY_LAB/seen.ppm
 readonly said=$STEWARDRY_LAB/viewer.txt
 
@@ -51,7 +51,7 @@ enable_kvm
 wait_for_count "$log" "Setting KVM Enabled to true" 2
 mkfifo "$STEWARDRY_LAB/viewer"
 exec 5<>"$STEWARDRY_LAB/viewer"
-"$build/bin/vnc_viewer" <&5 >"$said" 2>/dev/null 3>&- &
+"$bin/vnc_viewer" <&5 >"$said" 2>/dev/null 3>&- &
 viewer=$!
 watch() { # types commands at the viewer and waits until all of them are done
   local command

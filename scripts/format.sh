@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 folders=()
-for folder in service sock cim platform lablink lab tests bench; do
+for folder in service sock cim platform lablink lab tools tests bench; do
   [ -d "$folder" ] && folders+=("$folder")
 done
 mapfile -d '' -t sources < <(find "${folders[@]}" -type f \( -name '*.cpp' -o -name '*.h' \

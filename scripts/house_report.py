@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-CODE = ("service", "sock", "cim", "text", "platform", "lablink", "lab")
+CODE = ("service", "sock", "cim", "text", "platform", "lablink", "lab", "tools")
 CHECKS = ("tests", "bench")
 LONGEST_FUNCTION, LONGEST_FILE = 80, 500
 
@@ -62,6 +62,13 @@ ARROWS = {
     "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/core text",
     "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
                            "lab/local text",
+    "tools/setup": "service/diagnostics platform text",
+    "tools/logs": "service/diagnostics platform text",
+    "tools/facts": "tools/logs lab/local service/mailbox service/diagnostics platform text",
+    "tools/diagnosis": "tools/facts tools/logs platform text",
+    "tools/archive": "tools/diagnosis tools/facts tools/logs platform text",
+    "tools/stewardry": "tools/archive tools/diagnosis tools/facts tools/logs service/diagnostics "
+                       "platform text",
 }
 # Forward declarations of a type above that are meant: the value's union holds a pointer to an
 # instance, and nothing in the room follows it.
@@ -269,7 +276,7 @@ def main():
             if length > LONGEST_FUNCTION:
                 faults.append("%s:%d: a function of %d lines" % (path, line, length))
         arrows += check_arrows(path, text, homes, faults)
-        if path.split("/")[0] in ("service", "sock", "cim", "text", "lablink"):
+        if path.split("/")[0] in ("service", "sock", "cim", "text", "lablink", "tools"):
             for word in PLATFORM_WORD.findall(text):
                 words += 1
                 faults.append("%s: platform word %s" % (path, word))

@@ -7,12 +7,13 @@
 #   setup.sh kvm      that, and the viewers of scripts/demo.sh kvm
 set -euo pipefail
 
-build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev)
+build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev libcli11-dev nlohmann-json3-dev
+       zlib1g-dev)
 clients=(curl openssl iproute2 util-linux)
 viewers=(pkg-config libvncserver-dev gvncviewer)
-unit=(ccache gdb libgtest-dev libgmock-dev python3)
+unit=(ccache gdb libgtest-dev libgmock-dev python3 python3-jsonschema)
 checks=("${unit[@]}" clang-format clang-tidy strace valgrind "${viewers[@]}")
-windows=(googletest g++-mingw-w64-x86-64-posix wine wine64)
+windows=(googletest g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 wixl msitools)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
        libmsgpack-cxx-dev libcbor-dev socat haproxy nginx libnginx-mod-stream

@@ -39,6 +39,10 @@ class ServedPipe {
   bool Ask(const std::string& question, Deadline deadline, std::string* answer,
            std::string* problem);
 
+  // Returns the process id of the client that gave the last answer, 0 if it is unknown. Any user
+  // may connect to the pipe.
+  std::uint32_t ClientProcess() const { return clientProcess_; }
+
  private:
   struct Ends;
   // Serves the next connection. Stores everything that the client sends until it closes.
@@ -46,6 +50,7 @@ class ServedPipe {
                 std::string* problem);
 
   std::unique_ptr<Ends> ends_;
+  std::uint32_t clientProcess_ = 0;
 };
 
 // Returns the milliseconds until the deadline, for a platform's wait; 0 if it has passed.

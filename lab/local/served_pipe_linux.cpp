@@ -65,6 +65,10 @@ bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::s
     }
     peer = AcceptOne(ends_->listener.Get());
   }
+  ucred client{};
+  socklen_t size = sizeof client;
+  const bool isKnown = ::getsockopt(peer.Get(), SOL_SOCKET, SO_PEERCRED, &client, &size) == 0;
+  clientProcess_ = isKnown ? static_cast<std::uint32_t>(client.pid) : 0;
   if (Send(peer.Get(), question.c_str(), question.size() + 1, deadline) &&
       ReceiveAll(peer.Get(), deadline, received))
     return true;

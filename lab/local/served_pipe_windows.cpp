@@ -123,6 +123,8 @@ bool ServedPipe::Exchange(const std::string& question, Deadline deadline, std::s
   if (error != ERROR_SUCCESS) return Problem(problem, "the service has not connected", error);
   const Object instance = std::move(ends_->free);
   ends_->free = MakeInstance(ends_->name, FILE_FLAG_OVERLAPPED);
+  ULONG client = 0;
+  clientProcess_ = GetNamedPipeClientProcessId(instance.get(), &client) ? client : 0;
   error = Send(instance.get(), question.c_str(), question.size() + 1, deadline);
   if (error == ERROR_SUCCESS) error = ReceiveAll(instance.get(), deadline, received);
   return error == ERROR_SUCCESS || Problem(problem, "the service has not answered", error);

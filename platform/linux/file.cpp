@@ -113,6 +113,13 @@ AppendFile OpenAppendFile(const char* path) {
   return AppendFile(HandleOf(descriptor));
 }
 
+AppendFile CreateNewFile(const char* path) {
+  if (gate::Fails("CreateFileA", "%s", path)) return AppendFile(InvalidHandleValue());
+  const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0600);
+  if (descriptor < 0) return FailFromErrno(AppendFile(InvalidHandleValue()));
+  return AppendFile(HandleOf(descriptor));
+}
+
 bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size) {
   if (gate::Fails("WriteFile")) return false;
   return WriteAll(DescriptorOf(file.Raw()), static_cast<const char*>(data), size);

@@ -11,5 +11,6 @@ constexpr bool kListenersReuseTheAddress = true;
 
 constexpr char kPathSeparator = '/';   // in the path of the executable
 constexpr char kProgramSuffix[] = "";  // of an executable's name
+constexpr char kHostSystem[] = "linux";
 
 }  // namespace platform

@@ -75,6 +75,11 @@ AppendFile OpenAppendFile(const char* path) {
                                   FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
+AppendFile CreateNewFile(const char* path) {
+  return AppendFile(::CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, CREATE_NEW,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
 bool WriteFile(const AppendFile& file, const void* data, std::uint32_t size) {
   DWORD written = 0;
   return ::WriteFile(file.Raw(), data, size, &written, nullptr) && written == size;

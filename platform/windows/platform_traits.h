@@ -12,5 +12,6 @@ constexpr bool kListenersReuseTheAddress = false;
 
 constexpr char kPathSeparator = '\\';      // in the path of the executable
 constexpr char kProgramSuffix[] = ".exe";  // of an executable's name
+constexpr char kHostSystem[] = "windows";
 
 }  // namespace platform

@@ -41,7 +41,8 @@ static_assert(sizeof(PowerBroadcastSetting) == sizeof(POWERBROADCAST_SETTING) &&
               offsetof(PowerBroadcastSetting, dataLength) ==
                   offsetof(POWERBROADCAST_SETTING, DataLength) &&
               offsetof(PowerBroadcastSetting, data) == offsetof(POWERBROADCAST_SETTING, Data));
-static_assert(kEventError == EVENTLOG_ERROR_TYPE && kEventInformation == EVENTLOG_INFORMATION_TYPE);
+static_assert(kEventError == EVENTLOG_ERROR_TYPE && kEventWarning == EVENTLOG_WARNING_TYPE &&
+              kEventInformation == EVENTLOG_INFORMATION_TYPE);
 
 namespace {
 

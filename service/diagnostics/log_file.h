@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/file.h"
+#include "service/diagnostics/deaf_entry.h"
 
 namespace stewardry {
 
@@ -20,6 +21,9 @@ inline constexpr char kLogFolder[] = STEWARDRY_LOG_FOLDER;
 
 inline constexpr char kServiceLogFile[] = "tavrinLog.log";
 inline constexpr char kWmiLogFile[] = "tavrinWMI.log";
+inline constexpr char kSideLogFile[] = "tavrinKeyboardMouseLog.log";
+#define STEWARDRY_CHANGE_LOG_FILE "tavrinwifichange.log"
+inline constexpr char kChangeLogFile[] = STEWARDRY_CHANGE_LOG_FILE;
 
 // The rotation limit of the service log and the WMI log: 10 MiB.
 constexpr std::uint32_t kLogLimit = 0xA00000;
@@ -87,6 +91,10 @@ struct LogState {
   // that reads the pointer sees the object.
   std::atomic<LogMutexes*> gLogMutexes{nullptr};
   std::atomic<WmiLog*> gWmiLog{nullptr};
+
+  // When the latest entry of each Deafness was written, in ticks of the monotonic clock; 0 is
+  // never. Relaxed: a tick publishes nothing.
+  std::atomic<std::int64_t> deafEntries[kDeafnessKinds]{};
 };
 extern platform::ProcessLifetime<LogState> gLogs;
 

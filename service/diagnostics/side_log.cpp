@@ -11,8 +11,8 @@ namespace stewardry {
 
 namespace {
 
-constexpr const char* kChannelFiles[] = {"tavrinKeyboardMouseLog.log", kServiceLogFile,
-                                         "tavrinMailbox.log", kWmiLogFile};
+constexpr const char* kChannelFiles[] = {kSideLogFile, kServiceLogFile, "tavrinMailbox.log",
+                                         kWmiLogFile};
 
 constexpr std::size_t kLineSize = 1024;
 

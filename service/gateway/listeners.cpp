@@ -4,6 +4,7 @@
 
 #include "platform/process.h"
 #include "platform/thread.h"
+#include "service/diagnostics/deaf_entry.h"
 #include "service/diagnostics/service_log.h"
 #include "service/gateway/connection.h"
 #include "service/gateway/gateway_state.h"
@@ -97,15 +98,23 @@ void ServeOnce(const ServerKind& server) {
   LogInfo("Should not reach here. Distroy selector and rebind.");
 }
 
+// Returns true if no other server has the port.
+bool IsPortFree(const ServerKind& server) {
+  return server.portTaken == nullptr || !server.portTaken->load(std::memory_order_acquire);
+}
+
 // Serves until the budget is used up, another server has the port, or the server is to stop.
-void Serve(const ServerKind& server) {
+// Returns true if the port is left without a listener for good.
+bool Serve(const ServerKind& server) {
   while (!server.Stops()) {
     ServeOnce(server);
-    if (server.Stops()) return;
-    if (server.rebindCount->load(std::memory_order_relaxed) >= kRebindBudget) return;
-    if (!TakePort(server)) return;
+    if (server.Stops()) return false;
+    if (server.rebindCount->load(std::memory_order_relaxed) >= kRebindBudget)
+      return IsPortFree(server);
+    if (!TakePort(server)) return false;
     server.rebindCount->fetch_add(1, std::memory_order_relaxed);
   }
+  return false;
 }
 
 }  // namespace
@@ -145,8 +154,10 @@ bool BindListener(Selector* selector, std::uint32_t port) {
 }
 
 void RunServer() {
-  Serve(kHttpsServer);
-  if (!ServerStops()) platform::ExitProcess(0);
+  const bool deaf = Serve(kHttpsServer);
+  if (ServerStops()) return;
+  if (deaf) ReportDeafness(Deafness::kDashGone);
+  platform::ExitProcess(0);
 }
 
 // A posted call stays listed until a run takes it, so it also ends a run that begins later.
@@ -166,7 +177,9 @@ bool ServerStops() { return gGateway->serverStop.IsSet(); }
 ReportMark ServerMark() { return {&gGateway->serverStop.Word(), 0}; }
 
 std::uint32_t RunKVMServer(void*) {
-  Serve(kKvmServer);
+  // The process goes on whatever RestartWhenDeaf says: DASH is served, and a restart would end its
+  // console for a viewer that the firmware's next enable admits.
+  if (Serve(kKvmServer) && !ServerStops()) ReportDeafness(Deafness::kKvmBudget);
   return 0;
 }
 

@@ -7,7 +7,9 @@
 namespace stewardry {
 
 void ReportServiceEvent(const char* text, std::uint16_t eventType) {
-  // The executable has no message table: the strings are the whole content of an entry.
+  // The strings are the whole content of an entry. The executable's message table shows them as
+  // they are and explains them: without a table the Event Viewer says "description not found"
+  // instead.
   constexpr std::uint32_t kEventId = 0xC0020001;
   const platform::EventSource source = platform::RegisterEventSourceA(kServiceName);
   if (!source) return;

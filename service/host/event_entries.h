@@ -3,10 +3,9 @@
 
 #include <cstdint>
 
-namespace stewardry {
+#include "service/diagnostics/deaf_entry.h"  // kServiceName
 
-// The name under which the service is registered, reports events and is controlled.
-inline constexpr char kServiceName[] = "QuillonSvc";
+namespace stewardry {
 
 // Writes one entry: `text` for information, "<text> failed with <last error>" for an error, cut at
 // 127 characters. A failure is ignored. Any thread.

@@ -11,7 +11,7 @@
 namespace stewardry {
 
 // The trace of the changes: bare texts without line ends or times, which run together.
-inline constexpr char kChangeLogPath[] = STEWARDRY_FIXED_LOG_FOLDER "tavrinwifichange.log";
+inline constexpr char kChangeLogPath[] = STEWARDRY_FIXED_LOG_FOLDER STEWARDRY_CHANGE_LOG_FILE;
 
 // Requests WlanNotificationCallback for changes of the wireless network. Returns 0, or 1 after a
 // logged failure; the service then runs without this watch. Called once, at the end of start-up.

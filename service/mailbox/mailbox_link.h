@@ -1,6 +1,7 @@
 // The state of the mailbox room, one record of the process.
 #pragma once
 
+#include <chrono>
 #include <span>
 
 #include "platform/device.h"
@@ -18,6 +19,8 @@ struct MailboxLink {
 
   // The reader thread's own.
   platform::DeviceHandle gInterruptDevice;
+  // From the reader's end to the restart of a deaf service.
+  std::chrono::seconds restartPause{60};
 
   // Written by each status report, on whichever thread runs it; read by any thread.
   SharedRecord<TavrinVersionInfo> gTavrinVersionInfo;

@@ -10,13 +10,17 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <new>
 
 #include "platform/device.h"
 #include "platform/error.h"
+#include "platform/process.h"
+#include "platform/settings.h"
 #include "platform/thread.h"
+#include "service/diagnostics/deaf_entry.h"
 #include "service/diagnostics/service_log.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/device.h"
@@ -30,6 +34,7 @@ namespace {
 constexpr std::size_t kSlots = 10;
 constexpr std::uint64_t kCompletionKey = 1;
 constexpr std::uint64_t kStopKey = 2;
+constexpr std::uint32_t kRestartPollMs = 50;  // below the 150 ms that a stop waits for the thread
 
 // Page-aligned: a copy to or from a buffer that begins a few bytes into a page is many times slower
 // on common processors.
@@ -51,6 +56,8 @@ class ReadSlots {
   // Takes one completion, dispatches its frame and arms its slot again. Returns false if the thread
   // must exit.
   bool HandleCompletion();
+  // Returns the error of the read that failed; 0 if none has.
+  std::uint32_t LastReadError() const { return lastError_; }
 
  private:
   // Starts the slot's read. Returns false unless the read is pending, also if it finished at once.
@@ -65,6 +72,7 @@ class ReadSlots {
   platform::RequestRecord ov_[kSlots]{};
   bool inFlight_[kSlots]{};
   platform::CompletionPort port_;
+  std::uint32_t lastError_ = 0;
 };
 
 ReadSlots::~ReadSlots() {
@@ -119,7 +127,8 @@ bool ReadSlots::ArmAll() {
       return false;
     }
     if (Arm(slot)) continue;
-    LogInfo("Asynchronous Read command failed %u", platform::LastError());
+    lastError_ = platform::LastError();
+    LogInfo("Asynchronous Read command failed %u", lastError_);
     return false;
   }
   return true;
@@ -135,21 +144,54 @@ bool ReadSlots::HandleCompletion() {
   if (slot < kSlots) inFlight_[slot] = false;
   if (stop.IsSet()) return false;
   if (!taken || slot >= kSlots) {
-    LogInfo("GetQueuedCompletionStatus failed %d", platform::LastError());
+    lastError_ = platform::LastError();
+    LogInfo("GetQueuedCompletionStatus failed %d", lastError_);
     return false;
   }
   if (nobytesret > 0) Processread(nobytesret, buffer_[slot]->bytes);
   if (stop.IsSet()) return false;
   if (Arm(slot)) return true;
-  LogInfo("Asynchronous read command failed %u", platform::LastError());
+  lastError_ = platform::LastError();
+  LogInfo("Asynchronous read command failed %u", lastError_);
   return false;
 }
 
-void ReadFrames() {
+// Returns why it ended, unless the thread was asked to stop.
+Deafness ReadFrames() {
   ReadSlots slots;
-  if (!slots.Open() || !slots.ArmAll()) return;
-  LogInfo("intThreadFunction before Processread");
-  while (!gMailboxLink->gReaderStop.IsSet() && slots.HandleCompletion()) {
+  if (slots.Open() && slots.ArmAll()) {
+    LogInfo("intThreadFunction before Processread");
+    while (!gMailboxLink->gReaderStop.IsSet() && slots.HandleCompletion()) {
+    }
+  }
+  const bool gone = slots.LastReadError() == platform::kErrorDeviceNotConnected;
+  return gone ? Deafness::kDeviceGone : Deafness::kReaderEnded;
+}
+
+// Without the log lines of OpenOrrinDevice, since it is called every 50 ms.
+bool DeviceIsPresent() {
+  const platform::DeviceInfoList list = platform::SetupDiGetClassDevsA(kMailboxInterfaceClass);
+  platform::DeviceInterfaceData data{};
+  data.cbSize = sizeof data;
+  return list && platform::SetupDiEnumDeviceInterfaces(list, kMailboxInterfaceClass, 0, &data);
+}
+
+// The restart is left to the service manager, and is off unless an administrator sets it. A process
+// of its own gives every room a fresh state; a reader that opened the device again in here would
+// serve a firmware whose sessions, region and report the other rooms hold. No session is lost by
+// it: without a reader no reply reaches a console. It is off because a process that ends is a
+// failure for the service manager, the administrator's monitoring and a foreground run, and because
+// the recovery actions may be spent on it.
+//
+// A restart while the device is away would find none and end again, every few seconds. So the
+// process waits for the device, and a minute at least where the device is there and its reads fail.
+void AwaitRestart() {
+  if (platform::ReadSetting(kServiceName, "RestartWhenDeaf", 0) != 1) return;
+  const auto earliest = std::chrono::steady_clock::now() + gMailboxLink->restartPause;
+  while (!gMailboxLink->gReaderStop.IsSet()) {
+    if (std::chrono::steady_clock::now() >= earliest && DeviceIsPresent())
+      platform::ExitProcess(0);  // without reporting STOPPED, so that the service is restarted
+    platform::Sleep(kRestartPollMs);
   }
 }
 
@@ -163,10 +205,12 @@ void AskReaderToStop() {
 }
 
 std::uint32_t intThreadFunction(void*) {
-  ReadFrames();
+  const Deafness cause = ReadFrames();
   if (gMailboxLink->gReaderStop.IsSet()) return 0;
   // Fixed log text; the number is not a line of this file.
   LogInfo("%s ln: %d Before RunServer bstatus %d", "intThreadFunction", 658, 0);
+  ReportDeafness(cause);
+  AwaitRestart();
   return 0;
 }
 

@@ -7,7 +7,9 @@
 namespace stewardry {
 
 // The reader thread's entry; the parameter is not used. Returns 0 when the device can't be opened
-// or read, after a log line, or when the thread was asked to stop.
+// or read, after a log line, or when the thread was asked to stop. A reader that ends by itself
+// writes an event entry. With the setting RestartWhenDeaf it then ends the process, once the device
+// is there and a minute is over.
 std::uint32_t intThreadFunction(void* parameter);
 
 // Asks the reader thread to exit and wakes it. It exits without another frame or log line, after

@@ -74,6 +74,7 @@ class Listener(LabTest):
                             (BOUND, 20), ("accept calling", 0),
                             ("Should not reach here. Distroy selector and rebind.", 20)):
             self.assertEqual(self.log().count(line), count, line)
+        self.assertEqual(self.read(self.path("eventlog.txt")).count("type=2 id=0x80020013"), 1)
 
     def test_a_port_in_use_is_tried_twenty_times(self):
         self.orrin = self.start_orrin()

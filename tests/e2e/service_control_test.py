@@ -84,6 +84,7 @@ class Control(UnderAManager):
         self.assertEqual(self.reported(), STARTED)
         self.assertRaises(ConnectionRefusedError, stewardry_lab.connect)
         self.assert_stops()  # the log has stayed open for its lines
+        self.assertNotIn("type=2", self.read(self.path("eventlog.txt")), "it is not deaf")
 
 
 class Entry(UnderAManager):

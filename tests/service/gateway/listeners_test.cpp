@@ -74,6 +74,7 @@ TEST_F(Listeners, ServerRunsOnAfterAGoodRunAndRebindsAfterAFailedOneWithinItsBud
   EXPECT_EQ(platform::WaitForSingleObject(server, 60'000), 0U);
   EXPECT_EQ(CountOf(Messages(), "Selector run failed\n"), 2U);
   EXPECT_FALSE(TcpClient(22).Connected());
+  EXPECT_EQ(CountOf(LabText("eventlog.txt"), "type=2 id=0x80020010 [QuillonSvc]"), 1U);
   EXPECT_EQ(gGateway->gHttpsRebindCount.load(), 1) << "the other server's budget";
 }
 

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "service/diagnostics/deaf_entry.h"
 #include "service/mailbox/control_codes.h"
 #include "service/mailbox/dispatcher.h"
 #include "tests/service/mailbox_fixture.h"
@@ -67,6 +68,7 @@ TEST_F(Reader, FramesArriveWholeAndInOrderUntilTheThreadIsAskedToStop) {
   EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U);
   EXPECT_TRUE(Messages().ends_with("intThreadFunction before Processread\n")) << "no other line";
   EXPECT_FALSE(gMailboxLink->gInterruptDevice);
+  EXPECT_EQ(LabText("eventlog.txt"), "");
 }
 
 TEST_F(Reader, EmptyShortAndUnknownFramesAreDropped) {
@@ -93,6 +95,33 @@ TEST_F(Reader, FailedStepEndsTheThreadWithItsLine) {
     Start(0);
     ExpectEnd(line);
   }
+  const std::string entry = "type=2 id=0x80020011 [QuillonSvc]";
+  EXPECT_EQ(CountOf(LabText("eventlog.txt"), entry), 1U) << "five ends in an hour";
+  using std::chrono::steady_clock;
+  ReportDeafness(Deafness::kReaderEnded, steady_clock::now() + std::chrono::minutes(59));
+  EXPECT_EQ(CountOf(LabText("eventlog.txt"), entry), 1U);
+  ReportDeafness(Deafness::kReaderEnded, steady_clock::now() + std::chrono::minutes(61));
+  EXPECT_EQ(CountOf(LabText("eventlog.txt"), entry), 2U);
+}
+
+TEST_F(Reader, DeafServiceEndsForItsRestartOnlyWhereThatIsSetAndTheDeviceIsThere) {
+  gMailboxLink->restartPause = std::chrono::seconds(0);
+  std::filesystem::create_directory(lab() + "/settings");
+  for (const char* setting : {"0", "2", "?"}) {
+    Put("settings/RestartWhenDeaf", setting);
+    gate::FailNext("CreateIoCompletionPort", 87);
+    EXPECT_EQ(intThreadFunction(nullptr), 0U) << setting;
+  }
+  Put("settings/RestartWhenDeaf", "1");
+  gate::FailNext("CreateIoCompletionPort", 87);
+  EXPECT_EXIT(intThreadFunction(nullptr), testing::ExitedWithCode(0), "");
+  firmware_.reset();
+  reader_ = platform::CreateThread(intThreadFunction, nullptr);
+  EXPECT_TRUE(Eventually([] { return CountOf(Messages(), "bstatus 0") == 5; }))
+      << "without a device";
+  AskReaderToStop();
+  EXPECT_EQ(platform::WaitForSingleObject(reader_, 60'000), 0U) << "a stop ends the wait";
+  reader_.Reset();
 }
 
 TEST_F(Reader, SlotThatCannotBeRearmedOrALostDeviceEndsTheThread) {
@@ -104,6 +133,7 @@ TEST_F(Reader, SlotThatCannotBeRearmedOrALostDeviceEndsTheThread) {
   Start(20);
   firmware_->Drop();
   ExpectEnd("GetQueuedCompletionStatus failed 1167");
+  EXPECT_EQ(CountOf(LabText("eventlog.txt"), "type=2 id=0x80020012 [QuillonSvc]"), 1U);
 }
 
 }  // namespace

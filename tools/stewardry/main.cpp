@@ -1,0 +1,22 @@
+// stewardry: shows how the service on this host is doing, and why. It only reads.
+#include <CLI/CLI.hpp>
+
+#include "tools/stewardry/commands.h"
+
+int main(int argc, char** argv) {
+  using namespace stewardry::tools;
+  CLI::App app("Shows how the Stewardry service on this host is doing, and why. It only reads.",
+               "stewardry");
+  app.require_subcommand(1);
+  int exitCode = kHealthy;
+  AddStatusCommand(app, &exitCode);
+  AddDiagnoseCommand(app, &exitCode);
+  AddLogsCommand(app, &exitCode);
+  AddCollectCommand(app, &exitCode);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kHealthy : kFailed;
+  }
+  return exitCode;
+}
