@@ -23,7 +23,8 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PRESETS = ("release", "asan", "windows")  # the first that compiles a source decides
 TREES = ("service", "sock", "cim", "text", "platform", "lablink", "lab", "tools", "tests", "bench")
 MANY = 100
-GCC_ONLY = ("-fpch-preprocess", "-Winvalid-pch", "-mno-stack-arg-probe", "-Wno-maybe-uninitialized")
+GCC_ONLY = ("-fpch-preprocess", "-Winvalid-pch", "-mno-stack-arg-probe", "-Wno-maybe-uninitialized",
+            "-Wno-restrict")
 
 
 def git(*arguments):

@@ -46,7 +46,8 @@ std::int64_t LocalSeconds(int year, int month, int day, int hour, int minute, in
                       second <= 60;  // 60: a leap second
   if (month < 1 || day < 1 || year < 1970 || year > 9999 || !date.ok() || !isTime) return 0;
   const auto days = std::int64_t{sys_days(date).time_since_epoch().count()};
-  return days * kSecondsOfADay + hour * 3600 + minute * 60 + second;
+  const auto minutes = std::int64_t{hour} * 60 + minute;
+  return days * kSecondsOfADay + minutes * 60 + second;
 }
 
 std::int64_t LocalSecondsNow() {

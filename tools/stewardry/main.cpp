@@ -1,9 +1,13 @@
 // stewardry: shows how the service on this host is doing, and why. It only reads.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 
 #include "tools/stewardry/commands.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int Run(int argc, char** argv) {
   using namespace stewardry::tools;
   CLI::App app("Shows how the Stewardry service on this host is doing, and why. It only reads.",
                "stewardry");
@@ -19,4 +23,15 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? kHealthy : kFailed;
   }
   return exitCode;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "stewardry: %s\n", error.what());  // no memory, as a rule
+  }
+  return stewardry::tools::kFailed;
 }
