@@ -45,7 +45,9 @@ class Printer {
     const bool mayColor = noColor == nullptr || *noColor == 0;
     hasColors_ = options.color == "always" || (options.color == "auto" && isTerminal && mayColor);
     columns_ = static_cast<std::size_t>(platform::TerminalColumns());
-    while (kLevels[leastLevel_] != options.level) ++leastLevel_;
+    for (int i = 0; i < 3; ++i) {
+      if (options.level == kLevels[i]) leastLevel_ = i;
+    }
   }
 
   // Returns false when nobody reads the output any more.
