@@ -98,6 +98,8 @@ void RuleMatcher::TakeConsole(const LogLine& line) {
   const Session* const now = sessions_.Current(false);
   if (sessions_.Sessions().size() > count && now != nullptr && !now->isKvm) replaced_ = old;
   if (replaced_.empty() || now == nullptr || now->port == 0 || now->address.empty()) return;
+  // A console that connects again before its last connection has ended fights nobody.
+  if (replaced_.starts_with(now->address + ":")) return replaced_.clear();
   LogLine statement = line;
   statement.text = "(console " + replaced_ + " was replaced by " + now->address + ":" +
                    std::to_string(now->port) + ")";
