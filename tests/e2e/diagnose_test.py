@@ -314,6 +314,9 @@ class Diagnose(LabTest):
     def test_a_masked_collection_holds_no_address_or_name(self):
         self.start_both()
         curl()
+        with open(self.log_path(), "a", encoding="utf-8") as file:  # longer than the part that is masked
+            file.write("INFO: " + "x" * (600 << 10) + ADAPTER["address"] + "\n"
+                       "INFO: subscribing to alerts.lab.test\n")
         subprocess.run([os.path.join(BIN, "stewardry"), "collect", self.path("x.zip"), "--mask"],
                        check=True, env=self.environment(), stdout=subprocess.DEVNULL)
         with zipfile.ZipFile(self.path("x.zip")) as archive:
@@ -323,7 +326,7 @@ class Diagnose(LabTest):
             for name in archive.namelist():
                 text = archive.read(name).decode()
                 for secret in (ADAPTER["address"], "0xa0200c0", ADAPTER["mac"].lower(),
-                               "Hostname: " + socket.gethostname()):
+                               "Hostname: " + socket.gethostname(), "alerts.lab", "xxxx"):
                     self.assertNotIn(secret, text.lower() if secret.islower() else text, name)
         again = subprocess.run([os.path.join(BIN, "stewardry"), "collect", self.path("x.zip")],
                                check=False, env=self.environment(), capture_output=True)

@@ -1,11 +1,15 @@
-// The tool's reader of logs, with files as a service may leave them.
+// The tool's reader of logs, with files as a service may leave them, and what it concludes.
 #include <gmock/gmock.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "platform/error.h"
+#include "platform/service_manager.h"
 #include "tools/archive/masker.h"
 #include "tools/diagnosis/rules.h"
+#include "tools/facts/run_summary.h"
+#include "tools/facts/status.h"
 #include "tools/logs/line_source.h"
 #include "tools/logs/log_reader.h"
 #include "tools/logs/log_time.h"
@@ -118,10 +122,127 @@ TEST(Masked, TheSameValueGetsTheSamePlaceholderInEachForm) {
   Masker masker;
   masker.AddHost("LabHost");
   masker.Keep("2.4.1.0");
+  masker.Learn(
+      "OS DomainName: ;OS Hostname: labhost;x\nsubscribing to alerts.lab:80 <thread=8>\n"
+      "subscribing to 10.0.0.1\nC:\\Users\\Jo\\x C:\\Users\\Public\\x");
   EXPECT_EQ(masker.Mask("0x501a8c0 192.168.1.5:22 10.0.0.1 labhost 00-1A-2B-3C-4D-5E fe80::1"),
             "ip-1 ip-1:22 ip-2 host-1 mac-1 ip-3");
-  const std::string plain = "1.0.0.533 2.4.1.0 255.255.255.0 22:25:42 127.0.0.1 labhosts 0x71c9";
+  EXPECT_EQ(masker.Mask("jo on alerts.lab"), "user-1 on host-2");
+  const std::string plain =
+      "1.0.0.533 2.4.1.0 255.255.255.0 22:25:42 127.0.0.1 labhosts 0x71c9 public";
   EXPECT_EQ(masker.Mask(plain), plain);
+}
+
+RunSummary SummaryOf(std::uint32_t process, const std::vector<LogLine>& lines) {
+  RunSummarizer summarizer(process);
+  for (const LogLine& line : lines) summarizer.Take(line);
+  return summarizer.Summary();
+}
+
+LogLine LineOf(std::uint32_t process, std::int64_t time, const char* text) {
+  return {Log::kService, time, true, "INFO", process, 8, text};
+}
+
+constexpr char kStart[] = "Quillon Stewardry Service 1.2 started on Windows version: 10...";
+
+TEST(Run, IsSummarizedFromItsStartOrFromWhatIsLeftOfIt) {
+  const std::vector<LogLine> lines = {
+      LineOf(6, 100, "Bind to port 22 successful"),
+      LineOf(7, 200, kStart),
+      LineOf(7, 201, "Bind to port 664 successful"),
+      LineOf(7, 202, kStart),
+      LineOf(9, 203, kStart),
+      LineOf(9, 204, "NetworkInfo 520"),
+      LineOf(9, 205, "System is connected to LAN"),
+      LineOf(9, 206, "NetworkInfo 520"),
+      LineOf(7, 207, "Read prov status  is 2"),
+      LineOf(7, 208, "NetworkInfo 520"),
+  };
+  const RunSummary started = SummaryOf(7, lines), left = SummaryOf(6, lines);
+  EXPECT_EQ(started.started, 200);
+  EXPECT_EQ(started.version, "1.2");
+  EXPECT_EQ(started.dashBinds, 1);
+  EXPECT_EQ(started.provisioning, 2);
+  EXPECT_FALSE(started.lastReport);  // of a host without a network
+  EXPECT_EQ(SummaryOf(9, lines).lastReport->time, 206);
+  EXPECT_EQ(left.process, 6U);
+  EXPECT_EQ(left.started, 0);
+  EXPECT_EQ(left.kvmBinds, 1);
+  EXPECT_EQ(SummaryOf(8, lines).process, 0U);
+  const RunSummary latest = SummaryOf(0, lines);
+  EXPECT_EQ(latest.process, 7U);
+  EXPECT_EQ(latest.started, 0);
+  EXPECT_EQ(SummaryOf(7, {lines[1], lines[2], LineOf(7, 9'000, kStart)}).dashBinds, 0);
+}
+
+// A host on which all is well.
+Status Healthy() {
+  Status status;
+  status.facts.service.value = platform::ServiceView{4, 7, 0, "x"};
+  status.facts.processes.value.emplace();
+  status.facts.deviceInterfaces.value = 1;
+  OwnedSocket dash{};
+  dash.isListening = true;
+  dash.localPort = kDashPort;
+  dash.processId = 7;
+  status.facts.sockets.value = {dash};
+  status.run.process = 7;
+  status.run.provisioning = kProvisioned;
+  return status;
+}
+
+TEST(Verdict, RestsOnWhatWasSeen) {
+  struct Case {
+    Verdict verdict;
+    const char* words;
+    void (*change)(Status* status);
+  };
+  const Case cases[] = {
+      {Verdict::kHealthy, "healthy", [](Status*) {}},
+      {Verdict::kHealthy, "healthy",
+       [](Status* s) {
+         s->tray.value = TrayAnswers{true, true, "", ""};
+         s->run.provisioning.reset();
+       }},
+      {Verdict::kDown, "not installed",
+       [](Status* s) {
+         s->facts.service = {{}, "", "", platform::kErrorServiceDoesNotExist};
+       }},
+      {Verdict::kCannotTell, "cannot be seen: denied",
+       [](Status* s) {
+         s->facts.service = {{}, "", "denied", platform::kErrorAccessDenied};
+       }},
+      {Verdict::kCannotTell, "process cannot be seen",
+       [](Status* s) {
+         s->facts.service = {{}, "", "", platform::kErrorServiceDoesNotExist};
+         s->facts.processes = {{}, "", "denied", platform::kErrorAccessDenied};
+       }},
+      {Verdict::kDown, "not running", [](Status* s) { s->facts.service.value->processId = 0; }},
+      {Verdict::kDown, "Another program",
+       [](Status* s) { s->facts.sockets.value->front().processId = 8; }},
+      {Verdict::kHealthy, "healthy",  // the owner of a port cannot always be seen
+       [](Status* s) { s->facts.sockets.value->front().processId = 0; }},
+      {Verdict::kCannotTell, "ports", [](Status* s) { s->facts.sockets.value.reset(); }},
+      {Verdict::kDown, "device is missing", [](Status* s) { s->facts.deviceInterfaces.value = 0; }},
+      {Verdict::kDegraded, "receives nothing", [](Status* s) { s->run.readerEnd = Seen{}; }},
+      {Verdict::kDegraded, "port 664 is closed",
+       [](Status* s) { s->facts.sockets.value->clear(); }},
+      {Verdict::kDegraded, "not provisioned", [](Status* s) { s->run.provisioning = 1; }},
+      {Verdict::kDegraded, "rebinds", [](Status* s) { s->run.kvmBinds = kMostBinds; }},
+      {Verdict::kCannotTell, "logs cannot be read",
+       [](Status* s) {
+         s->unread.push_back({"x", "denied", 5});
+       }},
+      {Verdict::kCannotTell, "no line of it", [](Status* s) { s->run = {}; }},
+      {Verdict::kCannotTell, "no line left", [](Status* s) { s->run.provisioning.reset(); }},
+  };
+  for (const Case& c : cases) {
+    Status status = Healthy();
+    c.change(&status);
+    const Judgement judgement = Judge(status);
+    EXPECT_EQ(judgement.verdict, c.verdict) << c.words;
+    EXPECT_THAT(judgement.sentence, ::testing::HasSubstr(c.words));
+  }
 }
 
 }  // namespace

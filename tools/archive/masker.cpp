@@ -12,6 +12,8 @@ namespace stewardry::tools {
 namespace {
 
 constexpr std::size_t kShortestName = 2;
+// Above the names of any real host's logs: each is looked for at each word.
+constexpr std::size_t kMostNames = 256;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsHex(char c) { return IsDigit(c) || (ToLower(c) >= 'a' && ToLower(c) <= 'f'); }
@@ -96,11 +98,50 @@ struct Kind {
 constexpr Kind kKinds[] = {
     {"mac", MacAddress}, {"ip", DottedAddress}, {"ip", HexAddress}, {"ip", Ipv6Address}};
 
+// Behind which a name stands.
+struct NamePlace {
+  std::string_view before;
+  const char* kind;
+};
+constexpr NamePlace kNamePlaces[] = {
+    {"OS DomainName: ", "host"}, {"OS Hostname: ", "host"}, {"DNS domain: ", "host"},
+    {"subscribing to ", "host"}, {"Username ", "user"},     {"\\Users\\", "user"},
+    {"/home/", "user"},
+};
+constexpr std::string_view kNameEnds = " ;:,<>\"'/\\\r\n\t";
+
+// Names that every host has.
+constexpr std::string_view kCommonNames[] = {"administrator", "all",    "default", "localhost",
+                                             "public",        "system", "root",    "none"};
+
+bool IsAnAddress(std::string_view text) {
+  return std::any_of(std::begin(kKinds), std::end(kKinds), [text](const Kind& kind) {
+    const std::optional<Found> found = kind.match(text);
+    return found && found->length == text.size();
+  });
+}
+
 }  // namespace
 
+void Masker::Learn(std::string_view text) {
+  for (const NamePlace& place : kNamePlaces) {
+    for (std::size_t at = text.find(place.before); at != std::string_view::npos;
+         at = text.find(place.before, at)) {
+      at += place.before.size();
+      const std::string_view name = text.substr(at, text.find_first_of(kNameEnds, at) - at);
+      if (!IsAnAddress(name)) AddName(place.kind, name);
+    }
+  }
+}
+
 void Masker::AddName(const char* kind, std::string_view name) {
-  if (name.size() < kShortestName) return;
   const std::string folded = Folded(name);
+  const auto isFolded = [&folded](std::string_view common) { return common == folded; };
+  const auto isKnown = [&folded](const Name& known) { return known.folded == folded; };
+  if (name.size() < kShortestName || names_.size() == kMostNames ||
+      std::any_of(std::begin(kCommonNames), std::end(kCommonNames), isFolded) ||
+      std::any_of(names_.begin(), names_.end(), isKnown))
+    return;
   names_.push_back({folded, Placeholder(kind, folded)});
   // The longest first: a host's full name before its first label.
   std::stable_sort(names_.begin(), names_.end(),

@@ -20,6 +20,11 @@ constexpr std::uint64_t kLeastFreeBytes = 1 << 20;
 // A start takes less time until its banner is in the log.
 constexpr std::int64_t kStartSeconds = 30;
 
+// " since 2026-11-22 22:25:42", or nothing if the log does not go back to the start.
+std::string SinceStart(const RunSummary& run) {
+  return run.started != 0 ? " since " + TimeText(run.started) : "";
+}
+
 bool Runs(const Status& status) { return status.facts.ServiceProcess() != 0; }
 
 bool IsRegistered(const Status& status) { return status.facts.service.value.has_value(); }
@@ -60,14 +65,14 @@ Answer Vanished(const Status& status) {
 Answer DashBudget(const Status& status) {
   if (Runs(status) || status.run.stop || status.run.dashBinds < kMostBinds) return {};
   return "Process " + std::to_string(status.run.process) + " has bound port 664 " +
-         std::to_string(status.run.dashBinds) + " times since " + TimeText(status.run.started) +
+         std::to_string(status.run.dashBinds) + " times" + SinceStart(status.run) +
          " and ended at " + TimeText(status.run.lastLine->time) + ".";
 }
 
 Answer KvmBudget(const Status& status) {
   if (!Runs(status) || status.run.kvmBinds < kMostBinds) return {};
-  return "Port 22 was bound " + std::to_string(status.run.kvmBinds) + " times since " +
-         TimeText(status.run.started) + ".";
+  return "Port 22 was bound " + std::to_string(status.run.kvmBinds) + " times" +
+         SinceStart(status.run) + ".";
 }
 
 Answer NoLog(const Status& status) {

@@ -9,7 +9,9 @@ namespace stewardry::tools {
 namespace {
 
 constexpr std::string_view kBanner = "Quillon Stewardry Service ";
-constexpr std::string_view kBannerEnd = " started on ";
+constexpr std::string_view kBannerEnd = " started";
+// Between the two banners of a start.
+constexpr std::int64_t kStartSeconds = 30;
 
 // Lines that name an error in a healthy run: docs/operations.md says why.
 constexpr std::string_view kNormal[] = {
@@ -42,7 +44,6 @@ struct Mark {
   std::optional<Seen> RunSummary::*seen;
 };
 constexpr Mark kMarks[] = {
-    {"NetworkInfo ", &RunSummary::lastReport},
     {"Send size is ", &RunSummary::subscription},
     {"intThreadFunction ln: 658", &RunSummary::readerEnd},
     {"SERVICE_CONTROL_STOP", &RunSummary::stop},
@@ -62,20 +63,28 @@ constexpr Bind kBinds[] = {
 
 }  // namespace
 
+// Starts the summary again where another run begins.
+void RunSummarizer::Begin(const LogLine& line) {
+  const bool isSame = summary_.process == line.process;
+  const bool isBanner = line.text.starts_with(kBanner);
+  // A start writes the banner twice.
+  if (isSame && isBanner && line.time - summary_.started <= kStartSeconds) return;
+  if (isSame && !isBanner) return;
+  summary_ = {};
+  sessions_ = {};
+  hasNetwork_ = false;
+  summary_.process = line.process;
+  if (!isBanner) return;
+  summary_.started = line.time;
+  const std::size_t end = std::min(line.text.find(kBannerEnd), line.text.size());
+  summary_.version = line.text.substr(kBanner.size(), end - kBanner.size());
+}
+
 void RunSummarizer::Take(const LogLine& line) {
-  if (line.log != Log::kService || !line.hasOwnTime) return;
+  if (line.log != Log::kService || !line.hasOwnTime || line.process == 0) return;
+  if (process_ != 0 && line.process != process_) return;
+  Begin(line);
   const std::string_view text = line.text;
-  if (text.starts_with(kBanner)) {
-    // The banner comes twice in a start.
-    const bool goesOn = summary_.process == line.process;
-    const std::int64_t started = goesOn ? summary_.started : line.time;
-    summary_ = {};
-    sessions_ = {};
-    summary_.process = line.process;
-    summary_.started = started;
-    const std::size_t end = std::min(text.find(kBannerEnd), text.size());
-    summary_.version = text.substr(kBanner.size(), end - kBanner.size());
-  }
   summary_.lastLine = Seen{line.time, line.text};
   for (const Mark& mark : kMarks) {
     if (text.starts_with(mark.begin)) summary_.*mark.seen = Seen{line.time, line.text};
@@ -86,6 +95,11 @@ void RunSummarizer::Take(const LogLine& line) {
   if (const auto state = NumberBehind(text, "Read prov status  is ")) summary_.provisioning = state;
   constexpr std::string_view kVersion = "Read data is ";
   if (text.starts_with(kVersion)) summary_.firmwareVersion = text.substr(kVersion.size());
+  // A host without a network reports an empty adapter, which is no report of it.
+  if (text.starts_with("OS Name: ")) hasNetwork_ = false;
+  if (text.starts_with("System is connected to ")) hasNetwork_ = true;
+  if (hasNetwork_ && text.starts_with("NetworkInfo "))
+    summary_.lastReport = Seen{line.time, line.text};
   if (NamesAnError(line)) summary_.lastError = Seen{line.time, line.text};
   sessions_.Take(line);
   summary_.console.reset();
@@ -94,8 +108,8 @@ void RunSummarizer::Take(const LogLine& line) {
   if (const Session* viewer = sessions_.Current(true)) summary_.viewer = *viewer;
 }
 
-RunSummary ReadRunSummary(LogReader* reader, std::int64_t mostBytes) {
-  RunSummarizer summarizer;
+RunSummary ReadRunSummary(LogReader* reader, std::uint32_t process, std::int64_t mostBytes) {
+  RunSummarizer summarizer(process);
   LogWindow window;
   for (int i = 0; i < kLogCount; ++i) window.logs[i] = i == static_cast<int>(Log::kService);
   window.mostBytesOfAFile = mostBytes;

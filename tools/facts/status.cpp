@@ -19,7 +19,7 @@ Fact<TrayAnswers> AskTray(std::uint32_t serviceProcess) {
   lab::ServedPipe pipe;
   std::string problem;
   if (!pipe.Open("TrayPipe", &problem)) {
-    fact.why = "another program serves the tray's pipe";
+    fact.why = "the tray's pipe is served by another program, or refused: " + problem;
     return fact;
   }
   const auto deadline = std::chrono::steady_clock::now() + kTrayPatience;
@@ -43,21 +43,19 @@ const OwnedSocket* ListenerOf(const HostFacts& facts, std::uint16_t port) {
   return nullptr;
 }
 
-struct Judgement {
-  Verdict verdict;
-  std::string sentence;
-};
-
 Judgement JudgeStopped(const Status& status) {
   const Fact<platform::ServiceView>& service = status.facts.service;
-  if (!service.value && service.why.find("did not answer") == std::string::npos) {
-    if (!status.facts.processes.value)
-      return {Verdict::kCannotTell, "The service cannot be seen: " + service.why + "."};
+  // Without the list a process in the foreground may run.
+  if (!status.facts.processes.value)
+    return {Verdict::kCannotTell,
+            "The service's process cannot be seen: " + status.facts.processes.why + "."};
+  if (service.value) return {Verdict::kDown, "The service is installed and not running."};
+  if (service.error == platform::kErrorServiceDoesNotExist)
     return {Verdict::kDown, "The service is not installed on this host."};
-  }
-  if (!service.value) return {Verdict::kCannotTell, "The service manager did not answer."};
-  return {Verdict::kDown, "The service is installed and not running."};
+  return {Verdict::kCannotTell, "The service cannot be seen: " + service.why + "."};
 }
+
+}  // namespace
 
 Judgement Judge(const Status& status) {
   const std::uint32_t process = status.facts.ServiceProcess();
@@ -83,10 +81,15 @@ Judgement Judge(const Status& status) {
   if (!status.unread.empty())
     return {Verdict::kCannotTell, "The service runs and listens; its logs cannot be read: " +
                                       status.unread[0].reason + "."};
+  const bool isSilent = status.run.process == 0;
+  if (isSilent || (!status.tray.value && !status.run.provisioning))
+    return {
+        Verdict::kCannotTell,
+        isSilent
+            ? "The service runs and listens; the log has no line of it."
+            : "The service runs and listens; no line left says that the firmware is provisioned."};
   return {Verdict::kHealthy, "The service is healthy: consoles can connect."};
 }
-
-}  // namespace
 
 const char* NameOf(Verdict verdict) {
   constexpr const char* kNames[] = {"healthy", "degraded", "down", "cannot-tell"};
@@ -97,11 +100,9 @@ Status GatherStatus(bool askTray) {
   Status status;
   status.facts = GatherHostFacts();
   LogReader reader(LogFolder());
-  status.run = ReadRunSummary(&reader, kMostOfTheLog);
-  status.unread = reader.Unread();
   const std::uint32_t process = status.facts.ServiceProcess();
-  // A run that has ended says nothing of the present one.
-  if (process != 0 && status.run.process != process) status.run = {};
+  status.run = ReadRunSummary(&reader, process, kMostOfTheLog);
+  status.unread = reader.Unread();
   status.tray = {{}, "tray pipe", "not asked", 0};
   if (askTray && process != 0) status.tray = AskTray(process);
   const Judgement judgement = Judge(status);

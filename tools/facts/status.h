@@ -29,6 +29,15 @@ struct Status {
   std::string sentence;  // the verdict and its reason
 };
 
+struct Judgement {
+  Verdict verdict;
+  std::string sentence;
+};
+
+// Returns the verdict on what was seen. Where a part that it would rest on could not be seen, the
+// verdict says so and is not kHealthy.
+Judgement Judge(const Status& status);
+
 // Gathers everything. With `askTray` it serves the tray's pipe until the service, which looks for
 // it every two seconds, has answered; another program that serves the pipe keeps its place.
 Status GatherStatus(bool askTray);

@@ -34,7 +34,7 @@ std::string WhyNot(const Fact<T>& fact) {
 Row ServiceRow(const Status& status) {
   const HostFacts& facts = status.facts;
   const std::uint32_t process = facts.ServiceProcess();
-  const std::string since = status.run.process != 0 ? " since " + TimeText(status.run.started) : "";
+  const std::string since = status.run.started != 0 ? " since " + TimeText(status.run.started) : "";
   const bool isManaged = facts.service.value && facts.service.value->processId != 0;
   if (process != 0 && !isManaged)
     return {"service", "process " + std::to_string(process) + " in the foreground, unmanaged",
@@ -115,6 +115,10 @@ std::vector<Row> RowsOf(const Status& status) {
   const RunSummary& run = status.run;
   const std::string log = "service log";
   const auto left = [](int binds) { return std::to_string(std::max(0, kMostBinds - binds)); };
+  const std::string binds = run.process == 0
+                                ? "no line says it"
+                                : (run.started == 0 ? "at most " : "") + left(run.dashBinds) +
+                                      " of 20 for DASH, " + left(run.kvmBinds) + " for KVM";
   return {
       ServiceRow(status),
       {"version", run.version.empty() ? "no line says it" : run.version, log},
@@ -127,8 +131,7 @@ std::vector<Row> RowsOf(const Status& status) {
       {"last report", run.lastReport ? TimeText(run.lastReport->time) : "none", log},
       {"subscription", run.subscription ? run.subscription->text : "none", log},
       {"last error", SeenText(run.lastError), log},
-      {"rebinds left", left(run.dashBinds) + " of 20 for DASH, " + left(run.kvmBinds) + " for KVM",
-       log},
+      {"rebinds left", binds, log},
       LogsRow(status),
   };
 }
@@ -199,7 +202,7 @@ Json JsonOf(const std::vector<OwnedSocket>& sockets) {
 
 Json RunJson(const RunSummary& run) {
   return {{"process", run.process},
-          {"started", TimeText(run.started)},
+          {"started", run.started != 0 ? Json(TimeText(run.started)) : Json(nullptr)},
           {"version", run.version},
           {"firmwareVersion", run.firmwareVersion},
           {"provisioning", run.provisioning ? Json(*run.provisioning) : Json(nullptr)},

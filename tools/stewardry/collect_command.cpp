@@ -8,15 +8,18 @@
 #include "platform/desktop.h"
 #include "platform/error.h"
 #include "platform/file.h"
+#include "platform/network.h"
 #include "platform/shared_file.h"
 #include "platform/socket.h"
 #include "platform/survey.h"
 #include "service/diagnostics/deaf_entry.h"
+#include "service/diagnostics/log_file.h"
 #include "tools/archive/masker.h"
 #include "tools/archive/zip_writer.h"
 #include "tools/diagnosis/diagnosis.h"
 #include "tools/logs/line_source.h"
 #include "tools/logs/log_time.h"
+#include "tools/logs/sessions.h"
 #include "tools/stewardry/commands.h"
 
 namespace stewardry::tools {
@@ -33,53 +36,97 @@ struct Options {
   std::int64_t most = 64;  // MiB of each log
 };
 
+// The bytes of a log of any size, in parts. With `wholeLines` a part ends with a line, and a line
+// that is longer than a part is left out: a value could be cut in two there.
+class LogParts {
+ public:
+  static constexpr std::int64_t kPart = 1 << 18;
+
+  LogParts(const LogFileView& view, std::int64_t most, bool wholeLines)
+      : file_(platform::OpenSharedFile(view.path.c_str())), end_(view.size), whole_(wholeLines) {
+    if (!file_) {
+      notes_.push_back(ReasonOf(platform::LastError()));
+      end_ = 0;
+    }
+    if (end_ <= most) return;
+    at_ = NextLineStart(file_, end_ - most, end_);
+    notes_.push_back("its first " + std::to_string(at_) + " bytes were left out");
+  }
+
+  // Stores the next part. Returns false at the end, or where the file cannot be read.
+  bool Next(std::string* part) {
+    while (Fill()) {
+      if (skips_) EndLongLine();
+      const bool isRest = at_ >= end_ || !whole_;
+      const std::size_t used = isRest ? rest_.size() : rest_.rfind('\n') + 1;  // 0 without one
+      if (used == 0 && rest_.size() > kPart) BeginLongLine();
+      if (used == 0) continue;
+      part->assign(rest_, 0, used);
+      rest_.erase(0, used);
+      return true;
+    }
+    return false;
+  }
+
+  // What was left out, and why.
+  const std::vector<std::string>& Notes() const { return notes_; }
+
+ private:
+  // Reads until there is something to take. Returns false if nothing is left.
+  bool Fill() {
+    std::string bytes(kPart, '\0');
+    std::size_t read = 0;
+    if (at_ < end_) {
+      const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(kPart, end_ - at_));
+      if (!platform::ReadAt(file_, at_, bytes.data(), wanted, &read))
+        notes_.push_back(ReasonOf(platform::LastError()));
+      at_ = read == 0 ? end_ : at_ + static_cast<std::int64_t>(read);
+    }
+    rest_.append(bytes, 0, read);
+    return !rest_.empty();
+  }
+
+  void BeginLongLine() {
+    notes_.push_back("a line of more than " + std::to_string(kPart) + " bytes was left out");
+    skips_ = true;
+    rest_.clear();
+  }
+
+  void EndLongLine() {
+    const std::size_t end = rest_.find('\n');
+    skips_ = end == std::string::npos;
+    rest_.erase(0, skips_ ? rest_.size() : end + 1);
+  }
+
+  platform::SharedFile file_;
+  std::int64_t at_ = 0, end_;
+  bool whole_, skips_ = false;  // within a long line
+  std::string rest_;            // read, and not taken yet
+  std::vector<std::string> notes_;
+};
+
 // Puts texts and logs into the archive, masked if that was asked for.
 class Collector {
  public:
   Collector(const Options& options, const Status& status, ZipWriter* archive)
       : options_(options), archive_(archive) {
-    masker_.Keep(status.run.firmwareVersion);
-    char host[256] = "";
-    if (platform::gethostname(host, sizeof host - 1) == 0) masker_.AddHost(host);
-    char user[256] = "";
-    std::uint32_t size = sizeof user;
-    if (platform::GetUserNameA(user, &size)) masker_.AddUser(user);
+    if (options.mask) LearnNames(status);
   }
 
   bool AddText(const char* name, const std::string& text) {
     return archive_->Add(name, options_.mask ? masker_.Mask(text) : text);
   }
 
-  // A log of any size goes through in parts of whole lines. What a masked log has in a line that is
-  // longer than a part may be cut in the middle of a value, so such a line is left out.
   bool AddLog(const LogFileView& view) {
     const std::string name = view.path.substr(view.path.rfind('\\') + 1);
-    const platform::SharedFile file = platform::OpenSharedFile(view.path.c_str());
-    if (!file) return Note(name + ": " + ReasonOf(platform::LastError()));
-    const std::int64_t most = options_.most * kMebibyte;
-    std::int64_t at =
-        view.size > most ? NextLineStart(file, view.size - most, view.size) : std::int64_t{0};
-    if (at > 0) Note(name + ": its first " + std::to_string(at) + " bytes were left out");
+    LogParts parts(view, options_.most * kMebibyte, options_.mask);
     if (!archive_->Begin("logs/" + name)) return false;
-    std::string part, rest;
-    while (at < view.size) {
-      part.resize(kPart);
-      std::size_t read = 0;
-      const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(kPart, view.size - at));
-      if (!platform::ReadAt(file, at, part.data(), wanted, &read))
-        Note(name + ": " + ReasonOf(platform::LastError()));
-      if (read == 0) break;
-      at += static_cast<std::int64_t>(read);
-      rest.append(part, 0, read);
-      const std::size_t end = rest.rfind('\n') + 1;  // 0 without one
-      if (end == 0 && rest.size() > kPart) {
-        Note(name + ": a line of more than " + std::to_string(kPart) + " bytes was left out");
-        rest.clear();
-      }
-      if (!WritePart(rest.substr(0, end))) return false;
-      rest.erase(0, end);
+    std::string part;
+    while (parts.Next(&part)) {
+      if (!archive_->Write(options_.mask ? masker_.Mask(part) : part)) return false;
     }
-    return WritePart(rest) && archive_->End();
+    for (const std::string& note : parts.Notes()) Note(name + ": " + note);
+    return archive_->End();
   }
 
   bool AddNotes() {
@@ -97,10 +144,21 @@ class Collector {
   }
 
  private:
-  static constexpr std::int64_t kPart = 1 << 18;
-
-  bool WritePart(const std::string& text) {
-    return archive_->Write(options_.mask ? masker_.Mask(text) : text);
+  // A name is masked wherever it stands, so all logs are searched before the first is written.
+  void LearnNames(const Status& status) {
+    masker_.Keep(status.run.firmwareVersion);
+    char text[256] = "";
+    if (platform::gethostname(text, sizeof text - 1) == 0) masker_.AddHost(text);
+    std::uint32_t size = sizeof text;
+    if (platform::GetComputerDnsDomain(text, &size)) masker_.AddHost(text);
+    size = sizeof text;
+    if (platform::GetUserNameA(text, &size)) masker_.AddUser(text);
+    if (status.facts.service.value) masker_.Learn(status.facts.service.value->binaryPath);
+    for (const LogFileView& view :
+         status.facts.logFiles.value.value_or(std::vector<LogFileView>())) {
+      LogParts parts(view, options_.most * kMebibyte, true);
+      for (std::string part; parts.Next(&part);) masker_.Learn(part);
+    }
   }
 
   const Options& options_;
@@ -115,6 +173,21 @@ std::string RegistrationText(Collector* collector) {
     collector->Note("registration: " + ReasonOf(platform::LastError()));
   std::string text;
   for (const platform::NamedText& value : values) text += value.name + " = " + value.text + "\n";
+  return text;
+}
+
+// What the collection was made with and on, and the sockets as the table of the system has them.
+std::string HostText(const HostFacts& facts) {
+  char system[256] = "";
+  if (!ReadVerLine(system, sizeof system)) std::snprintf(system, sizeof system, "not seen");
+  std::string text = "tool " STEWARDRY_VERSION "\nsystem " + std::string(system) + "\n";
+  if (!facts.sockets.value) return text + "sockets not seen: " + facts.sockets.why + "\n";
+  for (const OwnedSocket& socket : *facts.sockets.value) {
+    text += std::string(socket.isListening ? "listening " : "connected ") +
+            DottedText(socket.localAddress) + ":" + std::to_string(socket.localPort) + " " +
+            DottedText(socket.remoteAddress) + ":" + std::to_string(socket.remotePort) +
+            " process " + std::to_string(socket.processId) + " " + socket.processName + "\n";
+  }
   return text;
 }
 
@@ -141,6 +214,7 @@ bool CollectAll(const Options& options, ZipWriter* archive) {
             collector.AddText("status.json", ToJson(status).dump(2)) &&
             collector.AddText("diagnosis.txt", ToText(diagnosis)) &&
             collector.AddText("diagnosis.json", ToJson(diagnosis).dump(2)) &&
+            collector.AddText("host.txt", HostText(status.facts)) &&
             collector.AddText("registration.txt", RegistrationText(&collector)) &&
             collector.AddText("events.txt", EventText(status.facts));
   if (!status.facts.logFiles.value) collector.Note("logs: " + status.facts.logFiles.why);

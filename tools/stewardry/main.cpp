@@ -11,6 +11,7 @@ int Run(int argc, char** argv) {
   using namespace stewardry::tools;
   CLI::App app("Shows how the Stewardry service on this host is doing, and why. It only reads.",
                "stewardry");
+  app.set_version_flag("--version", "stewardry " STEWARDRY_VERSION);
   app.require_subcommand(1);
   int exitCode = kHealthy;
   AddStatusCommand(app, &exitCode);
