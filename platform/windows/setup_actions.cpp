@@ -1,9 +1,8 @@
 #include "platform/setup_actions.h"
 
-#include <memory>
 #include <string>
-#include <type_traits>
 
+#include "platform/windows/runtime/owned_handles.h"
 #include "platform/windows/runtime/windows_api.h"
 
 namespace platform {
@@ -11,15 +10,6 @@ namespace platform {
 namespace {
 
 constexpr DWORD kProgramMs = 30'000;
-
-struct CloseManagerHandle {
-  void operator()(SC_HANDLE handle) const { ::CloseServiceHandle(handle); }
-};
-using ManagerHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseManagerHandle>;
-struct CloseObject {
-  void operator()(HANDLE handle) const { ::CloseHandle(handle); }
-};
-using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 
 ManagerHandle OpenRegistered(const char* name, DWORD access) {
   const ManagerHandle manager(::OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));

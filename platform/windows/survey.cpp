@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "platform/error.h"
+#include "platform/windows/runtime/owned_handles.h"
 #include "platform/windows/runtime/windows_api.h"
 // These need windows.h.
 #include <iphlpapi.h>
@@ -18,14 +19,6 @@ namespace {
 
 constexpr std::int64_t kFileTimeOf1970 = 116'444'736'000'000'000;  // in 100 ns since 1601
 
-struct CloseManagerHandle {
-  void operator()(SC_HANDLE handle) const { ::CloseServiceHandle(handle); }
-};
-using ManagerHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseManagerHandle>;
-struct CloseObject {
-  void operator()(HANDLE handle) const { ::CloseHandle(handle); }
-};
-using Object = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseObject>;
 struct CloseKey {
   void operator()(HKEY key) const { ::RegCloseKey(key); }
 };

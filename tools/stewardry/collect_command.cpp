@@ -125,7 +125,7 @@ class Collector {
     while (parts.Next(&part)) {
       if (!archive_->Write(options_.mask ? masker_.Mask(part) : part)) return false;
     }
-    for (const std::string& note : parts.Notes()) Note(name + ": " + note);
+    for (const std::string& note : parts.Notes()) Note(std::string(name).append(": ").append(note));
     return archive_->End();
   }
 
