@@ -57,11 +57,16 @@ ARROWS = {
     "lab/cim": "cim/message cim/packing cim/instance cim/value cim/log cim/text cim/memory sock "
                "platform text",
     "lab/firmware/core": "lablink lab/local text",
-    "lab/firmware/dash": "lab/firmware/core text",
+    "lab/mof": "cim/instance cim/value cim/log cim/text cim/memory sock platform text",
+    "lab/firmware/model": "lab/firmware/core lab/mof cim/packing cim/instance cim/value cim/log "
+                          "cim/text cim/memory sock platform text",
+    "lab/firmware/wsman": "lab/firmware/model lab/firmware/core cim/instance cim/value cim/log "
+                          "cim/text cim/memory sock platform text",
+    "lab/firmware/dash": "lab/firmware/wsman lab/firmware/core text",
     "lab/firmware/kvm": "lab/firmware/core text",
-    "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/core text",
-    "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/core "
-                           "lab/local text",
+    "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/wsman lab/firmware/core text",
+    "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/wsman "
+                           "lab/firmware/model lab/firmware/core lab/local text",
     "tools/setup": "service/diagnostics platform text",
     "tools/logs": "service/diagnostics platform text",
     "tools/facts": "tools/logs lab/local service/mailbox service/diagnostics platform text",

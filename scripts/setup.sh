@@ -8,11 +8,12 @@
 set -euo pipefail
 
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev libcli11-dev nlohmann-json3-dev
-       zlib1g-dev)
+       zlib1g-dev libxml2-dev python3)
 clients=(curl openssl iproute2 util-linux)
 viewers=(pkg-config libvncserver-dev gvncviewer)
-unit=(ccache gdb libgtest-dev libgmock-dev python3 python3-jsonschema)
-checks=("${unit[@]}" clang-format clang-tidy strace valgrind "${viewers[@]}")
+unit=(ccache gdb libgtest-dev libgmock-dev python3-jsonschema)
+checks=("${unit[@]}" clang-format clang-tidy strace valgrind wsl libxml2-utils uuid-runtime
+        "${viewers[@]}")
 windows=(googletest g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64 wixl msitools)
 bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodpbase64-dev
        libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler

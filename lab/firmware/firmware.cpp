@@ -349,6 +349,7 @@ int Firmware::MillisecondsLeft() const { return state_->context.kvm.Milliseconds
 
 FirmwareFacts& Firmware::Facts() { return state_->context.facts; }
 const Inventory& Firmware::Reported() const { return state_->context.inventory; }
+WsmanService& Firmware::Wsman() { return state_->context.wsman; }
 KvmConsole& Firmware::Kvm() { return state_->context.kvm; }
 
 void Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {

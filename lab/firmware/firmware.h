@@ -16,6 +16,7 @@
 #include "lab/firmware/core/trace.h"
 #include "lab/firmware/dash/tls_context.h"
 #include "lab/firmware/kvm/kvm_console.h"
+#include "lab/firmware/wsman/wsman.h"
 
 namespace orrin {
 
@@ -53,6 +54,7 @@ class Firmware {
   FirmwareFacts& Facts();
   const Inventory& Reported() const;
   KvmConsole& Kvm();
+  WsmanService& Wsman();
   // Sends a command to the host. Without a mailbox end, or with a payload too long for a frame,
   // adds a line to the trace instead.
   void SendCommandFrame(std::uint8_t code, ByteView payload);

@@ -96,7 +96,8 @@ void BeginDash(ActionContext& context) {
   EndDash(context, "another connection replaces it");
   context.fromPeer = context.toPeer = TlsRecordWatch();
   context.dash = std::make_unique<DashSession>(
-      context.tls, PageFacts{context.inventory, context.facts.version}, context.dashOutput);
+      context.tls, PageFacts{context.inventory, context.facts.version, context.wsman},
+      context.dashOutput);
 }
 
 void HandleIp(ActionContext& context, ByteView input) {

@@ -24,6 +24,7 @@ struct ActionContext {
   DashOutput& dashOutput;
   FirmwareFacts facts;
   Inventory inventory;
+  WsmanService wsman;
   std::unique_ptr<DashSession> dash;  // of the connection announced last for port 664
   TlsRecordWatch fromPeer;
   TlsRecordWatch toPeer;

@@ -1,16 +1,22 @@
 # Power actions: the firmware's command is carried out once the answer has been sent. On Linux it
 # adds a line to power.txt and does nothing else.
 import re
+import socket
 
 from stewardry_lab import LabTest, curl, run, until
 
 SERVICE = "http://schemas.dmtf.org/wbem/wscim/1/cim-schema/2/CIM_PowerManagementService"
 REQUEST = """<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope"
- xmlns:a="http://schemas.xmlsoap.org/ws/2004/08/addressing" xmlns:p="%s"><s:Header>
+ xmlns:a="http://schemas.xmlsoap.org/ws/2004/08/addressing"
+ xmlns:w="http://schemas.dmtf.org/wbem/wsman/1/wsman.xsd" xmlns:p="%s"><s:Header>
  <a:Action s:mustUnderstand="true">%s/RequestPowerStateChange</a:Action>
- <a:MessageID>uuid:7</a:MessageID></s:Header><s:Body><p:RequestPowerStateChange_INPUT>
+ <a:MessageID>uuid:7</a:MessageID><w:ResourceURI>%s</w:ResourceURI><w:SelectorSet>
+ <w:Selector Name="SystemCreationClassName">CIM_ComputerSystem</w:Selector>
+ <w:Selector Name="SystemName">%s</w:Selector>
+ <w:Selector Name="CreationClassName">CIM_PowerManagementService</w:Selector>
+ <w:Selector Name="Name">power</w:Selector></w:SelectorSet></s:Header><s:Body><p:RequestPowerStateChange_INPUT>
  <p:PowerState>{}</p:PowerState></p:RequestPowerStateChange_INPUT></s:Body></s:Envelope>""" % (
-     SERVICE, SERVICE)
+     SERVICE, SERVICE, SERVICE, socket.gethostname())
 SHUT_DOWN = "InitiateSystemShutdownExA message=none timeout=0 force=true reboot=%s reason=0x40000"
 SUSPEND = "SetSuspendState hibernate=%s force=true wakeEventsDisabled=false"
 # The frame's name, the CIM PowerState, the line in power.txt, the log lines in their order.
@@ -35,6 +41,7 @@ class Power(LabTest):
         for frame, state, act, lines in ACTIONS:
             with self.case(frame):
                 self.start_both()
+                until(lambda: b'"os":{' in curl(), "the host's report, which has its name")
                 self.assertEqual(request(state), ("0", "uuid:7"))
                 until(lambda: self.read(self.path("power.txt")).endswith("\n"), "the action")
                 # Any reply within the two seconds of a delay requests the action once more.

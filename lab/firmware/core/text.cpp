@@ -154,6 +154,11 @@ std::string JsonText(std::string_view text) {
   return quoted + "\"";
 }
 
+// XML 1.0, section 2.2, as far as single bytes of UTF-8 show it.
+static bool IsXmlCharacter(char c) {
+  return static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n' || c == '\r';
+}
+
 std::string XmlText(std::string_view text) {
   std::string escaped;
   for (char c : text) {
@@ -174,7 +179,7 @@ std::string XmlText(std::string_view text) {
         escaped += "&apos;";
         break;
       default:
-        escaped.push_back(c);
+        escaped.push_back(IsXmlCharacter(c) ? c : '.');
     }
   }
   return escaped;

@@ -47,7 +47,8 @@ bool SameIgnoringCase(std::string_view left, std::string_view right);
 
 // Returns a JSON string with its quotes (RFC 8259, section 7). `text` is UTF-8.
 std::string JsonText(std::string_view text);
-// Escapes the character data of an XML element with the five predefined entities.
+// Escapes the character data of an XML element with the five predefined entities. A control
+// character that XML cannot hold becomes a dot.
 std::string XmlText(std::string_view text);
 
 }  // namespace orrin

@@ -3,7 +3,6 @@
 #include <string_view>
 
 #include "lab/firmware/core/text.h"
-#include "lab/firmware/dash/wsman.h"
 
 namespace orrin {
 namespace {
@@ -26,7 +25,15 @@ HttpResponse EchoPage(HttpRequest& request, const PageFacts&) {
 }
 
 HttpResponse WsmanPage(HttpRequest& request, const PageFacts& facts) {
-  return AnswerWsman(request.body, facts.version);
+  WsmanAnswer answer =
+      facts.wsman.Answer(request.body, facts.inventory, facts.version, WsmanClock::now());
+  HttpResponse response;
+  response.status = answer.status;
+  response.contentType = "application/soap+xml;charset=UTF-8";
+  response.body = std::move(answer.envelope);
+  response.command = answer.command;
+  response.note = std::move(answer.note);
+  return response;
 }
 
 HttpResponse BytesPage(HttpRequest& request, const PageFacts&) {

@@ -6,16 +6,18 @@
 #include "lab/firmware/core/inventory.h"
 #include "lab/firmware/dash/http_request.h"
 #include "lab/firmware/dash/http_response.h"
+#include "lab/firmware/wsman/wsman.h"
 
 namespace orrin {
 
 // The longest answer of GET /bytes/N.
 constexpr std::uint64_t kMaxPattern = std::uint64_t{64} << 20;
 
-// What the pages show. Both outlive the session.
+// What the pages show. All outlive the session.
 struct PageFacts {
   const Inventory& inventory;
   const std::string& version;
+  WsmanService& wsman;
 };
 
 // Returns the answer to a whole request. May move the body out of `request`.

@@ -142,7 +142,7 @@ void DashState::BeginAnswer() {
   std::string line = "DASH: " + Printable(request.method + " " + request.target, 200) +
                      Format(", body %zu bytes", request.body.size());
   HttpResponse answer = AnswerPage(request, facts);
-  output.AddNote(line + Format(": %d", answer.status));
+  output.AddNote(line + Format(": %d", answer.status) + answer.note);
   if (answer.command) {
     FlushCiphertext();  // invariant 2
     output.SendCommand(*answer.command);

@@ -20,6 +20,7 @@ struct HttpResponse {
   std::vector<std::pair<std::string, std::string>> fields;
   // A firmware command that must reach the host before the first byte of this response does.
   std::optional<std::uint8_t> command;
+  std::string note;  // for the trace, or empty
 };
 
 // Returns the byte at an offset of the pattern. The period is a prime, which reveals a lost,

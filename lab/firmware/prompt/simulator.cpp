@@ -25,6 +25,7 @@ struct Options {
   std::string socketName = "mailbox0";
   std::optional<std::uint16_t> tcpPort;  // instead of the socket; 0 selects a free one
   std::string script;                    // empty: none
+  std::string repository;                // the file of the managed objects; empty: none
 };
 
 // Accepts a plain file name only: the socket stays within the mailbox folder.
@@ -46,6 +47,8 @@ bool ReadOptions(int count, char** words, Options* options) {
       options->tcpPort = static_cast<std::uint16_t>(*ParseNumber(value, UINT16_MAX));
     } else if (option == "--script" && !value.empty()) {
       options->script = value;
+    } else if (option == "--repository" && !value.empty()) {
+      options->repository = value;
     } else {
       return false;
     }
@@ -81,6 +84,8 @@ class Simulator {
   void ReadInput();
   void FlushLink();
   void DropMailbox(const std::string& why);
+  void RestoreObjects(const std::string& path);
+  void SaveObjects();
 
   const int input_;
   Trace trace_;
@@ -93,6 +98,8 @@ class Simulator {
   lab::Descriptor tcp_;
   lab::Descriptor stopSignals_;
   lab::Descriptor mailbox_;
+  std::string repositoryPath_;
+  std::string savedObjects_;  // the bytes of the file
   bool inputEnded_ = false;
   bool stops_ = false;
 };
@@ -122,6 +129,7 @@ bool Simulator::Start(const Options& options) {
     trace_.AddNote(std::string("signalfd: ") + std::strerror(errno));
     return false;
   }
+  if (!options.repository.empty()) RestoreObjects(options.repository);
   if (!Listen(options)) return false;
   if (options.script.empty() || prompt_.LoadScript(options.script)) return true;
   trace_.AddNote("cannot read the script " + options.script);
@@ -150,7 +158,26 @@ void Simulator::Turn() {
   if (prompt_.TakeDrop()) {
     mailbox_ ? DropMailbox("dropped at the prompt") : trace_.AddNote("no mailbox end is connected");
   }
+  SaveObjects();
   trace_.Flush();
+}
+
+void Simulator::RestoreObjects(const std::string& path) {
+  repositoryPath_ = path;
+  savedObjects_ = ReadRepositoryFile(path);
+  Repository& objects = firmware_.Wsman().Objects();
+  const std::size_t leftOut = objects.Restore(savedObjects_);
+  trace_.AddNote(
+      Format("%zu objects restored, %zu damaged ones left out", objects.Count(), leftOut));
+}
+
+void Simulator::SaveObjects() {
+  if (repositoryPath_.empty() || !firmware_.Wsman().TakeChange()) return;
+  std::string packed = firmware_.Wsman().Objects().Packed();
+  if (packed == savedObjects_) return;
+  if (!WriteRepositoryFile(repositoryPath_, packed))
+    trace_.AddNote("the objects cannot be saved: " + std::string(std::strerror(errno)));
+  savedObjects_ = std::move(packed);
 }
 
 void Simulator::FlushLink() {
@@ -229,7 +256,8 @@ void Simulator::DropMailbox(const std::string& why) {
 int main(int count, char** words) {
   orrin::Options options;
   if (!orrin::ReadOptions(count, words, &options)) {
-    std::fputs("usage: orrin [--socket NAME | --tcp PORT] [--script FILE]\n", stderr);
+    std::fputs("usage: orrin [--socket NAME | --tcp PORT] [--script FILE] [--repository FILE]\n",
+               stderr);
     return 2;
   }
   return orrin::Simulator(STDIN_FILENO, STDOUT_FILENO).Run(options);

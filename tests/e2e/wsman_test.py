@@ -1,0 +1,216 @@
+# WS-Management through port 664: Debian's wsl, a client of its own, and envelopes of every kind of
+# damage. The answers show the host as it has reported itself.
+import os
+import re
+import subprocess
+import xml.etree.ElementTree as xml
+
+from stewardry_lab import BOUND, HOST, PORT, LabTest, Orrin, curl, run, until
+
+NAMES = {"s": "http://www.w3.org/2003/05/soap-envelope",
+         "a": "http://schemas.xmlsoap.org/ws/2004/08/addressing",
+         "w": "http://schemas.dmtf.org/wbem/wsman/1/wsman.xsd",
+         "e": "http://schemas.xmlsoap.org/ws/2004/09/enumeration",
+         "b": "http://schemas.dmtf.org/wbem/wsman/1/cimbinding.xsd"}
+CIM = "http://schemas.dmtf.org/wbem/wscim/1/cim-schema/2/"
+GET, PUT = ("http://schemas.xmlsoap.org/ws/2004/09/transfer/" + name for name in ("Get", "Put"))
+ENUMERATE, PULL, RELEASE = (NAMES["e"] + "/" + name for name in ("Enumerate", "Pull", "Release"))
+ACCESS = (("SystemCreationClassName", "CIM_ComputerSystem"), ("SystemName", "HOST"),
+          ("CreationClassName", "CIM_KVMRedirectionSAP"), ("Name", "kvm"))
+
+
+def envelope(action, resource, body="", selectors=(), more=""):
+    spaces = " ".join('xmlns:%s="%s"' % row for row in NAMES.items())
+    chosen = "".join('<w:Selector Name="%s">%s</w:Selector>' % row for row in selectors)
+    return ("<s:Envelope %s><s:Header><a:Action>%s</a:Action><a:MessageID>uuid:1</a:MessageID>"
+            "<w:ResourceURI>%s</w:ResourceURI><w:SelectorSet>%s</w:SelectorSet>%s</s:Header>"
+            "<s:Body>%s</s:Body></s:Envelope>" % (spaces, action, resource, chosen, more, body))
+
+
+def ask(text):
+    return xml.fromstring(curl("/wsman", "--no-fail", data=text if isinstance(text, bytes) else text.encode()))
+
+
+def fault(text):
+    """Returns the subcode, or the code without one, and the last part of the detail."""
+    answer = ask(text).find("s:Body/s:Fault", NAMES)
+    assert answer is not None, text[:400]
+    values = [value.text for value in answer.findall("s:Code//s:Value", NAMES)]
+    detail = answer.findtext("s:Detail/w:FaultDetail", "", NAMES)
+    return values[-1], detail.rpartition("/")[2]
+
+
+def values(answer, name):
+    return [element.text for element in answer.iter() if element.tag.endswith("}" + name)]
+
+
+class Wsman(LabTest):
+    def setUp(self):
+        super().setUp()
+        self.restart()
+        self.computer = values(ask(envelope(
+            ENUMERATE, CIM + "CIM_ComputerSystem",
+            "<e:Enumerate><w:OptimizeEnumeration/></e:Enumerate>")), "Name")[0]
+        self.keys = (("CreationClassName", "CIM_ComputerSystem"), ("Name", self.computer))
+
+    def restart(self):
+        """Starts firmware and service, after ending those that run. The objects outlive it."""
+        for process in reversed(self.processes):
+            process.end()
+            os.unlink(process.out)  # what follows waits for lines of the new one
+        self.processes = []
+        count = self.log().count(BOUND) if os.path.exists(self.log_path()) else 0
+        self.orrin = self.add(
+            Orrin(self, "--repository", self.path("objects"), "--socket", "mailbox0"))
+        self.start_service(ready=None)
+        self.logged(BOUND, count + 1)
+        self.orrin.saw("WriteNwInfo")  # the last one of the host's reports
+
+    def wsl(self, *words):
+        """Returns what one of wsl's commands has got as its answer."""
+        environment = dict(os.environ, HOME=self.folder, WSENDPOINT="%s:%d" % (HOST, PORT),
+                           WSUSER="x", WSPASS="x", IPINTERACTIVE="n", WSDONTASK="y", OUTLEVEL="1")
+        done = subprocess.run(words, cwd=self.folder, env=environment, check=False,
+                              capture_output=True, stdin=subprocess.DEVNULL)
+        names = [name for name in os.listdir(self.folder) if name.startswith("response")]
+        text = "".join(self.read(self.path(name)) for name in sorted(names))
+        for name in names:
+            os.unlink(self.path(name))
+        self.assertIn("Envelope", text, done)
+        return text
+
+    def test_a_console_identifies_enumerates_gets_and_invokes(self):
+        self.assertIn("ProductVersion>2.4.1.0<", self.wsl("wslid", "check"))
+        self.assertIn("CIM_KVMRedirectionSAP", self.wsl("wslecn", "check"))
+        for name, expected in (
+                ("CIM_ComputerSystem", self.computer), ("CIM_OperatingSystem", "Version"),
+                ("CIM_EthernetPort", "PermanentAddress"), ("CIM_IPProtocolEndpoint", "192.0.2.10"),
+                ("CIM_PowerManagementService", "power"), ("CIM_RegisteredProfile", "DSP1058"),
+                ("CIM_AssociatedPowerManagementService", "ReferenceParameters"),
+                ("CIM_SoftwareIdentity", "2.4.1.0"), ("CIM_KVMRedirectionSAP", "EnabledState>3<"),
+                ("CIM_Chassis", "Corvane"), ("CIM_ManagedElement", "CIM_FilterCollection")):
+            self.assertIn(expected, self.wsl("wslenum", name), name)
+        self.assertIn("EndpointReference", self.wsl("wslenum", "CIM_Chassis", "-mode", "epr"))
+        self.assertIn("HealthState>5<", self.wsl(
+            "wslget", "CIM_ComputerSystem", *("=".join(key) for key in self.keys)))
+        self.assertIn("ReturnValue>0<", self.wsl(
+            "wslinvoke", "CIM_PowerManagementService", "RequestPowerStateChange", "PowerState=10"))
+        until(lambda: self.read(self.path("power.txt")).endswith("\n"), "the reboot")
+
+    def test_enumerations_keep_to_their_modes_limits_and_filters(self):
+        def first(words, resource="CIM_RegisteredProfile"):
+            return ask(envelope(ENUMERATE, CIM + resource,
+                                "<e:Enumerate>%s</e:Enumerate>" % words))
+
+        def pull(context, words="<e:MaxElements>4</e:MaxElements>", kind="Pull"):
+            return envelope(NAMES["e"] + "/" + kind, CIM + "CIM_RegisteredProfile",
+                            "<e:%s><e:EnumerationContext>%s</e:EnumerationContext>%s</e:%s>"
+                            % (kind, context, words, kind))
+
+        answer, counts = first(""), []
+        while context := values(answer, "EnumerationContext"):
+            answer = ask(pull(context[0]))
+            counts.append(len(values(answer, "RegisteredName")))
+        self.assertEqual(counts, [4, 2])
+        self.assertEqual(len(values(answer, "EndOfSequence")), 1)
+        self.assertEqual(fault(pull("uuid:none")), ("wsen:InvalidEnumerationContext", ""))
+        context = values(first(""), "EnumerationContext")[0]
+        ask(pull(context, "", "Release"))
+        self.assertEqual(fault(pull(context))[0], "wsen:InvalidEnumerationContext")
+        dialect = "http://schemas.dmtf.org/wbem/wsman/1/wsman/SelectorFilter"
+        chosen = ('<w:OptimizeEnumeration/><w:MaxElements>9</w:MaxElements><w:Filter Dialect="%s">'
+                  '<w:SelectorSet><w:Selector Name="RegisteredName">Indications</w:Selector>'
+                  '</w:SelectorSet></w:Filter>')
+        self.assertEqual(values(first(chosen % dialect), "RegisteredName"), ["Indications"])
+        self.assertEqual(fault(envelope(ENUMERATE, CIM + "CIM_Chassis",
+                                        "<e:Enumerate>%s</e:Enumerate>" % chosen % "x"))[0],
+                         "wsen:FilterDialectRequestedUnavailable")
+        everything = "<w:OptimizeEnumeration/><w:MaxElements>99</w:MaxElements>%s"
+        mode = "<b:PolymorphismMode>%s</b:PolymorphismMode>"
+        shown = first(everything % mode % "ExcludeSubClassProperties", "CIM_ManagedElement")
+        self.assertFalse(values(shown, "RegisteredName"))
+        self.assertGreater(len(values(shown, "ElementName")), 10)
+        self.assertFalse(values(first(everything % mode % "None", "CIM_ManagedElement"), "Caption"))
+        pairs = first(everything % "<w:EnumerationMode>EnumerateObjectAndEPR</w:EnumerationMode>")
+        self.assertEqual(len(pairs.findall(".//w:Item/a:EndpointReference", NAMES)), 6)
+        # The reference of an association is one that Get accepts.
+        link = first(everything % "<w:EnumerationMode>EnumerateEPR</w:EnumerationMode>",
+                     "CIM_AssociatedPowerManagementService")
+        chosen = link.find(".//w:SelectorSet", NAMES)
+        parts = [(part.get("Name"), "".join(xml.tostring(e, "unicode") for e in part))
+                 for part in chosen]
+        got = ask(envelope(GET, CIM + "CIM_AssociatedPowerManagementService", "", parts))
+        self.assertEqual(values(got, "PowerState"), ["2"])
+
+    def test_what_a_console_writes_stays_and_a_method_reaches_the_host(self):
+        place = (CIM + "CIM_ComputerSystem", self.keys)
+
+        def put(words):
+            return envelope(PUT, place[0], '<p:x xmlns:p="%s">%s</p:x>' % (place[0], words), place[1])
+
+        owner = "<p:PrimaryOwnerName>Ann &amp; Zoë</p:PrimaryOwnerName>"
+        self.assertEqual(values(ask(put(owner)), "PrimaryOwnerName"), ["Ann & Zoë"])
+        self.restart()
+        answer = ask(envelope(GET, place[0], "", place[1]))
+        self.assertEqual(values(answer, "PrimaryOwnerName"), ["Ann & Zoë"])
+        for words, expected in (("<p:HealthState>7</p:HealthState>", ""),
+                                ("<p:HealthState>70000</p:HealthState>", "TypeMismatch"),
+                                ("<p:HealthState>five</p:HealthState>", "TypeMismatch"),
+                                ("<p:Nothing>1</p:Nothing>", "InvalidName")):
+            self.assertEqual(fault(put(words)), ("wsman:InvalidParameter", expected), words)
+        resource = CIM + "CIM_KVMRedirectionSAP"
+        call = ('<p:RequestStateChange_INPUT xmlns:p="%s">%s</p:RequestStateChange_INPUT>'
+                % (resource, "%s"))
+        keys = [(name, self.computer if value == "HOST" else value) for name, value in ACCESS]
+        method = resource + "/RequestStateChange"
+        state = "<p:RequestedState>2</p:RequestedState>"
+        before = self.orrin.here()
+        self.assertEqual(values(ask(envelope(method, resource, call % state, keys)), "ReturnValue"),
+                         ["0"])
+        self.orrin.saw("KVM_ENABLE", before)
+        self.assertEqual(fault(envelope(method, resource, call % "", keys)),
+                         ("wsman:InvalidParameter", "MissingValues"))
+        self.assertEqual(fault(envelope(resource + "/No", resource, "", keys))[0],
+                         "wsa:ActionNotSupported")
+
+    def test_damaged_requests_get_the_faults_of_the_standard(self):
+        here = CIM + "CIM_ComputerSystem"
+        deep = "<x>" * 10000 + "</x>" * 10000
+        bomb = '<!DOCTYPE b [<!ENTITY a "%s">]>' % ("x" * 1000)
+        must = '<z:Odd xmlns:z="urn:z" s:mustUnderstand="true"/>'
+        good = envelope(GET, here, "", self.keys)
+        for text, expected in (
+                (" ", ("wsman:SchemaValidationError", "")),
+                ("no XML at all", ("wsman:SchemaValidationError", "")),
+                (b"\xff\xfe\x00<\x00", ("wsman:SchemaValidationError", "")),
+                (bomb + good, ("wsman:SchemaValidationError", "")),
+                (envelope(GET, here, deep), ("wsman:SchemaValidationError", "")),
+                (good[:-9], ("wsman:SchemaValidationError", "")),
+                (good.replace("2003/05", "2001/12"), ("wsman:SchemaValidationError", "")),
+                (good + " " * (16 << 20), ("wsman:EncodingLimit", "ServiceEnvelopeLimit")),
+                (envelope(GET, here, "", self.keys, must), ("s:MustUnderstand", "")),
+                (re.sub("<a:MessageID>.*?</a:MessageID>", "", good),
+                 ("wsa:MessageInformationHeaderRequired", "")),
+                (envelope(GET, here, "", self.keys, "<a:Action>x</a:Action>"),
+                 ("wsa:InvalidMessageInformationHeader", "")),
+                (envelope(GET, here, "", self.keys, "<w:MaxEnvelopeSize>9</w:MaxEnvelopeSize>"),
+                 ("wsman:EncodingLimit", "MinimumEnvelopeLimit")),
+                (envelope(GET, here, "", self.keys, "<w:OperationTimeout>x</w:OperationTimeout>"),
+                 ("wsa:InvalidMessageInformationHeader", "")),
+                (envelope(GET, CIM + "CIM_Toaster"),
+                 ("wsa:DestinationUnreachable", "InvalidResourceURI")),
+                (envelope(GET, here, "", self.keys[:1]),
+                 ("wsman:InvalidSelectors", "InsufficientSelectors")),
+                (envelope(GET, here, "", self.keys + (("Caption", "x"),)),
+                 ("wsman:InvalidSelectors", "UnexpectedSelectors")),
+                (envelope(GET, here, "", self.keys + self.keys[:1]),
+                 ("wsman:InvalidSelectors", "DuplicateSelectors")),
+                (envelope(GET, here, "", (self.keys[0], ("Name", "another"))),
+                 ("wsa:DestinationUnreachable", "")),
+                (envelope("urn:x", here), ("wsa:ActionNotSupported", ""))):
+            self.assertEqual(fault(text), expected, text[:300])
+        self.assertEqual(values(ask(good), "Name"), [self.computer])
+        self.assertIn(", fault wsa:ActionNotSupported", self.orrin.text())
+
+
+run()
