@@ -270,6 +270,7 @@ void FirmwareState::SendKvmBytes(ByteView bytes) {
 
 void FirmwareState::SendCommand(std::uint8_t code) {
   const Bytes frame = MakeFrame(code, {});
+  if (code == kKvmEnableStatus) context.wsman.SetKvmEnabled(true);
   SendFrame(frame, DescribeFrame(frame));
 }
 
@@ -325,6 +326,7 @@ void Firmware::HandleMailboxLoss(const std::string& why) {
   ForgetHeld(*state_);
   state_->context.dash.reset();
   state_->context.kvm.HandleHostLoss();
+  state_->context.wsman.SetKvmEnabled(false);
   state_->peeks.clear();
   state_->link.Clear();
   state_->trace.AddNote("the mailbox end has disconnected: " + why);
@@ -353,6 +355,7 @@ WsmanService& Firmware::Wsman() { return state_->context.wsman; }
 KvmConsole& Firmware::Kvm() { return state_->context.kvm; }
 
 void Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {
+  if (code == kKvmEnableStatus) state_->context.wsman.SetKvmEnabled(true);
   SendRawFrame(MakeFrame(code, payload));
 }
 

@@ -85,9 +85,9 @@ bool GetCommonAppDataFolder(char (&path)[kMaxPath]) {
 std::uint32_t GetModuleFileNameA(char (&path)[kMaxPath]) {
   if (gate::Fails("GetModuleFileNameA")) return 0;
   const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path);
-  if (n < 0) return Fail(kErrorPathNotFound, 0);
+  if (n < 0) return Fail(kErrorPathNotFound, 0U);
   const auto size = static_cast<std::size_t>(n);
-  if (size == sizeof path) return Fail(kErrorInsufficientBuffer, 0);
+  if (size == sizeof path) return Fail(kErrorInsufficientBuffer, 0U);
   path[size] = 0;
   return static_cast<std::uint32_t>(size);
 }

@@ -168,6 +168,7 @@ class Wsman(LabTest):
         self.assertEqual(values(ask(envelope(method, resource, call % state, keys)), "ReturnValue"),
                          ["0"])
         self.orrin.saw("KVM_ENABLE", before)
+        self.assertEqual(values(ask(envelope(GET, resource, "", keys)), "EnabledState"), ["2"])
         self.assertEqual(fault(envelope(method, resource, call % "", keys)),
                          ("wsman:InvalidParameter", "MissingValues"))
         self.assertEqual(fault(envelope(resource + "/No", resource, "", keys))[0],

@@ -291,7 +291,7 @@ WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inv
   try {
     ReadEnvelope(envelope, &request.envelope);
     // A request comes through the host, so there is one.
-    ShowHost(inventory, {version, true, false, {}}, &repository_);
+    ShowHost(inventory, {version, true, isKvmEnabled_, {}}, &repository_);
     Run(&request);
     answer.envelope = AnswerEnvelope(request.envelope, request.action, request.body);
     if (answer.envelope.size() > request.envelope.mostBytes)

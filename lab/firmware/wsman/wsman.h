@@ -29,6 +29,8 @@ class WsmanService {
   WsmanAnswer Answer(std::string_view envelope, const Inventory& inventory,
                      const std::string& version, WsmanClock::time_point now);
   Repository& Objects() { return repository_; }
+  // The host was asked to enable KVM, or has gone.
+  void SetKvmEnabled(bool isEnabled) { isKvmEnabled_ = isEnabled; }
   // Returns true if a request has been answered since the last call: objects may have changed.
   bool TakeChange() { return std::exchange(hasChanged_, false); }
 
@@ -38,6 +40,7 @@ class WsmanService {
   Repository repository_;
   EnumerationContexts contexts_;
   bool hasChanged_ = false;
+  bool isKvmEnabled_ = false;
 };
 
 }  // namespace orrin
