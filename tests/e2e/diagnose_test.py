@@ -283,7 +283,10 @@ class Diagnose(LabTest):
                 else:
                     curl()
             for viewer in range(3):
+                trusted = self.log().count("Setting KVM IP and port")
                 self.orrin.execute("kvm on", "kvm trust %s 0" % HOST, "resume")
+                # The port stays bound from the first viewer on, and refuses until KVM is enabled.
+                self.logged("Setting KVM IP and port", trusted + 1)
                 self.logged(KVM_BOUND, bound + 1)
                 with connect(22) as peer:
                     self.assertEqual(peer.recv(4), b"RFB ")
