@@ -49,4 +49,16 @@ std::size_t Utf8PrefixLength(std::string_view text, std::size_t bound) {
   return bound;
 }
 
+std::u16string Utf16(std::string_view utf8) {
+  std::u16string text;
+  text.reserve(utf8.size());
+  while (!utf8.empty()) {
+    const DecodedPoint decoded = DecodePoint(utf8);
+    char16_t units[2];
+    text.append(units, EncodePoint(decoded.point, units));
+    utf8.remove_prefix(decoded.isValid ? decoded.size : 1);
+  }
+  return text;
+}
+
 }  // namespace stewardry

@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace stewardry {
@@ -59,6 +60,9 @@ constexpr std::size_t EncodePoint(char32_t point, char16_t* out) {
   out[1] = static_cast<char16_t>(0xDC00 + (point & 0x3FF));
   return 2;
 }
+
+// Returns the UTF-16 form of a text in UTF-8. Each byte of an invalid sequence becomes U+FFFD.
+std::u16string Utf16(std::string_view utf8);
 
 // Returns the length of the longest prefix of `text`, valid UTF-8, that has at most `bound` bytes
 // and does not end inside a sequence.

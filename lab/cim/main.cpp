@@ -30,18 +30,6 @@ std::uint16_t PortOf(std::string_view text) {
   return read.ec == std::errc() && read.ptr == text.data() + text.size() ? port : 0;
 }
 
-// Arguments are UTF-8.
-std::u16string ToText(std::string_view utf8) {
-  std::u16string text;
-  while (!utf8.empty()) {
-    const DecodedPoint decoded = DecodePoint(utf8);
-    char16_t units[2];
-    text.append(units, EncodePoint(decoded.point, units));
-    utf8.remove_prefix(decoded.isValid ? decoded.size : 1);
-  }
-  return text;
-}
-
 // A socket that is closed at the end of its block.
 struct Closing {
   Sock sock = kInvalidSock;
@@ -97,7 +85,7 @@ int Run(int count, char** arguments) {
   if (port == 0) return Usage();
   if (command == "receive" && count == 3) return Receive(port);
   if (command != "send" || count > 4) return Usage();
-  return Send(port, ToText(count == 4 ? arguments[3] : "fan-1"));
+  return Send(port, Utf16(count == 4 ? arguments[3] : "fan-1"));
 }
 
 }  // namespace

@@ -156,11 +156,6 @@ void ShowServices(const FirmwareView& firmware, const std::string& system,
                       .Set(u"ElementName", "Screen, keyboard and mouse on port 22")
                       .State(firmware.isKvmEnabled ? kEnabled : kDisabled)
                       .Take());
-  repository->Put(Builder("CIM_FilterCollection")
-                      .Set(u"InstanceID", kAlertCollection)
-                      .Set(u"CollectionName", "DMTF:Alerts")
-                      .Set(u"ElementName", "Alerts of the host and the firmware")
-                      .Take());
 }
 
 struct ProfileRow {
@@ -173,7 +168,6 @@ constexpr ProfileRow kProfiles[] = {
     {"orrin:DSP1027", "Power State Management", "2.0.0"},
     {"orrin:DSP1029", "OS Status", "1.1.0"},
     {"orrin:DSP1035", "Host LAN Network Port", "1.0.2"},
-    {"orrin:DSP1054", "Indications", "1.2.2"},
     {"orrin:DSP1076", "KVM Redirection", "1.0.0"},
 };
 
@@ -233,17 +227,11 @@ void ForgetOtherHost(const std::string& system, Repository* repository) {
 
 }  // namespace
 
-Object ComputerSystem(const Inventory& inventory, const Repository& repository) {
-  return Builder(kComputer)
-      .Set(u"CreationClassName", kComputer)
-      .Set(u"Name", SystemName(inventory, repository))
-      .Take();
-}
-
 void ShowHost(const Inventory& inventory, const FirmwareView& firmware, Repository* repository) {
   const std::string system = SystemName(inventory, *repository);
   ForgetOtherHost(system, repository);
-  const Object key = ComputerSystem(inventory, *repository);
+  const Object key =
+      Builder(kComputer).Set(u"CreationClassName", kComputer).Set(u"Name", system).Take();
   repository->Put(Computer(inventory, firmware, system));
   repository->Put(Chassis(system));
   ShowServices(firmware, system, key.get(), repository);

@@ -19,14 +19,8 @@ struct FirmwareView {
   std::optional<std::uint16_t> batteryPercent;  // of a host with a battery
 };
 
-// Names by which instances refer to each other.
-inline constexpr char kAlertCollection[] = "orrin:alerts";
-
 // Replaces the instances that the reports describe. An instance whose report has not come since the
 // start stays as it was restored.
 void ShowHost(const Inventory& inventory, const FirmwareView& firmware, Repository* repository);
-
-// Returns the key of the managed computer: what references name. Null if memory is short.
-Object ComputerSystem(const Inventory& inventory, const Repository& repository);
 
 }  // namespace orrin

@@ -10,7 +10,6 @@
 #include "cim/text/base64.h"
 #include "cim/text/text.h"
 #include "cim/value/datetime.h"
-#include "text/code_points.h"
 
 namespace orrin {
 
@@ -104,18 +103,6 @@ bool SetDefaults(Instance* instance, const ClassDef& def) {
 }
 
 }  // namespace
-
-std::u16string Utf16(std::string_view utf8) {
-  std::u16string text;
-  text.reserve(utf8.size());
-  while (!utf8.empty()) {
-    const stewardry::DecodedPoint decoded = stewardry::DecodePoint(utf8);
-    char16_t units[2];
-    text.append(units, stewardry::EncodePoint(decoded.point, units));
-    utf8.remove_prefix(decoded.isValid ? decoded.size : 1);
-  }
-  return text;
-}
 
 std::string Utf8(const char16_t* text) {
   const int length = static_cast<int>(std::char_traits<char16_t>::length(text));

@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "cim/instance/instance.h"
+#include "text/code_points.h"
 
 namespace orrin {
 
 namespace cim = stewardry::cim;
+using stewardry::Utf16;
 
 struct DeleteInstance {
   void operator()(cim::Instance* instance) const { cim::Instance_Drop(instance); }
@@ -22,9 +24,7 @@ struct DeleteInstance {
 // An instance of one owner, in a batch of its own. Null is none.
 using Object = std::unique_ptr<cim::Instance, DeleteInstance>;
 
-// Return the other form of a text. Half a surrogate pair and bytes that are not UTF-8 become
-// U+FFFD.
-std::u16string Utf16(std::string_view utf8);
+// Returns a text in UTF-8. Half a surrogate pair becomes U+FFFD.
 std::string Utf8(const char16_t* text);
 
 // Returns a new instance with the defaults of its class, null if memory is short.

@@ -73,10 +73,6 @@ void Repository::Put(Object object) {
   objects_[static_cast<std::size_t>(place - objects_.begin())] = std::move(object);
 }
 
-void Repository::Remove(const Instance* instance) {
-  std::erase_if(objects_, [instance](const Object& object) { return object.get() == instance; });
-}
-
 void Repository::RemoveClass(const char16_t* className) {
   std::erase_if(objects_, [className](const Object& object) {
     return Name_Equal(object->def->name, className);

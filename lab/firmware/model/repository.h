@@ -26,8 +26,6 @@ class Repository {
   // Replaces the instance with the same class and keys, or adds it. Properties that a console has
   // written (qualifier Write) keep their values.
   void Put(Object object);
-  // Removes the instance. Does nothing for one that is not here.
-  void Remove(const cim::Instance* instance);
   // Removes the instances of exactly this class.
   void RemoveClass(const char16_t* className);
   // Returns the instance with the class and the keys of `key`, or null. It stays the repository's

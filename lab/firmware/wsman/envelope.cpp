@@ -37,9 +37,6 @@ void ReadResourceUri(const xmlNode* header, Envelope* envelope) {
 void ReadSelectors(const xmlNode* header, Envelope* envelope) {
   envelope->selectors = SelectorsIn(header);
 }
-void ReadSubscription(const xmlNode* header, Envelope* envelope) {
-  envelope->subscription = ShortText(header, kMaxMessageId);
-}
 
 void ReadMaxEnvelopeSize(const xmlNode* header, Envelope* envelope) {
   const auto size = ParseNumber(TextOf(header), UINT32_MAX);
@@ -89,7 +86,6 @@ constexpr HeaderRow kHeaders[] = {
     {uri::kWsman, "MaxEnvelopeSize", ReadMaxEnvelopeSize},
     {uri::kWsman, "OperationTimeout", CheckOperationTimeout},
     {uri::kWsman, "FragmentTransfer", RefuseFragments},
-    {uri::kEventing, "Identifier", ReadSubscription},
 };
 
 bool MustBeUnderstood(const xmlNode* header) {
@@ -128,13 +124,6 @@ std::string Headers(const Envelope& request, std::string_view action) {
 }
 
 }  // namespace
-
-const Selector* Envelope::FindSelector(std::string_view name) const {
-  const auto found = std::find_if(selectors.begin(), selectors.end(), [name](const Selector& s) {
-    return SameIgnoringCase(s.name, name);
-  });
-  return found == selectors.end() ? nullptr : &*found;
-}
 
 std::vector<Selector> SelectorsIn(const xmlNode* set) {
   std::vector<Selector> selectors;
@@ -193,7 +182,6 @@ std::string AnswerEnvelope(const Envelope& request, std::string_view action,
       .With("xmlns:wsa", uri::kAddressing)
       .With("xmlns:wsman", uri::kWsman)
       .With("xmlns:wsen", uri::kEnumeration)
-      .With("xmlns:wse", uri::kEventing)
       .With("xmlns:cim", uri::kCimCommon)
       .With("xmlns:xsi", uri::kXmlSchemaInstance);
   if (request.isIdentify) {

@@ -29,13 +29,9 @@ struct Envelope {
   Document document;
   bool isIdentify = false;  // has no headers
   std::string action, messageId, resourceUri;
-  std::string subscription;  // the identifier of a subscription that the request is for
   std::vector<Selector> selectors;
   std::size_t mostBytes = kMostOfAnAnswer;  // of the answer
   const xmlNode* body = nullptr;            // the first element in the body, or null
-
-  // Throws Fault for a name that stands twice.
-  const Selector* FindSelector(std::string_view name) const;
 };
 
 // Reads the selectors of a SelectorSet, which may be null. Throws Fault for one without a name and

@@ -9,7 +9,6 @@ namespace {
 constexpr char kAddressingFault[] = "http://schemas.xmlsoap.org/ws/2004/08/addressing/fault";
 constexpr char kWsmanFault[] = "http://schemas.dmtf.org/wbem/wsman/1/wsman/fault";
 constexpr char kEnumerationFault[] = "http://schemas.xmlsoap.org/ws/2004/09/enumeration/fault";
-constexpr char kEventingFault[] = "http://schemas.xmlsoap.org/ws/2004/08/eventing/fault";
 constexpr char kSender[] = "s:Sender", kReceiver[] = "s:Receiver";
 
 // In the order of FaultCode. The reasons are ours; the standards leave them open.
@@ -24,7 +23,6 @@ constexpr std::array kKinds = {
               "A header is not valid.", 400},
     FaultKind{"s:MustUnderstand", nullptr, kWsmanFault,
               "A header that must be understood is not understood.", 500},
-    FaultKind{kSender, "wsman:AccessDenied", kWsmanFault, "The user may not do this.", 403},
     FaultKind{kSender, "wsman:EncodingLimit", kWsmanFault, "A limit of the envelope is exceeded.",
               400},
     FaultKind{kReceiver, "wsman:InternalError", kWsmanFault, "The firmware failed.", 500},
@@ -43,16 +41,8 @@ constexpr std::array kKinds = {
               "The firmware has no filter of this dialect.", 400},
     FaultKind{kReceiver, "wsen:InvalidEnumerationContext", kEnumerationFault,
               "The enumeration context is unknown or has expired.", 500},
-    FaultKind{kSender, "wsen:InvalidExpirationTime", kEnumerationFault,
-              "The expiration time is not valid.", 400},
-    FaultKind{kSender, "wse:DeliveryModeRequestedUnavailable", kEventingFault,
-              "Only push delivery is offered.", 400},
-    FaultKind{kReceiver, "wse:EventSourceUnableToProcess", kEventingFault,
-              "The subscription cannot be made.", 500},
-    FaultKind{kSender, "wse:InvalidMessage", kEventingFault, "The subscription is unknown.", 400},
-    FaultKind{kReceiver, "wse:UnableToRenew", kEventingFault, "The subscription has ended.", 500},
 };
-static_assert(kKinds.size() == static_cast<std::size_t>(FaultCode::kUnableToRenew) + 1);
+static_assert(kKinds.size() == static_cast<std::size_t>(FaultCode::kInvalidContext) + 1);
 
 }  // namespace
 

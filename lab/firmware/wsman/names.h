@@ -10,10 +10,7 @@ inline constexpr char kAnonymous[] =
     "http://schemas.xmlsoap.org/ws/2004/08/addressing/role/anonymous";
 inline constexpr char kTransfer[] = "http://schemas.xmlsoap.org/ws/2004/09/transfer";
 inline constexpr char kEnumeration[] = "http://schemas.xmlsoap.org/ws/2004/09/enumeration";
-inline constexpr char kEventing[] = "http://schemas.xmlsoap.org/ws/2004/08/eventing";
-inline constexpr char kPush[] = "http://schemas.xmlsoap.org/ws/2004/08/eventing/DeliveryModes/Push";
 inline constexpr char kWsman[] = "http://schemas.dmtf.org/wbem/wsman/1/wsman.xsd";
-inline constexpr char kWsmanActions[] = "http://schemas.dmtf.org/wbem/wsman/1/wsman";
 inline constexpr char kFaultDetail[] = "http://schemas.dmtf.org/wbem/wsman/1/wsman/faultDetail/";
 inline constexpr char kSelectorFilter[] =
     "http://schemas.dmtf.org/wbem/wsman/1/wsman/SelectorFilter";
