@@ -64,7 +64,8 @@ ARROWS = {
                           "cim/text cim/memory sock platform text",
     "lab/firmware/dash": "lab/firmware/wsman lab/firmware/core text",
     "lab/firmware/kvm": "lab/firmware/core text",
-    "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/wsman lab/firmware/core text",
+    "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/wsman lab/firmware/model "
+                    "lab/firmware/core text",
     "lab/firmware/prompt": "lab/firmware lab/firmware/kvm lab/firmware/dash lab/firmware/wsman "
                            "lab/firmware/model lab/firmware/core lab/local text",
     "tools/setup": "service/diagnostics platform text",

@@ -66,11 +66,11 @@ struct FirmwareState final : DashOutput, KvmOutput {
 
   void SendFrame(ByteView frame, const std::string& words);
   bool Peek(PeekOwner owner, std::uint64_t region, std::uint32_t offset, std::uint32_t count);
+  bool HasMailbox() const { return context.facts.view.hasHost; }
   bool IsSilent(std::uint32_t code) const { return silentAll || silent.contains(code); }
 
   Trace& trace;
   LinkWriter& link;
-  bool hasMailbox = false;
 
   std::uint64_t readsArmed = 0;
   std::uint64_t readsSpent = 0;
@@ -152,6 +152,23 @@ void AnswerHeld(FirmwareState& state) {
   }
 }
 
+// Sends what a subscription causes, once the host can take it.
+void SendEvents(FirmwareState& state) {
+  ActionContext& context = state.context;
+  context.wsman.Observe(context.inventory, context.facts.view, WsmanClock::now());
+  while (state.HasMailbox() && state.reportedArmed && state.HasRoom()) {
+    const auto command = context.wsman.TakeCommand();
+    if (!command) return;
+    if (command->code == kIndicationEvent && command->payload.size() > kMostOfAnEvent) {
+      state.trace.AddNote(Format("an event of %zu bytes is longer than the host takes: dropped",
+                                 command->payload.size()));
+      continue;
+    }
+    const Bytes frame = MakeFrame(command->code, command->payload);
+    state.SendFrame(frame, DescribeFrame(frame));
+  }
+}
+
 // --- messages of the mailbox end ---
 
 bool HandleRequest(FirmwareState& state, const LinkMessage& message) {
@@ -198,6 +215,8 @@ bool HandleRead(FirmwareState& state, const LinkMessage&) {
   if (state.readsArmed != kReadsOfService || state.reportedArmed) return true;
   state.reportedArmed = true;
   state.trace.HostToFirmware(Format("ten reads armed (%llu)", Printed(kReadsOfService)));
+  state.context.wsman.HandleHostReady();
+  state.context.wsman.Report(Alert::kHostReady);
   return true;
 }
 
@@ -249,7 +268,7 @@ constexpr MessageRow kMessages[] = {
 // --- output ---
 
 void FirmwareState::SendFrame(ByteView frame, const std::string& words) {
-  if (!hasMailbox) return trace.AddNote("no mailbox end is connected; not sent: " + words);
+  if (!HasMailbox()) return trace.AddNote("no mailbox end is connected; not sent: " + words);
   if (frame.size() > lablink::kMaxFrame) {
     return trace.AddNote("longer than a frame can be; not sent: " + words);
   }
@@ -270,13 +289,13 @@ void FirmwareState::SendKvmBytes(ByteView bytes) {
 
 void FirmwareState::SendCommand(std::uint8_t code) {
   const Bytes frame = MakeFrame(code, {});
-  if (code == kKvmEnableStatus) context.wsman.SetKvmEnabled(true);
+  context.NoteCommand(code);
   SendFrame(frame, DescribeFrame(frame));
 }
 
 // Adds no line to the trace: the console has one for each event.
 void FirmwareState::PokeInput(std::uint32_t offset, ByteView bytes) {
-  if (hasMailbox) link.Send(lablink::kPoke, lablink::kKeyboardMouseRegion, offset, bytes);
+  if (HasMailbox()) link.Send(lablink::kPoke, lablink::kKeyboardMouseRegion, offset, bytes);
 }
 
 void FirmwareState::PeekInput(std::uint32_t offset, std::uint32_t count) {
@@ -286,7 +305,7 @@ void FirmwareState::PeekInput(std::uint32_t offset, std::uint32_t count) {
 
 bool FirmwareState::Peek(PeekOwner owner, std::uint64_t region, std::uint32_t offset,
                          std::uint32_t count) {
-  if (!hasMailbox) return false;
+  if (!HasMailbox()) return false;
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&count);
   link.Send(lablink::kPeek, region, offset, {bytes, sizeof count});
   peeks.push_back(owner);
@@ -313,20 +332,21 @@ Firmware::Firmware(Trace& trace, LinkWriter& link, const TlsContext& tls)
 Firmware::~Firmware() = default;
 
 void Firmware::HandleMailboxArrival() {
-  assert(!state_->hasMailbox);
-  state_->hasMailbox = true;
+  assert(!state_->HasMailbox());
+  state_->context.facts.view.hasHost = true;
   ResetReads(*state_);
   state_->context.kvm.HandleHostArrival();
   state_->trace.AddNote("a mailbox end has connected");
 }
 
 void Firmware::HandleMailboxLoss(const std::string& why) {
-  assert(state_->hasMailbox);
-  state_->hasMailbox = false;
+  assert(state_->HasMailbox());
+  state_->context.facts.view.hasHost = false;
+  state_->context.wsman.Report(Alert::kHostGone);
   ForgetHeld(*state_);
   state_->context.dash.reset();
   state_->context.kvm.HandleHostLoss();
-  state_->context.wsman.SetKvmEnabled(false);
+  state_->context.facts.view.isKvmEnabled = false;
   state_->peeks.clear();
   state_->link.Clear();
   state_->trace.AddNote("the mailbox end has disconnected: " + why);
@@ -344,25 +364,38 @@ bool Firmware::HandleMessage(const LinkMessage& message) {
 void Firmware::Pump() {
   DashSession* dash = state_->context.dash.get();
   if (dash != nullptr && dash->IsWaitingForRoom() && state_->HasRoom()) dash->Pump();
-  if (state_->hasMailbox) state_->context.kvm.Pump();
+  if (state_->HasMailbox()) state_->context.kvm.Pump();
+  SendEvents(*state_);
 }
 
-int Firmware::MillisecondsLeft() const { return state_->context.kvm.MillisecondsLeft(); }
+int Firmware::MillisecondsLeft() const {
+  return Sooner(state_->context.kvm.MillisecondsLeft(),
+                state_->context.wsman.MillisecondsLeft(WsmanClock::now()));
+}
 
 FirmwareFacts& Firmware::Facts() { return state_->context.facts; }
+
+void Firmware::SetBattery(std::optional<std::uint16_t> percent) {
+  auto& shown = state_->context.facts.view.batteryPercent;
+  const bool wasLow = shown && *shown <= kLowBattery;
+  shown = percent;
+  if (percent && *percent <= kLowBattery && !wasLow)
+    state_->context.wsman.Report(Alert::kBatteryLow);
+}
+
 const Inventory& Firmware::Reported() const { return state_->context.inventory; }
 WsmanService& Firmware::Wsman() { return state_->context.wsman; }
 KvmConsole& Firmware::Kvm() { return state_->context.kvm; }
 
 void Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {
-  if (code == kKvmEnableStatus) state_->context.wsman.SetKvmEnabled(true);
+  state_->context.NoteCommand(code);
   SendRawFrame(MakeFrame(code, payload));
 }
 
 void Firmware::SendRawFrame(ByteView frame) { state_->SendFrame(frame, DescribeFrame(frame)); }
 
 bool Firmware::FailRead(std::uint32_t error) {
-  if (!state_->hasMailbox) return false;
+  if (!state_->HasMailbox()) return false;
   ++state_->readsSpent;
   state_->link.Send(lablink::kFailRead, 0, error, {});
   state_->trace.FirmwareToHost(Format("the oldest read fails with error %u", error));
@@ -371,7 +404,7 @@ bool Firmware::FailRead(std::uint32_t error) {
 
 bool Firmware::Poke(std::uint64_t region, std::uint32_t offset, ByteView bytes) {
   assert(bytes.size() <= RegionSize(region) && offset <= RegionSize(region) - bytes.size());
-  if (!state_->hasMailbox) return false;
+  if (!state_->HasMailbox()) return false;
   state_->link.Send(lablink::kPoke, region, offset, bytes);
   state_->trace.FirmwareToHost(
       Format("%zu bytes into region %llu at offset %u", bytes.size(), Printed(region), offset));

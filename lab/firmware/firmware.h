@@ -6,6 +6,7 @@
 // a firmware that is stuck.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,13 +17,14 @@
 #include "lab/firmware/core/trace.h"
 #include "lab/firmware/dash/tls_context.h"
 #include "lab/firmware/kvm/kvm_console.h"
+#include "lab/firmware/model/host_model.h"
 #include "lab/firmware/wsman/wsman.h"
 
 namespace orrin {
 
 // What the firmware reports about itself. The prompt changes it.
 struct FirmwareFacts {
-  std::string version = "2.4.1.0";
+  FirmwareView view{"2.4.1.0"};  // what its objects show
   bool isProvisioned = true;
   std::uint32_t kvmStatus = 0;
   std::uint8_t orrinStatus = 1;
@@ -30,6 +32,11 @@ struct FirmwareFacts {
 
 // Returns the size of a shared region, or 0 if there is no such region.
 std::uint32_t RegionSize(std::uint64_t region);
+
+// Returns the sooner of two poll times, where -1 is never.
+constexpr int Sooner(int one, int other) {
+  return one < 0 || other < 0 ? std::max(one, other) : std::min(one, other);
+}
 
 struct FirmwareState;
 
@@ -52,6 +59,8 @@ class Firmware {
 
   // --- for the prompt ---
   FirmwareFacts& Facts();
+  // Sets the charge of the host's battery, or that it has none. The mailbox has no such report.
+  void SetBattery(std::optional<std::uint16_t> percent);
   const Inventory& Reported() const;
   KvmConsole& Kvm();
   WsmanService& Wsman();

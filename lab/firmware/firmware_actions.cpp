@@ -1,9 +1,12 @@
 #include "lab/firmware/firmware_actions.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <iterator>
 
 #include "lab/firmware/core/describe.h"
+#include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/operations.h"
 #include "lab/firmware/core/text.h"
 
@@ -76,6 +79,8 @@ void StorePresence(ActionContext& context, ByteView input) {
   ++context.inventory.reports.userPresence;
 }
 
+void ReportS5(ActionContext& context, ByteView) { context.wsman.Report(Alert::kHostGoesToS5); }
+
 void StoreOs(ActionContext& context, ByteView input) {
   context.inventory.os = Input<OsRecord>(input);
   ++context.inventory.reports.os;
@@ -96,7 +101,7 @@ void BeginDash(ActionContext& context) {
   EndDash(context, "another connection replaces it");
   context.fromPeer = context.toPeer = TlsRecordWatch();
   context.dash = std::make_unique<DashSession>(
-      context.tls, PageFacts{context.inventory, context.facts.version, context.wsman},
+      context.tls, PageFacts{context.inventory, context.facts.view, context.wsman},
       context.dashOutput);
 }
 
@@ -129,8 +134,8 @@ Bytes AnswerVersion(ActionContext& context, ByteView) {
   const FirmwareFacts& facts = context.facts;
   VersionRecord record{};
   // One byte less, for the terminating zero.
-  std::memcpy(record.version, facts.version.data(),
-              std::min(facts.version.size(), sizeof record.version - 1));
+  std::memcpy(record.version, facts.view.version.data(),
+              std::min(facts.view.version.size(), sizeof record.version - 1));
   record.provisionStatus = facts.isProvisioned ? kProvisioned : kNotProvisioned;
   record.kvmStatus = facts.kvmStatus;
   return BytesOf(record);
@@ -163,11 +168,20 @@ constexpr Action kActions[] = {
     {kInitializePointers, nullptr, nullptr, AnswerInputRegion},
     {kDeAllocateKvmBuffers, nullptr, HandleReturnedBuffers, AnswerRegion},
     {kGetOrrinStatus, nullptr, nullptr, AnswerStatus},
-    {kSetS5Status, DescribeS5, nullptr, nullptr},
+    {kSetS5Status, DescribeS5, ReportS5, nullptr},
     {kUnnamedFunction002, nullptr, nullptr, AnswerEcho},
 };
 
+constexpr std::uint8_t kPowerCommands[] = {kReboot, kShutdown, kHibernate, kSleep, kRebootNondash};
+
 }  // namespace
+
+void ActionContext::NoteCommand(std::uint8_t code) {
+  if (code == kKvmEnableStatus) facts.view.isKvmEnabled = true;
+  const auto isCode = [code](std::uint8_t power) { return power == code; };
+  if (std::any_of(std::begin(kPowerCommands), std::end(kPowerCommands), isCode))
+    wsman.Report(Alert::kPowerCommand);
+}
 
 const Action* FindAction(std::uint32_t code) {
   for (const Action& action : kActions) {

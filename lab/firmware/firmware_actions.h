@@ -19,6 +19,9 @@ struct ActionContext {
                 KvmOutput& toKvm)
       : trace(firmwareTrace), tls(tlsContext), dashOutput(toDash), kvm(toKvm) {}
 
+  // Records what a command for the host means to the objects.
+  void NoteCommand(std::uint8_t code);
+
   Trace& trace;
   const TlsContext& tls;
   DashOutput& dashOutput;

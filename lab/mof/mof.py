@@ -32,7 +32,7 @@ class Element:
     name: str
     type: str  # of TYPES, or "reference" or "instance"
     is_array: bool
-    reference: str  # the class that a reference or an embedded instance names, or ""
+    reference: str  # the class that a reference or an embedded instance names, or "" for any
     qualifiers: dict
     default: object = None
     origin: str = ""
@@ -175,8 +175,8 @@ class Parser:
             kind, reference = "reference", word
         elif kind not in TYPES:
             self.fail("%s is no type" % word)
-        elif "embeddedinstance" in qualifiers:
-            kind, reference = "instance", qualifiers["embeddedinstance"]
+        elif "embeddedinstance" in qualifiers or "embeddedobject" in qualifiers:
+            kind, reference = "instance", qualifiers.get("embeddedinstance", "")
         made = Element(name or self.take("name"), kind, False, reference, qualifiers)
         if not name and self.takes("["):
             made.is_array = True

@@ -1,41 +1,15 @@
 # Indications: the firmware's events reach Python's HTTP server, plain and behind TLS with a
 # certificate that no client should trust.
-import http.server
-import queue
 import socket
 import ssl
 import struct
 import subprocess
-import threading
 
+from listener import Listener
 from stewardry_lab import HOST, PATIENCE, LabTest, run
 
 POSTING = "Posting Indication Alert"
 EVENT = '<?xml version="1.0"?><s:Envelope>fan 2 stands still, 71 °C</s:Envelope>'
-
-
-class Handler(http.server.BaseHTTPRequestHandler):
-    def do_POST(self):
-        body = self.rfile.read(int(self.headers["Content-Length"])).decode()
-        self.server.posts.put((self.path, self.request_version, self.headers.items(), body))
-        self.send_response(204)
-        self.end_headers()
-
-    log_message = lambda *_: None  # noqa: E731
-
-
-class Listener(http.server.ThreadingHTTPServer):
-    handle_error = lambda *_: None  # noqa: E731  the service does not wait for the answer
-
-    def __init__(self, test, context=None):
-        super().__init__((HOST, 0), Handler)
-        if context:
-            self.socket = context.wrap_socket(self.socket, server_side=True)
-        self.posts = queue.Queue()
-        self.port = self.server_address[1]
-        threading.Thread(target=self.serve_forever, args=(0.02,), daemon=True).start()
-        test.addCleanup(self.server_close)
-        test.addCleanup(self.shutdown)
 
 
 def untrusted(test):

@@ -5,13 +5,15 @@ import re
 import subprocess
 import xml.etree.ElementTree as xml
 
-from stewardry_lab import BOUND, HOST, PORT, LabTest, Orrin, curl, run, until
+from listener import Listener
+from stewardry_lab import BOUND, HOST, PATIENCE, PORT, LabTest, Orrin, curl, run, until
 
 NAMES = {"s": "http://www.w3.org/2003/05/soap-envelope",
          "a": "http://schemas.xmlsoap.org/ws/2004/08/addressing",
          "w": "http://schemas.dmtf.org/wbem/wsman/1/wsman.xsd",
          "e": "http://schemas.xmlsoap.org/ws/2004/09/enumeration",
-         "b": "http://schemas.dmtf.org/wbem/wsman/1/cimbinding.xsd"}
+         "b": "http://schemas.dmtf.org/wbem/wsman/1/cimbinding.xsd",
+         "v": "http://schemas.xmlsoap.org/ws/2004/08/eventing"}
 CIM = "http://schemas.dmtf.org/wbem/wscim/1/cim-schema/2/"
 GET, PUT = ("http://schemas.xmlsoap.org/ws/2004/09/transfer/" + name for name in ("Get", "Put"))
 ENUMERATE, PULL, RELEASE = (NAMES["e"] + "/" + name for name in ("Enumerate", "Pull", "Release"))
@@ -111,7 +113,7 @@ class Wsman(LabTest):
         while context := values(answer, "EnumerationContext"):
             answer = ask(pull(context[0]))
             counts.append(len(values(answer, "RegisteredName")))
-        self.assertEqual(counts, [4, 1])
+        self.assertEqual(counts, [4, 2])
         self.assertEqual(len(values(answer, "EndOfSequence")), 1)
         self.assertEqual(fault(pull("uuid:none")), ("wsen:InvalidEnumerationContext", ""))
         context = values(first(""), "EnumerationContext")[0]
@@ -132,7 +134,7 @@ class Wsman(LabTest):
         self.assertGreater(len(values(shown, "ElementName")), 10)
         self.assertFalse(values(first(everything % mode % "None", "CIM_ManagedElement"), "Caption"))
         pairs = first(everything % "<w:EnumerationMode>EnumerateObjectAndEPR</w:EnumerationMode>")
-        self.assertEqual(len(pairs.findall(".//w:Item/a:EndpointReference", NAMES)), 5)
+        self.assertEqual(len(pairs.findall(".//w:Item/a:EndpointReference", NAMES)), 6)
         # The reference of an association is one that Get accepts.
         link = first(everything % "<w:EnumerationMode>EnumerateEPR</w:EnumerationMode>",
                      "CIM_AssociatedPowerManagementService")
@@ -173,6 +175,75 @@ class Wsman(LabTest):
                          ("wsman:InvalidParameter", "MissingValues"))
         self.assertEqual(fault(envelope(resource + "/No", resource, "", keys))[0],
                          "wsa:ActionNotSupported")
+
+    def test_a_subscriber_gets_the_events_of_the_host_until_it_leaves(self):
+        def subscribe(port, words="", filter_id="orrin:all", url="http://%s:%d/events"):
+            listener = ("<a:Address>%s</a:Address><a:ReferenceParameters><z:Mark xmlns:z='urn:z'>7"
+                        "</z:Mark></a:ReferenceParameters>" % (url % (HOST, port) if "%" in url else url))
+            return envelope(NAMES["v"] + "/Subscribe", CIM + "CIM_FilterCollection",
+                            "<v:Subscribe><v:Delivery><v:NotifyTo>%s</v:NotifyTo></v:Delivery>%s"
+                            "</v:Subscribe>" % (listener, words), (("InstanceID", filter_id),))
+
+        def manage(kind, context, words=""):
+            return envelope(NAMES["v"] + "/" + kind, CIM + "CIM_FilterCollection",
+                            "<v:%s>%s</v:%s>" % (kind, words, kind), (),
+                            "<v:Identifier>%s</v:Identifier>" % context)
+
+        def event(name):
+            """Returns the next event that contains the text."""
+            while True:
+                body = listener.posts.get(timeout=PATIENCE)[3]
+                document = xml.fromstring(body.encode())
+                self.assertEqual(document.findtext("s:Header/{urn:z}Mark", "", NAMES), "7")
+                if name in body:
+                    return document
+
+        def power(document):
+            return values(document, "PowerState")
+
+        listener, other = Listener(self), Listener(self)
+        answer = ask(subscribe(listener.port, "<v:Expires>PT2H</v:Expires>"))
+        self.assertEqual(values(answer, "Expires"), ["PT7200S"])
+        context = values(answer, "Identifier")[0]
+        self.orrin.type("battery 80")
+        self.assertEqual(values(event("CIM_InstCreation"), "EstimatedChargeRemaining"), ["80"])
+        self.orrin.type("battery 9")
+        self.assertEqual(values(event("CIM_AlertIndication"), "Message"), ["The battery is low."])
+        self.assertEqual(values(event("CIM_InstModification"), "EstimatedChargeRemaining"), ["9"])
+        self.assertIn("127.0.0.1", str(values(ask(envelope(
+            ENUMERATE, CIM + "CIM_ListenerDestination",
+            "<e:Enumerate><w:OptimizeEnumeration/></e:Enumerate>")), "Destination")))
+        # The host's service ends, and another one starts.
+        service = self.processes.pop()
+        service.end()
+        os.unlink(service.out)
+        count, bound = (self.log().count(line) for line in ("so subscribing to " + HOST, BOUND))
+        self.start_service(ready=None)
+        self.logged("so subscribing to " + HOST, count + 1)
+        self.assertEqual(values(event("CIM_AlertIndication"), "MessageID")[1:], ["ORRIN1"])
+        self.assertEqual([power(event("PowerState")) for _ in range(2)], [["8"], ["2"]])
+        self.logged(BOUND, bound + 1)
+        self.assertEqual(fault(subscribe(other.port)), ("wsman:QuotaLimit", ""))
+        self.assertEqual(values(ask(manage("Renew", context, "<v:Expires>P9D</v:Expires>")), "Expires"),
+                         ["PT86400S"])
+        for words, expected in (("<v:Expires>x</v:Expires>", "wse:InvalidExpirationTime"),
+                                ("<v:Expires>PT0S</v:Expires>", "wse:InvalidExpirationTime"),
+                                ("<v:Expires>2030-01-01T00:00:00Z</v:Expires>",
+                                 "wse:UnsupportedExpirationType"),
+                                ("<v:Filter>x</v:Filter>", "wse:FilteringNotSupported")):
+            self.assertEqual(fault(subscribe(listener.port, words))[0], expected)
+        for url in ("ftp://a/", "http://", "http://a:0/", "http://a:x/", "http://u@a/", "http://a/ b",
+                    "http://" + "a" * 1024):
+            self.assertEqual(fault(subscribe(0, url=url))[0], "wsman:EventDeliverToUnusable", url)
+        self.assertEqual(fault(subscribe(1, filter_id="x"))[0], "wsa:DestinationUnreachable")
+        self.assertEqual(fault(manage("Renew", "uuid:none"))[0], "wse:UnableToRenew")
+        self.assertEqual(fault(manage("Unsubscribe", "uuid:none"))[0], "wse:InvalidMessage")
+        unsubscribed = self.log().count("so unsubscribing")
+        ask(manage("Unsubscribe", context))
+        self.logged("so unsubscribing", unsubscribed + 1)
+        ask(subscribe(other.port, "<v:Expires>PT1S</v:Expires>", "orrin:alerts"))
+        self.logged("so unsubscribing", unsubscribed + 2)  # it has expired
+        self.assertTrue(other.posts.empty())
 
     def test_damaged_requests_get_the_faults_of_the_standard(self):
         here = CIM + "CIM_ComputerSystem"

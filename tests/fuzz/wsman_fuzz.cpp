@@ -16,8 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static orrin::WsmanClock::time_point now{};
   now += std::chrono::seconds(1);  // so that contexts expire
   const orrin::Inventory nothingReported;
-  const orrin::WsmanAnswer answer = service.Answer(
-      std::string_view(reinterpret_cast<const char*>(data), size), nothingReported, "2.4.1.0", now);
+  const orrin::WsmanAnswer answer =
+      service.Answer(std::string_view(reinterpret_cast<const char*>(data), size), nothingReported,
+                     {"2.4.1.0", true}, now);
   std::string problem;
   if (orrin::ParseDocument(answer.envelope, &problem) == nullptr) std::abort();
   return 0;

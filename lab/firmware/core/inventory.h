@@ -17,6 +17,7 @@ struct Reports {
   std::uint64_t ip = 0;
   std::uint64_t networkStatus = 0;
   std::uint64_t userPresence = 0;
+  bool operator==(const Reports&) const = default;
 };
 
 struct Inventory {

@@ -26,7 +26,7 @@ HttpResponse EchoPage(HttpRequest& request, const PageFacts&) {
 
 HttpResponse WsmanPage(HttpRequest& request, const PageFacts& facts) {
   WsmanAnswer answer =
-      facts.wsman.Answer(request.body, facts.inventory, facts.version, WsmanClock::now());
+      facts.wsman.Answer(request.body, facts.inventory, facts.firmware, WsmanClock::now());
   HttpResponse response;
   response.status = answer.status;
   response.contentType = "application/soap+xml;charset=UTF-8";

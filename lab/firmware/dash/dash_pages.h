@@ -16,7 +16,7 @@ constexpr std::uint64_t kMaxPattern = std::uint64_t{64} << 20;
 // What the pages show. All outlive the session.
 struct PageFacts {
   const Inventory& inventory;
-  const std::string& version;
+  const FirmwareView& firmware;
   WsmanService& wsman;
 };
 

@@ -168,8 +168,18 @@ constexpr ProfileRow kProfiles[] = {
     {"orrin:DSP1027", "Power State Management", "2.0.0"},
     {"orrin:DSP1029", "OS Status", "1.1.0"},
     {"orrin:DSP1035", "Host LAN Network Port", "1.0.2"},
+    {"orrin:DSP1054", "Indications", "1.2.2"},
     {"orrin:DSP1076", "KVM Redirection", "1.0.0"},
 };
+
+void ShowFilters(Repository* repository) {
+  for (const FilterRow& row : kFilters)
+    repository->Put(Builder("CIM_FilterCollection")
+                        .Set(u"InstanceID", row.id)
+                        .Set(u"CollectionName", row.id)
+                        .Set(u"ElementName", row.name)
+                        .Take());
+}
 
 void ShowProfiles(Repository* repository) {
   for (const ProfileRow& row : kProfiles)
@@ -203,8 +213,8 @@ Object Chassis(const std::string& system) {
 }
 
 Object Battery(std::uint16_t percent, const std::string& system) {
-  constexpr std::uint16_t kFull = 100, kLow = 10;
-  const char* const status = percent >= kFull ? "2" : percent <= kLow ? "3" : "1";
+  constexpr std::uint16_t kFull = 100;
+  const char* const status = percent >= kFull ? "2" : percent <= kLowBattery ? "3" : "1";
   return Builder("CIM_Battery")
       .OfSystem("CIM_Battery", system)
       .Set(u"DeviceID", "battery0")
@@ -236,6 +246,7 @@ void ShowHost(const Inventory& inventory, const FirmwareView& firmware, Reposito
   repository->Put(Chassis(system));
   ShowServices(firmware, system, key.get(), repository);
   ShowProfiles(repository);
+  ShowFilters(repository);
   repository->Put(Software("orrin:firmware", "Management firmware", firmware.version));
   if (inventory.os) {
     repository->RemoveClass(u"CIM_OperatingSystem");  // its name may have changed
@@ -250,6 +261,27 @@ void ShowHost(const Inventory& inventory, const FirmwareView& firmware, Reposito
   if (inventory.ip) repository->Put(Endpoint(*inventory.ip, inventory, system));
   if (!firmware.batteryPercent) return repository->RemoveClass(u"CIM_Battery");
   repository->Put(Battery(*firmware.batteryPercent, system));
+}
+
+void ShowSubscription(const std::optional<SubscriptionView>& subscription, Repository* repository) {
+  repository->RemoveClass(u"CIM_FilterCollectionSubscription");
+  repository->RemoveClass(u"CIM_ListenerDestinationWSManagement");
+  if (!subscription) return;
+  constexpr char kListener[] = "CIM_ListenerDestinationWSManagement";
+  Object listener = Builder(kListener)
+                        .OfSystem(kListener, SystemName({}, *repository))
+                        .Set(u"Name", subscription->id)
+                        .Set(u"Destination", subscription->destination)
+                        .Take();
+  const Object filter =
+      Builder("CIM_FilterCollection").Set(u"InstanceID", subscription->filter).Take();
+  repository->Put(Builder("CIM_FilterCollectionSubscription")
+                      .Refer(u"Filter", filter.get())
+                      .Refer(u"Handler", listener.get())
+                      .Set(u"SubscriptionStartTime", subscription->start)
+                      .Set(u"SubscriptionDuration", std::to_string(subscription->seconds))
+                      .Take());
+  repository->Put(std::move(listener));
 }
 
 }  // namespace orrin

@@ -91,6 +91,15 @@ std::vector<Instance*> Repository::OfClass(const ClassDef& def) const {
   return found;
 }
 
+Repository Repository::Copy() const {
+  Repository copy;
+  for (const Object& object : objects_) {
+    Object one = CopyObject(object.get());
+    if (one != nullptr) copy.objects_.push_back(std::move(one));
+  }
+  return copy;
+}
+
 std::string Repository::Packed() const {
   std::string bytes;
   for (const Object& object : objects_) {

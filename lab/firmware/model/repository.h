@@ -34,6 +34,9 @@ class Repository {
   // Returns the instances of the class and its subclasses, valid until the next change.
   std::vector<cim::Instance*> OfClass(const cim::ClassDef& def) const;
   std::size_t Count() const { return objects_.size(); }
+  // Returns a deep copy. What finds no memory is missing in it.
+  Repository Copy() const;
+  const std::vector<Object>& All() const { return objects_; }
 
   // Returns the file's bytes. Returns an empty text if memory is short.
   std::string Packed() const;

@@ -76,7 +76,7 @@ bool SetProvisioning(CommandContext& context, std::string_view arguments) {
 
 bool SetVersion(CommandContext& context, std::string_view arguments) {
   if (arguments.size() > kMaxVersion) return false;
-  context.firmware.Facts().version = Printable(arguments, kMaxVersion);
+  context.firmware.Facts().view.version = Printable(arguments, kMaxVersion);
   return true;
 }
 
@@ -84,6 +84,17 @@ bool SetKvmStatus(CommandContext& context, std::string_view arguments) {
   const auto value = ParseNumber(arguments, UINT32_MAX);
   if (value) context.firmware.Facts().kvmStatus = static_cast<std::uint32_t>(*value);
   return value.has_value();
+}
+
+bool SetBattery(CommandContext& context, std::string_view arguments) {
+  constexpr std::uint64_t kFull = 100;
+  const auto percent = ParseNumber(arguments, kFull);
+  if (percent) {
+    context.firmware.SetBattery(static_cast<std::uint16_t>(*percent));
+  } else if (arguments == "none") {
+    context.firmware.SetBattery(std::nullopt);
+  }
+  return percent || arguments == "none";
 }
 
 bool SetStatus(CommandContext& context, std::string_view arguments) {
@@ -234,6 +245,7 @@ constexpr Command kCommands[] = {
     {"provision", "on|off", "whether DASH provisioning is complete", SetProvisioning},
     {"version", "TEXT", "the firmware's version text, at most 63 bytes", SetVersion},
     {"kvmstatus", "N", "KVMStatus of GetTavrinVersion", SetKvmStatus},
+    {"battery", "PERCENT|none", "the host's battery, as consoles see it", SetBattery},
     {"status", "N", "the byte of GetOrrinStatus", SetStatus},
     {"silence", "[NAME] on|off", "holds requests unanswered; off answers them", SetSilence},
     {"fail", "NAME|all CODE [COUNT]", "requests end with a Windows error; 0 removes it",

@@ -56,12 +56,6 @@ bool ReadOptions(int count, char** words, Options* options) {
   return !(isNamed && options->tcpPort);
 }
 
-// Returns the sooner of two poll times, where -1 is never.
-int Sooner(int one, int other) {
-  if (one < 0 || other < 0) return std::max(one, other);
-  return std::min(one, other);
-}
-
 class Simulator {
  public:
   // Reads commands from `input` and writes events to `output`. The caller owns both.

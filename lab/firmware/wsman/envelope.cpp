@@ -37,6 +37,9 @@ void ReadResourceUri(const xmlNode* header, Envelope* envelope) {
 void ReadSelectors(const xmlNode* header, Envelope* envelope) {
   envelope->selectors = SelectorsIn(header);
 }
+void ReadSubscription(const xmlNode* header, Envelope* envelope) {
+  envelope->subscription = ShortText(header, kMaxMessageId);
+}
 
 void ReadMaxEnvelopeSize(const xmlNode* header, Envelope* envelope) {
   const auto size = ParseNumber(TextOf(header), UINT32_MAX);
@@ -86,6 +89,7 @@ constexpr HeaderRow kHeaders[] = {
     {uri::kWsman, "MaxEnvelopeSize", ReadMaxEnvelopeSize},
     {uri::kWsman, "OperationTimeout", CheckOperationTimeout},
     {uri::kWsman, "FragmentTransfer", RefuseFragments},
+    {uri::kEventing, "Identifier", ReadSubscription},
 };
 
 bool MustBeUnderstood(const xmlNode* header) {
@@ -182,6 +186,7 @@ std::string AnswerEnvelope(const Envelope& request, std::string_view action,
       .With("xmlns:wsa", uri::kAddressing)
       .With("xmlns:wsman", uri::kWsman)
       .With("xmlns:wsen", uri::kEnumeration)
+      .With("xmlns:wse", uri::kEventing)
       .With("xmlns:cim", uri::kCimCommon)
       .With("xmlns:xsi", uri::kXmlSchemaInstance);
   if (request.isIdentify) {

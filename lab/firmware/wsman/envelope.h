@@ -29,6 +29,7 @@ struct Envelope {
   Document document;
   bool isIdentify = false;  // has no headers
   std::string action, messageId, resourceUri;
+  std::string subscription;  // the identifier of the one that the request is for, or empty
   std::vector<Selector> selectors;
   std::size_t mostBytes = kMostOfAnAnswer;  // of the answer
   const xmlNode* body = nullptr;            // the first element in the body, or null

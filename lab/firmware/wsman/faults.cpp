@@ -9,6 +9,7 @@ namespace {
 constexpr char kAddressingFault[] = "http://schemas.xmlsoap.org/ws/2004/08/addressing/fault";
 constexpr char kWsmanFault[] = "http://schemas.dmtf.org/wbem/wsman/1/wsman/fault";
 constexpr char kEnumerationFault[] = "http://schemas.xmlsoap.org/ws/2004/09/enumeration/fault";
+constexpr char kEventingFault[] = "http://schemas.xmlsoap.org/ws/2004/08/eventing/fault";
 constexpr char kSender[] = "s:Sender", kReceiver[] = "s:Receiver";
 
 // In the order of FaultCode. The reasons are ours; the standards leave them open.
@@ -41,8 +42,21 @@ constexpr std::array kKinds = {
               "The firmware has no filter of this dialect.", 400},
     FaultKind{kReceiver, "wsen:InvalidEnumerationContext", kEnumerationFault,
               "The enumeration context is unknown or has expired.", 500},
+    FaultKind{kSender, "wsman:EventDeliverToUnusable", kWsmanFault,
+              "Events cannot be delivered to this address.", 400},
+    FaultKind{kSender, "wse:InvalidExpirationTime", kEventingFault,
+              "The expiration time is not valid.", 400},
+    FaultKind{kSender, "wse:UnsupportedExpirationType", kEventingFault,
+              "Only durations are offered as expiration times.", 400},
+    FaultKind{kSender, "wse:DeliveryModeRequestedUnavailable", kEventingFault,
+              "Only push delivery is offered.", 400},
+    FaultKind{kSender, "wse:FilteringNotSupported", kEventingFault,
+              "The events of a class or a filter collection cannot be filtered further.", 400},
+    FaultKind{kSender, "wse:InvalidMessage", kEventingFault, "The subscription is unknown.", 400},
+    FaultKind{kReceiver, "wse:UnableToRenew", kEventingFault,
+              "The subscription is unknown or has ended.", 500},
 };
-static_assert(kKinds.size() == static_cast<std::size_t>(FaultCode::kInvalidContext) + 1);
+static_assert(kKinds.size() == static_cast<std::size_t>(FaultCode::kUnableToRenew) + 1);
 
 }  // namespace
 

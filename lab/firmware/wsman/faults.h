@@ -1,4 +1,4 @@
-// The faults of SOAP 1.2, WS-Addressing, WS-Enumeration and WS-Management (DSP0226,
+// The faults of SOAP 1.2, WS-Addressing, WS-Enumeration, WS-Eventing and WS-Management (DSP0226,
 // clause 14) that the firmware answers with.
 #pragma once
 
@@ -22,6 +22,13 @@ enum class FaultCode {
   kCannotProcessFilter,
   kFilterDialectUnavailable,
   kInvalidContext,
+  kEventDeliverToUnusable,
+  kInvalidExpiration,
+  kUnsupportedExpirationType,
+  kDeliveryModeUnavailable,
+  kFilteringUnsupported,
+  kInvalidMessage,
+  kUnableToRenew,
 };
 
 // A request that cannot be carried out. Thrown by the handlers of requests, and caught in one

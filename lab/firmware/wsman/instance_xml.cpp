@@ -31,8 +31,20 @@ void WriteScalar(const Property& p, const std::string& element, const std::strin
   writer->Element(text.starts_with('P') ? "cim:Interval" : "cim:Datetime", text).End();
 }
 
-void WriteProperty(const Instance* owner, const Property& p, XmlWriter* writer) {
-  const std::string element = "p:" + ShownName(p.name);
+void WriteProperty(const Instance* owner, const Property& p, const char* prefix, XmlWriter* writer);
+
+// Writes the properties that are not null: an event has little room.
+void WriteEmbedded(const Instance* instance, const std::string& element, XmlWriter* writer) {
+  writer->Begin(element).With("xmlns:e", UriOf(instance->def));
+  writer->With("xsi:type", "e:" + Utf8(instance->def->name) + "_Type");
+  for (const Property& p : PropertiesOf(instance))
+    if (!p.IsNull()) WriteProperty(instance, p, "e:", writer);
+  writer->End();
+}
+
+void WriteProperty(const Instance* owner, const Property& p, const char* prefix,
+                   XmlWriter* writer) {
+  const std::string element = prefix + ShownName(p.name);
   if (p.IsNull()) {
     writer->Begin(element).With("xsi:nil", "true").End();
   } else if (p.type == CIM_REFERENCE) {
@@ -41,6 +53,8 @@ void WriteProperty(const Instance* owner, const Property& p, XmlWriter* writer) 
     writer->End();
   } else if (p.type == CIM_UINT8A && HasQualifier(owner->def, p.name, u"OctetString")) {
     writer->Element(element, OctetText(p.value.array));
+  } else if (p.type == CIM_INSTANCE) {
+    WriteEmbedded(p.value.instance, element, writer);
   } else if (!CimType_HoldsInstances(p.type)) {
     for (const std::string& text : TextsOf(p)) WriteScalar(p, element, text, writer);
   }
@@ -110,7 +124,7 @@ void WriteInstance(const Instance* instance, const std::string& name, const std:
   writer->Begin("p:" + name).With("xmlns:p", uri);
   for (const Property& p : PropertiesOf(instance)) {
     if (only == nullptr || ClassDef_GetProperty(only, p.name) != nullptr)
-      WriteProperty(instance, p, writer);
+      WriteProperty(instance, p, "p:", writer);
   }
   writer->End();
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
 #include "lab/firmware/model/host_model.h"
 #include "lab/firmware/wsman/instance_xml.h"
@@ -16,7 +17,7 @@ using namespace stewardry::cim;
 // `body`, and its action where that is not the request's with "Response".
 struct WsmanRequest {
   WsmanService& service;
-  const std::string& version;
+  const FirmwareView& firmware;
   WsmanClock::time_point now;
   Envelope envelope{};
   std::string body{}, action{};
@@ -24,18 +25,31 @@ struct WsmanRequest {
 
   Repository& Objects() const { return service.repository_; }
   EnumerationContexts& Contexts() const { return service.contexts_; }
+  Subscription* Subscribed() const {
+    return service.subscription_ ? &*service.subscription_ : nullptr;
+  }
+  void Subscribe(Subscription made) const { service.Subscribe(std::move(made)); }
+  void MarkChange() const { service.hasChanged_ = true; }
+  void ShowSubscribed() const { service.ShowSubscribed(); }
+  void EndSubscription() const { service.EndSubscription(); }
+  bool IsForSubscription() const {
+    return service.subscription_ && service.subscription_->id == envelope.subscription;
+  }
 };
 
 namespace {
 
 constexpr std::size_t kHeadRoom = 2048;  // of an answer's envelope around its items
+// What is kept for a host that is away. The oldest are dropped.
+constexpr std::size_t kMostCommands = 64;
+constexpr std::int64_t kMostWait = 60'000;  // milliseconds
 
 void Identify(WsmanRequest* request) {
   XmlWriter writer;
   writer.Begin("i:IdentifyResponse").With("xmlns:i", uri::kIdentity);
   writer.Element("i:ProtocolVersion", uri::kWsman)
       .Element("i:ProductVendor", "Corvane")
-      .Element("i:ProductVersion", request->version)
+      .Element("i:ProductVersion", request->firmware.version)
       .End();
   request->body = writer.Written();
 }
@@ -75,6 +89,7 @@ void Put(WsmanRequest* request) {
         stewardry::RESULT_OK)
       throw Fault{FaultCode::kInternalError};
   }
+  request->MarkChange();
   AnswerInstance(target, request);
 }
 
@@ -225,6 +240,26 @@ void Release(WsmanRequest* request) {
   (void)request->Contexts().Take(ContextName(*request), request->now);
 }
 
+// --- subscriptions ---
+
+void Subscribe(WsmanRequest* request) {
+  request->Subscribe(ReadSubscribe(request->envelope, request->now));
+  request->body = SubscribeAnswer(*request->Subscribed());
+}
+
+void Renew(WsmanRequest* request) {
+  const std::chrono::seconds asked = ReadExpires(request->envelope.body);
+  if (!request->IsForSubscription()) throw Fault{FaultCode::kUnableToRenew};
+  request->Subscribed()->Extend(asked, request->now);
+  request->ShowSubscribed();
+  request->body = RenewAnswer(*request->Subscribed());
+}
+
+void Unsubscribe(WsmanRequest* request) {
+  if (!request->IsForSubscription()) throw Fault{FaultCode::kInvalidMessage};
+  request->EndSubscription();
+}
+
 // --- methods ---
 
 void Invoke(WsmanRequest* request, const std::string& methodName) {
@@ -267,6 +302,9 @@ constexpr ActionRow kActions[] = {
     {uri::kEnumeration, "/Enumerate", Enumerate},
     {uri::kEnumeration, "/Pull", Pull},
     {uri::kEnumeration, "/Release", Release},
+    {uri::kEventing, "/Subscribe", Subscribe},
+    {uri::kEventing, "/Renew", Renew},
+    {uri::kEventing, "/Unsubscribe", Unsubscribe},
     {uri::kIntrinsic, "/EnumerateClassNames", EnumerateClassNames},
 };
 
@@ -284,14 +322,12 @@ void Run(WsmanRequest* request) {
 }  // namespace
 
 WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inventory,
-                                 const std::string& version, WsmanClock::time_point now) {
-  WsmanRequest request{*this, version, now};
+                                 const FirmwareView& firmware, WsmanClock::time_point now) {
+  WsmanRequest request{*this, firmware, now};
   WsmanAnswer answer;
-  hasChanged_ = true;
   try {
     ReadEnvelope(envelope, &request.envelope);
-    // A request comes through the host, so there is one.
-    ShowHost(inventory, {version, true, isKvmEnabled_, {}}, &repository_);
+    Observe(inventory, firmware, now);
     Run(&request);
     answer.envelope = AnswerEnvelope(request.envelope, request.action, request.body);
     if (answer.envelope.size() > request.envelope.mostBytes)
@@ -305,6 +341,85 @@ WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inv
   }
   answer.note = " " + Printable(request.envelope.action, 200) + answer.note;
   return answer;
+}
+
+// --- the subscription and its events ---
+
+void WsmanService::Subscribe(Subscription subscription) {
+  if (subscription_ && subscription_->destination != subscription.destination)
+    throw Fault{FaultCode::kQuotaLimit, "", "The host posts to one listener, which is another."};
+  subscription_ = std::move(subscription);
+  ShowSubscribed();
+  SendSubscription();
+}
+
+void WsmanService::EndSubscription() {
+  subscription_.reset();
+  ShowSubscribed();
+  commands_.clear();
+  SendSubscription();
+}
+
+void WsmanService::ShowSubscribed() {
+  ShowSubscription(subscription_ ? std::optional(subscription_->View()) : std::nullopt,
+                   &repository_);
+  hasChanged_ = true;
+}
+
+// An empty record cancels.
+void WsmanService::SendSubscription() {
+  commands_.push_back({kIndicationSubscribe,
+                       BytesOf(subscription_ ? subscription_->record : SubscriptionRecord{})});
+}
+
+void WsmanService::Observe(const Inventory& inventory, const FirmwareView& firmware,
+                           WsmanClock::time_point now) {
+  if (subscription_ && subscription_->expires <= now) EndSubscription();
+  if (shownReports_ == inventory.reports && shownView_ == firmware) return;
+  const Repository before = subscription_ ? repository_.Copy() : Repository();
+  ShowHost(inventory, firmware, &repository_);
+  if (!shownReports_) ShowSubscribed();  // removes what a file says of an earlier one
+  shownReports_ = inventory.reports;
+  shownView_ = firmware;
+  hasChanged_ = true;
+  if (!subscription_) return;
+  for (const Object& change : ChangesBetween(before, repository_)) AddEvent(change.get());
+}
+
+void WsmanService::Report(Alert alert) {
+  if (!subscription_) return;
+  const auto computers = repository_.OfClass(*FindClass("CIM_ComputerSystem"));
+  const auto name = computers.empty() ? std::nullopt : PropertyOf(computers.front(), u"Name");
+  const Object made = MakeAlert(alert, name && !name->IsNull() ? TextsOf(*name).front() : "");
+  if (made != nullptr) AddEvent(made.get());
+}
+
+void WsmanService::AddEvent(const Instance* indication) {
+  if (!subscription_->Wants(indication->def)) return;
+  const std::string text = EventEnvelope(*subscription_, indication);
+  if (commands_.size() == kMostCommands) commands_.pop_front();
+  commands_.push_back({kIndicationEvent, Bytes(text.begin(), text.end())});
+}
+
+void WsmanService::HandleHostReady() {
+  if (!subscription_) return;
+  std::erase_if(commands_, [](const HostCommand& c) { return c.code == kIndicationSubscribe; });
+  SendSubscription();
+  std::rotate(commands_.begin(), commands_.end() - 1, commands_.end());
+}
+
+std::optional<HostCommand> WsmanService::TakeCommand() {
+  if (commands_.empty()) return std::nullopt;
+  HostCommand command = std::move(commands_.front());
+  commands_.pop_front();
+  return command;
+}
+
+int WsmanService::MillisecondsLeft(WsmanClock::time_point now) const {
+  if (!subscription_) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(subscription_->expires - now).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMostWait));
 }
 
 }  // namespace orrin

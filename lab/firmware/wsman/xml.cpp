@@ -110,6 +110,23 @@ void XmlWriter::CloseTag() {
   isInTag_ = false;
 }
 
+std::string XmlOf(const xmlNode* element) {
+  // A document of its own makes libxml2 declare the name spaces of the ancestors in the copy.
+  const Document document(xmlNewDoc(nullptr));
+  xmlNode* const copy = document == nullptr
+                            ? nullptr
+                            : xmlDocCopyNode(const_cast<xmlNode*>(element), document.get(), 1);
+  if (copy == nullptr) return {};
+  (void)xmlDocSetRootElement(document.get(), copy);
+  xmlBuffer* const buffer = xmlBufferCreate();
+  if (buffer == nullptr) return {};
+  std::string text;
+  if (xmlNodeDump(buffer, document.get(), copy, 0, 0) > 0)
+    text = reinterpret_cast<const char*>(xmlBufferContent(buffer));
+  xmlBufferFree(buffer);
+  return text;
+}
+
 XmlWriter& XmlWriter::Begin(const std::string& name) {
   CloseTag();
   text_.append("<").append(name);

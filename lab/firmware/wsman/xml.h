@@ -36,6 +36,9 @@ std::string TextOf(const xmlNode* element);
 std::optional<std::string> Attribute(const xmlNode* element, const char* nameSpace,
                                      const char* name);
 
+// Returns the element as XML, with the name spaces that its names need.
+std::string XmlOf(const xmlNode* element);
+
 // Writes one fragment of XML. Texts are escaped; characters that XML cannot hold become dots.
 class XmlWriter {
  public:
