@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
 # Builds, and shows the product at work by scripts/stewardry-lab. Without an argument a management
-# console (curl) talks DASH to the firmware (orrin) through the service's port 664; with `kvm` a
+# console (curl) talks DASH to the firmware (orrin) through the service's port 664; with `dash` a
+# console that others wrote (Debian's wsl) asks what it manages, by WS-Management; with `kvm` a
 # viewer sees the firmware's screen through port 22, types and drags. Runs in a network namespace of its own where it may. Exit code 0
 # only if every answer was right. STEWARDRY_BUILD names another folder for the build.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
-readonly show=${1:-dash}
+readonly show=${1:-demo}
 case "$show" in
-  dash) packages=demo targets=(quillonsvc orrin stewardry) ;;
+  demo | dash) packages=$show targets=(quillonsvc orrin stewardry) ;;
   kvm) packages=kvm targets=(quillonsvc orrin KVM_Agent vnc_viewer) ;;
   *)
-    echo "usage: scripts/demo.sh [kvm]" >&2
+    echo "usage: scripts/demo.sh [dash|kvm]" >&2
     exit 2
     ;;
 esac
@@ -30,5 +31,5 @@ words=${targets[*]}
 printf '  %s/bin: %s\n' "$build" "${words// /, }"
 export STEWARDRY_BIN=$PWD/$build/bin
 case "$build" in /*) STEWARDRY_BIN=$build/bin ;; esac
-if [ "$show" = kvm ]; then exec bash scripts/stewardry-lab demo kvm; fi
-exec bash scripts/stewardry-lab demo
+if [ "$show" = demo ]; then exec bash scripts/stewardry-lab demo; fi
+exec bash scripts/stewardry-lab demo "$show"

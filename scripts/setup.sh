@@ -4,7 +4,8 @@
 #   setup.sh quick    only what scripts/test.sh quick needs
 #   setup.sh bench    that, and the peers and tools of the benchmarks
 #   setup.sh demo     only what scripts/demo.sh needs
-#   setup.sh kvm      that, and the viewers of scripts/demo.sh kvm
+#   setup.sh dash     that, and the console of scripts/demo.sh dash
+#   setup.sh kvm      the first, and the viewers of scripts/demo.sh kvm
 set -euo pipefail
 
 build=(cmake ninja-build g++ libssl-dev libcurl4-openssl-dev libcli11-dev nlohmann-json3-dev
@@ -23,10 +24,11 @@ bench=(libbenchmark-dev libevent-dev libuv1-dev libspdlog-dev libfmt-dev libmodp
 case "${1:-}" in
   demo) wanted=("${build[@]}" "${clients[@]}") ;;
   quick) wanted=("${build[@]}" "${clients[@]}" "${unit[@]}") ;;
+  dash) wanted=("${build[@]}" "${clients[@]}" wsl) ;;
   kvm) wanted=("${build[@]}" "${clients[@]}" "${viewers[@]}") ;;
   bench) wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}" "${bench[@]}") ;;
   "") wanted=("${build[@]}" "${clients[@]}" "${checks[@]}" "${windows[@]}") ;;
-  *) echo "usage: setup.sh [quick|bench|demo|kvm]" >&2; exit 2 ;;
+  *) echo "usage: setup.sh [quick|bench|demo|dash|kvm]" >&2; exit 2 ;;
 esac
 
 missing=()
