@@ -62,7 +62,7 @@ ARROWS = {
                           "cim/text cim/memory sock platform text",
     "lab/firmware/wsman": "lab/firmware/model lab/firmware/core cim/instance cim/value cim/log "
                           "cim/text cim/memory sock platform text",
-    "lab/firmware/dash": "lab/firmware/wsman lab/firmware/core text",
+    "lab/firmware/dash": "lab/firmware/wsman lab/firmware/model lab/firmware/core cim/text text",
     "lab/firmware/kvm": "lab/firmware/core text",
     "lab/firmware": "lab/firmware/kvm lab/firmware/dash lab/firmware/wsman lab/firmware/model "
                     "lab/firmware/core text",

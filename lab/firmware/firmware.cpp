@@ -385,6 +385,7 @@ void Firmware::SetBattery(std::optional<std::uint16_t> percent) {
 
 const Inventory& Firmware::Reported() const { return state_->context.inventory; }
 WsmanService& Firmware::Wsman() { return state_->context.wsman; }
+HttpUsers& Firmware::Users() { return state_->context.users; }
 KvmConsole& Firmware::Kvm() { return state_->context.kvm; }
 
 void Firmware::SendCommandFrame(std::uint8_t code, ByteView payload) {

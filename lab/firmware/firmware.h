@@ -15,6 +15,7 @@
 #include "lab/firmware/core/link.h"
 #include "lab/firmware/core/operations.h"
 #include "lab/firmware/core/trace.h"
+#include "lab/firmware/dash/http_users.h"
 #include "lab/firmware/dash/tls_context.h"
 #include "lab/firmware/kvm/kvm_console.h"
 #include "lab/firmware/model/host_model.h"
@@ -64,6 +65,7 @@ class Firmware {
   const Inventory& Reported() const;
   KvmConsole& Kvm();
   WsmanService& Wsman();
+  HttpUsers& Users();
   // Sends a command to the host. Without a mailbox end, or with a payload too long for a frame,
   // adds a line to the trace instead.
   void SendCommandFrame(std::uint8_t code, ByteView payload);

@@ -101,7 +101,7 @@ void BeginDash(ActionContext& context) {
   EndDash(context, "another connection replaces it");
   context.fromPeer = context.toPeer = TlsRecordWatch();
   context.dash = std::make_unique<DashSession>(
-      context.tls, PageFacts{context.inventory, context.facts.view, context.wsman},
+      context.tls, PageFacts{context.inventory, context.facts.view, context.wsman, context.users},
       context.dashOutput);
 }
 

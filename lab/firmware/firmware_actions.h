@@ -28,6 +28,7 @@ struct ActionContext {
   FirmwareFacts facts;
   Inventory inventory;
   WsmanService wsman;
+  HttpUsers users;
   std::unique_ptr<DashSession> dash;  // of the connection announced last for port 664
   TlsRecordWatch fromPeer;
   TlsRecordWatch toPeer;

@@ -1,5 +1,6 @@
 # WS-Management through port 664: Debian's wsl, a client of its own, and envelopes of every kind of
 # damage. The answers show the host as it has reported itself.
+import hashlib
 import os
 import pathlib
 import re
@@ -68,10 +69,11 @@ def computer_keys():
 class Console(LabTest):
     addressed = ("CIM_IPProtocolEndpoint", "192.0.2.10")  # a class, and what its instance has
 
-    def wsl(self, *words):
+    def wsl(self, *words, **more):
         """Returns what one of wsl's commands has got as its answer."""
         environment = dict(os.environ, HOME=self.folder, WSENDPOINT="%s:%d" % (HOST, PORT),
                            WSUSER="x", WSPASS="x", IPINTERACTIVE="n", WSDONTASK="y", OUTLEVEL="1")
+        environment |= more
         done = subprocess.run(words, cwd=self.folder, env=environment, check=False,
                               capture_output=True, stdin=subprocess.DEVNULL)
         names = [self.path(name) for name in os.listdir(self.folder) if name.startswith("response-")]
@@ -103,7 +105,9 @@ class Console(LabTest):
         self.logged("Reboot initiated")
 
 
-class Wsman(LabTest):
+class Wsman(Console):
+    test_a_console_identifies_enumerates_gets_and_invokes = None
+
     def setUp(self):
         super().setUp()
         self.restart()
@@ -267,6 +271,50 @@ class Wsman(LabTest):
         ask(subscribe(other.port, "<v:Expires>PT1S</v:Expires>", "orrin:alerts"))
         self.logged("so unsubscribing", unsubscribed + 2)  # it has expired
         self.assertTrue(other.posts.empty())
+
+    def test_users_prove_themselves_and_an_operator_only_reads(self):
+        place = (CIM + "CIM_ComputerSystem", self.keys)
+        get, owner = envelope(GET, place[0], "", place[1]), "<p:PrimaryOwnerName>Ann</p:PrimaryOwnerName>"
+        put = envelope(PUT, place[0], '<p:x xmlns:p="%s">%s</p:x>' % (place[0], owner), place[1])
+
+        def status(text, *words):
+            return int(curl("/wsman", "--no-fail", "-o", self.path("body"), "-D", self.path("head"),
+                            "-w", "%{http_code}", *words, data=text.encode()))
+
+        self.orrin.execute("user ann secret", "user bob weak operator")
+        for way in ("--basic", "--digest", "--anyauth"):
+            for user, text, expected in (("ann:secret", put, 200), ("bob:weak", get, 200),
+                                         ("bob:weak", put, 403), ("ann:wrong", get, 401),
+                                         ("eve:secret", get, 401), ("ann:", get, 401)):
+                self.assertEqual(status(text, way, "--user", user), expected, (way, user))
+        self.assertEqual(status(get), 401)
+        self.assertIn("2.4.1.0", self.wsl("wslid", "check", WSUSER="bob", WSPASS="weak"))
+        challenges = re.findall('algorithm=(.*?), nonce="(.*?)"', self.read(self.path("head")))
+        self.assertEqual([name for name, _ in challenges], ["SHA-256", "MD5"])
+
+        def digest(name, nonce, count, response=None):
+            def hashed(text):
+                return hashlib.new(name.replace("-", ""), text.encode()).hexdigest()
+            fields = dict(username="ann", realm="orrin", nonce=nonce, uri="/wsman", algorithm=name,
+                          qop="auth", nc="%08x" % count, cnonce="c")
+            fields["response"] = response or hashed("%s:%s:%08x:c:auth:%s" % (
+                hashed("ann:orrin:secret"), nonce, count, hashed("POST:/wsman")))
+            return "Authorization: Digest " + ", ".join('%s="%s"' % row for row in fields.items())
+
+        for name, nonce in challenges:
+            for header, expected, stale in (
+                    (digest(name, nonce, 1), 200, 0), (digest(name, nonce, 1), 401, 2),
+                    (digest(name, nonce, 3), 200, 0), (digest(name, nonce, 2), 401, 2),
+                    (digest(name, nonce, 4, "0" * 32), 401, 0),
+                    (digest(name, nonce[:-1] + "x", 5), 401, 2), (digest(name, "", 6), 401, 2),
+                    (digest(name, nonce, 7) + ', nc="1"', 401, 0),
+                    (digest(name, nonce, 8)[:-1], 401, 0), ("Authorization: Digest", 401, 0),
+                    ("Authorization: Basic !", 401, 0), ("Authorization: Odd x", 401, 0)):
+                self.assertEqual(status(get, "-H", header), expected, header)
+                self.assertEqual(self.read(self.path("head")).count("stale=true"), stale, header)
+        self.assertIn("401, a nonce that has expired or was used before", self.orrin.text())
+        self.orrin.execute("nouser ann", "nouser bob")
+        self.assertEqual(status(put), 200)
 
     def test_damaged_requests_get_the_faults_of_the_standard(self):
         here = CIM + "CIM_ComputerSystem"

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const orrin::Inventory nothingReported;
   const orrin::WsmanAnswer answer =
       service.Answer(std::string_view(reinterpret_cast<const char*>(data), size), nothingReported,
-                     {"2.4.1.0", true}, now);
+                     {"2.4.1.0", true}, true, now);
   std::string problem;
   if (orrin::ParseDocument(answer.envelope, &problem) == nullptr) std::abort();
   return 0;

@@ -6,6 +6,7 @@
 #include "lab/firmware/core/inventory.h"
 #include "lab/firmware/dash/http_request.h"
 #include "lab/firmware/dash/http_response.h"
+#include "lab/firmware/dash/http_users.h"
 #include "lab/firmware/wsman/wsman.h"
 
 namespace orrin {
@@ -18,6 +19,7 @@ struct PageFacts {
   const Inventory& inventory;
   const FirmwareView& firmware;
   WsmanService& wsman;
+  HttpUsers& users;
 };
 
 // Returns the answer to a whole request. May move the body out of `request`.

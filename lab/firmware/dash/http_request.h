@@ -1,6 +1,7 @@
 // Reads HTTP/1.1 requests from a byte stream (RFC 9112). Any peer on the network may send it,
 // without a password: every length is bounded before it is used, and a request that two readers
-// could understand differently is refused.
+// could understand differently is refused. It is our own reader: the parser library that Debian 12
+// has is no longer maintained.
 #pragma once
 
 #include <cassert>

@@ -19,6 +19,8 @@ struct Reason {
 constexpr Reason kReasons[] = {
     {200, "OK"},
     {400, "Bad Request"},
+    {401, "Unauthorized"},
+    {403, "Forbidden"},
     {404, "Not Found"},
     {405, "Method Not Allowed"},
     {413, "Content Too Large"},

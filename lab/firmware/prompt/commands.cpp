@@ -86,6 +86,21 @@ bool SetKvmStatus(CommandContext& context, std::string_view arguments) {
   return value.has_value();
 }
 
+bool AddUser(CommandContext& context, std::string_view arguments) {
+  const std::string name(TakeWord(&arguments));
+  const std::string_view password = TakeWord(&arguments);
+  const bool isOperator = arguments == "operator";
+  // Basic ends the name at a colon.
+  if (password.empty() || name.find(':') != std::string::npos) return false;
+  if (!isOperator && !arguments.empty() && arguments != "administrator") return false;
+  context.firmware.Users().Add(name, password, isOperator ? Role::kOperator : Role::kAdministrator);
+  return true;
+}
+
+bool RemoveUser(CommandContext& context, std::string_view arguments) {
+  return context.firmware.Users().Remove(std::string(arguments));
+}
+
 bool SetBattery(CommandContext& context, std::string_view arguments) {
   constexpr std::uint64_t kFull = 100;
   const auto percent = ParseNumber(arguments, kFull);
@@ -246,6 +261,9 @@ constexpr Command kCommands[] = {
     {"version", "TEXT", "the firmware's version text, at most 63 bytes", SetVersion},
     {"kvmstatus", "N", "KVMStatus of GetTavrinVersion", SetKvmStatus},
     {"battery", "PERCENT|none", "the host's battery, as consoles see it", SetBattery},
+    {"user", "NAME PASSWORD [administrator|operator]",
+     "a user of the HTTP server; with the first one, everybody else is refused", AddUser},
+    {"nouser", "NAME", "removes a user", RemoveUser},
     {"status", "N", "the byte of GetOrrinStatus", SetStatus},
     {"silence", "[NAME] on|off", "holds requests unanswered; off answers them", SetSilence},
     {"fail", "NAME|all CODE [COUNT]", "requests end with a Windows error; 0 removes it",

@@ -24,6 +24,7 @@ constexpr std::array kKinds = {
               "A header is not valid.", 400},
     FaultKind{"s:MustUnderstand", nullptr, kWsmanFault,
               "A header that must be understood is not understood.", 500},
+    FaultKind{kSender, "wsman:AccessDenied", kWsmanFault, "The user may only read.", 403},
     FaultKind{kSender, "wsman:EncodingLimit", kWsmanFault, "A limit of the envelope is exceeded.",
               400},
     FaultKind{kReceiver, "wsman:InternalError", kWsmanFault, "The firmware failed.", 500},

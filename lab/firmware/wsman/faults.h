@@ -12,6 +12,7 @@ enum class FaultCode {
   kHeaderRequired,
   kInvalidHeader,
   kNotUnderstood,
+  kAccessDenied,
   kEncodingLimit,
   kInternalError,
   kInvalidParameter,

@@ -18,6 +18,7 @@ using namespace stewardry::cim;
 struct WsmanRequest {
   WsmanService& service;
   const FirmwareView& firmware;
+  bool mayChange;
   WsmanClock::time_point now;
   Envelope envelope{};
   std::string body{}, action{};
@@ -294,26 +295,35 @@ void EnumerateClassNames(WsmanRequest* request) {
 struct ActionRow {
   const char* nameSpace;
   const char* name;
+  bool changes;
   void (*run)(WsmanRequest* request);
 };
 constexpr ActionRow kActions[] = {
-    {uri::kTransfer, "/Get", Get},
-    {uri::kTransfer, "/Put", Put},
-    {uri::kEnumeration, "/Enumerate", Enumerate},
-    {uri::kEnumeration, "/Pull", Pull},
-    {uri::kEnumeration, "/Release", Release},
-    {uri::kEventing, "/Subscribe", Subscribe},
-    {uri::kEventing, "/Renew", Renew},
-    {uri::kEventing, "/Unsubscribe", Unsubscribe},
-    {uri::kIntrinsic, "/EnumerateClassNames", EnumerateClassNames},
+    {uri::kTransfer, "/Get", false, Get},
+    {uri::kTransfer, "/Put", true, Put},
+    {uri::kEnumeration, "/Enumerate", false, Enumerate},
+    {uri::kEnumeration, "/Pull", false, Pull},
+    {uri::kEnumeration, "/Release", false, Release},
+    {uri::kEventing, "/Subscribe", true, Subscribe},
+    {uri::kEventing, "/Renew", true, Renew},
+    {uri::kEventing, "/Unsubscribe", true, Unsubscribe},
+    {uri::kIntrinsic, "/EnumerateClassNames", false, EnumerateClassNames},
 };
+
+void RequireChanger(const WsmanRequest& request) {
+  if (!request.mayChange) throw Fault{FaultCode::kAccessDenied};
+}
 
 void Run(WsmanRequest* request) {
   if (request->envelope.isIdentify) return Identify(request);
   const std::string& action = request->envelope.action;
   request->action = action + "Response";
-  for (const ActionRow& row : kActions)
-    if (action == std::string(row.nameSpace) + row.name) return row.run(request);
+  for (const ActionRow& row : kActions) {
+    if (action != std::string(row.nameSpace) + row.name) continue;
+    if (row.changes) RequireChanger(*request);
+    return row.run(request);
+  }
+  RequireChanger(*request);
   const std::string& resource = request->envelope.resourceUri;
   if (!action.starts_with(resource + "/")) throw Fault{FaultCode::kActionNotSupported};
   Invoke(request, action.substr(resource.size() + 1));
@@ -322,8 +332,9 @@ void Run(WsmanRequest* request) {
 }  // namespace
 
 WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inventory,
-                                 const FirmwareView& firmware, WsmanClock::time_point now) {
-  WsmanRequest request{*this, firmware, now};
+                                 const FirmwareView& firmware, bool mayChange,
+                                 WsmanClock::time_point now) {
+  WsmanRequest request{*this, firmware, mayChange, now};
   WsmanAnswer answer;
   try {
     ReadEnvelope(envelope, &request.envelope);

@@ -36,9 +36,10 @@ struct HostCommand {
 // One thread.
 class WsmanService {
  public:
-  // Answers the body of a POST on /wsman. Whatever the bytes are, the result is an envelope.
+  // Answers the body of a POST on /wsman. Whatever the bytes are, the result is an envelope. A user
+  // who may not change anything may identify, get and enumerate.
   WsmanAnswer Answer(std::string_view envelope, const Inventory& inventory,
-                     const FirmwareView& firmware, WsmanClock::time_point now);
+                     const FirmwareView& firmware, bool mayChange, WsmanClock::time_point now);
   // Brings the objects up to date, and makes events of what has changed; ends a subscription that
   // has expired.
   void Observe(const Inventory& inventory, const FirmwareView& firmware,
