@@ -214,8 +214,12 @@ void DashState::HandleNoResult(int sslResult) {
 
 void DashState::Close(const std::string& words) {
   assert(phase != Phase::kClosed);
-  // Queues close_notify. After a failed handshake OpenSSL refuses it and sends its alert alone.
-  if (phase == Phase::kOpen) (void)SSL_shutdown(ssl.get());
+  // Queues close_notify. After a failed handshake OpenSSL refuses it and sends its alert alone. A
+  // peer that has sent its own gets none: it reads no more, and a frame names no connection, so
+  // late bytes could reach the next one.
+  const bool hasPeerClosed =
+      ssl != nullptr && (SSL_get_shutdown(ssl.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+  if (phase == Phase::kOpen && !hasPeerClosed) (void)SSL_shutdown(ssl.get());
   ERR_clear_error();
   FlushCiphertext();
   phase = Phase::kClosed;
