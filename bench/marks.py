@@ -60,6 +60,10 @@ MARKS = (
        (call, 1.0), ("from_chars", 1.2))
       for kind, call in (("uint64", "strtoull"), ("sint32", "strtol"), ("real64", "strtod"),
                          ("real64_long", "strtod"), ("real64_far", "strtod"))),
+    *(("WS-Management, %s" % kind, "us", "less", "wsman/library/" + kind,
+       {"map": "wsman/map/" + kind, "with XML": "wsman/answer/" + kind,
+        "with XML and TLS": "wsman/https/" + kind}, None, ("map", 1.0), None)
+      for kind in ("get", "enumerate")),
     ("1000 objects in a batch", "ns each", "less", "arena/batch",
      {"malloc": "arena/malloc", "obstack": "arena/obstack", "protobuf": "arena/protobuf",
       "pmr": "arena/pmr"}, "arena/floor", ("obstack", 1.0), ("pmr", 1.5)),

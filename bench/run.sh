@@ -38,6 +38,7 @@ micro name_search
 micro base64
 micro text
 micro packing
+micro wsman
 echo "== relay"
 STEWARDRY_BIN=$bin bench/relay/run.sh 7 --json "$out/relay.json"
 STEWARDRY_BIN=$bin bench/relay/run.sh --calls

@@ -20,7 +20,8 @@ IN_UNIT = {"turns": lambda rate: rate / 1e3, "wake": lambda rate: 1e6 / rate,
            "base64": lambda rate: rate / 1e9, "datetime": lambda rate: 1e9 / rate,
            "number": lambda rate: 1e9 / rate, "pack": lambda rate: 1e9 / rate,
            "unpack": lambda rate: 1e9 / rate, "walk": lambda rate: 1e9 / rate,
-           "arena": lambda rate: 1e9 / rate, "message": lambda rate: 1e9 / rate}
+           "arena": lambda rate: 1e9 / rate, "message": lambda rate: 1e9 / rate,
+           "wsman": lambda rate: 1e6 / rate}
 COUNTERS = ("p50_us", "p99_us", "heap_calls")
 # Between two runs a difference below this says nothing.
 TIE = 0.15
