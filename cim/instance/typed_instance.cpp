@@ -49,20 +49,18 @@ Result TypeOfProperty(const Instance* instance, const char16_t* name, std::uint3
 
 // Stores whether the property's definition has the qualifier of octet strings with the value true.
 Result HasOctetQualifier(const Instance* instance, const char16_t* name, bool* has) {
-  ClassObject* object = nullptr;
-  const ClassDef* def = Instance_Body(instance)->def;
-  Result result = Class_FromDef(def, nullptr, nullptr, &object);
+  ClassObject view;
+  Result result = Instance_GetClassView(instance, &view);
   if (result != RESULT_OK) return result;
   QualifierSet qualifiers{};
-  result = Class_ReadProperty(object, name, nullptr, nullptr, nullptr, nullptr, &qualifiers,
-                              nullptr, nullptr);
+  result = Class_ReadProperty(&view, name, nullptr, nullptr, nullptr, nullptr, &qualifiers, nullptr,
+                              nullptr);
   std::uint32_t type = 0;
   CimValue value{};
   *has = result == RESULT_OK &&
          QualifierSet_FindQualifier(&qualifiers, u"Octetstring", &type, nullptr, &value, nullptr) ==
              RESULT_OK &&
          type == CIM_BOOLEAN && value.boolean != 0;
-  (void)Class_Delete(object);  // always succeeds; `qualifiers` and `value` end here
   return result;
 }
 
@@ -161,7 +159,6 @@ Result Instance_SetArrayFromTexts(Instance* instance, const char16_t* name,
   if (result != RESULT_OK) return result;
   if (!CimType_IsArray(type)) return RESULT_TYPE_MISMATCH;
 
-  // The class object is expensive, so it is made only where the qualifier matters.
   if (type == CIM_UINT8A && (textFlags & kTextOctetString) != 0) {
     bool isOctetString = false;
     const Result read = HasOctetQualifier(instance, name, &isOctetString);
