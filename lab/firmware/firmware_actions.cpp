@@ -107,7 +107,10 @@ void BeginDash(ActionContext& context) {
 
 void HandleIp(ActionContext& context, ByteView input) {
   const auto record = Input<IpRecord>(input);
-  if (record.localPort == kDashPort) return BeginDash(context);
+  if (record.localPort == kDashPort) {
+    context.console = record;
+    return BeginDash(context);
+  }
   if (record.localPort == kKvmPort) return context.kvm.Begin();
   context.inventory.ip = record;
   ++context.inventory.reports.ip;

@@ -29,7 +29,8 @@ struct ActionContext {
   Inventory inventory;
   WsmanService wsman;
   HttpUsers users;
-  std::unique_ptr<DashSession> dash;  // of the connection announced last for port 664
+  IpRecord console{};                 // of the connection announced last for port 664
+  std::unique_ptr<DashSession> dash;  // its session
   TlsRecordWatch fromPeer;
   TlsRecordWatch toPeer;
   KvmConsole kvm;

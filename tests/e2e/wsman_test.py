@@ -8,7 +8,7 @@ import subprocess
 import xml.etree.ElementTree as xml
 
 from listener import Listener
-from stewardry_lab import BOUND, HOST, PATIENCE, PORT, LabTest, Orrin, curl, run
+from stewardry_lab import BOUND, HOST, PATIENCE, PORT, LabTest, Orrin, connect, curl, receive, run
 
 NAMES = {"s": "http://www.w3.org/2003/05/soap-envelope",
          "a": "http://schemas.xmlsoap.org/ws/2004/08/addressing",
@@ -198,6 +198,9 @@ class Wsman(Console):
                          ["0"])
         self.orrin.saw("KVM_ENABLE", before)
         self.assertEqual(values(ask(envelope(GET, resource, "", keys)), "EnabledState"), ["2"])
+        self.logged("Bind to port 22 successful")
+        with connect(22) as viewer:
+            self.assertEqual(receive(viewer, 12), b"RFB 003.008\n")
         self.assertEqual(fault(envelope(method, resource, call % "", keys)),
                          ("wsman:InvalidParameter", "MissingValues"))
         self.assertEqual(fault(envelope(resource + "/No", resource, "", keys))[0],

@@ -25,7 +25,7 @@ class DashOutput {
   virtual ~DashOutput() = default;
   // Sends at most kMaxPayload bytes of ciphertext to the peer.
   virtual void SendDashBytes(ByteView bytes) = 0;
-  // Sends a CommandCode without payload.
+  // Sends a CommandCode without payload, and what belongs to it.
   virtual void SendCommand(std::uint8_t code) = 0;
   // Returns true while more bulk output can be queued.
   virtual bool HasRoom() const = 0;
