@@ -76,7 +76,9 @@ start_host() { # start_host N
   local folder=$fleet/$1 process
   running "$folder/service.pid" >/dev/null && return
   stop_host "$1"
-  mkdir -p "$folder" && mkfifo "$folder/prompt" || give_up "no folder $folder can be made"
+  if ! { mkdir -p "$folder" && mkfifo "$folder/prompt"; }; then
+    give_up "no folder $folder can be made"
+  fi
   export STEWARDRY_LAB=$folder
   # The prompt is opened for reading and writing, so it never ends.
   setsid unshare --net --uts "$STEWARDRY_BIN/orrin" <>"$folder/prompt" >"$folder/orrin.txt" 2>&1 &
@@ -103,11 +105,11 @@ END
 
 is_bound() { grep -qs "Bind to port 664 successful" "$fleet/$1"/ProgramData/*/*/tavrinLog.log; }
 
+has_ended() { ! running "$1" >/dev/null; }
 end_process() { # end_process FILE
   local process
   process=$(running "$1") || return 0
   kill "$process"
-  has_ended() { ! running "$1" >/dev/null; }
   wait_until 10 has_ended "$1" || kill -KILL "$process"
 }
 

@@ -157,7 +157,7 @@ void SendEvents(FirmwareState& state) {
   ActionContext& context = state.context;
   context.wsman.Observe(context.inventory, context.facts.view, WsmanClock::now());
   while (state.HasMailbox() && state.reportedArmed && state.HasRoom()) {
-    const auto command = context.wsman.TakeCommand();
+    const auto command = context.wsman.Events().TakeCommand();
     if (!command) return;
     if (command->code == kIndicationEvent && command->payload.size() > kMostOfAnEvent) {
       state.trace.AddNote(Format("an event of %zu bytes is longer than the host takes: dropped",
@@ -215,7 +215,7 @@ bool HandleRead(FirmwareState& state, const LinkMessage&) {
   if (state.readsArmed != kReadsOfService || state.reportedArmed) return true;
   state.reportedArmed = true;
   state.trace.HostToFirmware(Format("ten reads armed (%llu)", Printed(kReadsOfService)));
-  state.context.wsman.HandleHostReady();
+  state.context.wsman.Events().HandleHostReady();
   state.context.wsman.Report(Alert::kHostReady);
   return true;
 }
@@ -377,7 +377,7 @@ void Firmware::Pump() {
 
 int Firmware::MillisecondsLeft() const {
   return Sooner(state_->context.kvm.MillisecondsLeft(),
-                state_->context.wsman.MillisecondsLeft(WsmanClock::now()));
+                state_->context.wsman.Events().MillisecondsLeft(WsmanClock::now()));
 }
 
 FirmwareFacts& Firmware::Facts() { return state_->context.facts; }

@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       server.wsman.Answer(bytes, server.nothingReported, server.view, true, server.now);
   std::string problem;
   if (orrin::ParseDocument(answer.envelope, &problem) == nullptr) std::abort();
-  while (server.wsman.TakeCommand()) {
+  while (server.wsman.Events().TakeCommand()) {
   }
   orrin::HttpRequestReader reader;
   (void)reader.Feed(bytes);

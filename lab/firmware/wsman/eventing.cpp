@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "cim/value/datetime.h"
+#include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
 #include "lab/firmware/model/indications.h"
 #include "lab/firmware/wsman/instance_xml.h"
@@ -16,6 +18,9 @@ using namespace stewardry::cim;
 namespace {
 
 constexpr std::size_t kMostOfHeaders = 1024;  // of the listener's reference parameters
+// What is kept for a host that is away. The oldest are dropped.
+constexpr std::size_t kMostCommands = 64;
+constexpr std::int64_t kMostWait = 60'000;  // milliseconds
 constexpr std::uint32_t kHttpPort = 80, kHttpsPort = 443;
 
 [[noreturn]] void RefuseListener(const char* words) {
@@ -170,6 +175,73 @@ std::string EventEnvelope(const Subscription& subscription, const Instance* indi
   WriteInstance(indication, Utf8(indication->def->name), action, nullptr, &writer);
   writer.End().End();
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + writer.Written() + "\n";
+}
+
+const Subscription& EventSource::Begin(Subscription made) {
+  if (subscription_ && subscription_->destination != made.destination)
+    throw Fault{FaultCode::kQuotaLimit, "", "The host posts to one listener, which is another."};
+  subscription_ = std::move(made);
+  commands_.push_back(SubscribeCommand());
+  return *subscription_;
+}
+
+const Subscription& EventSource::Renew(const std::string& id, std::chrono::seconds life,
+                                       WsmanClock::time_point now) {
+  if (!IsFor(id)) throw Fault{FaultCode::kUnableToRenew};
+  subscription_->Extend(life, now);
+  return *subscription_;
+}
+
+void EventSource::End(const std::string& id) {
+  if (!IsFor(id)) throw Fault{FaultCode::kInvalidMessage};
+  Remove();
+}
+
+void EventSource::RemoveExpired(WsmanClock::time_point now) {
+  if (subscription_ && subscription_->expires <= now) Remove();
+}
+
+void EventSource::Remove() {
+  subscription_.reset();
+  commands_.clear();
+  commands_.push_back(SubscribeCommand());
+}
+
+// An empty record cancels.
+HostCommand EventSource::SubscribeCommand() const {
+  return {kIndicationSubscribe,
+          BytesOf(subscription_ ? subscription_->record : SubscriptionRecord{})};
+}
+
+std::optional<SubscriptionView> EventSource::View() const {
+  return subscription_ ? std::optional(subscription_->View()) : std::nullopt;
+}
+
+void EventSource::Add(const Instance* indication) {
+  if (!subscription_ || !subscription_->Wants(indication->def)) return;
+  const std::string text = EventEnvelope(*subscription_, indication);
+  if (commands_.size() == kMostCommands) commands_.pop_front();
+  commands_.push_back({kIndicationEvent, Bytes(text.begin(), text.end())});
+}
+
+void EventSource::HandleHostReady() {
+  if (!subscription_) return;
+  std::erase_if(commands_, [](const HostCommand& c) { return c.code == kIndicationSubscribe; });
+  commands_.push_front(SubscribeCommand());
+}
+
+std::optional<HostCommand> EventSource::TakeCommand() {
+  if (commands_.empty()) return std::nullopt;
+  HostCommand command = std::move(commands_.front());
+  commands_.pop_front();
+  return command;
+}
+
+int EventSource::MillisecondsLeft(WsmanClock::time_point now) const {
+  if (!subscription_) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(subscription_->expires - now).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMostWait));
 }
 
 }  // namespace orrin

@@ -4,6 +4,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <deque>
+#include <optional>
 #include <string>
 
 #include "lab/firmware/core/bytes.h"
@@ -45,5 +48,45 @@ std::string SubscribeAnswer(const Subscription& subscription);
 std::string RenewAnswer(const Subscription& subscription);
 // Returns the envelope that carries an indication to the listener.
 std::string EventEnvelope(const Subscription& subscription, const cim::Instance* indication);
+
+// A firmware command that is to be sent to the host.
+struct HostCommand {
+  std::uint8_t code;
+  Bytes payload;
+};
+
+// The subscription, if there is one, and the commands that it makes for the host, which may be
+// away. One thread.
+class EventSource {
+ public:
+  // Begins a subscription, or replaces that of the same listener. Throws Fault while there is one
+  // of another listener.
+  const Subscription& Begin(Subscription made);
+  // Throw Fault for an unknown identifier.
+  const Subscription& Renew(const std::string& id, std::chrono::seconds life,
+                            WsmanClock::time_point now);
+  void End(const std::string& id);
+  void RemoveExpired(WsmanClock::time_point now);
+
+  // Returns what the objects show of the subscription.
+  std::optional<SubscriptionView> View() const;
+  // Makes an event, if there is a subscriber who wants it.
+  void Add(const cim::Instance* indication);
+
+  // The host's service is ready, for the first time or again: it knows no subscription.
+  void HandleHostReady();
+  // Returns the next command, once the host is ready: a subscription or an event.
+  std::optional<HostCommand> TakeCommand();
+  // Returns the milliseconds until the subscription ends, or -1.
+  int MillisecondsLeft(WsmanClock::time_point now) const;
+
+ private:
+  bool IsFor(const std::string& id) const { return subscription_ && subscription_->id == id; }
+  HostCommand SubscribeCommand() const;
+  void Remove();
+
+  std::optional<Subscription> subscription_;
+  std::deque<HostCommand> commands_;
+};
 
 }  // namespace orrin

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "lab/firmware/core/frames.h"
 #include "lab/firmware/core/text.h"
 #include "lab/firmware/model/host_model.h"
 #include "lab/firmware/wsman/instance_xml.h"
@@ -23,27 +22,16 @@ struct WsmanRequest {
   Envelope envelope{};
   std::string body{}, action{};
   std::optional<std::uint8_t> command{};
+  bool hasWritten = false;
 
   Repository& Objects() const { return service.repository_; }
   EnumerationContexts& Contexts() const { return service.contexts_; }
-  Subscription* Subscribed() const {
-    return service.subscription_ ? &*service.subscription_ : nullptr;
-  }
-  void Subscribe(Subscription made) const { service.Subscribe(std::move(made)); }
-  void MarkChange() const { service.hasChanged_ = true; }
-  void ShowSubscribed() const { service.ShowSubscribed(); }
-  void EndSubscription() const { service.EndSubscription(); }
-  bool IsForSubscription() const {
-    return service.subscription_ && service.subscription_->id == envelope.subscription;
-  }
+  EventSource& Events() const { return service.events_; }
 };
 
 namespace {
 
 constexpr std::size_t kHeadRoom = 2048;  // of an answer's envelope around its items
-// What is kept for a host that is away. The oldest are dropped.
-constexpr std::size_t kMostCommands = 64;
-constexpr std::int64_t kMostWait = 60'000;  // milliseconds
 
 void Identify(WsmanRequest* request) {
   XmlWriter writer;
@@ -90,7 +78,7 @@ void Put(WsmanRequest* request) {
         stewardry::RESULT_OK)
       throw Fault{FaultCode::kInternalError};
   }
-  request->MarkChange();
+  request->hasWritten = true;
   AnswerInstance(target, request);
 }
 
@@ -244,22 +232,17 @@ void Release(WsmanRequest* request) {
 // --- subscriptions ---
 
 void Subscribe(WsmanRequest* request) {
-  request->Subscribe(ReadSubscribe(request->envelope, request->now));
-  request->body = SubscribeAnswer(*request->Subscribed());
+  request->body =
+      SubscribeAnswer(request->Events().Begin(ReadSubscribe(request->envelope, request->now)));
 }
 
 void Renew(WsmanRequest* request) {
-  const std::chrono::seconds asked = ReadExpires(request->envelope.body);
-  if (!request->IsForSubscription()) throw Fault{FaultCode::kUnableToRenew};
-  request->Subscribed()->Extend(asked, request->now);
-  request->ShowSubscribed();
-  request->body = RenewAnswer(*request->Subscribed());
+  const Envelope& envelope = request->envelope;
+  request->body = RenewAnswer(
+      request->Events().Renew(envelope.subscription, ReadExpires(envelope.body), request->now));
 }
 
-void Unsubscribe(WsmanRequest* request) {
-  if (!request->IsForSubscription()) throw Fault{FaultCode::kInvalidMessage};
-  request->EndSubscription();
-}
+void Unsubscribe(WsmanRequest* request) { request->Events().End(request->envelope.subscription); }
 
 // --- methods ---
 
@@ -344,6 +327,7 @@ WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inv
     if (answer.envelope.size() > request.envelope.mostBytes)
       throw Fault{FaultCode::kEncodingLimit, "MaxEnvelopeSizeExceeded"};
     answer.command = request.command;
+    hasChanged_ = hasChanged_ || request.hasWritten;
   } catch (const Fault& fault) {
     const FaultKind& kind = KindOf(fault.code);
     answer.status = kind.httpStatus;
@@ -354,83 +338,31 @@ WsmanAnswer WsmanService::Answer(std::string_view envelope, const Inventory& inv
   return answer;
 }
 
-// --- the subscription and its events ---
-
-void WsmanService::Subscribe(Subscription subscription) {
-  if (subscription_ && subscription_->destination != subscription.destination)
-    throw Fault{FaultCode::kQuotaLimit, "", "The host posts to one listener, which is another."};
-  subscription_ = std::move(subscription);
-  ShowSubscribed();
-  SendSubscription();
-}
-
-void WsmanService::EndSubscription() {
-  subscription_.reset();
-  ShowSubscribed();
-  commands_.clear();
-  SendSubscription();
-}
-
-void WsmanService::ShowSubscribed() {
-  ShowSubscription(subscription_ ? std::optional(subscription_->View()) : std::nullopt,
-                   &repository_);
-  hasChanged_ = true;
-}
-
-// An empty record cancels.
-void WsmanService::SendSubscription() {
-  commands_.push_back({kIndicationSubscribe,
-                       BytesOf(subscription_ ? subscription_->record : SubscriptionRecord{})});
-}
-
 void WsmanService::Observe(const Inventory& inventory, const FirmwareView& firmware,
                            WsmanClock::time_point now) {
-  if (subscription_ && subscription_->expires <= now) EndSubscription();
-  if (shownReports_ == inventory.reports && shownView_ == firmware) return;
-  const Repository before = subscription_ ? repository_.Copy() : Repository();
+  events_.RemoveExpired(now);
+  const auto subscription = events_.View();
+  if (shownReports_ == inventory.reports && shownView_ == firmware &&
+      shownSubscription_ == subscription)
+    return;
+  ShowSubscription(subscription, &repository_);  // is no event for its own subscriber
+  const Repository before = subscription ? repository_.Copy() : Repository();
   ShowHost(inventory, firmware, &repository_);
-  if (!shownReports_) ShowSubscribed();  // removes what a file says of an earlier one
+  ShowSubscription(subscription, &repository_);  // of a host that may have another name now
   shownReports_ = inventory.reports;
   shownView_ = firmware;
+  shownSubscription_ = subscription;
   hasChanged_ = true;
-  if (!subscription_) return;
-  for (const Object& change : ChangesBetween(before, repository_)) AddEvent(change.get());
+  if (!subscription) return;
+  for (const Object& change : ChangesBetween(before, repository_)) events_.Add(change.get());
 }
 
 void WsmanService::Report(Alert alert) {
-  if (!subscription_) return;
+  if (!events_.View()) return;
   const auto computers = repository_.OfClass(*FindClass("CIM_ComputerSystem"));
   const auto name = computers.empty() ? std::nullopt : PropertyOf(computers.front(), u"Name");
   const Object made = MakeAlert(alert, name && !name->IsNull() ? TextsOf(*name).front() : "");
-  if (made != nullptr) AddEvent(made.get());
-}
-
-void WsmanService::AddEvent(const Instance* indication) {
-  if (!subscription_->Wants(indication->def)) return;
-  const std::string text = EventEnvelope(*subscription_, indication);
-  if (commands_.size() == kMostCommands) commands_.pop_front();
-  commands_.push_back({kIndicationEvent, Bytes(text.begin(), text.end())});
-}
-
-void WsmanService::HandleHostReady() {
-  if (!subscription_) return;
-  std::erase_if(commands_, [](const HostCommand& c) { return c.code == kIndicationSubscribe; });
-  SendSubscription();
-  std::rotate(commands_.begin(), commands_.end() - 1, commands_.end());
-}
-
-std::optional<HostCommand> WsmanService::TakeCommand() {
-  if (commands_.empty()) return std::nullopt;
-  HostCommand command = std::move(commands_.front());
-  commands_.pop_front();
-  return command;
-}
-
-int WsmanService::MillisecondsLeft(WsmanClock::time_point now) const {
-  if (!subscription_) return -1;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(subscription_->expires - now).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMostWait));
+  if (made != nullptr) events_.Add(made.get());
 }
 
 }  // namespace orrin

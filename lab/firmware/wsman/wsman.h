@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,12 +26,6 @@ struct WsmanAnswer {
   std::string note;  // for the trace: the action, and the fault if it is one
 };
 
-// A firmware command that is to be sent to the host.
-struct HostCommand {
-  std::uint8_t code;
-  Bytes payload;
-};
-
 // One thread.
 class WsmanService {
  public:
@@ -40,19 +33,13 @@ class WsmanService {
   // who may not change anything may identify, get and enumerate.
   WsmanAnswer Answer(std::string_view envelope, const Inventory& inventory,
                      const FirmwareView& firmware, bool mayChange, WsmanClock::time_point now);
-  // Brings the objects up to date, and makes events of what has changed; ends a subscription that
+  // Brings the objects up to date, and makes events of what has changed. Ends a subscription that
   // has expired.
   void Observe(const Inventory& inventory, const FirmwareView& firmware,
                WsmanClock::time_point now);
-  // Makes an event.
+  // Makes an event of it.
   void Report(Alert alert);
-  // The host's service is ready, for the first time or again: it knows no subscription.
-  void HandleHostReady();
-  // Returns the next command for the host, once it is ready: a subscription or an event.
-  std::optional<HostCommand> TakeCommand();
-  // Returns the milliseconds until the subscription ends, or -1.
-  int MillisecondsLeft(WsmanClock::time_point now) const;
-
+  EventSource& Events() { return events_; }
   Repository& Objects() { return repository_; }
   // Returns true if objects may have changed since the last call.
   bool TakeChange() { return std::exchange(hasChanged_, false); }
@@ -60,19 +47,13 @@ class WsmanService {
  private:
   friend struct WsmanRequest;
 
-  void Subscribe(Subscription subscription);
-  void EndSubscription();
-  void AddEvent(const cim::Instance* indication);
-  void SendSubscription();
-  void ShowSubscribed();
-
   Repository repository_;
   EnumerationContexts contexts_;
-  std::optional<Subscription> subscription_;
-  std::deque<HostCommand> commands_;  // for the host, which may be away
+  EventSource events_;
   // What the objects show now.
   std::optional<Reports> shownReports_;
   FirmwareView shownView_;
+  std::optional<SubscriptionView> shownSubscription_;
   bool hasChanged_ = false;
 };
 
