@@ -7,7 +7,8 @@
 #   scripts/lab.sh list         a table: host, address, process numbers, memory, state
 #   scripts/lab.sh run CMD...   runs a command here once for each host, with WSENDPOINT (ADDRESS:664),
 #                               STEWARDRY_HOST (ADDRESS) and STEWARDRY_LAB (the host's folder) set;
-#                               the exit code is 0 if it was 0 for all
+#                               the exit code is 0 if it was 0 for all. For Debian's wsl, which asks
+#                               for what it is not given, a user and a password are set too
 # Text written to the file `prompt` in a host's folder is typed at its firmware's prompt. Needs root,
 # or a user namespace with a network of its own. STEWARDRY_FLEET names another folder for the files,
 # STEWARDRY_BIN the folder of the programs, which are built if it is not set.
@@ -168,6 +169,7 @@ list() {
 run() {
   [ $# -gt 0 ] || usage
   local number failed=0
+  export WSUSER=${WSUSER:-x} WSPASS=${WSPASS:-x} WSDONTASK=${WSDONTASK:-y} IPINTERACTIVE=${IPINTERACTIVE:-n}
   for number in $(numbers); do
     STEWARDRY_HOST=$(address_of "$number") STEWARDRY_LAB=$fleet/$number \
       WSENDPOINT=$(address_of "$number"):664 "$@" 2>&1 </dev/null | sed "s/^/host-$number  /"

@@ -10,7 +10,6 @@ from stewardry_lab import BIN, run, until
 
 LAB = str(pathlib.Path(__file__).parents[2] / "scripts" / "lab.sh")
 HOSTS, MEMORY = 20, 12  # MiB of a process
-CONSOLE = dict(WSUSER="x", WSPASS="x", IPINTERACTIVE="n", WSDONTASK="y", OUTLEVEL="1")
 
 
 class Fleet(unittest.TestCase):
@@ -18,7 +17,7 @@ class Fleet(unittest.TestCase):
         parent = tempfile.TemporaryDirectory(prefix="stewardry-")
         self.addCleanup(parent.cleanup)
         self.folder = os.path.join(parent.name, "fleet")
-        self.environment = dict(os.environ, STEWARDRY_FLEET=self.folder, STEWARDRY_BIN=BIN, **CONSOLE)
+        self.environment = dict(os.environ, STEWARDRY_FLEET=self.folder, STEWARDRY_BIN=BIN, OUTLEVEL="1")
 
     def lab(self, *words):
         return subprocess.run([LAB, *words], env=self.environment, check=True, text=True,
